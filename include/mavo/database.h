@@ -1,0 +1,81 @@
+// SQLite as the platform's utility library offers it: connections, statements and the columns of a result row.
+//
+// A connection and its statements belong to one thread at a time and must not be used across fork(2).
+#ifndef MAVO_DATABASE_H
+#define MAVO_DATABASE_H
+
+#include <string>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace mavo {
+namespace database {
+
+// One open database file. Rollback journal, synchronous FULL, a busy time-out of 5 seconds.
+class __attribute__((visibility("default"))) Connection {
+public:
+    // Opens `path` with SQLite's open flags (SQLITE_OPEN_READWRITE 2, SQLITE_OPEN_CREATE 4, SQLITE_OPEN_READONLY 1).
+    // With `verify` the content is checked too (PRAGMA quick_check), so a file that is not a sound database is refused
+    // here. Throws mavo::Exception with SQLite's message.
+    Connection(const std::string &path, int flags, bool verify);
+    ~Connection();
+    Connection(const Connection &) = delete;
+    Connection &operator=(const Connection &) = delete;
+
+private:
+    friend class Statement;
+    sqlite3 *handle;
+};
+
+// One column of the row that a statement stands on; valid until the statement is stepped or destroyed.
+class __attribute__((visibility("default"))) Column {
+public:
+    // The value as SQLite converts it: the low 32 bits of an integer, 0 for text that is no number.
+    int getInt() const;
+    // The value as text, byte for byte; empty for NULL.
+    std::string getText() const;
+
+private:
+    friend class Statement;
+    Column(sqlite3_stmt *statement, int index);
+    sqlite3_stmt *statement;
+    int index;
+};
+
+// One prepared statement. The connection must outlive it.
+class __attribute__((visibility("default"))) Statement {
+public:
+    // Throws mavo::Exception with SQLite's message when `sql` cannot be prepared.
+    Statement(Connection &connection, const std::string &sql);
+    ~Statement();
+    Statement(const Statement &) = delete;
+    Statement &operator=(const Statement &) = delete;
+
+    // Bind one parameter; `index` counts from 1. A parameter never bound is NULL. Throw mavo::Exception for an index
+    // that the statement does not have.
+    void bind(int index, int value);
+    void bind(int index, long long value);
+    void bind(int index, const std::string &value);
+
+    // Goes to the next row; false when there is none left. Throws mavo::Exception when SQLite fails.
+    bool step();
+    // Runs the statement to its end. Never throws: false on failure, with the text in getErrorMessage().
+    bool exec();
+
+    // Number of columns in a result row, 0 for a statement that gives no rows.
+    int getColumnCount() const;
+    // `index` counts from 0. Throws mavo::Exception for an index that the row does not have.
+    Column getColumn(int index) const;
+    // SQLite's text for the last failure on this statement's connection.
+    std::string getErrorMessage() const;
+
+private:
+    sqlite3 *connection;
+    sqlite3_stmt *statement;
+};
+
+} // namespace database
+} // namespace mavo
+
+#endif
