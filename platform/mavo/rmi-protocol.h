@@ -1,0 +1,48 @@
+// What remote-method clients and servers say to each other over a Unix stream socket.
+//
+// A request is a head and a body. The head is three 32-bit little endian words, kRequestMagic, the length of the
+// method's name and the length of the body, and then the method's name. A reply is two such words, kReplyMagic and the
+// length of what follows, then the status as a word and the fields of Reply in order: strings as a length word and
+// their bytes, lists as a count word and their strings. A connection carries any number of requests, each answered
+// before the next is read.
+#ifndef PLATFORM_MAVO_RMI_PROTOCOL_H
+#define PLATFORM_MAVO_RMI_PROTOCOL_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace mavo {
+namespace rmi {
+
+constexpr std::uint32_t kRequestMagic = 0x31494d52; // "RMI1"
+constexpr std::uint32_t kReplyMagic = 0x31504d52;   // "RMP1"
+constexpr std::size_t kMethodNameLimitBytes = 256;
+// Room for a list of 100,000 rules of 160 bytes each.
+constexpr std::size_t kBodyLimitBytes = 16U * 1024 * 1024;
+
+enum class Status : std::uint32_t {
+    ok = 0,
+    malformed = 1,     // the frame or its arguments; the connection ends after a bad head
+    unknownMethod = 2, //
+    denied = 3,        // the caller lacks the method's privilege
+    exception = 4,     // the call ended with an exception; its text is in `error`
+    busy = 5           // too many connections; sent unasked, then the connection ends
+};
+
+// What came of a call. `error` says what is wrong unless the status is ok.
+struct Reply {
+    Status status = Status::ok;
+    std::string body;  // as mavo::rmi::Message writes it
+    std::string error; // one line
+    // ERROR lines logged during the call, uncoloured, from the tag on.
+    std::vector<std::string> errorLines;
+    // Commands that are stored but not in force, each with the reason.
+    std::vector<std::string> notInForce;
+};
+
+} // namespace rmi
+} // namespace mavo
+
+#endif

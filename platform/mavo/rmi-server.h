@@ -1,0 +1,63 @@
+// Serving remote methods on a Unix stream socket.
+#ifndef PLATFORM_MAVO_RMI_SERVER_H
+#define PLATFORM_MAVO_RMI_SERVER_H
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+#include "mavo/privileges.h"
+#include "mavo/rmi-protocol.h"
+#include "mavo/rmi.h"
+#include "support/event-loop.h"
+#include "support/unique-fd.h"
+
+namespace mavo {
+namespace rmi {
+
+struct ServerLimits {
+    int connections = 64;
+    int connectionsPerUser = 16; // root has the whole number
+    // Descriptors that must stay free for the program's own work; a connection that would take one of them is refused.
+    int reservedDescriptors = 64;
+    std::chrono::milliseconds requestTimeout{10'000}; // from the first byte of a request to its last
+    std::chrono::milliseconds idleTimeout{60'000};    // with no request under way, or with a reply not read
+};
+
+// Accepts clients, reads their requests and answers them, one at a time, on the event loop's thread. A slow or silent
+// client holds up nobody. The caller is who the kernel says opened the socket (SO_PEERCRED); whether he holds the
+// method's privilege is decided from the head of a request, and the body of a refused one is thrown away unread.
+class Server {
+public:
+    // The method of a name, or null; asked at each request, so that tables can be exchanged under connected clients.
+    using Find = std::function<std::shared_ptr<const MethodContext>(const std::string &name)>;
+    // Carries out a permitted call. Throws nothing.
+    using Invoke = std::function<Reply(const std::string &name, const MethodContext &method, Message &request)>;
+
+    // `listener` is a listening stream socket. The event loop must outlive the server.
+    Server(support::EventLoop &loop, support::UniqueFd listener, Privileges privileges, ServerLimits limits, Find find,
+           Invoke invoke);
+    // Stops serving: closes every connection and the listener.
+    ~Server();
+    Server(const Server &) = delete;
+    Server &operator=(const Server &) = delete;
+
+    // Every descriptor that the server holds, for a forked child to close by number.
+    std::vector<int> descriptors() const;
+
+private:
+    class Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+// A listening socket at `path` with exactly `mode`. A socket left there by a dead process is replaced; one that
+// somebody still serves is not: throws std::system_error with EADDRINUSE. Missing parent directories are not made.
+support::UniqueFd listenAt(const std::string &path, mode_t mode);
+
+} // namespace rmi
+} // namespace mavo
+
+#endif
