@@ -11,8 +11,19 @@
 #include <type_traits>
 #include <unordered_map>
 
+#include "mavo/exception.h"
+
 namespace mavo {
 namespace rmi {
+
+// A message does not hold the values that are expected of it: the caller's mistake, never the handler's.
+class __attribute__((visibility("default"))) BadArguments : public Exception {
+public:
+    using Exception::Exception;
+    BadArguments(const BadArguments &) = default;
+    BadArguments &operator=(const BadArguments &) = default;
+    ~BadArguments() override;
+};
 
 // The body of a request or a reply: values one after another. An int is 4 bytes, little endian; a string is its length
 // as such an int, then its bytes.
@@ -26,7 +37,7 @@ public:
 
     void write(int value);
     void write(const std::string &value);
-    // Read the next value. Throw mavo::Exception when the body ends before the value does.
+    // Read the next value. Throw BadArguments, with nothing read, when the body ends before the value does.
     void read(int &value);
     void read(std::string &value);
 
@@ -36,11 +47,12 @@ public:
 
 private:
     std::string content;
-    std::size_t position;
+    std::size_t position; // never beyond the content
 };
 
 // What the service keeps for one method. The dispatcher reads the arguments from the request and returns the reply; it
-// throws mavo::Exception when the arguments do not fit, and lets the handler's exceptions through.
+// throws BadArguments, without calling the handler, when the request is not exactly the arguments, and lets the
+// handler's exceptions through.
 struct MethodContext {
     std::string privilege;
     std::function<Message(Message &)> dispatcher;
@@ -81,6 +93,8 @@ void Service::setMethodHandler(const std::string &privilege, const std::string &
         Message reply = request.createReplyMessage();
         std::tuple<Args...> arguments;
         std::apply([&request](auto &...argument) { (request.read(argument), ...); }, arguments);
+        if (!request.atEnd())
+            throw BadArguments("Message goes on after the arguments");
         reply.write(std::apply(handler, arguments));
         return reply;
     };
