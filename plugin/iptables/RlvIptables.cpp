@@ -1,0 +1,62 @@
+#include "iptables/RlvIptables.h"
+
+#include <cstdlib>
+#include <new>
+
+#include "iptables/RlvHandler.h"
+#include "log.h"
+
+namespace {
+
+int invokeRLVIptablesCommit(const std::string &options) {
+    NYR_LOG_INFO(NYR_LOG_TAG_ENGINE, "invokeRLVIptablesCommit options: %s", options.c_str());
+    int errorCode = 0;
+    char *errorMessage = nullptr;
+    int result = rlv_iptables_commit(iptables::RlvHandler::Get(), options.c_str(), &errorCode, &errorMessage);
+    if (errorCode != 0) {
+        NYR_LOG_ERROR(NYR_LOG_TAG_ENGINE, "invokeRLVIptablesCommit Iptables ERROR: %d : %s", errorCode,
+                      errorMessage != nullptr ? errorMessage : "");
+        result = errorCode;
+    }
+    std::free(errorMessage);
+    return result;
+}
+
+// An option with its value, nothing where the value is empty and so means any.
+std::string optional(const std::string &option, const std::string &value) {
+    return value.empty() ? "" : option + value;
+}
+
+} // namespace
+
+namespace iptables {
+
+int RlvIptables::flushChain(const std::string &chain) { return invokeRLVIptablesCommit("-F " + chain); }
+
+int RlvIptables::makeChain(const std::string &chain) { return invokeRLVIptablesCommit("-N " + chain); }
+
+int RlvIptables::removeChain(const std::string &chain) { return invokeRLVIptablesCommit("-X " + chain); }
+
+int RlvIptables::deleteChainTarget(const std::string &chain, const std::string &target) {
+    return invokeRLVIptablesCommit("-D " + chain + " -j " + target);
+}
+
+int RlvIptables::appendChainTarget(const std::string &chain, const std::string &target) {
+    return invokeRLVIptablesCommit("-A " + chain + " -j " + target);
+}
+
+int RlvIptables::applyInboundRule(const std::string &chain, const FirewallRule &rule) {
+    return invokeRLVIptablesCommit("-A " + chain + optional(" -p ", rule.protocol) + optional(" -s ", rule.domain) +
+                                   optional(" --sport ", rule.port) + " -j " + rule.target);
+}
+
+int RlvIptables::applyOutboundRule(const std::string &chain, const FirewallRule &rule) {
+    return invokeRLVIptablesCommit("-A " + chain + optional(" -p ", rule.protocol) + optional(" -d ", rule.domain) +
+                                   optional(" --dport ", rule.port) + " -j " + rule.target);
+}
+
+std::unique_ptr<Interface> Factory::getImplementation() {
+    return std::unique_ptr<Interface>(new (std::nothrow) RlvIptables);
+}
+
+} // namespace iptables
