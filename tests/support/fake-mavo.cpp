@@ -73,7 +73,8 @@ Connection::Connection(const std::string &path, int flags, bool verify) : handle
     if (theHooks.open)
         theHooks.open(path, flags);
     try {
-        check(sqlite3_open_v2(path.c_str(), &handle, flags, nullptr), handle);
+        const int result = sqlite3_open_v2(path.c_str(), &handle, flags, nullptr);
+        check(result, handle);
         if (verify)
             fakemavo::verifyContent(handle);
     } catch (...) {
