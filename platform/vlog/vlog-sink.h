@@ -7,6 +7,8 @@
 #include <string>
 #include <sys/types.h>
 
+#pragma GCC visibility push(default)
+
 namespace vlog {
 
 // Each of these replaces the sink in use. A program that calls none of them logs to the system log under its own name.
@@ -36,10 +38,12 @@ struct Line {
     std::string text;
 };
 
-// Calls `observer` with each line after it was written, on the thread that wrote it; an empty function ends that. The
-// observer must not log.
+// Calls `observer` with each line after it was written or lost, on the thread that logs; an empty function ends that.
+// The observer must not log, choose a sink or fork; what it throws makes vlog_print return -1.
 void setObserver(std::function<void(const Line &)> observer);
 
 } // namespace vlog
+
+#pragma GCC visibility pop
 
 #endif

@@ -1,0 +1,128 @@
+#include "vlog/sink.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <system_error>
+
+#include "support/unique-fd.h"
+#include "vlog/line.h"
+
+namespace vlog {
+namespace {
+
+using support::UniqueFd;
+
+bool isSameFile(const struct stat &one, const struct stat &other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+UniqueFd openExisting(const std::string &path) {
+    constexpr int kFlags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW;
+    return support::aboveStandardStreams(UniqueFd(::open(path.c_str(), kFlags)));
+}
+
+UniqueFd create(const std::string &path, mode_t mode) {
+    constexpr int kFlags = O_WRONLY | O_APPEND | O_CLOEXEC | O_CREAT | O_EXCL;
+    UniqueFd fd = support::aboveStandardStreams(UniqueFd(::open(path.c_str(), kFlags, mode)));
+    if (fd && ::fchmod(fd.get(), mode) != 0)
+        fd.reset();
+    return fd;
+}
+
+// Empty with errno set when it fails. Another process may create or rename the file between the two attempts.
+UniqueFd openOrCreate(const FileSink &file) {
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        UniqueFd fd = openExisting(file.path);
+        if (fd || errno != ENOENT)
+            return fd;
+        fd = create(file.path, file.mode);
+        if (fd || errno != EEXIST)
+            return fd;
+    }
+    return {};
+}
+
+class FileLog : public Sink {
+public:
+    explicit FileLog(const FileSink &file) : file_(file) {
+        if (!reopen())
+            throw std::system_error(errno, std::generic_category(), "log file " + file_.path);
+    }
+
+    bool write(int priority, const std::string &text) override {
+        std::string line = plainLine(priority, text);
+        return makeRoom(line.size()) && writer_.write(fd_.get(), std::move(line));
+    }
+
+private:
+    bool reopen() {
+        UniqueFd fd = openOrCreate(file_);
+        if (!fd || ::fstat(fd.get(), &identity_) != 0)
+            return false;
+        fd_ = std::move(fd);
+        return true;
+    }
+
+    // Whether the path still names the file that is open. Fills in `status` of that file.
+    bool isCurrent(struct stat &status) {
+        if (::fstat(fd_.get(), &status) != 0 || !isSameFile(status, identity_)) {
+            // Closed by somebody else, and the number perhaps taken by another file: not ours to close.
+            static_cast<void>(fd_.release());
+            return false;
+        }
+        struct stat named {};
+        return ::stat(file_.path.c_str(), &named) == 0 && isSameFile(status, named);
+    }
+
+    bool isFull(const struct stat &status, std::size_t more) const {
+        const auto size = static_cast<std::size_t>(status.st_size);
+        return S_ISREG(status.st_mode) && size > 0 && (size > file_.maxBytes || more > file_.maxBytes - size);
+    }
+
+    bool makeRoom(std::size_t bytes) {
+        for (int attempt = 0; attempt < 100; ++attempt) {
+            struct stat status {};
+            if (!isCurrent(status)) {
+                if (!reopen())
+                    return false;
+            } else if (!isFull(status, bytes)) {
+                return true;
+            } else if (!rotate()) {
+                return false;
+            }
+        }
+        return false;
+    }
+
+    // Renames the open file if the path still names it. The lock is on an opening of its own: the one that lines go
+    // through is shared with forked children, and with it they would share the lock.
+    bool rotate() const {
+        const UniqueFd lock = openExisting(file_.path);
+        if (!lock)
+            return errno == ENOENT;
+        while (::flock(lock.get(), LOCK_EX) != 0) {
+            if (errno != EINTR)
+                return false;
+        }
+        struct stat locked {};
+        struct stat named {};
+        if (::fstat(lock.get(), &locked) != 0)
+            return false;
+        if (!isSameFile(locked, identity_) || ::stat(file_.path.c_str(), &named) != 0 || !isSameFile(locked, named))
+            return true;
+        return std::rename(file_.path.c_str(), (file_.path + ".1").c_str()) == 0;
+    }
+
+    const FileSink file_;
+    UniqueFd fd_;
+    struct stat identity_ {}; // of the file behind fd_
+    LineWriter writer_;
+};
+
+} // namespace
+
+std::unique_ptr<Sink> openFile(const FileSink &file) { return std::make_unique<FileLog>(file); }
+
+} // namespace vlog

@@ -1,0 +1,28 @@
+// What stands before the text of a line, and how a line gets out whole.
+#ifndef PLATFORM_VLOG_LINE_H
+#define PLATFORM_VLOG_LINE_H
+
+#include <string>
+
+namespace vlog {
+
+// "2026-11-21 03:40:12.123 I 1234 ", text, line break: local time, letter of the priority, process id.
+std::string plainLine(int priority, const std::string &text);
+
+// "<30>Nov 21 03:40:12 ident[1234]: ", as syslog(3) sends it to the local service, with the facility of daemons.
+std::string systemLogHeader(int priority, const std::string &ident);
+
+// Writes lines to a file, a terminal or a pipe.
+class LineWriter {
+public:
+    // One write(2); a rest that it left is written after it. False when the descriptor did not take all; the next line
+    // then begins with a line break, so that the two are not read as one.
+    bool write(int fd, std::string line);
+
+private:
+    bool torn_ = false;
+};
+
+} // namespace vlog
+
+#endif
