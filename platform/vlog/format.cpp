@@ -12,6 +12,8 @@
 namespace vlog {
 namespace {
 
+// NOLINTBEGIN(clang-analyzer-valist.Uninitialized): the analyzer does not follow a va_list into a structure.
+
 // A va_list may be an array, which a function cannot take by reference.
 struct Arguments {
     std::va_list list;
@@ -79,7 +81,7 @@ Conversion takeConversion(const char *&at, Arguments &arguments) {
 // `Signed` or its unsigned counterpart, as the conversion wants it.
 template <typename Signed, typename Unsigned>
 void appendIntegerOf(std::string &out, const Conversion &conversion, Arguments &arguments) {
-    if (conversion.type == 'd' || conversion.type == 'i')
+    if (conversion.type == 'd' || conversion.type == 'i') // NOLINT(bugprone-branch-clone): of different types
         appendValue(out, conversion.whole(), va_arg(arguments.list, Signed));
     else
         appendValue(out, conversion.whole(), va_arg(arguments.list, Unsigned));
@@ -199,6 +201,8 @@ void appendLiteral(std::string &out, const char *&at) {
         out += *at;
     ++at;
 }
+
+// NOLINTEND(clang-analyzer-valist.Uninitialized)
 
 } // namespace
 

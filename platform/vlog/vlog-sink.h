@@ -26,7 +26,7 @@ void useStandardError();
 // Several processes may log to the same file. `mode` holds whatever the umask says.
 struct FileSink {
     std::string path;
-    std::size_t maxBytes = 1024 * 1024;
+    std::size_t maxBytes = std::size_t{1024} * 1024;
     mode_t mode = 0600;
 };
 void useFile(const FileSink &file);

@@ -52,7 +52,9 @@ std::vector<std::string> textsOf(const std::string &path) {
     return texts;
 }
 
-void useFile(std::size_t maxBytes = 1024 * 1024, mode_t mode = 0600) { vlog::useFile({kPath, maxBytes, mode}); }
+void useFile(std::size_t maxBytes = std::size_t{1024} * 1024, mode_t mode = 0600) {
+    vlog::useFile({kPath, maxBytes, mode});
+}
 
 #define LOG_INFO_LINE(...) vlog_print(VLOG_ID_MAIN, VLOG_PRIORITY_INFO, "TAG", __VA_ARGS__)
 
@@ -226,7 +228,7 @@ TEST(VlogPrint, OpensNothingBelowThreeWhereTheStandardStreamsAreClosed) {
 }
 
 TEST(VlogPrint, KeepsLinesOfSeveralThreadsApartAndLetsAnyOfThemFork) {
-    useFile(64U * 1024 * 1024);
+    useFile(std::size_t{64} * 1024 * 1024);
     const auto work = [] {
         for (int i = 0; i < 200; ++i) {
             LOG_INFO_LINE("line");
@@ -258,7 +260,7 @@ TEST(ALogFile, BeginsEachLineWithLocalTimePriorityAndProcess) {
     EXPECT_TRUE(std::regex_match(lines[1], std::regex(kStamp + "E " + pid + " two"))) << lines[1];
     std::tm stamp{};
     ASSERT_NE(nullptr, ::strptime(lines[0].c_str(), "%Y-%m-%d %H:%M:%S", &stamp));
-    EXPECT_NEAR(static_cast<double>(std::time(nullptr) + 5 * 3600 + 1800), static_cast<double>(::timegm(&stamp)), 5);
+    EXPECT_NEAR(static_cast<double>(std::time(nullptr) + 19800), static_cast<double>(::timegm(&stamp)), 5);
 }
 
 TEST(ALogFile, IsWrittenWithoutATimeZoneFile) {
@@ -315,7 +317,7 @@ TEST(ALogFile, IsNotFollowedThroughALink) {
 TEST(ALogFile, BeginsALineAfreshAfterOneThatTheDiskCouldNotTake) {
     ASSERT_EQ(0, ::mkdir("/run/small", 0700));
     ASSERT_EQ(0, ::mount("tmpfs", "/run/small", "tmpfs", 0, "size=64k"));
-    vlog::useFile({"/run/small/log", 1024 * 1024});
+    vlog::useFile({"/run/small/log", std::size_t{1024} * 1024});
     EXPECT_EQ(-1, LOG_INFO_LINE("%s", std::string(100000, 'x').c_str()));
     ASSERT_EQ(0, ::truncate("/run/small/log", 100));
     LOG_INFO_LINE("whole");
