@@ -7,11 +7,13 @@
 #include <string>
 #include <vector>
 
+#pragma GCC visibility push(default)
+
 namespace nyr {
 
 constexpr const char *kOutboxDirectory = "/opt/data/vpk/outbox";
 constexpr std::size_t kOutboxReportLimit = 1000;
-constexpr std::size_t kOutboxByteLimit = 16U * 1024 * 1024;
+constexpr std::size_t kOutboxByteLimit = std::size_t{16} * 1024 * 1024;
 
 // One report as it lies in the outbox.
 struct Report {
@@ -22,10 +24,24 @@ struct Report {
     std::string body;
 };
 
-// The reports in the outbox, oldest first. A file that is no report is passed over and named in `ignored`. Throws
-// std::system_error when the directory exists but cannot be read.
+// What the outbox may hold, the newest report included. Bytes are those of the files.
+struct OutboxLimits {
+    std::size_t reports = kOutboxReportLimit;
+    std::size_t bytes = kOutboxByteLimit;
+};
+
+// Puts `report` into the outbox, whole and on the disk or not at all; `report.file` is not looked at. Makes the
+// directory where it is missing. The oldest reports go where there is no room, and a log line says how many. May be
+// called by several processes at once; blocks while another one writes. Throws std::system_error when it fails, EFBIG
+// when the report alone is above the limit.
+void putReport(const Report &report, const OutboxLimits &limits = {});
+
+// The reports in the outbox, oldest first. A file that is no report is passed over and named in `ignored`; files under
+// way are neither. Throws std::system_error when the directory exists but cannot be read.
 std::vector<Report> readOutbox(std::vector<std::string> *ignored = nullptr);
 
 } // namespace nyr
+
+#pragma GCC visibility pop
 
 #endif

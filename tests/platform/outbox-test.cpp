@@ -1,0 +1,348 @@
+#include "nyr-common-client/outbox.h"
+#include "nyr/report.h"
+#include "vlog/vlog-sink.h"
+#include "vlog/vlog.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <set>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <system_error>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using nyr::OutboxLimits;
+using nyr::Report;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+const std::filesystem::path kDirectory = nyr::kOutboxDirectory;
+
+Report reportOf(const std::string &body) {
+    Report report;
+    report.type = 10007;
+    report.subtype = 1;
+    report.time = 1700000000;
+    report.body = body;
+    return report;
+}
+
+std::vector<std::string> bodies() {
+    std::vector<std::string> result;
+    for (const Report &report : nyr::readOutbox())
+        result.push_back(report.body);
+    return result;
+}
+
+std::vector<std::string> namesIn(const std::filesystem::path &directory) {
+    std::vector<std::string> names;
+    for (const auto &entry : std::filesystem::directory_iterator(directory))
+        names.push_back(entry.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+unsigned modeOf(const std::filesystem::path &path) {
+    return static_cast<unsigned>(std::filesystem::status(path).permissions());
+}
+
+int inChild(const std::function<void()> &body) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        body();
+        ::_exit(testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    return status;
+}
+
+// Keeps what is logged as "I text" or "E text".
+class AnOutbox : public testing::Test {
+protected:
+    void SetUp() override {
+        vlog::useFile({"/run/log"});
+        vlog::setObserver([this](const vlog::Line &line) {
+            logged_.push_back((line.priority == VLOG_PRIORITY_ERROR ? "E " : "I ") + line.text);
+        });
+    }
+    void TearDown() override { vlog::setObserver({}); }
+    std::vector<std::string> logged_;
+};
+
+TEST_F(AnOutbox, IsEmptyBeforeTheFirstReport) { EXPECT_THAT(nyr::readOutbox(), IsEmpty()); }
+
+TEST_F(AnOutbox, HoldsWhatWasSentAndWhen) {
+    std::string body = R"({"a":"b"})";
+    const auto before = std::time(nullptr);
+    EXPECT_EQ(0, nyr::sendReport(10007, 139, body));
+    EXPECT_EQ(R"({"a":"b"})", body);
+    const auto reports = nyr::readOutbox();
+    ASSERT_EQ(1U, reports.size());
+    EXPECT_EQ(10007, reports[0].type);
+    EXPECT_EQ(139, reports[0].subtype);
+    EXPECT_EQ(body, reports[0].body);
+    EXPECT_GE(reports[0].time, before);
+    EXPECT_LE(reports[0].time, std::time(nullptr));
+    EXPECT_THAT(namesIn(kDirectory), ElementsAre(reports[0].file));
+    EXPECT_THAT(logged_, IsEmpty());
+}
+
+TEST_F(AnOutbox, StoresADocumentThatOthersCanRead) {
+    nyr::putReport(reportOf("{\"k\":\"\xc3\xa9\"}"));
+    std::ifstream file(kDirectory / nyr::readOutbox().at(0).file);
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    EXPECT_EQ("{\"body\":\"{\\\"k\\\":\\\"\xc3\xa9\\\"}\",\"subtype\":1,\"time\":1700000000,\"type\":10007}\n", text);
+}
+
+TEST_F(AnOutbox, KeepsFilesAndDirectoriesPrivateWhateverTheUmaskSays) {
+    for (const mode_t mask : {0U, 0777U}) {
+        std::filesystem::remove_all("/opt/data");
+        ::umask(mask);
+        nyr::putReport(reportOf("x"));
+        EXPECT_EQ(0755U, modeOf("/opt/data"));
+        EXPECT_EQ(0700U, modeOf("/opt/data/vpk"));
+        EXPECT_EQ(0700U, modeOf(kDirectory));
+        EXPECT_EQ(0600U, modeOf(kDirectory / nyr::readOutbox().at(0).file));
+    }
+}
+
+// --- bodies ---
+
+TEST_F(AnOutbox, GivesBackEverySingleByteAndEveryPairOfBytes) {
+    for (int first = 0; first < 256; ++first) {
+        std::string all(1, static_cast<char>(first));
+        for (int second = 0; second < 256; ++second)
+            all += {static_cast<char>(first), static_cast<char>(second)};
+        std::filesystem::remove_all(kDirectory);
+        nyr::putReport(reportOf(all));
+        nyr::putReport(reportOf(all.substr(0, 1)));
+        EXPECT_THAT(bodies(), ElementsAre(all, all.substr(0, 1))) << first;
+    }
+}
+
+TEST_F(AnOutbox, GivesBackBodiesAtTheEdgesOfUtf8) {
+    const std::vector<std::string> edges{
+        "",
+        std::string("a\0b", 3),
+        "\xc2\x80 \xdf\xbf \xe0\xa0\x80 \xef\xbf\xbf \xf0\x90\x80\x80 \xf4\x8f\xbf\xbf",
+        "\xc0\x80",
+        "\xe0\x9f\xbf",
+        "\xed\x9f\xbf",
+        "\xed\xa0\x80",
+        "\xf0\x8f\xbf\xbf",
+        "\xf4\x90\x80\x80",
+        "\xf5\x80\x80\x80",
+        "cut \xe2\x82",
+        "\\u0000 \\\" / \x7f \xe2\x80\xa8",
+    };
+    for (const std::string &body : edges)
+        nyr::putReport(reportOf(body));
+    EXPECT_EQ(edges, bodies());
+}
+
+TEST_F(AnOutbox, GivesBackRandomBytes) {
+    std::mt19937 random(20260721); // NOLINT(cert-msc51-cpp): the same bytes each time
+    std::vector<std::string> expected;
+    for (std::size_t length = 0; length < 100; ++length) {
+        std::string body(length, '\0');
+        std::generate(body.begin(), body.end(), [&] { return static_cast<char>(random()); });
+        nyr::putReport(reportOf(body));
+        expected.push_back(body);
+    }
+    EXPECT_EQ(expected, bodies());
+}
+
+// --- bounds ---
+
+TEST_F(AnOutbox, LosesTheOldestReportsWhenThereAreTooMany) {
+    const OutboxLimits limits{3, 1000000};
+    for (const char *body : {"1", "2", "3", "4", "5"})
+        nyr::putReport(reportOf(body), limits);
+    EXPECT_THAT(bodies(), ElementsAre("3", "4", "5"));
+    const std::string line = "I NYR_REPORT: the outbox is full: removed the oldest reports, 1 of them";
+    EXPECT_THAT(logged_, ElementsAre(line, line));
+}
+
+TEST_F(AnOutbox, LosesAsManyAsANewReportNeedsBytes) {
+    nyr::putReport(reportOf("1"));
+    const std::size_t each = std::filesystem::file_size(kDirectory / nyr::readOutbox().at(0).file);
+    const OutboxLimits limits{1000, 4 * each};
+    for (const char *body : {"2", "3", "4"})
+        nyr::putReport(reportOf(body), limits);
+    EXPECT_THAT(bodies(), ElementsAre("1", "2", "3", "4"));
+    const std::string twice(1 + each, 'x');
+    nyr::putReport(reportOf(twice), limits);
+    EXPECT_THAT(bodies(), ElementsAre("3", "4", twice));
+    EXPECT_THAT(logged_, ElementsAre("I NYR_REPORT: the outbox is full: removed the oldest reports, 2 of them"));
+}
+
+TEST_F(AnOutbox, RefusesAReportThatAloneIsTooLargeAndLosesNone) {
+    nyr::putReport(reportOf("1"));
+    try {
+        nyr::putReport(reportOf(std::string(1000, 'x')), {10, 1000});
+        FAIL();
+    } catch (const std::system_error &error) {
+        EXPECT_EQ(EFBIG, error.code().value());
+    }
+    EXPECT_THAT(bodies(), ElementsAre("1"));
+}
+
+TEST_F(AnOutbox, KeepsTheNewestLastAlsoWhenTheClockWasSetBack) {
+    nyr::putReport(reportOf("early"));
+    const auto file = kDirectory / nyr::readOutbox().at(0).file;
+    std::filesystem::rename(file, kDirectory / "04000000000000000000-0000000001.json");
+    nyr::putReport(reportOf("late"), {2, 1000000});
+    nyr::putReport(reportOf("latest"), {2, 1000000});
+    EXPECT_THAT(bodies(), ElementsAre("late", "latest"));
+}
+
+// --- what else may lie there ---
+
+TEST_F(AnOutbox, PassesOverWhatIsNoReportAndNamesIt) {
+    nyr::putReport(reportOf("x"));
+    const std::vector<std::string> bad{
+        "",
+        "{",
+        "[]",
+        R"({"type":1,"subtype":2,"time":3})",
+        R"({"type":"1","subtype":2,"time":3,"body":""})",
+        R"({"type":1,"subtype":2,"time":3,"body":4})",
+        R"({"type":1,"subtype":2,"time":3,"body":"","encoding":"rot13"})",
+        R"({"type":1,"subtype":2,"time":3,"body":"A===","encoding":"base64"})",
+        R"({"type":1,"subtype":2,"time":3,"body":"A*==","encoding":"base64"})",
+        R"({"type":1,"subtype":2,"time":3,"body":"","x":1} more)",
+        std::string(5000, '['),
+    };
+    std::vector<std::string> expected;
+    for (std::size_t i = 0; i < bad.size(); ++i) {
+        expected.push_back("0000000000000000000" + std::string(1, static_cast<char>('0' + i % 10)) + "-000000000" +
+                           std::to_string(i / 10) + ".json");
+        std::ofstream(kDirectory / expected.back()) << bad[i];
+    }
+    std::filesystem::create_symlink("/etc/passwd", kDirectory / "link.json");
+    expected.emplace_back("link.json");
+    std::sort(expected.begin(), expected.end());
+    std::vector<std::string> ignored;
+    EXPECT_THAT(nyr::readOutbox(&ignored), SizeIs(1));
+    EXPECT_EQ(expected, ignored);
+}
+
+TEST_F(AnOutbox, LosesTheLeftoversOfAWriterThatDiedAndNothingElse) {
+    nyr::putReport(reportOf("1"));
+    const std::string leftover = ".00000000000000000001-0000000001.json";
+    for (const std::string &name : {leftover, std::string("notes.txt"), std::string(".hidden")})
+        std::ofstream(kDirectory / name) << "half";
+    std::vector<std::string> ignored;
+    nyr::readOutbox(&ignored);
+    EXPECT_THAT(ignored, ElementsAre(".hidden", "notes.txt"));
+    nyr::putReport(reportOf("2"), {1, 1000000});
+    EXPECT_THAT(bodies(), ElementsAre("2"));
+    EXPECT_THAT(namesIn(kDirectory), ElementsAre(".hidden", testing::EndsWith(".json"), "notes.txt"));
+}
+
+// --- failures ---
+
+TEST_F(AnOutbox, ThatCannotBeMadeFailsTheReportWithOneErrorLine) {
+    std::filesystem::create_directories("/opt/data");
+    std::ofstream("/opt/data/vpk") << "in the way";
+    std::string body = "x";
+    EXPECT_EQ(-1, nyr::sendReport(1, 2, body));
+    EXPECT_THAT(logged_, ElementsAre("E NYR_REPORT: report 1/2 is lost: directory /opt/data/vpk: Not a directory"));
+    EXPECT_THROW(nyr::readOutbox(), std::system_error);
+}
+
+TEST_F(AnOutbox, OnAFullDiskKeepsWhatItHasAndLeavesNoHalfFile) {
+    std::filesystem::create_directories(kDirectory);
+    ASSERT_EQ(0, ::mount("tmpfs", kDirectory.c_str(), "tmpfs", 0, "size=64k"));
+    nyr::putReport(reportOf("1"));
+    std::string body(100000, 'x');
+    EXPECT_EQ(-1, nyr::sendReport(1, 2, body));
+    ASSERT_EQ(1U, logged_.size());
+    EXPECT_THAT(logged_[0], testing::HasSubstr("No space left on device"));
+    EXPECT_THAT(bodies(), ElementsAre("1"));
+    EXPECT_THAT(namesIn(kDirectory), SizeIs(1));
+}
+
+TEST_F(AnOutbox, IsFilledByAProcessWithoutStandardStreamsAndWithUmaskZero) {
+    EXPECT_EQ(0, inChild([] {
+                  for (const int fd : {0, 1, 2})
+                      ::close(fd);
+                  ::umask(0);
+                  std::string body = "from the daemon";
+                  EXPECT_EQ(0, nyr::sendReport(1, 2, body));
+                  for (const int fd : {0, 1, 2})
+                      EXPECT_EQ(-1, ::fcntl(fd, F_GETFD)) << fd;
+              }));
+    EXPECT_THAT(bodies(), ElementsAre("from the daemon"));
+}
+
+// --- several processes ---
+
+void sendFromProcesses(int processes, int reports, const OutboxLimits &limits) {
+    std::vector<pid_t> children;
+    for (int process = 0; process < processes; ++process) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            for (int report = 0; report < reports; ++report)
+                nyr::putReport(reportOf(std::to_string(process) + "/" + std::to_string(report)), limits);
+            ::_exit(0);
+        }
+        children.push_back(child);
+    }
+    for (const pid_t child : children) {
+        int status = -1;
+        ::waitpid(child, &status, 0);
+        EXPECT_EQ(0, status);
+    }
+}
+
+TEST_F(AnOutbox, LosesNoReportOfSeveralProcesses) {
+    sendFromProcesses(4, 50, {});
+    std::set<std::string> expected;
+    for (int process = 0; process < 4; ++process) {
+        for (int report = 0; report < 50; ++report)
+            expected.insert(std::to_string(process) + "/" + std::to_string(report));
+    }
+    const auto found = bodies();
+    EXPECT_THAT(found, SizeIs(expected.size()));
+    EXPECT_EQ(expected, std::set<std::string>(found.begin(), found.end()));
+}
+
+TEST_F(AnOutbox, HoldsExactlyItsBoundWhenSeveralProcessesFillIt) {
+    sendFromProcesses(4, 50, {20, 1000000});
+    EXPECT_THAT(bodies(), SizeIs(20));
+    EXPECT_THAT(namesIn(kDirectory), SizeIs(20));
+}
+
+TEST_F(AnOutbox, IsReadWhileOthersWriteAndNeverShowsHalfAReport) {
+    const pid_t writer = ::fork();
+    if (writer == 0) {
+        for (int i = 0; i < 300; ++i)
+            nyr::putReport(reportOf(std::string(5000, 'x')), {5, 1000000});
+        ::_exit(0);
+    }
+    std::vector<std::string> ignored;
+    int status = -1;
+    while (::waitpid(writer, &status, WNOHANG) == 0) {
+        for (const std::string &body : bodies())
+            EXPECT_EQ(5000U, body.size());
+        nyr::readOutbox(&ignored);
+    }
+    EXPECT_EQ(0, status);
+    EXPECT_THAT(ignored, IsEmpty());
+}
+
+} // namespace
