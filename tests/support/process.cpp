@@ -65,6 +65,7 @@ bool become(uid_t user) {
     for (const auto &setting : options.environment)
         ::putenv(const_cast<char *>(setting.c_str()));
     std::vector<char *> words;
+    words.reserve(arguments.size() + 1);
     for (const auto &argument : arguments)
         words.push_back(const_cast<char *>(argument.c_str()));
     words.push_back(nullptr);
