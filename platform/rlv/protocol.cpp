@@ -1,0 +1,191 @@
+#include "rlv/protocol.h"
+
+#include <algorithm>
+
+namespace rlv::protocol {
+namespace {
+
+constexpr std::size_t kReplyHeadBytes = 1 + 4 + 8;
+
+class Writer {
+public:
+    void integer(std::uint64_t value, std::size_t bytes) {
+        for (std::size_t i = 0; i < bytes; ++i)
+            out_.push_back(static_cast<char>((value >> (8 * i)) & 0xff));
+    }
+    void flag(bool value) { integer(value ? 1 : 0, 1); }
+    void text(const std::string &value) {
+        integer(value.size(), 4);
+        out_ += value;
+    }
+    template <class List, class Element> void list(const List &values, Element element) {
+        integer(values.size(), 4);
+        for (const auto &value : values)
+            element(value);
+    }
+    void rest(const std::string &value) { out_ += value; }
+    std::string take() { return std::move(out_); }
+
+private:
+    std::string out_;
+};
+
+// After a read beyond the end everything reads as 0 and good() is false.
+class Reader {
+public:
+    explicit Reader(std::string_view in) : in_(in) {}
+    std::uint64_t integer(std::size_t bytes) {
+        const std::string_view raw = take(bytes);
+        std::uint64_t value = 0;
+        for (std::size_t i = raw.size(); i > 0; --i)
+            value = value << 8 | static_cast<unsigned char>(raw[i - 1]);
+        return value;
+    }
+    int code() { return static_cast<int>(static_cast<std::int32_t>(integer(4))); }
+    bool flag() { return integer(1) != 0; }
+    std::string text() { return std::string(take(integer(4))); }
+    // Element by element: a count that lies ends at the end of the text and reserves nothing before.
+    template <class Element> void list(Element element) {
+        for (auto left = integer(4); left > 0 && good_; --left)
+            element();
+    }
+    std::string rest() { return std::string(take(in_.size())); }
+    bool good() const { return good_; }
+    bool complete() const { return good_ && in_.empty(); }
+
+private:
+    std::string_view take(std::size_t bytes) {
+        good_ = good_ && bytes <= in_.size();
+        const auto taken = in_.substr(0, good_ ? bytes : 0);
+        in_.remove_prefix(taken.size());
+        return taken;
+    }
+    std::string_view in_;
+    bool good_ = true;
+};
+
+void write(Writer &out, const LostCommand &lost) {
+    out.text(lost.options);
+    out.integer(static_cast<std::uint32_t>(lost.code), 4);
+    out.text(lost.message);
+    out.flag(lost.refusedAtOnce);
+}
+
+LostCommand readLost(Reader &in) {
+    LostCommand lost;
+    lost.options = in.text();
+    lost.code = in.code();
+    lost.message = in.text();
+    lost.refusedAtOnce = in.flag();
+    return lost;
+}
+
+void write(Writer &out, const ConnectionOutcome &outcome) {
+    out.integer(outcome.number, 8);
+    out.integer(static_cast<std::uint64_t>(outcome.end), 1);
+    out.list(outcome.lost, [&](const LostCommand &lost) { write(out, lost); });
+    out.integer(outcome.lostBeyondList, 8);
+}
+
+ConnectionOutcome readOutcome(Reader &in) {
+    ConnectionOutcome outcome;
+    outcome.number = in.integer(8);
+    outcome.end = static_cast<ConnectionEnd>(std::min<std::uint64_t>(in.integer(1), 2));
+    in.list([&] { outcome.lost.push_back(readLost(in)); });
+    outcome.lostBeyondList = in.integer(8);
+    return outcome;
+}
+
+std::string flatten(const ServiceState &state) {
+    Writer out;
+    out.flag(state.simulated);
+    out.integer(state.serviceId, 8);
+    out.integer(state.lastConnection, 8);
+    out.list(state.hooks, [&](const HookState &hook) { out.text(hook.chain), out.text(hook.target); });
+    out.list(state.chains, [&](const ChainState &chain) { out.text(chain.name), out.integer(chain.rules, 8); });
+    out.list(state.connections, [&](const ConnectionOutcome &outcome) { write(out, outcome); });
+    return out.take();
+}
+
+} // namespace
+
+std::string encode(const Request &request) {
+    Writer out;
+    out.integer(static_cast<std::uint64_t>(request.kind), 1);
+    out.integer(request.number, 8);
+    out.rest(request.text);
+    return out.take();
+}
+
+std::string encode(const Reply &reply) {
+    Writer out;
+    out.integer(static_cast<std::uint64_t>(reply.kind), 1);
+    out.integer(static_cast<std::uint32_t>(reply.code), 4);
+    out.integer(reply.number, 8);
+    out.rest(reply.text.substr(0, kMaxPacketBytes - kReplyHeadBytes));
+    return out.take();
+}
+
+std::optional<Request> decodeRequest(std::string_view packet) {
+    constexpr std::string_view kKinds = "OCXQ";
+    Reader in(packet);
+    Request request;
+    const char kind = static_cast<char>(in.integer(1));
+    request.kind = static_cast<Request::Kind>(kind);
+    request.number = in.integer(8);
+    request.text = in.rest();
+    if (!in.good() || kKinds.find(kind) == std::string_view::npos)
+        return std::nullopt;
+    return request;
+}
+
+std::optional<Reply> decodeReply(std::string_view packet) {
+    constexpr std::string_view kKinds = "ocxqr";
+    Reader in(packet);
+    Reply reply;
+    const char kind = static_cast<char>(in.integer(1));
+    reply.kind = static_cast<Reply::Kind>(kind);
+    reply.code = in.code();
+    reply.number = in.integer(8);
+    reply.text = in.rest();
+    if (!in.good() || kKinds.find(kind) == std::string_view::npos)
+        return std::nullopt;
+    return reply;
+}
+
+std::vector<std::string> encodeState(const ServiceState &state) {
+    constexpr std::size_t kPartBytes = kMaxPacketBytes - kReplyHeadBytes;
+    const std::string text = flatten(state);
+    std::vector<std::string> packets;
+    for (std::size_t at = 0; at < text.size(); at += kPartBytes) {
+        const std::uint64_t partsAfter = (text.size() - at - 1) / kPartBytes;
+        packets.push_back(encode(Reply{Reply::Kind::state, 0, partsAfter, text.substr(at, kPartBytes)}));
+    }
+    return packets;
+}
+
+std::optional<ServiceState> decodeState(std::string_view text) {
+    Reader in(text);
+    ServiceState state;
+    state.simulated = in.flag();
+    state.serviceId = in.integer(8);
+    state.lastConnection = in.integer(8);
+    in.list([&] {
+        HookState hook;
+        hook.chain = in.text();
+        hook.target = in.text();
+        state.hooks.push_back(std::move(hook));
+    });
+    in.list([&] {
+        ChainState chain;
+        chain.name = in.text();
+        chain.rules = in.integer(8);
+        state.chains.push_back(std::move(chain));
+    });
+    in.list([&] { state.connections.push_back(readOutcome(in)); });
+    if (!in.complete())
+        return std::nullopt;
+    return state;
+}
+
+} // namespace rlv::protocol

@@ -1,0 +1,310 @@
+// The client library: one socket per handle, one round trip per call.
+#include "rlv/rlv-query.h"
+#include "rlv/rlv.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <system_error>
+
+#include "rlv/protocol.h"
+#include "support/unique-fd.h"
+
+namespace {
+
+using rlv::protocol::Reply;
+using rlv::protocol::Request;
+using support::UniqueFd;
+using Clock = std::chrono::steady_clock;
+using Milliseconds = std::chrono::milliseconds;
+
+constexpr Milliseconds kOpenTimeout{10'000};
+// A command may have to wait for the commands of others and for a long chain.
+constexpr Milliseconds kAnswerTimeout{60'000};
+constexpr int kNoAnswer = 4;
+
+// The reply to one request, or an errno value.
+struct Outcome {
+    int error = 0;
+    Reply reply;
+};
+
+int millisecondsUntil(Clock::time_point deadline) {
+    const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now()).count();
+    return static_cast<int>(std::max<decltype(left)>(left, 0));
+}
+
+// 0 when the socket is ready for `events`, else an errno value.
+int waitFor(int fd, short events, Clock::time_point deadline) {
+    pollfd waited{fd, events, 0};
+    for (;;) {
+        const int ready = ::poll(&waited, 1, millisecondsUntil(deadline));
+        if (ready > 0)
+            return 0;
+        if (ready == 0)
+            return ETIMEDOUT;
+        if (errno != EINTR)
+            return errno;
+    }
+}
+
+// Runs a socket operation until it gives something other than "not now". Stores its result.
+template <class Operation>
+int repeat(int fd, short events, Clock::time_point deadline, ssize_t &result, Operation operation) {
+    for (;;) {
+        result = operation();
+        if (result >= 0)
+            return 0;
+        if (errno == EINTR)
+            continue;
+        if (errno != EAGAIN)
+            return errno;
+        if (const int error = waitFor(fd, events, deadline))
+            return error;
+    }
+}
+
+int sendPacket(int fd, const std::string &packet, Clock::time_point deadline) {
+    ssize_t sent = 0;
+    return repeat(fd, POLLOUT, deadline, sent,
+                  [&] { return ::send(fd, packet.data(), packet.size(), MSG_NOSIGNAL | MSG_DONTWAIT); });
+}
+
+Outcome receiveReply(int fd, Clock::time_point deadline) {
+    std::string packet(rlv::protocol::kMaxPacketBytes, '\0');
+    ssize_t size = 0;
+    if (const int error = repeat(fd, POLLIN, deadline, size,
+                                 [&] { return ::recv(fd, packet.data(), packet.size(), MSG_DONTWAIT | MSG_TRUNC); }))
+        return {error, {}};
+    if (size == 0)
+        return {ECONNRESET, {}};
+    packet.resize(std::min(packet.size(), static_cast<std::size_t>(size)));
+    auto reply = rlv::protocol::decodeReply(packet);
+    if (!reply || static_cast<std::size_t>(size) > rlv::protocol::kMaxPacketBytes)
+        return {EPROTO, {}};
+    if (reply->kind == Reply::Kind::refused)
+        return {reply->code != 0 ? reply->code : EPROTO, std::move(*reply)};
+    return {0, std::move(*reply)};
+}
+
+// One request and the reply that must be of the kind `expected`.
+Outcome ask(int fd, const Request &request, Reply::Kind expected, Clock::time_point deadline) {
+    const int sendError = sendPacket(fd, rlv::protocol::encode(request), deadline);
+    if (sendError != 0 && sendError != EPIPE)
+        return {sendError, {}};
+    // A service that refuses says why before it closes, maybe before it was asked anything.
+    Outcome outcome = receiveReply(fd, deadline);
+    if (outcome.error == 0 && outcome.reply.kind != expected)
+        outcome.error = EPROTO;
+    return outcome;
+}
+
+// The number of handles is bounded by the service, and each is used up once in 2^32 openings.
+class Connections {
+public:
+    struct Connection {
+        explicit Connection(UniqueFd opened) : fd(std::move(opened)) {}
+        std::mutex mutex; // one request at a time
+        UniqueFd fd;
+        int error = 0; // once broken, an answer could belong to an earlier question: nothing is asked any more
+    };
+    // Shared between the table and a call that is under way while another thread closes the handle.
+    using Shared = std::shared_ptr<Connection>;
+
+    rlv_handle add(UniqueFd fd) {
+        auto connection = std::make_shared<Connection>(std::move(fd));
+        const std::lock_guard<std::mutex> lock(mutex_);
+        do {
+            ++last_;
+        } while (last_ == 0 || byHandle_.count(last_) != 0);
+        byHandle_.emplace(last_, std::move(connection));
+        return last_;
+    }
+
+    Shared find(rlv_handle handle) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = byHandle_.find(handle);
+        return found == byHandle_.end() ? nullptr : found->second;
+    }
+
+    Shared remove(rlv_handle handle) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = byHandle_.find(handle);
+        if (found == byHandle_.end())
+            return nullptr;
+        Shared connection = std::move(found->second);
+        byHandle_.erase(found);
+        return connection;
+    }
+
+    void setPath(const std::string &path) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        path_ = path;
+    }
+
+    std::string path() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return path_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::map<rlv_handle, Shared> byHandle_;
+    rlv_handle last_ = 0;
+    std::string path_ = rlv::kDefaultSocketPath;
+};
+
+// Never destroyed: a process may end while another thread is in a call.
+Connections &connections() {
+    static auto *const all = new Connections;
+    return *all;
+}
+
+// A connected socket, or an errno value.
+int connectTo(const std::string &path, Clock::time_point deadline, UniqueFd &connected) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path)
+        return ENAMETOOLONG;
+    std::memcpy(address.sun_path, path.data(), path.size());
+    UniqueFd fd = support::aboveStandardStreams(UniqueFd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)));
+    if (!fd)
+        return errno;
+    // connect() blocks, for this long at most, while the service has not yet accepted those before.
+    const int left = std::max(millisecondsUntil(deadline), 1);
+    const timeval timeout{left / 1000, left % 1000 * 1000L};
+    if (::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0)
+        return errno;
+    while (::connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        if (errno != EINTR)
+            return errno == EAGAIN ? ETIMEDOUT : errno;
+    }
+    connected = std::move(fd);
+    return 0;
+}
+
+Outcome askOn(Connections::Connection &connection, const Request &request, Reply::Kind expected) {
+    const std::lock_guard<std::mutex> lock(connection.mutex);
+    if (connection.error != 0)
+        return {connection.error, {}};
+    Outcome outcome = ask(connection.fd.get(), request, expected, Clock::now() + kAnswerTimeout);
+    connection.error = outcome.error;
+    return outcome;
+}
+
+int open(rlv_handle *handle) {
+    const auto deadline = Clock::now() + kOpenTimeout;
+    UniqueFd fd;
+    if (const int error = connectTo(connections().path(), deadline, fd))
+        return error;
+    const Outcome outcome =
+        ask(fd.get(), Request{Request::Kind::open, rlv::protocol::kVersion, {}}, Reply::Kind::opened, deadline);
+    if (outcome.error == 0)
+        *handle = connections().add(std::move(fd));
+    return outcome.error;
+}
+
+int close(rlv_handle handle) {
+    const auto connection = connections().remove(handle);
+    if (!connection)
+        return EBADF;
+    const Outcome outcome = askOn(*connection, Request{Request::Kind::close, 0, {}}, Reply::Kind::closed);
+    return outcome.error != 0 ? outcome.error : outcome.reply.code;
+}
+
+Outcome commit(rlv_handle handle, const char *options) {
+    const auto connection = connections().find(handle);
+    if (!connection)
+        return {EBADF, {}};
+    Request request{Request::Kind::commit, 0, {}};
+    // One byte more than is allowed tells the service enough about a text that is too long.
+    request.text.assign(options, ::strnlen(options, rlv::protocol::kMaxOptionsBytes + 1));
+    return askOn(*connection, request, Reply::Kind::committed);
+}
+
+void deliver(const Outcome &outcome, int *errorCode, char **errorMessage) {
+    const int code = outcome.error != 0 ? kNoAnswer : outcome.reply.code;
+    std::string message = outcome.reply.text;
+    if (outcome.error == EBADF)
+        message = "no connection to the traffic-control service";
+    else if (outcome.error != 0)
+        message = "no answer from the traffic-control service: " +
+                  std::error_code(outcome.error, std::generic_category()).message();
+    if (errorCode != nullptr)
+        *errorCode = code;
+    if (errorMessage != nullptr && code != 0)
+        *errorMessage = ::strndup(message.data(), message.size());
+}
+
+// No exception passes a C interface; the only ones there can be come from exhausted memory.
+template <class Call> int guarded(Call call) noexcept {
+    try {
+        return call();
+    } catch (...) {
+        return ENOMEM;
+    }
+}
+
+} // namespace
+
+int rlv_initialize(rlv_handle *handle) {
+    if (handle == nullptr)
+        return EINVAL;
+    *handle = 0;
+    return guarded([handle] { return open(handle); });
+}
+
+int rlv_deinitialize(rlv_handle handle) {
+    return guarded([handle] { return close(handle); });
+}
+
+int rlv_iptables_commit(rlv_handle handle, const char *options, int *error_code, char **error_message) {
+    if (error_code != nullptr)
+        *error_code = kNoAnswer; // until there is an answer
+    if (options == nullptr)
+        return EINVAL;
+    return guarded([=] {
+        const Outcome outcome = commit(handle, options);
+        deliver(outcome, error_code, error_message);
+        return outcome.error;
+    });
+}
+
+#pragma GCC visibility push(default)
+namespace rlv {
+
+void setSocketPath(const std::string &path) { connections().setPath(path); }
+
+ServiceState query(std::uint64_t sinceConnection, std::chrono::milliseconds timeout) {
+    const auto deadline = Clock::now() + timeout;
+    UniqueFd fd;
+    int error = connectTo(connections().path(), deadline, fd);
+    std::string text;
+    std::uint64_t partsLeft = 0;
+    if (error == 0) {
+        Outcome part = ask(fd.get(), Request{Request::Kind::query, sinceConnection, {}}, Reply::Kind::state, deadline);
+        text = std::move(part.reply.text);
+        error = part.error;
+        partsLeft = part.reply.number;
+    }
+    while (error == 0 && partsLeft > 0) {
+        const Outcome part = receiveReply(fd.get(), deadline);
+        const bool next = part.reply.kind == Reply::Kind::state && part.reply.number == --partsLeft;
+        error = part.error != 0 || next ? part.error : EPROTO;
+        text += part.reply.text;
+    }
+    auto state = error == 0 ? protocol::decodeState(text) : std::nullopt;
+    if (!state)
+        throw std::system_error(error != 0 ? error : EPROTO, std::generic_category(), "traffic-control service");
+    return *state;
+}
+
+} // namespace rlv
+#pragma GCC visibility pop
