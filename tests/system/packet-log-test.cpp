@@ -7,7 +7,7 @@
 
 namespace {
 
-class KernelLog : public testing::Test {
+class PacketLog : public testing::Test {
 protected:
     void SetUp() override {
         std::string reason;
@@ -16,7 +16,7 @@ protected:
     }
 };
 
-TEST_F(KernelLog, ShowsAPacketDroppedInAPrivateNamespace) {
+TEST_F(PacketLog, ShowsAPacketDroppedInAPrivateNamespace) {
     const network::Pair pair;
     network::iptables({"-A", "OUTPUT", "-d", pair.address(network::Side::far), "-j", "LOG", "--log-prefix", "test:"});
     const auto socket = pair.openUdp(network::Side::near, 4711);
@@ -29,7 +29,7 @@ TEST_F(KernelLog, ShowsAPacketDroppedInAPrivateNamespace) {
     EXPECT_NEAR(static_cast<double>(line.time.count()), static_cast<double>(kernellog::now().count()), 20e6);
 }
 
-TEST_F(KernelLog, TellsAForgedLineByItsFacility) {
+TEST_F(PacketLog, TellsAForgedLineByItsFacility) {
     const std::string text = "forged for " + std::to_string(kernellog::now().count());
     kernellog::forge("<4>" + text);
     ASSERT_EQ(kernellog::linesWith(text).size(), 1U);
