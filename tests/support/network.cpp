@@ -1,5 +1,6 @@
 #include "support/network.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
@@ -14,6 +15,7 @@
 #include <system_error>
 #include <unistd.h>
 
+#include "support/kernel-log.h"
 #include "support/process.h"
 
 namespace network {
@@ -70,10 +72,33 @@ void setUp(const std::string &device, const std::string &address) {
     run({"ip", "link", "set", device, "up"});
 }
 
-// A network of four addresses out of the two that are set aside for examples.
-std::string drawNetwork(unsigned host) {
-    static const unsigned drawn = std::random_device()() % 128;
-    return (drawn < 64 ? "198.51.100." : "203.0.113.") + std::to_string(drawn % 64 * 4 + host);
+constexpr unsigned kNetworks = 128;
+
+std::string hostOf(unsigned network, unsigned host) {
+    return (network < kNetworks / 2 ? "198.51.100." : "203.0.113.") +
+           std::to_string(network % (kNetworks / 2) * 4 + host);
+}
+
+bool isMentioned(const std::vector<kernellog::Line> &lines, const std::string &address) {
+    return std::any_of(lines.begin(), lines.end(), [mark = "=" + address + " "](const kernellog::Line &line) {
+        return line.text.find(mark) != std::string::npos;
+    });
+}
+
+// A network of four addresses out of the two that are set aside for examples, if possible one that the kernel's log
+// does not mention yet.
+unsigned drawNetwork() {
+    std::vector<kernellog::Line> lines;
+    try {
+        lines = kernellog::read();
+    } catch (const std::system_error &) { // then nobody will look there
+    }
+    const unsigned first = std::random_device()();
+    for (unsigned network = first; network != first + kNetworks; ++network) {
+        if (!isMentioned(lines, hostOf(network % kNetworks, 1)))
+            return network % kNetworks;
+    }
+    return first % kNetworks;
 }
 
 struct Address {
@@ -140,7 +165,10 @@ std::ostream &operator<<(std::ostream &stream, Outcome outcome) {
     return stream << names[static_cast<int>(outcome)];
 }
 
-Pair::Pair() : nearNamespace_(currentNamespace()), near_(drawNetwork(1)), far_(drawNetwork(2)) {
+Pair::Pair() : nearNamespace_(currentNamespace()) {
+    const unsigned network = drawNetwork();
+    near_ = hostOf(network, 1);
+    far_ = hostOf(network, 2);
     if (::unshare(CLONE_NEWNET) != 0)
         fail("unshare");
     farNamespace_ = currentNamespace();

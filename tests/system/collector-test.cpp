@@ -1,0 +1,291 @@
+// The statistics collector, from a dropped packet to the report.
+#include <csignal>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <json/json.h>
+#include <map>
+#include <random>
+#include <regex>
+#include <set>
+#include <tuple>
+
+#include "support/kernel-log.h"
+#include "system/system-test.h"
+
+namespace {
+
+using network::Side;
+using wholesystem::contentOf;
+using wholesystem::processesOf;
+
+namespace fs = std::filesystem;
+
+constexpr std::uint16_t kPort = 4711;
+constexpr int kStatisticsType = 10007;
+
+// Source and destination with their ports, as text.
+using Packet = std::tuple<std::string, std::string, std::string, std::string>;
+using PacketOfSecond = std::map<long long, Packet>;
+
+struct Report {
+    int subtype = 0;
+    Json::Value body;
+};
+
+Json::Value parseJson(const std::string &text) {
+    Json::Value value;
+    Json::CharReaderBuilder builder;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    reader->parse(text.data(), text.data() + text.size(), &value, nullptr);
+    return value;
+}
+
+// The reports in the outbox, oldest first.
+std::vector<Report> reports() {
+    std::set<std::string> names;
+    if (fs::exists(wholesystem::kOutbox)) {
+        for (const auto &entry : fs::directory_iterator(wholesystem::kOutbox))
+            names.insert(entry.path());
+    }
+    std::vector<Report> result;
+    for (const auto &name : names) {
+        const Json::Value document = parseJson(contentOf(name));
+        if (document.isObject() && document["type"] == kStatisticsType)
+            result.push_back({document["subtype"].asInt(), parseJson(document["body"].asString())});
+    }
+    return result;
+}
+
+std::string configured(const char *key) { return parseJson(contentOf(wholesystem::kConfiguration))[key].asString(); }
+
+// The statistics rows of one destination; none while the database is being written.
+PacketOfSecond rowsAbout(const std::string &destination) {
+    PacketOfSecond rows;
+    try {
+        for (const auto &record :
+             wholesystem::queryCopy(wholesystem::kStatDatabase, "SELECT ts, sip, sport, dip, dport FROM firewall_stat"
+                                                                " WHERE dip = '" +
+                                                                    destination + "'"))
+            rows[std::stoll(record[0])] = {record[1], record[2], record[3], record[4]};
+    } catch (const std::exception &) {
+        return {};
+    }
+    return rows;
+}
+
+// What the store can keep of the packets in the kernel's log: of each second since boot the last one that has ports.
+// Then only those to one destination.
+PacketOfSecond loggedTo(const std::string &destination) {
+    static const std::regex form("^IPTables-Dropped:IN=.* SRC=([^ ]+) DST=([^ ]+) .*SPT=([0-9]+) DPT=([0-9]+)");
+    PacketOfSecond packets;
+    for (const auto &line : kernellog::linesWith("IPTables-Dropped:")) {
+        std::smatch match;
+        if (line.facility == 0 && std::regex_search(line.text, match, form))
+            packets[line.time.count() / 1'000'000] = {match[1], match[3], match[2], match[4]};
+    }
+    for (auto packet = packets.begin(); packet != packets.end();)
+        packet = std::get<2>(packet->second) == destination ? std::next(packet) : packets.erase(packet);
+    return packets;
+}
+
+void awaitNextSecond() {
+    const auto second = [] { return kernellog::now().count() / 1'000'000; };
+    const auto now = second();
+    process::waitUntil([&] { return second() > now; });
+}
+
+class Collector : public systemtest::RunningSystemTest {
+protected:
+    void SetUp() override {
+        std::string reason;
+        if (!kernellog::seesThisNamespace(reason))
+            GTEST_SKIP() << reason;
+        RunningSystemTest::SetUp();
+    }
+
+    // Sets interval and time of the last report, then switches on.
+    void switchOn(int intervalSeconds, std::time_t lastReport) {
+        EXPECT_EQ(system.execute("StatCollectorPolicy",
+                                 R"({"send_report_interval":")" + std::to_string(intervalSeconds) +
+                                     R"(","last_send_report_ts":")" + std::to_string(lastReport) + R"("})"),
+                  0);
+        EXPECT_EQ(system.execute("EnableStatCollector"), 0);
+    }
+
+    // The processes of the host's program but for the host itself.
+    std::vector<pid_t> daemons() const {
+        auto ids = processesOf("vpkd");
+        ids.erase(std::remove(ids.begin(), ids.end(), system.hostId()), ids.end());
+        return ids;
+    }
+
+    bool awaitDaemons(std::size_t count) const {
+        return process::waitUntil([&] { return daemons().size() == count; });
+    }
+
+    // The far host's datagram is dropped on its way in: `count` of them, each in a second of its own.
+    void dropPackets(int count, std::uint16_t fromPort) {
+        const auto from = pair.openUdp(Side::far, fromPort);
+        for (int i = 0; i < count; ++i) {
+            awaitNextSecond();
+            const auto dropped = network::packetsAtEndOf("VPK-LOGANDDROP");
+            ASSERT_TRUE(network::sendUdp(from, pair.at(Side::near, kPort), "unwanted"));
+            ASSERT_TRUE(process::waitUntil([&] { return network::packetsAtEndOf("VPK-LOGANDDROP") > dropped; }));
+        }
+    }
+    void denyFar() { deny("udp:" + pair.address(Side::far) + ":*:in"); }
+    const std::string &destination() const { return pair.address(Side::near); }
+
+    network::Pair pair;
+};
+
+TEST_F(Collector, CarriesDroppedPacketsIntoTheDatabaseAndTheReport) {
+    constexpr int kInterval = 5;
+    denyFar();
+    dropPackets(2, 4712);
+    awaitNextSecond(); // so that nothing more can take the place of the last packet
+    switchOn(kInterval, std::time(nullptr) - 1);
+
+    // The first iteration stores what the log holds and finds no report due.
+    ASSERT_TRUE(process::waitUntil([&] { return rowsAbout(destination()).size() >= 2; }));
+    const auto rows = rowsAbout(destination());
+    const auto logged = loggedTo(destination());
+    ASSERT_FALSE(logged.empty());
+    const long long boot = rows.begin()->first - logged.begin()->first;
+    EXPECT_NEAR(static_cast<double>(boot),
+                static_cast<double>(std::time(nullptr)) - static_cast<double>(kernellog::now().count()) / 1e6, 2.5);
+    PacketOfSecond expectedRows;
+    for (const auto &[second, packet] : logged)
+        expectedRows[second + boot] = packet;
+    EXPECT_EQ(rows, expectedRows);
+
+    // The second one reports what its interval has seen, and empties the database.
+    dropPackets(2, 4713);
+    const std::string before = configured("last_send_report_ts");
+    ASSERT_TRUE(process::waitUntil([] { return !reports().empty(); }));
+    ASSERT_TRUE(process::waitUntil([&] { return configured("last_send_report_ts") != before; }));
+    const long long reported = std::stoll(configured("last_send_report_ts"));
+    unsigned expected = 0;
+    for (const auto &[second, packet] : loggedTo(destination()))
+        expected += second + boot >= reported - kInterval ? 1 : 0;
+    const Report report = reports().front();
+    EXPECT_EQ(report.subtype, 1);
+    EXPECT_EQ(report.body["v"], "0.1");
+    EXPECT_EQ(report.body["data"][destination()].asUInt(), expected) << report.body;
+    EXPECT_GE(expected, 1U);
+    EXPECT_TRUE(process::waitUntil([&] { return rowsAbout(destination()).empty(); }));
+}
+
+TEST_F(Collector, EndsWhenSwitchedOff) {
+    switchOn(1, std::time(nullptr));
+    ASSERT_TRUE(awaitDaemons(1));
+    EXPECT_TRUE(fs::exists(wholesystem::kMarker));
+    EXPECT_EQ(system.execute("DisableStatCollector"), 0);
+    EXPECT_FALSE(fs::exists(wholesystem::kMarker));
+    EXPECT_TRUE(awaitDaemons(0));
+    deny("tcp:192.0.2.1:80"); // the host itself lives on
+    EXPECT_EQ(configured("enabled"), "0");
+}
+
+TEST_F(Collector, SwitchedOffStaysOffOverARestart) {
+    switchOn(1, std::time(nullptr));
+    ASSERT_TRUE(awaitDaemons(1));
+    EXPECT_EQ(system.execute("DisableStatCollector"), 0);
+    ASSERT_TRUE(awaitDaemons(0));
+    ASSERT_TRUE(system.restartHost());
+    EXPECT_EQ(configured("enabled"), "0");
+    EXPECT_FALSE(fs::exists(wholesystem::kMarker));
+    EXPECT_TRUE(daemons().empty());
+}
+
+TEST_F(Collector, SwitchedOnIsThereOnceAfterARestart) {
+    switchOn(1, std::time(nullptr));
+    ASSERT_TRUE(awaitDaemons(1));
+    const auto first = daemons();
+    ASSERT_TRUE(system.restartHost());
+    EXPECT_EQ(daemons(), first);
+    EXPECT_EQ(configured("enabled"), "1");
+}
+
+TEST_F(Collector, SwitchedOnIsThereOnceAfterAKillOfBoth) {
+    switchOn(1, std::time(nullptr));
+    ASSERT_TRUE(awaitDaemons(1));
+    const auto first = daemons();
+    system.killHost();
+    ::kill(first.front(), SIGKILL);
+    ASSERT_TRUE(system.startHost());
+    ASSERT_TRUE(awaitDaemons(1));
+    EXPECT_NE(daemons(), first);
+}
+
+TEST_F(Collector, DeadOneLosesItsMarkerAndCanBeSwitchedOnAgain) {
+    switchOn(60, std::time(nullptr));
+    ASSERT_TRUE(awaitDaemons(1));
+    ::kill(daemons().front(), SIGKILL);
+    ASSERT_TRUE(awaitDaemons(0));
+    EXPECT_TRUE(process::waitUntil([] { return !fs::exists(wholesystem::kMarker); }));
+    EXPECT_EQ(system.execute("EnableStatCollector"), 0);
+    EXPECT_TRUE(awaitDaemons(1));
+    EXPECT_TRUE(fs::exists(wholesystem::kMarker));
+}
+
+TEST_F(Collector, MarkerOfACollectorThatDiedWithItsHostIsRemovedAtTheNextStart) {
+    system.killHost();
+    std::ofstream(wholesystem::kMarker).close();
+    ASSERT_TRUE(system.startHost());
+    EXPECT_FALSE(fs::exists(wholesystem::kMarker));
+}
+
+TEST_F(Collector, DisablingThePluginSwitchesItOffForGood) {
+    switchOn(1, std::time(nullptr));
+    ASSERT_TRUE(awaitDaemons(1));
+    EXPECT_EQ(system.control({"set-status", "0"}).status, 0);
+    EXPECT_TRUE(awaitDaemons(0));
+    EXPECT_EQ(system.control({"set-status", "1"}).status, 0);
+    EXPECT_EQ(configured("enabled"), "0");
+    EXPECT_TRUE(daemons().empty());
+}
+
+// The plugin reads the kernel log through the host: the kernel's own stamp has no hyphen, the device's has one.
+TEST_F(Collector, LogReachesThePluginInTheDevicesDialectAndWithoutForgedLines) {
+    denyFar();
+    const auto fromPort = static_cast<std::uint16_t>(std::random_device()() % 30'000 + 20'000);
+    dropPackets(1, fromPort);
+    const std::string victim = "192.0.2." + std::to_string(std::time(nullptr) % 250);
+    const std::string forged = "IPTables-Dropped:IN=eth0 OUT= SRC=" + victim + " DST=" + destination() +
+                               " LEN=40 PROTO=UDP SPT=1 DPT=2 forged";
+    for (const char *priority : {"", "<4>", "<0>"})
+        kernellog::forge(priority + forged);
+    ASSERT_EQ(kernellog::linesWith(forged).size(), 3U);
+
+    EXPECT_EQ(system.execute("SendReport"), 0);
+    ASSERT_EQ(reports().size(), 1U);
+    EXPECT_EQ(reports().front().subtype, 139);
+    const std::regex ours(
+        "^<[0-9]+>\\[[0-9]+- *[0-9]+\\.[0-9]+\\] IPTables-Dropped:IN=near OUT= .*SRC=" + pair.address(Side::far) +
+        " DST=" + destination() + " .*SPT=" + std::to_string(fromPort) + " DPT=4711 .*");
+    int found = 0;
+    for (const auto &line : reports().front().body["data"]) {
+        found += std::regex_match(line.asString(), ours) ? 1 : 0;
+        EXPECT_EQ(line.asString().find("forged"), std::string::npos) << line;
+    }
+    EXPECT_EQ(found, 1) << reports().front().body;
+}
+
+TEST_F(Collector, CountsNoForgedPacketAndSurvivesIt) {
+    denyFar();
+    // A time and a port that would end the collector with an exception, and a packet that never was.
+    kernellog::forge("<4>IPTables-Dropped:[-x.] SRC=1 DST=" + destination() + " SPT=x DPT=y");
+    kernellog::forge("<4>IPTables-Dropped:IN=a OUT= SRC=192.0.2.1 DST=" + destination() + " SPT=99999999999 DPT=2 ");
+    dropPackets(1, 4712);
+    awaitNextSecond();
+    kernellog::forge("<4>IPTables-Dropped:IN=a OUT= SRC=192.0.2.1 DST=" + destination() + " SPT=1 DPT=2 ");
+    switchOn(60, std::time(nullptr));
+    ASSERT_TRUE(process::waitUntil([&] { return !rowsAbout(destination()).empty(); }));
+    for (const auto &[second, packet] : rowsAbout(destination()))
+        EXPECT_EQ(std::get<0>(packet), pair.address(Side::far));
+    EXPECT_EQ(daemons().size(), 1U);
+}
+
+} // namespace
