@@ -84,7 +84,10 @@ Connection::Connection(const std::string &path, int flags, bool verify) : handle
 }
 
 Connection::~Connection() {
-    record(std::string("close ") + sqlite3_db_filename(handle, "main"));
+    const std::string path = sqlite3_db_filename(handle, "main");
+    record("close " + path);
+    if (theHooks.close)
+        theHooks.close(path);
     sqlite3_close(handle);
 }
 

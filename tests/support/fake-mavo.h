@@ -14,6 +14,8 @@ namespace fakemavo {
 struct Hooks {
     // Before a file is opened.
     std::function<void(const std::string &path, int flags)> open;
+    // Before a file is closed; must not throw.
+    std::function<void(const std::string &path)> close;
     // Before a statement is prepared, and before each step of one.
     std::function<void(const std::string &sql)> prepare;
     std::function<void(const std::string &sql)> step;

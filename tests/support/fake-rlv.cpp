@@ -24,6 +24,8 @@ rlv_handle next = 0x80000001; // a handle has all of its 32 bits
 void record(const std::string &call, rlv_handle handle, bool failed) {
     state.calls.push_back(call + (handle != current ? " on " + std::to_string(handle) : "") +
                           (failed ? " failed" : ""));
+    if (state.callback)
+        state.callback(state.calls.back());
 }
 
 Answer answerTo(rlv_handle handle, const std::string &options) {
@@ -46,7 +48,7 @@ void failDeinitialize(int code) { state.deinitializeCode = code; }
 
 void answer(const std::string &options, const Answer &answer) { state.answers[options] = answer; }
 
-void onCommit(const std::function<void(const std::string &)> &callback) { state.callback = callback; }
+void onCall(const std::function<void(const std::string &)> &callback) { state.callback = callback; }
 
 const std::vector<std::string> &calls() { return state.calls; }
 
@@ -72,8 +74,6 @@ int rlv_deinitialize(rlv_handle handle) {
 }
 
 int rlv_iptables_commit(rlv_handle handle, const char *options, int *error_code, char **error_message) {
-    if (fakerlv::state.callback)
-        fakerlv::state.callback(options);
     const fakerlv::Answer answer = fakerlv::answerTo(handle, options);
     fakerlv::record(std::string("commit ") + options, handle, answer.errorCode != 0 || answer.result != 0);
     fakerlv::state.commands.emplace_back(options);

@@ -26,8 +26,8 @@ void failDeinitialize(int code);
 // From now on a command of this text is answered so. Whatever is sent on a handle that is not open, 0 above all, is
 // refused with code 4 and "no connection".
 void answer(const std::string &options, const Answer &answer);
-// Called on each commit, before the answer; an empty function ends it.
-void onCommit(const std::function<void(const std::string &options)> &callback);
+// Called with each call as it goes on record; an empty function ends it.
+void onCall(const std::function<void(const std::string &call)> &callback);
 
 // All calls since reset(): "initialize", "commit -F VPK-ALLOW", "deinitialize". A call that failed has " failed" at its
 // end; a handle that is not the one last opened has " on N" at its end.

@@ -4,6 +4,7 @@
 #include <exception>
 #include <filesystem>
 #include <functional>
+#include <ostream>
 #include <type_traits>
 #include <unistd.h>
 
@@ -395,6 +396,8 @@ struct Refusal {
     std::vector<std::string> bound;
 };
 
+void PrintTo(const Refusal &refusal, std::ostream *stream) { *stream << refusal.direction << " " << refusal.target; }
+
 class ARuleThatCannotBeStored : public AnOpenStorage, public testing::WithParamInterface<Refusal> {};
 
 TEST_P(ARuleThatCannotBeStored, IsRefusedByTheTable) {
@@ -590,6 +593,8 @@ struct Question {
     std::string target;
     bool opposite;
 };
+
+void PrintTo(const Question &question, std::ostream *stream) { *stream << question.rule << " " << question.target; }
 
 class AStoredRule : public AnOpenStorage, public testing::WithParamInterface<Question> {
 protected:
