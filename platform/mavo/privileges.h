@@ -29,6 +29,9 @@ private:
         std::set<uid_t> users;
         std::set<gid_t> groups;
     };
+    void addLine(const std::string &line);
+    static void addHolder(Holders &holders, const std::string &account);
+
     std::map<std::string, Holders> holders_;
 };
 

@@ -1,0 +1,151 @@
+#include "mavo/privileges.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <grp.h>
+#include <limits>
+#include <optional>
+#include <pwd.h>
+#include <sstream>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+#include "mavo/exception.h"
+
+namespace mavo {
+namespace rmi {
+
+namespace {
+
+constexpr std::size_t kAccountEntryLimitBytes = 1U << 20;
+
+// Runs one of the get…_r functions with a buffer that is large enough. Null when there is no such entry.
+template <typename Entry, typename Lookup> const Entry *lookUp(Entry &entry, std::vector<char> &buffer, Lookup lookup) {
+    Entry *found = nullptr;
+    for (buffer.resize(1024); buffer.size() <= kAccountEntryLimitBytes; buffer.resize(buffer.size() * 4)) {
+        if (lookup(&entry, buffer.data(), buffer.size(), &found) != ERANGE)
+            return found;
+    }
+    return nullptr;
+}
+
+std::optional<unsigned> number(const std::string &text) {
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos || text.size() > 10)
+        return std::nullopt;
+    const unsigned long long value = std::stoull(text);
+    // The largest number stands for no account at all.
+    if (value >= std::numeric_limits<unsigned>::max())
+        return std::nullopt;
+    return static_cast<unsigned>(value);
+}
+
+std::optional<uid_t> userOf(const std::string &name) {
+    if (const auto uid = number(name))
+        return uid;
+    passwd entry{};
+    std::vector<char> buffer;
+    const passwd *found = lookUp(entry, buffer, [&name](auto... room) { return getpwnam_r(name.c_str(), room...); });
+    return found != nullptr ? std::optional<uid_t>(found->pw_uid) : std::nullopt;
+}
+
+std::optional<gid_t> groupOf(const std::string &name) {
+    if (const auto gid = number(name))
+        return gid;
+    group entry{};
+    std::vector<char> buffer;
+    const group *found = lookUp(entry, buffer, [&name](auto... room) { return getgrnam_r(name.c_str(), room...); });
+    return found != nullptr ? std::optional<gid_t>(found->gr_gid) : std::nullopt;
+}
+
+// The groups that the account database gives the user. None for a number without an account.
+std::vector<gid_t> groupsOf(uid_t uid, gid_t gid) {
+    passwd entry{};
+    std::vector<char> buffer;
+    const passwd *user = lookUp(entry, buffer, [uid](auto... room) { return getpwuid_r(uid, room...); });
+    if (user == nullptr)
+        return {};
+    int count = 64;
+    std::vector<gid_t> groups(static_cast<std::size_t>(count));
+    while (getgrouplist(user->pw_name, gid, groups.data(), &count) < 0) {
+        count = std::max(count, static_cast<int>(groups.size()) * 2);
+        groups.resize(static_cast<std::size_t>(count));
+    }
+    groups.resize(static_cast<std::size_t>(count));
+    return groups;
+}
+
+std::string pathOf(const std::string &privilege) {
+    const std::size_t scheme = privilege.find("://");
+    const std::size_t start = privilege.find('/', scheme == std::string::npos ? 0 : scheme + 3);
+    if (start == std::string::npos)
+        return {};
+    return privilege.substr(start, privilege.find_first_of("?#", start) - start);
+}
+
+} // namespace
+
+Privileges Privileges::load(const std::string &file) {
+    Privileges privileges;
+    struct stat status {};
+    if (::stat(file.c_str(), &status) != 0 && errno == ENOENT)
+        return privileges;
+    std::ifstream stream(file);
+    std::string line;
+    for (int lineNumber = 1; std::getline(stream, line); ++lineNumber) {
+        try {
+            privileges.addLine(line.substr(0, line.find('#')));
+        } catch (const Exception &exception) {
+            throw Exception(file + ":" + std::to_string(lineNumber) + ": " + exception.what());
+        }
+    }
+    if (!stream.eof())
+        throw Exception(file + ": cannot be read: " + std::strerror(errno));
+    return privileges;
+}
+
+void Privileges::addLine(const std::string &line) {
+    std::istringstream words(line);
+    std::string path;
+    if (!(words >> path))
+        return;
+    if (path.front() != '/')
+        throw Exception("\"" + path + "\" is no privilege's path, which begins with \"/\"");
+    Holders &holders = holders_[path];
+    for (std::string account; words >> account;)
+        addHolder(holders, account);
+}
+
+void Privileges::addHolder(Holders &holders, const std::string &account) {
+    if (account.front() == '@') {
+        const auto gid = groupOf(account.substr(1));
+        if (!gid)
+            throw Exception("no group \"" + account.substr(1) + "\"");
+        holders.groups.insert(*gid);
+        return;
+    }
+    const auto uid = userOf(account);
+    if (!uid)
+        throw Exception("no user \"" + account + "\"; a group's name follows \"@\"");
+    holders.users.insert(*uid);
+}
+
+bool Privileges::holds(uid_t uid, gid_t gid, const std::string &privilege) const {
+    if (uid == 0)
+        return true;
+    const auto found = holders_.find(pathOf(privilege));
+    if (found == holders_.end())
+        return false;
+    const Holders &holders = found->second;
+    if (holders.users.count(uid) != 0 || holders.groups.count(gid) != 0)
+        return true;
+    if (holders.groups.empty())
+        return false;
+    const auto groups = groupsOf(uid, gid);
+    return std::any_of(groups.begin(), groups.end(), [&](gid_t group) { return holders.groups.count(group) != 0; });
+}
+
+} // namespace rmi
+} // namespace mavo
