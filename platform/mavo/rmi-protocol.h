@@ -10,6 +10,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,7 +21,10 @@ constexpr std::uint32_t kRequestMagic = 0x31494d52; // "RMI1"
 constexpr std::uint32_t kReplyMagic = 0x31504d52;   // "RMP1"
 constexpr std::size_t kMethodNameLimitBytes = 256;
 // Room for a list of 100,000 rules of 160 bytes each.
-constexpr std::size_t kBodyLimitBytes = 16U * 1024 * 1024;
+constexpr std::size_t kBodyLimitBytes = std::size_t{16} * 1024 * 1024;
+constexpr std::size_t kReplyLimitBytes = 16 * kBodyLimitBytes;
+constexpr std::size_t kRequestHeadBytes = 12; // without the name
+constexpr std::size_t kReplyHeadBytes = 8;
 
 enum class Status : std::uint32_t {
     ok = 0,
@@ -41,6 +45,25 @@ struct Reply {
     // Commands that are stored but not in force, each with the reason.
     std::vector<std::string> notInForce;
 };
+
+struct RequestHead {
+    std::size_t nameBytes = 0;
+    std::size_t bodyBytes = 0;
+};
+
+// The head and the method's name; the body follows.
+std::string encodeRequestHead(const std::string &method, std::size_t bodyBytes);
+// Of kRequestHeadBytes bytes; none when they are not a request's or a length is beyond its limit.
+std::optional<RequestHead> decodeRequestHead(const std::string &bytes);
+// Whether these first bytes, however few, can still become a request.
+bool beginsRequest(const std::string &bytes);
+
+// The whole frame.
+std::string encodeReply(const Reply &reply);
+// The length of what follows kReplyHeadBytes bytes; none when they are not a reply's or it is beyond its limit.
+std::optional<std::size_t> decodeReplyHead(const std::string &bytes);
+// Of what follows the head; none when it is not exactly a reply.
+std::optional<Reply> decodeReply(const std::string &bytes);
 
 } // namespace rmi
 } // namespace mavo

@@ -20,7 +20,7 @@ namespace rmi {
 
 struct ServerLimits {
     int connections = 64;
-    int connectionsPerUser = 16; // root has the whole number
+    int connectionsPerUser = 16; // root has the whole number, an eighth of which is kept for him
     // Descriptors that must stay free for the program's own work; a connection that would take one of them is refused.
     int reservedDescriptors = 64;
     std::chrono::milliseconds requestTimeout{10'000}; // from the first byte of a request to its last
@@ -53,8 +53,12 @@ private:
     std::unique_ptr<Impl> impl_;
 };
 
+// Calls the method and makes its outcome a reply: what it throws becomes status malformed (BadArguments) or exception.
+Reply invokeMethod(const MethodContext &method, Message &request);
+
 // A listening socket at `path` with exactly `mode`. A socket left there by a dead process is replaced; one that
-// somebody still serves is not: throws std::system_error with EADDRINUSE. Missing parent directories are not made.
+// somebody still serves is not: throws std::system_error with EADDRINUSE. Missing parent directories are not made. Of
+// two programs that start at the same time over a dead socket, both may succeed: whoever cares holds a lock of his own.
 support::UniqueFd listenAt(const std::string &path, mode_t mode);
 
 } // namespace rmi

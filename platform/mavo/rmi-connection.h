@@ -1,0 +1,112 @@
+// One client's connection to a server of remote methods.
+#ifndef PLATFORM_MAVO_RMI_CONNECTION_H
+#define PLATFORM_MAVO_RMI_CONNECTION_H
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <sys/types.h>
+
+#include "mavo/rmi-protocol.h"
+#include "mavo/rmi-server.h"
+#include "support/event-loop.h"
+#include "support/unique-fd.h"
+
+namespace mavo {
+namespace rmi {
+
+struct Peer {
+    uid_t uid;
+    gid_t gid;
+};
+
+class Connection;
+
+// What a connection asks of the server that owns it.
+class RequestHandler {
+public:
+    virtual ~RequestHandler() = default;
+
+    // The answer to a request that is refused by its head, or none.
+    virtual std::optional<Reply> refusal(const Peer &peer, const std::string &method) = 0;
+    virtual Reply carryOut(const Peer &peer, const std::string &method, std::string body) = 0;
+    // The time spent so far in carrying out calls. It is not held against clients that waited meanwhile.
+    virtual std::chrono::milliseconds timeInCalls() const = 0;
+    // The connection is over and is destroyed in this call.
+    virtual void ended(Connection &connection) = 0;
+};
+
+// Reads one request, answers it, reads the next, each step as far as the socket goes without blocking. Loop and handler
+// must outlive it.
+class Connection {
+public:
+    // `socket` is non-blocking. Throws std::system_error when it cannot be watched.
+    Connection(support::EventLoop &loop, support::UniqueFd socket, Peer peer, const ServerLimits &limits,
+               RequestHandler &handler);
+    ~Connection();
+    Connection(const Connection &) = delete;
+    Connection &operator=(const Connection &) = delete;
+
+    int descriptor() const { return socket_.get(); }
+    const Peer &peer() const { return peer_; }
+
+private:
+    enum class Input {
+        head,    // of the next request; nothing of it has come while collected_ is empty
+        name,    //
+        body,    //
+        discard, // the body of a request that was refused
+        drain,   // whatever a client still sends whose connection ends, so that it can read why
+        none     // until the reply has gone
+    };
+
+    void ready();
+    void goOn();
+    bool readSome();
+    void take(const char *bytes, std::size_t size);
+    void expect(Input input, std::size_t bytes);
+    void arrived();
+    void headArrived();
+    void nameArrived();
+    void bodyArrived();
+    void requestRead();
+    void inputEnded();
+    bool insideRequest() const;
+
+    void answer(const Reply &reply);
+    void endWith(const std::string &error);
+    bool hasOutput() const { return written_ < output_.size(); }
+    void writeSome();
+    void replyWritten();
+
+    void updateInterest();
+    void startTimer(std::chrono::milliseconds delay);
+    void timerExpired();
+    void leaveIfOver();
+
+    support::EventLoop &loop_;
+    support::UniqueFd socket_;
+    Peer peer_;
+    std::chrono::milliseconds requestTimeout_;
+    std::chrono::milliseconds idleTimeout_;
+    RequestHandler &handler_;
+
+    Input input_ = Input::none;
+    std::size_t left_ = 0; // bytes until what is expected is complete
+    std::string collected_;
+    std::string method_;
+    std::size_t bodyBytes_ = 0;
+    std::string output_;
+    std::size_t written_ = 0;
+    bool ending_ = false; // no further request is read
+    bool over_ = false;
+    std::uint32_t interest_ = 0;
+    support::EventLoop::Timer timer_ = 0;
+    std::chrono::milliseconds timeInCallsAtStart_{0};
+};
+
+} // namespace rmi
+} // namespace mavo
+
+#endif

@@ -1,0 +1,209 @@
+#include "mavo/rmi-server.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <exception>
+#include <fcntl.h>
+#include <map>
+#include <optional>
+#include <sys/epoll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+
+#include "mavo/rmi-connection.h"
+
+namespace mavo {
+namespace rmi {
+
+namespace {
+
+using support::UniqueFd;
+
+constexpr int kAcceptsPerTurn = 16;
+constexpr std::chrono::milliseconds kAcceptPause{100};
+
+// Whether the process can open that many more files. Asks number by number and stops at enough, so it costs about as
+// many calls as files are open, and no descriptor of its own.
+bool descriptorsFree(int wanted) {
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return false;
+    for (int fd = 0; wanted > 0 && static_cast<rlim_t>(fd) < limit.rlim_cur; ++fd) {
+        if (::fcntl(fd, F_GETFD) < 0)
+            --wanted;
+    }
+    return wanted <= 0;
+}
+
+// Its end of life is the socket's, whose buffer is empty yet: one small frame always fits.
+void refuseAsBusy(const UniqueFd &socket, const char *why) {
+    const std::string frame = encodeReply({Status::busy, {}, why, {}, {}});
+    [[maybe_unused]] const ssize_t sent = ::send(socket.get(), frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+}
+
+std::optional<Peer> peerOf(const UniqueFd &socket) {
+    ucred credentials{};
+    socklen_t size = sizeof(credentials);
+    if (::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0)
+        return std::nullopt;
+    return Peer{credentials.uid, credentials.gid};
+}
+
+std::string oneLine(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char byte) { return byte < 0x20 || byte == 0x7f; }, ' ');
+    return text;
+}
+
+} // namespace
+
+class Server::Impl : public RequestHandler {
+public:
+    Impl(support::EventLoop &loop, UniqueFd listener, Privileges privileges, ServerLimits limits, Find find,
+         Invoke invoke)
+        : loop_(loop), listener_(std::move(listener)), privileges_(std::move(privileges)), limits_(limits),
+          rootsOwn_(limits.connections / 8), find_(std::move(find)), invoke_(std::move(invoke)) {
+        if (::fcntl(listener_.get(), F_SETFL, ::fcntl(listener_.get(), F_GETFL) | O_NONBLOCK) != 0)
+            throw std::system_error(errno, std::generic_category(), "listener");
+        watchListener();
+    }
+    ~Impl() override {
+        loop_.cancel(pause_);
+        loop_.unwatch(listener_.get());
+    }
+    Impl(const Impl &) = delete;
+    Impl &operator=(const Impl &) = delete;
+
+    std::vector<int> descriptors() const {
+        std::vector<int> all{listener_.get()};
+        for (const auto &entry : connections_)
+            all.push_back(entry.first);
+        return all;
+    }
+
+    std::optional<Reply> refusal(const Peer &peer, const std::string &method) override {
+        return refusal(peer, find_(method));
+    }
+
+    Reply carryOut(const Peer &peer, const std::string &method, std::string body) override {
+        // Asked anew: the table may have been exchanged since the head of the request.
+        const auto context = find_(method);
+        if (const auto refused = refusal(peer, context))
+            return *refused;
+        Message request(std::move(body));
+        const auto start = support::EventLoop::Clock::now();
+        Reply reply = invoke_(method, *context, request);
+        timeInCalls_ += std::chrono::ceil<std::chrono::milliseconds>(support::EventLoop::Clock::now() - start);
+        return reply;
+    }
+
+    std::chrono::milliseconds timeInCalls() const override { return timeInCalls_; }
+
+    void ended(Connection &connection) override { connections_.erase(connection.descriptor()); }
+
+private:
+    std::optional<Reply> refusal(const Peer &peer, const std::shared_ptr<const MethodContext> &context) const {
+        if (!context)
+            return Reply{Status::unknownMethod, {}, "no such method", {}, {}};
+        if (!privileges_.holds(peer.uid, peer.gid, context->privilege))
+            return Reply{Status::denied, {}, "needs the privilege " + oneLine(context->privilege), {}, {}};
+        return std::nullopt;
+    }
+
+    void watchListener() {
+        loop_.watch(listener_.get(), EPOLLIN, [this](std::uint32_t) { acceptSome(); });
+    }
+
+    void acceptSome() {
+        for (int i = 0; i < kAcceptsPerTurn; ++i) {
+            UniqueFd socket = support::aboveStandardStreams(
+                UniqueFd(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK)));
+            if (socket)
+                admit(std::move(socket));
+            else if (errno == EAGAIN || errno == EWOULDBLOCK)
+                return;
+            else if (errno != EINTR && errno != ECONNABORTED)
+                return pauseAccepting();
+        }
+    }
+
+    // The process or the machine is out of something; the listener stays ready meanwhile and must not keep us busy.
+    void pauseAccepting() {
+        loop_.unwatch(listener_.get());
+        pause_ = loop_.after(kAcceptPause, [this] {
+            pause_ = 0;
+            try {
+                watchListener();
+            } catch (const std::exception &) {
+                pauseAccepting();
+            }
+        });
+    }
+
+    void admit(UniqueFd socket) {
+        const auto peer = peerOf(socket);
+        if (!peer)
+            return;
+        if (const char *why = reasonToRefuse(*peer))
+            return refuseAsBusy(socket, why);
+        const int fd = socket.get();
+        try {
+            connections_[fd] = std::make_unique<Connection>(loop_, std::move(socket), *peer, limits_, *this);
+        } catch (const std::exception &) {
+            connections_.erase(fd);
+        }
+    }
+
+    // Null when the client is welcome. What is kept for root, others do not get.
+    const char *reasonToRefuse(const Peer &peer) const {
+        const int kept = peer.uid == 0 ? 0 : rootsOwn_;
+        if (static_cast<int>(connections_.size()) >= limits_.connections - kept)
+            return "too many connections";
+        const auto ofUser = std::count_if(connections_.begin(), connections_.end(),
+                                          [&peer](const auto &entry) { return entry.second->peer().uid == peer.uid; });
+        if (peer.uid != 0 && ofUser >= limits_.connectionsPerUser)
+            return "too many connections of this user";
+        if (!descriptorsFree(limits_.reservedDescriptors + kept))
+            return "too few descriptors left";
+        return nullptr;
+    }
+
+    support::EventLoop &loop_;
+    UniqueFd listener_;
+    Privileges privileges_;
+    ServerLimits limits_;
+    int rootsOwn_; // connections that only root gets
+    Find find_;
+    Invoke invoke_;
+    std::chrono::milliseconds timeInCalls_{0};
+    support::EventLoop::Timer pause_ = 0;
+    std::map<int, std::unique_ptr<Connection>> connections_; // by descriptor
+};
+
+Server::Server(support::EventLoop &loop, UniqueFd listener, Privileges privileges, ServerLimits limits, Find find,
+               Invoke invoke)
+    : impl_(std::make_unique<Impl>(loop, std::move(listener), std::move(privileges), limits, std::move(find),
+                                   std::move(invoke))) {}
+
+Server::~Server() = default;
+
+std::vector<int> Server::descriptors() const { return impl_->descriptors(); }
+
+Reply invokeMethod(const MethodContext &method, Message &request) {
+    Reply reply;
+    try {
+        reply.body = method.dispatcher(request).body();
+    } catch (const BadArguments &exception) {
+        reply = {Status::malformed, {}, oneLine(exception.what()), {}, {}};
+    } catch (const std::exception &exception) {
+        const char *text = exception.what();
+        reply = {Status::exception, {}, oneLine(text != nullptr ? text : "unknown exception"), {}, {}};
+    } catch (...) {
+        reply = {Status::exception, {}, "unknown exception", {}, {}};
+    }
+    return reply;
+}
+
+} // namespace rmi
+} // namespace mavo
