@@ -1,0 +1,114 @@
+#include "rlv/connection-history.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using rlv::Asker;
+using rlv::ConnectionEnd;
+using rlv::ConnectionHistory;
+
+constexpr Asker kMe{0, 100};
+constexpr Asker kOther{7, 200};
+
+rlv::LostCommand lost(const std::string &options) { return {options, 1, "no", true}; }
+
+std::vector<std::uint64_t> numbersOf(const ConnectionHistory &history, const Asker &asker) {
+    std::vector<std::uint64_t> numbers;
+    for (const auto &outcome : history.of(asker, 0))
+        numbers.push_back(outcome.number);
+    return numbers;
+}
+
+using Numbers = std::vector<std::uint64_t>;
+
+TEST(AConnectionHistory, NumbersConnectionsUpwardsFromOne) {
+    ConnectionHistory history;
+    EXPECT_EQ(0U, history.lastNumber());
+    EXPECT_EQ(1U, history.open(kMe));
+    EXPECT_EQ(2U, history.open(kOther));
+    EXPECT_EQ(2U, history.lastNumber());
+}
+
+TEST(AConnectionHistory, TellsUsersAndProcessesApart) {
+    ConnectionHistory history;
+    history.open(kMe);
+    history.open({kMe.user, kOther.process});
+    history.open({kOther.user, kMe.process});
+    EXPECT_EQ(Numbers{1}, numbersOf(history, kMe));
+}
+
+TEST(AConnectionHistory, KeepsTheFirstEndOfAConnection) {
+    ConnectionHistory history;
+    const auto number = history.open(kMe);
+    history.end(number, ConnectionEnd::closed);
+    history.end(number, ConnectionEnd::vanished);
+    EXPECT_EQ(ConnectionEnd::closed, history.of(kMe, 0).at(0).end);
+}
+
+TEST(AConnectionHistory, CountsWhatItsListHasNoRoomFor) {
+    ConnectionHistory::Limits limits;
+    limits.textBytesPerConnection = 1000;
+    ConnectionHistory history(limits);
+    const auto number = history.open(kMe);
+    history.addLost(number, lost("first"));
+    history.addLost(number, lost(std::string(1000, 'x')));
+    history.addLost(number, lost("later"));
+    const auto outcome = history.of(kMe, 0).at(0);
+    ASSERT_EQ(1U, outcome.lost.size());
+    EXPECT_EQ("first", outcome.lost[0].options);
+    EXPECT_EQ(2U, outcome.lostBeyondList);
+}
+
+TEST(AConnectionHistory, DropsTheOldestTextsButNotTheirNumber) {
+    ConnectionHistory::Limits limits;
+    limits.textBytesInAll = 2000;
+    ConnectionHistory history(limits);
+    const auto old = history.open(kMe);
+    history.addLost(old, lost(std::string(1000, 'x')));
+    const auto young = history.open(kMe);
+    history.addLost(young, lost(std::string(1000, 'y')));
+    const auto outcomes = history.of(kMe, 0);
+    EXPECT_TRUE(outcomes.at(0).lost.empty());
+    EXPECT_EQ(1U, outcomes.at(0).lostBeyondList);
+    EXPECT_EQ(1U, outcomes.at(1).lost.size());
+}
+
+TEST(AConnectionHistory, ForgetsTheOldestThatEndedWellFirst) {
+    ConnectionHistory::Limits limits;
+    limits.endedPerUser = 2;
+    ConnectionHistory history(limits);
+    for (int i = 0; i < 4; ++i)
+        history.open(kMe);
+    history.addLost(1, lost("x"));
+    history.end(1, ConnectionEnd::closed);
+    history.end(2, ConnectionEnd::closed);
+    history.end(3, ConnectionEnd::vanished);
+    EXPECT_EQ((Numbers{1, 3, 4}), numbersOf(history, kMe));
+    history.end(4, ConnectionEnd::vanished);
+    EXPECT_EQ((Numbers{3, 4}), numbersOf(history, kMe));
+}
+
+TEST(AConnectionHistory, LetsOneUserNotPushOutAnothers) {
+    ConnectionHistory::Limits limits;
+    limits.endedPerUser = 2;
+    ConnectionHistory history(limits);
+    history.end(history.open(kMe), ConnectionEnd::closed);
+    for (int i = 0; i < 5; ++i)
+        history.end(history.open(kOther), ConnectionEnd::closed);
+    EXPECT_EQ(Numbers{1}, numbersOf(history, kMe));
+    EXPECT_EQ((Numbers{5, 6}), numbersOf(history, kOther));
+}
+
+TEST(AConnectionHistory, ForgetsTheOldestOfAllBeyondTheLimitInAll) {
+    ConnectionHistory::Limits limits;
+    limits.endedInAll = 2;
+    ConnectionHistory history(limits);
+    history.end(history.open(kMe), ConnectionEnd::closed);
+    history.end(history.open(kOther), ConnectionEnd::closed);
+    history.end(history.open(kOther), ConnectionEnd::closed);
+    EXPECT_TRUE(numbersOf(history, kMe).empty());
+    EXPECT_EQ((Numbers{2, 3}), numbersOf(history, kOther));
+}
+
+} // namespace

@@ -1,0 +1,640 @@
+// The service as a process of its own, over its real socket, in simulation and with the kernel.
+#include "rlv/rlv-query.h"
+#include "rlv/rlv.h"
+
+#include <arpa/inet.h>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <grp.h>
+#include <netinet/in.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <system_error>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "rlv/protocol.h"
+#include "support/process.h"
+
+namespace {
+
+using process::Child;
+using rlv::protocol::Reply;
+using rlv::protocol::Request;
+using support::UniqueFd;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr const char *kSocket = "/run/rlvd-socket";
+constexpr uid_t kServed = 1; // Debian's "daemon", whose group has the same number
+constexpr uid_t kNotServed = 2;
+
+std::vector<std::string> words(const std::vector<std::string> &options) {
+    std::vector<std::string> all = {process::built("rlvd"), "--socket", kSocket, "--log-stderr"};
+    all.insert(all.end(), options.begin(), options.end());
+    return all;
+}
+
+// A running service that this process and its children reach.
+class Service {
+public:
+    explicit Service(const std::vector<std::string> &options) : child_(words(options)) {
+        rlv::setSocketPath(kSocket);
+        EXPECT_TRUE(child_.waitReady([this] { return log().find("serving") != std::string::npos; })) << log();
+    }
+    std::string log() const { return child_.errors(); }
+    Child &process() { return child_; }
+
+private:
+    Child child_;
+};
+
+class SimulatedService : public Service {
+public:
+    explicit SimulatedService(std::vector<std::string> options = {}) : Service(with(std::move(options))) {}
+
+private:
+    static std::vector<std::string> with(std::vector<std::string> options) {
+        options.emplace_back("--simulate");
+        return options;
+    }
+};
+
+// A connection for as long as the object lives.
+class Client {
+public:
+    Client() { EXPECT_EQ(0, rlv_initialize(&handle_)); }
+    ~Client() { rlv_deinitialize(handle_); }
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+
+    // "code: message"; "0: " when accepted.
+    std::string commit(const std::string &options) const {
+        int code = -1;
+        char *message = nullptr;
+        const int result = rlv_iptables_commit(handle_, options.c_str(), &code, &message);
+        std::string answer = std::to_string(code) + ": " + (message != nullptr ? message : "");
+        std::free(message);
+        EXPECT_EQ(0, result) << answer;
+        return answer;
+    }
+    int close() { return rlv_deinitialize(std::exchange(handle_, 0)); }
+
+private:
+    rlv_handle handle_ = 0;
+};
+
+// A client that does not keep to the rules.
+class RawClient {
+public:
+    RawClient() : fd_(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, kSocket, sizeof address.sun_path - 1);
+        EXPECT_EQ(0, ::connect(fd_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
+    }
+    bool send(const std::string &packet, int flags = 0) {
+        return ::send(fd_.get(), packet.data(), packet.size(), MSG_NOSIGNAL | flags) >= 0;
+    }
+    bool send(Request::Kind kind, std::uint64_t number = 0, const std::string &text = {}, int flags = 0) {
+        return send(rlv::protocol::encode(Request{kind, number, text}), flags);
+    }
+    // Empty when the service has closed the socket.
+    std::optional<Reply> receive() {
+        std::string packet(rlv::protocol::kMaxPacketBytes, '\0');
+        const ssize_t size = ::recv(fd_.get(), packet.data(), packet.size(), 0);
+        packet.resize(static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+        return rlv::protocol::decodeReply(packet);
+    }
+    std::uint64_t open() {
+        send(Request::Kind::open, rlv::protocol::kVersion);
+        return receive().value_or(Reply{}).number;
+    }
+
+private:
+    UniqueFd fd_;
+};
+
+// The exit status of `body` in a child process of another account.
+int asUser(uid_t user, gid_t group, const std::function<int()> &body) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const bool changed =
+            ::setgroups(0, nullptr) == 0 && ::setresgid(group, group, group) == 0 && ::setresuid(user, user, user) == 0;
+        ::_exit(changed ? body() : 255);
+    }
+    int status = 0;
+    EXPECT_EQ(child, ::waitpid(child, &status, 0));
+    return WEXITSTATUS(status);
+}
+
+int opened() {
+    rlv_handle handle = 0;
+    const int error = rlv_initialize(&handle);
+    return error != 0 ? error : rlv_deinitialize(handle);
+}
+
+int queryError() {
+    try {
+        rlv::query(0);
+    } catch (const std::system_error &error) {
+        return error.code().value();
+    }
+    return 0;
+}
+
+rlv::ConnectionOutcome outcomeOf(std::uint64_t number) {
+    for (const auto &outcome : rlv::query(number - 1).connections) {
+        if (outcome.number == number)
+            return outcome;
+    }
+    ADD_FAILURE() << "nothing is known of connection " << number;
+    return {};
+}
+
+std::uint64_t rulesOf(const std::string &chain) {
+    for (const auto &state : rlv::query(0).chains) {
+        if (state.name == chain)
+            return state.rules;
+    }
+    return 0;
+}
+
+void replaceFile(const char *path, const std::string &text) {
+    const std::string mine = std::string("/run/replaces") + std::to_string(std::hash<std::string>()(path));
+    std::ofstream(mine) << text;
+    ::chmod(mine.c_str(), 0644);
+    ASSERT_EQ(0, ::mount(mine.c_str(), path, nullptr, MS_BIND, nullptr)) << path << ": " << std::strerror(errno);
+}
+
+// ---- what is applied ----
+
+TEST(TheService, AppliesCommandsAndTellsWhatStands) {
+    SimulatedService service;
+    Client client;
+    EXPECT_EQ("0: ", client.commit("-N VPK-DENY"));
+    EXPECT_EQ("0: ", client.commit("-A VPK-DENY -p tcp -s 10.0.0.5 --sport 80 -j DROP"));
+    EXPECT_EQ("0: ", client.commit("-A OUTPUT -j VPK-DENY"));
+    EXPECT_EQ(0, client.close());
+    const auto state = rlv::query(0);
+    EXPECT_TRUE(state.simulated);
+    EXPECT_NE(0U, state.serviceId);
+    ASSERT_EQ(1U, state.chains.size());
+    EXPECT_EQ("VPK-DENY", state.chains[0].name);
+    EXPECT_EQ(1U, state.chains[0].rules);
+    ASSERT_EQ(1U, state.hooks.size());
+    EXPECT_EQ("OUTPUT", state.hooks[0].chain);
+    EXPECT_EQ("VPK-DENY", state.hooks[0].target);
+}
+
+TEST(TheService, RefusesWithIptablesCodesAndGoesOn) {
+    SimulatedService service;
+    const Client client;
+    EXPECT_THAT(client.commit("-F VPK-DENY"), HasSubstr("1: "));
+    EXPECT_THAT(client.commit("-t nat -F"), HasSubstr("2: "));
+    EXPECT_THAT(client.commit(""), HasSubstr("2: "));
+    EXPECT_EQ("0: ", client.commit("-N VPK-DENY"));
+}
+
+TEST(TheService, TakesChainsOfAnotherPrefix) {
+    SimulatedService service({"--chain-prefix", "MY_"});
+    const Client client;
+    EXPECT_EQ("0: ", client.commit("-N MY_DENY"));
+    EXPECT_THAT(client.commit("-N VPK-DENY"), HasSubstr("2: "));
+}
+
+TEST(TheService, RefusesAnOverlongTextAndGoesOn) {
+    SimulatedService service;
+    const Client client;
+    EXPECT_THAT(client.commit("-F VPK-" + std::string(rlv::protocol::kMaxOptionsBytes, 'x')), HasSubstr("2: "));
+    EXPECT_EQ("0: ", client.commit("-N VPK-DENY"));
+}
+
+TEST(TheService, RefusesATextOfManyTimesTheLimitAndGoesOn) {
+    SimulatedService service;
+    RawClient client;
+    const auto number = client.open();
+    ASSERT_TRUE(client.send(Request::Kind::commit, 0, std::string(100'000, 'x')));
+    EXPECT_EQ(2, client.receive().value_or(Reply{}).code);
+    client.send(Request::Kind::commit, 0, "-N VPK-DENY");
+    EXPECT_EQ(0, client.receive().value_or(Reply{}).code);
+    EXPECT_EQ(rlv::protocol::kMaxOptionsBytes, outcomeOf(number).lost.at(0).options.size());
+}
+
+// ---- who is served ----
+
+TEST(TheService, ServesRootAndTheGivenAccountsAlone) {
+    SimulatedService service({"--client-user", "daemon"});
+    EXPECT_EQ(0, opened());
+    EXPECT_EQ(0, asUser(kServed, kServed, opened));
+    EXPECT_EQ(EACCES, asUser(kNotServed, kNotServed, opened)) << "kept out by the socket's mode";
+    EXPECT_EQ(EACCES, asUser(kNotServed, kServed, opened)) << "kept out by its credentials";
+    EXPECT_EQ(EACCES, asUser(kNotServed, kServed, queryError));
+    EXPECT_THAT(service.log(), HasSubstr("user 2, process "));
+}
+
+TEST(TheService, ServesNobodyButRootByDefault) {
+    SimulatedService service({"--socket-group", "daemon"});
+    EXPECT_EQ(EACCES, asUser(kServed, kServed, opened));
+    EXPECT_EQ(0, opened());
+}
+
+TEST(TheService, MakesItsSocketForOwnerAndGroup) {
+    SimulatedService service({"--client-user", "daemon"});
+    struct stat found {};
+    ASSERT_EQ(0, ::stat(kSocket, &found));
+    EXPECT_EQ(0660U, found.st_mode & 07777);
+    EXPECT_EQ(0U, found.st_uid);
+    EXPECT_EQ(1U, found.st_gid);
+}
+
+TEST(TheService, MakesTheDirectoryOfTheDefaultSocketWhateverTheUmask) {
+    const Child child({"sh", "-c", "umask 077; exec " + process::built("rlvd") + " --simulate --log-stderr"});
+    ASSERT_TRUE(process::waitUntil([&] { return child.errors().find("serving") != std::string::npos; }));
+    for (const char *directory : {"/run/vpk", "/run/vpk/rlvd"}) {
+        struct stat found {};
+        ASSERT_EQ(0, ::stat(directory, &found));
+        EXPECT_EQ(0755U, found.st_mode & 07777) << directory;
+    }
+    struct stat found {};
+    ASSERT_EQ(0, ::stat(rlv::kDefaultSocketPath, &found));
+    EXPECT_EQ(0660U, found.st_mode & 07777);
+}
+
+// ---- start and end ----
+
+// Exit status and what it said, of a service that is expected to end by itself.
+process::Result ended(const std::vector<std::string> &options) { return process::capture(words(options)); }
+
+void expectOneLine(const std::string &text) { EXPECT_EQ(1, std::count(text.begin(), text.end(), '\n')) << text; }
+
+TEST(TheService, DoesNotStartTwice) {
+    SimulatedService first;
+    std::vector<std::string> second = {process::built("rlvd"), "--simulate", "--socket", kSocket};
+    const auto result = process::capture(second);
+    EXPECT_EQ(1, result.status);
+    EXPECT_THAT(result.errors, HasSubstr(std::string(kSocket) + ": another service is running there"));
+    expectOneLine(result.errors);
+    EXPECT_EQ(0, opened()) << "the first one goes on";
+}
+
+TEST(TheService, DoesNotStartWhereSomethingElseStands) {
+    std::ofstream(kSocket) << "precious";
+    const auto result = ended({"--simulate"});
+    EXPECT_EQ(1, result.status);
+    struct stat found {};
+    ASSERT_EQ(0, ::stat(kSocket, &found));
+    EXPECT_EQ(8, found.st_size);
+}
+
+TEST(TheService, DoesNotStartForAnAccountThatDoesNotExist) {
+    const auto result = process::capture({process::built("rlvd"), "--simulate", "--client-user", "nosuchuser"});
+    EXPECT_EQ(1, result.status);
+    EXPECT_THAT(result.errors, HasSubstr("--client-user nosuchuser: no such account"));
+    expectOneLine(result.errors);
+}
+
+TEST(TheService, DoesNotStartWithAPrefixThatABuiltInChainHas) {
+    for (const char *prefix : {"", "IN", "OUTPUT", "VPK DENY", "-N", "1"})
+        EXPECT_NE(0, ended({"--simulate", "--chain-prefix", prefix}).status) << prefix;
+}
+
+class TheServiceOnASignal : public testing::TestWithParam<int> {};
+
+TEST_P(TheServiceOnASignal, EndsCleanlyAndRemovesItsSocket) {
+    SimulatedService service;
+    const Client open;
+    service.process().signal(GetParam());
+    EXPECT_EQ(0, service.process().wait());
+    EXPECT_NE(0, ::access(kSocket, F_OK));
+    EXPECT_THAT(service.log(), HasSubstr("ended by signal " + std::to_string(GetParam())));
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, TheServiceOnASignal, testing::Values(SIGTERM, SIGINT, SIGHUP));
+
+TEST(TheService, TakesOverFromOneThatWasKilled) {
+    { SimulatedService killed; }
+    ASSERT_EQ(0, ::access(kSocket, F_OK));
+    SimulatedService next;
+    EXPECT_EQ(0, opened());
+}
+
+TEST(TheService, HasAnotherIdentityAfterEachStart) {
+    std::uint64_t first = 0;
+    {
+        SimulatedService service;
+        first = rlv::query(0).serviceId;
+    }
+    SimulatedService next;
+    EXPECT_NE(first, rlv::query(0).serviceId);
+}
+
+TEST(TheService, FailsTheClientsOfOneThatWasKilled) {
+    SimulatedService service;
+    Client client;
+    service.process().kill();
+    EXPECT_EQ(ECONNRESET, client.close());
+    EXPECT_EQ(ECONNREFUSED, opened());
+    EXPECT_EQ(ECONNREFUSED, queryError());
+}
+
+TEST(TheService, TellsAServiceManagerThatItIsReady) {
+    const UniqueFd manager(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strcpy(address.sun_path, "/run/notify"); // NOLINT(clang-analyzer-security.insecureAPI.strcpy)
+    ASSERT_EQ(0, ::bind(manager.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
+    process::Options options;
+    options.environment = {"NOTIFY_SOCKET=/run/notify"};
+    const Child child(words({"--simulate"}), options);
+    char text[64] = {};
+    const timeval timeout{20, 0};
+    ::setsockopt(manager.get(), SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    ASSERT_GT(::recv(manager.get(), text, sizeof text - 1, 0), 0);
+    EXPECT_STREQ("READY=1", text);
+    rlv::setSocketPath(kSocket);
+    EXPECT_EQ(0, opened());
+}
+
+TEST(TheService, SaysItsVersionAndTeaches) {
+    EXPECT_EQ("rlvd 0.1.0\n", ended({"--version"}).output);
+    const auto help = ended({"--help"}).output;
+    for (const char *word : {"--client-user", "--chain-prefix", "--no-resolve", "--simulate", "--remove-tables"})
+        EXPECT_THAT(help, HasSubstr(word));
+}
+
+// ---- how connections ended ----
+
+TEST(TheService, RemembersHowAConnectionEndedAndWhatWasRefused) {
+    SimulatedService service;
+    Client client;
+    const auto number = rlv::query(0).lastConnection;
+    client.commit("-N VPK-DENY");
+    client.commit("-N VPK-DENY");
+    EXPECT_EQ(rlv::ConnectionEnd::open, outcomeOf(number).end);
+    client.close();
+    const auto outcome = outcomeOf(number);
+    EXPECT_EQ(rlv::ConnectionEnd::closed, outcome.end);
+    ASSERT_EQ(1U, outcome.lost.size());
+    EXPECT_EQ("-N VPK-DENY", outcome.lost[0].options);
+    EXPECT_EQ(1, outcome.lost[0].code);
+    EXPECT_FALSE(outcome.lost[0].message.empty());
+    EXPECT_TRUE(outcome.lost[0].refusedAtOnce);
+    EXPECT_EQ(0U, outcome.lostBeyondList);
+}
+
+TEST(TheService, KnowsAVanishedClientFromAClosedConnection) {
+    SimulatedService service;
+    std::uint64_t number = 0;
+    {
+        RawClient client;
+        number = client.open();
+    }
+    EXPECT_TRUE(process::waitUntil([&] { return outcomeOf(number).end == rlv::ConnectionEnd::vanished; }));
+}
+
+TEST(TheService, TellsOnlyOfConnectionsAboveTheGivenNumber) {
+    SimulatedService service;
+    EXPECT_EQ(0, opened());
+    EXPECT_EQ(0, opened());
+    const auto connections = rlv::query(1).connections;
+    ASSERT_EQ(1U, connections.size());
+    EXPECT_EQ(2U, connections[0].number);
+}
+
+TEST(TheService, TellsAProcessOnlyOfItsOwnConnections) {
+    SimulatedService service({"--client-user", "daemon"});
+    EXPECT_EQ(0, opened());
+    const auto countOfMine = [] { return static_cast<int>(rlv::query(0).connections.size()); };
+    EXPECT_EQ(0, asUser(0, 0, countOfMine)) << "same user, another process";
+    EXPECT_EQ(1, asUser(kServed, kServed, [&] { return opened() == 0 ? countOfMine() : 9; }));
+    EXPECT_EQ(1, countOfMine());
+    EXPECT_EQ(2U, rlv::query(0).lastConnection);
+}
+
+TEST(TheService, LogsRefusedCommandsWithTheirCaller) {
+    SimulatedService service;
+    const Client client;
+    client.commit("-F VPK-DENY");
+    client.commit("-N VPK-DENY");
+    EXPECT_THAT(service.log(),
+                HasSubstr("connection 1 of user 0, process " + std::to_string(::getpid()) + ": refused (1, "));
+    EXPECT_THAT(service.log(), HasSubstr(": -F VPK-DENY"));
+    EXPECT_THAT(service.log(), testing::Not(HasSubstr("-N VPK-DENY"))) << "accepted commands are too many";
+}
+
+TEST(TheService, LogsAcceptedCommandsWhenAsked) {
+    SimulatedService service({"--verbose"});
+    Client().commit("-N VPK-DENY");
+    EXPECT_THAT(service.log(), HasSubstr(": -N VPK-DENY"));
+}
+
+// ---- clients that misbehave ----
+
+TEST(TheService, RefusesGarbageAndServesOthers) {
+    SimulatedService service;
+    const std::string noRequest(30, '?');
+    for (const std::string &packet : {std::string("C"), noRequest, std::string(60'000, '\xff'),
+                                      rlv::protocol::encode(Request{Request::Kind::commit, 0, "-N VPK-X"}),
+                                      rlv::protocol::encode(Request{Request::Kind::close, 0, {}}),
+                                      rlv::protocol::encode(Request{Request::Kind::open, 99, {}})}) {
+        RawClient client;
+        client.send(packet);
+        const auto reply = client.receive();
+        ASSERT_TRUE(reply);
+        EXPECT_EQ(Reply::Kind::refused, reply->kind);
+        EXPECT_FALSE(client.receive()) << "the socket is closed";
+    }
+    EXPECT_EQ(0, opened());
+    EXPECT_TRUE(rlv::query(0).chains.empty());
+}
+
+TEST(TheService, DoesNotWaitForASilentClient) {
+    SimulatedService service;
+    const RawClient silent;
+    RawClient half;
+    half.open();
+    EXPECT_EQ(0, opened());
+    EXPECT_EQ(0, queryError());
+}
+
+TEST(TheService, CutsOffAClientThatIsSilentForTooLong) {
+    SimulatedService service({"--idle-timeout", "1"});
+    RawClient unspoken;
+    RawClient silent;
+    const auto number = silent.open();
+    EXPECT_FALSE(silent.receive());
+    EXPECT_FALSE(unspoken.receive());
+    EXPECT_EQ(rlv::ConnectionEnd::vanished, outcomeOf(number).end);
+}
+
+TEST(TheService, CutsOffAClientThatDoesNotReadItsReplies) {
+    SimulatedService service({"--idle-timeout", "1"});
+    RawClient greedy;
+    ASSERT_NE(0U, greedy.open());
+    bool cutOff = false;
+    EXPECT_TRUE(process::waitUntil([&] {
+        while (greedy.send(Request::Kind::query, 0, {}, MSG_DONTWAIT)) {
+        }
+        cutOff = errno == EPIPE || errno == ECONNRESET;
+        return cutOff || queryError() != 0;
+    }));
+    EXPECT_TRUE(cutOff) << "others were held up";
+    EXPECT_THAT(service.log(), HasSubstr("it does not read its reply"));
+}
+
+TEST(TheService, ServesNoMoreClientsOfOneAccountThanItsLimit) {
+    SimulatedService service({"--client-user", "daemon", "--max-clients-per-user", "2"});
+    {
+        const Client first;
+        const Client second;
+        EXPECT_EQ(EBUSY, opened());
+        EXPECT_EQ(0, asUser(kServed, kServed, opened)) << "another account has places of its own";
+    }
+    EXPECT_TRUE(process::waitUntil([] { return opened() == 0; }));
+}
+
+TEST(TheService, ServesNoMoreClientsInAllThanItsLimit) {
+    SimulatedService service({"--client-user", "daemon", "--max-clients", "2"});
+    const Client first;
+    const Client second;
+    EXPECT_EQ(EBUSY, asUser(kServed, kServed, opened));
+}
+
+TEST(TheService, OutlivesAFloodOfConnections) {
+    SimulatedService service;
+    const Client early;
+    for (int i = 0; i < 500; ++i)
+        const RawClient flood;
+    EXPECT_EQ("0: ", early.commit("-N VPK-DENY"));
+}
+
+// ---- host names ----
+
+class TheServiceWithNames : public testing::Test {
+protected:
+    void SetUp() override {
+        replaceFile("/etc/nsswitch.conf", "hosts: files dns\n");
+        replaceFile("/etc/hosts", "10.0.0.1 two.example\n10.0.0.2 two.example\n10.0.0.1 two.example\n"
+                                  "10.0.0.9 one.example\n2001:db8::1 six.example\n");
+        replaceFile("/etc/resolv.conf", "nameserver 127.0.0.1\noptions timeout:30\n");
+    }
+
+    // A name server that takes questions and answers none.
+    UniqueFd blackHole() {
+        UniqueFd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(53);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        EXPECT_EQ(0, ::bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
+        return fd;
+    }
+};
+
+TEST_F(TheServiceWithNames, MakesOneRuleOfEachAddress) {
+    SimulatedService service;
+    const Client client;
+    client.commit("-N VPK-DENY");
+    EXPECT_EQ("0: ", client.commit("-A VPK-DENY -s two.example -j DROP"));
+    EXPECT_EQ(2U, rulesOf("VPK-DENY"));
+    EXPECT_EQ("0: ", client.commit("-D VPK-DENY -s 10.0.0.1 -j DROP"));
+    EXPECT_EQ("0: ", client.commit("-D VPK-DENY -s 10.0.0.2 -j DROP"));
+    EXPECT_EQ("0: ", client.commit("-A VPK-DENY -d one.example -j DROP"));
+    EXPECT_EQ("0: ", client.commit("-D VPK-DENY -d one.example -j DROP"));
+    EXPECT_EQ(0U, rulesOf("VPK-DENY"));
+}
+
+TEST_F(TheServiceWithNames, RefusesANameWithoutAnAddress) {
+    SimulatedService service;
+    const Client client;
+    client.commit("-N VPK-DENY");
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ("2: host/network `no.example' not found", client.commit("-A VPK-DENY -s no.example -j DROP"));
+    EXPECT_EQ("2: host/network `six.example' not found", client.commit("-A VPK-DENY -d six.example -j DROP"));
+    EXPECT_EQ(0U, rulesOf("VPK-DENY"));
+}
+
+TEST_F(TheServiceWithNames, AsksNobodyWithoutResolving) {
+    SimulatedService service({"--no-resolve"});
+    const Client client;
+    client.commit("-N VPK-DENY");
+    const auto answer = client.commit("-A VPK-DENY -s one.example -j DROP");
+    EXPECT_THAT(answer, HasSubstr("2: host/network `one.example' not found"));
+    EXPECT_THAT(answer, HasSubstr("--no-resolve"));
+}
+
+TEST_F(TheServiceWithNames, KeepsAnswersForTheConnection) {
+    SimulatedService service;
+    const Client client;
+    client.commit("-N VPK-DENY");
+    EXPECT_EQ("0: ", client.commit("-A VPK-DENY -s one.example -j DROP"));
+    std::ofstream("/etc/hosts") << "10.0.0.7 one.example\n";
+    EXPECT_EQ("0: ", client.commit("-D VPK-DENY -s one.example -j DROP"));
+    const Client next;
+    next.commit("-A VPK-DENY -s one.example -j DROP");
+    EXPECT_EQ("0: ", next.commit("-D VPK-DENY -s 10.0.0.7 -j DROP"));
+}
+
+TEST_F(TheServiceWithNames, ServesOthersDuringASlowLookUpAndThenGivesItUp) {
+    SimulatedService service;
+    const auto nobody = blackHole();
+    RawClient slow;
+    slow.open();
+    slow.send(Request::Kind::commit, 0, "-N VPK-DENY");
+    slow.receive();
+    const auto start = std::chrono::steady_clock::now();
+    slow.send(Request::Kind::commit, 0, "-A VPK-DENY -s slow.example -j DROP");
+    char question = 0;
+    ASSERT_EQ(1, ::recv(nobody.get(), &question, 1, 0)) << "the look-up is under way";
+    EXPECT_EQ("0: ", Client().commit("-N VPK-ALLOW"));
+    EXPECT_EQ(2U, rlv::query(0).chains.size());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    const auto reply = slow.receive().value_or(Reply{});
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1900));
+    EXPECT_EQ(2, reply.code);
+    EXPECT_THAT(reply.text, HasSubstr("host/network `slow.example' not found"));
+}
+
+TEST_F(TheServiceWithNames, SpendsNoMoreTimeThanTheConnectionHas) {
+    SimulatedService service;
+    const auto nobody = blackHole();
+    const Client client;
+    client.commit("-N VPK-DENY");
+    client.commit("-A VPK-DENY -s slow.example -j DROP");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_THAT(client.commit("-A VPK-DENY -s slower.example -j DROP"), HasSubstr("2: host/network"));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_EQ("0: ", client.commit("-A VPK-DENY -s 10.0.0.1 -j DROP"));
+}
+
+std::size_t childrenOf(pid_t process) {
+    std::ifstream list("/proc/" + std::to_string(process) + "/task/" + std::to_string(process) + "/children");
+    return static_cast<std::size_t>(std::distance(std::istream_iterator<int>(list), std::istream_iterator<int>()));
+}
+
+TEST_F(TheServiceWithNames, EndsTheLookUpOfAClientThatVanishes) {
+    SimulatedService service;
+    const auto nobody = blackHole();
+    std::uint64_t number = 0;
+    {
+        RawClient client;
+        number = client.open();
+        client.send(Request::Kind::commit, 0, "-A VPK-DENY -s slow.example -j DROP");
+        char question = 0;
+        ASSERT_EQ(1, ::recv(nobody.get(), &question, 1, 0));
+        EXPECT_EQ(1U, childrenOf(service.process().id()));
+    }
+    EXPECT_TRUE(process::waitUntil([&] { return outcomeOf(number).end == rlv::ConnectionEnd::vanished; },
+                                   process::Duration(1000)));
+    EXPECT_EQ(0U, childrenOf(service.process().id()));
+}
+
+} // namespace
