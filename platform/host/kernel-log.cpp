@@ -18,11 +18,12 @@
 namespace host {
 namespace {
 
-constexpr int kReadAll = 3;                      // SYSLOG_ACTION_READ_ALL
-constexpr int kSizeBuffer = 10;                  // SYSLOG_ACTION_SIZE_BUFFER
-constexpr std::size_t kRecordBytes = 16U * 1024; // a record of the kernel has 2 KiB, each byte of it up to 4 characters
-constexpr std::size_t kRoomForNewLines = 64U * 1024;
-constexpr std::size_t kLogBytesLimit = 256U * 1024 * 1024;
+constexpr int kReadAll = 3;     // SYSLOG_ACTION_READ_ALL
+constexpr int kSizeBuffer = 10; // SYSLOG_ACTION_SIZE_BUFFER
+constexpr std::size_t kRecordBytes =
+    std::size_t{16} * 1024; // a record of the kernel has 2 KiB, each byte of it up to 4 characters
+constexpr std::size_t kRoomForNewLines = std::size_t{64} * 1024;
+constexpr std::size_t kLogBytesLimit = std::size_t{256} * 1024 * 1024;
 
 template <typename Number> bool parseNumber(std::string_view text, Number &number) {
     const auto result = std::from_chars(text.data(), text.data() + text.size(), number);

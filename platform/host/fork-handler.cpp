@@ -1,0 +1,67 @@
+#include "host/fork-handler.h"
+
+#include <csignal>
+#include <pthread.h>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+#include "host/collector.h"
+#include "host/log.h"
+#include "support/unique-fd.h"
+#include "vlog/vlog-sink.h"
+
+namespace host {
+namespace {
+
+// Handlers of pthread_atfork(3) have no argument.
+struct State {
+    HostResources resources;
+    support::UniqueFd lock; // only during a fork, and in the child
+    bool active = false;
+};
+
+State &state() {
+    static State *const one = new State; // for as long as the process, whoever forks in its last moments
+    return *one;
+}
+
+void beforeFork() {
+    if (!state().active)
+        return;
+    state().lock = takeLivenessLock();
+    if (!state().lock)
+        logError("the lock of the collector cannot be taken: should a collector be started now, it passes for dead");
+}
+
+void inParent() { state().lock.reset(); }
+
+void restoreSignals(const std::vector<int> &signals) {
+    for (const int signal : signals)
+        ::signal(signal, SIG_DFL);
+    sigset_t none;
+    ::sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+void inChild() {
+    if (!std::exchange(state().active, false))
+        return;
+    restoreSignals(state().resources.signals);
+    vlog::setObserver({});
+    static_cast<void>(state().lock.release()); // the child holds it until it ends
+    for (const int fd : state().resources.descriptors())
+        ::close(fd);
+}
+
+} // namespace
+
+void handleForks(HostResources resources) {
+    state().resources = std::move(resources);
+    state().active = true;
+    const int error = ::pthread_atfork(beforeFork, inParent, inChild);
+    if (error != 0)
+        throw std::system_error(error, std::generic_category(), "pthread_atfork");
+}
+
+} // namespace host

@@ -1,0 +1,40 @@
+// What stands between the host and the process that the plugin forks.
+#ifndef PLATFORM_HOST_PLUGIN_GUARD_H
+#define PLATFORM_HOST_PLUGIN_GUARD_H
+
+#include <sys/types.h>
+
+namespace host {
+
+// Every call into the plugin goes through run(), with nothing between it and the plugin. The plugin's daemon is forked
+// inside such a call and may come back out of it, by returning or by an exception; it is ended then and there, without
+// destructors and without touching a descriptor.
+class PluginGuard {
+public:
+    // The process that constructs it is the host.
+    PluginGuard();
+
+    // What `call` returns or throws, in the host. Does not return in any other process.
+    template <typename Call> auto run(Call &&call) const -> decltype(call()) {
+        struct AtEnd {
+            const PluginGuard &guard;
+            ~AtEnd() { guard.endForeignProcess(); }
+        };
+        try {
+            const AtEnd atEnd{*this};
+            return call();
+        } catch (...) { // without a handler in reach nothing would be unwound
+            throw;
+        }
+    }
+
+    // Ends the calling process with exit status 0 unless it is the host.
+    void endForeignProcess() const;
+
+private:
+    pid_t host_;
+};
+
+} // namespace host
+
+#endif

@@ -1,0 +1,15 @@
+// At most one policy host at a time.
+#ifndef PLATFORM_HOST_SINGLE_INSTANCE_H
+#define PLATFORM_HOST_SINGLE_INSTANCE_H
+
+#include "support/unique-fd.h"
+
+namespace host {
+
+// Takes the lock for as long as the descriptor, which is 3 or above, and its copies stay open. Empty when another
+// process holds it. Throws std::system_error when the lock file cannot be made. The file is never removed.
+support::UniqueFd takeHostLock();
+
+} // namespace host
+
+#endif

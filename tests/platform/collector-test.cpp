@@ -1,0 +1,169 @@
+#include "host/collector.h"
+
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "host/paths.h"
+#include "support/directories.h"
+
+namespace {
+
+using host::CollectorState;
+
+void makeMarker() { ::close(::shm_open(host::kMarkerName, O_RDWR | O_CREAT | O_EXCL, 0644)); }
+
+ino_t markerNumber() {
+    struct stat status {};
+    return ::stat("/dev/shm/nyr_firewall_sd", &status) == 0 ? status.st_ino : 0;
+}
+
+class TheCollector : public testing::Test {
+protected:
+    void SetUp() override { support::makeDataDirectory(host::kDataDirectory); }
+};
+
+TEST_F(TheCollector, IsOffWhereNothingWasEverStarted) {
+    EXPECT_FALSE(host::collectorLives());
+    EXPECT_FALSE(host::markerStands());
+    EXPECT_EQ(host::collectorState(false), CollectorState::off);
+}
+
+TEST_F(TheCollector, IsDeadWhereItShouldRunAndDoesNot) {
+    EXPECT_EQ(host::collectorState(true), CollectorState::dead);
+    makeMarker();
+    EXPECT_EQ(host::collectorState(false), CollectorState::dead);
+}
+
+TEST_F(TheCollector, RunsWhileItsLockIsHeldAndItsMarkerStands) {
+    makeMarker();
+    auto lock = host::takeLivenessLock();
+    ASSERT_TRUE(lock);
+    EXPECT_EQ(host::collectorState(true), CollectorState::running);
+    lock.reset();
+    EXPECT_EQ(host::collectorState(true), CollectorState::dead);
+}
+
+TEST_F(TheCollector, IsStoppingWhileItLivesWithoutAMarker) {
+    const auto lock = host::takeLivenessLock();
+    EXPECT_EQ(host::collectorState(false), CollectorState::stopping);
+}
+
+TEST_F(TheCollector, LivesAsLongAsOneOfTwoDoes) {
+    auto first = host::takeLivenessLock();
+    const auto second = host::takeLivenessLock();
+    ASSERT_TRUE(first && second);
+    first.reset();
+    EXPECT_TRUE(host::collectorLives());
+}
+
+TEST_F(TheCollector, LeavesTestsOfItsLifeUnharmed) {
+    auto lock = host::takeLivenessLock();
+    EXPECT_TRUE(host::collectorLives());
+    EXPECT_TRUE(host::collectorLives());
+    lock.reset();
+    EXPECT_FALSE(host::collectorLives());
+    EXPECT_TRUE(host::takeLivenessLock());
+}
+
+TEST_F(TheCollector, HasAPrivateLockFileThatStays) {
+    host::takeLivenessLock();
+    struct stat status {};
+    ASSERT_EQ(::stat(host::kCollectorLock, &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0600U);
+}
+
+TEST_F(TheCollector, NeverTakesAStandardStreamForItsLock) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        for (int fd = 0; fd <= 2; ++fd)
+            ::close(fd);
+        const auto lock = host::takeLivenessLock();
+        ::_exit(lock.get() > 2 && ::fcntl(0, F_GETFD) < 0 && (::fcntl(lock.get(), F_GETFD) & FD_CLOEXEC) != 0 ? 0 : 1);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
+TEST_F(TheCollector, LeavesAMarkerThatIsTakenAwayWhenItIsDead) {
+    makeMarker();
+    EXPECT_EQ(host::removeDeadMarker(), "");
+    EXPECT_FALSE(host::markerStands());
+}
+
+TEST_F(TheCollector, KeepsItsMarkerWhileItLives) {
+    makeMarker();
+    const auto lock = host::takeLivenessLock();
+    EXPECT_EQ(host::removeDeadMarker(), "");
+    EXPECT_TRUE(host::markerStands());
+}
+
+TEST_F(TheCollector, SaysSoWhenAForeignMarkerCannotBeTakenAway) {
+    makeMarker();
+    ASSERT_EQ(::chown("/dev/shm/nyr_firewall_sd", 4711, 4711), 0) << "needs accounts of this number";
+    // A sticky directory of somebody else, and no capability: as an unprivileged host finds it.
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::chown(host::kDataDirectory, 4712, 4712);
+        const bool unprivileged = ::setgid(4712) == 0 && ::setuid(4712) == 0;
+        const std::string problem = host::removeDeadMarker();
+        const bool said = problem.find("of account 4711 cannot be removed") != std::string::npos;
+        ::_exit(unprivileged && said && host::markerStands() ? 0 : 1);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+}
+
+class AMarkerHold : public TheCollector {};
+
+TEST_F(AMarkerHold, IsThereOnlyForItsTime) {
+    {
+        const host::MarkerHold hold;
+        EXPECT_TRUE(host::markerStands());
+    }
+    EXPECT_FALSE(host::markerStands());
+}
+
+TEST_F(AMarkerHold, LeavesAMarkerThatStoodBefore) {
+    makeMarker();
+    const ino_t before = markerNumber();
+    { const host::MarkerHold hold; }
+    EXPECT_EQ(markerNumber(), before);
+}
+
+TEST_F(AMarkerHold, LeavesAMarkerThatHasTakenItsPlace) {
+    {
+        const host::MarkerHold hold;
+        ::shm_unlink(host::kMarkerName);
+        makeMarker();
+    }
+    EXPECT_TRUE(host::markerStands());
+}
+
+TEST_F(AMarkerHold, DoesNotMindThatItsMarkerIsGone) {
+    {
+        const host::MarkerHold hold;
+        ::shm_unlink(host::kMarkerName);
+    }
+    EXPECT_FALSE(host::markerStands());
+}
+
+TEST_F(AMarkerHold, KeepsOthersFromMakingTheMarker) {
+    const host::MarkerHold hold;
+    EXPECT_LT(::shm_open(host::kMarkerName, O_RDWR | O_CREAT | O_EXCL, 0644), 0);
+    EXPECT_EQ(errno, EEXIST);
+}
+
+} // namespace
