@@ -1,0 +1,55 @@
+#include "host/data-check.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "host/paths.h"
+#include "host/plugin-config.h"
+#include "support/directories.h"
+#include "support/unique-fd.h"
+
+namespace host {
+namespace {
+
+std::string problemWith(const std::string &path, const std::string &what) { return path + ": " + what; }
+
+std::string directoryProblem(const char *path) {
+    struct stat status {};
+    if (::lstat(path, &status) != 0)
+        return problemWith(path, std::strerror(errno));
+    if (!S_ISDIR(status.st_mode))
+        return problemWith(path, "is not a directory");
+    if (status.st_uid != ::geteuid())
+        return problemWith(path, "belongs to account " + std::to_string(status.st_uid) + ", not to the policy host's");
+    if (::faccessat(AT_FDCWD, path, R_OK | W_OK | X_OK, AT_EACCESS) != 0)
+        return problemWith(path, std::string("is not writable: ") + std::strerror(errno));
+    return {};
+}
+
+std::string fileProblem(const char *path) {
+    struct stat status {};
+    if (::lstat(path, &status) != 0)
+        return errno == ENOENT ? std::string() : problemWith(path, std::strerror(errno));
+    if (!S_ISREG(status.st_mode))
+        return problemWith(path, "is not a regular file");
+    const support::UniqueFd file(::open(path, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    return file ? std::string() : problemWith(path, std::string("cannot be read and written: ") + std::strerror(errno));
+}
+
+} // namespace
+
+void makeDataDirectories() { support::makeDataDirectory(kDatabaseDirectory); }
+
+std::string dataProblem() {
+    std::string problem = directoryProblem(kDatabaseDirectory);
+    for (const char *file : {kRuleDatabase, kRuleDatabaseBackup, kStatusDatabase}) {
+        if (problem.empty())
+            problem = fileProblem(file);
+    }
+    return problem.empty() ? configProblem() : problem;
+}
+
+} // namespace host

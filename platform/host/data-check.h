@@ -1,0 +1,19 @@
+// The directories and files that the plugin relies on.
+#ifndef PLATFORM_HOST_DATA_CHECK_H
+#define PLATFORM_HOST_DATA_CHECK_H
+
+#include <string>
+
+namespace host {
+
+// Makes the data directories where they are missing: /opt/data for all to enter, everything below it private. Throws
+// std::system_error naming the directory.
+void makeDataDirectories();
+
+// Looks for what would make the plugin fail to open its rule database, which it takes for damage, or would keep it from
+// loading. Returns one line that names the file, or an empty text when all is well. Changes nothing.
+std::string dataProblem();
+
+} // namespace host
+
+#endif

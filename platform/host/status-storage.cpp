@@ -1,0 +1,54 @@
+#include "host/status-storage.h"
+
+#include <exception>
+
+#include "host/log.h"
+#include "host/paths.h"
+#include "mavo/database.h"
+#include "mavo/exception.h"
+
+namespace host {
+namespace {
+
+constexpr int kReadWriteCreate = 6; // SQLite's open flags
+
+using mavo::database::Connection;
+using mavo::database::Statement;
+
+void run(Statement &statement) {
+    if (!statement.exec())
+        throw mavo::Exception(statement.getErrorMessage());
+}
+
+void makeTable(Connection &connection) {
+    Statement statement(connection,
+                        "CREATE TABLE IF NOT EXISTS statuses (name TEXT PRIMARY KEY, status INTEGER NOT NULL)");
+    run(statement);
+}
+
+} // namespace
+
+int StatusStorage::storeStatus(const std::string &name, int status) try {
+    guard_.endForeignProcess();
+    Connection connection(kStatusDatabase, kReadWriteCreate, false);
+    makeTable(connection);
+    Statement statement(connection, "INSERT OR REPLACE INTO statuses (name, status) VALUES (?, ?)");
+    statement.bind(1, name);
+    statement.bind(2, status);
+    run(statement);
+    return 0;
+} catch (const std::exception &error) {
+    logError(std::string(kStatusDatabase) + ": the status cannot be stored: " + error.what());
+    return -1;
+}
+
+int StatusStorage::readStatus(const std::string &name) {
+    guard_.endForeignProcess();
+    Connection connection(kStatusDatabase, kReadWriteCreate, false);
+    makeTable(connection);
+    Statement statement(connection, "SELECT status FROM statuses WHERE name = ?");
+    statement.bind(1, name);
+    return statement.step() ? statement.getColumn(0).getInt() : -1;
+}
+
+} // namespace host

@@ -1,0 +1,160 @@
+#include "host/data-check.h"
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "host/paths.h"
+#include "host/plugin-config.h"
+#include "host/single-instance.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing::StartsWith;
+
+mode_t modeOf(const char *path) {
+    struct stat status {};
+    return ::stat(path, &status) == 0 ? status.st_mode & 07777 : 0;
+}
+
+void write(const std::string &path, const std::string &text) {
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream(path) << text;
+}
+
+// What dataProblem() says to an account that is not root.
+std::string problemSeenBy(uid_t user) {
+    int pipe[2] = {};
+    EXPECT_EQ(::pipe(pipe), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        const std::string problem = ::setgid(user) == 0 && ::setuid(user) == 0 ? host::dataProblem() : "no account";
+        [[maybe_unused]] const auto written = ::write(pipe[1], problem.data(), problem.size());
+        ::_exit(0);
+    }
+    ::close(pipe[1]);
+    std::string problem(1000, '\0');
+    problem.resize(static_cast<std::size_t>(::read(pipe[0], problem.data(), problem.size())));
+    ::close(pipe[0]);
+    ::waitpid(child, nullptr, 0);
+    return problem;
+}
+
+class TheData : public testing::Test {
+protected:
+    void SetUp() override { host::makeDataDirectories(); }
+};
+
+TEST_F(TheData, HasDirectoriesThatOnlyTheHostMayEnter) {
+    EXPECT_EQ(modeOf(host::kOptDirectory), 0755U);
+    EXPECT_EQ(modeOf(host::kDataDirectory), 0700U);
+    EXPECT_EQ(modeOf(host::kDatabaseDirectory), 0700U);
+}
+
+TEST_F(TheData, KeepsDirectoriesThatAreThereAsTheyAre) {
+    ::chmod(host::kOptDirectory, 0711);
+    host::makeDataDirectories();
+    EXPECT_EQ(modeOf(host::kOptDirectory), 0711U);
+}
+
+TEST_F(TheData, IsWellWhenNoFileIsThereYet) { EXPECT_EQ(host::dataProblem(), ""); }
+
+TEST_F(TheData, IsWellWithDamagedDatabases) {
+    // Damage is the plugin's to repair.
+    write(host::kRuleDatabase, "no database");
+    write(host::kRuleDatabaseBackup, "");
+    EXPECT_EQ(host::dataProblem(), "");
+}
+
+TEST_F(TheData, IsNotWellWithoutItsDirectory) {
+    fs::remove(host::kDatabaseDirectory);
+    EXPECT_THAT(host::dataProblem(), StartsWith("/opt/data/vpk/db: "));
+    write(host::kDatabaseDirectory, "a file");
+    EXPECT_EQ(host::dataProblem(), "/opt/data/vpk/db: is not a directory");
+}
+
+TEST_F(TheData, IsNotWellWhenTheDirectoryBelongsToSomebodyElse) {
+    ASSERT_EQ(::chown(host::kDatabaseDirectory, 4711, 4711), 0);
+    EXPECT_EQ(host::dataProblem(), "/opt/data/vpk/db: belongs to account 4711, not to the policy host's");
+}
+
+TEST_F(TheData, IsNotWellWhenADatabaseIsNoRegularFile) {
+    for (const char *path : {host::kRuleDatabase, host::kRuleDatabaseBackup, host::kStatusDatabase}) {
+        for (const auto &make : std::vector<std::function<void()>>{[path] { fs::create_directory(path); },
+                                                                   [path] { fs::create_symlink("/dev/null", path); },
+                                                                   [path] { ::mkfifo(path, 0600); }}) {
+            make();
+            EXPECT_EQ(host::dataProblem(), std::string(path) + ": is not a regular file");
+            fs::remove(path);
+        }
+    }
+}
+
+TEST_F(TheData, IsNotWellWhenADatabaseMayNotBeReadAndWritten) {
+    write(host::kRuleDatabase, "rules");
+    for (const char *path : {host::kDataDirectory, host::kDatabaseDirectory, host::kRuleDatabase})
+        ASSERT_EQ(::chown(path, 4711, 4711), 0);
+    ::chmod(host::kRuleDatabase, 0400);
+    EXPECT_THAT(problemSeenBy(4711), StartsWith("/opt/data/vpk/db/.firewall.db: cannot be read and written: "));
+    ::chmod(host::kRuleDatabase, 0600);
+    EXPECT_EQ(problemSeenBy(4711), "");
+    ::chmod(host::kDatabaseDirectory, 0500);
+    EXPECT_THAT(problemSeenBy(4711), StartsWith("/opt/data/vpk/db: is not writable: "));
+}
+
+TEST_F(TheData, IsLeftUntouchedByTheCheck) {
+    write(host::kRuleDatabase, "rules");
+    host::dataProblem();
+    std::vector<std::string> files;
+    for (const auto &entry : fs::recursive_directory_iterator("/opt/data"))
+        files.push_back(entry.path());
+    EXPECT_THAT(files,
+                testing::UnorderedElementsAre(host::kDataDirectory, host::kDatabaseDirectory, host::kRuleDatabase));
+}
+
+TEST_F(TheData, HasAConfigurationThatThePluginCopesWith) {
+    for (const char *text : {"", "null", "{}", "garbage", "{\"enabled\":\"1\"}", "{\"enabled\":1}",
+                             "{\"enabled\":null}", "{\"other\":[1]}", "{\"enabled\":"}) {
+        write(host::kConfigFile, text);
+        EXPECT_EQ(host::dataProblem(), "") << text;
+    }
+}
+
+TEST_F(TheData, NamesAConfigurationOfWrongTypes) {
+    for (const char *text : {"[]", "[1,", "\"text\"", "7", "true", "{\"enabled\":[]}", "{\"enabled\":{\"a\":1}}"}) {
+        write(host::kConfigFile, text);
+        EXPECT_THAT(host::dataProblem(), StartsWith(std::string(host::kConfigFile) + ": ")) << text;
+    }
+}
+
+TEST(TheConfiguration, IsReadAsThePluginReadsIt) {
+    EXPECT_FALSE(host::collectorWanted());
+    write(host::kConfigFile, R"({"enabled":"1","last_send_report_ts":"17","send_report_interval":86400,"list":[]})");
+    EXPECT_TRUE(host::collectorWanted());
+    EXPECT_EQ(host::configValue("last_send_report_ts"), "17");
+    EXPECT_EQ(host::configValue("send_report_interval"), "86400");
+    EXPECT_EQ(host::configValue("list"), "");
+    write(host::kConfigFile, R"({"enabled":"01"})");
+    EXPECT_FALSE(host::collectorWanted());
+    write(host::kConfigFile, std::string(100'000, '['));
+    EXPECT_EQ(host::configValue("enabled"), "");
+}
+
+TEST_F(TheData, IsLockedByOneHostAtATime) {
+    auto first = host::takeHostLock();
+    ASSERT_TRUE(first);
+    EXPECT_FALSE(host::takeHostLock());
+    first.reset();
+    EXPECT_TRUE(host::takeHostLock());
+    EXPECT_EQ(modeOf(host::kHostLock), 0600U);
+}
+
+} // namespace
