@@ -67,7 +67,7 @@ std::string KLogExtractor::getAsJson() {
     document["v"] = version;
     for (const std::string &line : logs)
         document["data"].append(line);
-    const std::string text = compactJson(document);
+    std::string text = compactJson(document);
     NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "KLogExtractor::getAsJson: %s", text.c_str());
     return text;
 }
