@@ -10,6 +10,7 @@ namespace fakevlog {
 namespace {
 
 std::vector<Line> kept;
+std::function<void(const Line &line)> lineCallback;
 
 struct Parts {
     std::string place;
@@ -45,6 +46,8 @@ const std::vector<Line> &lines() { return kept; }
 
 void clear() { kept.clear(); }
 
+void onLine(const std::function<void(const Line &line)> &callback) { lineCallback = callback; }
+
 std::string message(const Line &line) { return split(line).message; }
 
 std::string place(const Line &line) { return split(line).place; }
@@ -71,5 +74,7 @@ extern "C" int vlog_print(int logId, int priority, const char *tag, const char *
     va_end(arguments);
     const int length = static_cast<int>(text.size());
     fakevlog::kept.push_back({logId, priority, tag, std::move(text)});
+    if (fakevlog::lineCallback)
+        fakevlog::lineCallback(fakevlog::kept.back());
     return length;
 }

@@ -2,6 +2,7 @@
 #ifndef TESTS_SUPPORT_FAKE_VLOG_H
 #define TESTS_SUPPORT_FAKE_VLOG_H
 
+#include <functional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -19,6 +20,8 @@ struct Line {
 // The lines since the last clear(), oldest first.
 const std::vector<Line> &lines();
 void clear();
+// Called with each line once it is kept; what it throws reaches the plugin. An empty function ends it.
+void onLine(const std::function<void(const Line &line)> &callback);
 
 // What stands between the place and the end of the colour: "NYR_FIREWALL: saveRecord: enter". Empty for a line that is
 // not "file: function(number) > ", colour, text, colour reset, with the colour of its priority and its own tag first.
