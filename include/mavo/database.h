@@ -1,6 +1,7 @@
 // SQLite as the platform's utility library offers it: connections, statements and the columns of a result row.
 //
-// A connection and its statements belong to one thread at a time and must not be used across fork(2).
+// A connection and its statements belong to one thread at a time and must not be used across fork(2). In a process that
+// has closed a standard stream, opening a database leaves /dev/null, for reading, under its number.
 #ifndef MAVO_DATABASE_H
 #define MAVO_DATABASE_H
 
@@ -17,7 +18,8 @@ class __attribute__((visibility("default"))) Connection {
 public:
     // Opens `path` with SQLite's open flags (SQLITE_OPEN_READWRITE 2, SQLITE_OPEN_CREATE 4, SQLITE_OPEN_READONLY 1).
     // With `verify` the content is checked too (PRAGMA quick_check), so a file that is not a sound database is refused
-    // here. Throws mavo::Exception with SQLite's message.
+    // here. A database with a write-ahead log is taken out of it, or refused where it may only be read; reading never
+    // makes or changes a file. Waits for others' locks. Throws mavo::Exception with SQLite's message.
     Connection(const std::string &path, int flags, bool verify);
     ~Connection();
     Connection(const Connection &) = delete;

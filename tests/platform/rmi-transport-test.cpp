@@ -228,6 +228,18 @@ TEST(AServer, DoesNotTakeMemoryForBodiesThatAreOnlyAnnounced) {
     EXPECT_LT(server.dataBytes(), before + 2 * kBodyLimitBytes);
 }
 
+TEST(AServer, KeepsNothingOfABodyThatItRefuses) {
+    const ServerProcess server;
+    ASSERT_EQ("warm", echoOnce("warm"));
+    const std::size_t before = server.dataBytes();
+    const RawClient client;
+    ASSERT_TRUE(client.send(mavo::rmi::encodeRequestHead("Nothing", kBodyLimitBytes)));
+    ASSERT_TRUE(client.send(std::string(kBodyLimitBytes - 1, 'x')));
+    ASSERT_EQ("after", echoOnce("after"));
+    EXPECT_LT(server.dataBytes(), before + kBodyLimitBytes / 2);
+    EXPECT_EQ(Status::unknownMethod, client.reply().value_or(Reply()).status);
+}
+
 TEST(AServer, ServesOthersWhileSomeAreSilentAtAnyStage) {
     const ServerProcess server;
     const std::string request = requestBytes("Echo", body("slow"));
