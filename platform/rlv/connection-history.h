@@ -30,8 +30,8 @@ public:
     struct Limits {
         std::size_t endedPerUser = 4096;
         std::size_t endedInAll = 16384;
-        std::size_t textBytesPerConnection = 256 * 1024;
-        std::size_t textBytesInAll = 4 * 1024 * 1024;
+        std::size_t textBytesPerConnection = 131'072;
+        std::size_t textBytesInAll = 1'048'576;
     };
 
     ConnectionHistory() = default;

@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <exception>
 #include <sys/epoll.h>
 #include <utility>
 
 #include "rlv/protocol.h"
+#include "rlv/service-log.h"
 
 namespace rlv {
 namespace {
@@ -50,7 +52,17 @@ void Connection::lose() {
     handler_.gone();
 }
 
+// Whatever fails here ends this client alone.
 void Connection::ready(std::uint32_t events) {
+    try {
+        handle(events);
+    } catch (const std::exception &error) {
+        RLVD_ERROR("a client is cut off: %s", error.what());
+        lose();
+    }
+}
+
+void Connection::handle(std::uint32_t events) {
     if ((events & EPOLLOUT) != 0 && stuck())
         sendUnsent();
     else if ((events & EPOLLIN) != 0 && !busy_)

@@ -49,6 +49,7 @@ public:
 
 private:
     void ready(std::uint32_t events);
+    void handle(std::uint32_t events);
     void receive();
     void sendUnsent();
     void lose();

@@ -119,11 +119,11 @@ void LookUp::readable() {
         finish(decode(received_));
 }
 
-void LookUp::finish(std::optional<Addresses> addresses) {
+void LookUp::finish(const std::optional<Addresses> &addresses) {
     endChild();
     // The callee may end this object.
     const Done done = std::move(done_);
-    done(std::move(addresses));
+    done(addresses);
 }
 
 } // namespace rlv

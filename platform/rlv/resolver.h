@@ -27,7 +27,7 @@ using Addresses = std::vector<std::uint32_t>;
 class LookUp {
 public:
     // Empty: no such name, or no answer in time.
-    using Done = std::function<void(std::optional<Addresses>)>;
+    using Done = std::function<void(const std::optional<Addresses> &)>;
 
     // Calls `done` once, from within the event loop, after `timeout` at the latest. Throws std::system_error when no
     // process can be started.
@@ -38,7 +38,7 @@ public:
 
 private:
     void readable();
-    void finish(std::optional<Addresses> addresses);
+    void finish(const std::optional<Addresses> &addresses);
     void endChild();
 
     support::EventLoop &loop_;

@@ -24,6 +24,7 @@
 #include "rlv/service-log.h"
 #include "rlv/service-socket.h"
 #include "rlv/service.h"
+#include "support/directories.h"
 #include "vlog/vlog-sink.h"
 
 namespace {
@@ -161,6 +162,7 @@ std::unique_ptr<rlv::Table> openTable(const rlv::ServiceOptions &options) {
 
 int removeTables(const rlv::ServiceOptions &options) {
     const rlv::Answer answer = openTable(options)->removeAll();
+    RLVD_INFO("hooks and chains taken out: %s", answer.code == 0 ? "all" : answer.message.c_str());
     if (answer.code == 0)
         return EXIT_SUCCESS;
     std::fprintf(stderr, "rlvd: %s\n", answer.message.c_str());
@@ -203,7 +205,7 @@ int serve(Arguments &arguments) {
     const gid_t group = resolveAccounts(arguments);
     const support::UniqueFd signals = stopSignals();
     if (arguments.socket == rlv::kDefaultSocketPath)
-        rlv::makeDirectory(arguments.socket.substr(0, arguments.socket.find_last_of('/')));
+        support::makeDirectory(arguments.socket.substr(0, arguments.socket.find_last_of('/')), 0755);
     const auto table = openTable(arguments.service);
     rlv::ServiceSocket socket(arguments.socket, group);
     support::EventLoop loop;
@@ -240,16 +242,13 @@ int run(Arguments &arguments) {
         return arguments.removeTables ? removeTables(arguments.service) : serve(arguments);
     } catch (const std::exception &error) {
         std::fprintf(stderr, "rlvd: %s\n", error.what());
-        RLVD_ERROR("ended: %s", error.what());
+        if (!arguments.logStderr)
+            RLVD_ERROR("ended: %s", error.what());
         return EXIT_FAILURE;
     }
 }
 
-} // namespace
-
-int main(int argc, char **argv) {
-    fillStandardStreams();
-    ::signal(SIGPIPE, SIG_IGN);
+int parseAndRun(int argc, char **argv) {
     Arguments arguments;
     CLI::App app(kDescription, "rlvd");
     app.footer(kExamples);
@@ -259,4 +258,16 @@ int main(int argc, char **argv) {
     addLogOptions(app, arguments);
     CLI11_PARSE(app, argc, argv);
     return run(arguments);
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    try {
+        fillStandardStreams();
+        ::signal(SIGPIPE, SIG_IGN);
+        return parseAndRun(argc, argv);
+    } catch (...) { // exhausted memory is all that is left
+        return EXIT_FAILURE;
+    }
 }

@@ -168,14 +168,14 @@ std::optional<Answer> Session::resolve(const std::string &name) {
 
 void Session::lookUp(const std::string &name) {
     const auto start = support::EventLoop::Clock::now();
-    const auto done = [this, name, start](std::optional<Addresses> found) {
+    const auto done = [this, name, start](const std::optional<Addresses> &found) {
         const auto taken = support::EventLoop::Clock::now() - start;
         lookUpTimeLeft_ -= std::chrono::ceil<std::chrono::milliseconds>(taken);
         lookUp_.reset();
-        // A name for which the time ran out was not found to be absent: the answer should say which it was.
-        if (found || lookUpTimeLeft_.count() > 0)
-            addresses_.emplace(name, found.value_or(Addresses()));
         try {
+            // A name for which the time ran out was not found to be absent: the answer should say which it was.
+            if (found || lookUpTimeLeft_.count() > 0)
+                addresses_.emplace(name, found.value_or(Addresses()));
             resolveAndApply();
         } catch (const std::exception &error) {
             fail(error.what());

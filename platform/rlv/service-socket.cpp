@@ -15,7 +15,6 @@ namespace {
 
 constexpr int kBacklog = 64;
 constexpr mode_t kSocketMode = 0660;
-constexpr mode_t kDirectoryMode = 0755;
 
 [[noreturn]] void failWith(const std::string &what) { throw std::runtime_error(what + ": " + std::strerror(errno)); }
 
@@ -93,19 +92,6 @@ void ServiceSocket::bindAndListen(gid_t group) {
         ::unlink(path_.c_str());
         errno = error;
         failWith(path_);
-    }
-}
-
-void makeDirectory(const std::string &path) {
-    struct stat found {};
-    if (path.empty() || ::stat(path.c_str(), &found) == 0)
-        return;
-    makeDirectory(path.substr(0, path.find_last_of('/')));
-    if (::mkdir(path.c_str(), kDirectoryMode) == 0) {
-        if (::chmod(path.c_str(), kDirectoryMode) != 0)
-            failWith(path);
-    } else if (errno != EEXIST) {
-        failWith(path);
     }
 }
 

@@ -34,9 +34,6 @@ private:
     bool bound_ = false;
 };
 
-// Creates a directory, and those above it, where missing, with mode 0755 whatever the umask. Throws std::runtime_error.
-void makeDirectory(const std::string &path);
-
 } // namespace rlv
 
 #endif

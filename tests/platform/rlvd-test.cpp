@@ -29,7 +29,6 @@ using process::Child;
 using rlv::protocol::Reply;
 using rlv::protocol::Request;
 using support::UniqueFd;
-using testing::ElementsAre;
 using testing::HasSubstr;
 
 constexpr const char *kSocket = "/run/rlvd-socket";
