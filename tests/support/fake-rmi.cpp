@@ -9,6 +9,8 @@
 namespace mavo {
 namespace rmi {
 
+BadArguments::~BadArguments() = default;
+
 Message::Message() : Message(std::string()) {}
 
 Message::Message(std::string body) : content(std::move(body)), position(0) {}
@@ -28,7 +30,7 @@ void Message::write(const std::string &value) {
 
 void Message::read(int &value) {
     if (content.size() - position < 4)
-        throw Exception("no int");
+        throw BadArguments("no int");
     std::uint32_t bits = 0;
     for (int shift = 0; shift < 32; shift += 8)
         bits |= static_cast<std::uint32_t>(static_cast<unsigned char>(content[position++])) << shift;
@@ -39,7 +41,7 @@ void Message::read(std::string &value) {
     int size = 0;
     read(size);
     if (size < 0 || content.size() - position < static_cast<std::size_t>(size))
-        throw Exception("no string");
+        throw BadArguments("no string");
     value = content.substr(position, static_cast<std::size_t>(size));
     position += value.size();
 }

@@ -1,0 +1,708 @@
+// The plugin on the real engine, with fakes below.
+#include "firewall-dplugin.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <memory>
+#include <ostream>
+#include <pthread.h>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <type_traits>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <mavo/exception.h>
+
+#include "support/collector.h"
+#include "support/fake-klog.h"
+#include "support/fake-nyr.h"
+#include "support/fake-pil.h"
+#include "support/fake-process.h"
+#include "support/fake-rlv.h"
+#include "support/fake-vlog.h"
+#include "support/sqlite-file.h"
+#include "support/text-file.h"
+
+extern "C" AbstractDPluginProvider *DPluginFactory(mavo::rmi::Service &service);
+
+namespace {
+
+bool failDbLock = false;
+
+} // namespace
+
+// The linker puts this before the real function (--wrap).
+extern "C" int __real_pthread_mutex_lock(pthread_mutex_t *mutex);
+extern "C" int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex) {
+    const bool fails = failDbLock && mutex == PolicyStorage::dbLock.native_handle();
+    return fails ? EDEADLK : __real_pthread_mutex_lock(mutex);
+}
+
+using collector::strings;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+
+namespace {
+
+const std::string kConfig = "/opt/data/vpk/dplugins/nyr-firewall-plugin/config/config.json";
+const std::string kMarker = "/dev/shm/nyr_firewall_sd";
+const std::string kRules = "/opt/data/vpk/db/.firewall.db";
+const std::string kTag = "I NYR_FIREWALL: ";
+const std::string kError = "E NYR_FIREWALL: ";
+const std::string kFrame = "I NYR_FIREWALL: ### firewall: ";
+
+const std::vector<std::string> kConfigBegins{kTag + "firewall: Enter Config()", kTag + "firewall: readConfigFile"};
+const std::vector<std::string> kConfigEnds{kTag + "firewall: Config: writeConfigFile", kTag + "firewall: ~Config()"};
+
+// Strings and lists of strings, one after another.
+template <typename... Parts> std::vector<std::string> sequence(const Parts &...parts) {
+    std::vector<std::string> all;
+    const auto add = [&all](const auto &part) {
+        if constexpr (std::is_convertible_v<decltype(part), std::string>)
+            all.push_back(part);
+        else
+            all.insert(all.end(), part.begin(), part.end());
+    };
+    (add(parts), ...);
+    return all;
+}
+
+const std::vector<std::string> kConstruction =
+    sequence(kFrame + "DPluginFactory() called;", kConfigBegins, kConfigBegins,
+             kFrame + "enter: DPluginEnable::DPluginEnable() ###", kFrame + "exit: DPluginEnable::DPluginEnable() ###",
+             kFrame + "enter: DPlugin::DPlugin() ###", kFrame + "exit: DPlugin::DPlugin() ###",
+             kFrame + "enter: DPlugin::exposeFirewallAPI ###");
+const std::vector<std::string> kEnabling =
+    sequence(kFrame + "enter: DPluginEnable::apply(1) ###", kConfigBegins, kTag + "Config::get: configPath: enabled",
+             kTag + "firewall: readConfigFile", kConfigEnds);
+const std::vector<std::string> kDisabling =
+    sequence(kFrame + "enter: DPluginEnable::apply(0) ###", kConfigBegins, kConfigEnds,
+             kFrame + "DPluginEnable::apply(DISABLE) ###", kTag + "firewall: update key/value: enabled 0",
+             kTag + "firewall: update common", kTag + "firewall: Config: writeConfigFile", kFrame + "mark removed, 0",
+             kFrame + "exit: DPluginEnable::apply(0) ###");
+const std::vector<std::string> kDeletion =
+    sequence(kFrame + "enter: DPlugin::~DPlugin deinitialize ###", kConfigEnds, kConfigEnds);
+
+// What was logged except by the engine.
+std::vector<std::string> frameLog() {
+    std::vector<std::string> all;
+    for (const std::string &message : fakevlog::messages()) {
+        if (message.compare(1, 5, " VPK:") != 0)
+            all.push_back(message);
+    }
+    return all;
+}
+
+template <typename Error> void throwAtLine(const std::string &text) {
+    fakevlog::onLine([text](const fakevlog::Line &line) {
+        if (line.text.find(text) != std::string::npos) {
+            fakevlog::onLine({});
+            throw Error("thrown by the log");
+        }
+    });
+}
+
+bool marked() { return std::filesystem::exists(kMarker); }
+
+class Plugin : public testing::Test {
+protected:
+    Plugin() {
+        std::filesystem::create_directories("/opt/data/vpk/db");
+        textfile::write(kConfig, "{}");
+        collector::watch();
+    }
+    ~Plugin() override { failDbLock = false; }
+
+    void create() {
+        plugin.reset(DPluginFactory(service));
+        ASSERT_NE(plugin, nullptr);
+        forget();
+    }
+
+    // Starts the records afresh.
+    void forget() {
+        fakevlog::clear();
+        fakerlv::reset();
+        storage.calls.clear();
+    }
+
+    std::string execute(const std::string &command, const std::string &data = "") {
+        return plugin->executeCommand(command, data);
+    }
+
+    int executeInternal(const std::string &command, const std::string &data, unsigned char **output, int *length) {
+        const auto bytes = [](const std::string &text) { return reinterpret_cast<const unsigned char *>(text.data()); };
+        return dynamic_cast<DPlugin &>(*plugin).executeCommandInternal(bytes(command), static_cast<int>(command.size()),
+                                                                       bytes(data), static_cast<int>(data.size()),
+                                                                       output, length);
+    }
+
+    // The result of a remote method.
+    int call(const std::string &method, mavo::rmi::Message request = {}) {
+        mavo::rmi::Message reply = service.find(method)->dispatcher(request);
+        int result = -99;
+        reply.read(result);
+        EXPECT_TRUE(request.atEnd() && reply.atEnd());
+        return result;
+    }
+
+    int callWith(const std::string &method, const std::string &rules) {
+        mavo::rmi::Message request;
+        request.write(rules);
+        return call(method, request);
+    }
+
+    fakepil::Storage storage;
+    mavo::rmi::Service service;
+    std::unique_ptr<AbstractDPluginProvider> plugin;
+};
+
+TEST_F(Plugin, IsNotEnabledWhenTheLibraryIsLoaded) { EXPECT_EQ(gFirewallDPluginEnabled, 0); }
+
+TEST_F(Plugin, IsCreatedEnabledAndStored) {
+    plugin.reset(DPluginFactory(service));
+    ASSERT_NE(plugin, nullptr);
+    EXPECT_THAT(frameLog(), ElementsAreArray(sequence(kConstruction, kFrame + "exit: DPlugin::exposeFirewallAPI() ###",
+                                                      kFrame + "enter: DPlugin::setStatus(): 1", kEnabling,
+                                                      kFrame + "Successfully created")));
+    EXPECT_EQ(fakevlog::place(fakevlog::lines().at(0)), "firewall-dplugin.cpp: DPluginFactory");
+    EXPECT_EQ(gFirewallDPluginEnabled, 1);
+    EXPECT_THAT(storage.calls, ElementsAre("store nyr-firewall-plugin 1"));
+    EXPECT_FALSE(marked());
+}
+
+TEST_F(Plugin, ConstructsItsEngineBetweenItsOwnLines) {
+    plugin.reset(DPluginFactory(service));
+    const auto messages = fakevlog::messages();
+    const auto entered = std::find(messages.begin(), messages.end(), kFrame + "enter: DPlugin::DPlugin() ###");
+    ASSERT_GE(messages.end() - entered, 3);
+    EXPECT_EQ(entered[1], "I VPK: Firewall Constructor");
+    EXPECT_EQ(entered[2], kFrame + "exit: DPlugin::DPlugin() ###");
+}
+
+TEST_F(Plugin, LeavesFlagChainsAndCollectorWhenItIsDeleted) {
+    textfile::write(kConfig, R"({"enabled":"1"})");
+    collector::run([this] {
+        create();
+        return 0;
+    });
+    plugin.reset();
+    EXPECT_THAT(fakevlog::messages(), ElementsAreArray(kDeletion));
+    EXPECT_EQ(gFirewallDPluginEnabled, 1);
+    EXPECT_THAT(fakerlv::calls(), IsEmpty());
+    EXPECT_TRUE(marked());
+    EXPECT_EQ(collector::account()["end"], "asleep");
+}
+
+TEST_F(Plugin, IsNotCreatedWhenTheTablesCannotBeMade) {
+    fakerlv::failInitialize(2);
+    EXPECT_EQ(DPluginFactory(service), nullptr);
+    EXPECT_THAT(frameLog(), ElementsAreArray(sequence(
+                                kConstruction, kError + "### firewall: Failed initialization firewall tables ###",
+                                kFrame + "exit: DPlugin::exposeFirewallAPI() ###",
+                                kError + "### firewall: Failed to exposeFirewallAPI", kDeletion)));
+    EXPECT_EQ(gFirewallDPluginEnabled, 0);
+    EXPECT_THAT(storage.calls, IsEmpty());
+    EXPECT_EQ(service.find("Firewall::ApplyAllowRules"), nullptr);
+}
+
+TEST_F(Plugin, IsNotCreatedWhenTheStatusCannotBeStored) {
+    storage.storeResult = 1;
+    EXPECT_EQ(DPluginFactory(service), nullptr);
+    EXPECT_THAT(frameLog(), ElementsAreArray(sequence(kConstruction, kFrame + "exit: DPlugin::exposeFirewallAPI() ###",
+                                                      kFrame + "enter: DPlugin::setStatus(): 1", kEnabling,
+                                                      kFrame + "exit: DPlugin::setStatus(-1)",
+                                                      kError + "### firewall: Failed to setStatus", kDeletion)));
+    EXPECT_EQ(gFirewallDPluginEnabled, 1);
+    EXPECT_NE(service.find("Firewall::ApplyAllowRules"), nullptr);
+}
+
+TEST_F(Plugin, IsNotCreatedTwiceOnOneService) {
+    create();
+    EXPECT_EQ(DPluginFactory(service), nullptr);
+    EXPECT_THAT(frameLog(),
+                ElementsAreArray(sequence(kConstruction, kError + "Method handler already registered",
+                                          kError + "### firewall: Exception during firewall tables initialization ###",
+                                          kFrame + "exit: DPlugin::exposeFirewallAPI() ###",
+                                          kError + "### firewall: Failed to exposeFirewallAPI", kDeletion)));
+}
+
+TEST_F(Plugin, LeavesTheMethodsRegisteredBeforeAFailure) {
+    service.setMethodHandler<int>("", "Firewall::FlushAllowRules", [] { return 0; });
+    EXPECT_EQ(DPluginFactory(service), nullptr);
+    EXPECT_NE(service.find("Firewall::ApplyAllowRules"), nullptr);
+    EXPECT_NE(service.find("Firewall::ApplyDenyRules"), nullptr);
+    EXPECT_EQ(service.find("Firewall::FlushDenyRules"), nullptr);
+}
+
+TEST_F(Plugin, RegistersItsMethodsInOrder) {
+    const char *const methods[] = {"Firewall::ApplyAllowRules", "Firewall::ApplyDenyRules", "Firewall::FlushAllowRules",
+                                   "Firewall::FlushDenyRules"};
+    for (std::size_t taken = 0; taken < std::size(methods); ++taken) {
+        mavo::rmi::Service other;
+        other.setMethodHandler<int>("", methods[taken], [] { return 0; });
+        EXPECT_EQ(DPluginFactory(other), nullptr);
+        for (std::size_t i = 0; i < std::size(methods); ++i)
+            EXPECT_EQ(other.find(methods[i]) != nullptr, i <= taken) << methods[i] << " with " << methods[taken];
+    }
+}
+
+TEST_F(Plugin, IsDiscardedByAnExceptionOfTheLibraryInTheFactory) {
+    throwAtLine<mavo::Exception>("Successfully created");
+    EXPECT_EQ(DPluginFactory(service), nullptr);
+    const auto messages = frameLog();
+    ASSERT_GT(messages.size(), 7u);
+    EXPECT_THAT(std::vector<std::string>(messages.end() - 7, messages.end()),
+                ElementsAreArray(
+                    sequence(kFrame + "Successfully created", kError + "### firewall: Exceprion caused", kDeletion)));
+}
+
+TEST_F(Plugin, IsNotDestroyedWhenAnExceptionOfTheLibraryLeftItsConstructor) {
+    throwAtLine<mavo::Exception>("enter: DPlugin::DPlugin()");
+    EXPECT_EQ(DPluginFactory(service), nullptr);
+    EXPECT_THAT(frameLog(), Not(Contains(HasSubstr("deinitialize"))));
+    EXPECT_EQ(frameLog().back(), kError + "### firewall: Exceprion caused");
+}
+
+TEST_F(Plugin, LetsOtherExceptionsOutOfTheFactory) {
+    throwAtLine<std::runtime_error>("Successfully created");
+    EXPECT_THROW(DPluginFactory(service), std::runtime_error);
+    EXPECT_THAT(frameLog(), Not(Contains(kError + "### firewall: Exceprion caused")));
+}
+
+// A policy of no effect of its own.
+class PlainPolicy final : public DPluginPolicy {
+public:
+    PlainPolicy() : DPluginPolicy("plain") {}
+};
+
+TEST(PluginPolicy, AcceptsAnyStatusAndLogsNothing) {
+    PlainPolicy policy;
+    EXPECT_EQ(policy.name, "plain");
+    EXPECT_TRUE(policy.apply(2));
+    EXPECT_THAT(fakevlog::messages(), IsEmpty());
+    EXPECT_EQ(gFirewallDPluginEnabled, 0);
+}
+
+TEST_F(Plugin, DisablesAndStores) {
+    create();
+    EXPECT_EQ(plugin->setStatus(0), 0);
+    EXPECT_THAT(fakevlog::messages(),
+                ElementsAreArray(sequence(kFrame + "enter: DPlugin::setStatus(): 0", kDisabling)));
+    EXPECT_EQ(gFirewallDPluginEnabled, 0);
+    EXPECT_THAT(storage.calls, ElementsAre("store nyr-firewall-plugin 0"));
+    EXPECT_THAT(textfile::read(kConfig), HasSubstr(R"("enabled":"0")"));
+}
+
+TEST_F(Plugin, RefusesAnyOtherStatus) {
+    create();
+    textfile::write(kMarker, "");
+    for (const int status : {2, -1}) {
+        forget();
+        EXPECT_EQ(plugin->setStatus(status), -1);
+        EXPECT_THAT(fakevlog::messages(),
+                    ElementsAreArray(sequence(
+                        kFrame + "enter: DPlugin::setStatus(): " + std::to_string(status),
+                        kFrame + "enter: DPluginEnable::apply(" + std::to_string(status) + ") ###", kConfigBegins,
+                        kConfigEnds, kFrame + "another status ###", kFrame + "exit: DPluginEnable::apply(false) ###",
+                        kFrame + "exit: DPlugin::setStatus(-1)")));
+    }
+    EXPECT_EQ(gFirewallDPluginEnabled, 1);
+    EXPECT_TRUE(marked());
+    EXPECT_THAT(storage.calls, IsEmpty());
+    EXPECT_THAT(fakeprocess::children(), IsEmpty());
+}
+
+class PluginCollectorOff : public Plugin, public testing::WithParamInterface<const char *> {};
+
+TEST_P(PluginCollectorOff, IsEnabledWithoutACollector) {
+    create();
+    plugin->setStatus(0);
+    textfile::write(kConfig, GetParam());
+    EXPECT_EQ(plugin->setStatus(1), 0);
+    EXPECT_EQ(gFirewallDPluginEnabled, 1);
+    EXPECT_EQ(storage.statuses["nyr-firewall-plugin"], 1);
+    EXPECT_FALSE(marked());
+    EXPECT_THAT(fakeprocess::children(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Files, PluginCollectorOff,
+                         testing::Values("{}", R"({"enabled":"0"})", R"({"enabled":"1 "})", R"({"enabled":true})"));
+
+TEST_F(Plugin, StartsTheCollectorThatTheConfigurationHasOn) {
+    create();
+    textfile::write(kConfig, R"({"enabled":"1"})");
+    EXPECT_EQ(collector::run([this] { return plugin->setStatus(1); }), 0);
+    EXPECT_TRUE(marked());
+    EXPECT_THAT(fakevlog::messages(),
+                ElementsAreArray(sequence(
+                    kFrame + "enter: DPlugin::setStatus(): 1", kEnabling, kFrame + "enter: StatDaemon::enable() ###",
+                    kTag + "firewall: update key/value: enabled 1", kTag + "firewall: update common",
+                    kTag + "firewall: Config: writeConfigFile", kFrame + "DPlugin::startStatDaemon() ###",
+                    kTag + "Config::get: configPath: enabled", kFrame + "startStatDaemon: enabled: 1 ###")));
+    EXPECT_EQ(collector::account()["end"], "asleep");
+}
+
+TEST_F(Plugin, IgnoresThatTheCollectorCannotBeStarted) {
+    create();
+    textfile::write(kConfig, R"({"enabled":"1"})");
+    fakeprocess::orders().failFork = true;
+    EXPECT_EQ(plugin->setStatus(1), 0);
+}
+
+TEST_F(Plugin, LetsTheCollectorsEndBackThroughTheStatusCall) {
+    create();
+    textfile::write(kConfig, R"({"enabled":"1"})");
+    collector::watch(3, [] { textfile::write(kConfig, R"({"enabled":"0"})"); });
+    collector::run([this] { return plugin->setStatus(1); });
+    EXPECT_EQ(collector::account()["end"], "returned 0");
+}
+
+TEST_F(Plugin, LetsTheCollectorsEndBackThroughTheFactory) {
+    textfile::write(kConfig, R"({"enabled":"1"})");
+    collector::watch(3, [] { textfile::write(kConfig, R"({"enabled":"0"})"); });
+    collector::run([this] {
+        plugin.reset(DPluginFactory(service));
+        return plugin != nullptr ? 0 : 1;
+    });
+    const Json::Value account = collector::account();
+    EXPECT_EQ(account["end"], "returned 0");
+    EXPECT_EQ(strings(account["messages"]).back(), kFrame + "Successfully created");
+}
+
+TEST_F(Plugin, LeavesADisabledCollectorOffUntilItIsSwitchedOn) {
+    textfile::write(kConfig, R"({"enabled":"1"})");
+    collector::run([this] {
+        create();
+        return 0;
+    });
+    EXPECT_EQ(plugin->setStatus(0), 0);
+    EXPECT_FALSE(marked());
+    EXPECT_EQ(plugin->setStatus(1), 0);
+    EXPECT_FALSE(marked());
+    EXPECT_THAT(textfile::read(kConfig), HasSubstr(R"("enabled":"0")"));
+    EXPECT_EQ(collector::run([this] { return execute("EnableStatCollector") == "" ? 0 : 1; }), 0);
+    EXPECT_TRUE(marked());
+    EXPECT_THAT(collector::accounts(), SizeIs(2));
+}
+
+TEST_F(Plugin, ReadsTheSwitchBeforeTheFileIsWrittenBack) {
+    create();
+    textfile::write(kConfig, R"({"enabled":{}})");
+    EXPECT_THROW(plugin->applyStatus(1), Json::LogicError);
+    EXPECT_EQ(gFirewallDPluginEnabled, 1);
+}
+
+TEST_F(Plugin, SetsTheFlagBeforeItReadsTheSwitch) {
+    create();
+    plugin->setStatus(0);
+    textfile::write(kConfig, R"({"enabled":{}})");
+    EXPECT_THROW(plugin->setStatus(1), Json::LogicError);
+    EXPECT_EQ(gFirewallDPluginEnabled, 1);
+}
+
+TEST_F(Plugin, KeepsTheNewStateWhenItCannotBeStored) {
+    create();
+    storage.storeResult = -7;
+    EXPECT_EQ(plugin->setStatus(0), -1);
+    EXPECT_THAT(fakevlog::messages(), ElementsAreArray(sequence(kFrame + "enter: DPlugin::setStatus(): 0", kDisabling,
+                                                                kFrame + "exit: DPlugin::setStatus(-1)")));
+    EXPECT_EQ(gFirewallDPluginEnabled, 0);
+    EXPECT_EQ(storage.statuses["nyr-firewall-plugin"], 1);
+}
+
+TEST_F(Plugin, LogsAnExceptionOfTheLibraryWhileStoring) {
+    create();
+    storage.onStore = [] { throw mavo::Exception("100%s full"); };
+    EXPECT_EQ(plugin->setStatus(0), -1);
+    EXPECT_THAT(fakevlog::messages(),
+                ElementsAreArray(sequence(kFrame + "enter: DPlugin::setStatus(): 0", kDisabling, kError + "100%s full",
+                                          kFrame + "exit: DPlugin::setStatus(-1)")));
+    EXPECT_EQ(plugin->getStatus(), 1) << "the lock was released";
+}
+
+TEST_F(Plugin, CatchesAnExceptionOfTheLibraryWhileApplying) {
+    create();
+    throwAtLine<mavo::Exception>("apply(DISABLE)");
+    EXPECT_EQ(plugin->setStatus(0), -1);
+    EXPECT_THAT(storage.calls, IsEmpty());
+}
+
+TEST_F(Plugin, LetsOtherExceptionsOutOfTheStatusOperations) {
+    create();
+    storage.onStore = [] { throw std::runtime_error("odd"); };
+    EXPECT_THROW(plugin->setStatus(0), std::runtime_error);
+    throwAtLine<mavo::Exception>("apply(DISABLE)");
+    EXPECT_THROW(plugin->applyStatus(0), mavo::Exception);
+}
+
+TEST_F(Plugin, LetsAFailureOfTheHostsLockOut) {
+    create();
+    failDbLock = true;
+    EXPECT_THROW(plugin->setStatus(0), std::system_error);
+    EXPECT_THROW(plugin->getStatus(), std::system_error);
+    EXPECT_THAT(storage.calls, IsEmpty());
+}
+
+TEST_F(Plugin, AppliesAStatusWithoutStoringIt) {
+    create();
+    plugin->applyStatus(0);
+    EXPECT_THAT(fakevlog::messages(), ElementsAreArray(sequence(kFrame + "enter: DPlugin::applyStatus", kDisabling)));
+    EXPECT_EQ(gFirewallDPluginEnabled, 0);
+    EXPECT_THAT(storage.calls, IsEmpty());
+    EXPECT_EQ(plugin->getStatus(), 1);
+    plugin->applyStatus(1);
+    EXPECT_EQ(gFirewallDPluginEnabled, 1);
+}
+
+TEST_F(Plugin, GivesTheStoredStatusUnchanged) {
+    create();
+    storage.statuses["nyr-firewall-plugin"] = 42;
+    EXPECT_EQ(plugin->getStatus(), 42);
+    EXPECT_THAT(storage.calls, ElementsAre("read nyr-firewall-plugin"));
+    EXPECT_THAT(fakevlog::messages(), ElementsAre(kFrame + "enter: DPlugin::getStatus"));
+}
+
+struct Method {
+    const char *name;
+    const char *rules; // null: none taken
+    const char *command;
+};
+
+void PrintTo(const Method &method, std::ostream *stream) { *stream << method.name; }
+
+class PluginMethod : public Plugin, public testing::WithParamInterface<Method> {};
+
+TEST_P(PluginMethod, ReachesTheEngineEvenWhenThePluginIsDisabled) {
+    create();
+    plugin->applyStatus(0);
+    forget();
+    const std::string name = std::string("Firewall::") + GetParam().name;
+    EXPECT_EQ(service.find(name)->privilege, "http://vpk/privilege/vpk.firewall");
+    EXPECT_EQ(GetParam().rules != nullptr ? callWith(name, GetParam().rules) : call(name), 0);
+    EXPECT_THAT(fakerlv::commands(), ElementsAre(GetParam().command));
+    EXPECT_THAT(frameLog(), IsEmpty());
+}
+
+TEST_P(PluginMethod, PassesOnTheResult) {
+    create();
+    fakerlv::answer(GetParam().command, {0, 5, std::nullopt});
+    const std::string name = std::string("Firewall::") + GetParam().name;
+    EXPECT_EQ(GetParam().rules != nullptr ? callWith(name, GetParam().rules) : call(name), 5);
+}
+
+class PluginRuleCommand : public Plugin, public testing::WithParamInterface<Method> {};
+
+TEST_P(PluginRuleCommand, ReachesTheEngine) {
+    create();
+    EXPECT_EQ(execute(GetParam().name, GetParam().rules != nullptr ? GetParam().rules : "not looked at"), "");
+    EXPECT_THAT(fakerlv::commands(), ElementsAre(GetParam().command));
+    EXPECT_THAT(frameLog(), ElementsAre(kFrame + "enter: DPlugin::ExecuteCommandInternal ###",
+                                        kFrame + "exit: " + GetParam().name + ": 0 ###"));
+}
+
+TEST_P(PluginRuleCommand, FailsWithAPositiveResultToo) {
+    create();
+    fakerlv::answer(GetParam().command, {0, 5, std::nullopt});
+    EXPECT_EQ(execute(GetParam().name, GetParam().rules != nullptr ? GetParam().rules : ""), "fail");
+    EXPECT_EQ(frameLog().back(), kFrame + "exit: " + GetParam().name + ": 5 ###");
+}
+
+const Method kMethods[] = {
+    {"ApplyAllowRules", "tcp:10.0.0.5:80:in", "-A VPK-ALLOW -p tcp -s 10.0.0.5 --sport 80 -j ACCEPT"},
+    {"ApplyDenyRules", "tcp:10.0.0.5:80:in", "-A VPK-DENY -p tcp -s 10.0.0.5 --sport 80 -j VPK-LOGANDDROP"},
+    {"FlushAllowRules", nullptr, "-F VPK-ALLOW"},
+    {"FlushDenyRules", nullptr, "-F VPK-DENY"},
+};
+
+INSTANTIATE_TEST_SUITE_P(Methods, PluginMethod, testing::ValuesIn(kMethods));
+INSTANTIATE_TEST_SUITE_P(Commands, PluginRuleCommand, testing::ValuesIn(kMethods));
+
+class PluginWithoutData : public Plugin, public testing::WithParamInterface<const char *> {};
+
+TEST_P(PluginWithoutData, FailsWithoutTouchingTheEngine) {
+    create();
+    EXPECT_EQ(execute(GetParam()), "fail");
+    EXPECT_THAT(fakevlog::messages(), ElementsAre(kFrame + "enter: DPlugin::ExecuteCommandInternal ###",
+                                                  kFrame + "exit: " + GetParam() + ": -1 ###"));
+    EXPECT_THAT(fakerlv::calls(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Commands, PluginWithoutData,
+                         testing::Values("ApplyAllowRules", "ApplyDenyRules", "ApplyPolicy"));
+
+class PluginDisabled : public Plugin, public testing::WithParamInterface<const char *> {};
+
+TEST_P(PluginDisabled, FailsEveryCommand) {
+    create();
+    plugin->applyStatus(0);
+    forget();
+    EXPECT_EQ(execute(GetParam(), "tcp:10.0.0.5:80:in"), "fail");
+    EXPECT_THAT(fakevlog::messages(), ElementsAre(kFrame + "enter: DPlugin::ExecuteCommandInternal ###",
+                                                  kFrame + "exit: Firewall disabled ###"));
+    EXPECT_THAT(fakerlv::calls(), IsEmpty());
+    EXPECT_FALSE(marked());
+}
+
+INSTANTIATE_TEST_SUITE_P(Commands, PluginDisabled,
+                         testing::Values("ApplyAllowRules", "FlushDenyRules", "EnableStatCollector", "unknown", ""));
+
+TEST_F(Plugin, FailsAnEmptyCommand) {
+    create();
+    EXPECT_EQ(execute("", "data"), "fail");
+    EXPECT_THAT(fakevlog::messages(),
+                ElementsAre(kFrame + "enter: DPlugin::ExecuteCommandInternal ###", kFrame + "exit: Empty command ###"));
+}
+
+TEST_F(Plugin, FailsACommandThatIsNowhere) {
+    create();
+    unsigned char *output = nullptr;
+    int length = 17;
+    EXPECT_EQ(dynamic_cast<DPlugin &>(*plugin).executeCommandInternal(nullptr, 4, nullptr, 0, &output, &length), -1);
+    EXPECT_EQ(fakevlog::messages().back(), kFrame + "exit: Empty command ###");
+    EXPECT_EQ(length, 0);
+}
+
+class PluginUnknown : public Plugin, public testing::WithParamInterface<const char *> {};
+
+TEST_P(PluginUnknown, FailsWithAnError) {
+    create();
+    EXPECT_EQ(execute(GetParam(), "tcp:10.0.0.5:80:in"), "fail");
+    EXPECT_THAT(fakevlog::messages(), ElementsAre(kFrame + "enter: DPlugin::ExecuteCommandInternal ###",
+                                                  kError + "### firewall: exit: Unknown Plugin command ###"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Commands, PluginUnknown,
+                         testing::Values("applyAllowRules", "FLUSHDENYRULES", "SendReport ", "ApplyPolic", "x"));
+
+TEST_F(Plugin, TakesACommandByItsLength) {
+    create();
+    unsigned char *output = nullptr;
+    int length = 17;
+    EXPECT_EQ(executeInternal(std::string("FlushDenyRules\0", 15), "", &output, &length), -1);
+    EXPECT_EQ(executeInternal("FlushDenyRules", "", &output, &length), 0);
+    EXPECT_EQ(output, nullptr);
+    EXPECT_EQ(length, 0);
+}
+
+TEST_F(Plugin, TakesNoDataForAnEmptyString) {
+    create();
+    const std::string command = "FlushDenyRules";
+    const auto *bytes = reinterpret_cast<const unsigned char *>(command.data());
+    unsigned char *output = nullptr;
+    int length = 17;
+    auto &frame = dynamic_cast<DPlugin &>(*plugin);
+    EXPECT_EQ(frame.executeCommandInternal(bytes, 14, nullptr, 0, &output, &length), 0);
+    EXPECT_THROW(frame.executeCommandInternal(bytes, 14, nullptr, 1, &output, &length), std::logic_error);
+}
+
+TEST_F(Plugin, LetsAnExceptionOfTheEngineOut) {
+    create();
+    fakerlv::failInitialize(111);
+    EXPECT_THROW(execute("FlushDenyRules"), std::runtime_error);
+    EXPECT_THAT(frameLog(), ElementsAre(kFrame + "enter: DPlugin::ExecuteCommandInternal ###"));
+}
+
+TEST_F(Plugin, SendsTheKernelLogAtOnce) {
+    create();
+    fakeklog::content = "<4>[0-  1.5] IPTables-Dropped:IN=\nother\n";
+    const std::string body = R"({"data":["<4>[0-  1.5] IPTables-Dropped:IN="],"v":"0.1"})";
+    EXPECT_EQ(execute("SendReport", "not looked at"), "");
+    ASSERT_THAT(fakenyr::reports, SizeIs(1));
+    EXPECT_EQ(fakenyr::reports[0].type, 10007);
+    EXPECT_EQ(fakenyr::reports[0].subtype, 139);
+    EXPECT_EQ(fakenyr::reports[0].body, body);
+    EXPECT_THAT(fakevlog::messages(),
+                ElementsAre(kFrame + "enter: DPlugin::ExecuteCommandInternal ###", kFrame + "begin test reporter ###",
+                            kTag + "KLogExtractor::extractLogs: enter",
+                            kTag + "KLogExtractor::extractLogs: read 40 chars from klog",
+                            kTag + "KLogExtractor::extractLogs: exit: normal",
+                            kTag + "KLogExtractor::getAsJson: " + body, kFrame + "exit: SendReport: 0 ###"));
+}
+
+TEST_F(Plugin, FailsWithTheReportClientsResult) {
+    create();
+    fakenyr::result = 9;
+    EXPECT_EQ(execute("SendReport"), "fail");
+    EXPECT_EQ(fakevlog::messages().back(), kFrame + "exit: SendReport: 9 ###");
+}
+
+TEST_F(Plugin, SwitchesTheCollectorOnAndOff) {
+    create();
+    EXPECT_EQ(collector::run([this] { return execute("EnableStatCollector", "x") == "" ? 0 : 1; }), 0);
+    EXPECT_TRUE(marked());
+    EXPECT_EQ(fakevlog::messages().at(1), kFrame + "start stat daemon ###");
+    EXPECT_EQ(fakevlog::messages().at(2), kFrame + "enter: StatDaemon::enable() ###");
+    EXPECT_EQ(fakevlog::messages().back(), kFrame + "startStatDaemon: enabled: 1 ###");
+    fakevlog::clear();
+    EXPECT_EQ(execute("DisableStatCollector", "x"), "");
+    EXPECT_FALSE(marked());
+    EXPECT_THAT(fakevlog::messages(),
+                ElementsAre(kFrame + "enter: DPlugin::ExecuteCommandInternal ###", kFrame + "stop stat daemon ###",
+                            kTag + "firewall: update key/value: enabled 0", kTag + "firewall: update common",
+                            kTag + "firewall: Config: writeConfigFile", kFrame + "mark removed, 1"));
+}
+
+TEST_F(Plugin, FailsWhenTheCollectorCannotBeForked) {
+    create();
+    fakeprocess::orders().failFork = true;
+    EXPECT_EQ(execute("EnableStatCollector"), "fail");
+}
+
+TEST_F(Plugin, LetsTheCollectorsEndBackThroughTheCommand) {
+    create();
+    collector::watch(3, [] { textfile::write(kConfig, R"({"enabled":"0"})"); });
+    collector::run([this] { return execute("EnableStatCollector") == "" ? 0 : 1; });
+    EXPECT_EQ(collector::account()["end"], "returned 0");
+}
+
+TEST_F(Plugin, UsesAConfigurationOfItsOwnForCommands) {
+    create();
+    plugin->applyStatus(0);
+    textfile::write(kConfig, R"({"kept by neither":"1"})");
+    plugin->applyStatus(1);
+    execute("StatCollectorPolicy", R"({"a":"1"})");
+    EXPECT_EQ(textfile::read(kConfig), "{\"a\":\"1\"}\n") << "what the status operations wrote is not known to it";
+}
+
+TEST_F(Plugin, MergesACollectorPolicy) {
+    create();
+    EXPECT_EQ(execute("StatCollectorPolicy", R"({"send_report_interval":"60"})"), "");
+    EXPECT_EQ(textfile::read(kConfig), "{\"send_report_interval\":\"60\"}\n");
+    EXPECT_THAT(fakevlog::messages(),
+                ElementsAre(kFrame + "enter: DPlugin::ExecuteCommandInternal ###",
+                            kFrame + "new stat collector policy ###",
+                            kFrame + "enter: DPlugin::handleStatCollectorPolicy ###", kTag + "firewall: update common",
+                            kTag + "firewall: Config: writeConfigFile"));
+}
+
+TEST_F(Plugin, AcceptsACollectorPolicyWithoutData) {
+    create();
+    EXPECT_EQ(execute("StatCollectorPolicy"), "");
+    EXPECT_THAT(fakevlog::messages(), ElementsAre(kFrame + "enter: DPlugin::ExecuteCommandInternal ###",
+                                                  kFrame + "new stat collector policy ###"));
+}
+
+TEST_F(Plugin, AppliesAPolicysAllowRulesAsAllowAndAsDeny) {
+    create();
+    EXPECT_EQ(execute("ApplyPolicy", R"({"ALLOW":["tcp:10.0.0.5:80:in"],"DENY":["tcp:10.0.0.6:80:in"]})"), "");
+    EXPECT_THAT(frameLog(), ElementsAre(kFrame + "enter: DPlugin::ExecuteCommandInternal ###",
+                                        kFrame + "enter: DPlugin::handlePolicy ###", kFrame + "allow string: ",
+                                        kFrame + "deny string: ", kFrame + "exit: DPlugin::handlePolicy: 0  ###",
+                                        kFrame + "exit: ApplyPolicy: 0 ###"));
+    EXPECT_THAT(fakevlog::messages(), Contains("I VPK: Firewall::ApplyDenyRules: tcp:10.0.0.5:80:in;"));
+    EXPECT_THAT(fakerlv::commands(), Contains("-A VPK-ALLOW -p tcp -s 10.0.0.5 --sport 80 -j ACCEPT"));
+    EXPECT_THAT(fakerlv::commands(), Not(Contains(HasSubstr("10.0.0.6"))));
+    EXPECT_THAT(sqlitefile::query(kRules, "SELECT is_allowed FROM firewall_rules"), ElementsAre("0"));
+}
+
+} // namespace
