@@ -1,7 +1,6 @@
 #include "support/fake-klog.h"
 
 #include <algorithm>
-#include <cstring>
 #include <sys/klog.h>
 
 namespace fakeklog {
@@ -23,6 +22,6 @@ extern "C" int klogctl(int action, char *buffer, int length) {
     if (action != 3 || !reads)
         return -1;
     const std::size_t count = std::min(content.size(), static_cast<std::size_t>(length));
-    std::memcpy(buffer, content.data(), count);
+    content.copy(buffer, count);
     return readResult.value_or(static_cast<int>(count));
 }

@@ -94,6 +94,12 @@ TEST_F(StatDaemonTest, MarksACollectorThatWasNotMarked) {
     EXPECT_EQ(std::filesystem::file_size(kMarker), 0u);
 }
 
+TEST_F(StatDaemonTest, MarksThroughDescriptorZeroToo) {
+    close(0);
+    EXPECT_FALSE(daemon->isDaemonWorking());
+    EXPECT_LT(fcntl(0, F_GETFD), 0);
+}
+
 TEST_F(StatDaemonTest, FindsAMarkedCollector) {
     daemon->isDaemonWorking();
     EXPECT_TRUE(daemon->isDaemonWorking());
