@@ -1,0 +1,21 @@
+// The host's documents for a person to read.
+#ifndef PLATFORM_CLI_DOCUMENTS_AS_TEXT_H
+#define PLATFORM_CLI_DOCUMENTS_AS_TEXT_H
+
+#include <string>
+
+#include <json/json.h>
+
+namespace cli {
+
+// Throws Exit when the text is not a JSON object.
+Json::Value parseDocument(const std::string &text);
+
+std::string statusAsText(const Json::Value &document);
+// One line for each rule, as the arguments of vpkctl exec: "ApplyDenyRules tcp:10.0.0.5:8000-8080:out".
+std::string rulesAsText(const Json::Value &document);
+std::string reportsAsText(const Json::Value &document);
+
+} // namespace cli
+
+#endif

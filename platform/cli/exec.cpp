@@ -1,0 +1,85 @@
+// vpkctl exec: a command of the plugin.
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <unistd.h>
+
+#include "cli/input.h"
+#include "cli/session.h"
+
+namespace cli {
+namespace {
+
+constexpr const char *kApplyPolicy = "ApplyPolicy";
+
+constexpr const char *kHelp =
+    R"(Commands and their data:
+  ApplyAllowRules, ApplyDenyRules    rules, joined by ";"
+  FlushAllowRules, FlushDenyRules    none
+  ApplyPolicy                        {"ALLOW":[rules],"DENY":[rules]} (see the warning below)
+  EnableStatCollector, DisableStatCollector    none
+  StatCollectorPolicy                members for the configuration, {"send_report_interval":"3600"}
+  SendReport                         none
+
+A rule is protocol:address:port or protocol:address:port:direction. "*" or nothing stands for any; a range of ports
+is 8000-8080; the direction is in, out or bid. Address and port are the other side's: an "in" rule matches the source.
+  vpkctl exec ApplyDenyRules 'tcp:10.0.0.5:8000-8080:out;udp:*:53'
+  vpkctl exec ApplyAllowRules @rules.txt
+  echo 'tcp:10.0.0.5:80' | vpkctl exec ApplyDenyRules -
+
+ApplyPolicy applies each ALLOW entry as an allow rule and then as a deny rule, so that all of them end up denied; DENY
+entries have no effect.
+
+Exit status: 0 done, 1 the plugin said "fail" or something is not in force, 2 not carried out, 3 an exception.)";
+
+struct Arguments {
+    std::string command;
+    std::string data;
+    bool raw = false;
+    bool yes = false;
+};
+
+bool personAgrees() {
+    std::fputs("Go on? [y/N] ", stderr);
+    std::cin.clear();
+    std::string answer;
+    return std::getline(std::cin, answer) && !answer.empty() && (answer[0] == 'y' || answer[0] == 'Y');
+}
+
+void warnAboutPolicy(bool yes) {
+    std::fputs(
+        "vpkctl: ApplyPolicy applies every ALLOW entry as an allow rule and then as a deny rule: all of them end "
+        "up denied. DENY entries have no effect.\n",
+        stderr);
+    if (!yes && ::isatty(STDIN_FILENO) == 1 && !personAgrees())
+        throw Exit(kNotCarriedOut, "nothing was applied");
+}
+
+void run(const Arguments &arguments, Session &session) {
+    const std::string data = dataFrom(arguments.data, arguments.raw, std::cin);
+    if (arguments.command == kApplyPolicy)
+        warnAboutPolicy(arguments.yes);
+    mavo::rmi::Message request;
+    request.write(arguments.command);
+    request.write(data);
+    const auto reply = session.call("Host::executeCommand", request);
+    const std::string text = textOf(reply);
+    if (!text.empty())
+        std::printf("%s\n", text.c_str());
+    session.exitStatus = statusOf(reply, text != "fail");
+}
+
+} // namespace
+
+void addExec(CLI::App &app, Session &session) {
+    auto *exec = app.add_subcommand("exec", "Have the plugin carry out a command");
+    const auto arguments = std::make_shared<Arguments>(); // shared with the callback
+    exec->add_option("COMMAND", arguments->command, "The command's name")->required();
+    exec->add_option("DATA", arguments->data, "Its data: text, @FILE, or - for standard input");
+    exec->add_flag("--raw", arguments->raw, "Keep the last line break of @FILE or -");
+    exec->add_flag("--yes", arguments->yes, "Do not ask before ApplyPolicy");
+    exec->footer(kHelp);
+    exec->callback([arguments, &session] { run(*arguments, session); });
+}
+
+} // namespace cli

@@ -1,0 +1,16 @@
+// The data argument of a command.
+#ifndef PLATFORM_CLI_INPUT_H
+#define PLATFORM_CLI_INPUT_H
+
+#include <istream>
+#include <string>
+
+namespace cli {
+
+// "@FILE" is the content of the file, "-" that of `standardInput`, anything else is itself. The last line break of what
+// was read is dropped unless `raw`. Throws Exit when the file cannot be read.
+std::string dataFrom(const std::string &argument, bool raw, std::istream &standardInput);
+
+} // namespace cli
+
+#endif

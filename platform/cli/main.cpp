@@ -1,0 +1,49 @@
+// vpkctl, the command line of the policy host.
+#include <cstdio>
+#include <exception>
+
+#include "cli/session.h"
+
+namespace {
+
+constexpr const char *kFooter = R"(Begin with:
+  vpkctl status
+  vpkctl exec ApplyDenyRules tcp:10.0.0.5:80:out
+  vpkctl rules
+"vpkctl SUBCOMMAND --help" says more. Exit status: 0 done, 1 failed or not in force, 2 not carried out (the host does
+not run or refuses), 3 an exception ended the call. Results go to standard output, all else to standard error.)";
+
+void addSubcommands(CLI::App &app, cli::Session &session) {
+    app.require_subcommand(1);
+    for (const auto add : {cli::addExec, cli::addCall, cli::addStatus, cli::addSetStatus, cli::addApplyStatus,
+                           cli::addReload, cli::addRules, cli::addReports})
+        add(app, session);
+    for (auto *subcommand : app.get_subcommands(nullptr))
+        subcommand->fallthrough(); // --socket may stand anywhere
+}
+
+int explain(const CLI::App &app, const CLI::ParseError &error) {
+    return app.exit(error) == 0 ? cli::kDone : cli::kNotCarriedOut;
+}
+
+} // namespace
+
+int main(int argc, char **argv) try {
+    CLI::App app("Talks to the policy host of the firewall plugin");
+    cli::Session session;
+    app.add_option("--socket", session.socket, "Where the policy host is")->capture_default_str();
+    app.footer(kFooter);
+    addSubcommands(app, session);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError &error) {
+        return explain(app, error);
+    }
+    return session.exitStatus;
+} catch (const cli::Exit &exit) {
+    std::fprintf(stderr, "vpkctl: %s\n", exit.what());
+    return exit.status();
+} catch (const std::exception &error) {
+    std::fprintf(stderr, "vpkctl: %s\n", error.what());
+    return cli::kNotCarriedOut;
+}

@@ -1,0 +1,27 @@
+// vpkctl reports
+#include <cstdio>
+#include <memory>
+
+#include "cli/documents-as-text.h"
+#include "cli/session.h"
+
+namespace cli {
+namespace {
+
+void run(bool asJson, Session &session) {
+    const std::string document = textOf(session.call("Host::reports", mavo::rmi::Message()));
+    const std::string text = asJson ? document + "\n" : reportsAsText(parseDocument(document));
+    std::fwrite(text.data(), 1, text.size(), stdout);
+}
+
+} // namespace
+
+void addReports(CLI::App &app, Session &session) {
+    auto *command = app.add_subcommand("reports", "List the reports in the outbox, oldest first");
+    const auto asJson = std::make_shared<bool>(false); // shared with the callback
+    command->add_flag("--json", *asJson, "Print the host's document as it is, on one line");
+    command->footer("Each line: when it was handed over, type/subtype, body.");
+    command->callback([asJson, &session] { run(*asJson, session); });
+}
+
+} // namespace cli

@@ -1,0 +1,82 @@
+#include "cli/session.h"
+
+#include <cstdio>
+#include <system_error>
+
+#include "mavo/exception.h"
+#include "mavo/rmi-client.h"
+
+namespace cli {
+namespace {
+
+using mavo::rmi::Reply;
+using mavo::rmi::Status;
+
+void sayWaiting() { std::fputs("vpkctl: the host is at work; waiting for the end of the call ...\n", stderr); }
+
+Reply ask(const std::string &socket, const std::string &method, const mavo::rmi::Message &request) try {
+    mavo::rmi::Client client(socket);
+    return client.call(method, request, sayWaiting);
+} catch (const std::system_error &error) {
+    throw Exit(kNotCarriedOut, "the policy host cannot be reached at " + socket + ": " + error.code().message());
+} catch (const mavo::Exception &error) {
+    throw Exit(kNotCarriedOut, "the policy host did not answer: " + std::string(error.what()));
+}
+
+std::string refusalOf(const std::string &method, const Reply &reply) {
+    switch (reply.status) {
+    case Status::denied:
+        return "the policy host refuses " + method + " to this account" +
+               (reply.error.empty() ? "" : ": " + reply.error);
+    case Status::busy:
+        return "the policy host has too many clients; try again later";
+    case Status::unknownMethod:
+        return "the policy host has no method " + method;
+    default:
+        return "the policy host refuses " + method + ": " + reply.error;
+    }
+}
+
+void printRemarks(const Reply &reply) {
+    for (const auto &line : reply.errorLines)
+        std::fprintf(stderr, "%s\n", line.c_str());
+    for (const auto &line : reply.notInForce)
+        std::fprintf(stderr, "not in force: %s\n", line.c_str());
+}
+
+} // namespace
+
+Reply Session::call(const std::string &method, const mavo::rmi::Message &request) const {
+    Reply reply = ask(socket, method, request);
+    printRemarks(reply);
+    if (reply.status == Status::exception)
+        throw Exit(kException, method + " ended with an exception: " + reply.error);
+    if (reply.status != Status::ok)
+        throw Exit(kNotCarriedOut, refusalOf(method, reply));
+    return reply;
+}
+
+namespace {
+
+template <typename Value> Value valueOf(const Reply &reply) try {
+    mavo::rmi::Message message(reply.body);
+    Value value{};
+    message.read(value);
+    if (!message.atEnd())
+        throw Exit(kNotCarriedOut, "the reply holds more than was expected");
+    return value;
+} catch (const mavo::Exception &error) {
+    throw Exit(kNotCarriedOut, "the reply is not what was expected: " + std::string(error.what()));
+}
+
+} // namespace
+
+int intOf(const Reply &reply) { return valueOf<int>(reply); }
+
+std::string textOf(const Reply &reply) { return valueOf<std::string>(reply); }
+
+ExitStatus statusOf(const Reply &reply, bool wentWell) {
+    return wentWell && reply.notInForce.empty() ? kDone : kFailed;
+}
+
+} // namespace cli

@@ -1,0 +1,58 @@
+// What the subcommands of vpkctl share: the connection to the policy host, and what becomes of a reply.
+#ifndef PLATFORM_CLI_SESSION_H
+#define PLATFORM_CLI_SESSION_H
+
+#include <stdexcept>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "mavo/rmi-protocol.h"
+#include "mavo/rmi.h"
+
+namespace cli {
+
+// Exit statuses, as the help explains them.
+enum ExitStatus : int { kDone = 0, kFailed = 1, kNotCarriedOut = 2, kException = 3 };
+
+// Ends the program with `status` and one line on standard error.
+class Exit : public std::runtime_error {
+public:
+    Exit(ExitStatus status, const std::string &line) : std::runtime_error(line), status_(status) {}
+    ExitStatus status() const { return status_; }
+
+private:
+    ExitStatus status_;
+};
+
+// One run of the program.
+struct Session {
+    std::string socket = "/run/vpk/host/socket";
+    int exitStatus = kDone; // set by the subcommand
+
+    // Calls a remote method and waits for its end, however long that takes; says on standard error that it waits. What
+    // the host has to say beside the result goes to standard error. Throws Exit when the host does not run, refuses the
+    // call, or lets an exception end it.
+    mavo::rmi::Reply call(const std::string &method, const mavo::rmi::Message &request) const;
+};
+
+// The value that a reply carries. Throws Exit when it carries something else.
+int intOf(const mavo::rmi::Reply &reply);
+std::string textOf(const mavo::rmi::Reply &reply);
+
+// kDone when the call went well and everything is in force, else kFailed.
+ExitStatus statusOf(const mavo::rmi::Reply &reply, bool wentWell);
+
+// One for each subcommand, in a source file of its name.
+void addExec(CLI::App &app, Session &session);
+void addCall(CLI::App &app, Session &session);
+void addStatus(CLI::App &app, Session &session);
+void addSetStatus(CLI::App &app, Session &session);
+void addApplyStatus(CLI::App &app, Session &session);
+void addReload(CLI::App &app, Session &session);
+void addRules(CLI::App &app, Session &session);
+void addReports(CLI::App &app, Session &session);
+
+} // namespace cli
+
+#endif
