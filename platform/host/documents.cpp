@@ -1,0 +1,170 @@
+#include "host/documents.h"
+
+#include <algorithm>
+#include <array>
+#include <exception>
+#include <functional>
+#include <unistd.h>
+
+#include <json/json.h>
+
+#include "host/collector.h"
+#include "host/paths.h"
+#include "host/plugin-config.h"
+#include "mavo/database.h"
+#include "nyr-common-client/outbox.h"
+
+namespace host {
+namespace {
+
+constexpr int kReadOnly = 1; // SQLite's open flag
+constexpr const char *kAllowChain = "VPK-ALLOW";
+constexpr const char *kDenyChain = "VPK-DENY";
+constexpr const char *kLogAndDropChain = "VPK-LOGANDDROP";
+constexpr std::uint64_t kLogAndDropRules = 2;
+
+struct StoredRule {
+    std::string protocol;
+    std::string domain;
+    std::string port;
+    int direction = 0;
+    bool allowed = false;
+};
+
+// Called between two plugin calls, when nobody writes.
+void forEachStoredRule(const std::function<void(const StoredRule &)> &each) {
+    if (::access(kRuleDatabase, F_OK) != 0)
+        return;
+    mavo::database::Connection connection(kRuleDatabase, kReadOnly, false);
+    mavo::database::Statement statement(connection,
+                                        "SELECT protocol, domain, port, direction, is_allowed FROM firewall_rules");
+    while (statement.step()) {
+        each({statement.getColumn(0).getText(), statement.getColumn(1).getText(), statement.getColumn(2).getText(),
+              statement.getColumn(3).getInt(), statement.getColumn(4).getInt() != 0});
+    }
+}
+
+std::string onOneLine(const Json::Value &document) {
+    Json::StreamWriterBuilder builder;
+    builder["commentStyle"] = "None";
+    builder["indentation"] = "";
+    return Json::writeString(builder, document);
+}
+
+const rlv::ChainState *chainOf(const rlv::ServiceState &state, const char *name) {
+    const auto found = std::find_if(state.chains.begin(), state.chains.end(),
+                                    [name](const rlv::ChainState &chain) { return chain.name == name; });
+    return found != state.chains.end() ? &*found : nullptr;
+}
+
+Json::UInt64 rulesIn(const rlv::ServiceState &state, const char *name) {
+    const auto *chain = chainOf(state, name);
+    return chain != nullptr ? chain->rules : 0;
+}
+
+Json::Value storedAndExpected() {
+    Json::Value counts;
+    for (const char *kind : {"allow", "deny"}) {
+        counts["stored"][kind] = 0;
+        counts["expected"][kind] = 0;
+    }
+    forEachStoredRule([&counts](const StoredRule &rule) {
+        const char *kind = rule.allowed ? "allow" : "deny";
+        counts["stored"][kind] = counts["stored"][kind].asInt() + 1;
+        // Both directions are a rule each.
+        counts["expected"][kind] =
+            counts["expected"][kind].asInt() + (rule.direction == 1 || rule.direction == 2 ? 1 : 2);
+    });
+    return counts;
+}
+
+void addServiceState(Json::Value &document) {
+    document["missing"] = Json::Value(Json::arrayValue);
+    try {
+        const auto state = rlv::query(0);
+        for (const auto &part : missingParts(state))
+            document["missing"].append(part);
+        document["inForce"] = document["missing"].empty();
+        document["simulated"] = state.simulated;
+        document["rules"]["inForce"]["allow"] = rulesIn(state, kAllowChain);
+        document["rules"]["inForce"]["deny"] = rulesIn(state, kDenyChain);
+        document["serviceProblem"] = "";
+    } catch (const std::exception &error) {
+        document["inForce"] = false;
+        document["serviceProblem"] = error.what();
+    }
+}
+
+} // namespace
+
+std::vector<std::string> missingParts(const rlv::ServiceState &state) {
+    std::vector<std::string> missing;
+    for (const char *name : {kAllowChain, kDenyChain, kLogAndDropChain}) {
+        if (chainOf(state, name) == nullptr)
+            missing.push_back(std::string("chain ") + name);
+    }
+    if (chainOf(state, kLogAndDropChain) != nullptr && rulesIn(state, kLogAndDropChain) < kLogAndDropRules)
+        missing.push_back(std::string("rules of chain ") + kLogAndDropChain);
+    for (const char *builtIn : {"INPUT", "OUTPUT"}) {
+        auto from = state.hooks.begin(); // allow comes before deny
+        for (const char *target : {kAllowChain, kDenyChain}) {
+            const auto hook = std::find_if(from, state.hooks.end(), [&](const rlv::HookState &candidate) {
+                return candidate.chain == builtIn && candidate.target == target;
+            });
+            if (hook == state.hooks.end())
+                missing.push_back(std::string("jump from ") + builtIn + " to " + target);
+            else
+                from = hook;
+        }
+    }
+    return missing;
+}
+
+std::string statusDocument(int stored, int applied, const std::string &collectorProblem) {
+    Json::Value document;
+    document["stored"] = stored;
+    document["applied"] = applied;
+    document["rules"] = storedAndExpected();
+    addServiceState(document);
+    document["collector"] = nameOf(collectorState(collectorWanted()));
+    document["collectorProblem"] = collectorProblem;
+    document["lastReport"] = configValue("last_send_report_ts");
+    document["families"] = "IPv4 only";
+    return onOneLine(document);
+}
+
+std::string rulesDocument() {
+    Json::Value document;
+    document["rules"] = Json::Value(Json::arrayValue);
+    forEachStoredRule([&document](const StoredRule &stored) {
+        Json::Value rule;
+        rule["action"] = stored.allowed ? "allow" : "deny";
+        rule["protocol"] = stored.protocol;
+        rule["domain"] = stored.domain;
+        rule["port"] = stored.port;
+        rule["direction"] = stored.direction == 1 || stored.direction == 2 ? stored.direction : 0;
+        document["rules"].append(rule);
+    });
+    return onOneLine(document);
+}
+
+std::string reportsDocument() {
+    Json::Value document;
+    document["reports"] = Json::Value(Json::arrayValue);
+    document["ignored"] = Json::Value(Json::arrayValue);
+    std::vector<std::string> ignored;
+    for (const auto &report : nyr::readOutbox(&ignored)) {
+        Json::Value entry;
+        entry["file"] = report.file;
+        entry["type"] = report.type;
+        entry["subtype"] = report.subtype;
+        entry["time"] = static_cast<Json::Int64>(report.time);
+        entry["body"] = report.body;
+        document["reports"].append(entry);
+    }
+    for (const auto &file : ignored)
+        document["ignored"].append(file);
+    return onOneLine(document);
+}
+
+} // namespace host

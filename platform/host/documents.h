@@ -1,0 +1,37 @@
+// What the host tells about itself, the rules and the reports, as JSON on one line.
+#ifndef PLATFORM_HOST_DOCUMENTS_H
+#define PLATFORM_HOST_DOCUMENTS_H
+
+#include <string>
+#include <vector>
+
+#include "rlv/rlv-query.h"
+
+namespace host {
+
+// An object:
+//   "stored"    the stored status, -1 where none is; "applied" the flag as last applied
+//   "inForce"   true when all hooks and chains stand; "missing" an array of those that do not
+//   "rules"     {"stored","expected","inForce"}, each {"allow","deny"}: rows, and kernel rules that they make at least
+//               and that stand
+//   "collector" "off", "running", "stopping" or "dead"; "collectorProblem" one line or empty
+//   "lastReport" seconds since the epoch, as text, empty before the first report
+//   "simulated" true when the traffic-control service only plays; "serviceProblem" why it cannot be asked, or empty:
+//               then "inForce" is false and its rules are left out
+//   "families"  "IPv4 only"
+// Throws mavo::Exception when the rule database cannot be read.
+std::string statusDocument(int stored, int applied, const std::string &collectorProblem);
+
+// {"rules":[{"action":"allow" or "deny","protocol","domain","port","direction"}…]} in the database's order. Texts and
+// direction as they are stored: empty for any, ports with ":" between them, 1 in, 2 out, 0 both.
+std::string rulesDocument();
+
+// {"reports":[{"file","type","subtype","time","body"}…],"ignored":[names of files that are no reports]}, oldest first.
+std::string reportsDocument();
+
+// The hooks and chains of the firewall that `state` lacks, or has in the wrong order.
+std::vector<std::string> missingParts(const rlv::ServiceState &state);
+
+} // namespace host
+
+#endif

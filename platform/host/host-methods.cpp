@@ -1,0 +1,41 @@
+#include <algorithm>
+#include <array>
+#include <string_view>
+
+#include "host/host.h"
+
+namespace host {
+namespace {
+
+constexpr const char *kAdministrator = "/privilege/vpk.admin";
+
+constexpr std::array<std::string_view, 4> kLooking = {"Host::getStatus", "Host::status", "Host::rules",
+                                                      "Host::reports"};
+
+int applyStatus(Host &host, int status) {
+    host.applyStatus(status);
+    return 0;
+}
+
+} // namespace
+
+void addHostMethods(mavo::rmi::Service &service, Host &host) {
+    service.setMethodHandler<std::string, std::string, std::string>(
+        kAdministrator, "Host::executeCommand",
+        [&host](const std::string &command, const std::string &data) { return host.executeCommand(command, data); });
+    service.setMethodHandler<int, int>(kAdministrator, "Host::setStatus",
+                                       [&host](int status) { return host.setStatus(status); });
+    service.setMethodHandler<int, int>(kAdministrator, "Host::applyStatus",
+                                       [&host](int status) { return applyStatus(host, status); });
+    service.setMethodHandler<int>(kAdministrator, "Host::getStatus", [&host] { return host.getStatus(); });
+    service.setMethodHandler<int>(kAdministrator, "Host::reload", [&host] { return host.reload(); });
+    service.setMethodHandler<std::string>(kAdministrator, "Host::status", [&host] { return host.statusDocument(); });
+    service.setMethodHandler<std::string>(kAdministrator, "Host::rules", [&host] { return host.rulesDocument(); });
+    service.setMethodHandler<std::string>(kAdministrator, "Host::reports", [&host] { return host.reportsDocument(); });
+}
+
+bool onlyLooks(const std::string &method) {
+    return std::find(kLooking.begin(), kLooking.end(), method) != kLooking.end();
+}
+
+} // namespace host

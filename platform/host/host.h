@@ -1,0 +1,77 @@
+// The policy host: one plugin, what it is called with, and what it is called by.
+#ifndef PLATFORM_HOST_HOST_H
+#define PLATFORM_HOST_HOST_H
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "host/call-watch.h"
+#include "host/plugin-guard.h"
+#include "host/plugin-library.h"
+#include "host/status-storage.h"
+#include "mavo/rmi-protocol.h"
+#include "mavo/rmi.h"
+
+namespace host {
+
+// Calls the plugin, one call at a time, on the thread that calls it. No plugin object is ever deleted, because
+// configuration objects write back what they hold when they die, nor is a table of methods whose plugin came up.
+class Host {
+public:
+    // Does not call the factory yet. Becomes the one policy storage of the process, and must outlive all calls.
+    explicit Host(PluginFactory factory);
+    ~Host();
+    Host(const Host &) = delete;
+    Host &operator=(const Host &) = delete;
+
+    // Brings up a plugin: checks the data, calls the factory, sets a stored status of 0 again and starts a collector
+    // that is switched on. Throws std::runtime_error with one line when no plugin comes up; then the one before it, if
+    // there is one, goes on serving.
+    void bringUp();
+
+    // The operations of the plugin. Its exceptions go to the caller, who never lets them past a further bringUp().
+    std::string executeCommand(const std::string &command, const std::string &data);
+    int setStatus(int status);
+    void applyStatus(int status);
+    int getStatus();
+    // bringUp() as a remote method: 0, or -1 with the reason in the log.
+    int reload();
+
+    // The documents that vpkctl shows, as JSON. Throw when they cannot be had.
+    std::string statusDocument() const;
+    std::string rulesDocument() const;
+    std::string reportsDocument() const;
+
+    // The remote method of that name, the host's own or the plugin's, or null.
+    std::shared_ptr<const mavo::rmi::MethodContext> find(const std::string &name) const;
+    // Carries out a remote call. Throws nothing, whatever the plugin throws.
+    mavo::rmi::Reply invoke(const std::string &name, const mavo::rmi::MethodContext &method,
+                            mavo::rmi::Message &request) const;
+
+private:
+    struct Instance;
+
+    int storedStatus();
+    void keepDisabled(AbstractDPluginProvider &plugin);
+    AbstractDPluginProvider *callFactory(mavo::rmi::Service &service) const;
+    void restoreAfterFailedFactory(bool disabled);
+    void startWantedCollector();
+
+    PluginFactory factory_;
+    PluginGuard guard_;
+    StatusStorage storage_;
+    mavo::rmi::Service ownMethods_;
+    const Instance *current_ = nullptr; // kept for ever
+    int applied_ = -1;                  // the status last applied, -1 before the first
+};
+
+// Adds the remote methods of the host itself, for callers with the privilege /privilege/vpk.admin.
+void addHostMethods(mavo::rmi::Service &service, Host &host);
+
+// True for methods of the host that only look.
+bool onlyLooks(const std::string &method);
+
+} // namespace host
+
+#endif

@@ -1,0 +1,95 @@
+// vpkd, the policy host: loads the firewall plugin and serves it.
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string>
+#include <sys/stat.h>
+
+#include <CLI/CLI.hpp>
+
+#include "host/data-check.h"
+#include "host/fork-handler.h"
+#include "host/host.h"
+#include "host/paths.h"
+#include "host/plugin-library.h"
+#include "host/server-loop.h"
+#include "host/single-instance.h"
+#include "mavo/privileges.h"
+#include "rlv/rlv-query.h"
+#include "vlog/vlog-sink.h"
+
+namespace {
+
+struct Options {
+    std::string socket = "/run/vpk/host/socket";
+    std::string rlvSocket = rlv::kDefaultSocketPath;
+    std::string plugin = host::defaultPluginPath();
+    std::string privileges = "/etc/vpk/privileges.conf";
+    std::string logFile;
+    bool logStderr = false;
+    bool logSyslog = false;
+};
+
+void addOptions(CLI::App &app, Options &options) {
+    app.add_option("--socket", options.socket, "Where clients reach the host")->capture_default_str();
+    app.add_option("--rlv-socket", options.rlvSocket, "Where the traffic-control service is")->capture_default_str();
+    app.add_option("--plugin", options.plugin, "The plugin's library")->capture_default_str();
+    app.add_option("--privileges", options.privileges, "Who may call what: lines \"<privilege> <account> ...\"")
+        ->capture_default_str();
+    auto *file = app.add_option("--log-file", options.logFile, "Log to this file");
+    auto *standardError = app.add_flag("--log-stderr", options.logStderr, "Log to standard error");
+    auto *systemLog = app.add_flag("--log-syslog", options.logSyslog, "Log to the system log (the default)");
+    file->excludes(standardError, systemLog);
+    standardError->excludes(systemLog);
+    app.footer("Runs until SIGTERM. Rules and collector stay as they are when it ends. Its data is in /opt/data/vpk.");
+}
+
+void chooseLog(const Options &options) {
+    if (!options.logFile.empty())
+        vlog::useFile({options.logFile});
+    else if (options.logStderr)
+        vlog::useStandardError();
+    else
+        vlog::useSystemLog("vpkd");
+}
+
+void requireTrafficControl(const Options &options) {
+    rlv::setSocketPath(options.rlvSocket);
+    try {
+        rlv::query(0);
+    } catch (const std::exception &error) {
+        throw std::runtime_error("the traffic-control service does not answer at " + options.rlvSocket + ": " +
+                                 error.what());
+    }
+}
+
+void run(const Options &options) {
+    ::umask(077);
+    chooseLog(options);
+    const auto privileges = mavo::rmi::Privileges::load(options.privileges);
+    host::makeDataDirectories();
+    auto lock = host::takeHostLock();
+    if (!lock)
+        throw std::runtime_error(std::string("already running: another process holds ") + host::kHostLock);
+    requireTrafficControl(options);
+
+    host::ServerLoop server(std::move(lock));
+    host::handleForks({host::ServerLoop::signals(), [&server] { return server.descriptors(); }});
+    host::Host host(host::loadPlugin(options.plugin));
+    host.bringUp();
+    server.serve(host, options.socket, privileges);
+}
+
+} // namespace
+
+int main(int argc, char **argv) try {
+    CLI::App app("Policy host of the firewall plugin");
+    Options options;
+    addOptions(app, options);
+    CLI11_PARSE(app, argc, argv);
+    run(options);
+    return EXIT_SUCCESS;
+} catch (const std::exception &error) {
+    std::fprintf(stderr, "vpkd: %s\n", error.what());
+    return EXIT_FAILURE;
+}

@@ -1,0 +1,88 @@
+#include "host/server-loop.h"
+
+#include <cerrno>
+#include <csignal>
+#include <filesystem>
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+#include "host/collector.h"
+#include "host/log.h"
+#include "host/readiness.h"
+#include "support/directories.h"
+
+namespace host {
+namespace {
+
+support::UniqueFd openSignals() {
+    sigset_t set;
+    ::sigemptyset(&set);
+    for (const int signal : {SIGTERM, SIGINT, SIGCHLD})
+        ::sigaddset(&set, signal);
+    ::sigprocmask(SIG_BLOCK, &set, nullptr);
+    ::signal(SIGPIPE, SIG_IGN);
+    auto fd = support::aboveStandardStreams(support::UniqueFd(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK)));
+    if (!fd)
+        throw std::system_error(errno, std::generic_category(), "signalfd");
+    return fd;
+}
+
+// The only children of the host are collectors.
+void reapCollectors() {
+    bool reaped = false;
+    while (::waitpid(-1, nullptr, WNOHANG) > 0)
+        reaped = true;
+    if (reaped)
+        removeDeadMarker();
+}
+
+} // namespace
+
+ServerLoop::ServerLoop(support::UniqueFd lock) : lock_(std::move(lock)), signals_(openSignals()) {
+    loop_.watch(signals_.get(), EPOLLIN, [this](std::uint32_t) { handleSignal(); });
+}
+
+void ServerLoop::handleSignal() {
+    signalfd_siginfo info{};
+    while (::read(signals_.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+        if (info.ssi_signo == SIGCHLD)
+            reapCollectors();
+        else
+            loop_.stop();
+    }
+}
+
+void ServerLoop::serve(Host &host, const std::string &socket, const mavo::rmi::Privileges &privileges) {
+    const auto directory = std::filesystem::path(socket).parent_path();
+    if (!directory.empty())
+        support::makeDirectory(directory, 0755);
+    server_ = std::make_unique<mavo::rmi::Server>(
+        loop_, mavo::rmi::listenAt(socket, 0666), privileges, mavo::rmi::ServerLimits(),
+        [&host](const std::string &name) { return host.find(name); },
+        [&host](const std::string &name, const mavo::rmi::MethodContext &method, mavo::rmi::Message &request) {
+            return host.invoke(name, method, request);
+        });
+    logInfo("serving at " + socket);
+    tellReady();
+    loop_.run();
+    server_.reset();
+    ::unlink(socket.c_str());
+    logInfo("stopped");
+}
+
+std::vector<int> ServerLoop::signals() { return {SIGTERM, SIGINT, SIGCHLD, SIGPIPE}; }
+
+std::vector<int> ServerLoop::descriptors() const {
+    std::vector<int> all = {lock_.get(), loop_.descriptor(), signals_.get()};
+    if (server_) {
+        const auto ofServer = server_->descriptors();
+        all.insert(all.end(), ofServer.begin(), ofServer.end());
+    }
+    return all;
+}
+
+} // namespace host

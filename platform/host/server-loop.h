@@ -1,0 +1,45 @@
+// The policy host at work: a socket, signals and one event loop.
+#ifndef PLATFORM_HOST_SERVER_LOOP_H
+#define PLATFORM_HOST_SERVER_LOOP_H
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "host/host.h"
+#include "mavo/privileges.h"
+#include "mavo/rmi-server.h"
+#include "support/event-loop.h"
+#include "support/unique-fd.h"
+
+namespace host {
+
+// Serves a host on the calling thread until SIGTERM or SIGINT. To be made before the plugin comes up, as it blocks the
+// signals that it handles.
+class ServerLoop {
+public:
+    // `lock` is the lock of the single instance, kept from forked processes like all else. Throws std::system_error.
+    explicit ServerLoop(support::UniqueFd lock);
+
+    // Listens at `socket` (0666, as privileges decide; a missing directory is made, 0755) and serves. Removes the
+    // socket at the end. Throws std::system_error when it cannot listen.
+    void serve(Host &host, const std::string &socket, const mavo::rmi::Privileges &privileges);
+
+    // The signals that are handled or ignored, for handleForks().
+    static std::vector<int> signals();
+    // All descriptors held, likewise.
+    std::vector<int> descriptors() const;
+
+private:
+    void handleSignal();
+
+    support::UniqueFd lock_;
+    support::EventLoop loop_;
+    support::UniqueFd signals_;
+    std::unique_ptr<mavo::rmi::Server> server_;
+};
+
+} // namespace host
+
+#endif

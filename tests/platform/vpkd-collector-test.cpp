@@ -1,0 +1,201 @@
+// The policy host and the process that its plugin forks.
+#include <csignal>
+#include <fcntl.h>
+#include <filesystem>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/vpkd-fixture.h"
+
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::Not;
+using vpkdtest::contents;
+using vpkdtest::exists;
+
+constexpr const char *kMarker = "/dev/shm/nyr_firewall_sd";
+constexpr const char *kConfig = "/opt/data/vpk/dplugins/nyr-firewall-plugin/config/config.json";
+
+class VpkdWithACollector : public vpkdtest::AHost {
+protected:
+    // All that came back has been ended and reaped, and the host serves.
+    void expectOneHost() {
+        EXPECT_EQ(executed("echo", "host"), "host");
+        EXPECT_TRUE(process::waitUntil([this] { return children() == 0; }));
+        EXPECT_EQ(executed("echo", "still"), "still");
+    }
+
+    static void configureCollector() { vpkdtest::write(kConfig, "{\"enabled\":\"1\"}"); }
+    static void makeMarker() { ::close(::shm_open("/nyr_firewall_sd", O_RDWR | O_CREAT | O_EXCL, 0644)); }
+    static bool collectorRuns() { return exists(std::string(vpkdtest::kNotes) + "daemon"); }
+};
+
+TEST_F(VpkdWithACollector, EndsAChildThatComesBackFromACommand) {
+    start();
+    for (const char *command : {"return-child", "throw-child", "throw-number-child"}) {
+        const auto reply = execute(command);
+        EXPECT_EQ(reply.status, mavo::rmi::Status::ok) << command << ": " << reply.error;
+        EXPECT_THAT(reply.body, Not(HasSubstr("child"))) << command;
+        expectOneHost();
+    }
+}
+
+TEST_F(VpkdWithACollector, EndsAChildThatComesBackFromARemoteMethod) {
+    start();
+    EXPECT_EQ(number("Test::returnChild"), 0);
+    expectOneHost();
+}
+
+TEST_F(VpkdWithACollector, EndsAChildThatComesBackFromTheFactory) {
+    for (const char *action : {"return-child", "throw-child", "throw-number-child"}) {
+        tell("factory", action);
+        start();
+        expectOneHost();
+        EXPECT_EQ(number("Host::getStatus"), 1);
+        ASSERT_EQ(stop(), 0);
+    }
+}
+
+TEST_F(VpkdWithACollector, EndsAChildThatComesBackFromAStatusCall) {
+    start();
+    EXPECT_EQ(number("Host::setStatus", 0), 0);
+    for (const char *action : {"return-child", "throw-child", "throw-number-child"}) {
+        tell("setStatus", action);
+        tell("applyStatus", action);
+        EXPECT_EQ(number("Host::applyStatus", 1), 0);
+        EXPECT_EQ(number("Host::setStatus", 0), 0);
+        expectOneHost();
+        EXPECT_EQ(number("Host::getStatus"), 0);
+    }
+}
+
+TEST_F(VpkdWithACollector, GivesTheChildNoneOfItsDescriptors) {
+    start();
+    mavo::rmi::Reply reply = execute("daemon");
+    const pid_t daemon = collector();
+    const std::string open = collectorsDescriptors();
+    EXPECT_THAT(open, AllOf(HasSubstr("/opt/data/vpk/.collector.lock"), HasSubstr(vpkdtest::kLog)));
+    EXPECT_THAT(open, AllOf(Not(HasSubstr("socket:")), Not(HasSubstr("anon_inode:")), Not(HasSubstr(".host.lock"))));
+    ::kill(daemon, SIGKILL);
+}
+
+TEST_F(VpkdWithACollector, LeavesTheChildToDieOfSigtermAlone) {
+    start();
+    execute("daemon");
+    const pid_t daemon = collector();
+    ::kill(daemon, SIGTERM);
+    EXPECT_TRUE(process::waitUntil([daemon] { return !runs(daemon); }));
+    expectOneHost();
+}
+
+TEST_F(VpkdWithACollector, LetsTheCollectorOutliveItself) {
+    start();
+    execute("EnableStatCollector");
+    const pid_t daemon = collector();
+    ASSERT_EQ(stop(), 0);
+    EXPECT_TRUE(runs(daemon));
+    EXPECT_TRUE(exists(kMarker));
+    start();
+    EXPECT_TRUE(exists(kMarker));
+    EXPECT_THAT(text("Host::status"), HasSubstr("\"collector\":\"running\""));
+    ::kill(daemon, SIGKILL);
+}
+
+TEST_F(VpkdWithACollector, TakesAwayTheMarkerOfACollectorThatItReaps) {
+    start();
+    execute("EnableStatCollector");
+    ::kill(collector(), SIGKILL);
+    EXPECT_TRUE(process::waitUntil([] { return !exists(kMarker); }));
+    EXPECT_THAT(text("Host::status"), HasSubstr("\"collector\":\"dead\""));
+    EXPECT_THAT(contents(vpkdtest::kLog), HasSubstr("removed the marker of a collector"));
+}
+
+TEST_F(VpkdWithACollector, TakesAwayTheMarkerOfADeadCollectorAtItsStart) {
+    makeMarker();
+    start();
+    EXPECT_FALSE(exists(kMarker));
+    EXPECT_THAT(contents(vpkdtest::kLog), HasSubstr("removed the marker of a collector"));
+}
+
+TEST_F(VpkdWithACollector, TakesAwayTheMarkerOfADeadCollectorBeforeItStartsOne) {
+    start();
+    makeMarker();
+    execute("EnableStatCollector");
+    EXPECT_TRUE(runs(collector()));
+}
+
+TEST_F(VpkdWithACollector, TakesAwayTheMarkerOfADeadCollectorBeforeItTellsTheStatus) {
+    start();
+    makeMarker();
+    EXPECT_THAT(text("Host::status"), HasSubstr("\"collector\":\"off\""));
+    EXPECT_FALSE(exists(kMarker));
+}
+
+TEST_F(VpkdWithACollector, StartsAConfiguredCollectorByCommandAndNotInTheFactory) {
+    configureCollector();
+    tell("factory", ""); // the factory's setStatus(1) would start it, did the marker not stand
+    start();
+    EXPECT_TRUE(runs(collector()));
+    EXPECT_TRUE(exists(kMarker));
+    EXPECT_THAT(text("Host::status"), HasSubstr("\"collector\":\"running\""));
+    EXPECT_EQ(children(), 1U);
+}
+
+TEST_F(VpkdWithACollector, StartsAConfiguredCollectorAfterAStatusCall) {
+    start();
+    EXPECT_EQ(number("Host::setStatus", 0), 0);
+    EXPECT_FALSE(exists(kMarker));
+    configureCollector();
+    EXPECT_EQ(number("Host::setStatus", 1), 0);
+    EXPECT_TRUE(runs(collector()));
+    EXPECT_EQ(children(), 1U);
+}
+
+TEST_F(VpkdWithACollector, StartsNoSecondCollectorWhereOneRuns) {
+    start();
+    execute("EnableStatCollector");
+    collector();
+    EXPECT_EQ(number("Host::setStatus", 1), 0);
+    EXPECT_EQ(number("Host::reload"), 0);
+    EXPECT_EQ(children(), 1U);
+    EXPECT_TRUE(exists(kMarker));
+}
+
+TEST_F(VpkdWithACollector, LeavesNoMarkerWhereNoCollectorIsWanted) {
+    start();
+    EXPECT_FALSE(exists(kMarker));
+    EXPECT_EQ(number("Host::setStatus", 1), 0);
+    EXPECT_EQ(number("Host::applyStatus", 0), 0);
+    EXPECT_EQ(number("Host::setStatus", 2), 0);
+    EXPECT_FALSE(exists(kMarker));
+    EXPECT_FALSE(collectorRuns());
+}
+
+TEST_F(VpkdWithACollector, StartsNoCollectorForADisabledPlugin) {
+    start();
+    EXPECT_EQ(number("Host::setStatus", 0), 0);
+    ASSERT_EQ(stop(), 0);
+    start();
+    EXPECT_FALSE(exists(kMarker));
+    EXPECT_EQ(children(), 0U);
+    EXPECT_THAT(text("Host::status"), HasSubstr("\"collector\":\"off\""));
+}
+
+TEST_F(VpkdWithACollector, LeavesACollectorStoppingThatWasSwitchedOff) {
+    start();
+    execute("EnableStatCollector");
+    const pid_t daemon = collector();
+    execute("DisableStatCollector");
+    EXPECT_THAT(text("Host::status"), HasSubstr("\"collector\":\"stopping\""));
+    ::kill(daemon, SIGKILL);
+    EXPECT_TRUE(process::waitUntil([this] { return children() == 0; }));
+    EXPECT_THAT(text("Host::status"), HasSubstr("\"collector\":\"off\""));
+}
+
+} // namespace
