@@ -1,0 +1,222 @@
+// The command line, with the real policy host.
+#include <cstdlib>
+#include <pty.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/vpkd-fixture.h"
+
+namespace {
+
+using testing::AllOf;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::Not;
+using testing::StartsWith;
+
+class Vpkctl : public vpkdtest::AHost {
+protected:
+    static process::Result run(const std::vector<std::string> &words, const std::string &input = {}) {
+        std::vector<std::string> command{process::built("vpkctl")};
+        command.insert(command.end(), words.begin(), words.end());
+        process::Options options;
+        options.input = input;
+        return process::capture(command, options);
+    }
+};
+
+struct OnTerminal {
+    int status;
+    std::string output;
+};
+
+// Runs vpkctl on a terminal where a person types `answer`.
+OnTerminal runOnTerminal(std::vector<const char *> words, const std::string &answer) {
+    int terminal = -1;
+    const std::string program = process::built("vpkctl");
+    words.insert(words.begin(), program.c_str());
+    words.push_back(nullptr);
+    const pid_t child = ::forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (child == 0) {
+        ::execv(program.c_str(), const_cast<char **>(words.data()));
+        ::_exit(127);
+    }
+    EXPECT_EQ(::write(terminal, answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
+    std::string output;
+    char buffer[512];
+    for (ssize_t length = 0; (length = ::read(terminal, buffer, sizeof buffer)) > 0;)
+        output.append(buffer, static_cast<std::size_t>(length));
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    ::close(terminal);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+}
+
+TEST_F(Vpkctl, PrintsTheReplyToACommand) {
+    start();
+    const auto result = run({"exec", "echo", "a reply"});
+    EXPECT_EQ(result.output, "a reply\n");
+    EXPECT_EQ(result.errors, "");
+    EXPECT_EQ(result.status, 0);
+}
+
+TEST_F(Vpkctl, IsSilentAboutACommandThatWentWell) {
+    start();
+    const auto result = run({"exec", "echo"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.output + result.errors, "");
+}
+
+TEST_F(Vpkctl, FailsWhenThePluginFails) {
+    start();
+    const auto result = run({"exec", "no such command"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "fail\n");
+}
+
+TEST_F(Vpkctl, FailsWhenSomethingIsNotInForceAndSaysWhat) {
+    start();
+    const auto result = run({"exec", "commit", "-"}, "-N VPK-A\n-A VPK-A -s 1.2.3 -j DROP\n");
+    EXPECT_EQ(result.status, 1);
+    EXPECT_EQ(result.output, "");
+    EXPECT_THAT(result.errors, StartsWith("not in force: -A VPK-A -s 1.2.3 -j DROP: "));
+}
+
+TEST_F(Vpkctl, ShowsErrorLinesWithoutColours) {
+    start();
+    const auto result = run({"exec", "log-error", "it is broken"});
+    EXPECT_EQ(result.errors, "TEST: it is broken\n");
+    EXPECT_EQ(result.status, 0);
+}
+
+TEST_F(Vpkctl, TellsAnExceptionFromAFailure) {
+    start();
+    const auto result = run({"exec", "throw"});
+    EXPECT_EQ(result.status, 3);
+    EXPECT_EQ(result.errors, "vpkctl: Host::executeCommand ended with an exception: thrown by order\n");
+}
+
+TEST_F(Vpkctl, TakesItsDataFromAFileOrFromStandardInput) {
+    start();
+    vpkdtest::write("/run/data", "one\ntwo\n\n");
+    for (const auto &[words, expected] : std::vector<std::pair<std::vector<std::string>, std::string>>{
+             {{"exec", "echo", "@/run/data"}, "one\ntwo\n"},
+             {{"exec", "--raw", "echo", "@/run/data"}, "one\ntwo\n\n"},
+             {{"exec", "echo", "-"}, "typed"},
+             {{"exec", "echo", "-", "--raw"}, "typed\n"}})
+        EXPECT_EQ(run(words, "typed\n").output, expected + "\n") << words.back();
+}
+
+TEST_F(Vpkctl, DoesNothingWhenItCannotReadTheData) {
+    for (const char *data : {"@/nowhere", "@/run"}) {
+        const auto result = run({"exec", "echo", data});
+        EXPECT_EQ(result.status, 2) << data;
+        EXPECT_THAT(result.errors, MatchesRegex("vpkctl: cannot read [^\n]+\n"));
+    }
+}
+
+TEST_F(Vpkctl, SaysOnOneLineThatTheHostDoesNotRun) {
+    for (const char *word : {"status", "rules", "reports", "reload"}) {
+        const auto result = run({word});
+        EXPECT_EQ(result.status, 2) << word;
+        EXPECT_THAT(result.errors, MatchesRegex("vpkctl: the policy host cannot be reached at /run/vpk/host/socket: "
+                                                "[^\n]+\n"));
+    }
+}
+
+TEST_F(Vpkctl, SaysOnOneLineThatTheHostRefuses) {
+    start();
+    const auto result = run({"call", "No::method"});
+    EXPECT_EQ(result.status, 2);
+    EXPECT_EQ(result.errors, "vpkctl: the policy host has no method No::method\n");
+}
+
+TEST_F(Vpkctl, FindsTheHostAtAnotherSocket) {
+    host_.emplace(commandLine({"--socket", "/run/elsewhere"}));
+    ASSERT_TRUE(host_->waitReady([] { return vpkdtest::exists("/run/elsewhere"); }));
+    EXPECT_EQ(run({"--socket", "/run/elsewhere", "exec", "echo", "x"}).output, "x\n");
+    EXPECT_EQ(run({"exec", "echo", "x", "--socket", "/run/elsewhere"}).output, "x\n");
+}
+
+TEST_F(Vpkctl, CallsRemoteMethodsAndPrintsTheirNumber) {
+    start();
+    const auto five = run({"call", "Test::length", "12345"});
+    EXPECT_EQ(five.output, "5\n");
+    EXPECT_EQ(five.status, 1);
+    const auto zero = run({"call", "Test::length", ""});
+    EXPECT_EQ(zero.output, "0\n");
+    EXPECT_EQ(zero.status, 0);
+    EXPECT_EQ(run({"call", "Test::length"}).status, 2); // an argument is missing
+    EXPECT_EQ(run({"call", "Host::status"}).status, 2); // no number
+}
+
+TEST_F(Vpkctl, SetsAndAppliesStatuses) {
+    start();
+    EXPECT_EQ(run({"set-status", "0"}).status, 0);
+    EXPECT_EQ(run({"apply-status", "1"}).status, 0);
+    EXPECT_THAT(run({"status"}).output, StartsWith("plugin       disabled (stored), enabled (as last applied)\n"));
+    tell("setStatus", "throw");
+    EXPECT_EQ(run({"set-status", "0"}).status, 3);
+}
+
+TEST_F(Vpkctl, ReloadsThePlugin) {
+    start();
+    EXPECT_EQ(run({"reload"}).status, 0);
+    EXPECT_EQ(run({"call", "Test::number"}).output, "2\n");
+    tell("factory", "null");
+    const auto failed = run({"reload"});
+    EXPECT_EQ(failed.status, 1);
+    EXPECT_THAT(failed.errors, AllOf(HasSubstr("VPKD: reload: "), HasSubstr("goes on serving")));
+}
+
+TEST_F(Vpkctl, ShowsDocumentsAsTextOrAsTheyAre) {
+    start();
+    EXPECT_EQ(run({"rules"}).output, "");
+    EXPECT_EQ(run({"rules", "--json"}).output, "{\"rules\":[]}\n");
+    EXPECT_EQ(run({"reports", "--json"}).output, "{\"ignored\":[],\"reports\":[]}\n");
+    EXPECT_THAT(run({"status", "--json"}).output, AllOf(StartsWith("{"), HasSubstr("\"families\":\"IPv4 only\"")));
+    EXPECT_THAT(run({"status"}).output,
+                AllOf(HasSubstr("collector    off\n"), HasSubstr("NOT in force, missing: "), HasSubstr("simulated")));
+}
+
+TEST_F(Vpkctl, SaysWhatAPolicyDoesBeforeItIsApplied) {
+    start();
+    for (const auto &words :
+         std::vector<std::vector<std::string>>{{"exec", "ApplyPolicy", "{}"}, {"exec", "--yes", "ApplyPolicy", "{}"}}) {
+        const auto result = run(words);
+        EXPECT_THAT(result.errors, HasSubstr("end up denied"));
+        EXPECT_EQ(result.output, "fail\n"); // it reached the plugin, which does not know it
+    }
+}
+
+TEST_F(Vpkctl, AsksAPersonBeforeItAppliesAPolicy) {
+    start();
+    const auto refused = runOnTerminal({"exec", "ApplyPolicy", "{}"}, "n\n");
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_THAT(refused.output, AllOf(HasSubstr("Go on? [y/N]"), HasSubstr("nothing was applied")));
+    const auto agreed = runOnTerminal({"exec", "ApplyPolicy", "{}"}, "y\n");
+    EXPECT_EQ(agreed.status, 1);
+    EXPECT_THAT(agreed.output, HasSubstr("fail"));
+    EXPECT_THAT(runOnTerminal({"exec", "--yes", "ApplyPolicy", "{}"}, "").output, Not(HasSubstr("Go on?")));
+}
+
+TEST_F(Vpkctl, TeachesItsUse) {
+    for (const char *word : {"exec", "call", "status", "set-status", "apply-status", "reload", "rules", "reports"}) {
+        const auto result = run({word, "--help"});
+        EXPECT_EQ(result.status, 0) << word;
+        EXPECT_THAT(result.output, HasSubstr("Usage: ")) << word;
+        EXPECT_THAT(run({"--help"}).output, HasSubstr(word));
+    }
+    EXPECT_EQ(run({"--help"}).status, 0);
+}
+
+TEST_F(Vpkctl, RefusesAWrongUse) {
+    for (const auto &words : std::vector<std::vector<std::string>>{{}, {"nonsense"}, {"exec"}, {"set-status", "on"}})
+        EXPECT_EQ(run(words).status, 2);
+}
+
+} // namespace
