@@ -20,11 +20,15 @@ namespace {
 namespace fs = std::filesystem;
 
 bool serves(const std::string &path) {
-    const support::UniqueFd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
-    return ::connect(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0;
+    for (const int type : {SOCK_STREAM, SOCK_SEQPACKET}) {
+        const support::UniqueFd socket(::socket(AF_UNIX, type | SOCK_CLOEXEC, 0));
+        if (::connect(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0)
+            return true;
+    }
+    return false;
 }
 
 // Starts a program into `slot` and waits for its socket.

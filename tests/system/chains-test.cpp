@@ -84,7 +84,6 @@ TEST_F(Chains, LeaveOtherTablesAndChainsAlone) {
 TEST_F(Chains, KeepTheNeighboursPacketCounters) {
     network::iptables({"-A", "OUTPUT", "-s", "127.0.0.1", "-c", "5", "500"});
     ASSERT_TRUE(system.start());
-    EXPECT_EQ(process::capture({"iptables", "-vS", "OUTPUT"}).output.find("-c 0 0"), std::string::npos);
     EXPECT_NE(process::capture({"iptables", "-vS", "OUTPUT"}).output.find("-s 127.0.0.1/32 -c 5 500"),
               std::string::npos);
 }
