@@ -1,27 +1,22 @@
-// The service as a process of its own, over its real socket, in simulation and with the kernel.
-#include "rlv/rlv-query.h"
-#include "rlv/rlv.h"
+// The service over its real socket, in simulation.
+#include "rlvd-process.h"
 
-#include <arpa/inet.h>
+#include <algorithm>
+#include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
 #include <grp.h>
-#include <netinet/in.h>
-#include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <system_error>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include "rlv/protocol.h"
-#include "support/process.h"
 
 namespace {
 
@@ -30,96 +25,10 @@ using rlv::protocol::Reply;
 using rlv::protocol::Request;
 using support::UniqueFd;
 using testing::HasSubstr;
+using namespace rlvd;
 
-constexpr const char *kSocket = "/run/rlvd-socket";
 constexpr uid_t kServed = 1; // Debian's "daemon", whose group has the same number
 constexpr uid_t kNotServed = 2;
-
-std::vector<std::string> words(const std::vector<std::string> &options) {
-    std::vector<std::string> all = {process::built("rlvd"), "--socket", kSocket, "--log-stderr"};
-    all.insert(all.end(), options.begin(), options.end());
-    return all;
-}
-
-// A running service that this process and its children reach.
-class Service {
-public:
-    explicit Service(const std::vector<std::string> &options) : child_(words(options)) {
-        rlv::setSocketPath(kSocket);
-        EXPECT_TRUE(child_.waitReady([this] { return log().find("serving") != std::string::npos; })) << log();
-    }
-    std::string log() const { return child_.errors(); }
-    Child &process() { return child_; }
-
-private:
-    Child child_;
-};
-
-class SimulatedService : public Service {
-public:
-    explicit SimulatedService(std::vector<std::string> options = {}) : Service(with(std::move(options))) {}
-
-private:
-    static std::vector<std::string> with(std::vector<std::string> options) {
-        options.emplace_back("--simulate");
-        return options;
-    }
-};
-
-// A connection for as long as the object lives.
-class Client {
-public:
-    Client() { EXPECT_EQ(0, rlv_initialize(&handle_)); }
-    ~Client() { rlv_deinitialize(handle_); }
-    Client(const Client &) = delete;
-    Client &operator=(const Client &) = delete;
-
-    // "code: message"; "0: " when accepted.
-    std::string commit(const std::string &options) const {
-        int code = -1;
-        char *message = nullptr;
-        const int result = rlv_iptables_commit(handle_, options.c_str(), &code, &message);
-        std::string answer = std::to_string(code) + ": " + (message != nullptr ? message : "");
-        std::free(message);
-        EXPECT_EQ(0, result) << answer;
-        return answer;
-    }
-    int close() { return rlv_deinitialize(std::exchange(handle_, 0)); }
-
-private:
-    rlv_handle handle_ = 0;
-};
-
-// A client that does not keep to the rules.
-class RawClient {
-public:
-    RawClient() : fd_(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)) {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, kSocket, sizeof address.sun_path - 1);
-        EXPECT_EQ(0, ::connect(fd_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
-    }
-    bool send(const std::string &packet, int flags = 0) {
-        return ::send(fd_.get(), packet.data(), packet.size(), MSG_NOSIGNAL | flags) >= 0;
-    }
-    bool send(Request::Kind kind, std::uint64_t number = 0, const std::string &text = {}, int flags = 0) {
-        return send(rlv::protocol::encode(Request{kind, number, text}), flags);
-    }
-    // Empty when the service has closed the socket.
-    std::optional<Reply> receive() {
-        std::string packet(rlv::protocol::kMaxPacketBytes, '\0');
-        const ssize_t size = ::recv(fd_.get(), packet.data(), packet.size(), 0);
-        packet.resize(static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
-        return rlv::protocol::decodeReply(packet);
-    }
-    std::uint64_t open() {
-        send(Request::Kind::open, rlv::protocol::kVersion);
-        return receive().value_or(Reply{}).number;
-    }
-
-private:
-    UniqueFd fd_;
-};
 
 // The exit status of `body` in a child process of another account.
 int asUser(uid_t user, gid_t group, const std::function<int()> &body) {
@@ -149,29 +58,7 @@ int queryError() {
     return 0;
 }
 
-rlv::ConnectionOutcome outcomeOf(std::uint64_t number) {
-    for (const auto &outcome : rlv::query(number - 1).connections) {
-        if (outcome.number == number)
-            return outcome;
-    }
-    ADD_FAILURE() << "nothing is known of connection " << number;
-    return {};
-}
-
-std::uint64_t rulesOf(const std::string &chain) {
-    for (const auto &state : rlv::query(0).chains) {
-        if (state.name == chain)
-            return state.rules;
-    }
-    return 0;
-}
-
-void replaceFile(const char *path, const std::string &text) {
-    const std::string mine = std::string("/run/replaces") + std::to_string(std::hash<std::string>()(path));
-    std::ofstream(mine) << text;
-    ::chmod(mine.c_str(), 0644);
-    ASSERT_EQ(0, ::mount(mine.c_str(), path, nullptr, MS_BIND, nullptr)) << path << ": " << std::strerror(errno);
-}
+void expectOneLine(const std::string &text) { EXPECT_EQ(1, std::count(text.begin(), text.end(), '\n')) << text; }
 
 // ---- what is applied ----
 
@@ -268,11 +155,6 @@ TEST(TheService, MakesTheDirectoryOfTheDefaultSocketWhateverTheUmask) {
 }
 
 // ---- start and end ----
-
-// Exit status and what it said, of a service that is expected to end by itself.
-process::Result ended(const std::vector<std::string> &options) { return process::capture(words(options)); }
-
-void expectOneLine(const std::string &text) { EXPECT_EQ(1, std::count(text.begin(), text.end(), '\n')) << text; }
 
 TEST(TheService, DoesNotStartTwice) {
     SimulatedService first;
@@ -515,125 +397,21 @@ TEST(TheService, OutlivesAFloodOfConnections) {
     EXPECT_EQ("0: ", early.commit("-N VPK-DENY"));
 }
 
-// ---- host names ----
-
-class TheServiceWithNames : public testing::Test {
-protected:
-    void SetUp() override {
-        replaceFile("/etc/nsswitch.conf", "hosts: files dns\n");
-        replaceFile("/etc/hosts", "10.0.0.1 two.example\n10.0.0.2 two.example\n10.0.0.1 two.example\n"
-                                  "10.0.0.9 one.example\n2001:db8::1 six.example\n");
-        replaceFile("/etc/resolv.conf", "nameserver 127.0.0.1\noptions timeout:30\n");
+TEST(TheService, ServesClientsOnSeveralThreadsOfOneProcess) {
+    SimulatedService service;
+    Client().commit("-N VPK-DENY");
+    std::vector<std::thread> threads;
+    threads.reserve(4);
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([] {
+            const Client client;
+            for (int rule = 0; rule < 50; ++rule)
+                EXPECT_EQ("0: ", client.commit("-A VPK-DENY -j DROP"));
+        });
     }
-
-    // A name server that takes questions and answers none.
-    UniqueFd blackHole() {
-        UniqueFd fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(53);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(0, ::bind(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address));
-        return fd;
-    }
-};
-
-TEST_F(TheServiceWithNames, MakesOneRuleOfEachAddress) {
-    SimulatedService service;
-    const Client client;
-    client.commit("-N VPK-DENY");
-    EXPECT_EQ("0: ", client.commit("-A VPK-DENY -s two.example -j DROP"));
-    EXPECT_EQ(2U, rulesOf("VPK-DENY"));
-    EXPECT_EQ("0: ", client.commit("-D VPK-DENY -s 10.0.0.1 -j DROP"));
-    EXPECT_EQ("0: ", client.commit("-D VPK-DENY -s 10.0.0.2 -j DROP"));
-    EXPECT_EQ("0: ", client.commit("-A VPK-DENY -d one.example -j DROP"));
-    EXPECT_EQ("0: ", client.commit("-D VPK-DENY -d one.example -j DROP"));
-    EXPECT_EQ(0U, rulesOf("VPK-DENY"));
-}
-
-TEST_F(TheServiceWithNames, RefusesANameWithoutAnAddress) {
-    SimulatedService service;
-    const Client client;
-    client.commit("-N VPK-DENY");
-    for (int i = 0; i < 2; ++i)
-        EXPECT_EQ("2: host/network `no.example' not found", client.commit("-A VPK-DENY -s no.example -j DROP"));
-    EXPECT_EQ("2: host/network `six.example' not found", client.commit("-A VPK-DENY -d six.example -j DROP"));
-    EXPECT_EQ(0U, rulesOf("VPK-DENY"));
-}
-
-TEST_F(TheServiceWithNames, AsksNobodyWithoutResolving) {
-    SimulatedService service({"--no-resolve"});
-    const Client client;
-    client.commit("-N VPK-DENY");
-    const auto answer = client.commit("-A VPK-DENY -s one.example -j DROP");
-    EXPECT_THAT(answer, HasSubstr("2: host/network `one.example' not found"));
-    EXPECT_THAT(answer, HasSubstr("--no-resolve"));
-}
-
-TEST_F(TheServiceWithNames, KeepsAnswersForTheConnection) {
-    SimulatedService service;
-    const Client client;
-    client.commit("-N VPK-DENY");
-    EXPECT_EQ("0: ", client.commit("-A VPK-DENY -s one.example -j DROP"));
-    std::ofstream("/etc/hosts") << "10.0.0.7 one.example\n";
-    EXPECT_EQ("0: ", client.commit("-D VPK-DENY -s one.example -j DROP"));
-    const Client next;
-    next.commit("-A VPK-DENY -s one.example -j DROP");
-    EXPECT_EQ("0: ", next.commit("-D VPK-DENY -s 10.0.0.7 -j DROP"));
-}
-
-TEST_F(TheServiceWithNames, ServesOthersDuringASlowLookUpAndThenGivesItUp) {
-    SimulatedService service;
-    const auto nobody = blackHole();
-    RawClient slow;
-    slow.open();
-    slow.send(Request::Kind::commit, 0, "-N VPK-DENY");
-    slow.receive();
-    const auto start = std::chrono::steady_clock::now();
-    slow.send(Request::Kind::commit, 0, "-A VPK-DENY -s slow.example -j DROP");
-    char question = 0;
-    ASSERT_EQ(1, ::recv(nobody.get(), &question, 1, 0)) << "the look-up is under way";
-    EXPECT_EQ("0: ", Client().commit("-N VPK-ALLOW"));
-    EXPECT_EQ(2U, rlv::query(0).chains.size());
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
-    const auto reply = slow.receive().value_or(Reply{});
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1900));
-    EXPECT_EQ(2, reply.code);
-    EXPECT_THAT(reply.text, HasSubstr("host/network `slow.example' not found"));
-}
-
-TEST_F(TheServiceWithNames, SpendsNoMoreTimeThanTheConnectionHas) {
-    SimulatedService service;
-    const auto nobody = blackHole();
-    const Client client;
-    client.commit("-N VPK-DENY");
-    client.commit("-A VPK-DENY -s slow.example -j DROP");
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_THAT(client.commit("-A VPK-DENY -s slower.example -j DROP"), HasSubstr("2: host/network"));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
-    EXPECT_EQ("0: ", client.commit("-A VPK-DENY -s 10.0.0.1 -j DROP"));
-}
-
-std::size_t childrenOf(pid_t process) {
-    std::ifstream list("/proc/" + std::to_string(process) + "/task/" + std::to_string(process) + "/children");
-    return static_cast<std::size_t>(std::distance(std::istream_iterator<int>(list), std::istream_iterator<int>()));
-}
-
-TEST_F(TheServiceWithNames, EndsTheLookUpOfAClientThatVanishes) {
-    SimulatedService service;
-    const auto nobody = blackHole();
-    std::uint64_t number = 0;
-    {
-        RawClient client;
-        number = client.open();
-        client.send(Request::Kind::commit, 0, "-A VPK-DENY -s slow.example -j DROP");
-        char question = 0;
-        ASSERT_EQ(1, ::recv(nobody.get(), &question, 1, 0));
-        EXPECT_EQ(1U, childrenOf(service.process().id()));
-    }
-    EXPECT_TRUE(process::waitUntil([&] { return outcomeOf(number).end == rlv::ConnectionEnd::vanished; },
-                                   process::Duration(1000)));
-    EXPECT_EQ(0U, childrenOf(service.process().id()));
+    for (auto &thread : threads)
+        thread.join();
+    EXPECT_EQ(200U, rulesOf("VPK-DENY"));
 }
 
 } // namespace
