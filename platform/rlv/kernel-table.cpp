@@ -350,7 +350,7 @@ KernelTable::Attempt KernelTable::removeUnused() {
         else
             kept += (kept.empty() ? "" : ", ") + name;
     }
-    const Attempt answer = outcome(transaction, generation);
+    Attempt answer = outcome(transaction, generation);
     if (!answer || answer->code != 0 || kept.empty())
         return answer;
     return Answer{4, "iptables: emptied, but kept because rules of others jump to it: " + kept};

@@ -4,12 +4,12 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <random>
-#include <sstream>
 #include <sched.h>
+#include <sstream>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -422,10 +422,10 @@ TEST_F(AKernelTable, DeletesRulesWhileOthersChangeTheTables) {
     done({"-N VPK-A"});
     for (int i = 0; i < 300; ++i)
         done({"-A VPK-A -j DROP", "-A VPK-A -j ACCEPT"});
-    std::ofstream("churn") << "add table ip churn\ndelete table ip churn\n";
+    std::ofstream("/run/churn") << "add table ip churn\ndelete table ip churn\n";
     const auto churn = ours->visit([] {
         return std::make_unique<process::Child>(
-            Words{"sh", "-c", "while :; do nft -f churn; nft add table ip c; nft delete table ip c; done"});
+            Words{"sh", "-c", "while :; do nft -f /run/churn; nft add table ip c; nft delete table ip c; done"});
     });
     for (int i = 0; i < 300; ++i)
         done({"-D VPK-A -j ACCEPT"});
