@@ -181,7 +181,7 @@ std::string DPlugin::executeCommand(const std::string &command, const std::strin
     const std::unique_ptr<unsigned char, decltype(&std::free)> owner(output, &std::free);
     if (result != 0)
         return "fail";
-    return std::string(characters(output), static_cast<std::size_t>(outputLength));
+    return output != nullptr ? std::string(characters(output), static_cast<std::size_t>(outputLength)) : "";
 }
 
 int DPlugin::executeCommandInternal(const unsigned char *command, int commandLength, const unsigned char *data,
