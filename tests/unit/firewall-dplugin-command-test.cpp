@@ -189,7 +189,7 @@ TEST_F(Plugin, FailsWithTheReportClientsResult) {
 
 TEST_F(Plugin, SwitchesTheCollectorOnAndOff) {
     create();
-    EXPECT_EQ(collector::run([this] { return execute("EnableStatCollector", "x") == "" ? 0 : 1; }), 0);
+    EXPECT_EQ(collector::run([this] { return execute("EnableStatCollector", "x").empty() ? 0 : 1; }), 0);
     EXPECT_TRUE(marked());
     EXPECT_EQ(fakevlog::messages().at(1), kFrame + "start stat daemon ###");
     EXPECT_EQ(fakevlog::messages().at(2), kFrame + "enter: StatDaemon::enable() ###");
@@ -212,7 +212,7 @@ TEST_F(Plugin, FailsWhenTheCollectorCannotBeForked) {
 TEST_F(Plugin, LetsTheCollectorsEndBackThroughTheCommand) {
     create();
     collector::watch(3, [] { textfile::write(kConfig, R"({"enabled":"0"})"); });
-    collector::run([this] { return execute("EnableStatCollector") == "" ? 0 : 1; });
+    collector::run([this] { return execute("EnableStatCollector").empty() ? 0 : 1; });
     EXPECT_EQ(collector::account()["end"], "returned 0");
 }
 

@@ -20,9 +20,7 @@ extern "C" AbstractDPluginProvider *DPluginFactory(mavo::rmi::Service &service);
 
 using testing::Contains;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 
 namespace {
 
@@ -93,7 +91,7 @@ protected:
     std::unique_ptr<AbstractDPluginProvider> plugin;
 };
 
-// The ERROR lines and those of the constructor and of the registration.
+// The ERROR lines.
 std::vector<std::string> errors() {
     std::vector<std::string> all;
     for (const std::string &message : fakevlog::messages()) {

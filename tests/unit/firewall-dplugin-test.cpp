@@ -24,11 +24,13 @@ bool failDbLock = false;
 } // namespace
 
 // The linker puts this before the real function (--wrap).
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker gives the names.
 extern "C" int __real_pthread_mutex_lock(pthread_mutex_t *mutex);
 extern "C" int __wrap_pthread_mutex_lock(pthread_mutex_t *mutex) {
     const bool fails = failDbLock && mutex == PolicyStorage::dbLock.native_handle();
     return fails ? EDEADLK : __real_pthread_mutex_lock(mutex);
 }
+// NOLINTEND(bugprone-reserved-identifier)
 
 using collector::strings;
 using testing::Contains;
@@ -306,7 +308,7 @@ TEST_F(Plugin, LeavesADisabledCollectorOffUntilItIsSwitchedOn) {
     EXPECT_EQ(plugin->setStatus(1), 0);
     EXPECT_FALSE(marked());
     EXPECT_THAT(textfile::read(kConfig), HasSubstr(R"("enabled":"0")"));
-    EXPECT_EQ(collector::run([this] { return execute("EnableStatCollector") == "" ? 0 : 1; }), 0);
+    EXPECT_EQ(collector::run([this] { return execute("EnableStatCollector").empty() ? 0 : 1; }), 0);
     EXPECT_TRUE(marked());
     EXPECT_THAT(collector::accounts(), SizeIs(2));
 }

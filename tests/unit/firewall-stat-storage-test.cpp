@@ -45,6 +45,7 @@ protected:
         std::vector<DbLogRecord> records;
         storage->getLogRecords(records, from, to);
         std::vector<std::uint32_t> found;
+        found.reserve(records.size());
         for (const DbLogRecord &record : records)
             found.push_back(record.ts);
         return found;

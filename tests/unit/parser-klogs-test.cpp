@@ -27,6 +27,7 @@ std::vector<std::string> parsed(const std::vector<std::string> &lines) {
     std::vector<DbLogRecord> records;
     KLogParser::parse(lines, records);
     std::vector<std::string> texts;
+    texts.reserve(records.size());
     for (const DbLogRecord &record : records)
         texts.push_back(text(record));
     return texts;
