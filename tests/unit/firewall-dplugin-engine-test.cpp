@@ -142,6 +142,14 @@ TEST_F(PluginOnEngine, IsDiscardedWhenTheTablesCannotBeMade) {
     EXPECT_EQ(service.find("Firewall::ApplyAllowRules"), nullptr);
 }
 
+TEST_F(PluginOnEngine, TellsWhetherItsMethodsAreExposed) {
+    DPlugin frame;
+    EXPECT_EQ(frame.exposeFirewallAPI(service), 0);
+    EXPECT_EQ(frame.exposeFirewallAPI(service), -1);
+    engine.initTables = [] { return 0; };
+    EXPECT_EQ(frame.exposeFirewallAPI(service), -1);
+}
+
 TEST_F(PluginOnEngine, LogsAnExceptionOfTheTables) {
     engine.initTables = []() -> int { throw std::runtime_error("100%s gone"); };
     EXPECT_EQ(create(), nullptr);
