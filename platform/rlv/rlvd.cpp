@@ -207,6 +207,8 @@ int serve(Arguments &arguments) {
     if (arguments.socket == rlv::kDefaultSocketPath)
         support::makeDirectory(arguments.socket.substr(0, arguments.socket.find_last_of('/')), 0755);
     const auto table = openTable(arguments.service);
+    rlv::ServiceState readable;
+    table->describe(readable); // throws now, rather than failing every client, without the privilege or nf_tables
     rlv::ServiceSocket socket(arguments.socket, group);
     support::EventLoop loop;
     const rlv::Service service(loop, *table, socket.takeListener(), arguments.service);
