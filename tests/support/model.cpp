@@ -106,7 +106,7 @@ std::optional<std::string> kernelAddress(const std::string &text) {
     return bits == 0 ? "" : dotted(address & mask) + "/" + length;
 }
 
-// "first:last", "only", or "" when every port is meant.
+// "first:last", "only", or "" for the whole range.
 std::optional<std::string> kernelPorts(const std::string &text) {
     const auto bounds = split(text, ':');
     if (text.empty() || bounds.size() > 2)
@@ -163,8 +163,10 @@ std::optional<std::string> kernelRule(const Row &row, bool inbound, const std::s
         rule += (inbound ? "-s " : "-d ") + *address + " ";
     if (!protocol->empty())
         rule += "-p " + *protocol + " ";
+    if (!row.port.empty()) // the whole range leaves a match that asks for nothing
+        rule += "-m " + *protocol + " ";
     if (!ports->empty())
-        rule += "-m " + *protocol + (inbound ? " --sport " : " --dport ") + *ports + " ";
+        rule += (inbound ? "--sport " : "--dport ") + *ports + " ";
     return rule + "-j " + target;
 }
 

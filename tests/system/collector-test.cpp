@@ -260,17 +260,18 @@ TEST_F(Collector, LogReachesThePluginInTheDevicesDialectAndWithoutForgedLines) {
     ASSERT_EQ(kernellog::linesWith(forged).size(), 3U);
 
     EXPECT_EQ(system.execute("SendReport"), 0);
-    ASSERT_EQ(reports().size(), 1U);
-    EXPECT_EQ(reports().front().subtype, 139);
+    const auto sent = reports();
+    ASSERT_EQ(sent.size(), 1U);
+    EXPECT_EQ(sent.front().subtype, 139);
     const std::regex ours(
         "^<[0-9]+>\\[[0-9]+- *[0-9]+\\.[0-9]+\\] IPTables-Dropped:IN=near OUT= .*SRC=" + pair.address(Side::far) +
         " DST=" + destination() + " .*SPT=" + std::to_string(fromPort) + " DPT=4711 .*");
     int found = 0;
-    for (const auto &line : reports().front().body["data"]) {
+    for (const auto &line : sent.front().body["data"]) {
         found += std::regex_match(line.asString(), ours) ? 1 : 0;
         EXPECT_EQ(line.asString().find("forged"), std::string::npos) << line;
     }
-    EXPECT_EQ(found, 1) << reports().front().body;
+    EXPECT_EQ(found, 1) << sent.front().body;
 }
 
 TEST_F(Collector, CountsNoForgedPacketAndSurvivesIt) {
