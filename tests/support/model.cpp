@@ -106,7 +106,7 @@ std::optional<std::string> kernelAddress(const std::string &text) {
     return bits == 0 ? "" : dotted(address & mask) + "/" + length;
 }
 
-// "first:last", "only", or "" for the whole range.
+// "first:last", or "only"; both ends always stand.
 std::optional<std::string> kernelPorts(const std::string &text) {
     const auto bounds = split(text, ':');
     if (text.empty() || bounds.size() > 2)
@@ -115,9 +115,12 @@ std::optional<std::string> kernelPorts(const std::string &text) {
     const std::string last = bounds.back().empty() ? std::to_string(kLastPort) : bounds.back();
     if (!isPlain(first, 5, kLastPort) || !isPlain(last, 5, kLastPort) || std::stol(first) > std::stol(last))
         return std::nullopt;
-    if (first == last)
-        return first;
-    return first == "0" && std::stol(last) == kLastPort ? "" : first + ":" + last;
+    return first == last ? first : first + ":" + last;
+}
+
+// The whole range of tcp and udp is shown as a match that asks for nothing.
+bool isHiddenRange(const std::string &protocol, const std::string &ports) {
+    return ports == "0:65535" && (protocol == "tcp" || protocol == "udp");
 }
 
 void removeOne(Chain &chain, const std::string &rule) {
@@ -163,9 +166,9 @@ std::optional<std::string> kernelRule(const Row &row, bool inbound, const std::s
         rule += (inbound ? "-s " : "-d ") + *address + " ";
     if (!protocol->empty())
         rule += "-p " + *protocol + " ";
-    if (!row.port.empty()) // the whole range leaves a match that asks for nothing
-        rule += "-m " + *protocol + " ";
     if (!ports->empty())
+        rule += "-m " + *protocol + " ";
+    if (!ports->empty() && !isHiddenRange(*protocol, *ports))
         rule += (inbound ? "--sport " : "--dport ") + *ports + " ";
     return rule + "-j " + target;
 }

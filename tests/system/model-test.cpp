@@ -13,6 +13,10 @@ struct Case {
     bool accepted;
 };
 
+std::ostream &operator<<(std::ostream &stream, const Case &one) {
+    return stream << one.row << (one.accepted ? ", accepted" : ", refused");
+}
+
 class ModelOfOneRule : public testing::TestWithParam<Case> {};
 
 // What iptables makes of the same words; nothing when it refuses them.
@@ -45,7 +49,9 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{{"TCP", "10.1.2.3/8", "80:90", 1, 0}, true}, Case{{"udp", "", ":53", 1, 0}, true},
                     Case{{"17", "", "53:", 1, 0}, true}, Case{{"6", "10.0.0.5/32", "7:7", 1, 0}, true},
                     Case{{"sctp", "10.0.0.5", "0", 1, 0}, true}, Case{{"all", "1.2.3.4/0", "", 1, 0}, true},
-                    Case{{"icmp", "192.0.2.255/31", "", 1, 0}, true}, Case{{"icmp", "", "80", 1, 0}, false},
+                    Case{{"icmp", "192.0.2.255/31", "", 1, 0}, true}, Case{{"tcp", "", "0:65535", 1, 0}, true},
+                    Case{{"udp", "", "0:", 1, 0}, true}, Case{{"sctp", "", "0:65535", 1, 0}, true},
+                    Case{{"dccp", "", "0:65535", 1, 0}, true}, Case{{"icmp", "", "80", 1, 0}, false},
                     Case{{"", "", "80", 1, 0}, false}, Case{{"tcp", "", "70000", 1, 0}, false},
                     Case{{"tcp", "", "1:2:3", 1, 0}, false}, Case{{"tcp", "", "90:80", 1, 0}, false},
                     Case{{"tcp", "256.0.0.1", "", 1, 0}, false}, Case{{"tcp", "10.0.0.1/33", "", 1, 0}, false},

@@ -148,6 +148,19 @@ Chain chainFrom(const std::vector<std::string> &listing, const std::string &name
     return chain;
 }
 
+// Tells where two lists differ first, not both of them.
+template <typename List> void expectSame(const char *what, const List &actual, const List &expected) {
+    const auto [one, other] = std::mismatch(actual.begin(), actual.end(), expected.begin(), expected.end());
+    if (one == actual.end() && other == expected.end())
+        return;
+    std::ostringstream difference;
+    difference << what << " differs at entry " << one - actual.begin() << ": ";
+    one == actual.end() ? difference << "nothing" : difference << *one;
+    difference << " instead of ";
+    other == expected.end() ? difference << "nothing" : difference << *other;
+    ADD_FAILURE() << difference.str();
+}
+
 class RandomRoad : public testing::Test {
 protected:
     void SetUp() override {
@@ -307,20 +320,20 @@ protected:
     // Comparison -------------------------------------------------------------------------------------------------
 
     void compareStore() {
-        EXPECT_EQ(storedRules(), road.rows());
+        expectSame("the database", storedRules(), road.rows());
         ASSERT_EQ(std::filesystem::exists(wholesystem::kRuleBackup), road.backedUp());
         if (road.backedUp()) {
-            EXPECT_EQ(storedRules(wholesystem::kRuleBackup), road.rows());
+            expectSame("the backup", storedRules(wholesystem::kRuleBackup), road.rows());
         }
     }
 
     void compareKernel() {
         const auto listing = network::listRules();
-        EXPECT_EQ(chainFrom(listing, "VPK-ALLOW"), road.allow);
-        EXPECT_EQ(chainFrom(listing, "VPK-DENY"), road.deny);
-        EXPECT_EQ(chainFrom(listing, "VPK-LOGANDDROP"), road.logAndDrop);
-        EXPECT_EQ(chainFrom(listing, "INPUT"), road.input);
-        EXPECT_EQ(chainFrom(listing, "OUTPUT"), road.output);
+        expectSame("VPK-ALLOW", chainFrom(listing, "VPK-ALLOW"), road.allow);
+        expectSame("VPK-DENY", chainFrom(listing, "VPK-DENY"), road.deny);
+        expectSame("VPK-LOGANDDROP", chainFrom(listing, "VPK-LOGANDDROP"), road.logAndDrop);
+        expectSame("INPUT", chainFrom(listing, "INPUT"), road.input);
+        expectSame("OUTPUT", chainFrom(listing, "OUTPUT"), road.output);
     }
 
     void compareSimulation() {
