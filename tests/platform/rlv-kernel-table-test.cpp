@@ -3,7 +3,6 @@
 #include "rlv/table.h"
 
 #include <cstdlib>
-#include <fstream>
 #include <iostream>
 #include <iterator>
 #include <memory>
@@ -12,7 +11,6 @@
 #include <sstream>
 #include <string>
 #include <system_error>
-#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -238,6 +236,7 @@ TEST_F(AKernelTable, WritesRulesToTheByteAsIptablesDoes) {
                                    "-p sctp -d 10.1.2.3/9 --dport 7 -j VPK-T",
                                    "-p tcp -s 10.0.0.5 --sport 80 -j LOG -v --log-prefix=a"})
         expectSame("-A VPK-R " + rule);
+    EXPECT_EQ(46U, ours->expressions().size());
     expectSameTables();
 }
 
@@ -287,10 +286,8 @@ TEST_F(AKernelTable, AnswersAsIptablesDoes) {
                                       "-D INPUT -j VPK-A",
                                       "-A OUTPUT -j VPK-A",
                                       "-A VPK-A -j DROP",
-                                      "-X VPK-A",
-                                      "-N VPK-1234567890123456789012345678"})
-        if (options.size() < 32)
-            expectSame(options);
+                                      "-X VPK-A"})
+        expectSame(options);
     expectSameTables();
 }
 
@@ -422,10 +419,9 @@ TEST_F(AKernelTable, DeletesRulesWhileOthersChangeTheTables) {
     done({"-N VPK-A"});
     for (int i = 0; i < 300; ++i)
         done({"-A VPK-A -j DROP", "-A VPK-A -j ACCEPT"});
-    std::ofstream("/run/churn") << "add table ip churn\ndelete table ip churn\n";
     const auto churn = ours->visit([] {
         return std::make_unique<process::Child>(
-            Words{"sh", "-c", "while :; do nft -f /run/churn; nft add table ip c; nft delete table ip c; done"});
+            Words{"sh", "-c", "while :; do nft 'add table ip churn; delete table ip churn'; done"});
     });
     for (int i = 0; i < 300; ++i)
         done({"-D VPK-A -j ACCEPT"});
@@ -512,7 +508,7 @@ unsigned seedOfThisRun() {
 TEST_F(AKernelTable, AgreesWithTheSimulatedOneOnRandomCommands) {
     RandomCommands random(seedOfThisRun());
     const auto simulated = rlv::makeSimulatedTable("VPK-");
-    for (int i = 0; i < 3000; ++i) {
+    for (int i = 0; i < 1500; ++i) {
         const std::string options = random.next();
         SCOPED_TRACE(std::to_string(i) + ": " + options);
         const Answer expected = answerOf(*simulated, options);
