@@ -11,6 +11,7 @@
 #include <sstream>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -426,6 +427,22 @@ TEST_F(AKernelTable, DeletesRulesWhileOthersChangeTheTables) {
     for (int i = 0; i < 300; ++i)
         done({"-D VPK-A -j ACCEPT"});
     EXPECT_EQ("VPK-A=300 ", describeState(*table));
+}
+
+TEST_F(AKernelTable, DeletesAnotherEqualRuleWhenSomebodyWasFaster) {
+    constexpr int kEach = 200;
+    done({"-N VPK-A"});
+    for (int i = 0; i < 2 * kEach; ++i)
+        done({"-A VPK-A -j DROP"});
+    const auto deleteHalf = [](rlv::Table &from) {
+        for (int i = 0; i < kEach; ++i)
+            EXPECT_EQ("", answerOf(from, "-D VPK-A -j DROP").message);
+    };
+    const auto other = ours->openTable();
+    std::thread rival([&] { deleteHalf(*other); });
+    deleteHalf(*table);
+    rival.join();
+    EXPECT_EQ("VPK-A=0 ", describeState(*table));
 }
 
 TEST_F(AKernelTable, HoldsTensOfThousandsOfRules) {
