@@ -141,17 +141,17 @@ protected:
 };
 
 TEST_F(Collector, CarriesDroppedPacketsIntoTheDatabaseAndTheReport) {
-    constexpr int kInterval = 5;
+    constexpr int kInterval = 6;
     denyFar();
-    dropPackets(2, 4712);
+    dropPackets(3, 4712);
     awaitNextSecond(); // so that nothing more can take the place of the last packet
+    const auto logged = loggedTo(destination());
+    ASSERT_FALSE(logged.empty());
     switchOn(kInterval, std::time(nullptr) - 1);
 
     // The first iteration stores what the log holds and finds no report due.
-    ASSERT_TRUE(process::waitUntil([&] { return rowsAbout(destination()).size() >= 2; }));
+    ASSERT_TRUE(process::waitUntil([&] { return rowsAbout(destination()).size() == logged.size(); }));
     const auto rows = rowsAbout(destination());
-    const auto logged = loggedTo(destination());
-    ASSERT_FALSE(logged.empty());
     const long long boot = rows.begin()->first - logged.begin()->first;
     EXPECT_NEAR(static_cast<double>(boot),
                 static_cast<double>(std::time(nullptr)) - static_cast<double>(kernellog::now().count()) / 1e6, 2.5);
@@ -161,8 +161,8 @@ TEST_F(Collector, CarriesDroppedPacketsIntoTheDatabaseAndTheReport) {
     EXPECT_EQ(rows, expectedRows);
 
     // The second one reports what its interval has seen, and empties the database.
-    dropPackets(2, 4713);
     const std::string before = configured("last_send_report_ts");
+    dropPackets(3, 4713);
     ASSERT_TRUE(process::waitUntil([] { return !reports().empty(); }));
     ASSERT_TRUE(process::waitUntil([&] { return configured("last_send_report_ts") != before; }));
     const long long reported = std::stoll(configured("last_send_report_ts"));
@@ -214,6 +214,8 @@ TEST_F(Collector, SwitchedOnIsThereOnceAfterAKillOfBoth) {
     const auto first = daemons();
     system.killHost();
     ::kill(first.front(), SIGKILL);
+    // Only then has it let go of the lock by which a host tells that it lives.
+    ASSERT_TRUE(process::waitUntil([&] { return ::kill(first.front(), 0) != 0; }));
     ASSERT_TRUE(system.startHost());
     ASSERT_TRUE(awaitDaemons(1));
     EXPECT_NE(daemons(), first);
