@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
-#include <filesystem>
 #include <fstream>
 #include <new>
 #include <sys/mman.h>
@@ -20,8 +19,6 @@ using systemtest::Lines;
 using systemtest::Rows;
 using systemtest::storedRules;
 using wholesystem::contentOf;
-
-namespace fs = std::filesystem;
 
 using Lifecycle = systemtest::SystemTest;
 using RunningLifecycle = systemtest::RunningSystemTest;
