@@ -29,14 +29,24 @@ std::string directoryProblem(const char *path) {
     return {};
 }
 
-std::string fileProblem(const char *path) {
+std::string fileProblem(const std::string &path) {
     struct stat status {};
-    if (::lstat(path, &status) != 0)
+    if (::lstat(path.c_str(), &status) != 0)
         return errno == ENOENT ? std::string() : problemWith(path, std::strerror(errno));
     if (!S_ISREG(status.st_mode))
         return problemWith(path, "is not a regular file");
-    const support::UniqueFd file(::open(path, O_RDWR | O_NOFOLLOW | O_CLOEXEC));
+    const support::UniqueFd file(::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
     return file ? std::string() : problemWith(path, std::string("cannot be read and written: ") + std::strerror(errno));
+}
+
+// A file that SQLite finds beside a database and may not use makes the opening fail as well.
+std::string databaseProblem(const char *path) {
+    std::string problem;
+    for (const char *suffix : {"", "-journal", "-wal", "-shm"}) {
+        if (problem.empty())
+            problem = fileProblem(std::string(path) + suffix);
+    }
+    return problem;
 }
 
 } // namespace
@@ -45,9 +55,9 @@ void makeDataDirectories() { support::makeDataDirectory(kDatabaseDirectory); }
 
 std::string dataProblem() {
     std::string problem = directoryProblem(kDatabaseDirectory);
-    for (const char *file : {kRuleDatabase, kRuleDatabaseBackup, kStatusDatabase}) {
+    for (const char *database : {kRuleDatabase, kRuleDatabaseBackup, kStatusDatabase}) {
         if (problem.empty())
-            problem = fileProblem(file);
+            problem = databaseProblem(database);
     }
     return problem.empty() ? configProblem() : problem;
 }

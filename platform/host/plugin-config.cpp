@@ -1,5 +1,6 @@
 #include "host/plugin-config.h"
 
+#include <array>
 #include <exception>
 #include <fstream>
 #include <iterator>
@@ -27,6 +28,17 @@ Json::Value readAsPlugin() {
     return root;
 }
 
+struct Member {
+    const char *name;
+    const char *type;
+};
+
+// What the plugin, or its collector, reads as text and gives up on where there can be none.
+constexpr std::array<Member, 3> kMembers = {
+    {{"enabled", R"(a string, "1" or "0")"},
+     {"send_report_interval", "a number of seconds"},
+     {"last_send_report_ts", "a number of seconds since the epoch"}}};
+
 bool hasText(const Json::Value &value) { return !value.isObject() && !value.isArray(); }
 
 } // namespace
@@ -35,8 +47,10 @@ std::string configProblem() {
     const Json::Value root = readAsPlugin();
     if (!root.isObject() && !root.isNull())
         return std::string(kConfigFile) + ": a JSON object must stand there";
-    if (root.isObject() && !hasText(root["enabled"]))
-        return std::string(kConfigFile) + R"(: the value of "enabled" must be a string, "1" or "0")";
+    for (const Member &member : kMembers) {
+        if (root.isObject() && !hasText(root[member.name]))
+            return std::string(kConfigFile) + ": the value of \"" + member.name + "\" must be " + member.type;
+    }
     return {};
 }
 

@@ -110,6 +110,20 @@ TEST_F(TheData, IsNotWellWhenADatabaseMayNotBeReadAndWritten) {
     EXPECT_THAT(problemSeenBy(4711), StartsWith("/opt/data/vpk/db: is not writable: "));
 }
 
+TEST_F(TheData, IsNotWellWhenAFileBesideADatabaseMayNotBeReadAndWritten) {
+    for (const char *path : {host::kDataDirectory, host::kDatabaseDirectory})
+        ASSERT_EQ(::chown(path, 4711, 4711), 0);
+    for (const std::string database : {host::kRuleDatabase, host::kRuleDatabaseBackup, host::kStatusDatabase}) {
+        for (const char *suffix : {"-journal", "-wal", "-shm"}) {
+            write(database + suffix, "of somebody else");
+            ASSERT_EQ(::chmod((database + suffix).c_str(), 0600), 0);
+            EXPECT_THAT(problemSeenBy(4711), StartsWith(database + suffix + ": cannot be read and written: "));
+            fs::remove(database + suffix);
+        }
+    }
+    EXPECT_EQ(problemSeenBy(4711), "");
+}
+
 TEST_F(TheData, IsLeftUntouchedByTheCheck) {
     write(host::kRuleDatabase, "rules");
     host::dataProblem();
@@ -132,6 +146,21 @@ TEST_F(TheData, NamesAConfigurationOfWrongTypes) {
     for (const char *text : {"[]", "[1,", "\"text\"", "7", "true", "{\"enabled\":[]}", "{\"enabled\":{\"a\":1}}"}) {
         write(host::kConfigFile, text);
         EXPECT_THAT(host::dataProblem(), StartsWith(std::string(host::kConfigFile) + ": ")) << text;
+    }
+}
+
+TEST_F(TheData, NamesTheMemberOfTheConfigurationThatHasAWrongType) {
+    for (const char *name : {"enabled", "send_report_interval", "last_send_report_ts"}) {
+        for (const char *value : {"{}", "[]", "[1]", R"({"a":1})"}) {
+            write(host::kConfigFile, std::string("{\"") + name + "\":" + value + "}");
+            EXPECT_THAT(host::dataProblem(),
+                        StartsWith(std::string(host::kConfigFile) + ": the value of \"" + name + "\" must be "))
+                << value;
+        }
+        for (const char *value : {"1", "\"1\"", "null", "true", "1.5", "\"\""}) {
+            write(host::kConfigFile, std::string("{\"") + name + "\":" + value + "}");
+            EXPECT_EQ(host::dataProblem(), "") << name << " " << value;
+        }
     }
 }
 
