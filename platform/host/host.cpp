@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 #include "host/collector.h"
@@ -75,7 +76,7 @@ void Host::restoreAfterFailedFactory(bool disabled) {
         applyStatus(0);
 }
 
-// Every factory call stores 1; whoever has stored 0 keeps it.
+// Every factory call enables the plugin.
 void Host::keepDisabled(AbstractDPluginProvider &plugin) {
     int result = -1;
     try {
@@ -84,11 +85,8 @@ void Host::keepDisabled(AbstractDPluginProvider &plugin) {
     } catch (...) {
         logError("setStatus(0): " + textOfException());
     }
-    if (result == 0)
-        return;
-    const std::lock_guard<std::mutex> lock(PolicyStorage::dbLock);
-    storage_.storeStatus(kPluginName, 0);
-    throw std::runtime_error("the plugin is stored as disabled and could not be disabled again");
+    if (result != 0)
+        throw std::runtime_error("the plugin is stored as disabled and could not be disabled again");
 }
 
 void Host::bringUp() {
@@ -96,6 +94,10 @@ void Host::bringUp() {
     if (!problem.empty())
         throw std::runtime_error(problem);
     const bool disabled = storedStatus() == 0;
+    // Every factory call stores 1. Whoever has stored 0 keeps it, even should the host be killed in the middle.
+    std::optional<StatusStorage::Rehearsal> rehearsal;
+    if (disabled)
+        rehearsal.emplace(storage_);
 
     auto instance = std::make_unique<Instance>();
     try {

@@ -25,9 +25,9 @@ public:
     Host(const Host &) = delete;
     Host &operator=(const Host &) = delete;
 
-    // Brings up a plugin: checks the data, calls the factory, sets a stored status of 0 again and starts a collector
-    // that is switched on. Throws std::runtime_error with one line when no plugin comes up; then the one before it, if
-    // there is one, goes on serving.
+    // Brings up a plugin: checks the data, calls the factory, disables the plugin again where a status of 0 is stored
+    // and starts a collector that is switched on. Throws std::runtime_error with one line when no plugin comes up; then
+    // the one before it, if there is one, goes on serving.
     void bringUp();
 
     // The operations of the plugin. Its exceptions go to the caller, who never lets them past a further bringUp().

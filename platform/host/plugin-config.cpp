@@ -34,10 +34,9 @@ struct Member {
 };
 
 // What the plugin, or its collector, reads as text and gives up on where there can be none.
-constexpr std::array<Member, 3> kMembers = {
-    {{"enabled", R"(a string, "1" or "0")"},
-     {"send_report_interval", "a number of seconds"},
-     {"last_send_report_ts", "a number of seconds since the epoch"}}};
+constexpr std::array<Member, 3> kMembers = {{{"enabled", R"(a string, "1" or "0")"},
+                                             {"send_report_interval", "a number of seconds"},
+                                             {"last_send_report_ts", "a number of seconds since the epoch"}}};
 
 bool hasText(const Json::Value &value) { return !value.isObject() && !value.isArray(); }
 

@@ -7,7 +7,8 @@
 namespace host {
 
 // Why the plugin could not be loaded with this file: what is in it has types on which it, or its collector, gives up.
-// One line that names the file and the member, or empty. A file that is missing or no JSON is none of that: the plugin copes.
+// One line that names the file and the member, or empty. A file that is missing or no JSON is none of that: the plugin
+// copes.
 std::string configProblem();
 
 // The text of a top-level member, empty where it is missing or has none.

@@ -30,6 +30,10 @@ void makeTable(Connection &connection) {
 
 int StatusStorage::storeStatus(const std::string &name, int status) try {
     guard_.endForeignProcess();
+    if (rehearsed_) {
+        (*rehearsed_)[name] = status;
+        return 0;
+    }
     Connection connection(kStatusDatabase, kReadWriteCreate, false);
     makeTable(connection);
     Statement statement(connection, "INSERT OR REPLACE INTO statuses (name, status) VALUES (?, ?)");
@@ -42,13 +46,17 @@ int StatusStorage::storeStatus(const std::string &name, int status) try {
     return -1;
 }
 
-int StatusStorage::readStatus(const std::string &name) {
+int StatusStorage::readStatus(const std::string &name) try {
     guard_.endForeignProcess();
+    if (rehearsed_ && rehearsed_->count(name) != 0)
+        return rehearsed_->at(name);
     Connection connection(kStatusDatabase, kReadWriteCreate, false);
     makeTable(connection);
     Statement statement(connection, "SELECT status FROM statuses WHERE name = ?");
     statement.bind(1, name);
     return statement.step() ? statement.getColumn(0).getInt() : -1;
+} catch (const mavo::Exception &error) {
+    throw mavo::Exception(std::string(kStatusDatabase) + ": the status cannot be read: " + error.what());
 }
 
 } // namespace host

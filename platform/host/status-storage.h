@@ -2,6 +2,8 @@
 #ifndef PLATFORM_HOST_STATUS_STORAGE_H
 #define PLATFORM_HOST_STATUS_STORAGE_H
 
+#include <map>
+#include <optional>
 #include <string>
 
 #include "host/plugin-guard.h"
@@ -14,10 +16,25 @@ class StatusStorage : public PolicyStorage {
 public:
     // 0, or -1 when it cannot be stored, which is logged.
     int storeStatus(const std::string &name, int status) override;
-    // -1 when none is stored. Throws mavo::Exception when the database cannot be read: that is not the same.
+    // -1 when none is stored. Throws mavo::Exception, which names the file, when the database cannot be read:
+    // that is not the same.
     int readStatus(const std::string &name) override;
 
+    // While it lives, what is stored is kept in memory alone and read back from there; at its end it is forgotten. One
+    // at a time. The storage must outlive it.
+    class Rehearsal {
+    public:
+        explicit Rehearsal(StatusStorage &storage) : storage_(storage) { storage_.rehearsed_.emplace(); }
+        ~Rehearsal() { storage_.rehearsed_.reset(); }
+        Rehearsal(const Rehearsal &) = delete;
+        Rehearsal &operator=(const Rehearsal &) = delete;
+
+    private:
+        StatusStorage &storage_;
+    };
+
 private:
+    std::optional<std::map<std::string, int>> rehearsed_;
     PluginGuard guard_; // a second line: the plugin's daemon has no business with statuses
 };
 

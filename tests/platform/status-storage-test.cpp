@@ -36,6 +36,23 @@ TEST_F(AStatusStorage, OutlivesItsObject) {
     EXPECT_EQ(StatusStorage().readStatus("plugin"), 0);
 }
 
+TEST_F(AStatusStorage, ForgetsWhatWasStoredInARehearsal) {
+    StatusStorage storage;
+    storage.storeStatus("one", 0);
+    {
+        const StatusStorage::Rehearsal rehearsal(storage);
+        EXPECT_EQ(storage.readStatus("one"), 0);
+        EXPECT_EQ(storage.storeStatus("one", 1), 0);
+        EXPECT_EQ(storage.storeStatus("two", 1), 0);
+        EXPECT_EQ(storage.readStatus("one"), 1);
+        EXPECT_EQ(StatusStorage().readStatus("one"), 0);
+    }
+    EXPECT_EQ(storage.readStatus("one"), 0);
+    EXPECT_EQ(storage.readStatus("two"), -1);
+    EXPECT_EQ(storage.storeStatus("two", 1), 0);
+    EXPECT_EQ(StatusStorage().readStatus("two"), 1);
+}
+
 TEST_F(AStatusStorage, TakesNamesForWhatTheyAre) {
     StatusStorage storage;
     EXPECT_EQ(storage.storeStatus("'); DROP TABLE statuses; --", 1), 0);

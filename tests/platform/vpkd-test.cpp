@@ -197,6 +197,7 @@ TEST_F(Vpkd, StoresStatusesAndAppliesThem) {
     EXPECT_EQ(number("Host::setStatus", 0), 0);
     EXPECT_EQ(number("Host::getStatus"), 0);
     EXPECT_EQ(number("Host::applyStatus", 1), 0);
+    EXPECT_EQ(number("Host::applyStatus", 7), -1);
     EXPECT_EQ(number("Host::getStatus"), 0);
     EXPECT_THAT(text("Host::status"), AllOf(HasSubstr("\"stored\":0"), HasSubstr("\"applied\":1")));
 }
@@ -210,6 +211,28 @@ TEST_F(Vpkd, KeepsADisabledPluginDisabledOverARestart) {
     EXPECT_EQ(noted(), "factory\nsetStatus 1\nsetStatus 0\n");
     EXPECT_EQ(number("Host::getStatus"), 0);
     EXPECT_THAT(text("Host::status"), HasSubstr("\"applied\":0"));
+}
+
+TEST_F(Vpkd, KeepsADisabledPluginDisabledOverAStartThatIsKilledAtTheWorstMoment) {
+    start();
+    EXPECT_EQ(number("Host::setStatus", 0), 0);
+    ASSERT_EQ(stop(), 0);
+    tell("stored", "kill");
+    std::filesystem::remove("/run/test-plugin/calls");
+    EXPECT_NE(startInVain().status, 0);
+    EXPECT_EQ(noted(), "factory\nsetStatus 1\n");
+    tell("stored", "");
+    start();
+    EXPECT_EQ(number("Host::getStatus"), 0);
+    EXPECT_THAT(text("Host::status"), AllOf(HasSubstr("\"stored\":0"), HasSubstr("\"applied\":0")));
+}
+
+TEST_F(Vpkd, NamesAStatusDatabaseThatIsNone) {
+    vpkdtest::write("/opt/data/vpk/db/.status.db", std::string(4096, 'x'));
+    const auto result = startInVain();
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.errors, AllOf(MatchesRegex(kOneLine), HasSubstr("/opt/data/vpk/db/.status.db: ")));
+    EXPECT_EQ(noted(), "");
 }
 
 TEST_F(Vpkd, ReloadsThePluginAndItsMethods) {

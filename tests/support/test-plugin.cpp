@@ -1,6 +1,7 @@
 // A plugin that behaves well or badly as it is told, for tests of the policy host.
 //
-// The file /run/test-plugin/<place>, where the place is "factory", "setStatus" or "applyStatus", names what happens
+// The file /run/test-plugin/<place>, where the place is "factory", "setStatus", "stored" (at the end
+// of setStatus) or "applyStatus", names what happens
 // there (see kActions); executeCommand takes these names, and some more, as commands. What it is called with is noted
 // in /run/test-plugin/calls.
 #include <array>
@@ -72,6 +73,7 @@ const std::map<std::string, std::function<bool()>> kActions = {
     {"throw", []() -> bool { throw std::runtime_error("thrown\nby order"); }},
     {"throw-mavo", []() -> bool { throw mavo::Exception("mavo by order"); }},
     {"throw-number", []() -> bool { throw 7; }},
+    {"kill", [] { return ::kill(::getpid(), SIGKILL) == 0; }},
     {"return-child", [] { return isChild(); }},
     {"throw-child", [] { return isChild() ? throw std::runtime_error("in the child") : false; }},
     {"throw-number-child", [] { return isChild() ? throw 7 : false; }},
@@ -182,7 +184,9 @@ public:
             return 0;
         apply(status);
         const std::lock_guard<std::mutex> lock(PolicyStorage::dbLock);
-        return PolicyStorage::backend->storeStatus("nyr-firewall-plugin", status);
+        const int result = PolicyStorage::backend->storeStatus("nyr-firewall-plugin", status);
+        act("stored");
+        return result;
     }
     int getStatus() override {
         const std::lock_guard<std::mutex> lock(PolicyStorage::dbLock);
