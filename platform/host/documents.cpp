@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
+#include <cstdlib>
 #include <exception>
 #include <functional>
 #include <unistd.h>
@@ -9,6 +11,7 @@
 #include <json/json.h>
 
 #include "host/collector.h"
+#include "host/log.h"
 #include "host/paths.h"
 #include "host/plugin-config.h"
 #include "mavo/database.h"
@@ -95,6 +98,25 @@ void addServiceState(Json::Value &document) {
     }
 }
 
+constexpr int kStatisticsType = 10007;
+constexpr int kStatisticsSubtype = 1;
+
+// The configuration is written back by copies older than the report, and reports leave the outbox: the later of the
+// two.
+std::string lastReport() {
+    const std::string configured = configValue("last_send_report_ts");
+    std::int64_t newest = 0;
+    try {
+        for (const auto &report : nyr::readOutbox()) {
+            if (report.type == kStatisticsType && report.subtype == kStatisticsSubtype)
+                newest = std::max(newest, report.time);
+        }
+    } catch (const std::exception &error) {
+        logError(error.what());
+    }
+    return newest > std::strtoll(configured.c_str(), nullptr, 10) ? std::to_string(newest) : configured;
+}
+
 } // namespace
 
 std::vector<std::string> missingParts(const rlv::ServiceState &state) {
@@ -128,7 +150,7 @@ std::string statusDocument(int stored, int applied, const std::string &collector
     addServiceState(document);
     document["collector"] = nameOf(collectorState(collectorWanted()));
     document["collectorProblem"] = collectorProblem;
-    document["lastReport"] = configValue("last_send_report_ts");
+    document["lastReport"] = lastReport();
     document["families"] = "IPv4 only";
     return onOneLine(document);
 }

@@ -15,7 +15,8 @@ namespace host {
 //   "rules"     {"stored","expected","inForce"}, each {"allow","deny"}: rows, and kernel rules that they make at least
 //               and that stand
 //   "collector" "off", "running", "stopping" or "dead"; "collectorProblem" one line or empty
-//   "lastReport" seconds since the epoch, as text, empty before the first report
+//   "lastReport" seconds since the epoch, as text, empty before the first report: the later of the
+//               configuration's and the newest statistics report's in the outbox
 //   "simulated" true when the traffic-control service only plays; "serviceProblem" why it cannot be asked, or empty:
 //               then "inForce" is false and its rules are left out
 //   "families"  "IPv4 only"

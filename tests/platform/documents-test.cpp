@@ -1,7 +1,9 @@
 #include "host/documents.h"
 
+#include <filesystem>
 #include <fstream>
 #include <sys/stat.h>
+#include <tuple>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,6 +14,7 @@
 #include "host/paths.h"
 #include "mavo/database.h"
 #include "mavo/exception.h"
+#include "nyr-common-client/outbox.h"
 #include "nyr/report.h"
 
 namespace {
@@ -98,6 +101,27 @@ TEST_F(TheDocuments, CountStoredAndExpectedRules) {
     EXPECT_EQ(rules["expected"]["deny"].asInt(), 3);
     EXPECT_EQ(rules["stored"]["allow"].asInt(), 1);
     EXPECT_EQ(rules["expected"]["allow"].asInt(), 1);
+}
+
+std::string lastReport() { return cli::parseDocument(host::statusDocument(1, 1, ""))["lastReport"].asString(); }
+
+void configureLastReport(const std::string &text) {
+    std::filesystem::create_directories(std::filesystem::path(host::kConfigFile).parent_path());
+    std::ofstream(host::kConfigFile) << R"({"last_send_report_ts":")" << text << R"("})";
+}
+
+TEST_F(TheDocuments, TellTheLaterOfTheNewestReportAndTheConfiguredOne) {
+    EXPECT_EQ(lastReport(), "");
+    for (const auto &[type, subtype, time] :
+         {std::tuple{10007, 1, 1000}, {10007, 1, 3000}, {10007, 1, 2000}, {10007, 2, 9000}, {1, 1, 9000}})
+        nyr::putReport({"", type, subtype, time, "body"});
+    EXPECT_EQ(lastReport(), "3000");
+    configureLastReport("2999");
+    EXPECT_EQ(lastReport(), "3000");
+    configureLastReport("3001");
+    EXPECT_EQ(lastReport(), "3001");
+    configureLastReport("nonsense");
+    EXPECT_EQ(lastReport(), "3000");
 }
 
 TEST_F(TheDocuments, SayWhenTheServiceCannotBeAsked) {
