@@ -39,6 +39,10 @@ int main(int argc, char **argv) try {
     } catch (const CLI::ParseError &error) {
         return explain(app, error);
     }
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
+        throw cli::Exit(session.exitStatus == cli::kDone ? cli::kFailed
+                                                         : static_cast<cli::ExitStatus>(session.exitStatus),
+                        "the result cannot be written to standard output");
     return session.exitStatus;
 } catch (const cli::Exit &exit) {
     std::fprintf(stderr, "vpkctl: %s\n", exit.what());

@@ -64,6 +64,19 @@ TEST_F(Vpkctl, PrintsTheReplyToACommand) {
     EXPECT_EQ(result.status, 0);
 }
 
+TEST_F(Vpkctl, FailsWhenItsResultCannotBeWritten) {
+    start();
+    for (const char *redirection : {">/dev/full", ">&-"}) {
+        for (const char *words : {" rules --json ", " exec echo hello "}) {
+            const auto result = process::capture({"/bin/sh", "-c", process::built("vpkctl") + words + redirection});
+            EXPECT_EQ(result.status, 1) << words << redirection;
+            EXPECT_EQ(result.errors, "vpkctl: the result cannot be written to standard output\n");
+        }
+        const auto silent = process::capture({"/bin/sh", "-c", process::built("vpkctl") + " exec echo " + redirection});
+        EXPECT_EQ(silent.status, 0) << redirection;
+    }
+}
+
 TEST_F(Vpkctl, IsSilentAboutACommandThatWentWell) {
     start();
     const auto result = run({"exec", "echo"});
