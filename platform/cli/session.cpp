@@ -29,7 +29,7 @@ std::string refusalOf(const std::string &method, const Reply &reply) {
         return "the policy host refuses " + method + " to this account" +
                (reply.error.empty() ? "" : ": " + reply.error);
     case Status::busy:
-        return "the policy host has too many clients; try again later";
+        return "the policy host is busy: " + reply.error + "; try again later";
     case Status::unknownMethod:
         return "the policy host has no method " + method;
     default:

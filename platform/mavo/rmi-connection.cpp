@@ -121,7 +121,7 @@ void Connection::headArrived() {
 
 void Connection::nameArrived() {
     method_ = collected_;
-    const auto refused = handler_.refusal(peer_, method_);
+    const auto refused = handler_.refusal(peer_, method_, bodyBytes_);
     if (refused)
         answer(*refused);
     expect(refused ? Input::discard : Input::body, bodyBytes_);

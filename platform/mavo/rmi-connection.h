@@ -29,7 +29,7 @@ public:
     virtual ~RequestHandler() = default;
 
     // The answer to a request that is refused by its head, or none.
-    virtual std::optional<Reply> refusal(const Peer &peer, const std::string &method) = 0;
+    virtual std::optional<Reply> refusal(const Peer &peer, const std::string &method, std::size_t bodyBytes) = 0;
     virtual Reply carryOut(const Peer &peer, const std::string &method, std::string body) = 0;
     // The time spent so far in carrying out calls. It is not held against clients that waited meanwhile.
     virtual std::chrono::milliseconds timeInCalls() const = 0;
@@ -50,6 +50,8 @@ public:
 
     int descriptor() const { return socket_.get(); }
     const Peer &peer() const { return peer_; }
+    // The announced size of the body that is being read, 0 when none is.
+    std::size_t bodyUnderWay() const { return input_ == Input::body ? bodyBytes_ : 0; }
 
 private:
     enum class Input {

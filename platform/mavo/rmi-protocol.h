@@ -32,7 +32,7 @@ enum class Status : std::uint32_t {
     unknownMethod = 2, //
     denied = 3,        // the caller lacks the method's privilege
     exception = 4,     // the call ended with an exception; its text is in `error`
-    busy = 5           // too many connections; sent unasked, then the connection ends
+    busy = 5           // too many connections: sent unasked, then the connection ends. Or too many large bodies
 };
 
 // What came of a call. `error` says what is wrong unless the status is ok.

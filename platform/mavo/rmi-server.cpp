@@ -82,8 +82,11 @@ public:
         return all;
     }
 
-    std::optional<Reply> refusal(const Peer &peer, const std::string &method) override {
-        return refusal(peer, find_(method));
+    std::optional<Reply> refusal(const Peer &peer, const std::string &method, std::size_t bodyBytes) override {
+        auto refused = refusal(peer, find_(method));
+        if (!refused && !hasRoomFor(peer, bodyBytes))
+            refused = Reply{Status::busy, {}, "too many large requests under way", {}, {}};
+        return refused;
     }
 
     Reply carryOut(const Peer &peer, const std::string &method, std::string body) override {
@@ -109,6 +112,22 @@ private:
         if (!privileges_.holds(peer.uid, peer.gid, context->privilege))
             return Reply{Status::denied, {}, "needs the privilege " + oneLine(context->privilege), {}, {}};
         return std::nullopt;
+    }
+
+    bool hasRoomFor(const Peer &peer, std::size_t bodyBytes) const {
+        if (bodyBytes <= kSmallBodyBytes)
+            return true;
+        std::size_t all = bodyBytes;
+        std::size_t ofUser = bodyBytes;
+        for (const auto &entry : connections_) {
+            const std::size_t bytes = entry.second->bodyUnderWay();
+            if (bytes <= kSmallBodyBytes)
+                continue;
+            all += bytes;
+            ofUser += entry.second->peer().uid == peer.uid ? bytes : 0;
+        }
+        const std::size_t quarter = limits_.bodyBytes / 4;
+        return peer.uid == 0 ? all <= limits_.bodyBytes : all <= 3 * quarter && ofUser <= quarter;
     }
 
     void watchListener() {

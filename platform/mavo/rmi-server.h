@@ -3,6 +3,7 @@
 #define PLATFORM_MAVO_RMI_SERVER_H
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -18,11 +19,16 @@
 namespace mavo {
 namespace rmi {
 
+constexpr std::size_t kSmallBodyBytes = std::size_t{64} * 1024;
+
 struct ServerLimits {
     int connections = 64;
     int connectionsPerUser = 16; // root has the whole number, an eighth of which is kept for him
     // Descriptors that must stay free for the program's own work; a connection that would take one of them is refused.
     int reservedDescriptors = 64;
+    // Bodies under way in all, by their announced sizes; a request that goes beyond is answered as busy. Others than
+    // root have three quarters of it, each user one. Bodies of up to kSmallBodyBytes are free.
+    std::size_t bodyBytes = 4 * kBodyLimitBytes;
     std::chrono::milliseconds requestTimeout{10'000}; // from the first byte of a request to its last
     std::chrono::milliseconds idleTimeout{60'000};    // with no request under way, or with a reply not read
 };

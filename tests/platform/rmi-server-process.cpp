@@ -182,6 +182,11 @@ std::optional<Reply> RawClient::reply() const {
     return length ? mavo::rmi::decodeReply(receive(*length)) : std::nullopt;
 }
 
+bool RawClient::answered() const {
+    pollfd wanted{socket_.get(), POLLIN, 0};
+    return ::poll(&wanted, 1, 0) > 0;
+}
+
 bool RawClient::atEnd() const {
     char byte = 0;
     return waitFor(socket_.get(), POLLIN) && ::recv(socket_.get(), &byte, 1, MSG_DONTWAIT) <= 0;

@@ -54,6 +54,8 @@ public:
     std::string receive(std::size_t size) const;
     // None when there comes no whole and sound reply.
     std::optional<mavo::rmi::Reply> reply() const;
+    // Whether there is anything to read now.
+    bool answered() const;
     // Whether nothing but the end of the connection is left to read.
     bool atEnd() const;
 

@@ -228,6 +228,56 @@ TEST(AServer, DoesNotTakeMemoryForBodiesThatAreOnlyAnnounced) {
     EXPECT_LT(server.dataBytes(), before + 2 * kBodyLimitBytes);
 }
 
+// Requests that announce a body of that size and send one byte of it.
+class Announcements {
+public:
+    Announcements(int count, std::size_t bodyBytes) {
+        for (int i = 0; i < count; ++i) {
+            clients_.push_back(std::make_unique<RawClient>());
+            clients_.back()->send(mavo::rmi::encodeRequestHead("Echo", bodyBytes) + "x");
+        }
+    }
+    // How many the server lets go on; the others it answers as busy.
+    int admitted() const {
+        EXPECT_EQ("after", echoOnce("after"));
+        int waiting = 0;
+        for (const auto &client : clients_) {
+            if (client->answered())
+                EXPECT_EQ(Status::busy, client->reply().value_or(Reply()).status);
+            else
+                ++waiting;
+        }
+        return waiting;
+    }
+
+private:
+    std::vector<std::unique_ptr<RawClient>> clients_;
+};
+
+TEST(AServer, TakesNoMoreLargeBodiesAtATimeThanItHasMemoryFor) {
+    const ServerProcess server;
+    const Announcements large(6, kBodyLimitBytes);
+    EXPECT_EQ(4, large.admitted());
+    EXPECT_EQ(3, Announcements(3, mavo::rmi::kSmallBodyBytes).admitted());
+    EXPECT_EQ(0, Announcements(3, mavo::rmi::kSmallBodyBytes + 1).admitted());
+}
+
+TEST(AServer, GivesOneUserAQuarterOfTheMemoryForBodiesAndRootWhatIsLeft) {
+    const ServerProcess server;
+    EXPECT_EQ(2, asUser(kUser, [] { return Announcements(4, kBodyLimitBytes / 2).admitted(); }));
+    const Announcements ofRoot(3, kBodyLimitBytes);
+    EXPECT_EQ(3, ofRoot.admitted());
+    EXPECT_EQ(0, asUser(kUser, [] { return Announcements(1, kBodyLimitBytes / 2).admitted(); }));
+    EXPECT_EQ(1, Announcements(2, kBodyLimitBytes).admitted());
+}
+
+TEST(AServer, TakesAnotherLargeBodyWhenOneIsOver) {
+    const ServerProcess server;
+    const std::string text(kBodyLimitBytes - 100, 'x');
+    for (int i = 0; i < 6; ++i)
+        EXPECT_TRUE(echoOnce(text) == text) << i;
+}
+
 TEST(AServer, KeepsNothingOfABodyThatItRefuses) {
     const ServerProcess server;
     ASSERT_EQ("warm", echoOnce("warm"));
