@@ -11,18 +11,6 @@
 namespace cli {
 namespace {
 
-// Rules and reports may hold anything; a terminal must not take it for orders.
-std::string printable(const std::string &text) {
-    std::string safe;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        std::array<char, 8> escape{};
-        std::snprintf(escape.data(), escape.size(), "\\x%02x", byte);
-        safe += byte < 0x20 || byte == 0x7f ? std::string(escape.data()) : std::string(1, c);
-    }
-    return safe;
-}
-
 std::string nameOfStatus(int status) { return status == 1 ? "enabled" : status == 0 ? "disabled" : "none"; }
 
 std::string timeOf(std::int64_t seconds) {
@@ -78,6 +66,17 @@ std::string ruleLine(const Json::Value &rule) {
 }
 
 } // namespace
+
+std::string printable(const std::string &text) {
+    std::string safe;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        std::array<char, 8> escape{};
+        std::snprintf(escape.data(), escape.size(), "\\x%02x", byte);
+        safe += byte < 0x20 || byte == 0x7f ? std::string(escape.data()) : std::string(1, c);
+    }
+    return safe;
+}
 
 Json::Value parseDocument(const std::string &text) {
     const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());

@@ -8,6 +8,10 @@
 
 namespace cli {
 
+// One line of `text`, its control characters as \xNN: rules and reports may hold anything, and a terminal must not take
+// it for orders.
+std::string printable(const std::string &text);
+
 // Throws Exit when the text is not a JSON object.
 Json::Value parseDocument(const std::string &text);
 

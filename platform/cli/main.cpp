@@ -2,6 +2,7 @@
 #include <cstdio>
 #include <exception>
 
+#include "cli/documents-as-text.h"
 #include "cli/session.h"
 
 namespace {
@@ -45,7 +46,7 @@ int main(int argc, char **argv) try {
                         "the result cannot be written to standard output");
     return session.exitStatus;
 } catch (const cli::Exit &exit) {
-    std::fprintf(stderr, "vpkctl: %s\n", exit.what());
+    std::fprintf(stderr, "vpkctl: %s\n", cli::printable(exit.what()).c_str());
     return exit.status();
 } catch (const std::exception &error) {
     std::fprintf(stderr, "vpkctl: %s\n", error.what());

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <system_error>
 
+#include "cli/documents-as-text.h"
 #include "mavo/exception.h"
 #include "mavo/rmi-client.h"
 
@@ -39,9 +40,9 @@ std::string refusalOf(const std::string &method, const Reply &reply) {
 
 void printRemarks(const Reply &reply) {
     for (const auto &line : reply.errorLines)
-        std::fprintf(stderr, "%s\n", line.c_str());
+        std::fprintf(stderr, "%s\n", printable(line).c_str());
     for (const auto &line : reply.notInForce)
-        std::fprintf(stderr, "not in force: %s\n", line.c_str());
+        std::fprintf(stderr, "not in force: %s\n", printable(line).c_str());
 }
 
 } // namespace

@@ -99,6 +99,14 @@ TEST_F(Vpkctl, FailsWhenSomethingIsNotInForceAndSaysWhat) {
     EXPECT_THAT(result.errors, StartsWith("not in force: -A VPK-A -s 1.2.3 -j DROP: "));
 }
 
+TEST_F(Vpkctl, WritesNoControlCharactersToATerminal) {
+    start();
+    const auto lost = run({"exec", "commit", "-"}, "-A VPK-\x1b[2J -j DROP");
+    EXPECT_EQ(lost.status, 1);
+    EXPECT_THAT(lost.errors, AllOf(StartsWith("not in force: -A VPK-\\x1b[2J -j DROP: "), Not(HasSubstr("\x1b"))));
+    EXPECT_EQ(run({"call", "no\nsuch\x1b[2J"}).errors, "vpkctl: the policy host has no method no\\x0asuch\\x1b[2J\n");
+}
+
 TEST_F(Vpkctl, ShowsErrorLinesWithoutColours) {
     start();
     const auto result = run({"exec", "log-error", "it is broken"});
