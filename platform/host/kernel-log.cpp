@@ -122,11 +122,14 @@ void splitLines(std::string_view lines, const std::function<void(std::string_vie
     }
 }
 
-// Calls `each` with every line, its line break included. False, with errno set, when the log cannot be read.
+// Calls `each` with every line, its line break included. False, with errno set, when the log cannot be read. Comes to
+// an end also when somebody writes into the log faster than it is read.
 bool forEachLine(const ReadKernelRecord &read, const std::function<void(std::string_view)> &each) {
     std::string buffer(kRecordBytes, '\0');
-    for (;;) {
+    std::size_t bytes = 0;
+    while (bytes < kLogBytesLimit) {
         const ssize_t length = read(buffer.data(), buffer.size());
+        bytes += length > 0 ? static_cast<std::size_t>(length) : kRecordBytes;
         if (length == 0 || (length < 0 && errno == EAGAIN))
             return true;
         if (length < 0 && errno != EPIPE && errno != EINTR)
@@ -136,6 +139,7 @@ bool forEachLine(const ReadKernelRecord &read, const std::function<void(std::str
         if (const auto record = parseKernelRecord({buffer.data(), static_cast<std::size_t>(length)}))
             splitLines(inDeviceDialect(*record), each);
     }
+    return true;
 }
 
 ReadKernelRecord readFrom(int fd) {

@@ -5,6 +5,7 @@
 #include <sys/klog.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -143,6 +144,24 @@ TEST(TheKernelLog, GoesOnWhereRecordsWereOverwritten) {
         copied({"4,1,1000000,-;one", std::to_string(-EPIPE), "garbage", std::to_string(-EINTR), "4,9,2000000,-;nine"},
                100),
         "<4>[0-    1.000000] one\n<4>[0-    2.000000] nine\n");
+}
+
+TEST(TheKernelLog, ComesToAnEndWhereSomebodyWritesWithoutEnd) {
+    const auto endless = [](bool overwritten) {
+        return [overwritten, first = true](char *buffer, std::size_t size) mutable -> ssize_t {
+            const std::string_view record = "4,1,1000000,-;one";
+            if (std::exchange(first, false))
+                return static_cast<ssize_t>(record.copy(buffer, size));
+            *buffer = 'x'; // no record
+            errno = EPIPE;
+            return overwritten ? -1 : static_cast<ssize_t>(size);
+        };
+    };
+    for (const bool overwritten : {true, false}) {
+        std::string buffer(100, '\0');
+        EXPECT_EQ(host::copyKernelLog(endless(overwritten), buffer.data(), 100), 24);
+        EXPECT_GT(host::boundKernelLog(endless(overwritten), 0), 24);
+    }
 }
 
 TEST(TheKernelLog, IsNotCopiedWhenItCannotBeRead) {
