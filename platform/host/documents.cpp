@@ -15,6 +15,7 @@
 #include "host/paths.h"
 #include "host/plugin-config.h"
 #include "mavo/database.h"
+#include "mavo/exception.h"
 #include "nyr-common-client/outbox.h"
 
 namespace host {
@@ -35,7 +36,7 @@ struct StoredRule {
 };
 
 // Called between two plugin calls, when nobody writes.
-void forEachStoredRule(const std::function<void(const StoredRule &)> &each) {
+void forEachStoredRule(const std::function<void(const StoredRule &)> &each) try {
     if (::access(kRuleDatabase, F_OK) != 0)
         return;
     mavo::database::Connection connection(kRuleDatabase, kReadOnly, false);
@@ -45,6 +46,8 @@ void forEachStoredRule(const std::function<void(const StoredRule &)> &each) {
         each({statement.getColumn(0).getText(), statement.getColumn(1).getText(), statement.getColumn(2).getText(),
               statement.getColumn(3).getInt(), statement.getColumn(4).getInt() != 0});
     }
+} catch (const mavo::Exception &error) {
+    throw mavo::Exception(std::string(kRuleDatabase) + ": " + error.what());
 }
 
 std::string onOneLine(const Json::Value &document) {

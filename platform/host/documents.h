@@ -20,7 +20,7 @@ namespace host {
 //   "simulated" true when the traffic-control service only plays; "serviceProblem" why it cannot be asked, or empty:
 //               then "inForce" is false and its rules are left out
 //   "families"  "IPv4 only"
-// Throws mavo::Exception when the rule database cannot be read.
+// Throws mavo::Exception, which names the file, when the rule database cannot be read.
 std::string statusDocument(int stored, int applied, const std::string &collectorProblem);
 
 // {"rules":[{"action":"allow" or "deny","protocol","domain","port","direction"}…]} in the database's order. Texts and

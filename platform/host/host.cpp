@@ -102,6 +102,8 @@ void Host::bringUp() {
     auto instance = std::make_unique<Instance>();
     try {
         instance->plugin = callFactory(instance->service);
+        if (disabled)
+            keepDisabled(*instance->plugin);
     } catch (const std::runtime_error &) {
         restoreAfterFailedFactory(disabled);
         throw;
@@ -110,8 +112,6 @@ void Host::bringUp() {
     kept->push_back(std::move(instance));
     current_ = kept->back().get();
     applied_ = disabled ? 0 : 1;
-    if (disabled)
-        keepDisabled(*current_->plugin);
     startWantedCollector();
 }
 

@@ -257,6 +257,18 @@ TEST_F(Vpkd, KeepsThePluginThatItHasWhenAReloadFails) {
     EXPECT_THAT(noted(), Not(HasSubstr("destroyed")));
 }
 
+TEST_F(Vpkd, KeepsThePluginThatItHasWhenTheNewOneCannotBeDisabled) {
+    start();
+    EXPECT_EQ(number("Host::setStatus", 0), 0);
+    tell("disable", "throw");
+    EXPECT_EQ(number("Host::reload"), -1);
+    EXPECT_EQ(number("Test::number"), 1);
+    EXPECT_EQ(number("Host::getStatus"), 0);
+    tell("disable", "");
+    EXPECT_EQ(number("Host::reload"), 0);
+    EXPECT_EQ(number("Test::number"), 3);
+}
+
 TEST_F(Vpkd, KeepsADisabledPluginDisabledOverAReload) {
     start();
     EXPECT_EQ(number("Host::setStatus", 0), 0);

@@ -1,9 +1,8 @@
 // A plugin that behaves well or badly as it is told, for tests of the policy host.
 //
-// The file /run/test-plugin/<place>, where the place is "factory", "setStatus", "stored" (at the end
-// of setStatus) or "applyStatus", names what happens
-// there (see kActions); executeCommand takes these names, and some more, as commands. What it is called with is noted
-// in /run/test-plugin/calls.
+// The file /run/test-plugin/<place>, where the place is "factory", "setStatus", "disable" (setStatus with 0), "stored"
+// (at the end of setStatus) or "applyStatus", names what happens there (see kActions); executeCommand takes these
+// names, and some more, as commands. What it is called with is noted in /run/test-plugin/calls.
 #include <array>
 #include <csignal>
 #include <fcntl.h>
@@ -180,7 +179,7 @@ public:
 
     int setStatus(int status) override {
         note("setStatus " + std::to_string(status));
-        if (act("setStatus"))
+        if (act("setStatus") || (status == 0 && act("disable")))
             return 0;
         apply(status);
         const std::lock_guard<std::mutex> lock(PolicyStorage::dbLock);
