@@ -1,5 +1,5 @@
 // The grammar of the option texts: what is understood, and as what; what is refused, and with which word named.
-#include "rlv/command.h"
+#include "rlv/table/command.h"
 
 #include <string>
 #include <vector>

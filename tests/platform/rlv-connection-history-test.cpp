@@ -1,4 +1,4 @@
-#include "rlv/connection-history.h"
+#include "rlv/service/connection-history.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // The kernel's table, held against iptables itself: each test has a namespace where our table works and one where
 // iptables does, and both must come to the same.
-#include "rlv/table.h"
+#include "rlv/table/table.h"
 
 #include <cstdlib>
 #include <iostream>
@@ -21,7 +21,7 @@
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
 
-#include "rlv/netlink.h"
+#include "rlv/table/netlink.h"
 #include "support/process.h"
 #include "support/unique-fd.h"
 

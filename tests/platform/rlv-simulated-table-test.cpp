@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "rlv/table.h"
+#include "rlv/table/table.h"
 
 namespace {
 

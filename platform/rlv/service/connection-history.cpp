@@ -1,0 +1,90 @@
+#include "rlv/service/connection-history.h"
+
+#include <utility>
+
+namespace rlv {
+namespace {
+
+bool endedWell(const ConnectionOutcome &outcome) {
+    return outcome.end == ConnectionEnd::closed && outcome.lost.empty() && outcome.lostBeyondList == 0;
+}
+
+} // namespace
+
+std::uint64_t ConnectionHistory::open(const Asker &asker) {
+    Entry entry;
+    entry.asker = asker;
+    entry.outcome.number = ++lastNumber_;
+    entries_.emplace(lastNumber_, std::move(entry));
+    return lastNumber_;
+}
+
+void ConnectionHistory::addLost(std::uint64_t number, LostCommand lost) {
+    const auto found = entries_.find(number);
+    if (found == entries_.end())
+        return;
+    Entry &entry = found->second;
+    const std::size_t bytes = sizeof lost + lost.options.size() + lost.message.size();
+    // Once one is left out all later ones are: the list is the beginning of what was lost.
+    if (entry.outcome.lostBeyondList > 0 || entry.textBytes + bytes > limits_.textBytesPerConnection) {
+        ++entry.outcome.lostBeyondList;
+        return;
+    }
+    entry.textBytes += bytes;
+    textBytes_ += bytes;
+    entry.outcome.lost.push_back(std::move(lost));
+    for (auto other = entries_.begin(); textBytes_ > limits_.textBytesInAll && other != entries_.end(); ++other)
+        dropTexts(other->second);
+}
+
+void ConnectionHistory::dropTexts(Entry &entry) {
+    textBytes_ -= std::exchange(entry.textBytes, 0);
+    entry.outcome.lostBeyondList += entry.outcome.lost.size();
+    entry.outcome.lost = {};
+}
+
+void ConnectionHistory::end(std::uint64_t number, ConnectionEnd how) {
+    const auto found = entries_.find(number);
+    if (found == entries_.end() || found->second.outcome.end != ConnectionEnd::open)
+        return;
+    found->second.outcome.end = how;
+    const uid_t user = found->second.asker.user;
+    ++endedInAll_;
+    if (++endedByUser_[user] > limits_.endedPerUser)
+        forgetOneEnded(&user);
+    if (endedInAll_ > limits_.endedInAll)
+        forgetOneEnded(nullptr);
+}
+
+void ConnectionHistory::forgetOneEnded(const uid_t *user) {
+    auto oldest = entries_.end();
+    for (auto entry = entries_.begin(); entry != entries_.end(); ++entry) {
+        const bool counts = user == nullptr || entry->second.asker.user == *user;
+        if (!counts || entry->second.outcome.end == ConnectionEnd::open)
+            continue;
+        if (endedWell(entry->second.outcome))
+            return forget(entry);
+        if (oldest == entries_.end())
+            oldest = entry;
+    }
+    if (oldest != entries_.end())
+        forget(oldest);
+}
+
+void ConnectionHistory::forget(Entries::iterator entry) {
+    dropTexts(entry->second);
+    --endedInAll_;
+    --endedByUser_[entry->second.asker.user];
+    entries_.erase(entry);
+}
+
+std::vector<ConnectionOutcome> ConnectionHistory::of(const Asker &asker, std::uint64_t since) const {
+    std::vector<ConnectionOutcome> outcomes;
+    for (auto entry = entries_.upper_bound(since); entry != entries_.end(); ++entry) {
+        if (entry->second.asker == asker)
+            outcomes.push_back(entry->second.outcome);
+    }
+    return outcomes;
+}
+
+} // namespace rlv

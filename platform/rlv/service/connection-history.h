@@ -1,0 +1,71 @@
+// How connections ended, for those who ask later.
+#ifndef PLATFORM_RLV_SERVICE_CONNECTION_HISTORY_H
+#define PLATFORM_RLV_SERVICE_CONNECTION_HISTORY_H
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <sys/types.h>
+#include <vector>
+
+#include "rlv/rlv-query.h"
+
+namespace rlv {
+
+// The client's process, as the kernel names it.
+struct Asker {
+    uid_t user = 0;
+    pid_t process = 0;
+};
+
+inline bool operator==(const Asker &left, const Asker &right) {
+    return left.user == right.user && left.process == right.process;
+}
+
+// Numbers connections and remembers what was lost on them. Bounded: when there are too many ended ones, of one user or
+// in all, the oldest that ended well goes, or, where none did, the oldest. When the texts of lost commands are too many
+// the oldest are replaced by their number.
+class ConnectionHistory {
+public:
+    struct Limits {
+        std::size_t endedPerUser = 4096;
+        std::size_t endedInAll = 16384;
+        std::size_t textBytesPerConnection = 131'072;
+        std::size_t textBytesInAll = 1'048'576;
+    };
+
+    ConnectionHistory() = default;
+    explicit ConnectionHistory(const Limits &limits) : limits_(limits) {}
+
+    // The new connection's number.
+    std::uint64_t open(const Asker &asker);
+    void addLost(std::uint64_t number, LostCommand lost);
+    void end(std::uint64_t number, ConnectionEnd how);
+
+    // The asker's connections with numbers above `since`, by number.
+    std::vector<ConnectionOutcome> of(const Asker &asker, std::uint64_t since) const;
+    std::uint64_t lastNumber() const { return lastNumber_; }
+
+private:
+    struct Entry {
+        Asker asker;
+        ConnectionOutcome outcome;
+        std::size_t textBytes = 0;
+    };
+    using Entries = std::map<std::uint64_t, Entry>;
+
+    void dropTexts(Entry &entry);
+    void forget(Entries::iterator entry);
+    void forgetOneEnded(const uid_t *user);
+
+    Limits limits_;
+    Entries entries_;
+    std::map<uid_t, std::size_t> endedByUser_;
+    std::size_t endedInAll_ = 0;
+    std::size_t textBytes_ = 0;
+    std::uint64_t lastNumber_ = 0;
+};
+
+} // namespace rlv
+
+#endif

@@ -1,0 +1,275 @@
+// rlvd, the traffic-control service.
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <grp.h>
+#include <optional>
+#include <pwd.h>
+#include <stdexcept>
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include "rlv/rlv-query.h"
+#include "rlv/service/service-log.h"
+#include "rlv/service/service-socket.h"
+#include "rlv/service/service.h"
+#include "support/directories.h"
+#include "vlog/vlog-sink.h"
+
+namespace {
+
+constexpr const char *kDescription =
+    "The traffic-control service: applies iptables commands for the policy host.\n"
+    "\n"
+    "It is the one program that changes the kernel's packet filter. Clients reach it through librlv-client; it takes\n"
+    "-F, -N, -X, -A and -D on chains with its prefix, and in INPUT and OUTPUT only -A and -D of a jump to such a\n"
+    "chain, all in the IPv4 filter table. It serves root and the accounts named with --client-user.";
+
+constexpr const char *kExamples =
+    "Examples:\n"
+    "  rlvd --client-user vpk    serve the account vpk beside root\n"
+    "  rlvd --remove-tables      take its hooks and chains out of the kernel again\n"
+    "  rlvd --simulate --client-user \"$USER\" --socket ~/rlvd --log-stderr\n"
+    "                            try things out, without a kernel and without being root\n"
+    "\n"
+    "SIGTERM and SIGINT end the service; the rules stay in force. Started by a service manager, it reports\n"
+    "READY=1 to $NOTIFY_SOCKET when clients can connect.";
+
+struct Arguments {
+    std::string socket = rlv::kDefaultSocketPath;
+    std::vector<std::string> clientUsers;
+    std::string socketGroup;
+    std::string logFile;
+    bool logStderr = false;
+    bool logSyslog = false;
+    bool noResolve = false;
+    bool removeTables = false;
+    long idleSeconds = 600;
+    rlv::ServiceOptions service;
+};
+
+void addServingOptions(CLI::App &app, Arguments &arguments) {
+    auto &service = arguments.service;
+    app.add_option("--socket", arguments.socket, "Where clients connect (mode 0660)")->capture_default_str();
+    app.add_option("--client-user", arguments.clientUsers, "An account to serve beside root; may be given repeatedly")
+        ->type_name("NAME")
+        ->allow_extra_args(false);
+    app.add_option("--socket-group", arguments.socketGroup,
+                   "The group of the socket; if not given, that of the first --client-user")
+        ->type_name("NAME");
+    app.add_option("--max-clients", service.maxClients, "How many clients are served at a time")
+        ->check(CLI::Range(1, 512))
+        ->capture_default_str();
+    app.add_option("--max-clients-per-user", service.maxClientsPerUser, "How many of them of one account")
+        ->check(CLI::Range(1, 512))
+        ->capture_default_str();
+    app.add_option("--idle-timeout", arguments.idleSeconds, "After how many seconds a silent connection is cut off")
+        ->check(CLI::Range(1, 86'400))
+        ->capture_default_str();
+}
+
+// A prefix that a built-in chain has would open that chain to -F. Empty when there is nothing wrong.
+std::string faultOfPrefix(const std::string &prefix) {
+    constexpr std::size_t kMaxBytes = 20;
+    const auto allowed = [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '-' || c == '_';
+    };
+    const bool plain = !prefix.empty() && prefix.size() <= kMaxBytes &&
+                       std::isalpha(static_cast<unsigned char>(prefix[0])) != 0 &&
+                       std::all_of(prefix.begin(), prefix.end(), allowed);
+    if (!plain)
+        return "must be 1 to 20 letters, digits, - and _, the first a letter";
+    for (const std::string_view builtIn : {"INPUT", "FORWARD", "OUTPUT", "PREROUTING", "POSTROUTING"}) {
+        if (builtIn.substr(0, prefix.size()) == prefix)
+            return "must not be what the name of a built-in chain begins with";
+    }
+    return {};
+}
+
+void addTableOptions(CLI::App &app, Arguments &arguments) {
+    app.add_option("--chain-prefix", arguments.service.chainPrefix, "The chains that may be changed begin with this")
+        ->check(&faultOfPrefix)
+        ->capture_default_str();
+    app.add_flag("--no-resolve", arguments.noResolve, "Refuse host names in place of addresses");
+    app.add_flag("--simulate", arguments.service.simulated, "Keep the chains in memory; the kernel is not touched");
+    app.add_flag("--remove-tables", arguments.removeTables,
+                 "Take the hooks and the chains with the prefix out of the kernel, and exit");
+}
+
+void addLogOptions(CLI::App &app, Arguments &arguments) {
+    auto *file = app.add_option("--log-file", arguments.logFile, "Log to this file instead of the system log");
+    auto *err = app.add_flag("--log-stderr", arguments.logStderr, "Log to standard error instead of the system log");
+    auto *syslog = app.add_flag("--log-syslog", arguments.logSyslog, "Log to the system log (this is the default)");
+    err->excludes(file)->excludes(syslog);
+    syslog->excludes(file);
+    app.add_flag("--verbose", arguments.service.logAccepted, "Log accepted commands too, not only refused ones");
+}
+
+void chooseLog(const Arguments &arguments) {
+    if (!arguments.logFile.empty()) {
+        vlog::FileSink file;
+        file.path = arguments.logFile;
+        vlog::useFile(file);
+    } else if (arguments.logStderr) {
+        vlog::useStandardError();
+    } else {
+        vlog::useSystemLog("rlvd");
+    }
+}
+
+// An account's number is as good as its name.
+const passwd &account(const std::string &name) {
+    const passwd *found = ::getpwnam(name.c_str());
+    char *end = nullptr;
+    const unsigned long number = std::strtoul(name.c_str(), &end, 10);
+    if (found == nullptr && !name.empty() && name[0] >= '0' && name[0] <= '9' && *end == '\0')
+        found = ::getpwuid(static_cast<uid_t>(number));
+    if (found == nullptr)
+        throw std::runtime_error("--client-user " + name + ": no such account");
+    return *found;
+}
+
+gid_t resolveAccounts(Arguments &arguments) {
+    std::optional<gid_t> group;
+    for (const auto &name : arguments.clientUsers) {
+        const passwd &user = account(name);
+        arguments.service.users.insert(user.pw_uid);
+        group = group.value_or(user.pw_gid);
+    }
+    if (!arguments.socketGroup.empty()) {
+        const struct group *named = ::getgrnam(arguments.socketGroup.c_str());
+        if (named == nullptr)
+            throw std::runtime_error("--socket-group " + arguments.socketGroup + ": no such group");
+        group = named->gr_gid;
+    }
+    return group.value_or(::getegid());
+}
+
+std::unique_ptr<rlv::Table> openTable(const rlv::ServiceOptions &options) {
+    return options.simulated ? rlv::makeSimulatedTable(options.chainPrefix) : rlv::openKernelTable(options.chainPrefix);
+}
+
+int removeTables(const rlv::ServiceOptions &options) {
+    const rlv::Answer answer = openTable(options)->removeAll();
+    RLVD_INFO("hooks and chains taken out: %s", answer.code == 0 ? "all" : answer.message.c_str());
+    if (answer.code == 0)
+        return EXIT_SUCCESS;
+    std::fprintf(stderr, "rlvd: %s\n", answer.message.c_str());
+    return EXIT_FAILURE;
+}
+
+// The signals that end the service, as a descriptor. Blocked from now on.
+support::UniqueFd stopSignals() {
+    sigset_t signals;
+    ::sigemptyset(&signals);
+    for (const int number : {SIGTERM, SIGINT, SIGHUP})
+        ::sigaddset(&signals, number);
+    ::sigprocmask(SIG_BLOCK, &signals, nullptr);
+    support::UniqueFd fd(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!fd)
+        throw std::system_error(errno, std::generic_category(), "signalfd");
+    return fd;
+}
+
+// Tells a service manager, if there is one (sd_notify(3) describes the datagram), that clients can connect.
+void notifyReady() {
+    const char *path = std::getenv("NOTIFY_SOCKET");
+    sockaddr_un address{};
+    if (path == nullptr || std::strlen(path) < 2 || std::strlen(path) > sizeof address.sun_path)
+        return;
+    address.sun_family = AF_UNIX;
+    const std::size_t length = std::strlen(path);
+    std::memcpy(address.sun_path, path, length);
+    if (path[0] == '@')
+        address.sun_path[0] = '\0'; // an abstract address
+    constexpr std::string_view kReady = "READY=1";
+    const support::UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);
+    if (::sendto(fd.get(), kReady.data(), kReady.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&address),
+                 size) < 0)
+        RLVD_ERROR("the service manager cannot be told that the service is ready: %s", std::strerror(errno));
+}
+
+int serve(Arguments &arguments) {
+    const gid_t group = resolveAccounts(arguments);
+    const support::UniqueFd signals = stopSignals();
+    if (arguments.socket == rlv::kDefaultSocketPath)
+        support::makeDirectory(arguments.socket.substr(0, arguments.socket.find_last_of('/')), 0755);
+    const auto table = openTable(arguments.service);
+    rlv::ServiceState readable;
+    table->describe(readable); // throws now, rather than failing every client, without the privilege or nf_tables
+    rlv::ServiceSocket socket(arguments.socket, group);
+    support::EventLoop loop;
+    const rlv::Service service(loop, *table, socket.takeListener(), arguments.service);
+    int signalNumber = 0;
+    loop.watch(signals.get(), EPOLLIN, [&](std::uint32_t) {
+        signalfd_siginfo received{};
+        if (::read(signals.get(), &received, sizeof received) == static_cast<ssize_t>(sizeof received))
+            signalNumber = static_cast<int>(received.ssi_signo);
+        loop.stop();
+    });
+    RLVD_INFO("serving %s, chains %s*%s", arguments.socket.c_str(), arguments.service.chainPrefix.c_str(),
+              arguments.service.simulated ? ", simulated" : "");
+    notifyReady();
+    loop.run();
+    RLVD_INFO("ended by signal %d", signalNumber);
+    return EXIT_SUCCESS;
+}
+
+// Descriptors 0 to 2 must be somebody's, or a socket gets their number.
+void fillStandardStreams() {
+    int fd = 0;
+    while ((fd = ::open("/dev/null", O_RDWR)) >= 0 && fd <= STDERR_FILENO) {
+    }
+    ::close(fd);
+}
+
+int run(Arguments &arguments) {
+    try {
+        arguments.service.resolveNames = !arguments.noResolve;
+        arguments.service.maxIdle = std::chrono::seconds(arguments.idleSeconds);
+        arguments.service.patience = std::min(arguments.service.patience, arguments.service.maxIdle);
+        chooseLog(arguments);
+        return arguments.removeTables ? removeTables(arguments.service) : serve(arguments);
+    } catch (const std::exception &error) {
+        std::fprintf(stderr, "rlvd: %s\n", error.what());
+        if (!arguments.logStderr)
+            RLVD_ERROR("ended: %s", error.what());
+        return EXIT_FAILURE;
+    }
+}
+
+int parseAndRun(int argc, char **argv) {
+    Arguments arguments;
+    CLI::App app(kDescription, "rlvd");
+    app.footer(kExamples);
+    app.set_version_flag("--version", "rlvd " NYR_VERSION);
+    addServingOptions(app, arguments);
+    addTableOptions(app, arguments);
+    addLogOptions(app, arguments);
+    CLI11_PARSE(app, argc, argv);
+    return run(arguments);
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    try {
+        fillStandardStreams();
+        ::signal(SIGPIPE, SIG_IGN);
+        return parseAndRun(argc, argv);
+    } catch (...) { // exhausted memory is all that is left
+        return EXIT_FAILURE;
+    }
+}

@@ -1,0 +1,82 @@
+// What the service does for one client.
+#ifndef PLATFORM_RLV_SERVICE_SERVICE_SESSION_H
+#define PLATFORM_RLV_SERVICE_SERVICE_SESSION_H
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "rlv/protocol.h"
+#include "rlv/service/connection-history.h"
+#include "rlv/service/connection.h"
+#include "rlv/service/resolver.h"
+#include "rlv/table/table.h"
+
+namespace rlv {
+
+// What all sessions share. The service owns it.
+struct ServiceContext {
+    support::EventLoop &loop;
+    Table &table;
+    ConnectionHistory history;
+    std::string chainPrefix;
+    bool resolveNames = true;
+    bool logAccepted = false;
+    bool simulated = false;
+    std::uint64_t serviceId = 0;
+};
+
+// Answers one client's requests in their order. A look-up holds up this client alone.
+class Session : private Connection::Handler {
+public:
+    Session(ServiceContext &context, support::UniqueFd fd, const Asker &asker);
+    ~Session() override;
+
+    // `ended` is called once, when the client is gone; the session may not be deleted before that returns.
+    void onEnd(std::function<void()> ended) { ended_ = std::move(ended); }
+
+    const Asker &asker() const { return asker_; }
+    // A connection (rather than a client that has only asked, or said nothing yet).
+    bool isOpen() const { return number_ != 0; }
+    const Connection &connection() const { return connection_; }
+    // Ends it as if the client had vanished, for the reason that the log gets.
+    void end(const char *reason);
+
+private:
+    void received(const std::string &packet, std::size_t sizeBytes) override;
+    void gone() override;
+
+    void dispatch(const protocol::Request &request, std::size_t textBytes);
+    void open(const protocol::Request &request);
+    void commit(const protocol::Request &request, std::size_t textBytes);
+    void close();
+    void query(const protocol::Request &request);
+    void refuse(int error, const std::string &message);
+
+    void resolveAndApply();
+    std::optional<Answer> resolve(const std::string &name);
+    void lookUp(const std::string &name);
+    Answer applyToAddresses();
+    void answer(const Answer &answer);
+    void fail(const char *what);
+    void finish(ConnectionEnd how);
+
+    ServiceContext &context_;
+    Asker asker_;
+    std::function<void()> ended_;
+    std::uint64_t number_ = 0;
+    std::string options_; // of the command under way
+    Command command_;
+    // What this connection has learnt; an empty list is a name without addresses.
+    std::map<std::string, Addresses> addresses_;
+    std::chrono::milliseconds lookUpTimeLeft_;
+    std::unique_ptr<LookUp> lookUp_;
+    Connection connection_;
+};
+
+} // namespace rlv
+
+#endif

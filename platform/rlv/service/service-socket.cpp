@@ -1,0 +1,98 @@
+#include "rlv/service/service-socket.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <stdexcept>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+namespace rlv {
+namespace {
+
+constexpr int kBacklog = 64;
+constexpr mode_t kSocketMode = 0660;
+
+[[noreturn]] void failWith(const std::string &what) { throw std::runtime_error(what + ": " + std::strerror(errno)); }
+
+sockaddr_un addressOf(const std::string &path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof address.sun_path)
+        throw std::runtime_error("socket path \"" + path + "\": must have 1 to " +
+                                 std::to_string(sizeof address.sun_path - 1) + " bytes");
+    std::memcpy(address.sun_path, path.data(), path.size());
+    return address;
+}
+
+support::UniqueFd newSocket() {
+    auto fd = support::aboveStandardStreams(
+        support::UniqueFd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)));
+    if (!fd)
+        failWith("socket");
+    return fd;
+}
+
+bool somebodyListens(const std::string &path) {
+    const sockaddr_un address = addressOf(path);
+    const auto fd = newSocket();
+    // EPROTOTYPE: of another kind, but somebody's. EAGAIN: somebody who is busy.
+    return ::connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 || errno == EAGAIN ||
+           errno == EPROTOTYPE;
+}
+
+} // namespace
+
+ServiceSocket::ServiceSocket(const std::string &path, gid_t group) : path_(path) {
+    lock();
+    removeLeftOver();
+    bindAndListen(group);
+}
+
+ServiceSocket::~ServiceSocket() {
+    if (bound_)
+        ::unlink(path_.c_str());
+}
+
+void ServiceSocket::lock() {
+    const std::string path = path_ + ".lock";
+    lock_ = support::aboveStandardStreams(
+        support::UniqueFd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)));
+    if (!lock_)
+        failWith(path);
+    if (::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0)
+        throw std::runtime_error(path_ + ": another service is running there");
+}
+
+void ServiceSocket::removeLeftOver() const {
+    struct stat found {};
+    if (::lstat(path_.c_str(), &found) != 0)
+        return;
+    if (!S_ISSOCK(found.st_mode))
+        throw std::runtime_error(path_ + ": is there and no socket");
+    if (somebodyListens(path_))
+        throw std::runtime_error(path_ + ": another service is running there");
+    if (::unlink(path_.c_str()) != 0)
+        failWith(path_);
+}
+
+// Nobody can connect before it listens, and then it has its mode.
+void ServiceSocket::bindAndListen(gid_t group) {
+    const sockaddr_un address = addressOf(path_);
+    listener_ = newSocket();
+    if (::bind(listener_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
+        failWith(path_);
+    bound_ = true;
+    if (::chown(path_.c_str(), static_cast<uid_t>(-1), group) != 0 || ::chmod(path_.c_str(), kSocketMode) != 0 ||
+        ::listen(listener_.get(), kBacklog) != 0) {
+        const int error = errno;
+        ::unlink(path_.c_str());
+        errno = error;
+        failWith(path_);
+    }
+}
+
+} // namespace rlv

@@ -1,0 +1,222 @@
+#include "rlv/table/netlink.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <sys/socket.h>
+#include <system_error>
+
+#include <libmnl/libmnl.h>
+#include <libnftnl/batch.h>
+#include <libnftnl/common.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
+
+namespace rlv {
+
+namespace {
+
+// One dump datagram; the kernel fills up to 32 KiB when the reader offers them.
+constexpr std::size_t kReceiveBytes = std::size_t{64} * 1024;
+constexpr std::size_t kMessageBytes = std::size_t{8} * 1024;
+// Refusals come one per message; the kernel gives none to a reader whose buffer is full.
+constexpr int kReceiveBufferBytes = 4 * 1024 * 1024;
+
+using MessageBuffer = std::array<char, kMessageBytes>;
+
+[[noreturn]] void fail(const char *what) { throw std::system_error(errno, std::generic_category(), what); }
+
+void append(std::vector<char> &bytes, const nlmsghdr *message) {
+    const auto *const first = reinterpret_cast<const char *>(message);
+    bytes.insert(bytes.end(), first, first + message->nlmsg_len);
+}
+
+nlmsghdr *headerAt(std::vector<char> &bytes, std::size_t offset) {
+    return reinterpret_cast<nlmsghdr *>(bytes.data() + offset);
+}
+
+bool setBufferSize(int fd, int privileged, int plain, int bytes) {
+    return ::setsockopt(fd, SOL_SOCKET, privileged, &bytes, sizeof bytes) == 0 ||
+           ::setsockopt(fd, SOL_SOCKET, plain, &bytes, sizeof bytes) == 0;
+}
+
+// The error that an NLMSG_ERROR carries; 0 is an acknowledgement.
+int errorOf(const nlmsghdr *message) {
+    const auto *const error = static_cast<const nlmsgerr *>(mnl_nlmsg_get_payload(message));
+    return message->nlmsg_len < mnl_nlmsg_size(sizeof *error) ? EBADMSG : -error->error;
+}
+
+int takeGeneration(const nlattr *attribute, void *to) {
+    if (mnl_attr_get_type(attribute) == NFTA_GEN_ID)
+        *static_cast<std::optional<std::uint32_t> *>(to) = ntohl(mnl_attr_get_u32(attribute));
+    return MNL_CB_OK;
+}
+
+// Calls back with each message of a datagram.
+template <typename Callback> void forEachMessage(std::vector<char> &bytes, std::size_t size, Callback callback) {
+    int left = static_cast<int>(size);
+    for (const nlmsghdr *message = headerAt(bytes, 0); mnl_nlmsg_ok(message, left);
+         message = mnl_nlmsg_next(message, &left))
+        callback(message);
+}
+
+} // namespace
+
+void Batch::add(std::uint16_t type, std::uint16_t flags, const std::function<void(nlmsghdr *)> &fill) {
+    alignas(nlmsghdr) MessageBuffer buffer;
+    nlmsghdr *const message = nftnl_nlmsg_build_hdr(buffer.data(), type, NFPROTO_IPV4, flags, 0);
+    fill(message);
+    offsets_.push_back(bytes_.size());
+    append(bytes_, message);
+}
+
+Netlink::Netlink()
+    : socket_(support::aboveStandardStreams(
+          support::UniqueFd(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_NETFILTER)))),
+      buffer_(kReceiveBytes) {
+    if (!socket_)
+        fail("netlink socket");
+    sockaddr_nl address{};
+    address.nl_family = AF_NETLINK;
+    if (::bind(socket_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
+        fail("netlink bind");
+    setBufferSize(socket_.get(), SO_RCVBUFFORCE, SO_RCVBUF, kReceiveBufferBytes);
+    // Refusals need not quote what was refused.
+    const int on = 1;
+    ::setsockopt(socket_.get(), SOL_NETLINK, NETLINK_CAP_ACK, &on, sizeof on);
+}
+
+void Netlink::send(const void *bytes, std::size_t size) {
+    // The kernel takes a transaction in one piece, and its own bookkeeping counts against the same limit.
+    if (const std::size_t wanted = size * 2 + kReceiveBytes; wanted > sendBufferBytes_) {
+        setBufferSize(socket_.get(), SO_SNDBUFFORCE, SO_SNDBUF, static_cast<int>(wanted));
+        sendBufferBytes_ = wanted;
+    }
+    sockaddr_nl kernel{};
+    kernel.nl_family = AF_NETLINK;
+    ssize_t sent = 0;
+    do {
+        sent = ::sendto(socket_.get(), bytes, size, 0, reinterpret_cast<const sockaddr *>(&kernel), sizeof kernel);
+    } while (sent < 0 && errno == EINTR);
+    if (sent < 0)
+        fail("netlink send");
+}
+
+std::optional<std::size_t> Netlink::receive(Wait wait) {
+    for (;;) {
+        sockaddr_nl sender{};
+        socklen_t length = sizeof sender;
+        const int flags = MSG_TRUNC | (wait == Wait::notAtAll ? MSG_DONTWAIT : 0);
+        const ssize_t got = ::recvfrom(socket_.get(), buffer_.data(), buffer_.size(), flags,
+                                       reinterpret_cast<sockaddr *>(&sender), &length);
+        // Where refusals overflow, the missing acknowledgement tells.
+        if (got < 0 && (errno == EINTR || (errno == ENOBUFS && wait == Wait::notAtAll)))
+            continue;
+        if (got < 0 && errno == EAGAIN && wait == Wait::notAtAll)
+            return std::nullopt;
+        if (got < 0)
+            fail("netlink receive");
+        if (static_cast<std::size_t>(got) > buffer_.size()) {
+            errno = EMSGSIZE;
+            fail("netlink receive");
+        }
+        if (sender.nl_pid == 0)
+            return static_cast<std::size_t>(got);
+    }
+}
+
+std::uint32_t Netlink::generation() {
+    alignas(nlmsghdr) MessageBuffer buffer;
+    const std::uint32_t sequence = ++sequence_;
+    nlmsghdr *const request = nftnl_nlmsg_build_hdr(buffer.data(), NFT_MSG_GETGEN, AF_UNSPEC, 0, sequence);
+    send(request, request->nlmsg_len);
+    std::optional<std::uint32_t> generation;
+    while (!generation) {
+        const auto size = receive(Wait::forMore);
+        forEachMessage(buffer_, *size, [&](const nlmsghdr *message) {
+            if (message->nlmsg_seq != sequence)
+                return;
+            if (message->nlmsg_type == NLMSG_ERROR) {
+                errno = errorOf(message);
+                fail("nf_tables generation");
+            }
+            mnl_attr_parse(message, sizeof(nfgenmsg), takeGeneration, &generation);
+        });
+    }
+    return *generation;
+}
+
+std::optional<BatchFailure> Netlink::commit(const Batch &batch, std::optional<std::uint32_t> generation) {
+    if (batch.size() == 0)
+        return std::nullopt;
+    const std::uint32_t first = sequence_ + 1;
+    sequence_ += static_cast<std::uint32_t>(batch.size()) + 2;
+
+    std::vector<char> bytes;
+    alignas(nlmsghdr) MessageBuffer edge;
+    nlmsghdr *const begin = nftnl_batch_begin(edge.data(), first);
+    if (generation)
+        mnl_attr_put_u32(begin, NFNL_BATCH_GENID, htonl(*generation));
+    append(bytes, begin);
+    const std::size_t start = bytes.size();
+    bytes.insert(bytes.end(), batch.bytes_.begin(), batch.bytes_.end());
+    for (std::size_t i = 0; i < batch.size(); ++i)
+        headerAt(bytes, start + batch.offsets_[i])->nlmsg_seq = first + 1 + static_cast<std::uint32_t>(i);
+    headerAt(bytes, start + batch.offsets_.back())->nlmsg_flags |= NLM_F_ACK;
+    append(bytes, nftnl_batch_end(edge.data(), sequence_));
+    send(bytes.data(), bytes.size());
+    return collectFailure(first, batch.size());
+}
+
+// The kernel has done its work when the sending returns, so whatever it has to say is there.
+std::optional<BatchFailure> Netlink::collectFailure(std::uint32_t firstSequence, std::size_t messages) {
+    std::optional<BatchFailure> failure;
+    bool acknowledged = false;
+    while (const auto size = receive(Wait::notAtAll)) {
+        forEachMessage(buffer_, *size, [&](const nlmsghdr *message) {
+            const std::uint32_t place = message->nlmsg_seq - firstSequence;
+            if (message->nlmsg_type != NLMSG_ERROR || place > messages)
+                return;
+            const int error = errorOf(message);
+            acknowledged = acknowledged || (error == 0 && place == messages);
+            if (error == 0 || failure)
+                return;
+            failure = BatchFailure{place == 0 ? std::nullopt : std::optional<std::size_t>(place - 1), error};
+        });
+    }
+    if (!failure && !acknowledged)
+        failure = BatchFailure{std::nullopt, ENOBUFS};
+    return failure;
+}
+
+bool Netlink::dump(std::uint16_t type, const std::function<void(nlmsghdr *)> &fill,
+                   const std::function<void(const nlmsghdr *)> &seen) {
+    alignas(nlmsghdr) MessageBuffer buffer;
+    const std::uint32_t sequence = ++sequence_;
+    nlmsghdr *const request = nftnl_nlmsg_build_hdr(buffer.data(), type, NFPROTO_IPV4, NLM_F_DUMP, sequence);
+    fill(request);
+    send(request, request->nlmsg_len);
+    bool whole = true;
+    bool done = false;
+    while (!done) {
+        const auto size = receive(Wait::forMore);
+        forEachMessage(buffer_, *size, [&](const nlmsghdr *message) {
+            if (message->nlmsg_seq != sequence)
+                return;
+            whole = whole && (message->nlmsg_flags & NLM_F_DUMP_INTR) == 0;
+            done = done || message->nlmsg_type == NLMSG_DONE || message->nlmsg_type == NLMSG_ERROR;
+            if (message->nlmsg_type == NLMSG_ERROR && errorOf(message) != ENOENT) {
+                errno = errorOf(message);
+                fail("nf_tables dump");
+            }
+            if (message->nlmsg_type >= NLMSG_MIN_TYPE)
+                seen(message);
+        });
+    }
+    return whole;
+}
+
+} // namespace rlv

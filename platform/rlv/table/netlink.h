@@ -1,0 +1,72 @@
+// The netlink socket to nf_tables: transactions and dumps. Knows messages, not what stands in them.
+#ifndef PLATFORM_RLV_TABLE_NETLINK_H
+#define PLATFORM_RLV_TABLE_NETLINK_H
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <vector>
+
+#include <linux/netlink.h>
+
+#include "support/unique-fd.h"
+
+namespace rlv {
+
+// The messages of one transaction, in the order in which the kernel carries them out.
+class Batch {
+public:
+    // Adds a message of nf_tables (NFT_MSG_...) for IPv4 with NLM_F_... flags. `fill` puts in the attributes, at most
+    // 4 KiB of them.
+    void add(std::uint16_t type, std::uint16_t flags, const std::function<void(nlmsghdr *)> &fill);
+
+    std::size_t size() const { return offsets_.size(); }
+
+private:
+    friend class Netlink;
+
+    std::vector<char> bytes_;
+    std::vector<std::size_t> offsets_; // where each message begins
+};
+
+// Which message the kernel refused, counted from 0; none when it refused the transaction as a whole.
+struct BatchFailure {
+    std::optional<std::size_t> message;
+    int error = 0; // an errno; ERESTART when the generation was another one
+};
+
+// Not thread-safe. Blocks for as long as the kernel works. Throws std::system_error when the socket fails.
+class Netlink {
+public:
+    // Binds to the network namespace of the caller, for good.
+    Netlink();
+
+    // The number that changes with every transaction of anybody.
+    std::uint32_t generation();
+
+    // Commits the messages, all of them or none. With a generation, only if nothing has changed since.
+    std::optional<BatchFailure> commit(const Batch &batch, std::optional<std::uint32_t> generation = std::nullopt);
+
+    // Calls back with every message that a dump request of this type gives. What was seen may be mixed from several
+    // generations, and then false comes back.
+    [[nodiscard]] bool dump(std::uint16_t type, const std::function<void(nlmsghdr *)> &fill,
+                            const std::function<void(const nlmsghdr *)> &seen);
+
+private:
+    enum class Wait { forMore, notAtAll };
+
+    void send(const void *bytes, std::size_t size);
+    // Reads one datagram into buffer_; the number of its bytes, none when there is nothing.
+    std::optional<std::size_t> receive(Wait wait);
+    std::optional<BatchFailure> collectFailure(std::uint32_t firstSequence, std::size_t messages);
+
+    support::UniqueFd socket_;
+    std::uint32_t sequence_ = 0;
+    std::size_t sendBufferBytes_ = 0;
+    std::vector<char> buffer_;
+};
+
+} // namespace rlv
+
+#endif

@@ -1,0 +1,422 @@
+#include "rlv/table/rule-expressions.h"
+
+#include <arpa/inet.h>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <map>
+#include <netinet/in.h>
+#include <new>
+#include <utility>
+
+#include <libnftnl/expr.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nf_tables.h>
+
+#include "rlv/table/protocols.h"
+#include "rlv/table/xtables-info.h"
+
+namespace rlv {
+
+namespace {
+
+constexpr std::uint32_t kSourceOffset = 12; // of the addresses in the IPv4 header
+constexpr std::uint32_t kDestinationOffset = 16;
+constexpr std::uint32_t kAddressBytes = 4;
+constexpr std::uint32_t kSourcePortOffset = 0; // of the ports in every transport header that has them
+constexpr std::uint32_t kDestinationPortOffset = 2;
+constexpr std::uint32_t kPortBytes = 2;
+
+std::uint32_t maskOf(unsigned prefixLength) { return prefixLength == 0 ? 0 : ~std::uint32_t{0} << (32 - prefixLength); }
+
+bool isSingle(const std::optional<PortRange> &ports) { return ports && ports->first == ports->last; }
+
+bool isFull(const std::optional<PortRange> &ports) { return ports && ports->first == 0 && ports->last == UINT16_MAX; }
+
+// Puts expressions into a rule, in the order of the calls.
+class Encoder {
+public:
+    Encoder(nftnl_rule *rule, const Rule &source) : rule_(rule), source_(source) {}
+
+    void encode() {
+        if (source_.protocol)
+            addProtocol();
+        addNetwork(source_.source, kSourceOffset);
+        addNetwork(source_.destination, kDestinationOffset);
+        addPorts();
+        addCounter();
+        addTarget();
+    }
+
+private:
+    nftnl_expr *add(const char *name) {
+        nftnl_expr *const expression = nftnl_expr_alloc(name);
+        if (expression == nullptr)
+            throw std::bad_alloc();
+        nftnl_rule_add_expr(rule_, expression);
+        return expression;
+    }
+
+    void addPayload(std::uint32_t base, std::uint32_t offset, std::uint32_t bytes) {
+        nftnl_expr *const load = add("payload");
+        nftnl_expr_set_u32(load, NFTNL_EXPR_PAYLOAD_DREG, NFT_REG_1);
+        nftnl_expr_set_u32(load, NFTNL_EXPR_PAYLOAD_BASE, base);
+        nftnl_expr_set_u32(load, NFTNL_EXPR_PAYLOAD_OFFSET, offset);
+        nftnl_expr_set_u32(load, NFTNL_EXPR_PAYLOAD_LEN, bytes);
+    }
+
+    void addCompare(std::uint32_t operation, const void *data, std::uint32_t bytes) {
+        nftnl_expr *const compare = add("cmp");
+        nftnl_expr_set_u32(compare, NFTNL_EXPR_CMP_SREG, NFT_REG_1);
+        nftnl_expr_set_u32(compare, NFTNL_EXPR_CMP_OP, operation);
+        nftnl_expr_set(compare, NFTNL_EXPR_CMP_DATA, data, bytes);
+    }
+
+    void addProtocol() {
+        nftnl_expr *const load = add("meta");
+        nftnl_expr_set_u32(load, NFTNL_EXPR_META_KEY, NFT_META_L4PROTO);
+        nftnl_expr_set_u32(load, NFTNL_EXPR_META_DREG, NFT_REG_1);
+        addCompare(NFT_CMP_EQ, &*source_.protocol, sizeof *source_.protocol);
+    }
+
+    // Loads no more bytes than the prefix covers, and masks only prefixes that end within a byte.
+    void addNetwork(const std::optional<Network> &network, std::uint32_t offset) {
+        if (!network)
+            return;
+        const std::uint32_t address = htonl(network->address);
+        const bool wholeBytes = network->prefixLength % 8 == 0;
+        const std::uint32_t bytes = wholeBytes ? network->prefixLength / 8U : kAddressBytes;
+        addPayload(NFT_PAYLOAD_NETWORK_HEADER, offset, bytes);
+        if (!wholeBytes)
+            addMask(htonl(maskOf(network->prefixLength)));
+        addCompare(NFT_CMP_EQ, &address, bytes);
+    }
+
+    void addMask(std::uint32_t mask) {
+        const std::uint32_t zero = 0;
+        nftnl_expr *const bitwise = add("bitwise");
+        nftnl_expr_set_u32(bitwise, NFTNL_EXPR_BITWISE_SREG, NFT_REG_1);
+        nftnl_expr_set_u32(bitwise, NFTNL_EXPR_BITWISE_DREG, NFT_REG_1);
+        nftnl_expr_set_u32(bitwise, NFTNL_EXPR_BITWISE_LEN, sizeof mask);
+        nftnl_expr_set(bitwise, NFTNL_EXPR_BITWISE_MASK, &mask, sizeof mask);
+        nftnl_expr_set(bitwise, NFTNL_EXPR_BITWISE_XOR, &zero, sizeof zero);
+    }
+
+    void addPorts() {
+        if (!source_.protocol || (!source_.sourcePorts && !source_.destinationPorts))
+            return;
+        const std::uint8_t protocol = *source_.protocol;
+        if (dropsFullPortRange(protocol) && !isFull(source_.sourcePorts) && !isFull(source_.destinationPorts))
+            addPlainPorts();
+        else
+            addPortsMatch(protocol);
+    }
+
+    void addPlainPorts() {
+        if (isSingle(source_.sourcePorts) && isSingle(source_.destinationPorts)) {
+            const std::array<std::uint16_t, 2> both{htons(source_.sourcePorts->first),
+                                                    htons(source_.destinationPorts->first)};
+            addPayload(NFT_PAYLOAD_TRANSPORT_HEADER, kSourcePortOffset, sizeof both);
+            addCompare(NFT_CMP_EQ, both.data(), sizeof both);
+            return;
+        }
+        addPortRange(source_.sourcePorts, kSourcePortOffset);
+        addPortRange(source_.destinationPorts, kDestinationPortOffset);
+    }
+
+    void addPortRange(const std::optional<PortRange> &ports, std::uint32_t offset) {
+        if (!ports)
+            return;
+        const std::uint16_t first = htons(ports->first);
+        const std::uint16_t last = htons(ports->last);
+        addPayload(NFT_PAYLOAD_TRANSPORT_HEADER, offset, kPortBytes);
+        if (ports->first == ports->last) {
+            addCompare(NFT_CMP_EQ, &first, sizeof first);
+        } else if (ports->first == 0) {
+            addCompare(NFT_CMP_LTE, &last, sizeof last);
+        } else {
+            nftnl_expr *const range = add("range");
+            nftnl_expr_set_u32(range, NFTNL_EXPR_RANGE_SREG, NFT_REG_1);
+            nftnl_expr_set_u32(range, NFTNL_EXPR_RANGE_OP, NFT_RANGE_EQ);
+            nftnl_expr_set(range, NFTNL_EXPR_RANGE_FROM_DATA, &first, sizeof first);
+            nftnl_expr_set(range, NFTNL_EXPR_RANGE_TO_DATA, &last, sizeof last);
+        }
+    }
+
+    void addPortsMatch(std::uint8_t protocol) {
+        // The names of the kernel's matches, not those of this machine's list of protocols.
+        static const std::map<std::uint8_t, std::string> names{
+            {IPPROTO_TCP, "tcp"}, {IPPROTO_UDP, "udp"}, {IPPROTO_SCTP, "sctp"}, {IPPROTO_DCCP, "dccp"}};
+        const std::string &name = names.at(protocol);
+        nftnl_expr *const match = add("match");
+        nftnl_expr_set(match, NFTNL_EXPR_MT_NAME, name.c_str(), static_cast<std::uint32_t>(name.size()));
+        nftnl_expr_set_u32(match, NFTNL_EXPR_MT_REV, 0);
+        setInfo(match, NFTNL_EXPR_MT_INFO, makePortsInfo(name, {source_.sourcePorts, source_.destinationPorts}));
+        // What the kernel checks the match against.
+        nftnl_rule_set_u32(rule_, NFTNL_RULE_COMPAT_PROTO, protocol);
+        nftnl_rule_set_u32(rule_, NFTNL_RULE_COMPAT_FLAGS, 0);
+    }
+
+    static void setInfo(nftnl_expr *expression, std::uint16_t attribute, const XtablesInfo &info) {
+        void *const copy = std::malloc(info.size()); // the expression frees it
+        if (copy == nullptr)
+            throw std::bad_alloc();
+        std::memcpy(copy, info.data(), info.size());
+        nftnl_expr_set(expression, attribute, copy, static_cast<std::uint32_t>(info.size()));
+    } // NOLINT(clang-analyzer-unix.Malloc): it cannot see into the library
+
+    void addCounter() {
+        nftnl_expr *const counter = add("counter");
+        nftnl_expr_set_u64(counter, NFTNL_EXPR_CTR_PACKETS, 0);
+        nftnl_expr_set_u64(counter, NFTNL_EXPR_CTR_BYTES, 0);
+    }
+
+    void addTarget() {
+        switch (source_.target.kind) {
+        case Target::Kind::accept:
+            addVerdict(NF_ACCEPT);
+            return;
+        case Target::Kind::drop:
+            addVerdict(NF_DROP);
+            return;
+        case Target::Kind::jump:
+            nftnl_expr_set_str(addVerdict(NFT_JUMP), NFTNL_EXPR_IMM_CHAIN, source_.target.text.c_str());
+            return;
+        case Target::Kind::log:
+            break;
+        }
+        nftnl_expr *const target = add("target");
+        nftnl_expr_set(target, NFTNL_EXPR_TG_NAME, "LOG", sizeof "LOG" - 1);
+        nftnl_expr_set_u32(target, NFTNL_EXPR_TG_REV, 0);
+        setInfo(target, NFTNL_EXPR_TG_INFO, makeLogInfo(source_.target.text));
+    }
+
+    nftnl_expr *addVerdict(int verdict) {
+        nftnl_expr *const immediate = add("immediate");
+        nftnl_expr_set_u32(immediate, NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
+        nftnl_expr_set_u32(immediate, NFTNL_EXPR_IMM_VERDICT, static_cast<std::uint32_t>(verdict));
+        return immediate;
+    }
+
+    nftnl_rule *rule_;
+    const Rule &source_;
+};
+
+// Reads expressions one by one. Each step says false for what a Rule cannot hold.
+class Decoder {
+public:
+    bool step(const nftnl_expr *expression) {
+        using Step = bool (Decoder::*)(const nftnl_expr *);
+        static const std::map<std::string, Step> steps{
+            {"meta", &Decoder::meta},        {"payload", &Decoder::payload}, {"bitwise", &Decoder::bitwise},
+            {"cmp", &Decoder::compare},      {"range", &Decoder::range},     {"counter", &Decoder::counter},
+            {"match", &Decoder::portsMatch}, {"target", &Decoder::target},   {"immediate", &Decoder::verdict},
+        };
+        const auto found = steps.find(nftnl_expr_get_str(expression, NFTNL_EXPR_NAME));
+        return found != steps.end() && !hasTarget_ && (this->*found->second)(expression);
+    }
+
+    std::optional<Rule> result() const { return hasTarget_ ? std::optional(rule_) : std::nullopt; }
+
+private:
+    enum class Loaded { nothing, protocol, network, transport };
+
+    template <typename Value> static std::optional<Value> data(const nftnl_expr *expression, std::uint16_t attribute) {
+        std::uint32_t bytes = 0;
+        const void *const from = nftnl_expr_get(expression, attribute, &bytes);
+        if (from == nullptr || bytes > sizeof(Value))
+            return std::nullopt;
+        Value value{};
+        std::memcpy(&value, from, bytes);
+        return value;
+    }
+
+    static std::uint32_t number(const nftnl_expr *expression, std::uint16_t attribute) {
+        return nftnl_expr_get_u32(expression, attribute);
+    }
+
+    template <typename Value> static bool setOnce(std::optional<Value> &field, const Value &value) {
+        if (field)
+            return false;
+        field = value;
+        return true;
+    }
+
+    bool meta(const nftnl_expr *expression) {
+        loaded_ = Loaded::protocol;
+        register_ = number(expression, NFTNL_EXPR_META_DREG);
+        return nftnl_expr_is_set(expression, NFTNL_EXPR_META_DREG) &&
+               number(expression, NFTNL_EXPR_META_KEY) == NFT_META_L4PROTO;
+    }
+
+    bool payload(const nftnl_expr *expression) {
+        const std::uint32_t base = number(expression, NFTNL_EXPR_PAYLOAD_BASE);
+        loaded_ = base == NFT_PAYLOAD_NETWORK_HEADER ? Loaded::network : Loaded::transport;
+        register_ = number(expression, NFTNL_EXPR_PAYLOAD_DREG);
+        offset_ = number(expression, NFTNL_EXPR_PAYLOAD_OFFSET);
+        bytes_ = number(expression, NFTNL_EXPR_PAYLOAD_LEN);
+        mask_.reset();
+        return nftnl_expr_is_set(expression, NFTNL_EXPR_PAYLOAD_DREG) &&
+               (base == NFT_PAYLOAD_NETWORK_HEADER || base == NFT_PAYLOAD_TRANSPORT_HEADER);
+    }
+
+    bool bitwise(const nftnl_expr *expression) {
+        const auto flip = data<std::uint32_t>(expression, NFTNL_EXPR_BITWISE_XOR);
+        mask_ = data<std::uint32_t>(expression, NFTNL_EXPR_BITWISE_MASK);
+        return loaded_ == Loaded::network && bytes_ == kAddressBytes && mask_ && flip == 0U &&
+               number(expression, NFTNL_EXPR_BITWISE_OP) == NFT_BITWISE_BOOL &&
+               number(expression, NFTNL_EXPR_BITWISE_SREG) == register_ &&
+               number(expression, NFTNL_EXPR_BITWISE_DREG) == register_;
+    }
+
+    bool compare(const nftnl_expr *expression) {
+        const std::uint32_t operation = number(expression, NFTNL_EXPR_CMP_OP);
+        const Loaded loaded = std::exchange(loaded_, Loaded::nothing);
+        if (number(expression, NFTNL_EXPR_CMP_SREG) != register_)
+            return false;
+        if (loaded == Loaded::transport)
+            return comparePorts(expression, operation);
+        if (operation != NFT_CMP_EQ)
+            return false;
+        const auto value = data<std::uint32_t>(expression, NFTNL_EXPR_CMP_DATA);
+        if (loaded == Loaded::network && value)
+            return compareNetwork(ntohl(*value));
+        const auto protocol = data<std::uint8_t>(expression, NFTNL_EXPR_CMP_DATA);
+        return loaded == Loaded::protocol && protocol && setOnce(rule_.protocol, *protocol);
+    }
+
+    bool compareNetwork(std::uint32_t address) {
+        if (bytes_ == 0 || bytes_ > kAddressBytes)
+            return false;
+        std::uint8_t length = static_cast<std::uint8_t>(bytes_ * 8);
+        if (mask_) {
+            length = static_cast<std::uint8_t>(__builtin_popcount(*mask_));
+            if (maskOf(length) != ntohl(*mask_))
+                return false;
+        }
+        const Network network{address, length};
+        if (offset_ == kSourceOffset)
+            return setOnce(rule_.source, network);
+        return offset_ == kDestinationOffset && setOnce(rule_.destination, network);
+    }
+
+    bool comparePorts(const nftnl_expr *expression, std::uint32_t operation) {
+        const auto both = data<std::array<std::uint16_t, 2>>(expression, NFTNL_EXPR_CMP_DATA);
+        if (!both)
+            return false;
+        const std::uint16_t port = ntohs((*both)[0]);
+        const std::uint16_t second = ntohs((*both)[1]);
+        if (operation == NFT_CMP_LTE && bytes_ == kPortBytes)
+            return setPorts(offset_, {0, port});
+        if (operation != NFT_CMP_EQ)
+            return false;
+        if (bytes_ == 2 * kPortBytes && offset_ == kSourcePortOffset)
+            return setPorts(kSourcePortOffset, {port, port}) && setPorts(kDestinationPortOffset, {second, second});
+        return bytes_ == kPortBytes && setPorts(offset_, {port, port});
+    }
+
+    bool setPorts(std::uint32_t offset, const PortRange &ports) {
+        if (!rule_.protocol || !hasPorts(*rule_.protocol))
+            return false;
+        if (offset == kSourcePortOffset)
+            return setOnce(rule_.sourcePorts, ports);
+        return offset == kDestinationPortOffset && setOnce(rule_.destinationPorts, ports);
+    }
+
+    bool range(const nftnl_expr *expression) {
+        const auto first = data<std::uint16_t>(expression, NFTNL_EXPR_RANGE_FROM_DATA);
+        const auto last = data<std::uint16_t>(expression, NFTNL_EXPR_RANGE_TO_DATA);
+        return std::exchange(loaded_, Loaded::nothing) == Loaded::transport && bytes_ == kPortBytes && first && last &&
+               number(expression, NFTNL_EXPR_RANGE_OP) == NFT_RANGE_EQ &&
+               number(expression, NFTNL_EXPR_RANGE_SREG) == register_ &&
+               setPorts(offset_, {ntohs(*first), ntohs(*last)});
+    }
+
+    bool counter(const nftnl_expr *) { return true; }
+
+    static XtablesInfo info(const nftnl_expr *expression, std::uint16_t attribute) {
+        std::uint32_t bytes = 0;
+        const auto *const from = static_cast<const unsigned char *>(nftnl_expr_get(expression, attribute, &bytes));
+        return from == nullptr ? XtablesInfo() : XtablesInfo(from, from + bytes);
+    }
+
+    bool portsMatch(const nftnl_expr *expression) {
+        const auto ports =
+            readPortsInfo(nftnl_expr_get_str(expression, NFTNL_EXPR_MT_NAME), info(expression, NFTNL_EXPR_MT_INFO));
+        if (!ports || number(expression, NFTNL_EXPR_MT_REV) != 0 || rule_.sourcePorts || rule_.destinationPorts)
+            return false;
+        rule_.sourcePorts = ports->source;
+        rule_.destinationPorts = ports->destination;
+        return true;
+    }
+
+    bool target(const nftnl_expr *expression) {
+        const auto prefix = readLogInfo(info(expression, NFTNL_EXPR_TG_INFO));
+        hasTarget_ = true;
+        rule_.target = {Target::Kind::log, prefix.value_or("")};
+        return prefix && number(expression, NFTNL_EXPR_TG_REV) == 0 &&
+               std::strcmp(nftnl_expr_get_str(expression, NFTNL_EXPR_TG_NAME), "LOG") == 0;
+    }
+
+    bool verdict(const nftnl_expr *expression) {
+        if (number(expression, NFTNL_EXPR_IMM_DREG) != NFT_REG_VERDICT)
+            return false;
+        hasTarget_ = true;
+        switch (static_cast<int>(number(expression, NFTNL_EXPR_IMM_VERDICT))) {
+        case NF_ACCEPT:
+            rule_.target = {Target::Kind::accept, ""};
+            return true;
+        case NF_DROP:
+            rule_.target = {Target::Kind::drop, ""};
+            return true;
+        case NFT_JUMP:
+            rule_.target = {Target::Kind::jump, nftnl_expr_get_str(expression, NFTNL_EXPR_IMM_CHAIN)};
+            return true;
+        default:
+            return false;
+        }
+    }
+
+    Rule rule_;
+    bool hasTarget_ = false;
+    Loaded loaded_ = Loaded::nothing; // what the register has
+    std::uint32_t register_ = 0;
+    std::uint32_t offset_ = 0;
+    std::uint32_t bytes_ = 0;
+    std::optional<std::uint32_t> mask_;
+};
+
+struct FreeIterator {
+    void operator()(nftnl_expr_iter *iterator) const { nftnl_expr_iter_destroy(iterator); }
+};
+
+} // namespace
+
+NftnlRule encode(const Rule &rule, const std::string &chain) {
+    NftnlRule encoded(nftnl_rule_alloc());
+    if (!encoded)
+        throw std::bad_alloc();
+    nftnl_rule_set_u32(encoded.get(), NFTNL_RULE_FAMILY, NFPROTO_IPV4);
+    nftnl_rule_set_str(encoded.get(), NFTNL_RULE_TABLE, "filter");
+    nftnl_rule_set_str(encoded.get(), NFTNL_RULE_CHAIN, chain.c_str());
+    Encoder(encoded.get(), rule).encode();
+    return encoded;
+}
+
+std::optional<Rule> decode(const nftnl_rule *rule) {
+    // A comment of nft's; iptables takes it for a match of its own.
+    if (nftnl_rule_is_set(rule, NFTNL_RULE_USERDATA))
+        return std::nullopt;
+    const std::unique_ptr<nftnl_expr_iter, FreeIterator> iterator(nftnl_expr_iter_create(rule));
+    if (!iterator)
+        throw std::bad_alloc();
+    Decoder decoder;
+    while (const nftnl_expr *const expression = nftnl_expr_iter_next(iterator.get())) {
+        if (!decoder.step(expression))
+            return std::nullopt;
+    }
+    return decoder.result();
+}
+
+} // namespace rlv
