@@ -85,6 +85,29 @@ TEST_F(VpkdWithACollector, GivesTheChildNoneOfItsDescriptors) {
     ::kill(daemon, SIGKILL);
 }
 
+// What the process has for its standard streams. SQLite itself puts /dev/null there before it opens a database.
+std::string standardStreamsOf(pid_t process) {
+    std::string found;
+    for (const char *number : {"0", "1", "2"}) {
+        std::error_code none;
+        const auto target =
+            std::filesystem::read_symlink("/proc/" + std::to_string(process) + "/fd/" + number, none).string();
+        if (target != "/dev/null")
+            found += target;
+    }
+    return found;
+}
+
+TEST_F(VpkdWithACollector, HasNothingInPlaceOfItsStandardStreamsWhereTheyWereClosed) {
+    startWithoutStandardStreams();
+    EXPECT_EQ(standardStreamsOf(host_->id()), "");
+    EXPECT_EQ(executed("EnableStatCollector"), "");
+    EXPECT_EQ(standardStreamsOf(collector()), "");
+    EXPECT_EQ(executed("log-error", "to the log"), "");
+    EXPECT_THAT(contents(vpkdtest::kLog), HasSubstr("to the log"));
+    EXPECT_EQ(standardStreamsOf(host_->id()), "");
+}
+
 TEST_F(VpkdWithACollector, LeavesTheChildToDieOfSigtermAlone) {
     start();
     execute("daemon");

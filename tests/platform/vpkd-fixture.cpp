@@ -60,6 +60,18 @@ std::vector<std::string> AHost::commandLine(const std::vector<std::string> &more
 
 void AHost::start(const std::vector<std::string> &more) {
     host_.emplace(commandLine(more));
+    waitUntilItServes();
+}
+
+void AHost::startWithoutStandardStreams() {
+    std::vector<std::string> words{"/bin/sh", "-c", R"(exec "$@" <&- >&- 2>&-)", "sh"};
+    const auto command = commandLine();
+    words.insert(words.end(), command.begin(), command.end());
+    host_.emplace(words);
+    waitUntilItServes();
+}
+
+void AHost::waitUntilItServes() {
     ASSERT_TRUE(host_->waitReady([] {
         try {
             mavo::rmi::Client client(kSocket);

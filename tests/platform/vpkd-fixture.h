@@ -31,6 +31,8 @@ protected:
     static std::vector<std::string> commandLine(const std::vector<std::string> &more = {});
     // Starts vpkd and waits until it serves. Fails the test when it does not.
     void start(const std::vector<std::string> &more = {});
+    // The same with its standard streams closed.
+    void startWithoutStandardStreams();
     // Runs a vpkd that is expected to give up.
     static process::Result startInVain(const std::vector<std::string> &more = {});
     // Ends it with SIGTERM; its exit status, or nothing when it did not end.
@@ -57,6 +59,9 @@ protected:
 
     std::optional<process::Child> service_;
     std::optional<process::Child> host_;
+
+private:
+    void waitUntilItServes();
 };
 
 } // namespace vpkdtest
