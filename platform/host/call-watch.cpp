@@ -1,6 +1,8 @@
 #include "host/call-watch.h"
 
+#include <cstdint>
 #include <exception>
+#include <limits>
 
 #include "vlog/vlog.h"
 
@@ -8,6 +10,8 @@ namespace host {
 namespace {
 
 constexpr std::size_t kErrorLineLimit = 1000;
+// A query tells of connections above a number; none is above this one.
+constexpr std::uint64_t kNoConnections = std::numeric_limits<std::uint64_t>::max();
 constexpr char kEscape = '\033';
 
 std::string withoutColours(const std::string &text) {
@@ -68,7 +72,7 @@ CallWatch::CallWatch(Scope scope) {
     if (scope == Scope::logOnly)
         return;
     try {
-        before_ = rlv::query(0);
+        before_ = rlv::query(kNoConnections);
     } catch (const std::exception &error) {
         problem_ = error.what();
     }
