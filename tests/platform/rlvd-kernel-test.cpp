@@ -127,7 +127,9 @@ TEST_F(TheServiceWithTheKernel, TakesANameWhollyOrNotAtAll) {
 TEST_F(TheServiceWithTheKernel, DoesNotStartWithoutThePrivilege) {
     process::Options options;
     options.user = kNotServed;
-    const auto result = process::capture(words({}), options);
+    auto command = words({});
+    command.front() = process::builtForEveryone("rlvd");
+    const auto result = process::capture(command, options);
     EXPECT_EQ(1, result.status);
     EXPECT_THAT(result.errors, HasSubstr("Operation not permitted"));
     expectOneLine(result.errors);

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <filesystem>
 #include <grp.h>
 #include <poll.h>
 #include <sys/mman.h>
@@ -163,6 +164,20 @@ bool waitUntil(const std::function<bool()> &holds, Duration deadline) {
         ::poll(nullptr, 0, milliseconds(kAskAgain));
     }
     return true;
+}
+
+std::string copyForEveryone(const std::string &buildFolder, const std::string &program) {
+    namespace fs = std::filesystem;
+    const fs::path root = "/run/for-everyone";
+    fs::create_directories(root / "bin");
+    fs::create_directories(root / "lib");
+    fs::copy_file(buildFolder + "/bin/" + program, root / "bin" / program, fs::copy_options::overwrite_existing);
+    for (const auto &library : fs::directory_iterator(buildFolder + "/lib"))
+        fs::copy_file(library.path(), root / "lib" / library.path().filename(), fs::copy_options::overwrite_existing);
+    for (const auto &entry : fs::recursive_directory_iterator(root))
+        fs::permissions(entry.path(), fs::perms(0755));
+    fs::permissions(root, fs::perms(0755));
+    return root / "bin" / program;
 }
 
 } // namespace process

@@ -80,9 +80,16 @@ Result capture(const std::vector<std::string> &arguments, const Options &options
 // Waits until `holds` does; asks it every few milliseconds. False when the deadline passed.
 bool waitUntil(const std::function<bool()> &holds, Duration deadline = kDeadline);
 
+// Copies a program and all libraries from a build folder to /run, readable by everyone, and gives the program's path.
+std::string copyForEveryone(const std::string &buildFolder, const std::string &program);
+
 // The path of one of our own programs in the build folder: `built("rlvd")`. Needs a test made by nyr_add_test.
 #ifdef NYR_BINARY_DIR
 inline std::string built(const std::string &program) { return std::string(NYR_BINARY_DIR "/bin/") + program; }
+
+// The same for every account: the build folder may lie where only its owner may go, so this is a copy of the program
+// and of our libraries below /run, which is the test's own.
+inline std::string builtForEveryone(const std::string &program) { return copyForEveryone(NYR_BINARY_DIR, program); }
 #endif
 
 } // namespace process
