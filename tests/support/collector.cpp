@@ -103,6 +103,13 @@ int run(const std::function<int()> &call) {
     }
 }
 
+void awaitEnds() {
+    for (const pid_t child : fakeprocess::children()) {
+        siginfo_t information{};
+        waitid(P_PID, static_cast<id_t>(child), &information, WEXITED | WNOWAIT); // accounts() reaps it
+    }
+}
+
 std::vector<Json::Value> accounts() {
     std::vector<Json::Value> all;
     for (const pid_t child : fakeprocess::children()) {

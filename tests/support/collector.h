@@ -18,7 +18,10 @@ void watch(int sleeps = 1, const std::function<void()> &asleep = {});
 // Runs `call`. When it returns or throws in a process forked meanwhile, that process ends.
 int run(const std::function<int()> &call);
 
-// Waits for the end of all processes forked and gives their accounts in the order of the forks. Null for one that left
+// Waits for the end of all processes forked: they write the configuration too, and nothing orders that.
+void awaitEnds();
+
+// Waits for the same and gives their accounts in the order of the forks. Null for one that left
 // none. Members:
 //   "end"       "asleep", "returned N", "threw TEXT" or "exit N"
 //   "status"    the exit status, 99 for those that were ended

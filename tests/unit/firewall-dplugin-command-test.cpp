@@ -190,6 +190,7 @@ TEST_F(Plugin, FailsWithTheReportClientsResult) {
 TEST_F(Plugin, SwitchesTheCollectorOnAndOff) {
     create();
     EXPECT_EQ(collector::run([this] { return execute("EnableStatCollector", "x").empty() ? 0 : 1; }), 0);
+    collector::awaitEnds();
     EXPECT_TRUE(marked());
     EXPECT_EQ(fakevlog::messages().at(1), kFrame + "start stat daemon ###");
     EXPECT_EQ(fakevlog::messages().at(2), kFrame + "enter: StatDaemon::enable() ###");

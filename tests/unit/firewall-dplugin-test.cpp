@@ -113,6 +113,7 @@ TEST_F(Plugin, LeavesFlagChainsAndCollectorWhenItIsDeleted) {
         create();
         return 0;
     });
+    collector::awaitEnds();
     plugin.reset();
     EXPECT_THAT(fakevlog::messages(), ElementsAreArray(kDeletion));
     EXPECT_EQ(gFirewallDPluginEnabled, 1);
@@ -303,6 +304,7 @@ TEST_F(Plugin, LeavesADisabledCollectorOffUntilItIsSwitchedOn) {
         create();
         return 0;
     });
+    collector::awaitEnds();
     EXPECT_EQ(plugin->setStatus(0), 0);
     EXPECT_FALSE(marked());
     EXPECT_EQ(plugin->setStatus(1), 0);

@@ -157,6 +157,7 @@ TEST_F(StatDaemonTest, DisablesByConfigurationAndMarker) {
 TEST_F(StatDaemonTest, EnablesByConfigurationMarkerAndFork) {
     fakevlog::clear();
     EXPECT_EQ(collector::run([this] { return daemon->enable(); }), 0);
+    collector::awaitEnds();
     EXPECT_TRUE(marked());
     EXPECT_THAT(textfile::read(kConfig), HasSubstr(R"("enabled":"1")"));
     EXPECT_THAT(
@@ -170,6 +171,7 @@ TEST_F(StatDaemonTest, EnablesByConfigurationMarkerAndFork) {
 
 TEST_F(StatDaemonTest, EnabledTwiceForksOnce) {
     collector::run([this] { return daemon->enable(); });
+    collector::awaitEnds();
     fakevlog::clear();
     EXPECT_EQ(collector::run([this] { return daemon->enable(); }), 0);
     EXPECT_EQ(fakevlog::messages().back(), kTag + "### firewall: already inited ###");
