@@ -15,7 +15,7 @@ constexpr const char *kFooter = R"(Begin with:
 not run or refuses), 3 an exception ended the call. Results go to standard output, all else to standard error.)";
 
 void addSubcommands(CLI::App &app, cli::Session &session) {
-    app.require_subcommand(1);
+    app.require_subcommand(0, 1); // whether there is one is checked later: a word that is none is then named
     for (const auto add : {cli::addExec, cli::addCall, cli::addStatus, cli::addSetStatus, cli::addApplyStatus,
                            cli::addReload, cli::addRules, cli::addReports})
         add(app, session);
@@ -37,6 +37,8 @@ int main(int argc, char **argv) try {
     addSubcommands(app, session);
     try {
         app.parse(argc, argv);
+        if (app.get_subcommands().empty())
+            throw CLI::RequiredError("A subcommand");
     } catch (const CLI::ParseError &error) {
         return explain(app, error);
     }

@@ -84,6 +84,15 @@ TEST_F(Vpkctl, IsSilentAboutACommandThatWentWell) {
     EXPECT_EQ(result.output + result.errors, "");
 }
 
+TEST_F(Vpkctl, NamesAWordThatIsNoSubcommand) {
+    const auto wrong = run({"nosuch"});
+    EXPECT_EQ(wrong.status, 2);
+    EXPECT_THAT(wrong.errors, HasSubstr("nosuch"));
+    const auto none = run({});
+    EXPECT_EQ(none.status, 2);
+    EXPECT_THAT(none.errors, HasSubstr("A subcommand is required"));
+}
+
 TEST_F(Vpkctl, FailsWhenThePluginFails) {
     start();
     const auto result = run({"exec", "no such command"});
