@@ -48,12 +48,14 @@ int runInSandbox(char **argv) {
         std::perror("mkdtemp");
         return 1;
     }
-    // Sanitizers read their options when a program starts, hence the exec.
+    // Sanitizers read their options when a program starts, hence the exec. By its path, because libraries are looked
+    // for beside the program, and what /proc/self/exe names inside is a file of the mounts outside.
+    const std::string program = std::filesystem::read_symlink("/proc/self/exe").string();
     appendOption("ASAN_OPTIONS", "log_path=" + folder + "/asan");
     appendOption("UBSAN_OPTIONS", "print_stacktrace=1:log_path=" + folder + "/ubsan");
     ::setenv(kInside, "1", 1);
-    const int status = sandbox::run([argv] {
-        ::execv("/proc/self/exe", argv);
+    const int status = sandbox::run([&program, argv] {
+        ::execv(program.c_str(), argv);
         std::perror("execv");
         return 127;
     });
