@@ -70,6 +70,14 @@ TEST(KLogExtractor, LogsAReading) {
     EXPECT_EQ(fakevlog::place(fakevlog::lines().at(0)), "extract-klogs.cpp: extractLogs");
 }
 
+TEST(KLogExtractor, LogsEachStepWhenItIsThere) {
+    fakeklog::size = 0;
+    std::vector<std::size_t> callsAtLine;
+    fakevlog::onLine([&](const fakevlog::Line &) { callsAtLine.push_back(fakeklog::calls.size()); });
+    extractor().extractLogs();
+    EXPECT_THAT(callsAtLine, ElementsAre(0u, 1u, 2u));
+}
+
 class KLogExtractorWithoutSize : public testing::TestWithParam<int> {};
 
 TEST_P(KLogExtractorWithoutSize, ReadsHalfAMegabyte) {
