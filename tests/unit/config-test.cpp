@@ -110,6 +110,14 @@ TEST(Config, DoesNotNoticeThatTheDefaultsCannotBeWritten) {
     EXPECT_EQ(config.get("config_version", false), "0");
 }
 
+TEST(Config, DoesNotNoticeThatTheDocumentCannotBeWritten) {
+    std::filesystem::create_directories(kFile);
+    Config config;
+    EXPECT_TRUE(config.update("enabled", "1"));
+    EXPECT_EQ(config.get("enabled", false), "1");
+    EXPECT_TRUE(std::filesystem::is_directory(kFile));
+}
+
 TEST(Config, ReportsAFolderThatCannotBeCreated) {
     textfile::write("/opt/data", "a file");
     std::optional<Config> config;
@@ -118,6 +126,7 @@ TEST(Config, ReportsAFolderThatCannotBeCreated) {
     EXPECT_THAT(log.at(3), StartsWith("E NYR_FIREWALL: firewall: can't create config: "));
     EXPECT_THAT(log.at(3), HasSubstr("Not a directory"));
     EXPECT_FALSE(config->createDefaultConfig());
+    EXPECT_EQ(config->get("config_version", false), "") << "the defaults are parsed only once there is a folder";
     EXPECT_FALSE(config->readConfigFile());
     EXPECT_FALSE(config->writeConfigFile());
 }
