@@ -1,5 +1,8 @@
 #include "extract-klogs.h"
 
+#include <algorithm>
+#include <cstdlib>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -14,6 +17,23 @@ using testing::IsEmpty;
 
 namespace {
 
+std::size_t largestAllocation = 0;
+
+} // namespace
+
+void *operator new(std::size_t size) {
+    largestAllocation = std::max(largestAllocation, size);
+    if (void *const memory = std::malloc(size))
+        return memory;
+    throw std::bad_alloc();
+}
+
+void operator delete(void *memory) noexcept { std::free(memory); }
+
+void operator delete(void *memory, std::size_t /*unused*/) noexcept { std::free(memory); }
+
+namespace {
+
 const std::string kFirst = "<4>[0-  1.5] IPTables-Dropped:IN= SRC=10.0.0.1";
 const std::string kThird = "text before IPTables-Dropped:";
 
@@ -23,6 +43,12 @@ TEST(KLogExtractor, ReadsNothingWhenItIsMade) {
     extractor();
     EXPECT_THAT(fakeklog::calls, IsEmpty());
     EXPECT_THAT(fakevlog::messages(), IsEmpty());
+}
+
+TEST(KLogExtractor, MakesRoomForAThousandLines) {
+    largestAllocation = 0;
+    extractor();
+    EXPECT_EQ(largestAllocation, 1000 * sizeof(std::string));
 }
 
 TEST(KLogExtractor, KeepsTheLinesThatHoldTheFilterAnywhere) {
