@@ -9,18 +9,20 @@ std::mutex PolicyStorage::dbLock;
 namespace fakepil {
 namespace {
 
+std::string lockState() { return locked() ? "" : ", unlocked"; }
+
+} // namespace
+
 // Asked by another thread, because the owner must not try to lock again.
-std::string lockState() {
+bool locked() {
     bool unlocked = false;
     std::thread([&unlocked] {
         unlocked = PolicyStorage::dbLock.try_lock();
         if (unlocked)
             PolicyStorage::dbLock.unlock();
     }).join();
-    return unlocked ? ", unlocked" : "";
+    return !unlocked;
 }
-
-} // namespace
 
 Storage::Storage() { backend = this; }
 

@@ -11,6 +11,9 @@
 
 namespace fakepil {
 
+// Whether somebody holds the host's lock. May be asked by the holder.
+bool locked();
+
 // While it lives it is the host's storage.
 class Storage : public PolicyStorage {
 public:

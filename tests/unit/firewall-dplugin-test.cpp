@@ -372,6 +372,26 @@ TEST_F(Plugin, LetsAFailureOfTheHostsLockOut) {
     EXPECT_THROW(plugin->getStatus(), std::system_error);
     failDbLock = false;
     EXPECT_THAT(storage.calls, IsEmpty());
+    EXPECT_EQ(gFirewallDPluginEnabled, 0) << "the status is applied before the lock is taken";
+}
+
+// Every line of these operations is logged before the lock is taken or after it was released.
+TEST_F(Plugin, HoldsTheHostsLockForItsStorageAlone) {
+    create();
+    std::vector<std::string> underLock;
+    fakevlog::onLine([&underLock](const fakevlog::Line &line) {
+        if (fakepil::locked())
+            underLock.push_back(line.text);
+    });
+    storage.storeResult = 1;
+    EXPECT_EQ(plugin->setStatus(0), -1);
+    storage.onStore = [] { throw mavo::Exception("full"); };
+    EXPECT_EQ(plugin->setStatus(0), -1);
+    plugin->getStatus();
+    fakevlog::onLine({});
+    EXPECT_THAT(underLock, IsEmpty());
+    EXPECT_THAT(storage.calls,
+                ElementsAre("store nyr-firewall-plugin 0", "store nyr-firewall-plugin 0", "read nyr-firewall-plugin"));
 }
 
 TEST_F(Plugin, AppliesAStatusWithoutStoringIt) {
