@@ -107,6 +107,16 @@ TEST_P(PluginDisabled, FailsEveryCommand) {
 INSTANTIATE_TEST_SUITE_P(Commands, PluginDisabled,
                          testing::Values("ApplyAllowRules", "FlushDenyRules", "EnableStatCollector", "unknown", ""));
 
+TEST_F(Plugin, GivesMinusOneAndNoOutputWhenItIsDisabled) {
+    create();
+    plugin->applyStatus(0);
+    unsigned char *output = nullptr;
+    int length = 17;
+    EXPECT_EQ(executeInternal("FlushDenyRules", "", &output, &length), -1);
+    EXPECT_EQ(output, nullptr);
+    EXPECT_EQ(length, 0);
+}
+
 TEST_F(Plugin, FailsAnEmptyCommand) {
     create();
     EXPECT_EQ(execute("", "data"), "fail");
@@ -202,6 +212,12 @@ TEST_F(Plugin, SwitchesTheCollectorOnAndOff) {
                 ElementsAre(kFrame + "enter: DPlugin::ExecuteCommandInternal ###", kFrame + "stop stat daemon ###",
                             kTag + "firewall: update key/value: enabled 0", kTag + "firewall: update common",
                             kTag + "firewall: Config: writeConfigFile", kFrame + "mark removed, 1"));
+}
+
+TEST_F(Plugin, SwitchesTheCollectorOffWithoutData) {
+    create();
+    EXPECT_EQ(execute("DisableStatCollector"), "");
+    EXPECT_EQ(fakevlog::messages().back(), kFrame + "mark removed, 0");
 }
 
 TEST_F(Plugin, FailsWhenTheCollectorCannotBeForked) {
