@@ -330,6 +330,22 @@ TEST_F(Plugin, SetsTheFlagBeforeItReadsTheSwitch) {
     EXPECT_EQ(gFirewallDPluginEnabled, 1);
 }
 
+TEST_F(Plugin, ClearsTheFlagBetweenItsLineAndTheCollectorsEnd) {
+    create();
+    int announced = -1;
+    int switching = -1;
+    fakevlog::onLine([&](const fakevlog::Line &line) {
+        if (line.text.find("apply(DISABLE)") != std::string::npos)
+            announced = gFirewallDPluginEnabled;
+        if (line.text.find("update key/value: enabled 0") != std::string::npos)
+            switching = gFirewallDPluginEnabled;
+    });
+    plugin->applyStatus(0);
+    fakevlog::onLine({});
+    EXPECT_EQ(announced, 1);
+    EXPECT_EQ(switching, 0);
+}
+
 TEST_F(Plugin, KeepsTheNewStateWhenItCannotBeStored) {
     create();
     storage.storeResult = -7;
