@@ -1,8 +1,5 @@
 #include "extract-klogs.h"
 
-#include <algorithm>
-#include <cstdlib>
-#include <new>
 #include <string>
 #include <vector>
 
@@ -11,26 +8,10 @@
 
 #include "support/fake-klog.h"
 #include "support/fake-vlog.h"
+#include "unit/largest-allocation.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-namespace {
-
-std::size_t largestAllocation = 0;
-
-} // namespace
-
-void *operator new(std::size_t size) {
-    largestAllocation = std::max(largestAllocation, size);
-    if (void *const memory = std::malloc(size))
-        return memory;
-    throw std::bad_alloc();
-}
-
-void operator delete(void *memory) noexcept { std::free(memory); }
-
-void operator delete(void *memory, std::size_t /*unused*/) noexcept { std::free(memory); }
 
 namespace {
 
