@@ -15,6 +15,7 @@
 #include "support/text-file.h"
 
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -125,6 +126,8 @@ TEST(Config, ReportsAFolderThatCannotBeCreated) {
     ASSERT_EQ(log.size(), 4u);
     EXPECT_THAT(log.at(3), StartsWith("E NYR_FIREWALL: firewall: can't create config: "));
     EXPECT_THAT(log.at(3), HasSubstr("Not a directory"));
+    EXPECT_THAT(log.at(3), EndsWith("\""));
+    EXPECT_EQ(config->get("send_report_interval", false), "") << "the defaults are taken once the folder is there";
     EXPECT_FALSE(config->createDefaultConfig());
     EXPECT_EQ(config->get("config_version", false), "") << "the defaults are parsed only once there is a folder";
     EXPECT_FALSE(config->readConfigFile());
@@ -140,6 +143,7 @@ TEST(Config, ReportsAFileThatCannotBeQueriedForReading) {
     ASSERT_EQ(log.size(), 2u);
     EXPECT_THAT(log.at(1), StartsWith("I NYR_FIREWALL: firewall: readConfigFile: ex: "));
     EXPECT_THAT(log.at(1), HasSubstr("Too many levels of symbolic links"));
+    EXPECT_THAT(log.at(1), EndsWith("\""));
 }
 
 TEST(Config, ReportsAFileThatCannotBeQueriedForWritingInTheWordsOfReading) {
@@ -152,6 +156,7 @@ TEST(Config, ReportsAFileThatCannotBeQueriedForWritingInTheWordsOfReading) {
     EXPECT_EQ(log.at(0), "I NYR_FIREWALL: firewall: Config: writeConfigFile");
     EXPECT_THAT(log.at(1), StartsWith("I NYR_FIREWALL: firewall: readConfigFile: ex: "));
     EXPECT_THAT(log.at(1), HasSubstr("Too many levels of symbolic links"));
+    EXPECT_THAT(log.at(1), EndsWith("\""));
 }
 
 TEST(Config, ReportsADocumentNestedTooDeeply) {
