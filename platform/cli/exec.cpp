@@ -11,6 +11,7 @@ namespace cli {
 namespace {
 
 constexpr const char *kApplyPolicy = "ApplyPolicy";
+constexpr const char *kFail = "fail"; // the reply to a command that failed
 
 constexpr const char *kHelp =
     R"(Commands and their data:
@@ -66,7 +67,12 @@ void run(const Arguments &arguments, Session &session) {
     const std::string text = textOf(reply);
     if (!text.empty())
         std::printf("%s\n", text.c_str());
-    session.exitStatus = statusOf(reply, text != "fail");
+    const bool failed = text == kFail;
+    if (failed && reply.errorLines.empty() && reply.notInForce.empty())
+        std::fputs("vpkctl: the plugin gave no reason: see whether it is disabled (vpkctl status), and whether the "
+                   "command lacks its data\n",
+                   stderr);
+    session.exitStatus = statusOf(reply, !failed);
 }
 
 } // namespace

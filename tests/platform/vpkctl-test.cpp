@@ -98,6 +98,7 @@ TEST_F(Vpkctl, FailsWhenThePluginFails) {
     const auto result = run({"exec", "no such command"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.output, "fail\n");
+    EXPECT_THAT(result.errors, StartsWith("vpkctl: the plugin gave no reason: "));
 }
 
 TEST_F(Vpkctl, FailsWhenSomethingIsNotInForceAndSaysWhat) {
