@@ -113,12 +113,20 @@ rlv::Command parsed(const std::string &options) {
     return std::get<rlv::Command>(result);
 }
 
+// Commands of one text on a connection of their own. The answer of the table, or what was said when it was lost.
+Answer answerOf(rlv::Table &table, const std::vector<rlv::Command> &commands, const std::string &options = "") {
+    table.open();
+    Answer answer = table.apply(commands, options);
+    const auto report = table.push();
+    return report.lost.empty() ? answer : Answer{report.lost.front().code, report.lost.front().message};
+}
+
 // The answer of the service: of its grammar, else of its table.
 Answer answerOf(rlv::Table &table, const std::string &options) {
     const auto result = rlv::parseCommand(options, "VPK-");
     if (const auto *const refusal = std::get_if<Answer>(&result))
         return *refusal;
-    return table.apply(std::get<rlv::Command>(result));
+    return answerOf(table, {std::get<rlv::Command>(result)}, options);
 }
 
 // The words of iptables without its version, which we do not have.
@@ -372,19 +380,19 @@ TEST_F(AKernelTable, RefusesAnInputChainThatIptablesWouldNotHaveMade) {
 TEST_F(AKernelTable, AppliesSeveralRulesWhollyOrNotAtAll) {
     done({"-N VPK-A", "-A VPK-A -s 10.0.0.1 -j DROP"});
     const auto before = ours->expressions();
-    EXPECT_EQ(2,
-              table->applyAll({parsed("-A VPK-A -s 10.0.0.2 -j DROP"), parsed("-A VPK-A -s 10.0.0.3 -j VPK-B")}).code);
+    EXPECT_EQ(
+        2, answerOf(*table, {parsed("-A VPK-A -s 10.0.0.2 -j VPK-B"), parsed("-A VPK-A -s 10.0.0.3 -j VPK-B")}).code);
     EXPECT_EQ(1,
-              table->applyAll({parsed("-D VPK-A -s 10.0.0.1 -j DROP"), parsed("-D VPK-A -s 10.0.0.1 -j DROP")}).code);
+              answerOf(*table, {parsed("-D VPK-A -s 10.0.0.1 -j DROP"), parsed("-D VPK-A -s 10.0.0.1 -j DROP")}).code);
     EXPECT_EQ(before, ours->expressions());
     const std::vector<rlv::Command> both{parsed("-A VPK-A -s 10.0.0.2 -j DROP"),
                                          parsed("-A VPK-A -s 10.0.0.2 -j DROP")};
-    EXPECT_EQ(0, table->applyAll(both).code);
+    EXPECT_EQ(0, answerOf(*table, both).code);
     EXPECT_EQ("VPK-A=3 ", describeState(*table));
     const rlv::Command one = parsed("-D VPK-A -s 10.0.0.2 -j DROP");
-    EXPECT_EQ(0, table->applyAll({one, one}).code);
+    EXPECT_EQ(0, answerOf(*table, {one, one}).code);
     EXPECT_EQ(before, ours->expressions());
-    EXPECT_EQ(0, table->applyAll({}).code);
+    EXPECT_EQ(0, answerOf(*table, std::vector<rlv::Command>()).code);
 }
 
 TEST_F(AKernelTable, DescribesHooksInOrderAndOwnChainsByName) {
@@ -454,10 +462,10 @@ TEST_F(AKernelTable, HoldsTensOfThousandsOfRules) {
         command.rule.source->address += static_cast<std::uint32_t>(i);
         commands.push_back(command);
     }
-    EXPECT_EQ("", table->applyAll(commands).message);
+    EXPECT_EQ("", answerOf(*table, commands).message);
     EXPECT_EQ("VPK-A=" + std::to_string(kRules) + " ", describeState(*table));
     commands.back().action = rlv::Command::Action::deleteRule;
-    EXPECT_EQ("", table->apply(commands.back()).message);
+    EXPECT_EQ("", answerOf(*table, {commands.back()}).message);
     EXPECT_EQ("VPK-A=" + std::to_string(kRules - 1) + " ", describeState(*table));
     done({"-F VPK-A"});
     EXPECT_EQ("VPK-A=0 ", describeState(*table));
@@ -466,7 +474,7 @@ TEST_F(AKernelTable, HoldsTensOfThousandsOfRules) {
 TEST_F(AKernelTable, SaysWhichOfManyRulesWasRefused) {
     done({"-N VPK-A"});
     std::vector<rlv::Command> commands(5'000, parsed("-A VPK-A -j VPK-B"));
-    EXPECT_EQ("iptables: Chain 'VPK-B' does not exist", table->applyAll(commands).message);
+    EXPECT_EQ("iptables: Chain 'VPK-B' does not exist", answerOf(*table, commands).message);
 }
 
 // Random commands, valid and not, on few names, so that they meet each other.

@@ -14,7 +14,14 @@ protected:
         return std::get<rlv::Command>(rlv::parseCommand(text, "VPK-"));
     }
 
-    rlv::Answer run(const std::string &text) { return table->apply(parsed(text)); }
+    // Each on a connection of its own.
+    rlv::Answer run(const std::vector<rlv::Command> &commands, const std::string &text = "") {
+        table->open();
+        rlv::Answer answer = table->apply(commands, text);
+        EXPECT_EQ(0U, table->push().lost.size()) << text;
+        return answer;
+    }
+    rlv::Answer run(const std::string &text) { return run({parsed(text)}, text); }
 
     void expectDone(const std::vector<std::string> &texts) {
         for (const std::string &text : texts)
@@ -101,12 +108,11 @@ TEST_F(ASimulatedTable, Follows15JumpsFromABuiltInChain) {
 TEST_F(ASimulatedTable, AppliesSeveralRulesWhollyOrNotAtAll) {
     expectDone({"-N VPK-A", "-A VPK-A -j DROP"});
     const rlv::Command good = parsed("-D VPK-A -j DROP");
-    EXPECT_EQ(1, table->applyAll({good, good}).code);
+    EXPECT_EQ(1, run({good, good}).code);
     EXPECT_EQ("VPK-A=1", contents());
-    EXPECT_EQ(0,
-              table->applyAll({parsed("-A VPK-A -s 10.0.0.1 -j DROP"), parsed("-A VPK-A -s 10.0.0.2 -j DROP")}).code);
+    EXPECT_EQ(0, run({parsed("-A VPK-A -s 10.0.0.1 -j DROP"), parsed("-A VPK-A -s 10.0.0.2 -j DROP")}).code);
     EXPECT_EQ("VPK-A=3", contents());
-    EXPECT_EQ(0, table->applyAll({}).code);
+    EXPECT_EQ(0, run(std::vector<rlv::Command>()).code);
 }
 
 TEST_F(ASimulatedTable, RemovesEverything) {

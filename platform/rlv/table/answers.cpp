@@ -12,6 +12,10 @@ Answer noSuchRule() { return {1, "iptables: Bad rule (does a matching rule exist
 
 Answer noSuchTarget(const std::string &chain) { return {2, "iptables: Chain '" + chain + "' does not exist"}; }
 
+Answer tooManyRules(std::size_t limit) {
+    return {4, "iptables: too many rules: the chains may come to " + std::to_string(limit) + " together"};
+}
+
 Answer kernelRefused(const std::string &operation, int error, const std::string &object, const std::string &chain) {
     return {4, "iptables: " + operation + " failed (" + std::generic_category().message(error) + "): " + object + " " +
                    chain};

@@ -2,6 +2,7 @@
 #ifndef PLATFORM_RLV_TABLE_ANSWERS_H
 #define PLATFORM_RLV_TABLE_ANSWERS_H
 
+#include <cstddef>
 #include <string>
 
 #include "rlv/table/command.h"
@@ -12,6 +13,8 @@ Answer noSuchChain();
 Answer chainExists();
 Answer noSuchRule();
 Answer noSuchTarget(const std::string &chain);
+// The service's own bound.
+Answer tooManyRules(std::size_t limit);
 
 // What the kernel refuses: "CHAIN_DEL failed (Device or resource busy): chain VPK-DENY". `object` is "chain" or "rule
 // in chain", `error` an errno.

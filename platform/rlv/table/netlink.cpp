@@ -5,6 +5,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <numeric>
 #include <sys/socket.h>
 #include <system_error>
 
@@ -90,6 +91,13 @@ Netlink::Netlink()
 }
 
 void Netlink::send(const void *bytes, std::size_t size) {
+    iovec part{const_cast<void *>(bytes), size};
+    send(&part, 1);
+}
+
+void Netlink::send(iovec *parts, std::size_t count) {
+    const std::size_t size = std::accumulate(parts, parts + count, std::size_t{0},
+                                             [](std::size_t sum, const iovec &part) { return sum + part.iov_len; });
     // The kernel takes a transaction in one piece, and its own bookkeeping counts against the same limit.
     if (const std::size_t wanted = size * 2 + kReceiveBytes; wanted > sendBufferBytes_) {
         setBufferSize(socket_.get(), SO_SNDBUFFORCE, SO_SNDBUF, static_cast<int>(wanted));
@@ -97,9 +105,14 @@ void Netlink::send(const void *bytes, std::size_t size) {
     }
     sockaddr_nl kernel{};
     kernel.nl_family = AF_NETLINK;
+    msghdr message{};
+    message.msg_name = &kernel;
+    message.msg_namelen = sizeof kernel;
+    message.msg_iov = parts;
+    message.msg_iovlen = count;
     ssize_t sent = 0;
     do {
-        sent = ::sendto(socket_.get(), bytes, size, 0, reinterpret_cast<const sockaddr *>(&kernel), sizeof kernel);
+        sent = ::sendmsg(socket_.get(), &message, 0);
     } while (sent < 0 && errno == EINTR);
     if (sent < 0)
         fail("netlink send");
@@ -149,32 +162,39 @@ std::uint32_t Netlink::generation() {
     return *generation;
 }
 
-std::optional<BatchFailure> Netlink::commit(const Batch &batch, std::optional<std::uint32_t> generation) {
+std::vector<BatchFailure> Netlink::commit(Batch batch, std::optional<std::uint32_t> generation) {
+    return sendBatch(batch, generation, false);
+}
+
+// A batch without its end is carried out and then taken back.
+std::vector<BatchFailure> Netlink::dryRun(Batch batch) { return sendBatch(batch, std::nullopt, true); }
+
+std::vector<BatchFailure> Netlink::sendBatch(Batch &batch, std::optional<std::uint32_t> generation, bool isDryRun) {
     if (batch.size() == 0)
-        return std::nullopt;
+        return {};
     const std::uint32_t first = sequence_ + 1;
     sequence_ += static_cast<std::uint32_t>(batch.size()) + 2;
+    for (std::size_t i = 0; i < batch.size(); ++i)
+        headerAt(batch.bytes_, batch.offsets_[i])->nlmsg_seq = first + 1 + static_cast<std::uint32_t>(i);
+    if (!isDryRun)
+        headerAt(batch.bytes_, batch.offsets_.back())->nlmsg_flags |= NLM_F_ACK;
 
-    std::vector<char> bytes;
-    alignas(nlmsghdr) MessageBuffer edge;
-    nlmsghdr *const begin = nftnl_batch_begin(edge.data(), first);
+    alignas(nlmsghdr) MessageBuffer beginBuffer;
+    alignas(nlmsghdr) MessageBuffer endBuffer;
+    nlmsghdr *const begin = nftnl_batch_begin(beginBuffer.data(), first);
     if (generation)
         mnl_attr_put_u32(begin, NFNL_BATCH_GENID, htonl(*generation));
-    append(bytes, begin);
-    const std::size_t start = bytes.size();
-    bytes.insert(bytes.end(), batch.bytes_.begin(), batch.bytes_.end());
-    for (std::size_t i = 0; i < batch.size(); ++i)
-        headerAt(bytes, start + batch.offsets_[i])->nlmsg_seq = first + 1 + static_cast<std::uint32_t>(i);
-    headerAt(bytes, start + batch.offsets_.back())->nlmsg_flags |= NLM_F_ACK;
-    append(bytes, nftnl_batch_end(edge.data(), sequence_));
-    send(bytes.data(), bytes.size());
-    return collectFailure(first, batch.size());
+    nlmsghdr *const end = nftnl_batch_end(endBuffer.data(), sequence_);
+    std::array<iovec, 3> parts{iovec{begin, begin->nlmsg_len}, iovec{batch.bytes_.data(), batch.bytes_.size()},
+                               iovec{end, end->nlmsg_len}};
+    send(parts.data(), isDryRun ? 2 : 3);
+    return collectFailures(first, batch.size(), isDryRun);
 }
 
 // The kernel has done its work when the sending returns, so whatever it has to say is there.
-std::optional<BatchFailure> Netlink::collectFailure(std::uint32_t firstSequence, std::size_t messages) {
-    std::optional<BatchFailure> failure;
-    bool acknowledged = false;
+std::vector<BatchFailure> Netlink::collectFailures(std::uint32_t firstSequence, std::size_t messages, bool isDryRun) {
+    std::vector<BatchFailure> failures;
+    bool acknowledged = isDryRun;
     while (const auto size = receive(Wait::notAtAll)) {
         forEachMessage(buffer_, *size, [&](const nlmsghdr *message) {
             const std::uint32_t place = message->nlmsg_seq - firstSequence;
@@ -182,14 +202,13 @@ std::optional<BatchFailure> Netlink::collectFailure(std::uint32_t firstSequence,
                 return;
             const int error = errorOf(message);
             acknowledged = acknowledged || (error == 0 && place == messages);
-            if (error == 0 || failure)
-                return;
-            failure = BatchFailure{place == 0 ? std::nullopt : std::optional<std::size_t>(place - 1), error};
+            if (error != 0)
+                failures.push_back({place == 0 ? std::nullopt : std::optional<std::size_t>(place - 1), error});
         });
     }
-    if (!failure && !acknowledged)
-        failure = BatchFailure{std::nullopt, ENOBUFS};
-    return failure;
+    if (failures.empty() && !acknowledged)
+        failures.push_back({std::nullopt, ENOBUFS});
+    return failures;
 }
 
 bool Netlink::dump(std::uint16_t type, const std::function<void(nlmsghdr *)> &fill,

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <linux/netlink.h>
+#include <sys/uio.h>
 
 #include "support/unique-fd.h"
 
@@ -45,8 +46,11 @@ public:
     // The number that changes with every transaction of anybody.
     std::uint32_t generation();
 
-    // Commits the messages, all of them or none. With a generation, only if nothing has changed since.
-    std::optional<BatchFailure> commit(const Batch &batch, std::optional<std::uint32_t> generation = std::nullopt);
+    // Commits the messages, all of them or none: none when anything comes back. With a generation, only if nothing has
+    // changed since. More messages may have been refused than are told of, but not without any being told of.
+    std::vector<BatchFailure> commit(Batch batch, std::optional<std::uint32_t> generation = std::nullopt);
+    // What commit() would give back, but for refusals that only the end of a transaction meets.
+    std::vector<BatchFailure> dryRun(Batch batch);
 
     // Calls back with every message that a dump request of this type gives. What was seen may be mixed from several
     // generations, and then false comes back.
@@ -57,9 +61,11 @@ private:
     enum class Wait { forMore, notAtAll };
 
     void send(const void *bytes, std::size_t size);
+    void send(iovec *parts, std::size_t count);
     // Reads one datagram into buffer_; the number of its bytes, none when there is nothing.
     std::optional<std::size_t> receive(Wait wait);
-    std::optional<BatchFailure> collectFailure(std::uint32_t firstSequence, std::size_t messages);
+    std::vector<BatchFailure> sendBatch(Batch &batch, std::optional<std::uint32_t> generation, bool isDryRun);
+    std::vector<BatchFailure> collectFailures(std::uint32_t firstSequence, std::size_t messages, bool isDryRun);
 
     support::UniqueFd socket_;
     std::uint32_t sequence_ = 0;

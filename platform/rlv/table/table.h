@@ -2,6 +2,7 @@
 #ifndef PLATFORM_RLV_TABLE_TABLE_H
 #define PLATFORM_RLV_TABLE_TABLE_H
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -11,18 +12,46 @@
 
 namespace rlv {
 
-// A filter table. Its operations block for as long as the kernel takes, and answer as iptables would.
+// The most rules that a table may come to, those of others in the chains that the service changes included.
+constexpr std::size_t kMaxRules = 262'144;
+
+// What became of the changes that were sent, or would have been.
+struct PushReport {
+    std::size_t added = 0;             // rules that the kernel has now and had not before
+    std::size_t removed = 0;           // rules that it had
+    std::size_t kept = 0;              // rules in the service's own chains that stayed, with their handles and counters
+    std::size_t changes = 0;           // messages in the transaction; 0 when nothing had to be sent
+    std::vector<std::string> refilled; // chains that were emptied and filled anew: all their counters begin at 0
+    std::vector<LostCommand> lost;     // accepted, but not in force; `refusedAtOnce` is false
+    std::uint64_t lostBeyondList = 0;  // and how many more
+};
+
+// A filter table and what one client makes of it. apply() changes a model of the table; push() brings the kernel to
+// the model, in one transaction. All operations block for as long as the kernel takes. When the kernel cannot be read
+// they throw std::system_error, and nothing has changed.
 class Table {
 public:
     virtual ~Table() = default;
 
-    // Carries out one command without host names, wholly or not at all.
-    virtual Answer apply(const Command &command) = 0;
-    // Appends or deletes one rule for each of several addresses of one host name, wholly or not at all. All commands
-    // have the same action and chain.
-    virtual Answer applyAll(const std::vector<Command> &commands) = 0;
+    // Begins a connection: the model is what the kernel holds.
+    virtual void open() = 0;
 
-    // Fills in `hooks` and `chains` of what stands now. Throws std::system_error when the kernel cannot be read.
+    // Carries out one command on the model, wholly or not at all, and answers as iptables would. It is given as itself,
+    // or as one for each address of its host names, which are the same but for that. `options` is its text, by which it
+    // is named when it is lost later.
+    virtual Answer apply(const std::vector<Command> &commands, const std::string &options) = 0;
+
+    // How many rules can be appended before the answer is that the table is full.
+    virtual std::size_t room() const = 0;
+
+    // Sends the difference between the kernel and the model, whatever others have changed meanwhile; what the kernel
+    // refuses is left out and reported. Afterwards the model is what the kernel holds.
+    virtual PushReport push() = 0;
+
+    // Forgets what was not sent: afterwards the model is what the kernel holds. The report has what was lost.
+    virtual PushReport drop() = 0;
+
+    // Fills in `hooks` and `chains` of what stands now in the kernel, whatever the model is.
     virtual void describe(ServiceState &state) = 0;
 
     // Takes the hooks to the service's chains out of INPUT and OUTPUT, then the chains themselves. Chains that foreign

@@ -1,0 +1,171 @@
+#include "rlv/table/chain-plan.h"
+
+#include <algorithm>
+#include <unordered_map>
+
+namespace rlv {
+
+namespace {
+
+constexpr double kMakeMicroseconds = 5;      // a rule made
+constexpr double kDropMicroseconds = 0.2;    // a rule that goes with its chain's emptying
+constexpr double kMessageMicroseconds = 1.5; // a rule deleted, the way to it aside
+constexpr double kStepMicroseconds = 0.004;  // one rule on the way to another
+
+struct Hash {
+    static void mix(std::size_t &hash, std::size_t value) { hash = (hash ^ value) * 0x9e3779b97f4a7c15U >> 3; }
+    std::size_t operator()(const Rule *rule) const {
+        std::size_t hash = std::hash<std::string>()(rule->target.text) + static_cast<std::size_t>(rule->target.kind);
+        mix(hash, rule->protocol.value_or(0));
+        for (const auto &network : {rule->source, rule->destination})
+            mix(hash, network ? network->address + network->prefixLength : 1);
+        for (const auto &ports : {rule->sourcePorts, rule->destinationPorts})
+            mix(hash, ports ? ports->first * 65'536U + ports->last : 1);
+        return hash;
+    }
+};
+
+struct Equal {
+    bool operator()(const Rule *left, const Rule *right) const { return *left == *right; }
+};
+
+// The places of `candidates` at which, of all selections that rise, a longest one stands.
+std::vector<std::size_t> longestRising(const std::vector<std::size_t> &values) {
+    std::vector<std::size_t> ends; // by length: the place of the smallest value that a run of this length can end with
+    std::vector<std::size_t> before(values.size(), ChainPlan::kAtTheEnd);
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        const auto end = std::lower_bound(ends.begin(), ends.end(), values[i],
+                                          [&](std::size_t place, std::size_t value) { return values[place] < value; });
+        if (end != ends.begin())
+            before[i] = *(end - 1);
+        if (end == ends.end())
+            ends.push_back(i);
+        else
+            *end = i;
+    }
+    std::vector<std::size_t> run(ends.size());
+    for (std::size_t i = ends.size(), place = ends.empty() ? 0 : ends.back(); i > 0; place = before[place])
+        run[--i] = place;
+    return run;
+}
+
+class Planner {
+public:
+    Planner(const std::vector<HeldRule> &held, const std::vector<bool> &givenUp,
+            const std::vector<const Rule *> &appended)
+        : held_(held), givenUp_(givenUp), appended_(appended) {
+        tail_ = held.size();
+        while (tail_ > 0 && goes(tail_ - 1))
+            --tail_;
+    }
+
+    void match() {
+        std::size_t same = 0;
+        while (same < appended_.size() && tail_ + same < held_.size() && equals(tail_ + same, same)) {
+            plan_.matches.push_back({tail_ + same, same});
+            ++same;
+        }
+        matchRest(tail_ + same, same);
+    }
+
+    ChainPlan finish(PlanLimits limits) {
+        listDeletions();
+        listInsertions();
+        const bool everyRuleGoes = tail_ == 0;
+        const bool isCheaper = !held_.empty() && refillCost() < stepsCost();
+        if (limits.mayRefill && everyRuleGoes && (isCheaper || !limits.mayMatch)) {
+            plan_.refill = true;
+            plan_.matchesLost = plan_.matches.size();
+            plan_.matches.clear();
+            plan_.deletions.clear();
+            plan_.insertions.clear();
+            listInsertions();
+        }
+        return std::move(plan_);
+    }
+
+private:
+    bool goes(std::size_t place) const { return !givenUp_.empty() && givenUp_[place]; }
+
+    bool equals(std::size_t held, std::size_t appended) const {
+        return held_[held].rule && *held_[held].rule == *appended_[appended];
+    }
+
+    // The first of several equal rules goes with the first of those that equal it, and so on; of all these pairs as
+    // many stay as can without a change of order.
+    void matchRest(std::size_t firstHeld, std::size_t firstAppended) {
+        if (firstHeld == held_.size() || firstAppended == appended_.size())
+            return;
+        std::unordered_map<const Rule *, std::vector<std::size_t>, Hash, Equal> places;
+        for (std::size_t i = held_.size(); i > firstHeld; --i) {
+            if (held_[i - 1].rule)
+                places[&*held_[i - 1].rule].push_back(i - 1);
+        }
+        std::vector<ChainPlan::Match> pairs;
+        std::vector<std::size_t> values;
+        for (std::size_t i = firstAppended; i < appended_.size(); ++i) {
+            const auto found = places.find(appended_[i]);
+            if (found == places.end() || found->second.empty())
+                continue;
+            pairs.push_back({found->second.back(), i});
+            values.push_back(found->second.back());
+            found->second.pop_back();
+        }
+        for (const std::size_t place : longestRising(values))
+            plan_.matches.push_back(pairs[place]);
+    }
+
+    void listDeletions() {
+        auto match = plan_.matches.begin();
+        for (std::size_t i = 0; i < held_.size(); ++i) {
+            if (match != plan_.matches.end() && match->held == i)
+                ++match;
+            else if (goes(i))
+                plan_.deletions.push_back(i);
+        }
+    }
+
+    void listInsertions() {
+        auto match = plan_.matches.begin();
+        for (std::size_t i = 0; i < appended_.size(); ++i) {
+            if (match != plan_.matches.end() && match->appended == i)
+                ++match;
+            else
+                plan_.insertions.push_back({i, match == plan_.matches.end() ? ChainPlan::kAtTheEnd : match->held});
+        }
+    }
+
+    double stepsCost() const {
+        double cost = static_cast<double>(plan_.insertions.size()) * kMakeMicroseconds;
+        for (const std::size_t place : plan_.deletions)
+            cost += kMessageMicroseconds + static_cast<double>(place) * kStepMicroseconds;
+        for (const auto &insertion : plan_.insertions) {
+            if (insertion.before != ChainPlan::kAtTheEnd)
+                cost += static_cast<double>(insertion.before) * kStepMicroseconds;
+        }
+        return cost;
+    }
+
+    double refillCost() const {
+        return static_cast<double>(held_.size()) * kDropMicroseconds +
+               static_cast<double>(appended_.size()) * kMakeMicroseconds;
+    }
+
+    const std::vector<HeldRule> &held_;
+    const std::vector<bool> &givenUp_;
+    const std::vector<const Rule *> &appended_;
+    std::size_t tail_ = 0; // from here on no rule has to stay
+    ChainPlan plan_;
+};
+
+} // namespace
+
+ChainPlan planChain(const std::vector<HeldRule> &held, const std::vector<bool> &givenUp,
+                    const std::vector<const Rule *> &appended, PlanLimits limits) {
+    Planner planner(held, givenUp, appended);
+    if (limits.mayMatch)
+        planner.match();
+    return planner.finish(limits);
+}
+
+} // namespace rlv

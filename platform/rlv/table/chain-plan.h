@@ -1,0 +1,48 @@
+// How the rules of one chain get from what they are to what they should be.
+#ifndef PLATFORM_RLV_TABLE_CHAIN_PLAN_H
+#define PLATFORM_RLV_TABLE_CHAIN_PLAN_H
+
+#include <cstddef>
+#include <limits>
+#include <vector>
+
+#include "rlv/table/ruleset.h"
+
+namespace rlv {
+
+// Rules are named by their places, from 0: those that the kernel has, and those that are appended to the ones that are
+// not given up.
+struct ChainPlan {
+    static constexpr std::size_t kAtTheEnd = std::numeric_limits<std::size_t>::max();
+    struct Insertion {
+        std::size_t appended = 0;
+        std::size_t before = kAtTheEnd; // a rule that the kernel has and keeps
+    };
+    struct Match {
+        std::size_t held = 0;
+        std::size_t appended = 0;
+    };
+
+    bool refill = false;                // empty the chain first
+    std::size_t matchesLost = 0;        // rules that could have stayed, had the chain not been emptied
+    std::vector<Match> matches;         // given up, and appended again: they stay. Both places rise
+    std::vector<std::size_t> deletions; // rising
+    std::vector<Insertion> insertions;  // in the order of the appended rules
+};
+
+struct PlanLimits {
+    bool mayMatch = true;  // false: what the kernel has may be out of date, so that nothing given up can be counted on
+    bool mayRefill = true; // false: the chain may come to have rules that have to stay
+};
+
+// `givenUp` has a true for each rule of `held` that is to go; it may be empty when none is. A rule that is not given up
+// stays where it is.
+//
+// Emptying and refilling is chosen where no rule has to stay and where it costs less, by costs measured on Linux 6.18:
+// a rule costs 5 µs to make, and each rule before it 4 ns to find it by its handle.
+ChainPlan planChain(const std::vector<HeldRule> &held, const std::vector<bool> &givenUp,
+                    const std::vector<const Rule *> &appended, PlanLimits limits = PlanLimits());
+
+} // namespace rlv
+
+#endif

@@ -1,0 +1,286 @@
+// The kernel's ruleset.
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <endian.h>
+#include <functional>
+#include <new>
+#include <utility>
+
+#include <libmnl/libmnl.h>
+#include <libnftnl/chain.h>
+#include <libnftnl/expr.h>
+#include <libnftnl/table.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
+
+#include "rlv/table/netlink.h"
+#include "rlv/table/rule-expressions.h"
+#include "rlv/table/rule-words.h"
+#include "rlv/table/ruleset.h"
+
+namespace rlv {
+
+namespace {
+
+constexpr const char *kTable = "filter";
+
+struct HookChain {
+    const char *name;
+    std::uint32_t hook;
+};
+
+constexpr std::array kHookChains{HookChain{"INPUT", NF_INET_LOCAL_IN}, HookChain{"OUTPUT", NF_INET_LOCAL_OUT}};
+
+const HookChain *hookChain(const std::string &name) {
+    const auto *const found = std::find_if(kHookChains.begin(), kHookChains.end(),
+                                           [&](const HookChain &known) { return name == known.name; });
+    return found == kHookChains.end() ? nullptr : found;
+}
+
+struct FreeChain {
+    void operator()(nftnl_chain *chain) const { nftnl_chain_free(chain); }
+};
+using NftnlChain = std::unique_ptr<nftnl_chain, FreeChain>;
+
+NftnlChain newChain() {
+    NftnlChain chain(nftnl_chain_alloc());
+    if (!chain)
+        throw std::bad_alloc();
+    return chain;
+}
+
+NftnlChain chainNamed(const std::string &name) {
+    NftnlChain chain = newChain();
+    nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, kTable);
+    nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name.c_str());
+    return chain;
+}
+
+NftnlRule newRule() {
+    NftnlRule rule(nftnl_rule_alloc());
+    if (!rule)
+        throw std::bad_alloc();
+    return rule;
+}
+
+NftnlRule ruleOf(const std::string &chain, std::uint64_t handle) {
+    NftnlRule rule = newRule();
+    nftnl_rule_set_str(rule.get(), NFTNL_RULE_TABLE, kTable);
+    nftnl_rule_set_str(rule.get(), NFTNL_RULE_CHAIN, chain.c_str());
+    if (handle != 0)
+        nftnl_rule_set_u64(rule.get(), NFTNL_RULE_HANDLE, handle);
+    return rule;
+}
+
+// The changes as messages, one for each.
+class Encoder {
+public:
+    Batch encode(const Changes &changes) {
+        for (const Change &change : changes)
+            add(change);
+        return std::move(batch_);
+    }
+
+private:
+    void add(const Change &change) {
+        switch (change.kind) {
+        case Change::Kind::addTable:
+            return addTable();
+        case Change::Kind::addBaseChain:
+            return addBaseChain(*change.chain);
+        case Change::Kind::addChain:
+            return addChain(NFT_MSG_NEWCHAIN, NLM_F_CREATE | NLM_F_EXCL, chainNamed(*change.chain));
+        case Change::Kind::deleteChain:
+            return addChain(NFT_MSG_DELCHAIN, NLM_F_NONREC, chainNamed(*change.chain));
+        case Change::Kind::flushChain:
+        case Change::Kind::deleteRule:
+            return addRule(NFT_MSG_DELRULE, 0, ruleOf(*change.chain, change.handle));
+        case Change::Kind::appendRule:
+            return addRule(NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND, rlv::encode(*change.rule, *change.chain));
+        case Change::Kind::insertRule:
+            break;
+        }
+        const NftnlRule rule = rlv::encode(*change.rule, *change.chain);
+        nftnl_rule_set_u64(rule.get(), NFTNL_RULE_POSITION, change.handle);
+        addRule(NFT_MSG_NEWRULE, NLM_F_CREATE, rule);
+    }
+
+    void addTable() {
+        struct FreeTable {
+            void operator()(nftnl_table *table) const { nftnl_table_free(table); }
+        };
+        const std::unique_ptr<nftnl_table, FreeTable> table(nftnl_table_alloc());
+        if (!table)
+            throw std::bad_alloc();
+        nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, kTable);
+        batch_.add(NFT_MSG_NEWTABLE, NLM_F_CREATE,
+                   [&](nlmsghdr *message) { nftnl_table_nlmsg_build_payload(message, table.get()); });
+    }
+
+    // Priority 0 and the policy accept, as iptables makes it.
+    void addBaseChain(const std::string &name) {
+        const NftnlChain base = chainNamed(name);
+        nftnl_chain_set_u32(base.get(), NFTNL_CHAIN_HOOKNUM, hookChain(name)->hook);
+        nftnl_chain_set_s32(base.get(), NFTNL_CHAIN_PRIO, 0);
+        nftnl_chain_set_u32(base.get(), NFTNL_CHAIN_POLICY, NF_ACCEPT);
+        nftnl_chain_set_str(base.get(), NFTNL_CHAIN_TYPE, "filter");
+        addChain(NFT_MSG_NEWCHAIN, NLM_F_CREATE, base);
+    }
+
+    void addChain(std::uint16_t type, std::uint16_t flags, const NftnlChain &chain) {
+        batch_.add(type, flags, [&](nlmsghdr *message) { nftnl_chain_nlmsg_build_payload(message, chain.get()); });
+    }
+
+    void addRule(std::uint16_t type, std::uint16_t flags, const NftnlRule &rule) {
+        batch_.add(type, flags, [&](nlmsghdr *message) { nftnl_rule_nlmsg_build_payload(message, rule.get()); });
+    }
+
+    Batch batch_;
+};
+
+class KernelStore : public RulesetStore {
+public:
+    explicit KernelStore(std::string chainPrefix) : chainPrefix_(std::move(chainPrefix)) {}
+
+    std::uint32_t generation() override { return netlink_.generation(); }
+    std::optional<Ruleset> read() override;
+    std::optional<std::vector<std::uint64_t>> readHandles(const std::string &chain, std::uint32_t generation) override;
+    std::vector<ChangeFailure> commit(const Changes &changes, std::optional<std::uint32_t> generation) override;
+    std::vector<ChangeFailure> dryRun(const Changes &changes) override;
+
+private:
+    [[nodiscard]] bool readChains(Ruleset &ruleset);
+    [[nodiscard]] bool readRules(Ruleset &ruleset);
+    [[nodiscard]] bool dumpRules(const std::string &chain, const std::function<void(const nlmsghdr *)> &seen);
+    void takeChain(const nlmsghdr *message, Ruleset &ruleset);
+    void takeRule(const nlmsghdr *message, Ruleset &ruleset) const;
+    int hookErrorOf(const std::string &name, const nftnl_chain *chain);
+    bool holdsOurRules(const std::string &name) const {
+        return isOwnChain(name, chainPrefix_) || hookChain(name) != nullptr;
+    }
+
+    std::string chainPrefix_;
+    Netlink netlink_;
+    std::vector<std::string> oddHookChains_; // met in the reading under way
+};
+
+std::vector<ChangeFailure> failuresOf(const std::vector<BatchFailure> &failures) {
+    std::vector<ChangeFailure> result;
+    for (const BatchFailure &failure : failures)
+        result.push_back({failure.message, failure.error});
+    return result;
+}
+
+std::vector<ChangeFailure> KernelStore::commit(const Changes &changes, std::optional<std::uint32_t> generation) {
+    return failuresOf(netlink_.commit(Encoder().encode(changes), generation));
+}
+
+std::vector<ChangeFailure> KernelStore::dryRun(const Changes &changes) {
+    return failuresOf(netlink_.dryRun(Encoder().encode(changes)));
+}
+
+std::optional<Ruleset> KernelStore::read() {
+    Ruleset ruleset;
+    ruleset.generation = netlink_.generation();
+    oddHookChains_.clear();
+    if (!readChains(ruleset) || !readRules(ruleset))
+        return std::nullopt;
+    // What is neither a rule in the chain nor a rule's jump to it refers to it all the same.
+    for (const auto &[name, chain] : ruleset.chains) {
+        for (const auto &[target, count] : chain.jumps) {
+            if (const auto found = ruleset.chains.find(target); found != ruleset.chains.end())
+                found->second.usesElsewhere -= std::min(found->second.usesElsewhere, count);
+        }
+    }
+    for (const std::string &name : oddHookChains_) {
+        const auto refused = dryRun({{Change::Kind::addBaseChain, &name, nullptr, 0}});
+        ruleset.chains[name].hookError = refused.empty() ? 0 : refused.front().error;
+    }
+    if (netlink_.generation() != ruleset.generation)
+        return std::nullopt;
+    return ruleset;
+}
+
+bool KernelStore::readChains(Ruleset &ruleset) {
+    return netlink_.dump(
+        NFT_MSG_GETCHAIN, [](nlmsghdr *) {}, [&](const nlmsghdr *message) { takeChain(message, ruleset); });
+}
+
+void KernelStore::takeChain(const nlmsghdr *message, Ruleset &ruleset) {
+    const NftnlChain chain = newChain();
+    if (nftnl_chain_nlmsg_parse(message, chain.get()) < 0 ||
+        std::strcmp(nftnl_chain_get_str(chain.get(), NFTNL_CHAIN_TABLE), kTable) != 0)
+        return;
+    const std::string name = nftnl_chain_get_str(chain.get(), NFTNL_CHAIN_NAME);
+    HeldChain &held = ruleset.chains[name];
+    held.usesElsewhere = nftnl_chain_get_u32(chain.get(), NFTNL_CHAIN_USE);
+    held.isBase = nftnl_chain_is_set(chain.get(), NFTNL_CHAIN_HOOKNUM);
+    const HookChain *const known = hookChain(name);
+    if (known == nullptr)
+        return;
+    const char *const type = nftnl_chain_get_str(chain.get(), NFTNL_CHAIN_TYPE);
+    const bool isPlain = held.isBase && type != nullptr && std::strcmp(type, "filter") == 0 &&
+                         nftnl_chain_get_s32(chain.get(), NFTNL_CHAIN_PRIO) == 0 &&
+                         nftnl_chain_get_u32(chain.get(), NFTNL_CHAIN_HOOKNUM) == known->hook;
+    if (!isPlain)
+        oddHookChains_.push_back(name);
+}
+
+bool KernelStore::dumpRules(const std::string &chain, const std::function<void(const nlmsghdr *)> &seen) {
+    const auto ask = [&](nlmsghdr *request) {
+        mnl_attr_put_strz(request, NFTA_RULE_TABLE, kTable);
+        if (!chain.empty())
+            mnl_attr_put_strz(request, NFTA_RULE_CHAIN, chain.c_str());
+    };
+    return netlink_.dump(NFT_MSG_GETRULE, ask, seen);
+}
+
+bool KernelStore::readRules(Ruleset &ruleset) {
+    return dumpRules("", [&](const nlmsghdr *message) { takeRule(message, ruleset); });
+}
+
+int noteJump(nftnl_expr *expression, void *chain) {
+    const bool isVerdict = std::strcmp(nftnl_expr_get_str(expression, NFTNL_EXPR_NAME), "immediate") == 0 &&
+                           nftnl_expr_is_set(expression, NFTNL_EXPR_IMM_CHAIN);
+    if (isVerdict)
+        ++static_cast<HeldChain *>(chain)->jumps[nftnl_expr_get_str(expression, NFTNL_EXPR_IMM_CHAIN)];
+    return 0;
+}
+
+void KernelStore::takeRule(const nlmsghdr *message, Ruleset &ruleset) const {
+    const NftnlRule rule = newRule();
+    if (nftnl_rule_nlmsg_parse(message, rule.get()) < 0)
+        return;
+    const std::string name = nftnl_rule_get_str(rule.get(), NFTNL_RULE_CHAIN);
+    HeldChain &chain = ruleset.chains[name];
+    chain.usesElsewhere -= std::min<std::size_t>(chain.usesElsewhere, 1);
+    nftnl_expr_foreach(rule.get(), noteJump, &chain);
+    if (holdsOurRules(name))
+        chain.rules.push_back({nftnl_rule_get_u64(rule.get(), NFTNL_RULE_HANDLE), decode(rule.get())});
+}
+
+int takeHandle(const nlattr *attribute, void *to) {
+    if (mnl_attr_get_type(attribute) == NFTA_RULE_HANDLE)
+        static_cast<std::vector<std::uint64_t> *>(to)->push_back(be64toh(mnl_attr_get_u64(attribute)));
+    return MNL_CB_OK;
+}
+
+std::optional<std::vector<std::uint64_t>> KernelStore::readHandles(const std::string &chain, std::uint32_t generation) {
+    std::vector<std::uint64_t> handles;
+    const bool whole = dumpRules(
+        chain, [&](const nlmsghdr *message) { mnl_attr_parse(message, sizeof(nfgenmsg), takeHandle, &handles); });
+    if (!whole || netlink_.generation() != generation)
+        return std::nullopt;
+    return handles;
+}
+
+} // namespace
+
+std::unique_ptr<RulesetStore> openKernelStore(const std::string &chainPrefix) {
+    return std::make_unique<KernelStore>(chainPrefix);
+}
+
+} // namespace rlv

@@ -1,0 +1,413 @@
+#include "rlv/table/model.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+#include "rlv/table/answers.h"
+#include "rlv/table/rule-words.h"
+
+namespace rlv {
+
+namespace {
+
+// The kernel follows this many jumps from a base chain, no more (NFT_JUMP_STACK_SIZE).
+constexpr int kMaxJumps = 15;
+
+using Action = Command::Action;
+
+bool isJump(const Rule &rule) { return rule.target.kind == Target::Kind::jump; }
+
+bool isHookChain(const std::string &name) { return name == "INPUT" || name == "OUTPUT"; }
+
+LostCommand lostCommand(const std::string &options, const Answer &answer) {
+    return {options, answer.code, answer.message, false};
+}
+
+// What others did may have reached the aim of a command already.
+bool isAimMissed(Action action, const Answer &answer) {
+    return answer.code != 0 &&
+           (action == Action::appendRule || (action == Action::removeChain && answer.code != noSuchChain().code));
+}
+
+} // namespace
+
+void Model::load(Ruleset ruleset) {
+    held_ = std::move(ruleset);
+    reset();
+}
+
+void Model::reset() {
+    chains_.clear();
+    count_ = 0;
+    for (const auto &[name, held] : held_.chains) {
+        chains_[name].jumps = held.jumps;
+        count_ += 1 + held.rules.size();
+    }
+    changed_ = false;
+}
+
+Model::Chain *Model::find(const std::string &name) {
+    const auto found = chains_.find(name);
+    return found == chains_.end() || !found->second.exists ? nullptr : &found->second;
+}
+
+const HeldChain *Model::heldChain(const std::string &name) const {
+    const auto found = held_.chains.find(name);
+    return found == held_.chains.end() ? nullptr : &found->second;
+}
+
+std::size_t Model::heldCount(const std::string &name) const {
+    const HeldChain *const held = heldChain(name);
+    return held == nullptr ? 0 : held->rules.size();
+}
+
+Answer Model::apply(const std::vector<Command> &commands, const std::string &options) {
+    if (commands.empty())
+        return {};
+    const Command &first = commands.front();
+    switch (first.action) {
+    case Action::flushChain:
+        return flushChain(first.chain, options);
+    case Action::makeChain:
+        return makeChain(first.chain, options);
+    case Action::removeChain:
+        return removeChain(first.chain, options);
+    case Action::appendRule:
+        return appendRules(commands, options);
+    case Action::deleteRule:
+        break;
+    }
+    return deleteRules(commands, options);
+}
+
+Answer Model::flushChain(const std::string &name, const std::string &options) {
+    Chain *const chain = find(name);
+    if (chain == nullptr)
+        return noSuchChain();
+    const std::size_t held = heldCount(name);
+    count_ -= held - chain->givenUpCount + chain->appended.size();
+    chain->givenUp.assign(held, true);
+    chain->givenUpCount = held;
+    chain->appended.clear();
+    chain->deleted.clear();
+    chain->jumps.clear();
+    chain->flushed = originOf(options);
+    changed_ = true;
+    return {};
+}
+
+Answer Model::makeChain(const std::string &name, const std::string &options) {
+    if (find(name) != nullptr)
+        return chainExists();
+    if (room() == 0)
+        return tooManyRules(maxRules_);
+    Chain &chain = chains_[name];
+    chain.exists = true;
+    chain.made = originOf(options);
+    ++count_;
+    changed_ = true;
+    return {};
+}
+
+Answer Model::removeChain(const std::string &name, const std::string &options) {
+    Chain *const chain = find(name);
+    if (chain == nullptr)
+        return noSuchChain();
+    const bool isFilled = chain->givenUpCount < heldCount(name) || !chain->appended.empty();
+    if (isFilled || isReferenced(name))
+        return kernelRefused("CHAIN_DEL", EBUSY, "chain", name);
+    --count_;
+    changed_ = true;
+    chain->exists = false;
+    chain->removed = originOf(options);
+    if (heldChain(name) == nullptr)
+        chains_.erase(name);
+    return {};
+}
+
+Answer Model::appendRules(const std::vector<Command> &commands, const std::string &options) {
+    const std::string &name = commands.front().chain;
+    const Rule &first = commands.front().rule; // all have its target
+    if (isJump(first) && find(first.target.text) == nullptr)
+        return noSuchTarget(first.target.text);
+    const HeldChain *const held = heldChain(name);
+    if (held != nullptr && held->hookError != 0)
+        return kernelRefused("CHAIN_ADD", held->hookError, "chain", name);
+    Chain *chain = find(name);
+    if (chain == nullptr && !isHookChain(name))
+        return noSuchChain();
+    if (room() < commands.size() + (chain == nullptr ? 1 : 0))
+        return tooManyRules(maxRules_);
+    const bool isNew = chain == nullptr;
+    if (isNew)
+        chain = &chains_[name];
+    // A jump that another rule makes already leads nowhere new.
+    if (isJump(first) && chain->jumps.emplace(first.target.text, 0).second && jumpsTooFar()) {
+        chain->jumps.erase(first.target.text);
+        if (isNew)
+            chains_.erase(name);
+        return kernelRefused("RULE_APPEND", EMLINK, "rule in chain", name);
+    }
+    const Origin origin = originOf(options);
+    for (const Command &command : commands) {
+        chain->appended.push_back({command.rule, origin});
+        if (isJump(command.rule))
+            ++chain->jumps[command.rule.target.text];
+    }
+    if (isNew)
+        chain->made = origin;
+    count_ += commands.size() + (isNew ? 1 : 0);
+    changed_ = true;
+    return {};
+}
+
+// The first rule that equals each command's; two commands are two rules.
+Answer Model::deleteRules(const std::vector<Command> &commands, const std::string &options) {
+    const std::string &name = commands.front().chain;
+    const Rule &first = commands.front().rule;
+    if (isJump(first) && find(first.target.text) == nullptr)
+        return noSuchTarget(first.target.text);
+    Chain *const chain = find(name);
+    if (chain == nullptr)
+        return noSuchRule();
+    static const std::vector<HeldRule> none;
+    const HeldChain *const held = heldChain(name);
+    const std::vector<HeldRule> &rules = held == nullptr ? none : held->rules;
+    std::vector<std::size_t> places; // those of appended rules come after the held ones
+    const auto isFree = [&](std::size_t place) {
+        return std::find(places.begin(), places.end(), place) == places.end();
+    };
+    const auto equals = [&](std::size_t place, const Rule &rule) {
+        if (place >= rules.size())
+            return chain->appended[place - rules.size()].rule == rule;
+        return (chain->givenUp.empty() || !chain->givenUp[place]) && rules[place].rule == rule;
+    };
+    for (const Command &command : commands) {
+        std::size_t place = 0;
+        const std::size_t end = rules.size() + chain->appended.size();
+        while (place < end && !(equals(place, command.rule) && isFree(place)))
+            ++place;
+        if (place == end)
+            return noSuchRule();
+        places.push_back(place);
+    }
+    const Origin origin = originOf(options);
+    std::sort(places.rbegin(), places.rend());
+    for (const std::size_t place : places) {
+        if (place < rules.size()) {
+            giveUp(name, *chain, place);
+            chain->deleted.push_back({place, origin});
+        } else {
+            const auto appended = chain->appended.begin() + static_cast<std::ptrdiff_t>(place - rules.size());
+            dropJump(*chain, appended->rule);
+            chain->appended.erase(appended);
+            --count_;
+        }
+    }
+    changed_ = true;
+    return {};
+}
+
+void Model::giveUp(const std::string &name, Chain &chain, std::size_t place) {
+    const auto &rules = held_.chains.at(name).rules;
+    chain.givenUp.resize(rules.size(), false);
+    chain.givenUp[place] = true;
+    ++chain.givenUpCount;
+    --count_;
+    dropJump(chain, *rules[place].rule);
+}
+
+void Model::dropJump(Chain &chain, const Rule &rule) {
+    if (isJump(rule) && --chain.jumps[rule.target.text] == 0)
+        chain.jumps.erase(rule.target.text);
+}
+
+bool Model::isReferenced(const std::string &name) const {
+    const HeldChain *const held = heldChain(name);
+    if (held != nullptr && held->usesElsewhere > 0)
+        return true;
+    return std::any_of(chains_.begin(), chains_.end(),
+                       [&](const auto &chain) { return chain.second.jumps.count(name) > 0; });
+}
+
+// Like the kernel, looks only at what can be reached from a base chain: elsewhere even loops may stand.
+bool Model::jumpsTooFar() const {
+    std::map<std::string, int> seen;
+    return std::any_of(chains_.begin(), chains_.end(), [&](const auto &chain) {
+        const HeldChain *const held = heldChain(chain.first);
+        const bool isBase = held == nullptr ? isHookChain(chain.first) : held->isBase;
+        return isBase && jumpsTooFarFrom(chain.first, 0, seen);
+    });
+}
+
+// `seen` has for each chain the longest way to it that was already followed.
+bool Model::jumpsTooFarFrom(const std::string &name, int jumps, std::map<std::string, int> &seen) const {
+    if (jumps > kMaxJumps)
+        return true;
+    const auto [known, isNew] = seen.emplace(name, jumps);
+    if (!isNew && known->second >= jumps)
+        return false;
+    known->second = jumps;
+    const auto chain = chains_.find(name);
+    return chain != chains_.end() &&
+           std::any_of(chain->second.jumps.begin(), chain->second.jumps.end(),
+                       [&](const auto &jump) { return jumpsTooFarFrom(jump.first, jumps + 1, seen); });
+}
+
+Model::Changes Model::plan(bool isCurrent) const {
+    Changes changes;
+    std::vector<const Rule *> appended;
+    static const std::vector<HeldRule> none;
+    for (const auto &[name, chain] : chains_) {
+        const HeldChain *const held = heldChain(name);
+        if (held != nullptr && chain.exists && chain.givenUpCount == 0 && chain.appended.empty() &&
+            chain.flushed.number == 0)
+            continue;
+        ChainChange &change = changes[name];
+        change.make = held == nullptr;
+        change.remove = !chain.exists;
+        appended.clear();
+        for (const Appended &rule : chain.appended)
+            appended.push_back(&rule.rule);
+        PlanLimits limits;
+        limits.mayMatch = isCurrent;
+        // Others put their rules into base chains at any time.
+        limits.mayRefill = (held == nullptr || !held->isBase) && (isCurrent || chain.flushed.number != 0);
+        change.plan = planChain(held == nullptr ? none : held->rules, chain.givenUp, appended, limits);
+    }
+    return changes;
+}
+
+const Rule &Model::appendedRule(const std::string &chain, std::size_t place) const {
+    return chains_.at(chain).appended[place].rule;
+}
+
+void Model::setHandles(const std::string &chain, const std::vector<std::uint64_t> &handles) {
+    HeldChain &held = held_.chains.at(chain);
+    for (std::size_t i = 0; i < held.rules.size(); ++i)
+        held.rules[i].handle = handles[i];
+    held.handlesKnown = true;
+}
+
+void Model::loseAppended(const std::string &chain, const std::vector<RefusedRule> &refused,
+                         std::vector<LostCommand> &lost) {
+    Chain &from = chains_.at(chain);
+    auto next = refused.begin();
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < from.appended.size(); ++i) {
+        if (next != refused.end() && next->place == i) {
+            lost.push_back(lostCommand(from.appended[i].origin.options, next->answer));
+            ++next;
+            dropJump(from, from.appended[i].rule);
+            --count_;
+        } else {
+            if (kept != i)
+                from.appended[kept] = std::move(from.appended[i]);
+            ++kept;
+        }
+    }
+    from.appended.resize(kept);
+}
+
+void Model::loseChain(const std::string &chain, const Answer &answer, std::vector<LostCommand> &lost) {
+    const Chain &from = chains_.at(chain);
+    lost.push_back(lostCommand(from.made.options, answer));
+    for (const Appended &rule : from.appended)
+        lost.push_back(lostCommand(rule.origin.options, answer));
+    count_ -= 1 + from.appended.size();
+    chains_.erase(chain);
+}
+
+void Model::loseRemoval(const std::string &chain, const Answer &answer, std::vector<LostCommand> &lost) {
+    Chain &from = chains_.at(chain);
+    lost.push_back(lostCommand(from.removed.options, answer));
+    from.exists = true;
+    ++count_;
+}
+
+void Model::adopt(const Changes &changes, std::uint32_t generation) {
+    for (const auto &[name, change] : changes) {
+        if (change.remove) {
+            held_.chains.erase(name);
+            continue;
+        }
+        Chain &chain = chains_.at(name);
+        HeldChain &held = held_.chains[name];
+        if (change.make)
+            held.isBase = isHookChain(name);
+        std::vector<HeldRule> rules;
+        if (chain.givenUpCount == 0) {
+            rules = std::move(held.rules);
+        } else {
+            for (std::size_t i = 0; i < held.rules.size(); ++i) {
+                if (!chain.givenUp[i])
+                    rules.push_back(std::move(held.rules[i]));
+            }
+        }
+        auto match = change.plan.matches.begin();
+        for (std::size_t i = 0; i < chain.appended.size(); ++i) {
+            const bool isMatched = match != change.plan.matches.end() && match->appended == i;
+            const std::uint64_t handle = isMatched ? held.rules[match->held].handle : 0;
+            rules.push_back({handle, std::move(chain.appended[i].rule)});
+            held.handlesKnown = held.handlesKnown && isMatched;
+            if (isMatched)
+                ++match;
+        }
+        held.rules = std::move(rules);
+        held.handlesKnown = held.handlesKnown || held.rules.empty();
+        held.jumps = chain.jumps;
+    }
+    held_.generation = generation;
+    reset();
+}
+
+std::vector<Model::Pending> Model::pending() const {
+    std::vector<Pending> all;
+    for (const auto &[name, chain] : chains_) {
+        const auto add = [&, &chainName = name](Action action, const Origin &origin, const Rule &rule = Rule()) {
+            if (origin.number != 0)
+                all.push_back({{action, chainName, rule, "", ""}, origin});
+        };
+        // A hook's first rule makes INPUT or OUTPUT.
+        if (heldChain(name) == nullptr && !isHookChain(name))
+            add(Action::makeChain, chain.made);
+        add(Action::flushChain, chain.flushed);
+        for (const Deleted &deleted : chain.deleted)
+            add(Action::deleteRule, deleted.origin, *held_.chains.at(name).rules[deleted.place].rule);
+        for (const Appended &appended : chain.appended)
+            add(Action::appendRule, appended.origin, appended.rule);
+        if (!chain.exists)
+            add(Action::removeChain, chain.removed);
+    }
+    std::stable_sort(all.begin(), all.end(), [](const Pending &left, const Pending &right) {
+        return left.origin.number < right.origin.number;
+    });
+    return all;
+}
+
+void Model::revert(const Answer &answer, std::vector<LostCommand> &lost) {
+    std::uint64_t last = 0; // several rules may come of one command
+    for (const Pending &command : pending()) {
+        if (command.origin.number != std::exchange(last, command.origin.number))
+            lost.push_back(lostCommand(command.origin.options, answer));
+    }
+    reset();
+}
+
+void Model::rebase(Ruleset ruleset, std::vector<LostCommand> &lost) {
+    const std::vector<Pending> all = pending();
+    load(std::move(ruleset));
+    for (auto next = all.begin(); next != all.end();) {
+        std::vector<Command> commands;
+        const Origin &origin = next->origin;
+        for (; next != all.end() && next->origin.number == origin.number; ++next)
+            commands.push_back(next->command);
+        const Answer answer = apply(commands, origin.options);
+        if (isAimMissed(commands.front().action, answer))
+            lost.push_back(lostCommand(origin.options, answer));
+    }
+    changed_ = changed_ || !all.empty();
+}
+
+} // namespace rlv

@@ -1,0 +1,125 @@
+// A ruleset, and what the commands of one connection make of it before anything is sent.
+#ifndef PLATFORM_RLV_TABLE_MODEL_H
+#define PLATFORM_RLV_TABLE_MODEL_H
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "rlv/rlv-query.h"
+#include "rlv/table/chain-plan.h"
+#include "rlv/table/command.h"
+#include "rlv/table/ruleset.h"
+
+namespace rlv {
+
+// Answers commands as iptables would and keeps what they come to as a difference from the ruleset: its size goes with
+// the rules of the outcome, never with the number of commands.
+class Model {
+public:
+    // At most so many rules and chains, those of others in the chains that hold rules of ours included.
+    explicit Model(std::size_t maxRules) : maxRules_(maxRules) {}
+
+    // A new ruleset, without a difference.
+    void load(Ruleset ruleset);
+    const Ruleset &held() const { return held_; }
+
+    // Carries out commands that are the same but for their addresses, all or none. `options` is kept with what comes of
+    // them.
+    Answer apply(const std::vector<Command> &commands, const std::string &options);
+    std::size_t room() const { return count_ < maxRules_ ? maxRules_ - count_ : 0; }
+
+    // True when there is anything to be sent, if only to find that it comes to nothing.
+    bool isChanged() const { return changed_; }
+
+    // What the difference comes to for one chain.
+    struct ChainChange {
+        bool make = false;
+        bool remove = false;
+        ChainPlan plan;
+    };
+    using Changes = std::map<std::string, ChainChange>;
+    // Of the chains that were touched. Unless `isCurrent`, it holds for whatever others have made of the ruleset since.
+    Changes plan(bool isCurrent) const;
+    const Rule &appendedRule(const std::string &chain, std::size_t place) const;
+    void setHandles(const std::string &chain, const std::vector<std::uint64_t> &handles);
+
+    // Take back what was refused: its commands are added to `lost`.
+    struct RefusedRule {
+        std::size_t place = 0; // among the appended
+        Answer answer;
+    };
+    // Places rise.
+    void loseAppended(const std::string &chain, const std::vector<RefusedRule> &refused,
+                      std::vector<LostCommand> &lost);
+    void loseChain(const std::string &chain, const Answer &answer, std::vector<LostCommand> &lost);
+    void loseRemoval(const std::string &chain, const Answer &answer, std::vector<LostCommand> &lost);
+
+    // The ruleset is now what the model is, by these plans.
+    void adopt(const Changes &changes, std::uint32_t generation);
+    // The model is the ruleset again. What is forgotten is in `lost`, in the order in which it was sent.
+    void revert(const Answer &answer, std::vector<LostCommand> &lost);
+    // Brings the difference to another ruleset. Commands of which the aim cannot be reached there are added to `lost`.
+    void rebase(Ruleset ruleset, std::vector<LostCommand> &lost);
+
+private:
+    // A command that is not sent yet; 0 is none.
+    struct Origin {
+        std::uint64_t number = 0;
+        std::string options;
+    };
+    struct Appended {
+        Rule rule;
+        Origin origin;
+    };
+    struct Deleted {
+        std::size_t place = 0; // in the held rules
+        Origin origin;
+    };
+    struct Chain {
+        bool exists = true;
+        std::map<std::string, std::size_t> jumps;
+        std::vector<bool> givenUp; // of the held rules; empty when none is
+        std::size_t givenUpCount = 0;
+        std::vector<Appended> appended;
+        std::vector<Deleted> deleted;
+        Origin made;
+        Origin flushed; // once flushed, no held rule is left
+        Origin removed;
+    };
+    struct Pending {
+        Command command;
+        Origin origin;
+    };
+
+    Answer flushChain(const std::string &name, const std::string &options);
+    Answer makeChain(const std::string &name, const std::string &options);
+    Answer removeChain(const std::string &name, const std::string &options);
+    Answer appendRules(const std::vector<Command> &commands, const std::string &options);
+    Answer deleteRules(const std::vector<Command> &commands, const std::string &options);
+
+    Chain *find(const std::string &name);
+    const HeldChain *heldChain(const std::string &name) const;
+    std::size_t heldCount(const std::string &name) const;
+    Origin originOf(const std::string &options) { return {++lastOrigin_, options}; }
+    void reset();
+    void giveUp(const std::string &name, Chain &chain, std::size_t place);
+    static void dropJump(Chain &chain, const Rule &rule);
+    bool isReferenced(const std::string &name) const;
+    bool jumpsTooFar() const;
+    bool jumpsTooFarFrom(const std::string &name, int jumps, std::map<std::string, int> &seen) const;
+    std::vector<Pending> pending() const;
+
+    std::size_t maxRules_;
+    Ruleset held_;
+    std::map<std::string, Chain> chains_;
+    std::size_t count_ = 0;
+    std::uint64_t lastOrigin_ = 0;
+    bool changed_ = false;
+};
+
+} // namespace rlv
+
+#endif

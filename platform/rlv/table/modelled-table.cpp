@@ -1,0 +1,384 @@
+#include "rlv/table/modelled-table.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <map>
+#include <system_error>
+#include <utility>
+
+#include "rlv/table/answers.h"
+#include "rlv/table/rule-words.h"
+
+namespace rlv {
+
+namespace {
+
+// How often others may change the ruleset while we read it before we give up.
+constexpr int kMaxReadings = 50;
+// How often others may be faster than our transactions before one goes that holds whatever they do, and how often
+// that one may fail.
+constexpr int kBoundAttempts = 10;
+constexpr int kMaxAttempts = 100;
+// The list of lost commands has a limit, their number has none.
+constexpr std::size_t kMaxListedLost = 10'000;
+
+constexpr std::array kHookChains{"INPUT", "OUTPUT"};
+
+using Kind = Change::Kind;
+
+// What iptables calls a change when the kernel refuses it.
+struct ChangeWords {
+    const char *operation;
+    const char *object;
+};
+
+ChangeWords wordsOf(Kind kind) {
+    static const std::map<Kind, ChangeWords> words{
+        {Kind::addTable, {"TABLE_ADD", "table"}},
+        {Kind::addBaseChain, {"CHAIN_ADD", "chain"}},
+        {Kind::addChain, {"CHAIN_USER_ADD", "chain"}},
+        {Kind::deleteRule, {"RULE_DELETE", "rule in chain"}},
+        {Kind::flushChain, {"RULE_FLUSH", "rule in chain"}},
+        {Kind::appendRule, {"RULE_APPEND", "rule in chain"}},
+        {Kind::insertRule, {"RULE_INSERT", "rule in chain"}},
+        {Kind::deleteChain, {"CHAIN_DEL", "chain"}},
+    };
+    return words.at(kind);
+}
+
+Answer answerTo(const Change &change, int error) {
+    const ChangeWords words = wordsOf(change.kind);
+    return kernelRefused(words.operation, error, words.object, change.chain == nullptr ? "filter" : *change.chain);
+}
+
+// Every transaction counts the generation up by one and leaves 0 out.
+std::uint32_t generationAfter(std::uint32_t generation) { return generation + 1 == 0 ? 1 : generation + 1; }
+
+void limitList(PushReport &report) {
+    if (report.lost.size() <= kMaxListedLost)
+        return;
+    report.lostBeyondList += report.lost.size() - kMaxListedLost;
+    report.lost.resize(kMaxListedLost);
+}
+
+bool isConflict(const std::vector<ChangeFailure> &failures) {
+    return std::any_of(failures.begin(), failures.end(), [](const auto &failure) { return failure.error == ERESTART; });
+}
+
+} // namespace
+
+ModelledTable::ModelledTable(std::unique_ptr<RulesetStore> store, std::string chainPrefix, std::size_t maxRules)
+    : store_(std::move(store)), chainPrefix_(std::move(chainPrefix)), model_(maxRules) {}
+
+Ruleset ModelledTable::readRuleset() {
+    for (int i = 0; i < kMaxReadings; ++i) {
+        if (auto ruleset = store_->read())
+            return std::move(*ruleset);
+    }
+    throw std::system_error(EAGAIN, std::generic_category(), "the tables change faster than they can be read");
+}
+
+void ModelledTable::open() {
+    if (generation_ == store_->generation())
+        return;
+    model_.load(readRuleset());
+    generation_ = model_.held().generation;
+}
+
+Answer ModelledTable::apply(const std::vector<Command> &commands, const std::string &options) {
+    return model_.apply(commands, options);
+}
+
+void ModelledTable::reread(PushReport &report) {
+    model_.rebase(readRuleset(), report.lost);
+    generation_ = model_.held().generation;
+}
+
+PushReport ModelledTable::push() {
+    PushReport report;
+    for (int attempt = 0; model_.isChanged(); ++attempt) {
+        if (attempt == kMaxAttempts) {
+            model_.revert({4, "iptables: the tables change faster than they can be written"}, report.lost);
+            break;
+        }
+        if (tryPush(attempt < kBoundAttempts, report))
+            break;
+    }
+    limitList(report);
+    return report;
+}
+
+// False when it has to be done again.
+bool ModelledTable::tryPush(bool bound, PushReport &report) {
+    if (!generation_)
+        reread(report);
+    const Model::Changes plan = model_.plan(bound);
+    if (!fetchHandles(plan)) {
+        reread(report);
+        return false;
+    }
+    const Batch batch = makeBatch(plan);
+    std::vector<ChangeFailure> failures;
+    if (!batch.changes.empty())
+        failures = store_->commit(batch.changes, bound ? generation_ : std::nullopt);
+    else if (store_->generation() != generation_)
+        failures.push_back({std::nullopt, ERESTART});
+    // What somebody else has taken away was ours to take away.
+    const bool wasFaster = !bound && std::any_of(failures.begin(), failures.end(), [&](const ChangeFailure &failure) {
+        return failure.index && failure.error == ENOENT && batch.changes[*failure.index].handle != 0;
+    });
+    if (isConflict(failures) || wasFaster) {
+        reread(report);
+        return false;
+    }
+    if (!failures.empty()) {
+        blame(batch, failures, report);
+        return false;
+    }
+    count(plan, report);
+    report.changes = batch.changes.size();
+    if (!batch.changes.empty())
+        generation_ = bound ? std::optional(generationAfter(*generation_)) : std::nullopt;
+    model_.adopt(plan, generation_.value_or(0));
+    return true;
+}
+
+// Rules that were sent from here have no handles before somebody needs them.
+bool ModelledTable::fetchHandles(const Model::Changes &plan) {
+    for (const auto &[name, change] : plan) {
+        const auto held = model_.held().chains.find(name);
+        const bool areNeeded = !change.plan.deletions.empty() || !change.plan.insertions.empty();
+        if (held == model_.held().chains.end() || held->second.handlesKnown || !areNeeded)
+            continue;
+        const bool onlyAppends = change.plan.deletions.empty() &&
+                                 std::all_of(change.plan.insertions.begin(), change.plan.insertions.end(),
+                                             [](const auto &one) { return one.before == ChainPlan::kAtTheEnd; });
+        if (onlyAppends)
+            continue;
+        const auto handles = store_->readHandles(name, generation_.value_or(0));
+        if (!handles || handles->size() != held->second.rules.size())
+            return false;
+        model_.setHandles(name, *handles);
+    }
+    return true;
+}
+
+// New chains first, so that rules may jump to them; then all that goes, then all that comes, and last the chains that
+// nothing refers to any more.
+ModelledTable::Batch ModelledTable::makeBatch(const Model::Changes &plan) const {
+    Batch batch;
+    const auto add = [&](const Change &change, const std::string &chain, std::size_t appended = 0) {
+        batch.changes.push_back(change);
+        batch.sources.push_back({&chain, appended});
+    };
+    const auto isMade = [](const auto &entry) { return entry.second.make; };
+    if (const auto made = std::find_if(plan.begin(), plan.end(), isMade); made != plan.end())
+        add({Kind::addTable, nullptr, nullptr, 0}, made->first);
+    for (const auto &[name, change] : plan) {
+        const bool isHookChain = std::find(kHookChains.begin(), kHookChains.end(), name) != kHookChains.end();
+        if (change.make)
+            add({isHookChain ? Kind::addBaseChain : Kind::addChain, &name, nullptr, 0}, name);
+    }
+    for (const auto &[name, change] : plan) {
+        if (change.plan.refill)
+            add({Kind::flushChain, &name, nullptr, 0}, name);
+        for (const std::size_t place : change.plan.deletions)
+            add({Kind::deleteRule, &name, nullptr, model_.held().chains.at(name).rules[place].handle}, name);
+    }
+    for (const auto &[name, change] : plan) {
+        for (const auto &insertion : change.plan.insertions) {
+            const Rule *const rule = &model_.appendedRule(name, insertion.appended);
+            if (insertion.before == ChainPlan::kAtTheEnd)
+                add({Kind::appendRule, &name, rule, 0}, name, insertion.appended);
+            else
+                add({Kind::insertRule, &name, rule, model_.held().chains.at(name).rules[insertion.before].handle}, name,
+                    insertion.appended);
+        }
+    }
+    for (const auto &[name, change] : plan) {
+        if (change.remove)
+            add({Kind::deleteChain, &name, nullptr, 0}, name);
+    }
+    return batch;
+}
+
+void ModelledTable::count(const Model::Changes &plan, PushReport &report) const {
+    for (const auto &[name, held] : model_.held().chains) {
+        const auto change = plan.find(name);
+        const std::size_t all = isOwnChain(name, chainPrefix_) ? held.rules.size() : 0;
+        if (change == plan.end())
+            report.kept += all;
+    }
+    for (const auto &[name, change] : plan) {
+        const auto held = model_.held().chains.find(name);
+        const std::size_t all = held == model_.held().chains.end() ? 0 : held->second.rules.size();
+        const std::size_t removed = change.plan.refill ? all : change.plan.deletions.size();
+        report.removed += removed;
+        report.added += change.plan.insertions.size();
+        report.kept += isOwnChain(name, chainPrefix_) ? all - removed : 0;
+        if (change.plan.refill && change.plan.matchesLost > 0)
+            report.refilled.push_back(name);
+    }
+}
+
+// Takes the commands of refused changes out of the model.
+void ModelledTable::blame(const Batch &batch, const std::vector<ChangeFailure> &failures, PushReport &report) {
+    std::vector<ChangeFailure> located;
+    for (const ChangeFailure &failure : failures) {
+        if (failure.index)
+            located.push_back(failure);
+    }
+    if (located.empty())
+        located = locate(batch);
+    std::map<std::string, std::vector<Model::RefusedRule>> rules;
+    std::map<std::string, Answer> chains;
+    bool isClear = !located.empty();
+    for (const ChangeFailure &failure : located) {
+        const Change &change = batch.changes[*failure.index];
+        const Answer answer = answerTo(change, failure.error);
+        const Source &source = batch.sources[*failure.index];
+        switch (change.kind) {
+        case Kind::appendRule:
+        case Kind::insertRule:
+            rules[*source.chain].push_back({source.appended, answer});
+            break;
+        case Kind::addChain:
+        case Kind::addBaseChain:
+            chains.emplace(*source.chain, answer);
+            break;
+        case Kind::deleteChain:
+            model_.loseRemoval(*source.chain, answer, report.lost);
+            break;
+        default:
+            isClear = false;
+            break;
+        }
+    }
+    if (!isClear)
+        return model_.revert(
+            answerTo(batch.changes[failures.front().index.value_or(batch.changes.size() - 1)], failures.front().error),
+            report.lost);
+    for (const auto &[name, answer] : chains) {
+        model_.loseChain(name, answer, report.lost);
+        rules.erase(name);
+    }
+    for (const auto &[name, refused] : rules)
+        model_.loseAppended(name, refused, report.lost);
+}
+
+// Where the kernel does not say which change it refused: halves in dry runs. What is good so far stands before each
+// half, since later changes may need it. A refusal that only the end of a transaction meets is found nowhere.
+std::vector<ChangeFailure> ModelledTable::locate(const Batch &batch) {
+    std::vector<ChangeFailure> found;
+    Changes good;
+    std::vector<std::pair<std::size_t, std::size_t>> left{{0, batch.changes.size()}};
+    while (!left.empty()) {
+        const auto [begin, end] = left.back();
+        left.pop_back();
+        Changes tried = good;
+        tried.insert(tried.end(), batch.changes.begin() + static_cast<std::ptrdiff_t>(begin),
+                     batch.changes.begin() + static_cast<std::ptrdiff_t>(end));
+        const auto refused = store_->dryRun(tried);
+        if (refused.empty()) {
+            good = std::move(tried);
+        } else if (end - begin == 1) {
+            found.push_back({begin, refused.front().error});
+        } else {
+            const std::size_t middle = begin + (end - begin) / 2;
+            left.emplace_back(middle, end);
+            left.emplace_back(begin, middle);
+        }
+    }
+    return found;
+}
+
+PushReport ModelledTable::drop() {
+    PushReport report;
+    model_.revert({4, "iptables: not sent: the connection ended before"}, report.lost);
+    limitList(report);
+    return report;
+}
+
+bool ModelledTable::isHook(const HeldRule &held) const {
+    if (!held.rule || held.rule->target.kind != Target::Kind::jump)
+        return false;
+    Rule bare;
+    bare.target = held.rule->target;
+    return *held.rule == bare && isOwnChain(bare.target.text, chainPrefix_);
+}
+
+void ModelledTable::describe(const Ruleset &ruleset, ServiceState &state) const {
+    state.hooks.clear();
+    state.chains.clear();
+    for (const char *const name : kHookChains) {
+        const auto chain = ruleset.chains.find(name);
+        if (chain == ruleset.chains.end())
+            continue;
+        for (const HeldRule &held : chain->second.rules) {
+            if (isHook(held))
+                state.hooks.push_back({name, held.rule->target.text});
+        }
+    }
+    for (const auto &[name, chain] : ruleset.chains) {
+        if (isOwnChain(name, chainPrefix_))
+            state.chains.push_back({name, chain.rules.size()});
+    }
+}
+
+void ModelledTable::describe(ServiceState &state) {
+    const std::uint32_t generation = store_->generation();
+    if (generation_ == generation)
+        return describe(model_.held(), state);
+    if (describedGeneration_ != generation) {
+        Ruleset ruleset = readRuleset();
+        describe(ruleset, described_);
+        describedGeneration_ = ruleset.generation;
+        if (!model_.isChanged()) {
+            generation_ = ruleset.generation;
+            model_.load(std::move(ruleset));
+        }
+    }
+    state.hooks = described_.hooks;
+    state.chains = described_.chains;
+}
+
+Answer ModelledTable::removeAll() {
+    open();
+    const auto command = [](Command::Action action, const std::string &chain) {
+        Command made;
+        made.action = action;
+        made.chain = chain;
+        return made;
+    };
+    ServiceState state;
+    describe(model_.held(), state);
+    for (const HookState &hook : state.hooks) {
+        Command unhook = command(Command::Action::deleteRule, hook.chain);
+        unhook.rule.target = {Target::Kind::jump, hook.target};
+        model_.apply({unhook}, "-D " + hook.chain + " -j " + hook.target);
+    }
+    for (const ChainState &chain : state.chains)
+        model_.apply({command(Command::Action::flushChain, chain.name)}, "-F " + chain.name);
+    std::string kept;
+    for (const ChainState &chain : state.chains) {
+        if (model_.apply({command(Command::Action::removeChain, chain.name)}, "-X " + chain.name).code != 0)
+            kept += (kept.empty() ? "" : ", ") + chain.name;
+    }
+    const PushReport report = push();
+    if (!report.lost.empty())
+        return {report.lost.front().code, report.lost.front().message};
+    if (!kept.empty())
+        return {4, "iptables: emptied, but kept because rules of others jump to it: " + kept};
+    return {};
+}
+
+std::unique_ptr<Table> openKernelTable(const std::string &chainPrefix) {
+    return std::make_unique<ModelledTable>(openKernelStore(chainPrefix), chainPrefix);
+}
+
+std::unique_ptr<Table> makeSimulatedTable(const std::string &chainPrefix) {
+    return std::make_unique<ModelledTable>(makeSimulatedStore(), chainPrefix);
+}
+
+} // namespace rlv

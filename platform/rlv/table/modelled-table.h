@@ -1,0 +1,61 @@
+// The table that the service serves, over a store of its own choice.
+#ifndef PLATFORM_RLV_TABLE_MODELLED_TABLE_H
+#define PLATFORM_RLV_TABLE_MODELLED_TABLE_H
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "rlv/table/model.h"
+#include "rlv/table/ruleset.h"
+#include "rlv/table/table.h"
+
+namespace rlv {
+
+class ModelledTable : public Table {
+public:
+    ModelledTable(std::unique_ptr<RulesetStore> store, std::string chainPrefix, std::size_t maxRules = kMaxRules);
+
+    void open() override;
+    Answer apply(const std::vector<Command> &commands, const std::string &options) override;
+    std::size_t room() const override { return model_.room(); }
+    PushReport push() override;
+    PushReport drop() override;
+    void describe(ServiceState &state) override;
+    Answer removeAll() override;
+
+private:
+    // What a change comes from, so that a refusal finds its command.
+    struct Source {
+        const std::string *chain;
+        std::size_t appended;
+    };
+    struct Batch {
+        Changes changes;
+        std::vector<Source> sources; // one for each change
+    };
+
+    Ruleset readRuleset();
+    void reread(PushReport &report);
+    bool fetchHandles(const Model::Changes &plan);
+    Batch makeBatch(const Model::Changes &plan) const;
+    bool tryPush(bool bound, PushReport &report);
+    void count(const Model::Changes &plan, PushReport &report) const;
+    void blame(const Batch &batch, const std::vector<ChangeFailure> &failures, PushReport &report);
+    std::vector<ChangeFailure> locate(const Batch &batch);
+    bool isHook(const HeldRule &held) const;
+    void describe(const Ruleset &ruleset, ServiceState &state) const;
+
+    std::unique_ptr<RulesetStore> store_;
+    std::string chainPrefix_;
+    Model model_;
+    std::optional<std::uint32_t> generation_; // of what the model holds; none: it may be out of date
+    // What describe() read last while a connection had its own model, and at which generation.
+    std::optional<std::uint32_t> describedGeneration_;
+    ServiceState described_;
+};
+
+} // namespace rlv
+
+#endif
