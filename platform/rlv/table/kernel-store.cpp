@@ -66,15 +66,6 @@ NftnlRule newRule() {
     return rule;
 }
 
-NftnlRule ruleOf(const std::string &chain, std::uint64_t handle) {
-    NftnlRule rule = newRule();
-    nftnl_rule_set_str(rule.get(), NFTNL_RULE_TABLE, kTable);
-    nftnl_rule_set_str(rule.get(), NFTNL_RULE_CHAIN, chain.c_str());
-    if (handle != 0)
-        nftnl_rule_set_u64(rule.get(), NFTNL_RULE_HANDLE, handle);
-    return rule;
-}
-
 // The changes as messages, one for each.
 class Encoder {
 public:
@@ -97,15 +88,12 @@ private:
             return addChain(NFT_MSG_DELCHAIN, NLM_F_NONREC, chainNamed(*change.chain));
         case Change::Kind::flushChain:
         case Change::Kind::deleteRule:
-            return addRule(NFT_MSG_DELRULE, 0, ruleOf(*change.chain, change.handle));
+            return deleteRules(*change.chain, change.handle);
         case Change::Kind::appendRule:
-            return addRule(NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND, rlv::encode(*change.rule, *change.chain));
+            return addRule(NLM_F_CREATE | NLM_F_APPEND, change);
         case Change::Kind::insertRule:
-            break;
+            return addRule(NLM_F_CREATE, change);
         }
-        const NftnlRule rule = rlv::encode(*change.rule, *change.chain);
-        nftnl_rule_set_u64(rule.get(), NFTNL_RULE_POSITION, change.handle);
-        addRule(NFT_MSG_NEWRULE, NLM_F_CREATE, rule);
     }
 
     void addTable() {
@@ -134,8 +122,19 @@ private:
         batch_.add(type, flags, [&](nlmsghdr *message) { nftnl_chain_nlmsg_build_payload(message, chain.get()); });
     }
 
-    void addRule(std::uint16_t type, std::uint16_t flags, const NftnlRule &rule) {
-        batch_.add(type, flags, [&](nlmsghdr *message) { nftnl_rule_nlmsg_build_payload(message, rule.get()); });
+    void addRule(std::uint16_t flags, const Change &change) {
+        batch_.add(NFT_MSG_NEWRULE, flags,
+                   [&](nlmsghdr *message) { putRule(message, *change.rule, *change.chain, change.handle); });
+    }
+
+    // One rule, or all where there is no handle.
+    void deleteRules(const std::string &chain, std::uint64_t handle) {
+        batch_.add(NFT_MSG_DELRULE, 0, [&](nlmsghdr *message) {
+            mnl_attr_put_strz(message, NFTA_RULE_TABLE, kTable);
+            mnl_attr_put_strz(message, NFTA_RULE_CHAIN, chain.c_str());
+            if (handle != 0)
+                mnl_attr_put_u64(message, NFTA_RULE_HANDLE, htobe64(handle));
+        });
     }
 
     Batch batch_;

@@ -2,17 +2,19 @@
 
 #include <arpa/inet.h>
 #include <array>
-#include <cstdlib>
 #include <cstring>
+#include <endian.h>
 #include <iterator>
 #include <map>
 #include <netinet/in.h>
 #include <new>
 #include <utility>
 
+#include <libmnl/libmnl.h>
 #include <libnftnl/expr.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nf_tables_compat.h>
 
 #include "rlv/table/protocols.h"
 #include "rlv/table/xtables-info.h"
@@ -34,12 +36,14 @@ bool isSingle(const std::optional<PortRange> &ports) { return ports && ports->fi
 
 bool isFull(const std::optional<PortRange> &ports) { return ports && ports->first == 0 && ports->last == UINT16_MAX; }
 
-// Puts expressions into a rule, in the order of the calls.
+// Writes the attributes of a rule, in the order of the calls; nf_tables.h has their form. A library's object for each
+// expression would cost more than the kernel's part in many an expression.
 class Encoder {
 public:
-    Encoder(nftnl_rule *rule, const Rule &source) : rule_(rule), source_(source) {}
+    Encoder(nlmsghdr *message, const Rule &source) : message_(message), source_(source) {}
 
     void encode() {
+        nlattr *const expressions = begin(NFTA_RULE_EXPRESSIONS);
         if (source_.protocol)
             addProtocol();
         addNetwork(source_.source, kSourceOffset);
@@ -47,36 +51,53 @@ public:
         addPorts();
         addCounter();
         addTarget();
+        end(expressions);
+        if (hasCompatMatch_)
+            addCompat();
     }
 
 private:
-    nftnl_expr *add(const char *name) {
-        nftnl_expr *const expression = nftnl_expr_alloc(name);
-        if (expression == nullptr)
-            throw std::bad_alloc();
-        nftnl_rule_add_expr(rule_, expression);
-        return expression;
+    nlattr *begin(std::uint16_t type) { return mnl_attr_nest_start(message_, type); }
+    void end(nlattr *nest) { mnl_attr_nest_end(message_, nest); }
+    void put(std::uint16_t type, std::uint32_t value) { mnl_attr_put_u32(message_, type, htonl(value)); }
+
+    template <typename Fill> void add(const char *name, Fill fill) {
+        nlattr *const element = begin(NFTA_LIST_ELEM);
+        mnl_attr_put_strz(message_, NFTA_EXPR_NAME, name);
+        nlattr *const data = begin(NFTA_EXPR_DATA);
+        fill();
+        end(data);
+        end(element);
+    }
+
+    void putData(std::uint16_t type, const void *data, std::size_t bytes) {
+        nlattr *const nest = begin(type);
+        mnl_attr_put(message_, NFTA_DATA_VALUE, bytes, data);
+        end(nest);
     }
 
     void addPayload(std::uint32_t base, std::uint32_t offset, std::uint32_t bytes) {
-        nftnl_expr *const load = add("payload");
-        nftnl_expr_set_u32(load, NFTNL_EXPR_PAYLOAD_DREG, NFT_REG_1);
-        nftnl_expr_set_u32(load, NFTNL_EXPR_PAYLOAD_BASE, base);
-        nftnl_expr_set_u32(load, NFTNL_EXPR_PAYLOAD_OFFSET, offset);
-        nftnl_expr_set_u32(load, NFTNL_EXPR_PAYLOAD_LEN, bytes);
+        add("payload", [&] {
+            put(NFTA_PAYLOAD_DREG, NFT_REG_1);
+            put(NFTA_PAYLOAD_BASE, base);
+            put(NFTA_PAYLOAD_OFFSET, offset);
+            put(NFTA_PAYLOAD_LEN, bytes);
+        });
     }
 
     void addCompare(std::uint32_t operation, const void *data, std::uint32_t bytes) {
-        nftnl_expr *const compare = add("cmp");
-        nftnl_expr_set_u32(compare, NFTNL_EXPR_CMP_SREG, NFT_REG_1);
-        nftnl_expr_set_u32(compare, NFTNL_EXPR_CMP_OP, operation);
-        nftnl_expr_set(compare, NFTNL_EXPR_CMP_DATA, data, bytes);
+        add("cmp", [&] {
+            put(NFTA_CMP_SREG, NFT_REG_1);
+            put(NFTA_CMP_OP, operation);
+            putData(NFTA_CMP_DATA, data, bytes);
+        });
     }
 
     void addProtocol() {
-        nftnl_expr *const load = add("meta");
-        nftnl_expr_set_u32(load, NFTNL_EXPR_META_KEY, NFT_META_L4PROTO);
-        nftnl_expr_set_u32(load, NFTNL_EXPR_META_DREG, NFT_REG_1);
+        add("meta", [&] {
+            put(NFTA_META_KEY, NFT_META_L4PROTO);
+            put(NFTA_META_DREG, NFT_REG_1);
+        });
         addCompare(NFT_CMP_EQ, &*source_.protocol, sizeof *source_.protocol);
     }
 
@@ -95,12 +116,13 @@ private:
 
     void addMask(std::uint32_t mask) {
         const std::uint32_t zero = 0;
-        nftnl_expr *const bitwise = add("bitwise");
-        nftnl_expr_set_u32(bitwise, NFTNL_EXPR_BITWISE_SREG, NFT_REG_1);
-        nftnl_expr_set_u32(bitwise, NFTNL_EXPR_BITWISE_DREG, NFT_REG_1);
-        nftnl_expr_set_u32(bitwise, NFTNL_EXPR_BITWISE_LEN, sizeof mask);
-        nftnl_expr_set(bitwise, NFTNL_EXPR_BITWISE_MASK, &mask, sizeof mask);
-        nftnl_expr_set(bitwise, NFTNL_EXPR_BITWISE_XOR, &zero, sizeof zero);
+        add("bitwise", [&] {
+            put(NFTA_BITWISE_SREG, NFT_REG_1);
+            put(NFTA_BITWISE_DREG, NFT_REG_1);
+            put(NFTA_BITWISE_LEN, sizeof mask);
+            putData(NFTA_BITWISE_MASK, &mask, sizeof mask);
+            putData(NFTA_BITWISE_XOR, &zero, sizeof zero);
+        });
     }
 
     void addPorts() {
@@ -136,11 +158,12 @@ private:
         } else if (ports->first == 0) {
             addCompare(NFT_CMP_LTE, &last, sizeof last);
         } else {
-            nftnl_expr *const range = add("range");
-            nftnl_expr_set_u32(range, NFTNL_EXPR_RANGE_SREG, NFT_REG_1);
-            nftnl_expr_set_u32(range, NFTNL_EXPR_RANGE_OP, NFT_RANGE_EQ);
-            nftnl_expr_set(range, NFTNL_EXPR_RANGE_FROM_DATA, &first, sizeof first);
-            nftnl_expr_set(range, NFTNL_EXPR_RANGE_TO_DATA, &last, sizeof last);
+            add("range", [&] {
+                put(NFTA_RANGE_SREG, NFT_REG_1);
+                put(NFTA_RANGE_OP, NFT_RANGE_EQ);
+                putData(NFTA_RANGE_FROM_DATA, &first, sizeof first);
+                putData(NFTA_RANGE_TO_DATA, &last, sizeof last);
+            });
         }
     }
 
@@ -149,58 +172,65 @@ private:
         static const std::map<std::uint8_t, std::string> names{
             {IPPROTO_TCP, "tcp"}, {IPPROTO_UDP, "udp"}, {IPPROTO_SCTP, "sctp"}, {IPPROTO_DCCP, "dccp"}};
         const std::string &name = names.at(protocol);
-        nftnl_expr *const match = add("match");
-        nftnl_expr_set(match, NFTNL_EXPR_MT_NAME, name.c_str(), static_cast<std::uint32_t>(name.size()));
-        nftnl_expr_set_u32(match, NFTNL_EXPR_MT_REV, 0);
-        setInfo(match, NFTNL_EXPR_MT_INFO, makePortsInfo(name, {source_.sourcePorts, source_.destinationPorts}));
-        // What the kernel checks the match against.
-        nftnl_rule_set_u32(rule_, NFTNL_RULE_COMPAT_PROTO, protocol);
-        nftnl_rule_set_u32(rule_, NFTNL_RULE_COMPAT_FLAGS, 0);
+        const XtablesInfo info = makePortsInfo(name, {source_.sourcePorts, source_.destinationPorts});
+        add("match", [&] {
+            mnl_attr_put_strz(message_, NFTA_MATCH_NAME, name.c_str());
+            put(NFTA_MATCH_REV, 0);
+            mnl_attr_put(message_, NFTA_MATCH_INFO, info.size(), info.data());
+        });
+        hasCompatMatch_ = true;
     }
 
-    static void setInfo(nftnl_expr *expression, std::uint16_t attribute, const XtablesInfo &info) {
-        void *const copy = std::malloc(info.size()); // the expression frees it
-        if (copy == nullptr)
-            throw std::bad_alloc();
-        std::memcpy(copy, info.data(), info.size());
-        nftnl_expr_set(expression, attribute, copy, static_cast<std::uint32_t>(info.size()));
-    } // NOLINT(clang-analyzer-unix.Malloc): it cannot see into the library
+    // What the kernel checks such a match against.
+    void addCompat() {
+        nlattr *const nest = begin(NFTA_RULE_COMPAT);
+        put(NFTA_RULE_COMPAT_PROTO, *source_.protocol);
+        put(NFTA_RULE_COMPAT_FLAGS, 0);
+        end(nest);
+    }
 
     void addCounter() {
-        nftnl_expr *const counter = add("counter");
-        nftnl_expr_set_u64(counter, NFTNL_EXPR_CTR_PACKETS, 0);
-        nftnl_expr_set_u64(counter, NFTNL_EXPR_CTR_BYTES, 0);
+        add("counter", [&] {
+            mnl_attr_put_u64(message_, NFTA_COUNTER_BYTES, 0);
+            mnl_attr_put_u64(message_, NFTA_COUNTER_PACKETS, 0);
+        });
     }
 
     void addTarget() {
         switch (source_.target.kind) {
         case Target::Kind::accept:
-            addVerdict(NF_ACCEPT);
-            return;
+            return addVerdict(NF_ACCEPT, nullptr);
         case Target::Kind::drop:
-            addVerdict(NF_DROP);
-            return;
+            return addVerdict(NF_DROP, nullptr);
         case Target::Kind::jump:
-            nftnl_expr_set_str(addVerdict(NFT_JUMP), NFTNL_EXPR_IMM_CHAIN, source_.target.text.c_str());
-            return;
+            return addVerdict(NFT_JUMP, source_.target.text.c_str());
         case Target::Kind::log:
             break;
         }
-        nftnl_expr *const target = add("target");
-        nftnl_expr_set(target, NFTNL_EXPR_TG_NAME, "LOG", sizeof "LOG" - 1);
-        nftnl_expr_set_u32(target, NFTNL_EXPR_TG_REV, 0);
-        setInfo(target, NFTNL_EXPR_TG_INFO, makeLogInfo(source_.target.text));
+        const XtablesInfo info = makeLogInfo(source_.target.text);
+        add("target", [&] {
+            mnl_attr_put_strz(message_, NFTA_TARGET_NAME, "LOG");
+            put(NFTA_TARGET_REV, 0);
+            mnl_attr_put(message_, NFTA_TARGET_INFO, info.size(), info.data());
+        });
     }
 
-    nftnl_expr *addVerdict(int verdict) {
-        nftnl_expr *const immediate = add("immediate");
-        nftnl_expr_set_u32(immediate, NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
-        nftnl_expr_set_u32(immediate, NFTNL_EXPR_IMM_VERDICT, static_cast<std::uint32_t>(verdict));
-        return immediate;
+    void addVerdict(int code, const char *chain) {
+        add("immediate", [&] {
+            put(NFTA_IMMEDIATE_DREG, NFT_REG_VERDICT);
+            nlattr *const data = begin(NFTA_IMMEDIATE_DATA);
+            nlattr *const verdict = begin(NFTA_DATA_VERDICT);
+            put(NFTA_VERDICT_CODE, static_cast<std::uint32_t>(code));
+            if (chain != nullptr)
+                mnl_attr_put_strz(message_, NFTA_VERDICT_CHAIN, chain);
+            end(verdict);
+            end(data);
+        });
     }
 
-    nftnl_rule *rule_;
+    nlmsghdr *message_;
     const Rule &source_;
+    bool hasCompatMatch_ = false;
 };
 
 // Reads expressions one by one. Each step says false for what a Rule cannot hold.
@@ -393,15 +423,12 @@ struct FreeIterator {
 
 } // namespace
 
-NftnlRule encode(const Rule &rule, const std::string &chain) {
-    NftnlRule encoded(nftnl_rule_alloc());
-    if (!encoded)
-        throw std::bad_alloc();
-    nftnl_rule_set_u32(encoded.get(), NFTNL_RULE_FAMILY, NFPROTO_IPV4);
-    nftnl_rule_set_str(encoded.get(), NFTNL_RULE_TABLE, "filter");
-    nftnl_rule_set_str(encoded.get(), NFTNL_RULE_CHAIN, chain.c_str());
-    Encoder(encoded.get(), rule).encode();
-    return encoded;
+void putRule(nlmsghdr *message, const Rule &rule, const std::string &chain, std::uint64_t before) {
+    mnl_attr_put_strz(message, NFTA_RULE_TABLE, "filter");
+    mnl_attr_put_strz(message, NFTA_RULE_CHAIN, chain.c_str());
+    if (before != 0)
+        mnl_attr_put_u64(message, NFTA_RULE_POSITION, htobe64(before));
+    Encoder(message, rule).encode();
 }
 
 std::optional<Rule> decode(const nftnl_rule *rule) {
