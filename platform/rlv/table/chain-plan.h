@@ -38,8 +38,9 @@ struct PlanLimits {
 // `givenUp` has a true for each rule of `held` that is to go; it may be empty when none is. A rule that is not given up
 // stays where it is.
 //
-// Emptying and refilling is chosen where no rule has to stay and where it costs less, by costs measured on Linux 6.18:
-// a rule costs 5 µs to make, and each rule before it 4 ns to find it by its handle.
+// Emptying and refilling is chosen where no rule has to stay and where it costs the kernel less: it finds a rule by its
+// handle by going through the chain, so that from some share of changed rules on (about half of 1,000, 7 % of 10,000, 1
+// % of 40,000) new ones are cheaper.
 ChainPlan planChain(const std::vector<HeldRule> &held, const std::vector<bool> &givenUp,
                     const std::vector<const Rule *> &appended, PlanLimits limits = PlanLimits());
 
