@@ -127,7 +127,7 @@ std::string encode(const Reply &reply) {
 }
 
 std::optional<Request> decodeRequest(std::string_view packet) {
-    constexpr std::string_view kKinds = "OCXQ";
+    constexpr std::string_view kKinds = "OCSXQ";
     Reader in(packet);
     Request request;
     const char kind = static_cast<char>(in.integer(1));
@@ -151,6 +151,25 @@ std::optional<Reply> decodeReply(std::string_view packet) {
     if (!in.good() || kKinds.find(kind) == std::string_view::npos)
         return std::nullopt;
     return reply;
+}
+
+void addText(std::string &texts, std::string_view options) {
+    texts.push_back(static_cast<char>(options.size() & 0xff));
+    texts.push_back(static_cast<char>(options.size() >> 8));
+    texts.append(options);
+}
+
+std::optional<std::vector<std::string>> splitTexts(std::string_view texts) {
+    std::vector<std::string> all;
+    while (!texts.empty()) {
+        Reader length(texts.substr(0, 2));
+        const auto bytes = static_cast<std::size_t>(length.integer(2));
+        if (!length.good() || bytes > kMaxOptionsBytes || bytes > texts.size() - 2)
+            return std::nullopt;
+        all.emplace_back(texts.substr(2, bytes));
+        texts.remove_prefix(2 + bytes);
+    }
+    return all;
 }
 
 std::vector<std::string> encodeState(const ServiceState &state) {

@@ -1,4 +1,5 @@
-// The client library: one socket per handle, one round trip per call.
+// The client library: one socket per handle. A command whose answer is known is sent without waiting for it, and after
+// a removing command, when the service keeps everything until the end, together with others.
 #include "rlv/rlv-query.h"
 #include "rlv/rlv.h"
 
@@ -10,10 +11,14 @@
 #include <memory>
 #include <mutex>
 #include <poll.h>
+#include <string>
+#include <string_view>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <system_error>
+#include <vector>
 
+#include "rlv/command-form.h"
 #include "rlv/protocol.h"
 #include "support/unique-fd.h"
 
@@ -29,6 +34,11 @@ constexpr Milliseconds kOpenTimeout{10'000};
 // A command may have to wait for the commands of others and for a long chain.
 constexpr Milliseconds kAnswerTimeout{60'000};
 constexpr int kNoAnswer = 4;
+// Measured: longer packets save nothing more, and leave the service idle for longer.
+constexpr std::size_t kCollectBytes = 8'192;
+// So that a slow client does not look like a silent one.
+constexpr Milliseconds kCollectTime{1'000};
+constexpr std::size_t kMaxForms = 32;
 
 // The reply to one request, or an errno value.
 struct Outcome {
@@ -114,6 +124,15 @@ public:
         std::mutex mutex; // one request at a time
         UniqueFd fd;
         int error = 0; // once broken, an answer could belong to an earlier question: nothing is asked any more
+
+        // Forms of commands that the service has accepted since the last one that was no -A, and how many more commands
+        // of these forms it is sure to accept.
+        std::vector<std::string> forms;
+        std::uint64_t sureCommands = 0;
+        bool isHeld = false; // the service keeps everything until the end
+        std::string collected;
+        Clock::time_point collectedSince;
+        std::string form; // of the command under way
     };
     // Shared between the table and a call that is under way while another thread closes the handle.
     using Shared = std::shared_ptr<Connection>;
@@ -190,13 +209,57 @@ int connectTo(const std::string &path, Clock::time_point deadline, UniqueFd &con
     return 0;
 }
 
+int sendTexts(Connections::Connection &connection, const std::string &texts) {
+    const Request request{Request::Kind::send, 0, texts};
+    connection.error = sendPacket(connection.fd.get(), rlv::protocol::encode(request), Clock::now() + kAnswerTimeout);
+    return connection.error;
+}
+
+int sendCollected(Connections::Connection &connection) {
+    if (connection.collected.empty())
+        return 0;
+    const int error = sendTexts(connection, connection.collected);
+    connection.collected.clear();
+    return error;
+}
+
+// With the connection locked.
 Outcome askOn(Connections::Connection &connection, const Request &request, Reply::Kind expected) {
-    const std::lock_guard<std::mutex> lock(connection.mutex);
+    if (connection.error == 0)
+        sendCollected(connection);
     if (connection.error != 0)
         return {connection.error, {}};
     Outcome outcome = ask(connection.fd.get(), request, expected, Clock::now() + kAnswerTimeout);
     connection.error = outcome.error;
     return outcome;
+}
+
+// Keeps of an answer what tells of later ones.
+void learn(Connections::Connection &connection, std::string_view options, bool hasForm, const Outcome &outcome) {
+    if (!rlv::isAppending(options) || outcome.error != 0) {
+        connection.forms.clear();
+        return;
+    }
+    if (outcome.reply.code != 0)
+        return;
+    connection.sureCommands = outcome.reply.number;
+    const auto &known = connection.forms;
+    if (!hasForm || std::find(known.begin(), known.end(), connection.form) != known.end())
+        return;
+    if (known.size() == kMaxForms)
+        connection.forms.clear();
+    connection.forms.push_back(connection.form);
+}
+
+// The answer is known: 0.
+Outcome sendWithoutAsking(Connections::Connection &connection, std::string_view options) {
+    --connection.sureCommands;
+    if (connection.collected.empty())
+        connection.collectedSince = Clock::now();
+    rlv::protocol::addText(connection.collected, options);
+    const bool isDue = !connection.isHeld || connection.collected.size() > kCollectBytes ||
+                       Clock::now() - connection.collectedSince > kCollectTime;
+    return {isDue ? sendCollected(connection) : 0, {}};
 }
 
 int open(rlv_handle *handle) {
@@ -215,6 +278,7 @@ int close(rlv_handle handle) {
     const auto connection = connections().remove(handle);
     if (!connection)
         return EBADF;
+    const std::lock_guard<std::mutex> lock(connection->mutex);
     const Outcome outcome = askOn(*connection, Request{Request::Kind::close, 0, {}}, Reply::Kind::closed);
     return outcome.error != 0 ? outcome.error : outcome.reply.code;
 }
@@ -223,10 +287,18 @@ Outcome commit(rlv_handle handle, const char *options) {
     const auto connection = connections().find(handle);
     if (!connection)
         return {EBADF, {}};
-    Request request{Request::Kind::commit, 0, {}};
+    const std::lock_guard<std::mutex> lock(connection->mutex);
     // One byte more than is allowed tells the service enough about a text that is too long.
-    request.text.assign(options, ::strnlen(options, rlv::protocol::kMaxOptionsBytes + 1));
-    return askOn(*connection, request, Reply::Kind::committed);
+    const std::string_view text(options, ::strnlen(options, rlv::protocol::kMaxOptionsBytes + 1));
+    const bool hasForm = rlv::formOf(text, connection->form);
+    const auto &forms = connection->forms;
+    if (connection->error == 0 && hasForm && connection->sureCommands > 0 &&
+        std::find(forms.begin(), forms.end(), connection->form) != forms.end())
+        return sendWithoutAsking(*connection, text);
+    connection->isHeld = connection->isHeld || rlv::isRemoving(text);
+    Outcome outcome = askOn(*connection, Request{Request::Kind::commit, 0, std::string(text)}, Reply::Kind::committed);
+    learn(*connection, text, hasForm, outcome);
+    return outcome;
 }
 
 void deliver(const Outcome &outcome, int *errorCode, char **errorMessage) {

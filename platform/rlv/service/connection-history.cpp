@@ -37,6 +37,12 @@ void ConnectionHistory::addLost(std::uint64_t number, LostCommand lost) {
         dropTexts(other->second);
 }
 
+void ConnectionHistory::addLostBeyondList(std::uint64_t number, std::uint64_t count) {
+    const auto found = entries_.find(number);
+    if (found != entries_.end())
+        found->second.outcome.lostBeyondList += count;
+}
+
 void ConnectionHistory::dropTexts(Entry &entry) {
     textBytes_ -= std::exchange(entry.textBytes, 0);
     entry.outcome.lostBeyondList += entry.outcome.lost.size();

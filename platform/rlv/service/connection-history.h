@@ -40,6 +40,8 @@ public:
     // The new connection's number.
     std::uint64_t open(const Asker &asker);
     void addLost(std::uint64_t number, LostCommand lost);
+    // So many more were lost, after the ones that were added.
+    void addLostBeyondList(std::uint64_t number, std::uint64_t count);
     void end(std::uint64_t number, ConnectionEnd how);
 
     // The asker's connections with numbers above `since`, by number.

@@ -13,8 +13,6 @@
 namespace rlv {
 namespace {
 
-// Room for the longest request that may be understood and one byte more; a longer one is told by its length.
-constexpr std::size_t kReceiveBytes = protocol::kMaxOptionsBytes + 16;
 // More than fits into a socket's receive buffer.
 constexpr int kMaxDrainedPackets = 10'000;
 
@@ -74,7 +72,7 @@ void Connection::handle(std::uint32_t events) {
 
 // One packet for each turn of the loop: the other clients have theirs in between.
 void Connection::receive() {
-    std::array<char, kReceiveBytes> buffer;
+    std::array<char, protocol::kMaxPacketBytes> buffer;
     const ssize_t size = ::recv(fd_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
     if (size < 0 && (errno == EAGAIN || errno == EINTR))
         return;

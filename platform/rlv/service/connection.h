@@ -34,7 +34,7 @@ public:
     Connection(const Connection &) = delete;
     Connection &operator=(const Connection &) = delete;
 
-    // Sends packets, in order, and then reads on.
+    // Sends packets, in order, if there are any, and then reads on.
     void reply(std::deque<std::string> packets);
     // Stops reading and watching and lets the client read what was sent, without the error that closing a socket with
     // unread packets gives it. Nothing is told any more.

@@ -38,6 +38,7 @@ Service::Service(support::EventLoop &loop, Table &table, support::UniqueFd liste
     : loop_(loop), options_(options), context_{loop,
                                                table,
                                                ConnectionHistory(),
+                                               TableTurns(),
                                                options.chainPrefix,
                                                options.resolveNames,
                                                options.logAccepted,
@@ -51,6 +52,7 @@ Service::~Service() {
     for (const auto timer : {sweepTimer_, burialTimer_, acceptTimer_})
         loop_.cancel(timer);
     loop_.unwatch(listener_.get());
+    context_.turns = TableTurns(); // nobody gets a turn any more
 }
 
 void Service::accept() {
@@ -128,6 +130,8 @@ const char *Service::faultOf(const Session &session) const {
         return silence > options_.patience ? "it does not read its reply" : nullptr;
     if (session.connection().busy())
         return nullptr;
+    if (session.isOpen() && context_.turns.isWaitedFor() && silence > options_.maxIdleWhileWaitedFor)
+        return "it has been silent for too long while others wait";
     if (session.isOpen())
         return silence > options_.maxIdle ? "it has been silent for too long" : nullptr;
     return silence > options_.patience ? "it does not say what it wants" : nullptr;

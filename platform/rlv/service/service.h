@@ -25,8 +25,9 @@ struct ServiceOptions {
     std::size_t maxClientsPerUser = 32;
     // How long a client may take with its first word, and with reading a reply.
     std::chrono::milliseconds patience{10'000};
-    // How long a connection may be silent.
+    // How long a connection may be silent, at all and while another one waits for it to end.
     std::chrono::milliseconds maxIdle{600'000};
+    std::chrono::milliseconds maxIdleWhileWaitedFor{60'000};
 };
 
 // Serves the clients of a listening socket. No failure in one client's handling reaches another or leaves the loop.

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <map>
 #include <netdb.h>
 #include <netinet/in.h>
 
@@ -37,9 +38,7 @@ constexpr std::array kProtocols{
 // Enough for an entry of /etc/protocols with all its aliases.
 using EntryBuffer = std::array<char, 2048>;
 
-} // namespace
-
-std::optional<std::uint8_t> protocolNumber(const std::string &name) {
+std::optional<std::uint8_t> lookUp(const std::string &name) {
     protoent entry{};
     protoent *found = nullptr;
     EntryBuffer buffer{};
@@ -51,6 +50,20 @@ std::optional<std::uint8_t> protocolNumber(const std::string &name) {
     if (known == kProtocols.end())
         return std::nullopt;
     return known->number;
+}
+
+} // namespace
+
+// The list is a file that would be read for each command.
+std::optional<std::uint8_t> protocolNumber(const std::string &name) {
+    static thread_local std::map<std::string, std::uint8_t> found;
+    const auto known = found.find(name);
+    if (known != found.end())
+        return known->second;
+    const auto number = lookUp(name);
+    if (number)
+        found.emplace(name, *number);
+    return number;
 }
 
 std::string protocolName(std::uint8_t number) {
