@@ -52,8 +52,8 @@ public:
     }
 
     bool write(int priority, const std::string &text) override {
-        std::string line = plainLine(priority, text);
-        return makeRoom(line.size()) && writer_.write(fd_.get(), std::move(line));
+        const std::string &line = lines_.make(priority, text);
+        return makeRoom(line.size()) && writer_.write(fd_.get(), line);
     }
 
 private:
@@ -118,6 +118,7 @@ private:
     const FileSink file_;
     UniqueFd fd_;
     struct stat identity_ {}; // of the file behind fd_
+    PlainLines lines_;
     LineWriter writer_;
 };
 

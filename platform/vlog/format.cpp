@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -11,6 +12,8 @@
 
 namespace vlog {
 namespace {
+
+constexpr std::size_t kUsualBytes = 256;
 
 // NOLINTBEGIN(clang-analyzer-valist.Uninitialized): the analyzer does not follow a va_list into a structure.
 
@@ -195,31 +198,74 @@ std::string formatPositional(const char *format, Arguments &arguments) {
 }
 
 void appendLiteral(std::string &out, const char *&at) {
-    if (*at == '\n')
-        out += at[1] == '\0' ? "" : "\\n";
-    else
-        out += *at;
+    const std::size_t plain = std::strcspn(at, "%\n");
+    out.append(at, plain);
+    at += plain;
+    if (*at != '\n')
+        return;
+    out += at[1] == '\0' ? "" : "\\n";
     ++at;
+}
+
+template <typename Number> void appendNumber(std::string &out, Number number) {
+    std::array<char, 24> room{};
+    const auto end = std::to_chars(room.data(), room.data() + room.size(), number).ptr;
+    out.append(room.data(), end);
+}
+
+// The conversions that nearly all lines are made of, bare of flags, width, precision and length: what snprintf makes of
+// them, without its cost. False for all others; then nothing was taken.
+bool appendPlain(std::string &out, const char *&at, Arguments &arguments) {
+    switch (at[1]) {
+    case 's': {
+        const char *const text = va_arg(arguments.list, const char *);
+        appendEscaped(out, text == nullptr ? "(null)" : text);
+        break;
+    }
+    case 'd':
+    case 'i':
+        appendNumber(out, va_arg(arguments.list, int));
+        break;
+    case 'u':
+        appendNumber(out, va_arg(arguments.list, unsigned));
+        break;
+    default:
+        return false;
+    }
+    at += 2;
+    return true;
 }
 
 // NOLINTEND(clang-analyzer-valist.Uninitialized)
 
+void appendEscape(std::string &out, char control) {
+    if (const char *name = std::strchr("\nn\rr\tt", control); control != '\0' && name != nullptr) {
+        out += '\\';
+        out += name[1];
+        return;
+    }
+    constexpr const char *kDigits = "0123456789abcdef";
+    const auto byte = static_cast<unsigned char>(control);
+    out += "\\x";
+    out += kDigits[byte >> 4U];
+    out += kDigits[byte & 0xfU];
+}
+
 } // namespace
 
 void appendEscaped(std::string &out, std::string_view text) {
-    for (const char character : text) {
+    const auto isPlain = [](char character) {
         const auto byte = static_cast<unsigned char>(character);
-        if (byte >= 0x20 && byte != 0x7f) {
-            out += character;
-        } else if (const char *name = std::strchr("\nn\rr\tt", character); character != '\0' && name != nullptr) {
-            out += '\\';
-            out += name[1];
-        } else {
-            constexpr const char *kDigits = "0123456789abcdef";
-            out += "\\x";
-            out += kDigits[byte >> 4U];
-            out += kDigits[byte & 0xfU];
-        }
+        return byte >= 0x20 && byte != 0x7f;
+    };
+    const auto *from = text.begin();
+    while (from != text.end()) {
+        const auto *const control = std::find_if_not(from, text.end(), isPlain);
+        out.append(from, control);
+        if (control == text.end())
+            return;
+        appendEscape(out, *control);
+        from = control + 1;
     }
 }
 
@@ -227,6 +273,7 @@ std::string formatText(const char *format, std::va_list list, int errorNumber) {
     Arguments arguments;
     va_copy(arguments.list, list);
     std::string out;
+    out.reserve(kUsualBytes);
     if (isPositional(format)) {
         out = formatPositional(format, arguments);
         format = "";
@@ -236,6 +283,8 @@ std::string formatText(const char *format, std::va_list list, int errorNumber) {
             appendLiteral(out, at);
             continue;
         }
+        if (appendPlain(out, at, arguments))
+            continue;
         const char *start = at;
         if (!append(out, takeConversion(at, arguments), arguments, errorNumber)) {
             out += start;

@@ -49,14 +49,15 @@ public:
 
     bool write(int priority, const std::string &text) override {
         if (!canBreak_)
-            return writer_.write(fd_.get(), plainLine(priority, text));
+            return writer_.write(fd_.get(), lines_.make(priority, text));
         const PipeSignalHeld held;
-        return writer_.write(fd_.get(), plainLine(priority, text));
+        return writer_.write(fd_.get(), lines_.make(priority, text));
     }
 
 private:
     support::UniqueFd fd_;
     bool canBreak_ = false;
+    PlainLines lines_;
     LineWriter writer_;
 };
 
