@@ -1,5 +1,6 @@
 #include "host/call-watch.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <exception>
 #include <limits>
@@ -10,8 +11,6 @@ namespace host {
 namespace {
 
 constexpr std::size_t kErrorLineLimit = 1000;
-// A query tells of connections above a number; none is above this one.
-constexpr std::uint64_t kNoConnections = std::numeric_limits<std::uint64_t>::max();
 constexpr char kEscape = '\033';
 
 std::string withoutColours(const std::string &text) {
@@ -31,15 +30,17 @@ bool mayBeThoughtInForce(const rlv::LostCommand &command) {
     return !command.refusedAtOnce || command.options.compare(0, 3, "-A ") == 0;
 }
 
-void judge(const rlv::ConnectionOutcome &connection, std::vector<std::string> &lines) {
+void judge(const rlv::ConnectionOutcome &connection, Verdict &verdict) {
     for (const auto &command : connection.lost) {
         if (mayBeThoughtInForce(command))
-            lines.push_back(command.options + ": " + command.message);
+            verdict.notInForce.push_back(command.options + ": " + command.message);
+        verdict.hasLost = verdict.hasLost || !command.refusedAtOnce;
     }
     if (connection.lostBeyondList > 0)
-        lines.push_back(std::to_string(connection.lostBeyondList) + " more commands");
+        verdict.notInForce.push_back(std::to_string(connection.lostBeyondList) + " more commands");
+    verdict.hasLost = verdict.hasLost || connection.lostBeyondList > 0;
     if (connection.end == rlv::ConnectionEnd::vanished)
-        lines.emplace_back("a connection to the traffic-control service broke: what it said to the plugin is void");
+        verdict.interruption = "a connection to the traffic-control service broke";
 }
 
 } // namespace
@@ -52,16 +53,26 @@ std::optional<std::string> errorText(const vlog::Line &line) {
     return withoutColours(colour == std::string::npos ? line.text : line.text.substr(colour));
 }
 
-std::vector<std::string> notInForce(const rlv::ServiceState &after, std::uint64_t sinceConnection) {
-    std::vector<std::string> lines;
-    for (const auto &connection : after.connections) {
-        if (connection.number > sinceConnection)
-            judge(connection, lines);
+// The service numbers its connections from 1 on after each start.
+Verdict judge(const rlv::ServiceState &after, const std::vector<std::uint64_t> &openings) {
+    Verdict verdict;
+    std::uint64_t last = 0;
+    for (const std::uint64_t number : openings) {
+        if (number == 0)
+            continue;
+        const auto found = std::find_if(after.connections.begin(), after.connections.end(),
+                                        [number](const auto &connection) { return connection.number == number; });
+        if (found != after.connections.end())
+            judge(*found, verdict);
+        if (found == after.connections.end() || number <= last)
+            verdict.interruption = "the traffic-control service was started anew during the call";
+        last = number;
     }
-    return lines;
+    return verdict;
 }
 
-CallWatch::CallWatch(Scope scope) {
+CallWatch::CallWatch() {
+    static_cast<void>(rlv::takeOpenings());
     vlog::setObserver([this](const vlog::Line &line) {
         auto text = errorText(line);
         if (text && errorLines_.size() < kErrorLineLimit)
@@ -69,42 +80,33 @@ CallWatch::CallWatch(Scope scope) {
         else if (text)
             ++errorLinesLeftOut_;
     });
-    if (scope == Scope::logOnly)
-        return;
-    try {
-        before_ = rlv::query(kNoConnections);
-    } catch (const std::exception &error) {
-        problem_ = error.what();
-    }
 }
 
 CallWatch::~CallWatch() { vlog::setObserver({}); }
 
-void CallWatch::askService(std::vector<std::string> &lines) const {
-    auto after = rlv::query(before_->lastConnection);
-    std::uint64_t since = before_->lastConnection;
-    if (after.serviceId != before_->serviceId) {
-        lines.emplace_back("the traffic-control service was started anew during the call: what it had accepted before "
-                           "may be lost");
-        since = 0; // it counts its connections from 1 again
-        after = rlv::query(since);
-    }
-    const auto lost = notInForce(after, since);
-    lines.insert(lines.end(), lost.begin(), lost.end());
+std::vector<std::string> CallWatch::errorLines() const {
+    auto lines = errorLines_;
+    if (errorLinesLeftOut_ > 0)
+        lines.push_back(std::to_string(errorLinesLeftOut_) + " more lines");
+    return lines;
 }
 
-void CallWatch::report(mavo::rmi::Reply &reply) {
-    reply.errorLines = errorLines_;
-    if (errorLinesLeftOut_ > 0)
-        reply.errorLines.push_back(std::to_string(errorLinesLeftOut_) + " more lines");
-    if (before_) {
-        try {
-            askService(reply.notInForce);
-        } catch (const std::exception &error) {
-            reply.notInForce.push_back(std::string("not known: ") + error.what());
-        }
-    } else if (!problem_.empty()) {
-        reply.notInForce.push_back("not known: " + problem_);
+Verdict CallWatch::verdict() const {
+    const auto openings = rlv::takeOpenings();
+    if (openings.empty())
+        return {};
+    std::uint64_t first = std::numeric_limits<std::uint64_t>::max();
+    for (const std::uint64_t number : openings)
+        first = std::min(first, std::max<std::uint64_t>(number, 1));
+    try {
+        return judge(rlv::query(first - 1), openings);
+    } catch (const std::exception &error) {
+        Verdict verdict;
+        verdict.notInForce.push_back(std::string("not known: ") + error.what());
+        const bool wasUsed = std::any_of(openings.begin(), openings.end(), [](std::uint64_t one) { return one != 0; });
+        if (wasUsed)
+            verdict.interruption = error.what();
+        return verdict;
     }
 }
 

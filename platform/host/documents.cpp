@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
@@ -84,10 +85,13 @@ Json::Value storedAndExpected() {
     return counts;
 }
 
+// Somebody waits for the answer, and nobody else is served meanwhile.
+constexpr std::chrono::milliseconds kQueryTime{2'000};
+
 void addServiceState(Json::Value &document) {
     document["missing"] = Json::Value(Json::arrayValue);
     try {
-        const auto state = rlv::query(0);
+        const auto state = rlv::query(0, kQueryTime);
         for (const auto &part : missingParts(state))
             document["missing"].append(part);
         document["inForce"] = document["missing"].empty();
@@ -145,7 +149,7 @@ std::vector<std::string> missingParts(const rlv::ServiceState &state) {
     return missing;
 }
 
-std::string statusDocument(int stored, int applied, const std::string &collectorProblem) {
+std::string statusDocument(int stored, int applied, const std::string &collectorProblem, const std::string &rebuild) {
     Json::Value document;
     document["stored"] = stored;
     document["applied"] = applied;
@@ -153,6 +157,7 @@ std::string statusDocument(int stored, int applied, const std::string &collector
     addServiceState(document);
     document["collector"] = nameOf(collectorState(collectorWanted()));
     document["collectorProblem"] = collectorProblem;
+    document["rebuild"] = rebuild;
     document["lastReport"] = lastReport();
     document["families"] = "IPv4 only";
     return onOneLine(document);

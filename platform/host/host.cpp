@@ -113,6 +113,14 @@ void Host::bringUp() {
     current_ = kept->back().get();
     applied_ = disabled ? 0 : 1;
     startWantedCollector();
+    if (rebuild_ != nullptr)
+        rebuild_->settle();
+}
+
+std::string Host::bringUpAndJudge() {
+    const CallWatch watch;
+    bringUp();
+    return watch.verdict().interruption;
 }
 
 int Host::reload() try {
@@ -174,7 +182,8 @@ int Host::getStatus() {
 std::string Host::statusDocument() const {
     const std::string problem = removeDeadMarker();
     const std::lock_guard<std::mutex> lock(PolicyStorage::dbLock);
-    return host::statusDocument(PolicyStorage::backend->readStatus(kPluginName), applied_, problem);
+    return host::statusDocument(PolicyStorage::backend->readStatus(kPluginName), applied_, problem,
+                                rebuild_ != nullptr ? rebuild_->remark() : std::string());
 }
 
 std::string Host::rulesDocument() const { return host::rulesDocument(); }
@@ -189,7 +198,7 @@ std::shared_ptr<const mavo::rmi::MethodContext> Host::find(const std::string &na
 
 mavo::rmi::Reply Host::invoke(const std::string &name, const mavo::rmi::MethodContext &method,
                               mavo::rmi::Message &request) const {
-    CallWatch watch(onlyLooks(name) ? CallWatch::Scope::logOnly : CallWatch::Scope::logAndService);
+    const CallWatch watch;
     mavo::rmi::MethodContext guarded;
     guarded.dispatcher = [this, &method](mavo::rmi::Message &arguments) {
         return guard_.run([&] { return method.dispatcher(arguments); });
@@ -197,7 +206,17 @@ mavo::rmi::Reply Host::invoke(const std::string &name, const mavo::rmi::MethodCo
     auto reply = mavo::rmi::invokeMethod(guarded, request);
     if (reply.status == mavo::rmi::Status::exception)
         logInfo(name + " ended with an exception: " + reply.error);
-    watch.report(reply);
+    reply.errorLines = watch.errorLines();
+    Verdict verdict = onlyLooks(name) ? Verdict() : watch.verdict();
+    reply.notInForce = std::move(verdict.notInForce);
+    // What was lost on a connection that came to its end may be lost again: it gets one attempt, which cares for
+    // interruptions alone.
+    if (verdict.interruption.empty() && verdict.hasLost)
+        verdict.interruption = "accepted commands were lost";
+    if (!verdict.interruption.empty() && rebuild_ != nullptr) {
+        reply.notInForce.push_back(verdict.interruption + "; the tables are built anew from the stored rules");
+        rebuild_->want(verdict.interruption);
+    }
     return reply;
 }
 

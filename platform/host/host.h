@@ -9,6 +9,7 @@
 #include "host/call-watch.h"
 #include "host/plugin-guard.h"
 #include "host/plugin-library.h"
+#include "host/rebuild.h"
 #include "host/status-storage.h"
 #include "mavo/rmi-protocol.h"
 #include "mavo/rmi.h"
@@ -25,10 +26,16 @@ public:
     Host(const Host &) = delete;
     Host &operator=(const Host &) = delete;
 
+    // Told of interrupted operations from now on, and of tables that were brought up anew; null ends it. Must outlive
+    // all calls.
+    void setRebuild(Rebuild *rebuild) { rebuild_ = rebuild; }
+
     // Brings up a plugin: checks the data, calls the factory, disables the plugin again where a status of 0 is stored
     // and starts a collector that is switched on. Throws std::runtime_error with one line when no plugin comes up; then
     // the one before it, if there is one, goes on serving.
     void bringUp();
+    // The same, and gives back why it has to be done again: nothing, or why the tables may not be what was stored.
+    std::string bringUpAndJudge();
 
     // The operations of the plugin. Its exceptions go to the caller, who never lets them past a further bringUp().
     std::string executeCommand(const std::string &command, const std::string &data);
@@ -64,6 +71,7 @@ private:
     mavo::rmi::Service ownMethods_;
     const Instance *current_ = nullptr; // kept for ever
     int applied_ = -1;                  // the status last applied, -1 before the first
+    Rebuild *rebuild_ = nullptr;
 };
 
 // Adds the remote methods of the host itself, for callers with the privilege /privilege/vpk.admin.

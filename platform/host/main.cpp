@@ -76,8 +76,8 @@ void run(const Options &options) {
     host::ServerLoop server(std::move(lock));
     host::handleForks({host::ServerLoop::signals(), [&server] { return server.descriptors(); }});
     host::Host host(host::loadPlugin(options.plugin));
-    host.bringUp();
-    server.serve(host, options.socket, privileges);
+    const std::string interruption = host.bringUpAndJudge();
+    server.serve(host, options.socket, privileges, interruption);
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <exception>
 #include <filesystem>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
@@ -56,7 +57,8 @@ void ServerLoop::handleSignal() {
     }
 }
 
-void ServerLoop::serve(Host &host, const std::string &socket, const mavo::rmi::Privileges &privileges) {
+void ServerLoop::serve(Host &host, const std::string &socket, const mavo::rmi::Privileges &privileges,
+                       const std::string &interruption) {
     const auto directory = std::filesystem::path(socket).parent_path();
     if (!directory.empty())
         support::makeDirectory(directory, 0755);
@@ -66,9 +68,20 @@ void ServerLoop::serve(Host &host, const std::string &socket, const mavo::rmi::P
         [&host](const std::string &name, const mavo::rmi::MethodContext &method, mavo::rmi::Message &request) {
             return host.invoke(name, method, request);
         });
+    Rebuild rebuild(loop_, [&host]() -> std::string {
+        try {
+            return host.bringUpAndJudge();
+        } catch (const std::exception &error) {
+            return error.what();
+        }
+    });
+    host.setRebuild(&rebuild);
+    if (!interruption.empty())
+        rebuild.want(interruption);
     logInfo("serving at " + socket);
     tellReady();
     loop_.run();
+    host.setRebuild(nullptr);
     server_.reset();
     ::unlink(socket.c_str());
     logInfo("stopped");

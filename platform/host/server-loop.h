@@ -23,8 +23,10 @@ public:
     explicit ServerLoop(support::UniqueFd lock);
 
     // Listens at `socket` (0666, as privileges decide; a missing directory is made, 0755) and serves. Removes the
-    // socket at the end. Throws std::system_error when it cannot listen.
-    void serve(Host &host, const std::string &socket, const mavo::rmi::Privileges &privileges);
+    // socket at the end. Builds the tables anew by itself after operations that were interrupted, with `interruption`
+    // for one that already was. Throws std::system_error when it cannot listen.
+    void serve(Host &host, const std::string &socket, const mavo::rmi::Privileges &privileges,
+               const std::string &interruption);
 
     // The signals that are handled or ignored, for handleForks().
     static std::vector<int> signals();

@@ -16,6 +16,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "rlv/command-form.h"
@@ -39,6 +40,7 @@ constexpr std::size_t kCollectBytes = 8'192;
 // So that a slow client does not look like a silent one.
 constexpr Milliseconds kCollectTime{1'000};
 constexpr std::size_t kMaxForms = 32;
+constexpr std::size_t kMaxOpenings = 100'000;
 
 // The reply to one request, or an errno value.
 struct Outcome {
@@ -163,6 +165,17 @@ public:
         return connection;
     }
 
+    void noteOpening(std::uint64_t number) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (openings_.size() < kMaxOpenings)
+            openings_.push_back(number);
+    }
+
+    std::vector<std::uint64_t> takeOpenings() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return std::exchange(openings_, {});
+    }
+
     void setPath(const std::string &path) {
         const std::lock_guard<std::mutex> lock(mutex_);
         path_ = path;
@@ -178,6 +191,7 @@ private:
     std::map<rlv_handle, Shared> byHandle_;
     rlv_handle last_ = 0;
     std::string path_ = rlv::kDefaultSocketPath;
+    std::vector<std::uint64_t> openings_;
 };
 
 // Never destroyed: a process may end while another thread is in a call.
@@ -265,10 +279,12 @@ Outcome sendWithoutAsking(Connections::Connection &connection, std::string_view 
 int open(rlv_handle *handle) {
     const auto deadline = Clock::now() + kOpenTimeout;
     UniqueFd fd;
-    if (const int error = connectTo(connections().path(), deadline, fd))
-        return error;
-    const Outcome outcome =
-        ask(fd.get(), Request{Request::Kind::open, rlv::protocol::kVersion, {}}, Reply::Kind::opened, deadline);
+    Outcome outcome;
+    outcome.error = connectTo(connections().path(), deadline, fd);
+    if (outcome.error == 0)
+        outcome =
+            ask(fd.get(), Request{Request::Kind::open, rlv::protocol::kVersion, {}}, Reply::Kind::opened, deadline);
+    connections().noteOpening(outcome.error == 0 ? outcome.reply.number : 0);
     if (outcome.error == 0)
         *handle = connections().add(std::move(fd));
     return outcome.error;
@@ -353,6 +369,8 @@ int rlv_iptables_commit(rlv_handle handle, const char *options, int *error_code,
 namespace rlv {
 
 void setSocketPath(const std::string &path) { connections().setPath(path); }
+
+std::vector<std::uint64_t> takeOpenings() { return connections().takeOpenings(); }
 
 ServiceState query(std::uint64_t sinceConnection, std::chrono::milliseconds timeout) {
     const auto deadline = Clock::now() + timeout;

@@ -58,6 +58,10 @@ struct ServiceState {
 ServiceState query(std::uint64_t sinceConnection,
                    std::chrono::milliseconds timeout = std::chrono::milliseconds(10'000));
 
+// The connections that this process has tried to open since this was last asked, in order: the numbers that the service
+// gave them, 0 for each that was not opened. Keeps the first 100,000.
+std::vector<std::uint64_t> takeOpenings();
+
 } // namespace rlv
 
 #endif

@@ -20,7 +20,7 @@ rlv::ServiceState stateOf(std::vector<ConnectionOutcome> connections) {
 }
 
 std::vector<std::string> judged(const LostCommand &lost) {
-    return host::notInForce(stateOf({{7, ConnectionEnd::closed, {lost}, 0}}), 0);
+    return host::judge(stateOf({{7, ConnectionEnd::closed, {lost}, 0}}), {7}).notInForce;
 }
 
 TEST(AnErrorText, IsWhatStandsBehindThePlaceWithoutColours) {
@@ -49,19 +49,47 @@ TEST(ACommand, IsNotInForceWhenItWasAcceptedAndLost) {
 }
 
 TEST(ACommand, CountsWhereItsTextWasTooMuchToKeep) {
-    EXPECT_THAT(host::notInForce(stateOf({{7, ConnectionEnd::closed, {}, 12}}), 0), ElementsAre("12 more commands"));
+    const auto verdict = host::judge(stateOf({{7, ConnectionEnd::closed, {}, 12}}), {7});
+    EXPECT_THAT(verdict.notInForce, ElementsAre("12 more commands"));
+    EXPECT_TRUE(verdict.hasLost);
 }
 
-TEST(AConnection, CountsWhenItVanished) {
-    EXPECT_THAT(host::notInForce(stateOf({{7, ConnectionEnd::vanished, {}, 0}}), 0).size(), 1U);
-    EXPECT_THAT(host::notInForce(stateOf({{7, ConnectionEnd::closed, {}, 0}}), 0), IsEmpty());
+TEST(ACommand, IsLostOnlyWhenItWasAcceptedFirst) {
+    const auto hasLost = [](bool refusedAtOnce) {
+        const LostCommand lost{"-A VPK-DENY -j DROP", 4, "lost", refusedAtOnce};
+        return host::judge(stateOf({{7, ConnectionEnd::closed, {lost}, 0}}), {7}).hasLost;
+    };
+    EXPECT_TRUE(hasLost(false));
+    EXPECT_FALSE(hasLost(true));
+}
+
+TEST(AConnection, IsAnInterruptionWhenItVanished) {
+    const auto interruption = [](ConnectionEnd end) {
+        return host::judge(stateOf({{7, end, {}, 0}}), {7}).interruption;
+    };
+    EXPECT_EQ(interruption(ConnectionEnd::vanished), "a connection to the traffic-control service broke");
+    EXPECT_EQ(interruption(ConnectionEnd::closed), "");
+}
+
+TEST(AConnection, IsAnInterruptionWhenTheServiceKnowsNothingOfIt) {
+    const std::string startedAnew = "the traffic-control service was started anew during the call";
+    const auto state = stateOf({{1, ConnectionEnd::closed, {}, 0}, {2, ConnectionEnd::closed, {}, 0}});
+    EXPECT_EQ(host::judge(state, {1, 2}).interruption, "");
+    EXPECT_EQ(host::judge(state, {3}).interruption, startedAnew);
+    EXPECT_EQ(host::judge(state, {2, 1}).interruption, startedAnew) << "numbers begin at 1 again";
+    EXPECT_EQ(host::judge(state, {2, 2}).interruption, startedAnew);
+}
+
+TEST(AConnection, IsNoneWhenItCouldNotBeOpened) {
+    EXPECT_EQ(host::judge(stateOf({}), {0, 0}).interruption, "");
+    EXPECT_EQ(host::judge(stateOf({}), {}).interruption, "");
 }
 
 TEST(AConnection, CountsOnlyWhenTheCallHasOpenedIt) {
     const LostCommand lost{"-A VPK-DENY -j DROP", 4, "lost", false};
     const auto state = stateOf({{7, ConnectionEnd::closed, {lost}, 0}, {8, ConnectionEnd::closed, {lost, lost}, 0}});
-    EXPECT_THAT(host::notInForce(state, 7).size(), 2U);
-    EXPECT_THAT(host::notInForce(state, 8), IsEmpty());
+    EXPECT_THAT(host::judge(state, {8}).notInForce.size(), 2U);
+    EXPECT_THAT(host::judge(state, {}).notInForce, IsEmpty());
 }
 
 } // namespace

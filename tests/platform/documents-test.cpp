@@ -102,14 +102,14 @@ TEST_F(TheDocuments, HoldTheReports) {
 
 TEST_F(TheDocuments, CountStoredAndExpectedRules) {
     storeRules("('tcp', 'a', '', 1, 0), ('tcp', 'b', '', 0, 0), ('tcp', 'c', '', 2, 1)");
-    const auto rules = cli::parseDocument(host::statusDocument(1, 1, ""))["rules"];
+    const auto rules = cli::parseDocument(host::statusDocument(1, 1, "", ""))["rules"];
     EXPECT_EQ(rules["stored"]["deny"].asInt(), 2);
     EXPECT_EQ(rules["expected"]["deny"].asInt(), 3);
     EXPECT_EQ(rules["stored"]["allow"].asInt(), 1);
     EXPECT_EQ(rules["expected"]["allow"].asInt(), 1);
 }
 
-std::string lastReport() { return cli::parseDocument(host::statusDocument(1, 1, ""))["lastReport"].asString(); }
+std::string lastReport() { return cli::parseDocument(host::statusDocument(1, 1, "", ""))["lastReport"].asString(); }
 
 void configureLastReport(const std::string &text) {
     std::filesystem::create_directories(std::filesystem::path(host::kConfigFile).parent_path());
@@ -131,7 +131,7 @@ TEST_F(TheDocuments, TellTheLaterOfTheNewestReportAndTheConfiguredOne) {
 }
 
 TEST_F(TheDocuments, SayWhenTheServiceCannotBeAsked) {
-    const auto document = cli::parseDocument(host::statusDocument(-1, 1, "a marker stands"));
+    const auto document = cli::parseDocument(host::statusDocument(-1, 1, "a marker stands", ""));
     EXPECT_FALSE(document["serviceProblem"].asString().empty());
     const std::string text = cli::statusAsText(document);
     EXPECT_THAT(text, HasSubstr("plugin       none (stored), enabled (as last applied)\n"));
