@@ -73,6 +73,9 @@ void setUp(const std::string &device, const std::string &address) {
 }
 
 constexpr unsigned kNetworks = 128;
+// The third network set aside for examples, behind the addresses that tests like to write out.
+constexpr unsigned kFirstFurtherAddress = 240;
+constexpr unsigned kFurtherAddresses = 15;
 
 std::string hostOf(unsigned network, unsigned host) {
     return (network < kNetworks / 2 ? "198.51.100." : "203.0.113.") +
@@ -177,6 +180,16 @@ Pair::Pair() : nearNamespace_(currentNamespace()) {
     setUp("near", near_);
     const Visit visit(farNamespace_, nearNamespace_);
     setUp("far", far_);
+}
+
+std::string Pair::addFarAddress() {
+    if (furtherAddresses_ == kFurtherAddresses)
+        throw std::length_error("too many addresses");
+    std::string address = "192.0.2." + std::to_string(kFirstFurtherAddress + furtherAddresses_++);
+    run({"ip", "route", "add", address, "via", far_, "dev", "near"});
+    const Visit visit(farNamespace_, nearNamespace_);
+    run({"ip", "address", "add", address + "/32", "dev", "far"});
+    return address;
 }
 
 UniqueFd Pair::openSocket(Side side, int family, int type) const {

@@ -40,6 +40,8 @@ public:
 
     const std::string &address(Side side) const { return side == Side::near ? near_ : far_; }
     Endpoint at(Side side, std::uint16_t port) const { return {address(side), port}; }
+    // Gives the far host one more address, with a way to it, and returns it; at most 15 times.
+    std::string addFarAddress();
 
     // A TCP listener on every address of that side, IPv4 and IPv6.
     support::UniqueFd listen(Side side, std::uint16_t port) const;
@@ -57,6 +59,7 @@ private:
     support::UniqueFd farNamespace_;
     std::string near_;
     std::string far_;
+    unsigned furtherAddresses_ = 0;
 };
 
 // False when the kernel refused to send, as it does when a rule drops the packet on its way out.
