@@ -381,7 +381,7 @@ std::vector<std::uint64_t> handlesOf(const char *chain) {
 // One transaction, built as it is filled.
 class Transaction {
 public:
-    Transaction() : room_(kRoomBytes) { at_ = nftnl_batch_begin(room_.data(), sequence_++)->nlmsg_len; }
+    Transaction() { at_ = nftnl_batch_begin(room_.get(), sequence_++)->nlmsg_len; }
 
     void append(const Rule &rule) { put(NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND, encode(rule)); }
     void remove(const char *chain, std::uint64_t handle) {
@@ -391,10 +391,10 @@ public:
     }
     // Returns when the kernel has done it all. There must be a message in it.
     void commit() {
-        reinterpret_cast<nlmsghdr *>(room_.data() + last_)->nlmsg_flags |= NLM_F_ACK;
-        at_ += nftnl_batch_end(room_.data() + at_, sequence_)->nlmsg_len;
+        reinterpret_cast<nlmsghdr *>(room_.get() + last_)->nlmsg_flags |= NLM_F_ACK;
+        at_ += nftnl_batch_end(room_.get() + at_, sequence_)->nlmsg_len;
         Socket socket;
-        socket.send(room_.data(), at_);
+        socket.send(room_.get(), at_);
         socket.receive(0, nullptr, nullptr);
     }
 
@@ -403,15 +403,15 @@ private:
     static constexpr std::size_t kMessageBytes = 4096; // more than any rule here needs
 
     void put(std::uint16_t type, std::uint16_t flags, const KernelRule &rule) {
-        if (at_ + 2 * kMessageBytes > room_.size())
+        if (at_ + 2 * kMessageBytes > kRoomBytes)
             throw std::runtime_error("too many rules for one transaction here");
         last_ = at_;
-        nlmsghdr *const message = nftnl_nlmsg_build_hdr(room_.data() + at_, type, NFPROTO_IPV4, flags, sequence_++);
+        nlmsghdr *const message = nftnl_nlmsg_build_hdr(room_.get() + at_, type, NFPROTO_IPV4, flags, sequence_++);
         nftnl_rule_nlmsg_build_payload(message, rule.get());
         at_ += message->nlmsg_len;
     }
 
-    std::vector<char> room_;
+    std::unique_ptr<char[]> room_{new char[kRoomBytes]}; // NOLINT(*-avoid-c-arrays): not to be filled with zeros
     std::uint32_t sequence_ = 1;
     std::size_t at_ = 0;
     std::size_t last_ = 0;
