@@ -118,7 +118,7 @@ public:
     }
 
 private:
-    static constexpr std::size_t kMaxBytes = 1024 * 1024;
+    static constexpr std::size_t kMaxBytes = std::size_t{1024} * 1024;
 
     void open() {
         fd_ = ::open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
