@@ -1,45 +1,73 @@
 #include "rlv/command-form.h"
 
-#include "rlv/table/rule-words.h"
+#include <algorithm>
+
+#include "rlv/table/number-words.h"
 
 namespace rlv {
 
 namespace {
 
-std::string_view takeWord(std::string_view &text) {
-    const std::size_t blank = text.find(' ');
-    const std::string_view word = text.substr(0, blank);
-    text.remove_prefix(blank == std::string_view::npos ? text.size() : blank + 1);
-    return word;
-}
+std::string_view firstWord(std::string_view text) { return text.substr(0, text.find(' ')); }
 
-bool isAddressOption(std::string_view word) { return word == "-s" || word == "-d"; }
+// The words of a text, from the front. All of it goes into the form, but for the values.
+class Words {
+public:
+    Words(std::string_view text, std::string &form) : rest_(text), form_(form) {}
 
-bool isPortOption(std::string_view word) { return word == "--sport" || word == "--dport"; }
+    std::string_view peek() const { return firstWord(rest_); }
+    void pass() { pass(peek().size()); }
+    std::string_view takeValue() {
+        const std::string_view value = peek();
+        rest_.remove_prefix(value.size());
+        pass(0);
+        return value;
+    }
+    void passRest() { form_ += rest_; }
+
+private:
+    // With the blank behind, if there is one.
+    void pass(std::size_t size) {
+        size = std::min(size + 1, rest_.size());
+        form_ += rest_.substr(0, size);
+        rest_.remove_prefix(size);
+    }
+
+    std::string_view rest_;
+    std::string &form_;
+};
 
 } // namespace
 
 bool isRemoving(std::string_view options) {
-    const std::string_view word = takeWord(options);
+    const std::string_view word = firstWord(options);
     return word == "-F" || word == "-D" || word == "-X";
 }
 
-bool isAppending(std::string_view options) { return takeWord(options) == "-A"; }
+bool isAppending(std::string_view options) { return firstWord(options) == "-A"; }
 
 bool formOf(std::string_view options, std::string &form) {
     form.clear();
-    if (!isAppending(options))
+    if (options.size() > kMaxCommandLength || !isAppending(options))
         return false;
-    while (!options.empty()) {
-        const std::string_view word = takeWord(options);
-        form.append(word).push_back(' ');
-        if (!isAddressOption(word) && !isPortOption(word))
-            continue;
-        const std::string_view value = takeWord(options);
-        const bool isTaken = isAddressOption(word) ? parseNetwork(value).has_value() : parsePorts(value).has_value();
-        if (!isTaken)
+    Words words(options, form);
+    words.pass(); // -A
+    words.pass(); // the chain
+    if (words.peek() == "-p") {
+        words.pass();
+        words.pass();
+    }
+    if (words.peek() == "-s" || words.peek() == "-d") {
+        words.pass();
+        if (!parseNetwork(words.takeValue()))
             return false;
     }
+    if (words.peek() == "--sport" || words.peek() == "--dport") {
+        words.pass();
+        if (!parsePorts(words.takeValue()))
+            return false;
+    }
+    words.passRest();
     return true;
 }
 

@@ -1,21 +1,28 @@
-// What a client may know of a command's answer before it asks.
+// What client and service both read off a command's text without understanding it.
 #ifndef PLATFORM_RLV_COMMAND_FORM_H
 #define PLATFORM_RLV_COMMAND_FORM_H
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
 namespace rlv {
 
-// True for -F, -D and -X, in whatever text.
+// The service refuses every longer option text.
+constexpr std::size_t kMaxCommandLength = 1024;
+
+// True when the first word is -F, -D or -X, whatever follows.
 bool isRemoving(std::string_view options);
 
-// True for -A.
+// True when the first word is -A.
 bool isAppending(std::string_view options);
 
-// The text of an appending command with its addresses and ports left out, in `form`. Two commands of the same form
-// differ in nothing but addresses and ports that the service's grammar takes, so that it accepts both or neither. False
-// for all other commands, and for those with host names, which must be looked up.
+// The form of "-A chain [-p protocol] [-s address] [--sport ports] …" (or with -d and --dport) is its text without the
+// address and the ports. Stores it and returns true; false for every other text, and when the address or the ports are
+// not such as the service takes (a host name is no address).
+//
+// The service's answer to a command with a form depends on the form and on the table's chains, jumps and number of
+// rules alone: which address and ports they are makes no difference to it.
 [[nodiscard]] bool formOf(std::string_view options, std::string &form);
 
 } // namespace rlv

@@ -5,8 +5,8 @@
 #include <array>
 #include <cstdio>
 #include <string_view>
-#include <vector>
 
+#include "rlv/command-form.h"
 #include "rlv/table/protocols.h"
 #include "rlv/table/rule-words.h"
 
@@ -14,7 +14,6 @@ namespace rlv {
 
 namespace {
 
-constexpr std::size_t kMaxTextLength = 1024;
 constexpr std::size_t kMaxShownLength = 64;
 
 // Leaves the grammar with an answer; never leaves this file.
@@ -38,49 +37,48 @@ std::string shown(std::string_view word) {
     throw Refusal{"iptables: " + what + " " + shown(word) + ": expected " + expected};
 }
 
-// The words of a text, taken one by one from the front.
+// The words of a text, taken one by one from the front. `Expected` gives the text of what should stand there; it is
+// made for a refusal alone.
 class Words {
 public:
-    explicit Words(std::string_view text) {
-        for (;;) {
-            const std::size_t blank = text.find(' ');
-            words_.push_back(text.substr(0, blank));
-            if (blank == std::string_view::npos)
-                return;
-            text.remove_prefix(blank + 1);
-        }
-    }
+    explicit Words(std::string_view text) : rest_(text) {}
 
-    bool atEnd() const { return next_ == words_.size(); }
+    bool atEnd() const { return atEnd_; }
 
-    std::string_view peek() const { return atEnd() ? std::string_view() : words_[next_]; }
+    std::string_view peek() const { return rest_.substr(0, rest_.find(' ')); }
 
     // The next word. Without one, refuses the command, naming the word before and what should follow it.
-    std::string_view take(const std::string &expected) {
-        if (atEnd())
-            throw Refusal{"iptables: nothing after " + shown(words_.back()) + ": expected " + expected};
-        return words_[next_++];
+    template <class Expected> std::string_view take(Expected expected) {
+        if (atEnd_)
+            throw Refusal{"iptables: nothing after " + shown(last_) + ": expected " + expected()};
+        last_ = peek();
+        atEnd_ = last_.size() == rest_.size();
+        rest_.remove_prefix(std::min(last_.size() + 1, rest_.size()));
+        return last_;
     }
 
     bool takeIf(std::string_view word) {
-        if (atEnd() || words_[next_] != word)
+        if (atEnd_ || peek() != word)
             return false;
-        ++next_;
+        take([] { return ""; });
         return true;
     }
 
 private:
-    std::vector<std::string_view> words_;
-    std::size_t next_ = 0;
+    std::string_view rest_;
+    std::string_view last_;
+    bool atEnd_ = false;
 };
 
 void checkText(const std::string &text) {
-    if (text.size() > kMaxTextLength)
-        refuse("too long a command", text, "at most " + std::to_string(kMaxTextLength) + " characters");
+    if (text.size() > kMaxCommandLength)
+        refuse("too long a command", text, "at most " + std::to_string(kMaxCommandLength) + " characters");
     const bool printable = std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
     if (!printable)
         refuse("bad character in", text, "printable ASCII characters");
-    if (text.empty() || text.front() == ' ' || text.back() == ' ' || text.find("  ") != std::string::npos)
+    const auto isDoubleBlank = [](char left, char right) { return left == ' ' && right == ' '; };
+    if (text.empty() || text.front() == ' ' || text.back() == ' ' ||
+        std::adjacent_find(text.begin(), text.end(), isDoubleBlank) != text.end())
         refuse("bad blanks in", text, "words separated by single blanks");
 }
 
@@ -150,13 +148,13 @@ void parsePortsWord(std::string_view option, std::string_view word, bool isSourc
 
 Target parseLogTarget(Words &words) {
     constexpr std::string_view kPrefixOption = "--log-prefix=";
-    const std::string expected = "-v --log-prefix=TEXT after LOG";
+    const auto expected = [] { return "-v --log-prefix=TEXT after LOG"; };
     const std::string_view verbose = words.take(expected);
     if (verbose != "-v")
-        refuse("bad argument", verbose, expected);
+        refuse("bad argument", verbose, expected());
     const std::string_view word = words.take(expected);
     if (word.substr(0, kPrefixOption.size()) != kPrefixOption)
-        refuse("bad argument", word, expected);
+        refuse("bad argument", word, expected());
     const std::string_view prefix = word.substr(kPrefixOption.size());
     if (!isLogPrefix(prefix))
         refuse("bad log prefix", prefix,
@@ -165,7 +163,7 @@ Target parseLogTarget(Words &words) {
 }
 
 Target parseTarget(Words &words, const std::string &prefix) {
-    const std::string expected = "ACCEPT, DROP, LOG or " + ownChains(prefix);
+    const auto expected = [&] { return "ACCEPT, DROP, LOG or " + ownChains(prefix); };
     const std::string_view word = words.take(expected);
     if (word == "ACCEPT")
         return {Target::Kind::accept, ""};
@@ -174,7 +172,7 @@ Target parseTarget(Words &words, const std::string &prefix) {
     if (word == "LOG")
         return parseLogTarget(words);
     if (!isOwnChain(word, prefix))
-        refuse("unknown target", word, expected);
+        refuse("unknown target", word, expected());
     return {Target::Kind::jump, std::string(word)};
 }
 
@@ -185,24 +183,26 @@ void parseSide(Words &words, Command &command) {
     const std::string_view portOption = isSource ? "--sport" : "--dport";
     Rule &rule = command.rule;
     if (words.takeIf(addressOption))
-        parseAddressWord(words.take("an address"), isSource ? rule.source : rule.destination,
+        parseAddressWord(words.take([] { return "an address"; }), isSource ? rule.source : rule.destination,
                          isSource ? command.sourceName : command.destinationName);
     if (words.takeIf(portOption))
-        parsePortsWord(portOption, words.take("a port"), isSource, rule);
+        parsePortsWord(portOption, words.take([] { return "a port"; }), isSource, rule);
 }
 
 void parseRule(Words &words, const std::string &prefix, Command &command) {
     const bool isHook = isHookChain(command.chain);
     if (!isHook && words.takeIf("-p"))
-        command.rule.protocol = parseProtocolWord(words.take("a protocol"));
+        command.rule.protocol = parseProtocolWord(words.take([] { return "a protocol"; }));
     if (!isHook)
         parseSide(words, command);
-    const std::string expected = isHook ? "-j and a chain alone in INPUT and OUTPUT"
-                                        : "[-p protocol] [-s address] [--sport ports] -j target, or the same with -d "
-                                          "and --dport, in this order";
+    const auto expected = [isHook] {
+        return isHook ? "-j and a chain alone in INPUT and OUTPUT"
+                      : "[-p protocol] [-s address] [--sport ports] -j target, or the same with -d and --dport, in "
+                        "this order";
+    };
     const std::string_view jump = words.take(expected);
     if (jump != "-j")
-        refuse("bad argument", jump, expected);
+        refuse("bad argument", jump, expected());
     const std::string_view target = words.peek();
     command.rule.target = parseTarget(words, prefix);
     if (isHook && command.rule.target.kind != Target::Kind::jump)
@@ -212,10 +212,10 @@ void parseRule(Words &words, const std::string &prefix, Command &command) {
 Command parse(const std::string &options, const std::string &prefix) {
     checkText(options);
     Words words(options);
-    const ActionWord &action = parseAction(words.take("a command"));
+    const ActionWord &action = parseAction(words.take([] { return "a command"; }));
     Command command;
     command.action = action.action;
-    command.chain = parseChain(words.take("a chain"), action.hasRule, prefix);
+    command.chain = parseChain(words.take([] { return "a chain"; }), action.hasRule, prefix);
     if (action.hasRule)
         parseRule(words, prefix, command);
     if (!words.atEnd())

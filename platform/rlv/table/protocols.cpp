@@ -55,12 +55,12 @@ std::optional<std::uint8_t> lookUp(const std::string &name) {
 } // namespace
 
 // The list is a file that would be read for each command.
-std::optional<std::uint8_t> protocolNumber(const std::string &name) {
-    static thread_local std::map<std::string, std::uint8_t> found;
+std::optional<std::uint8_t> protocolNumber(std::string_view name) {
+    static thread_local std::map<std::string, std::uint8_t, std::less<>> found;
     const auto known = found.find(name);
     if (known != found.end())
         return known->second;
-    const auto number = lookUp(name);
+    const auto number = lookUp(std::string(name));
     if (number)
         found.emplace(name, *number);
     return number;

@@ -1,4 +1,4 @@
-// The values that stand in a rule's text: chains, addresses, host names, ports, protocols, log prefixes. Everything is
+// The words that stand in a rule's text beside its numbers: chains, host names, protocols, log prefixes. Everything is
 // read strictly: a word that could mean two things to two readers means nothing here.
 #ifndef PLATFORM_RLV_TABLE_RULE_WORDS_H
 #define PLATFORM_RLV_TABLE_RULE_WORDS_H
@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "rlv/table/command.h"
+#include "rlv/table/number-words.h"
 
 namespace rlv {
 
@@ -24,18 +24,9 @@ bool isReservedChain(std::string_view word);
 // True for a chain that the service may make, fill and remove.
 bool isOwnChain(std::string_view word, std::string_view chainPrefix);
 
-// A decimal without sign or leading zeros that is at most `limit`.
-std::optional<unsigned> parseDecimal(std::string_view word, unsigned limit);
-
-// "10.0.0.5" or "10.0.0.0/8", with the bits beyond the prefix cleared.
-std::optional<Network> parseNetwork(std::string_view word);
-
 // True for the syntax of a host name that no resolver can take for an address: its last label is neither all digits nor
 // begins with 0x.
 bool isHostName(std::string_view word);
-
-// "80", "80:90", ":80", "80:" or ":". A reversed range is none.
-std::optional<PortRange> parsePorts(std::string_view word);
 
 // A name in either case, or a decimal number; 0 is any protocol.
 std::optional<std::uint8_t> parseProtocol(std::string_view word);
