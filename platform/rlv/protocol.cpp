@@ -5,7 +5,9 @@
 namespace rlv::protocol {
 namespace {
 
+constexpr std::size_t kRequestHeadBytes = 1 + 8;
 constexpr std::size_t kReplyHeadBytes = 1 + 4 + 8;
+constexpr std::size_t kLengthBytes = 2;
 
 class Writer {
 public:
@@ -23,7 +25,7 @@ public:
         for (const auto &value : values)
             element(value);
     }
-    void rest(const std::string &value) { out_ += value; }
+    void rest(std::string_view value) { out_ += value; }
     std::string take() { return std::move(out_); }
 
 private:
@@ -49,7 +51,7 @@ public:
         for (auto left = integer(4); left > 0 && good_; --left)
             element();
     }
-    std::string rest() { return std::string(take(in_.size())); }
+    std::string_view rest() { return take(in_.size()); }
     bool good() const { return good_; }
     bool complete() const { return good_ && in_.empty(); }
 
@@ -122,21 +124,18 @@ std::string encode(const Reply &reply) {
     out.integer(static_cast<std::uint64_t>(reply.kind), 1);
     out.integer(static_cast<std::uint32_t>(reply.code), 4);
     out.integer(reply.number, 8);
-    out.rest(reply.text.substr(0, kMaxPacketBytes - kReplyHeadBytes));
+    out.rest(std::string_view(reply.text).substr(0, kMaxPacketBytes - kReplyHeadBytes));
     return out.take();
 }
 
-std::optional<Request> decodeRequest(std::string_view packet) {
-    constexpr std::string_view kKinds = "OCSXQ";
+bool decodeRequest(std::string_view packet, Request &request) {
+    constexpr std::string_view kKinds = "OCLXQ";
     Reader in(packet);
-    Request request;
     const char kind = static_cast<char>(in.integer(1));
     request.kind = static_cast<Request::Kind>(kind);
     request.number = in.integer(8);
     request.text = in.rest();
-    if (!in.good() || kKinds.find(kind) == std::string_view::npos)
-        return std::nullopt;
-    return request;
+    return in.good() && kKinds.find(kind) != std::string_view::npos;
 }
 
 std::optional<Reply> decodeReply(std::string_view packet) {
@@ -153,23 +152,42 @@ std::optional<Reply> decodeReply(std::string_view packet) {
     return reply;
 }
 
-void addText(std::string &texts, std::string_view options) {
-    texts.push_back(static_cast<char>(options.size() & 0xff));
-    texts.push_back(static_cast<char>(options.size() >> 8));
-    texts.append(options);
+bool CommandList::add(std::string_view options) {
+    if (count_ == kMaxListedCommands || options.size() > kMaxOptionsBytes ||
+        packet_.size() - kRequestHeadBytes + kLengthBytes + options.size() > kMaxListBytes)
+        return false;
+    packet_.push_back(static_cast<char>(options.size() & 0xff));
+    packet_.push_back(static_cast<char>(options.size() >> 8));
+    packet_.append(options);
+    ++count_;
+    return true;
 }
 
-std::optional<std::vector<std::string>> splitTexts(std::string_view texts) {
-    std::vector<std::string> all;
-    while (!texts.empty()) {
-        Reader length(texts.substr(0, 2));
-        const auto bytes = static_cast<std::size_t>(length.integer(2));
-        if (!length.good() || bytes > kMaxOptionsBytes || bytes > texts.size() - 2)
-            return std::nullopt;
-        all.emplace_back(texts.substr(2, bytes));
-        texts.remove_prefix(2 + bytes);
+void CommandList::clear() {
+    packet_.assign(1, static_cast<char>(Request::Kind::list));
+    packet_.append(kRequestHeadBytes - 1, '\0');
+    count_ = 0;
+}
+
+std::string_view takeCommand(std::string_view &text) {
+    const auto bytes = static_cast<std::size_t>(Reader(text.substr(0, kLengthBytes)).integer(kLengthBytes));
+    const std::string_view command = text.substr(std::min(kLengthBytes, text.size())).substr(0, bytes);
+    text.remove_prefix(std::min(kLengthBytes + bytes, text.size()));
+    return command;
+}
+
+bool isCommandList(std::string_view text) {
+    std::size_t count = 0;
+    if (text.size() > kMaxListBytes)
+        return false;
+    for (; !text.empty(); ++count) {
+        const std::size_t left = text.size();
+        const auto bytes = static_cast<std::size_t>(Reader(text.substr(0, kLengthBytes)).integer(kLengthBytes));
+        if (left < kLengthBytes || bytes > kMaxOptionsBytes || bytes > left - kLengthBytes)
+            return false;
+        text.remove_prefix(kLengthBytes + bytes);
     }
-    return all;
+    return count <= kMaxListedCommands;
 }
 
 std::vector<std::string> encodeState(const ServiceState &state) {

@@ -2,9 +2,9 @@
 //
 // The socket is a SOCK_SEQPACKET one: a packet arrives whole or not at all, so that neither side ever holds half a
 // message of a slow peer, needs a buffer per connection or can lose its place in a stream; a packet that is too long is
-// known by its length, and answered, without being read. A client sends one request and waits for its reply; only
-// commands of which it knows the answer (see Reply::number) it may send without getting one. A request is its kind (1
-// byte), a number (8 bytes, little endian) and a text; a reply is its kind, a code (4 bytes), a number and a text.
+// known by its length, and answered, without being read. A client sends one request and waits for its reply; only a
+// list of commands, of which it knows the answers (see Reply::number), gets none. A request is its kind (1 byte), a
+// number (8 bytes, little endian) and a text; a reply is its kind, a code (4 bytes), a number and a text.
 #ifndef PLATFORM_RLV_PROTOCOL_H
 #define PLATFORM_RLV_PROTOCOL_H
 
@@ -23,12 +23,15 @@ constexpr std::uint64_t kVersion = 2;
 constexpr std::size_t kMaxOptionsBytes = 4096;
 // The longest packet of either side; a longer reply goes in parts.
 constexpr std::size_t kMaxPacketBytes = 32'768;
+// What one request with several commands may hold.
+constexpr std::size_t kMaxListBytes = 16'384;
+constexpr std::size_t kMaxListedCommands = 512;
 
 struct Request {
-    enum class Kind : std::uint8_t { open = 'O', commit = 'C', send = 'S', close = 'X', query = 'Q' };
+    enum class Kind : std::uint8_t { open = 'O', commit = 'C', list = 'L', close = 'X', query = 'Q' };
     Kind kind = Kind::open;
     std::uint64_t number = 0; // open: the client's protocol version; query: tell of connections above this number
-    std::string text;         // commit: the option text; send: several (see addText), without a reply
+    std::string text;         // commit: the option text; list: several (see CommandList), which get no reply
 };
 
 struct Reply {
@@ -36,22 +39,40 @@ struct Reply {
     enum class Kind : std::uint8_t { opened = 'o', committed = 'c', closed = 'x', state = 'q', refused = 'r' };
     Kind kind = Kind::refused;
     std::int32_t code = 0; // committed: iptables' exit status; closed, refused: an errno value
-    // opened: the connection's number; state: how many parts follow; committed: how many more commands of the form of
-    // this one (see command-form.h) are sure to be accepted while nothing but -A is sent.
+    // opened: the connection's number; state: how many parts follow; committed: how many more rules the table takes. So
+    // many commands of the forms (see command-form.h) that were accepted so far are sure to be accepted, until one
+    // comes that is no -A: only such a one takes away what they need.
     std::uint64_t number = 0;
     std::string text; // committed, refused: the message; state: a part of the encoded state
 };
 
 std::string encode(const Request &request);
 std::string encode(const Reply &reply);
+// Stores the request, in the room that its text has already. False for what is none.
+[[nodiscard]] bool decodeRequest(std::string_view packet, Request &request);
 // Empty for what is none.
-std::optional<Request> decodeRequest(std::string_view packet);
 std::optional<Reply> decodeReply(std::string_view packet);
 
-// Adds one of several option texts, of at most kMaxOptionsBytes, to the text of a request.
-void addText(std::string &texts, std::string_view options);
-// All of them. Empty for what is no such text.
-std::optional<std::vector<std::string>> splitTexts(std::string_view texts);
+// The packet of a request with several commands, in the making. Its text is, for each command, the length (2 bytes,
+// little endian) and the option text.
+class CommandList {
+public:
+    CommandList() { clear(); }
+    // False, and nothing is added, when there is no room.
+    [[nodiscard]] bool add(std::string_view options);
+    std::size_t count() const { return count_; }
+    const std::string &packet() const { return packet_; }
+    void clear();
+
+private:
+    std::string packet_;
+    std::size_t count_ = 0;
+};
+
+// True for the text of such a request: whole commands, within the limits.
+bool isCommandList(std::string_view text);
+// Takes the first command off the front of such a text, which is not empty.
+std::string_view takeCommand(std::string_view &text);
 
 // The packets of a reply to a query, in order.
 std::vector<std::string> encodeState(const ServiceState &state);

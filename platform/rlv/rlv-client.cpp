@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "rlv/command-form.h"
+#include "rlv/known-answers.h"
 #include "rlv/protocol.h"
 #include "support/unique-fd.h"
 
@@ -39,7 +40,6 @@ constexpr int kNoAnswer = 4;
 constexpr std::size_t kCollectBytes = 8'192;
 // So that a slow client does not look like a silent one.
 constexpr Milliseconds kCollectTime{1'000};
-constexpr std::size_t kMaxForms = 32;
 constexpr std::size_t kMaxOpenings = 100'000;
 
 // The reply to one request, or an errno value.
@@ -127,14 +127,10 @@ public:
         UniqueFd fd;
         int error = 0; // once broken, an answer could belong to an earlier question: nothing is asked any more
 
-        // Forms of commands that the service has accepted since the last one that was no -A, and how many more commands
-        // of these forms it is sure to accept.
-        std::vector<std::string> forms;
-        std::uint64_t sureCommands = 0;
+        rlv::KnownAnswers known;
         bool isHeld = false; // the service keeps everything until the end
-        std::string collected;
+        rlv::protocol::CommandList collected;
         Clock::time_point collectedSince;
-        std::string form; // of the command under way
     };
     // Shared between the table and a call that is under way while another thread closes the handle.
     using Shared = std::shared_ptr<Connection>;
@@ -223,57 +219,55 @@ int connectTo(const std::string &path, Clock::time_point deadline, UniqueFd &con
     return 0;
 }
 
-int sendTexts(Connections::Connection &connection, const std::string &texts) {
-    const Request request{Request::Kind::send, 0, texts};
-    connection.error = sendPacket(connection.fd.get(), rlv::protocol::encode(request), Clock::now() + kAnswerTimeout);
+// Of a socket that is broken: the service may have said why before it closed it.
+int reasonOf(int error, int fd) {
+    if (error != EPIPE && error != ECONNRESET)
+        return error;
+    const int reason = receiveReply(fd, Clock::now()).error;
+    return reason != 0 && reason != ETIMEDOUT ? reason : ECONNRESET;
+}
+
+// Sends what is collected, if there is anything. With the connection locked, as all that follows.
+int sendCollected(Connections::Connection &connection) {
+    if (connection.error != 0 || connection.collected.count() == 0)
+        return connection.error;
+    const int fd = connection.fd.get();
+    connection.error = reasonOf(sendPacket(fd, connection.collected.packet(), Clock::now() + kAnswerTimeout), fd);
+    connection.collected.clear();
     return connection.error;
 }
 
-int sendCollected(Connections::Connection &connection) {
-    if (connection.collected.empty())
-        return 0;
-    const int error = sendTexts(connection, connection.collected);
-    connection.collected.clear();
-    return error;
+// A command of which the answer is known. One alone goes at once until the service keeps everything anyway.
+int sendWithoutAsking(Connections::Connection &connection, std::string_view options) {
+    const auto now = Clock::now();
+    if (connection.collected.count() == 0)
+        connection.collectedSince = now;
+    if (!connection.collected.add(options))
+        return EMSGSIZE;
+    const bool isDue = !connection.isHeld || connection.collected.packet().size() > kCollectBytes ||
+                       connection.collected.count() == rlv::protocol::kMaxListedCommands ||
+                       now - connection.collectedSince > kCollectTime;
+    return isDue ? sendCollected(connection) : 0;
 }
 
-// With the connection locked.
 Outcome askOn(Connections::Connection &connection, const Request &request, Reply::Kind expected) {
-    if (connection.error == 0)
-        sendCollected(connection);
-    if (connection.error != 0)
+    if (sendCollected(connection) != 0)
         return {connection.error, {}};
     Outcome outcome = ask(connection.fd.get(), request, expected, Clock::now() + kAnswerTimeout);
     connection.error = outcome.error;
     return outcome;
 }
 
-// Keeps of an answer what tells of later ones.
-void learn(Connections::Connection &connection, std::string_view options, bool hasForm, const Outcome &outcome) {
-    if (!rlv::isAppending(options) || outcome.error != 0) {
-        connection.forms.clear();
-        return;
-    }
-    if (outcome.reply.code != 0)
-        return;
-    connection.sureCommands = outcome.reply.number;
-    const auto &known = connection.forms;
-    if (!hasForm || std::find(known.begin(), known.end(), connection.form) != known.end())
-        return;
-    if (known.size() == kMaxForms)
-        connection.forms.clear();
-    connection.forms.push_back(connection.form);
-}
-
-// The answer is known: 0.
-Outcome sendWithoutAsking(Connections::Connection &connection, std::string_view options) {
-    --connection.sureCommands;
-    if (connection.collected.empty())
-        connection.collectedSince = Clock::now();
-    rlv::protocol::addText(connection.collected, options);
-    const bool isDue = !connection.isHeld || connection.collected.size() > kCollectBytes ||
-                       Clock::now() - connection.collectedSince > kCollectTime;
-    return {isDue ? sendCollected(connection) : 0, {}};
+Outcome askOrSend(Connections::Connection &connection, std::string_view options) {
+    if (connection.error != 0)
+        return {connection.error, {}};
+    if (connection.known.take(options))
+        return {sendWithoutAsking(connection, options), {}};
+    connection.isHeld = connection.isHeld || rlv::isRemoving(options);
+    Outcome outcome =
+        askOn(connection, Request{Request::Kind::commit, 0, std::string(options)}, Reply::Kind::committed);
+    connection.known.learn(options, outcome.error == 0 && outcome.reply.code == 0, outcome.reply.number);
+    return outcome;
 }
 
 int open(rlv_handle *handle) {
@@ -306,15 +300,7 @@ Outcome commit(rlv_handle handle, const char *options) {
     const std::lock_guard<std::mutex> lock(connection->mutex);
     // One byte more than is allowed tells the service enough about a text that is too long.
     const std::string_view text(options, ::strnlen(options, rlv::protocol::kMaxOptionsBytes + 1));
-    const bool hasForm = rlv::formOf(text, connection->form);
-    const auto &forms = connection->forms;
-    if (connection->error == 0 && hasForm && connection->sureCommands > 0 &&
-        std::find(forms.begin(), forms.end(), connection->form) != forms.end())
-        return sendWithoutAsking(*connection, text);
-    connection->isHeld = connection->isHeld || rlv::isRemoving(text);
-    Outcome outcome = askOn(*connection, Request{Request::Kind::commit, 0, std::string(text)}, Reply::Kind::committed);
-    learn(*connection, text, hasForm, outcome);
-    return outcome;
+    return askOrSend(*connection, text);
 }
 
 void deliver(const Outcome &outcome, int *errorCode, char **errorMessage) {

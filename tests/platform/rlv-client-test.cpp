@@ -47,7 +47,8 @@ public:
         std::string packet(rlv::protocol::kMaxPacketBytes, '\0');
         const ssize_t size = ::recv(fd_.get(), packet.data(), packet.size(), 0);
         packet.resize(static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
-        return rlv::protocol::decodeRequest(packet).value_or(Request{});
+        Request request;
+        return rlv::protocol::decodeRequest(packet, request) ? request : Request{};
     }
     void sendRaw(const std::string &packet) { ::send(fd_.get(), packet.data(), packet.size(), MSG_NOSIGNAL); }
     void send(Reply::Kind kind, int code = 0, std::uint64_t number = 0, const std::string &text = {}) {

@@ -114,13 +114,16 @@ TEST_F(TheServiceWithTheKernel, TakesANameWhollyOrNotAtAll) {
     replaceFile("/etc/nsswitch.conf", "hosts: files\n");
     replaceFile("/etc/hosts", "10.0.0.1 two.example\n10.0.0.2 two.example\n");
     Service service({});
-    const Client client;
-    client.commit("-N VPK-DENY");
-    EXPECT_EQ("0: ", client.commit("-A VPK-DENY -d two.example -j DROP"));
+    Client first;
+    first.commit("-N VPK-DENY");
+    EXPECT_EQ("0: ", first.commit("-A VPK-DENY -d two.example -j DROP"));
+    EXPECT_EQ(0, first.close());
     EXPECT_THAT(listing(), HasSubstr("-A VPK-DENY -d 10.0.0.1/32 -j DROP\n-A "
                                      "VPK-DENY -d 10.0.0.2/32 -j DROP\n"));
-    EXPECT_EQ("0: ", client.commit("-D VPK-DENY -d 10.0.0.2 -j DROP"));
-    EXPECT_THAT(client.commit("-D VPK-DENY -d two.example -j DROP"), HasSubstr("1: "));
+    Client second;
+    EXPECT_EQ("0: ", second.commit("-D VPK-DENY -d 10.0.0.2 -j DROP"));
+    EXPECT_THAT(second.commit("-D VPK-DENY -d two.example -j DROP"), HasSubstr("1: "));
+    EXPECT_EQ(0, second.close());
     EXPECT_THAT(listing(), HasSubstr("-A VPK-DENY -d 10.0.0.1/32 -j DROP\n"));
 }
 

@@ -42,14 +42,15 @@ protected:
 
 TEST_F(TheServiceWithNames, MakesOneRuleOfEachAddress) {
     SimulatedService service;
-    const Client client;
+    Client client;
     client.commit("-N VPK-DENY");
     EXPECT_EQ("0: ", client.commit("-A VPK-DENY -s two.example -j DROP"));
-    EXPECT_EQ(2U, rulesOf("VPK-DENY"));
+    EXPECT_TRUE(process::waitUntil([] { return rulesOf("VPK-DENY") == 2; }));
     EXPECT_EQ("0: ", client.commit("-D VPK-DENY -s 10.0.0.1 -j DROP"));
     EXPECT_EQ("0: ", client.commit("-D VPK-DENY -s 10.0.0.2 -j DROP"));
     EXPECT_EQ("0: ", client.commit("-A VPK-DENY -d one.example -j DROP"));
     EXPECT_EQ("0: ", client.commit("-D VPK-DENY -d one.example -j DROP"));
+    EXPECT_EQ(0, client.close());
     EXPECT_EQ(0U, rulesOf("VPK-DENY"));
 }
 
@@ -74,17 +75,18 @@ TEST_F(TheServiceWithNames, AsksNobodyWithoutResolving) {
 
 TEST_F(TheServiceWithNames, KeepsAnswersForTheConnection) {
     SimulatedService service;
-    const Client client;
+    Client client;
     client.commit("-N VPK-DENY");
     EXPECT_EQ("0: ", client.commit("-A VPK-DENY -s one.example -j DROP"));
     std::ofstream("/etc/hosts") << "10.0.0.7 one.example\n";
     EXPECT_EQ("0: ", client.commit("-D VPK-DENY -s one.example -j DROP"));
+    EXPECT_EQ(0, client.close());
     const Client next;
     next.commit("-A VPK-DENY -s one.example -j DROP");
     EXPECT_EQ("0: ", next.commit("-D VPK-DENY -s 10.0.0.7 -j DROP"));
 }
 
-TEST_F(TheServiceWithNames, ServesOthersDuringASlowLookUpAndThenGivesItUp) {
+TEST_F(TheServiceWithNames, AnswersQueriesDuringASlowLookUpAndThenGivesItUp) {
     SimulatedService service;
     const auto nobody = blackHole();
     RawClient slow;
@@ -95,8 +97,7 @@ TEST_F(TheServiceWithNames, ServesOthersDuringASlowLookUpAndThenGivesItUp) {
     slow.send(Request::Kind::commit, 0, "-A VPK-DENY -s slow.example -j DROP");
     char question = 0;
     ASSERT_EQ(1, ::recv(nobody.get(), &question, 1, 0)) << "the look-up is under way";
-    EXPECT_EQ("0: ", Client().commit("-N VPK-ALLOW"));
-    EXPECT_EQ(2U, rlv::query(0).chains.size());
+    EXPECT_EQ(1U, rlv::query(0).lastConnection);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
     const auto reply = slow.receive().value_or(Reply{});
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1900));

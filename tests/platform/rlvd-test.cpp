@@ -340,8 +340,6 @@ TEST(TheService, RefusesGarbageAndServesOthers) {
 TEST(TheService, DoesNotWaitForASilentClient) {
     SimulatedService service;
     const RawClient silent;
-    RawClient half;
-    half.open();
     EXPECT_EQ(0, opened());
     EXPECT_EQ(0, queryError());
 }
@@ -374,8 +372,8 @@ TEST(TheService, CutsOffAClientThatDoesNotReadItsReplies) {
 TEST(TheService, ServesNoMoreClientsOfOneAccountThanItsLimit) {
     SimulatedService service({"--client-user", "daemon", "--max-clients-per-user", "2"});
     {
-        const Client first;
-        const Client second;
+        const RawClient first;
+        const RawClient second;
         EXPECT_EQ(EBUSY, opened());
         EXPECT_EQ(0, asUser(kServed, kServed, opened)) << "another account has places of its own";
     }
@@ -384,8 +382,8 @@ TEST(TheService, ServesNoMoreClientsOfOneAccountThanItsLimit) {
 
 TEST(TheService, ServesNoMoreClientsInAllThanItsLimit) {
     SimulatedService service({"--client-user", "daemon", "--max-clients", "2"});
-    const Client first;
-    const Client second;
+    const RawClient first;
+    const RawClient second;
     EXPECT_EQ(EBUSY, asUser(kServed, kServed, opened));
 }
 

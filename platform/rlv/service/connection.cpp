@@ -13,6 +13,7 @@
 namespace rlv {
 namespace {
 
+constexpr std::size_t kReceiveBytes = protocol::kMaxListBytes + 16;
 // More than fits into a socket's receive buffer.
 constexpr int kMaxDrainedPackets = 10'000;
 
@@ -72,7 +73,7 @@ void Connection::handle(std::uint32_t events) {
 
 // One packet for each turn of the loop: the other clients have theirs in between.
 void Connection::receive() {
-    std::array<char, protocol::kMaxPacketBytes> buffer;
+    std::array<char, kReceiveBytes> buffer;
     const ssize_t size = ::recv(fd_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
     if (size < 0 && (errno == EAGAIN || errno == EINTR))
         return;
@@ -81,7 +82,7 @@ void Connection::receive() {
     busy_ = true;
     lastActivity_ = support::EventLoop::Clock::now();
     const auto sizeBytes = static_cast<std::size_t>(size);
-    handler_.received(std::string(buffer.data(), std::min(sizeBytes, buffer.size())), sizeBytes);
+    handler_.received({buffer.data(), std::min(sizeBytes, buffer.size())}, sizeBytes);
 }
 
 void Connection::reply(std::deque<std::string> packets) {
@@ -89,6 +90,11 @@ void Connection::reply(std::deque<std::string> packets) {
         return;
     unsent_ = std::move(packets);
     sendUnsent();
+    updateInterest();
+}
+
+void Connection::goOn() {
+    busy_ = false;
     updateInterest();
 }
 

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <deque>
 #include <string>
+#include <string_view>
 #include <sys/socket.h>
 
 #include "support/event-loop.h"
@@ -12,18 +13,19 @@
 
 namespace rlv {
 
-// Takes one packet at a time from a SOCK_SEQPACKET socket: after each one nothing more is read until reply() was called
-// and all of the reply has been taken by the kernel. So a client that sends much or reads nothing fills its own socket
-// buffers and nothing here. Never blocks.
+// Takes one packet at a time from a SOCK_SEQPACKET socket: after each one nothing more is read until goOn() was called,
+// or reply() and all of the reply has been taken by the kernel. So a client that sends much or reads nothing fills its
+// own socket buffers and nothing here. Never blocks.
 class Connection {
 public:
-    // Told of what happens, from within the event loop or from within reply(). May not delete the connection while it
-    // is told.
+    // Told of what happens, from within the event loop or from within reply() and goOn(). May not delete the connection
+    // while it is told.
     class Handler {
     public:
         virtual ~Handler() = default;
-        // `sizeBytes` is the packet's true length; `packet` is no longer than a request may be.
-        virtual void received(const std::string &packet, std::size_t sizeBytes) = 0;
+        // `sizeBytes` is the packet's true length; `packet` is its beginning, longer than any request that is
+        // understood, and gone after the call.
+        virtual void received(std::string_view packet, std::size_t sizeBytes) = 0;
         // The client is gone. Told once; nothing is told after it.
         virtual void gone() = 0;
     };
@@ -34,8 +36,10 @@ public:
     Connection(const Connection &) = delete;
     Connection &operator=(const Connection &) = delete;
 
-    // Sends packets, in order, if there are any, and then reads on.
+    // Sends packets, in order, and then reads on.
     void reply(std::deque<std::string> packets);
+    // Reads on.
+    void goOn();
     // Stops reading and watching and lets the client read what was sent, without the error that closing a socket with
     // unread packets gives it. Nothing is told any more.
     void shutDown();

@@ -13,9 +13,6 @@ namespace rlv {
 namespace {
 
 constexpr std::chrono::milliseconds kLookUpTime{2000};
-constexpr std::chrono::milliseconds kTurnTime{10'000};
-// Leaves the kernel some time of the 20 ms in which an added rule is to be in force.
-constexpr std::chrono::milliseconds kPushDelay{15};
 constexpr int kBadText = 2;
 constexpr int kFailed = 4;
 
@@ -39,21 +36,18 @@ std::vector<std::optional<Network>> networksOf(const std::string &name, const st
 } // namespace
 
 Session::Session(ServiceContext &context, support::UniqueFd fd, const Asker &asker)
-    : context_(context), asker_(asker), lookUpTimeLeft_(kLookUpTime), connection_(context.loop, std::move(fd), *this) {}
+    : context_(context), asker_(asker), delivery_(context), commands_(1), lookUpTimeLeft_(kLookUpTime),
+      connection_(context.loop, std::move(fd), *this) {}
 
 Session::~Session() { finish(ConnectionEnd::vanished); }
 
 void Session::finish(ConnectionEnd how) {
     lookUp_.reset();
-    texts_.clear();
+    rest_ = {};
     context_.loop.cancel(std::exchange(waitTimer_, 0));
-    const auto number = number_;
-    if (number != 0) {
-        if (how == ConnectionEnd::vanished && isHeld_)
-            drop();
-        else
-            push();
-        number_ = 0;
+    if (const auto number = std::exchange(number_, 0); number != 0) {
+        if (how == ConnectionEnd::vanished)
+            delivery_.vanish();
         context_.history.end(number, how);
         RLVD_INFO("connection %lld of user %u, process %d: %s", ll(number), asker_.user, asker_.process,
                   how == ConnectionEnd::closed ? "closed" : "vanished");
@@ -73,40 +67,32 @@ void Session::gone() {
         ended();
 }
 
-void Session::received(const std::string &packet, std::size_t sizeBytes) {
-    const auto request = protocol::decodeRequest(packet);
-    if (!request)
-        return refuse(EPROTO, "not a request");
+void Session::received(std::string_view packet, std::size_t sizeBytes) {
     try {
-        dispatch(*request, request->text.size() + (sizeBytes - packet.size()));
+        if (!protocol::decodeRequest(packet, request_))
+            return refuse(EPROTO, "not a request");
+        dispatch(request_.text.size() + (sizeBytes - packet.size()));
     } catch (const std::exception &error) {
         refuse(EIO, error.what());
     }
 }
 
-void Session::dispatch(const protocol::Request &request, std::size_t textBytes) {
+void Session::dispatch(std::size_t textBytes) {
     using Kind = protocol::Request::Kind;
-    if (request.kind == Kind::query)
-        return query(request);
-    if ((request.kind == Kind::open) == isOpen())
+    if (request_.kind == Kind::query)
+        return query();
+    if ((request_.kind == Kind::open) == isOpen())
         return refuse(EPROTO, isOpen() ? "opened twice" : "not opened");
-    if (request.kind == Kind::open)
-        return open(request);
-    if (request.kind == Kind::close)
+    switch (request_.kind) {
+    case Kind::open:
+        return wait();
+    case Kind::commit:
+        return runCommand(textBytes);
+    case Kind::list:
+        return runList(textBytes);
+    default:
         return close();
-    if (request.kind == Kind::commit) {
-        // One that is too long is not run, but named.
-        options_ = request.text.substr(0, protocol::kMaxOptionsBytes);
-        isReplyWanted_ = true;
-        if (textBytes > protocol::kMaxOptionsBytes)
-            return settle({kBadText, "the option text has " + std::to_string(textBytes) + " bytes or more; at most " +
-                                         std::to_string(protocol::kMaxOptionsBytes) + " are taken"});
-        return run({request.text}, true);
     }
-    auto texts = protocol::splitTexts(request.text);
-    if (!texts || textBytes != request.text.size())
-        return refuse(EPROTO, "not a list of commands");
-    run({std::make_move_iterator(texts->begin()), std::make_move_iterator(texts->end())}, false);
 }
 
 void Session::refuse(int error, const std::string &message) {
@@ -117,29 +103,31 @@ void Session::refuse(int error, const std::string &message) {
 }
 
 // Until its turn comes, the client is in the middle of a request, and nothing more is read from it.
-void Session::open(const protocol::Request &request) {
-    if (request.number != protocol::kVersion)
+void Session::wait() {
+    if (request_.number != protocol::kVersion)
         return refuse(EPROTONOSUPPORT, "another version of the protocol");
-    waitTimer_ = context_.loop.after(kTurnTime, [this] { giveUpWaiting(); });
+    waitTimer_ = context_.loop.after(context_.maxWait, [this] {
+        waitTimer_ = 0;
+        refuse(ETIMEDOUT, "another connection has been open for too long");
+    });
     context_.turns.enter(*this);
-}
-
-void Session::giveUpWaiting() {
-    waitTimer_ = 0;
-    refuse(ETIMEDOUT, "another connection has been open for too long");
 }
 
 void Session::haveTurn() {
     context_.loop.cancel(std::exchange(waitTimer_, 0));
     try {
-        context_.table.open();
+        open();
     } catch (const std::system_error &error) {
-        return refuse(error.code().value(), error.what());
+        refuse(error.code().value(), error.what());
     } catch (const std::exception &error) {
-        return refuse(EIO, error.what());
+        refuse(EIO, error.what());
     }
+}
+
+void Session::open() {
+    context_.table.open();
     number_ = context_.history.open(asker_);
-    isHeld_ = hasUnsent_ = hasLost_ = false;
+    delivery_.open(number_);
     addresses_.clear();
     lookUpTimeLeft_ = kLookUpTime;
     RLVD_INFO("connection %lld of user %u, process %d: opened", ll(number_), asker_.user, asker_.process);
@@ -147,19 +135,18 @@ void Session::haveTurn() {
 }
 
 void Session::close() {
-    push();
-    const std::int32_t code = hasLost_ ? EIO : 0;
+    const std::int32_t code = delivery_.close() ? 0 : EIO;
     finish(ConnectionEnd::closed);
     connection_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::closed, code, 0, {}})});
 }
 
-void Session::query(const protocol::Request &request) {
+void Session::query() {
     ServiceState state;
     context_.table.describe(state);
     state.simulated = context_.simulated;
     state.serviceId = context_.serviceId;
     state.lastConnection = context_.history.lastNumber();
-    state.connections = context_.history.of(asker_, request.number);
+    state.connections = context_.history.of(asker_, request_.number);
     const auto packets = protocol::encodeState(state);
     connection_.reply({packets.begin(), packets.end()});
 }
@@ -173,38 +160,46 @@ template <typename Step> void Session::guarded(Step step) {
     }
 }
 
-void Session::run(std::deque<std::string> texts, bool isReplyWanted) {
-    texts_ = std::move(texts);
-    isReplyWanted_ = isReplyWanted;
-    runNext();
+void Session::runCommand(std::size_t textBytes) {
+    if (textBytes <= protocol::kMaxOptionsBytes)
+        return guarded([this] { start(request_.text); });
+    options_ = request_.text.substr(0, protocol::kMaxOptionsBytes);
+    delivery_.announce(options_);
+    settle({kBadText, "the option text has " + std::to_string(textBytes) + " bytes or more; at most " +
+                          std::to_string(protocol::kMaxOptionsBytes) + " are taken"});
+}
+
+void Session::runList(std::size_t textBytes) {
+    if (textBytes != request_.text.size() || !protocol::isCommandList(request_.text))
+        return refuse(EPROTO, "not a list of commands");
+    rest_ = request_.text;
+    runRest();
 }
 
 // Goes on until a look-up has to be waited for, or all is done.
-void Session::runNext() {
-    while (!texts_.empty() && !lookUp_) {
-        options_ = std::move(texts_.front());
-        texts_.pop_front();
-        guarded([this] { start(); });
+void Session::runRest() {
+    while (!rest_.empty() && !lookUp_) {
+        const auto options = protocol::takeCommand(rest_);
+        guarded([&] { start(options); });
     }
-    if (!lookUp_ && !isReplyWanted_ && isOpen())
-        connection_.reply({}); // reads on
+    if (!lookUp_)
+        connection_.goOn();
 }
 
-void Session::start() {
-    if (!isHeld_ && isRemoving(options_)) {
-        push();
-        isHeld_ = true;
-    }
+void Session::start(std::string_view options) {
+    options_ = options;
+    delivery_.announce(options_);
     auto parsed = parseCommand(options_, context_.chainPrefix);
     if (const auto *refusal = std::get_if<Answer>(&parsed))
         return settle(*refusal);
-    command_ = std::move(std::get<Command>(parsed));
+    commands_.resize(1);
+    commands_.front() = std::move(std::get<Command>(parsed));
     resolveAndApply();
 }
 
 // Runs again after each look-up, until all names of the command are known.
 void Session::resolveAndApply() {
-    for (const auto *name : {&command_.sourceName, &command_.destinationName}) {
+    for (const auto *name : {&commands_.front().sourceName, &commands_.front().destinationName}) {
         if (const auto refusal = resolve(*name))
             return settle(*refusal);
         if (lookUp_)
@@ -234,102 +229,63 @@ void Session::lookUp(const std::string &name) {
         const auto taken = support::EventLoop::Clock::now() - start;
         lookUpTimeLeft_ -= std::chrono::ceil<std::chrono::milliseconds>(taken);
         lookUp_.reset();
-        // A name for which the time ran out was not found to be absent: the answer should say which it was.
-        if (found || lookUpTimeLeft_.count() > 0)
-            addresses_.emplace(name, found.value_or(Addresses()));
-        guarded([this] { resolveAndApply(); });
-        if (!lookUp_)
-            runNext();
+        guarded([&] {
+            keepAddresses(name, found);
+            resolveAndApply();
+        });
+        if (request_.kind == protocol::Request::Kind::list)
+            runRest();
     };
     lookUp_ = std::make_unique<LookUp>(context_.loop, name, lookUpTimeLeft_, done);
 }
 
+// A name for which the time ran out was not found to be absent: the answer should say which it was.
+void Session::keepAddresses(const std::string &name, const std::optional<Addresses> &found) {
+    if (found || lookUpTimeLeft_.count() > 0)
+        addresses_.emplace(name, found.value_or(Addresses()));
+}
+
 Answer Session::applyToAddresses() {
-    if (command_.sourceName.empty() && command_.destinationName.empty())
-        return context_.table.apply({command_}, options_);
-    std::vector<Command> commands;
-    for (const auto &source : networksOf(command_.sourceName, command_.rule.source, addresses_)) {
-        for (const auto &destination : networksOf(command_.destinationName, command_.rule.destination, addresses_)) {
-            Command command = command_;
+    if (commands_.front().sourceName.empty() && commands_.front().destinationName.empty())
+        return context_.table.apply(commands_, options_);
+    const Command given = std::exchange(commands_, {}).front();
+    for (const auto &source : networksOf(given.sourceName, given.rule.source, addresses_)) {
+        for (const auto &destination : networksOf(given.destinationName, given.rule.destination, addresses_)) {
+            Command &command = commands_.emplace_back(given);
             command.sourceName.clear();
             command.destinationName.clear();
             command.rule.source = source;
             command.rule.destination = destination;
-            commands.push_back(std::move(command));
         }
     }
-    if (commands.size() > kMaxAddresses)
-        return {kFailed, "the names stand for " + std::to_string(commands.size()) + " pairs of addresses; at most " +
+    if (commands_.size() > kMaxAddresses)
+        return {kFailed, "the names stand for " + std::to_string(commands_.size()) + " pairs of addresses; at most " +
                              std::to_string(kMaxAddresses) + " are taken"};
-    return context_.table.apply(commands, options_);
+    return context_.table.apply(commands_, options_);
 }
 
 void Session::settle(const Answer &answer) {
+    const bool isAnswered = request_.kind == protocol::Request::Kind::commit;
     if (answer.code == 0) {
+        delivery_.accepted();
         if (context_.logAccepted)
             RLVD_INFO("connection %lld of user %u, process %d: %s", ll(number_), asker_.user, asker_.process,
                       options_.c_str());
-        hasUnsent_ = true;
-        if (!isHeld_ && pushTimer_ == 0)
-            pushTimer_ = context_.loop.after(kPushDelay, [this] {
-                pushTimer_ = 0;
-                push();
-            });
-    } else if (isReplyWanted_) {
+    } else if (isAnswered) {
         RLVD_INFO("connection %lld of user %u, process %d: refused (%d, %s): %s", ll(number_), asker_.user,
                   asker_.process, answer.code, answer.message.c_str(), options_.c_str());
         context_.history.addLost(number_, {options_, answer.code, answer.message, true});
     } else {
-        lose({options_, answer.code, answer.message, false});
+        delivery_.lose({options_, answer.code, answer.message, false});
     }
-    if (!isReplyWanted_)
-        return;
-    // What a later command of the same form will be answered is sure only while no host name has to be asked for.
-    const std::uint64_t sure = answer.code == 0 && isAppending(options_) ? context_.table.room() : 0;
+    if (isAnswered)
+        reply(answer);
+}
+
+void Session::reply(const Answer &answer) {
+    const std::uint64_t room = isAppending(options_) ? context_.table.room() : 0;
     connection_.reply(
-        {protocol::encode(protocol::Reply{protocol::Reply::Kind::committed, answer.code, sure, answer.message})});
-}
-
-void Session::lose(const LostCommand &lost) {
-    hasLost_ = true;
-    RLVD_ERROR("connection %lld: lost (%d, %s): %s", ll(number_), lost.code, lost.message.c_str(),
-               lost.options.c_str());
-    context_.history.addLost(number_, lost);
-}
-
-void Session::push() {
-    context_.loop.cancel(std::exchange(pushTimer_, 0));
-    if (!std::exchange(hasUnsent_, false))
-        return;
-    try {
-        report(context_.table.push());
-    } catch (const std::exception &error) {
-        RLVD_ERROR("connection %lld: nothing could be sent: %s", ll(number_), error.what());
-        drop();
-    }
-}
-
-void Session::drop() {
-    context_.loop.cancel(std::exchange(pushTimer_, 0));
-    hasUnsent_ = false;
-    const PushReport report = context_.table.drop();
-    for (const LostCommand &lost : report.lost)
-        lose(lost);
-    context_.history.addLostBeyondList(number_, report.lostBeyondList);
-}
-
-void Session::report(const PushReport &report) {
-    if (report.changes == 0)
-        RLVD_INFO("connection %lld: nothing to send", ll(number_));
-    else
-        RLVD_INFO("connection %lld: sent %zu changes (%zu rules added, %zu removed, %zu kept)", ll(number_),
-                  report.changes, report.added, report.removed, report.kept);
-    for (const std::string &chain : report.refilled)
-        RLVD_INFO("connection %lld: chain %s was emptied and filled anew, its counters begin at 0", ll(number_),
-                  chain.c_str());
-    for (const LostCommand &lost : report.lost)
-        lose(lost);
-    context_.history.addLostBeyondList(number_, report.lostBeyondList);
+        {protocol::encode(protocol::Reply{protocol::Reply::Kind::committed, answer.code, room, answer.message})});
 }
 
 } // namespace rlv

@@ -37,9 +37,10 @@ bool askerOf(int fd, Asker &asker) {
 Service::Service(support::EventLoop &loop, Table &table, support::UniqueFd listener, const ServiceOptions &options)
     : loop_(loop), options_(options), context_{loop,
                                                table,
+                                               TableTurns(loop),
                                                ConnectionHistory(),
-                                               TableTurns(),
                                                options.chainPrefix,
+                                               options.maxWait,
                                                options.resolveNames,
                                                options.logAccepted,
                                                options.simulated,
@@ -52,7 +53,6 @@ Service::~Service() {
     for (const auto timer : {sweepTimer_, burialTimer_, acceptTimer_})
         loop_.cancel(timer);
     loop_.unwatch(listener_.get());
-    context_.turns = TableTurns(); // nobody gets a turn any more
 }
 
 void Service::accept() {

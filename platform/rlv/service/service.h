@@ -28,6 +28,8 @@ struct ServiceOptions {
     // How long a connection may be silent, at all and while another one waits for it to end.
     std::chrono::milliseconds maxIdle{600'000};
     std::chrono::milliseconds maxIdleWhileWaitedFor{60'000};
+    // How long an opening may wait for the end of the connection before.
+    std::chrono::milliseconds maxWait{10'000};
 };
 
 // Serves the clients of a listening socket. No failure in one client's handling reaches another or leaves the loop.

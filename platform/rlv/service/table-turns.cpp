@@ -4,20 +4,29 @@
 
 namespace rlv {
 
-void TableTurns::leave(const Member &member) {
-    waiting_.erase(std::remove(waiting_.begin(), waiting_.end(), &member), waiting_.end());
-    if (holder_ != &member)
-        return;
-    holder_ = nullptr;
-    next();
+void TableTurns::enter(Member &member) {
+    waiting_.push_back(&member);
+    arrangeNext();
 }
 
-void TableTurns::next() {
-    if (holder_ != nullptr || waiting_.empty())
+void TableTurns::leave(const Member &member) {
+    waiting_.erase(std::remove(waiting_.begin(), waiting_.end(), &member), waiting_.end());
+    if (holder_ == &member)
+        holder_ = nullptr;
+    arrangeNext();
+}
+
+void TableTurns::arrangeNext() {
+    if (holder_ != nullptr || waiting_.empty() || timer_ != 0)
         return;
-    holder_ = waiting_.front();
-    waiting_.pop_front();
-    holder_->haveTurn();
+    timer_ = loop_.after(std::chrono::milliseconds(0), [this] {
+        timer_ = 0;
+        if (holder_ != nullptr || waiting_.empty())
+            return;
+        holder_ = waiting_.front();
+        waiting_.pop_front();
+        holder_->haveTurn();
+    });
 }
 
 } // namespace rlv

@@ -4,8 +4,12 @@
 
 #include <deque>
 
+#include "support/event-loop.h"
+
 namespace rlv {
 
+// Turns are given from the event loop alone, never from within a call: whoever leaves has done all that it has to do
+// before the next one begins.
 class TableTurns {
 public:
     class Member {
@@ -15,22 +19,25 @@ public:
         virtual void haveTurn() = 0;
     };
 
-    // Tells the member at once when nobody has the table, else later.
-    void enter(Member &member) {
-        waiting_.push_back(&member);
-        next();
-    }
+    explicit TableTurns(support::EventLoop &loop) : loop_(loop) {}
+    ~TableTurns() { loop_.cancel(timer_); }
+    TableTurns(const TableTurns &) = delete;
+    TableTurns &operator=(const TableTurns &) = delete;
 
+    // The member leaves before it goes away.
+    void enter(Member &member);
     // Does nothing for one that neither waits nor has the table.
     void leave(const Member &member);
 
     bool isWaitedFor() const { return !waiting_.empty(); }
 
 private:
-    void next();
+    void arrangeNext();
 
+    support::EventLoop &loop_;
     Member *holder_ = nullptr;
     std::deque<Member *> waiting_;
+    support::EventLoop::Timer timer_ = 0;
 };
 
 } // namespace rlv

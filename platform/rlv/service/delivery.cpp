@@ -1,0 +1,114 @@
+#include "rlv/service/delivery.h"
+
+#include <exception>
+#include <utility>
+
+#include "rlv/command-form.h"
+#include "rlv/service/service-log.h"
+
+namespace rlv {
+namespace {
+
+// Leaves the kernel some time of the 20 ms in which an added rule is to be in force.
+constexpr std::chrono::milliseconds kPushDelay{15};
+
+long long ll(std::uint64_t number) { return static_cast<long long>(number); }
+
+} // namespace
+
+void Delivery::open(std::uint64_t number) {
+    stopTimer();
+    number_ = number;
+    isHeld_ = hasUnsent_ = hasLost_ = false;
+}
+
+void Delivery::announce(std::string_view options) {
+    if (isHeld_ || !isRemoving(options))
+        return;
+    push();
+    isHeld_ = true;
+}
+
+void Delivery::accepted() {
+    hasUnsent_ = true;
+    if (isHeld_ || timer_ != 0)
+        return;
+    timer_ = context_.loop.after(kPushDelay, [this] {
+        timer_ = 0;
+        push();
+    });
+}
+
+bool Delivery::close() {
+    push();
+    return !hasLost_;
+}
+
+void Delivery::vanish() {
+    if (isHeld_)
+        drop("iptables: not sent: the client vanished");
+    else
+        push();
+}
+
+void Delivery::stopTimer() { context_.loop.cancel(std::exchange(timer_, 0)); }
+
+void Delivery::push() {
+    stopTimer();
+    if (!std::exchange(hasUnsent_, false))
+        return;
+    try {
+        const PushReport report = context_.table.push();
+        log(report);
+        loseAll(report);
+    } catch (const std::exception &error) {
+        RLVD_ERROR("connection %lld: nothing could be sent: %s", ll(number_), error.what());
+        hasLost_ = hasUnsent_ = true;
+        drop(std::string("iptables: not sent: ") + error.what());
+    }
+}
+
+void Delivery::drop(const std::string &why) {
+    stopTimer();
+    if (!std::exchange(hasUnsent_, false))
+        return;
+    try {
+        PushReport report = context_.table.drop();
+        for (LostCommand &lost : report.lost)
+            lost.message = why;
+        loseAll(report);
+    } catch (const std::exception &error) {
+        RLVD_ERROR("connection %lld: what was lost cannot be told: %s", ll(number_), error.what());
+        hasLost_ = true;
+    }
+}
+
+void Delivery::lose(const LostCommand &lost) {
+    hasLost_ = true;
+    RLVD_ERROR("connection %lld: lost (%d, %s): %s", ll(number_), lost.code, lost.message.c_str(),
+               lost.options.c_str());
+    context_.history.addLost(number_, lost);
+}
+
+void Delivery::loseAll(const PushReport &report) {
+    for (const LostCommand &lost : report.lost)
+        lose(lost);
+    if (report.lostBeyondList == 0)
+        return;
+    hasLost_ = true;
+    RLVD_ERROR("connection %lld: lost: %lld more", ll(number_), ll(report.lostBeyondList));
+    context_.history.addLostBeyondList(number_, report.lostBeyondList);
+}
+
+void Delivery::log(const PushReport &report) const {
+    if (report.changes == 0)
+        RLVD_INFO("connection %lld: nothing to send", ll(number_));
+    else
+        RLVD_INFO("connection %lld: sent %zu changes (%zu rules added, %zu removed, %zu kept)", ll(number_),
+                  report.changes, report.added, report.removed, report.kept);
+    for (const std::string &chain : report.refilled)
+        RLVD_INFO("connection %lld: chain %s was emptied and filled anew, its counters begin at 0", ll(number_),
+                  chain.c_str());
+}
+
+} // namespace rlv
