@@ -52,8 +52,7 @@ public:
     }
 
     bool write(int priority, const std::string &text) override {
-        const std::string &line = lines_.make(priority, text);
-        return makeRoom(line.size()) && writer_.write(fd_.get(), line);
+        return makeRoom(writer_.make(priority, text)) && writer_.write(fd_.get());
     }
 
 private:
@@ -118,7 +117,6 @@ private:
     const FileSink file_;
     UniqueFd fd_;
     struct stat identity_ {}; // of the file behind fd_
-    PlainLines lines_;
     LineWriter writer_;
 };
 

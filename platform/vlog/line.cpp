@@ -4,14 +4,14 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
-#include <ctime>
-#include <string_view>
 #include <syslog.h>
 #include <unistd.h>
-#include <utility>
 
 namespace vlog {
 namespace {
+
+constexpr std::size_t kHeadBytes = 64; // what stands before a text, and to spare
+constexpr std::size_t kKeptBytes = 4096;
 
 struct Level {
     char letter;
@@ -34,7 +34,11 @@ const Level &levelOf(int priority) {
                                                                         : kUnknown;
 }
 
-constexpr std::size_t kKeptBytes = 4096;
+std::timespec now() {
+    std::timespec time{};
+    ::clock_gettime(CLOCK_REALTIME, &time);
+    return time;
+}
 
 std::tm localTime(std::time_t second) {
     std::tm local{};
@@ -42,40 +46,27 @@ std::tm localTime(std::time_t second) {
     return local;
 }
 
-std::string dateOf(std::time_t second) {
-    const std::tm local = localTime(second);
-    std::array<char, 96> text{};
-    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S.", &local)};
-}
-
-void appendDigits(std::string &line, long milliseconds) {
-    for (const long place : {100L, 10L, 1L})
-        line += static_cast<char>('0' + milliseconds / place % 10);
+// Returns how much of `line` went out.
+std::size_t writeAll(int fd, std::string_view line) {
+    std::size_t done = 0;
+    while (done < line.size()) {
+        const ssize_t count = ::write(fd, line.data() + done, line.size() - done);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            break;
+        done += static_cast<std::size_t>(count);
+    }
+    return done;
 }
 
 } // namespace
-
-const std::string &PlainLines::make(int priority, const std::string &text) {
-    std::timespec time{};
-    ::clock_gettime(CLOCK_REALTIME, &time);
-    if (time.tv_sec != std::exchange(second_, time.tv_sec))
-        date_ = dateOf(time.tv_sec);
-    if (line_.capacity() > kKeptBytes)
-        line_ = std::string(); // one long line is no reason to keep as much for ever
-    line_ = date_;
-    appendDigits(line_, time.tv_nsec / 1'000'000);
-    line_.append({' ', levelOf(priority).letter, ' '});
-    std::array<char, 16> process{};
-    line_.append(process.data(), std::to_chars(process.data(), process.data() + process.size(), ::getpid()).ptr);
-    line_.append(1, ' ').append(text).append(1, '\n');
-    return line_;
-}
 
 std::string systemLogHeader(int priority, const std::string &ident) {
     // Names of the protocol, whatever the locale calls the months.
     static constexpr std::array<const char *, 12> kMonths{"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                                           "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    const std::tm local = localTime(::time(nullptr));
+    const std::tm local = localTime(now().tv_sec);
     std::array<char, 64> head{};
     std::snprintf(head.data(), head.size(), "<%d>%s %2d %02d:%02d:%02d ", LOG_DAEMON | levelOf(priority).severity,
                   kMonths[static_cast<std::size_t>(local.tm_mon)], local.tm_mday, local.tm_hour, local.tm_min,
@@ -83,21 +74,40 @@ std::string systemLogHeader(int priority, const std::string &ident) {
     return head.data() + ident + '[' + std::to_string(::getpid()) + "]: ";
 }
 
-bool LineWriter::write(int fd, const std::string &whole) {
-    const std::string mended = torn_ ? '\n' + whole : std::string();
-    const std::string_view line = torn_ ? mended : whole;
-    for (std::size_t done = 0; done < line.size();) {
-        const ssize_t count = ::write(fd, line.data() + done, line.size() - done);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0) {
-            torn_ = torn_ || done != 0;
-            return false;
-        }
-        done += static_cast<std::size_t>(count);
+// Made once for all lines of a second.
+const std::string &LineWriter::dateOf(std::time_t second) {
+    if (date_.empty() || second != dateSecond_) {
+        ::tzset(); // localtime_r(3) need not
+        const std::tm local = localTime(second);
+        std::array<char, 64> room{};
+        date_.assign(room.data(), std::strftime(room.data(), room.size(), "%Y-%m-%d %H:%M:%S", &local));
+        dateSecond_ = second;
     }
-    torn_ = false;
-    return true;
+    return date_;
+}
+
+std::size_t LineWriter::make(int priority, std::string_view text) {
+    const std::timespec time = now();
+    const auto digit = [&](long unit) { return static_cast<char>('0' + time.tv_nsec / unit % 10); };
+    const char letter = levelOf(priority).letter;
+    std::array<char, 24> rest{'.', digit(100'000'000), digit(10'000'000), digit(1'000'000), ' ', letter, ' '};
+    const auto process = std::to_chars(rest.data() + 7, rest.data() + rest.size(), ::getpid());
+
+    line_.reserve(kHeadBytes + text.size());
+    line_ = dateOf(time.tv_sec);
+    line_.append(rest.data(), process.ptr).append(1, ' ').append(text).append(1, '\n');
+    return line_.size();
+}
+
+bool LineWriter::write(int fd) {
+    if (torn_)
+        line_.insert(0, 1, '\n');
+    const std::size_t done = writeAll(fd, line_);
+    const bool whole = done == line_.size();
+    torn_ = !whole && (torn_ || done != 0);
+    if (line_.capacity() > kKeptBytes)
+        line_ = std::string(); // one long line is no reason to keep as much for ever
+    return whole;
 }
 
 } // namespace vlog

@@ -2,35 +2,33 @@
 #ifndef PLATFORM_VLOG_LINE_H
 #define PLATFORM_VLOG_LINE_H
 
+#include <cstddef>
 #include <ctime>
 #include <string>
+#include <string_view>
 
 namespace vlog {
-
-// Makes lines for files and terminals. Used by one thread at a time.
-class PlainLines {
-public:
-    // "2026-11-21 03:40:12.123 I 1234 ", text, line break: local time, letter of the priority, process id. Good until
-    // the next call.
-    const std::string &make(int priority, const std::string &text);
-
-private:
-    std::time_t second_ = -1; // the one whose date and time `date_` has
-    std::string date_;
-    std::string line_;
-};
 
 // "<30>Nov 21 03:40:12 ident[1234]: ", as syslog(3) sends it to the local service, with the facility of daemons.
 std::string systemLogHeader(int priority, const std::string &ident);
 
-// Writes lines to a file, a terminal or a pipe.
+// Makes lines and writes them to a file, a terminal or a pipe. Used by one thread at a time.
 class LineWriter {
 public:
+    // Makes the line that write() writes, and returns its length: "2026-11-21 03:40:12.123 I 1234 ", text, line break;
+    // local time, letter of the priority, process id. A change of the time zone shows from the next second on.
+    std::size_t make(int priority, std::string_view text);
+
     // One write(2); a rest that it left is written after it. False when the descriptor did not take all; the next line
     // then begins with a line break, so that the two are not read as one.
-    bool write(int fd, const std::string &line);
+    bool write(int fd);
 
 private:
+    const std::string &dateOf(std::time_t second);
+
+    std::string line_;
+    std::string date_; // and time, of dateSecond_; at first empty
+    std::time_t dateSecond_ = 0;
     bool torn_ = false;
 };
 

@@ -48,16 +48,16 @@ public:
     }
 
     bool write(int priority, const std::string &text) override {
+        writer_.make(priority, text);
         if (!canBreak_)
-            return writer_.write(fd_.get(), lines_.make(priority, text));
+            return writer_.write(fd_.get());
         const PipeSignalHeld held;
-        return writer_.write(fd_.get(), lines_.make(priority, text));
+        return writer_.write(fd_.get());
     }
 
 private:
     support::UniqueFd fd_;
     bool canBreak_ = false;
-    PlainLines lines_;
     LineWriter writer_;
 };
 

@@ -263,6 +263,50 @@ TEST(ALogFile, BeginsEachLineWithLocalTimePriorityAndProcess) {
     EXPECT_NEAR(static_cast<double>(std::time(nullptr) + 19800), static_cast<double>(::timegm(&stamp)), 5);
 }
 
+std::int64_t millisecondsNow() {
+    std::timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
+
+// What the time at the beginning of the line would be in UTC.
+std::int64_t millisecondsOf(const std::string &line) {
+    std::tm stamp{};
+    const char *rest = ::strptime(line.c_str(), "%Y-%m-%d %H:%M:%S.", &stamp);
+    return rest == nullptr ? -1 : std::int64_t{::timegm(&stamp)} * 1000 + std::stoi(std::string(rest, 3));
+}
+
+TEST(ALogFile, HasTheTimeOfEachLineAlsoWhereASecondEnds) {
+    ::setenv("TZ", "UTC0", 1);
+    useFile(std::size_t{64} * 1024 * 1024);
+    std::vector<std::pair<std::int64_t, std::int64_t>> limits;
+    const auto end = millisecondsNow() / 1000 * 1000 + 1005;
+    while (limits.empty() || limits.back().second < end) {
+        const auto before = millisecondsNow();
+        LOG_INFO_LINE("x");
+        limits.emplace_back(before, millisecondsNow());
+    }
+    const auto lines = linesOf(kPath);
+    ASSERT_EQ(limits.size(), lines.size());
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        ASSERT_GE(millisecondsOf(lines[i]), limits[i].first) << lines[i];
+        ASSERT_LE(millisecondsOf(lines[i]), limits[i].second) << lines[i];
+    }
+}
+
+TEST(ALogFile, ShowsAnotherTimeZoneFromTheNextSecondOn) {
+    ::setenv("TZ", "UTC0", 1);
+    useFile(std::size_t{64} * 1024 * 1024);
+    LOG_INFO_LINE("x");
+    ::setenv("TZ", "XXX-5:30", 1);
+    const auto nextSecond = millisecondsNow() / 1000 * 1000 + 1000;
+    while (millisecondsNow() < nextSecond)
+        LOG_INFO_LINE("x");
+    LOG_INFO_LINE("x");
+    EXPECT_NEAR(static_cast<double>(millisecondsNow() + 19'800'000),
+                static_cast<double>(millisecondsOf(linesOf(kPath).back())), 5000);
+}
+
 TEST(ALogFile, IsWrittenWithoutATimeZoneFile) {
     ::setenv("TZ", ":/run/no/such/zone", 1);
     useFile();
