@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <climits>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -207,33 +208,56 @@ void appendLiteral(std::string &out, const char *&at) {
     ++at;
 }
 
-template <typename Number> void appendNumber(std::string &out, Number number) {
-    std::array<char, 24> room{};
-    const auto end = std::to_chars(room.data(), room.data() + room.size(), number).ptr;
+template <typename Number> void appendNumber(std::string &out, Number number, int base = 10) {
+    std::array<char, 24> room{}; // a sign and the digits of 64 bits
+    const auto end = std::to_chars(room.data(), room.data() + room.size(), number, base).ptr;
     out.append(room.data(), end);
 }
 
-// The conversions that nearly all lines are made of, bare of flags, width, precision and length: what snprintf makes of
-// them, without its cost. False for all others; then nothing was taken.
-bool appendPlain(std::string &out, const char *&at, Arguments &arguments) {
-    switch (at[1]) {
-    case 's': {
-        const char *const text = va_arg(arguments.list, const char *);
-        appendEscaped(out, text == nullptr ? "(null)" : text);
-        break;
-    }
-    case 'd':
+template <typename Signed, typename Unsigned>
+bool appendPlainInteger(std::string &out, char type, Arguments &arguments) {
+    switch (type) {
+    case 'd': // NOLINT(bugprone-branch-clone): of different types
     case 'i':
-        appendNumber(out, va_arg(arguments.list, int));
-        break;
+        appendNumber(out, va_arg(arguments.list, Signed));
+        return true;
     case 'u':
-        appendNumber(out, va_arg(arguments.list, unsigned));
-        break;
+        appendNumber(out, va_arg(arguments.list, Unsigned));
+        return true;
+    case 'x':
+        appendNumber(out, va_arg(arguments.list, Unsigned), 16);
+        return true;
     default:
         return false;
     }
-    at += 2;
-    return true;
+}
+
+void appendPlainString(std::string &out, const char *text) {
+    const std::string_view whole = text == nullptr ? "(null)" : text;
+    if (whole.size() > INT_MAX) // where snprintf fails
+        out += "(unprintable)";
+    else
+        appendEscaped(out, whole);
+}
+
+// The conversions that nearly all lines are made of, bare of flags, width and precision: what snprintf makes of them,
+// without its cost. False for all others; then nothing was taken.
+bool appendPlain(std::string &out, const char *&at, Arguments &arguments) {
+    const char *type = at + 1;
+    bool known = true;
+    if (*type == 's')
+        appendPlainString(out, va_arg(arguments.list, const char *));
+    else if (*type == 'z')
+        known = appendPlainInteger<ssize_t, std::size_t>(out, *++type, arguments);
+    else if (type[0] == 'l' && type[1] == 'l')
+        known = appendPlainInteger<long long, unsigned long long>(out, *(type += 2), arguments);
+    else if (*type == 'l')
+        known = appendPlainInteger<long, unsigned long>(out, *++type, arguments);
+    else
+        known = appendPlainInteger<int, unsigned>(out, *type, arguments);
+    if (known)
+        at = type + 1;
+    return known;
 }
 
 // NOLINTEND(clang-analyzer-valist.Uninitialized)
