@@ -1,6 +1,7 @@
 #include "vlog/line.h"
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -32,6 +33,18 @@ const Level &levelOf(int priority) {
     static constexpr Level kUnknown{'?', LOG_NOTICE};
     return priority >= 0 && priority < static_cast<int>(kLevels.size()) ? kLevels[static_cast<std::size_t>(priority)]
                                                                         : kUnknown;
+}
+
+std::atomic<pid_t> knownProcess{0};
+
+// Not getpid(2) for each line: a system call.
+pid_t processId() {
+    pid_t process = knownProcess.load(std::memory_order_relaxed);
+    if (process == 0) {
+        process = ::getpid();
+        knownProcess.store(process, std::memory_order_relaxed);
+    }
+    return process;
 }
 
 std::timespec now() {
@@ -71,8 +84,10 @@ std::string systemLogHeader(int priority, const std::string &ident) {
     std::snprintf(head.data(), head.size(), "<%d>%s %2d %02d:%02d:%02d ", LOG_DAEMON | levelOf(priority).severity,
                   kMonths[static_cast<std::size_t>(local.tm_mon)], local.tm_mday, local.tm_hour, local.tm_min,
                   local.tm_sec);
-    return head.data() + ident + '[' + std::to_string(::getpid()) + "]: ";
+    return head.data() + ident + '[' + std::to_string(processId()) + "]: ";
 }
+
+void forgetProcessId() { knownProcess.store(0, std::memory_order_relaxed); }
 
 // Made once for all lines of a second.
 const std::string &LineWriter::dateOf(std::time_t second) {
@@ -91,7 +106,7 @@ std::size_t LineWriter::make(int priority, std::string_view text) {
     const auto digit = [&](long unit) { return static_cast<char>('0' + time.tv_nsec / unit % 10); };
     const char letter = levelOf(priority).letter;
     std::array<char, 24> rest{'.', digit(100'000'000), digit(10'000'000), digit(1'000'000), ' ', letter, ' '};
-    const auto process = std::to_chars(rest.data() + 7, rest.data() + rest.size(), ::getpid());
+    const auto process = std::to_chars(rest.data() + 7, rest.data() + rest.size(), processId());
 
     line_.reserve(kHeadBytes + text.size());
     line_ = dateOf(time.tv_sec);

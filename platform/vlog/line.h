@@ -12,6 +12,9 @@ namespace vlog {
 // "<30>Nov 21 03:40:12 ident[1234]: ", as syslog(3) sends it to the local service, with the facility of daemons.
 std::string systemLogHeader(int priority, const std::string &ident);
 
+// What a forked child has to do before it makes lines: the process id is asked for once.
+void forgetProcessId();
+
 // Makes lines and writes them to a file, a terminal or a pipe. Used by one thread at a time.
 class LineWriter {
 public:

@@ -7,6 +7,7 @@
 #include <pthread.h>
 
 #include "vlog/format.h"
+#include "vlog/line.h"
 #include "vlog/sink.h"
 #include "vlog/vlog-sink.h"
 
@@ -28,7 +29,12 @@ State &state() {
 // A fork waits until no line is under way, so that the child finds the mutex free and no half-made rotation. Done when
 // the library is loaded, so that other fork handlers of the program can log.
 __attribute__((constructor)) void registerForkHandlers() {
-    ::pthread_atfork([] { state().mutex.lock(); }, [] { state().mutex.unlock(); }, [] { state().mutex.unlock(); });
+    const auto unlock = [] { state().mutex.unlock(); };
+    const auto begin = [] {
+        forgetProcessId();
+        state().mutex.unlock();
+    };
+    ::pthread_atfork([] { state().mutex.lock(); }, unlock, begin);
 }
 
 void replaceSink(std::unique_ptr<Sink> sink) {

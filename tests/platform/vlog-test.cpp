@@ -263,6 +263,25 @@ TEST(ALogFile, BeginsEachLineWithLocalTimePriorityAndProcess) {
     EXPECT_NEAR(static_cast<double>(std::time(nullptr) + 19800), static_cast<double>(::timegm(&stamp)), 5);
 }
 
+TEST(ALogFile, NamesTheProcessThatWroteTheLineAlsoAfterForks) {
+    useFile();
+    const auto logOwnId = [] { LOG_INFO_LINE("by %d", ::getpid()); };
+    logOwnId();
+    EXPECT_EQ(0, inChild([&] {
+                  EXPECT_EQ(0, inChild(logOwnId));
+                  logOwnId();
+              }));
+    logOwnId();
+    std::set<std::string> processes;
+    for (const std::string &line : linesOf(kPath)) {
+        std::smatch found;
+        ASSERT_TRUE(std::regex_match(line, found, std::regex(kStamp + "I ([0-9]+) by ([0-9]+)"))) << line;
+        EXPECT_EQ(found.str(2), found.str(1));
+        processes.insert(found.str(1));
+    }
+    EXPECT_THAT(processes, SizeIs(3));
+}
+
 std::int64_t millisecondsNow() {
     std::timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
