@@ -4,6 +4,7 @@
 
 #include "cli/documents-as-text.h"
 #include "cli/session.h"
+#include "support/command-line.h"
 
 namespace {
 
@@ -23,16 +24,13 @@ void addSubcommands(CLI::App &app, cli::Session &session) {
         subcommand->fallthrough(); // --socket may stand anywhere
 }
 
-int explain(const CLI::App &app, const CLI::ParseError &error) {
-    return app.exit(error) == 0 ? cli::kDone : cli::kNotCarriedOut;
-}
-
 } // namespace
 
 int main(int argc, char **argv) try {
     CLI::App app("Talks to the policy host of the firewall plugin");
     cli::Session session;
     app.add_option("--socket", session.socket, "Where the policy host is")->capture_default_str();
+    app.set_version_flag("--version", "vpkctl " NYR_VERSION);
     app.footer(kFooter);
     addSubcommands(app, session);
     try {
@@ -40,7 +38,7 @@ int main(int argc, char **argv) try {
         if (app.get_subcommands().empty())
             throw CLI::RequiredError("A subcommand");
     } catch (const CLI::ParseError &error) {
-        return explain(app, error);
+        return support::explainParseError(app, error);
     }
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
         throw cli::Exit(session.exitStatus == cli::kDone ? cli::kFailed

@@ -16,6 +16,7 @@
 #include "host/single-instance.h"
 #include "mavo/privileges.h"
 #include "rlv/rlv-query.h"
+#include "support/command-line.h"
 #include "vlog/vlog-sink.h"
 
 namespace {
@@ -84,9 +85,11 @@ void run(const Options &options) {
 
 int main(int argc, char **argv) try {
     CLI::App app("Policy host of the firewall plugin");
+    app.set_version_flag("--version", "vpkd " NYR_VERSION);
     Options options;
     addOptions(app, options);
-    CLI11_PARSE(app, argc, argv);
+    if (const auto ended = support::parseCommandLine(app, argc, argv))
+        return *ended;
     run(options);
     return EXIT_SUCCESS;
 } catch (const std::exception &error) {

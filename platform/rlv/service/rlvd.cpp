@@ -24,6 +24,7 @@
 #include "rlv/service/service-log.h"
 #include "rlv/service/service-socket.h"
 #include "rlv/service/service.h"
+#include "support/command-line.h"
 #include "support/directories.h"
 #include "vlog/vlog-sink.h"
 
@@ -258,8 +259,8 @@ int parseAndRun(int argc, char **argv) {
     addServingOptions(app, arguments);
     addTableOptions(app, arguments);
     addLogOptions(app, arguments);
-    CLI11_PARSE(app, argc, argv);
-    return run(arguments);
+    const auto ended = support::parseCommandLine(app, argc, argv);
+    return ended ? *ended : run(arguments);
 }
 
 } // namespace
