@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <memory>
+#include <vector>
 
 #include "cli/session.h"
 
@@ -23,15 +24,31 @@ std::string timeOf(std::int64_t seconds) {
     return text.data();
 }
 
+// Chains, jumps and rules.
+std::vector<std::string> missingParts(const Json::Value &document) {
+    std::vector<std::string> missing;
+    for (const auto &part : document["missing"])
+        missing.push_back(part.asString());
+    const auto &rules = document["rules"];
+    for (const char *kind : {"allow", "deny"}) {
+        if (rules.isMember("inForce") && rules["inForce"][kind].asInt64() < rules["expected"][kind].asInt64())
+            missing.push_back(std::string(kind) + " rules");
+    }
+    return missing;
+}
+
 std::string inForceLine(const Json::Value &document) {
     const std::string problem = document["serviceProblem"].asString();
     if (!problem.empty())
         return "not known: " + problem;
-    std::string line = document["inForce"].asBool() ? "in force" : "NOT in force, missing:";
-    for (const auto &part : document["missing"])
-        line += " " + part.asString() + (&part == &document["missing"][document["missing"].size() - 1] ? "" : ",");
-    return line + (document["simulated"].asBool() ? " (simulated: the kernel is not touched)" : "");
+    std::string line;
+    for (const auto &part : missingParts(document))
+        line += (line.empty() ? "NOT in force, missing: " : ", ") + part;
+    return (line.empty() ? "in force" : line) +
+           (document["simulated"].asBool() ? " (simulated: the kernel is not touched)" : "");
 }
+
+std::string rebuildLine(const std::string &rebuild) { return rebuild.empty() ? "" : "rebuilding   " + rebuild + "\n"; }
 
 std::string countsOf(const Json::Value &counts) {
     return std::to_string(counts["allow"].asInt64()) + " allow, " + std::to_string(counts["deny"].asInt64()) + " deny";
@@ -87,10 +104,16 @@ Json::Value parseDocument(const std::string &text) {
     return document;
 }
 
+bool wholeInForce(const Json::Value &document) {
+    return document["inForce"].asBool() && document["serviceProblem"].asString().empty() &&
+           missingParts(document).empty() && document["rebuild"].asString().empty();
+}
+
 std::string statusAsText(const Json::Value &document) {
     return "plugin       " + nameOfStatus(document["stored"].asInt()) + " (stored), " +
            nameOfStatus(document["applied"].asInt()) + " (as last applied)\n" +              //
            "firewall     " + inForceLine(document) + "\n" +                                  //
+           rebuildLine(document["rebuild"].asString()) +                                     //
            "rules        " + rulesLine(document["rules"]) + "\n" +                           //
            "collector    " + collectorLine(document) + "\n" +                                //
            "last report  " + lastReportLine(document["lastReport"].asString()) + "\n" +      //

@@ -16,6 +16,8 @@ std::string printable(const std::string &text);
 Json::Value parseDocument(const std::string &text);
 
 std::string statusAsText(const Json::Value &document);
+// True when the status document says that the whole firewall is known to be in force, and that no rebuild is pending.
+bool wholeInForce(const Json::Value &document);
 // One line for each rule, as the arguments of vpkctl exec: "ApplyDenyRules tcp:10.0.0.5:8000-8080:out".
 std::string rulesAsText(const Json::Value &document);
 std::string reportsAsText(const Json::Value &document);

@@ -1,9 +1,11 @@
 #include "cli/session.h"
 
 #include <cstdio>
+#include <string_view>
 #include <system_error>
 
 #include "cli/documents-as-text.h"
+#include "host/reply-lines.h"
 #include "mavo/exception.h"
 #include "mavo/rmi-client.h"
 
@@ -38,11 +40,22 @@ std::string refusalOf(const std::string &method, const Reply &reply) {
     }
 }
 
+bool begins(const std::string &line, std::string_view with) { return line.compare(0, with.size(), with) == 0; }
+
+// A command that is not in force, or what else the host says about that.
+std::string remark(const std::string &line) {
+    if (begins(line, host::kNotKnown))
+        return "whether all is in force is not known: " + line.substr(host::kNotKnown.size());
+    if (begins(line, host::kRebuild))
+        return line.substr(host::kRebuild.size());
+    return "not in force: " + line;
+}
+
 void printRemarks(const Reply &reply) {
     for (const auto &line : reply.errorLines)
         std::fprintf(stderr, "%s\n", printable(line).c_str());
     for (const auto &line : reply.notInForce)
-        std::fprintf(stderr, "not in force: %s\n", printable(line).c_str());
+        std::fprintf(stderr, "%s\n", printable(remark(line)).c_str());
 }
 
 } // namespace

@@ -151,6 +151,36 @@ TEST(TheRulesAsText, CanBeFedBack) {
                                           "ApplyAllowRules UDP:a\\x0ab:-80:in\n");
 }
 
+// A status document of a firewall that is whole, with this member instead.
+Json::Value wholeBut(const std::string &member, const Json::Value &value) {
+    auto document = cli::parseDocument(
+        R"({"stored":1,"applied":1,"inForce":true,"missing":[],"simulated":false,"serviceProblem":"","collector":"off",)"
+        R"("collectorProblem":"","lastReport":"","families":"IPv4 only","rebuild":"","rules":{)"
+        R"("stored":{"allow":1,"deny":2},"expected":{"allow":1,"deny":4},"inForce":{"allow":1,"deny":5}}})");
+    document[member] = value;
+    return document;
+}
+
+TEST(TheStatus, IsThatAllIsInForce) {
+    EXPECT_TRUE(cli::wholeInForce(wholeBut("stored", 0)));
+    EXPECT_THAT(cli::statusAsText(wholeBut("stored", 0)), HasSubstr("firewall     in force\nrules  "));
+}
+
+TEST(TheStatus, IsThatNotAllIsInForceOrKnown) {
+    EXPECT_FALSE(cli::wholeInForce(wholeBut("inForce", false)));
+    EXPECT_FALSE(cli::wholeInForce(wholeBut("serviceProblem", "gone")));
+    EXPECT_FALSE(cli::wholeInForce(wholeBut("rebuild", "next attempt in 4 s: gone")));
+    auto rules = wholeBut("stored", 1)["rules"];
+    rules["inForce"]["deny"] = 3;
+    EXPECT_FALSE(cli::wholeInForce(wholeBut("rules", rules)));
+    EXPECT_THAT(cli::statusAsText(wholeBut("rules", rules)), HasSubstr("NOT in force, missing: deny rules\n"));
+}
+
+TEST(TheStatusAsText, TellsOfARebuild) {
+    EXPECT_THAT(cli::statusAsText(wholeBut("rebuild", "next attempt in 4 s: gone")),
+                HasSubstr("\nrebuilding   next attempt in 4 s: gone\n"));
+}
+
 TEST(TheStatusAsText, NamesWhatIsMissing) {
     const auto document = cli::parseDocument(
         R"({"stored":0,"applied":0,"inForce":false,"missing":["chain VPK-DENY","jump from INPUT to VPK-DENY"],)"
@@ -158,7 +188,8 @@ TEST(TheStatusAsText, NamesWhatIsMissing) {
         R"("families":"IPv4 only","rules":{"stored":{"allow":1,"deny":2},"expected":{"allow":1,"deny":4},)"
         R"("inForce":{"allow":0,"deny":3}}})");
     const std::string text = cli::statusAsText(document);
-    EXPECT_THAT(text, HasSubstr("NOT in force, missing: chain VPK-DENY, jump from INPUT to VPK-DENY (simulated"));
+    EXPECT_THAT(text, HasSubstr("NOT in force, missing: chain VPK-DENY, jump from INPUT to VPK-DENY, allow rules, "
+                                "deny rules (simulated"));
     EXPECT_THAT(text,
                 HasSubstr("1 allow, 2 deny stored; in force 0 allow, 3 deny (at least 1 allow, 4 deny expected)"));
     EXPECT_THAT(text, HasSubstr("disabled (stored), disabled (as last applied)"));

@@ -245,6 +245,59 @@ TEST_F(Vpkctl, TeachesItsUse) {
     EXPECT_EQ(run({"--help"}).status, 0);
 }
 
+constexpr const char *kWholeFirewall = R"(-N VPK-ALLOW
+-N VPK-DENY
+-N VPK-LOGANDDROP
+-A INPUT -j VPK-ALLOW
+-A INPUT -j VPK-DENY
+-A OUTPUT -j VPK-ALLOW
+-A OUTPUT -j VPK-DENY
+-A VPK-LOGANDDROP -j LOG -v --log-prefix=IPTables-Dropped:
+-A VPK-LOGANDDROP -j DROP)";
+
+TEST_F(Vpkctl, TellsByItsExitStatusWhetherAllIsInForce) {
+    start();
+    EXPECT_EQ(run({"status"}).status, 1);
+    ASSERT_EQ(run({"exec", "commit", "-"}, kWholeFirewall).errors, "");
+    for (const auto &words : std::vector<std::vector<std::string>>{{"status"}, {"status", "--json"}}) {
+        const auto result = run(words);
+        EXPECT_EQ(result.status, 0) << result.output << result.errors;
+    }
+}
+
+TEST_F(Vpkctl, TellsByItsExitStatusThatItIsNotKnownWhatIsInForce) {
+    start();
+    ASSERT_EQ(run({"exec", "commit", "-"}, kWholeFirewall).errors, "");
+    service_->terminate();
+    const auto result = run({"status"});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.output, HasSubstr("firewall     not known: traffic-control service: "));
+    EXPECT_EQ(run({"status", "--json"}).status, 1);
+}
+
+TEST_F(Vpkctl, SaysPlainlyWhenItIsNotKnownWhatIsInForce) {
+    start();
+    service_->terminate();
+    EXPECT_THAT(run({"exec", "echo", "x"}).errors,
+                StartsWith("whether all is in force is not known: traffic-control service: "));
+}
+
+TEST(ThePrograms, EndWithStatus2WhenTheyAreUsedWrongly) {
+    for (const char *program : {"rlvd", "vpkd", "vpkctl"}) {
+        const auto result = process::capture({process::built(program), "--nonsense"});
+        EXPECT_EQ(result.status, 2) << program;
+        EXPECT_THAT(result.errors, HasSubstr("--nonsense")) << program;
+    }
+}
+
+TEST(ThePrograms, TellTheirVersion) {
+    for (const char *program : {"rlvd", "vpkd", "vpkctl"}) {
+        const auto result = process::capture({process::built(program), "--version"});
+        EXPECT_EQ(result.status, 0) << program;
+        EXPECT_EQ(result.output, std::string(program) + " 0.1.0\n");
+    }
+}
+
 TEST_F(Vpkctl, RefusesAWrongUse) {
     for (const auto &words : std::vector<std::vector<std::string>>{{}, {"nonsense"}, {"exec"}, {"set-status", "on"}})
         EXPECT_EQ(run(words).status, 2);
