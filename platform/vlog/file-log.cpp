@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <system_error>
@@ -13,6 +14,8 @@ namespace vlog {
 namespace {
 
 using support::UniqueFd;
+
+constexpr std::size_t kLargeBytes = std::size_t{1024} * 1024;
 
 bool isSameFile(const struct stat &one, const struct stat &other) {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
@@ -61,6 +64,7 @@ private:
         if (!fd || ::fstat(fd.get(), &identity_) != 0)
             return false;
         fd_ = std::move(fd);
+        looked_ = {};
         return true;
     }
 
@@ -71,6 +75,20 @@ private:
             static_cast<void>(fd_.release());
             return false;
         }
+        return status.st_nlink > 0 && (hasJustLooked() || isNamed(status));
+    }
+
+    // Looking up the path costs as much as writing the line: it is done once in each tick of the coarse clock (some
+    // milliseconds). Nobody can rename a file of this size twice in that time by filling it.
+    bool hasJustLooked() {
+        std::timespec now{};
+        ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+        const bool sameTick = now.tv_sec == looked_.tv_sec && now.tv_nsec == looked_.tv_nsec;
+        looked_ = now;
+        return sameTick && file_.maxBytes >= kLargeBytes;
+    }
+
+    bool isNamed(const struct stat &status) const {
         struct stat named {};
         return ::stat(file_.path.c_str(), &named) == 0 && isSameFile(status, named);
     }
@@ -117,6 +135,7 @@ private:
     const FileSink file_;
     UniqueFd fd_;
     struct stat identity_ {}; // of the file behind fd_
+    std::timespec looked_{};
     LineWriter writer_;
 };
 

@@ -23,7 +23,8 @@ void useSystemLog(const std::string &ident, const std::string &path = "/dev/log"
 void useStandardError();
 
 // The file sink. A line that would make the file longer than `maxBytes` first makes it `path`.1 (which it replaces).
-// Several processes may log to the same file. `mode` holds whatever the umask says.
+// Several processes may log to the same file. A file that somebody renamed is noticed within some milliseconds (at once
+// where `maxBytes` is less than 1 MiB), one that was removed at once. `mode` holds whatever the umask says.
 struct FileSink {
     std::string path;
     std::size_t maxBytes = std::size_t{1024} * 1024;

@@ -1,3 +1,4 @@
+#include "support/process.h"
 #include "vlog/vlog-sink.h"
 #include "vlog/vlog.h"
 
@@ -364,6 +365,26 @@ TEST(ALogFile, ReplacesTheOldOneAndTakesALineLongerThanTheLimitAlone) {
 
 TEST(ALogFile, IsMadeAgainWhenSomebodyTookItAway) {
     useFile();
+    LOG_INFO_LINE("one");
+    std::filesystem::remove(kPath);
+    LOG_INFO_LINE("two");
+    EXPECT_THAT(textsOf(kPath), ElementsAre("two"));
+}
+
+TEST(ALogFile, IsMadeAgainSoonAfterSomebodyRenamedIt) {
+    useFile();
+    LOG_INFO_LINE("one");
+    std::filesystem::rename(kPath, kPath + ".away");
+    EXPECT_TRUE(process::waitUntil([] {
+        LOG_INFO_LINE("more");
+        return std::filesystem::exists(kPath);
+    }));
+    EXPECT_THAT(textsOf(kPath), ElementsAre("more"));
+    EXPECT_EQ(textsOf(kPath + ".away").at(0), "one");
+}
+
+TEST(ALogFile, IsMadeAgainAtOnceAfterSomebodyRenamedASmallOne) {
+    useFile(10'000);
     LOG_INFO_LINE("one");
     std::filesystem::rename(kPath, kPath + ".away");
     LOG_INFO_LINE("two");
