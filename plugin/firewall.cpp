@@ -23,14 +23,18 @@ constexpr int kPageSize = 1000;
 using Application = int (iptables::Interface::*)(const std::string &, const FirewallRule &);
 
 // The operations that put a rule of this direction into a chain.
-std::vector<Application> applicationsFor(int direction) {
+const std::vector<Application> &applicationsFor(int direction) {
+    static const std::vector<Application> inbound{&iptables::Interface::applyInboundRule};
+    static const std::vector<Application> outbound{&iptables::Interface::applyOutboundRule};
+    static const std::vector<Application> both{&iptables::Interface::applyInboundRule,
+                                               &iptables::Interface::applyOutboundRule};
     switch (direction) {
     case 1:
-        return {&iptables::Interface::applyInboundRule};
+        return inbound;
     case 2:
-        return {&iptables::Interface::applyOutboundRule};
+        return outbound;
     default:
-        return {&iptables::Interface::applyInboundRule, &iptables::Interface::applyOutboundRule};
+        return both;
     }
 }
 

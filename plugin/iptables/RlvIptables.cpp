@@ -23,8 +23,18 @@ int invokeRLVIptablesCommit(const std::string &options) {
 }
 
 // An option with its value, nothing where the value is empty and so means any.
-std::string optional(const std::string &option, const std::string &value) {
-    return value.empty() ? "" : option + value;
+void appendOption(std::string &options, const char *option, const std::string &value) {
+    if (!value.empty())
+        options.append(option).append(value);
+}
+
+int applyRule(const std::string &chain, const FirewallRule &rule, const char *addressOption, const char *portOption) {
+    std::string options = "-A ";
+    options.append(chain);
+    appendOption(options, " -p ", rule.protocol);
+    appendOption(options, addressOption, rule.domain);
+    appendOption(options, portOption, rule.port);
+    return invokeRLVIptablesCommit(options.append(" -j ").append(rule.target));
 }
 
 } // namespace
@@ -46,13 +56,11 @@ int RlvIptables::appendChainTarget(const std::string &chain, const std::string &
 }
 
 int RlvIptables::applyInboundRule(const std::string &chain, const FirewallRule &rule) {
-    return invokeRLVIptablesCommit("-A " + chain + optional(" -p ", rule.protocol) + optional(" -s ", rule.domain) +
-                                   optional(" --sport ", rule.port) + " -j " + rule.target);
+    return applyRule(chain, rule, " -s ", " --sport ");
 }
 
 int RlvIptables::applyOutboundRule(const std::string &chain, const FirewallRule &rule) {
-    return invokeRLVIptablesCommit("-A " + chain + optional(" -p ", rule.protocol) + optional(" -d ", rule.domain) +
-                                   optional(" --dport ", rule.port) + " -j " + rule.target);
+    return applyRule(chain, rule, " -d ", " --dport ");
 }
 
 std::unique_ptr<Interface> Factory::getImplementation() {
