@@ -7,12 +7,23 @@
 #include <memory>
 #include <vector>
 
+#include "cli/printable.h"
 #include "cli/session.h"
 
 namespace cli {
 namespace {
 
-std::string nameOfStatus(int status) { return status == 1 ? "enabled" : status == 0 ? "disabled" : "none"; }
+// A member that another version of the host does not have is empty.
+std::string text(const Json &document, const char *member) { return document.value(member, std::string()); }
+
+std::int64_t number(const Json &document, const char *member) { return document.value(member, std::int64_t{0}); }
+
+const Json &part(const Json &document, const char *member) {
+    static const Json nothing = Json::object();
+    return document.contains(member) ? document.at(member) : nothing;
+}
+
+std::string nameOfStatus(std::int64_t status) { return status == 1 ? "enabled" : status == 0 ? "disabled" : "none"; }
 
 std::string timeOf(std::int64_t seconds) {
     const auto time = static_cast<std::time_t>(seconds);
@@ -25,45 +36,46 @@ std::string timeOf(std::int64_t seconds) {
 }
 
 // Chains, jumps and rules.
-std::vector<std::string> missingParts(const Json::Value &document) {
+std::vector<std::string> missingParts(const Json &document) {
     std::vector<std::string> missing;
-    for (const auto &part : document["missing"])
-        missing.push_back(part.asString());
-    const auto &rules = document["rules"];
+    for (const auto &name : part(document, "missing"))
+        missing.push_back(name.get<std::string>());
+    const Json &rules = part(document, "rules");
     for (const char *kind : {"allow", "deny"}) {
-        if (rules.isMember("inForce") && rules["inForce"][kind].asInt64() < rules["expected"][kind].asInt64())
+        if (rules.contains("inForce") && number(rules["inForce"], kind) < number(part(rules, "expected"), kind))
             missing.push_back(std::string(kind) + " rules");
     }
     return missing;
 }
 
-std::string inForceLine(const Json::Value &document) {
-    const std::string problem = document["serviceProblem"].asString();
+std::string inForceLine(const Json &document) {
+    const std::string problem = text(document, "serviceProblem");
     if (!problem.empty())
         return "not known: " + problem;
     std::string line;
-    for (const auto &part : missingParts(document))
-        line += (line.empty() ? "NOT in force, missing: " : ", ") + part;
+    for (const auto &name : missingParts(document))
+        line += (line.empty() ? "NOT in force, missing: " : ", ") + name;
     return (line.empty() ? "in force" : line) +
-           (document["simulated"].asBool() ? " (simulated: the kernel is not touched)" : "");
+           (document.value("simulated", false) ? " (simulated: the kernel is not touched)" : "");
 }
 
 std::string rebuildLine(const std::string &rebuild) { return rebuild.empty() ? "" : "rebuilding   " + rebuild + "\n"; }
 
-std::string countsOf(const Json::Value &counts) {
-    return std::to_string(counts["allow"].asInt64()) + " allow, " + std::to_string(counts["deny"].asInt64()) + " deny";
+std::string countsOf(const Json &counts) {
+    return std::to_string(number(counts, "allow")) + " allow, " + std::to_string(number(counts, "deny")) + " deny";
 }
 
-std::string rulesLine(const Json::Value &rules) {
-    std::string line = countsOf(rules["stored"]) + " stored";
-    if (rules.isMember("inForce"))
-        line += "; in force " + countsOf(rules["inForce"]) + " (at least " + countsOf(rules["expected"]) + " expected)";
+std::string rulesLine(const Json &rules) {
+    std::string line = countsOf(part(rules, "stored")) + " stored";
+    if (rules.contains("inForce"))
+        line += "; in force " + countsOf(rules["inForce"]) + " (at least " + countsOf(part(rules, "expected")) +
+                " expected)";
     return line;
 }
 
-std::string collectorLine(const Json::Value &document) {
-    const std::string problem = document["collectorProblem"].asString();
-    return document["collector"].asString() + (problem.empty() ? "" : ": " + problem);
+std::string collectorLine(const Json &document) {
+    const std::string problem = text(document, "collectorProblem");
+    return text(document, "collector") + (problem.empty() ? "" : ": " + problem);
 }
 
 std::string lastReportLine(const std::string &seconds) {
@@ -72,68 +84,55 @@ std::string lastReportLine(const std::string &seconds) {
 
 std::string orAny(const std::string &field) { return field.empty() ? "*" : printable(field); }
 
-std::string ruleLine(const Json::Value &rule) {
+std::string ruleLine(const Json &rule) {
     constexpr std::array<const char *, 3> kDirections = {"bid", "in", "out"};
-    std::string port = rule["port"].asString();
+    std::string port = text(rule, "port");
     std::replace(port.begin(), port.end(), ':', '-');
-    const auto direction = rule["direction"].asUInt();
-    return (rule["action"].asString() == "allow" ? "ApplyAllowRules " : "ApplyDenyRules ") +
-           orAny(rule["protocol"].asString()) + ":" + orAny(rule["domain"].asString()) + ":" + orAny(port) + ":" +
+    const auto direction = static_cast<std::size_t>(number(rule, "direction"));
+    return (text(rule, "action") == "allow" ? "ApplyAllowRules " : "ApplyDenyRules ") + orAny(text(rule, "protocol")) +
+           ":" + orAny(text(rule, "domain")) + ":" + orAny(port) + ":" +
            kDirections.at(direction < kDirections.size() ? direction : 0) + "\n";
 }
 
 } // namespace
 
-std::string printable(const std::string &text) {
-    std::string safe;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        std::array<char, 8> escape{};
-        std::snprintf(escape.data(), escape.size(), "\\x%02x", byte);
-        safe += byte < 0x20 || byte == 0x7f ? std::string(escape.data()) : std::string(1, c);
-    }
-    return safe;
-}
-
-Json::Value parseDocument(const std::string &text) {
-    const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    Json::Value document;
-    std::string errors;
-    if (!reader->parse(text.data(), text.data() + text.size(), &document, &errors) || !document.isObject())
+Json parseDocument(const std::string &written) {
+    Json document = Json::parse(written, nullptr, false);
+    if (!document.is_object())
         throw Exit(kNotCarriedOut, "the host's document is not understood");
     return document;
 }
 
-bool wholeInForce(const Json::Value &document) {
-    return document["inForce"].asBool() && document["serviceProblem"].asString().empty() &&
-           missingParts(document).empty() && document["rebuild"].asString().empty();
+bool wholeInForce(const Json &document) {
+    return document.value("inForce", false) && text(document, "serviceProblem").empty() &&
+           missingParts(document).empty() && text(document, "rebuild").empty();
 }
 
-std::string statusAsText(const Json::Value &document) {
-    return "plugin       " + nameOfStatus(document["stored"].asInt()) + " (stored), " +
-           nameOfStatus(document["applied"].asInt()) + " (as last applied)\n" +              //
-           "firewall     " + inForceLine(document) + "\n" +                                  //
-           rebuildLine(document["rebuild"].asString()) +                                     //
-           "rules        " + rulesLine(document["rules"]) + "\n" +                           //
-           "collector    " + collectorLine(document) + "\n" +                                //
-           "last report  " + lastReportLine(document["lastReport"].asString()) + "\n" +      //
-           "covers       " + document["families"].asString() + "; IPv6 passes unfiltered\n"; //
+std::string statusAsText(const Json &document) {
+    return "plugin       " + nameOfStatus(number(document, "stored")) + " (stored), " +
+           nameOfStatus(number(document, "applied")) + " (as last applied)\n" +         //
+           "firewall     " + inForceLine(document) + "\n" +                             //
+           rebuildLine(text(document, "rebuild")) +                                     //
+           "rules        " + rulesLine(part(document, "rules")) + "\n" +                //
+           "collector    " + collectorLine(document) + "\n" +                           //
+           "last report  " + lastReportLine(text(document, "lastReport")) + "\n" +      //
+           "covers       " + text(document, "families") + "; IPv6 passes unfiltered\n"; //
 }
 
-std::string rulesAsText(const Json::Value &document) {
-    std::string text;
-    for (const auto &rule : document["rules"])
-        text += ruleLine(rule);
-    return text;
+std::string rulesAsText(const Json &document) {
+    std::string lines;
+    for (const auto &rule : part(document, "rules"))
+        lines += ruleLine(rule);
+    return lines;
 }
 
-std::string reportsAsText(const Json::Value &document) {
-    std::string text;
-    for (const auto &report : document["reports"]) {
-        text += timeOf(report["time"].asInt64()) + "  type " + report["type"].asString() + "/" +
-                report["subtype"].asString() + "  " + printable(report["body"].asString()) + "\n";
+std::string reportsAsText(const Json &document) {
+    std::string lines;
+    for (const auto &report : part(document, "reports")) {
+        lines += timeOf(number(report, "time")) + "  type " + std::to_string(number(report, "type")) + "/" +
+                 std::to_string(number(report, "subtype")) + "  " + printable(text(report, "body")) + "\n";
     }
-    return text;
+    return lines;
 }
 
 } // namespace cli

@@ -4,23 +4,22 @@
 
 #include <string>
 
-#include <json/json.h>
+#include <nlohmann/json.hpp>
 
 namespace cli {
 
-// One line of `text`, its control characters as \xNN: rules and reports may hold anything, and a terminal must not take
-// it for orders.
-std::string printable(const std::string &text);
+// A parser that is part of the program: nothing else in it needs a library to be loaded.
+using Json = nlohmann::json;
 
 // Throws Exit when the text is not a JSON object.
-Json::Value parseDocument(const std::string &text);
+Json parseDocument(const std::string &written);
 
-std::string statusAsText(const Json::Value &document);
+std::string statusAsText(const Json &document);
 // True when the status document says that the whole firewall is known to be in force, and that no rebuild is pending.
-bool wholeInForce(const Json::Value &document);
+bool wholeInForce(const Json &document);
 // One line for each rule, as the arguments of vpkctl exec: "ApplyDenyRules tcp:10.0.0.5:8000-8080:out".
-std::string rulesAsText(const Json::Value &document);
-std::string reportsAsText(const Json::Value &document);
+std::string rulesAsText(const Json &document);
+std::string reportsAsText(const Json &document);
 
 } // namespace cli
 

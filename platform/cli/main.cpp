@@ -2,7 +2,7 @@
 #include <cstdio>
 #include <exception>
 
-#include "cli/documents-as-text.h"
+#include "cli/printable.h"
 #include "cli/session.h"
 #include "support/command-line.h"
 

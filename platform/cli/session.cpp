@@ -4,7 +4,7 @@
 #include <string_view>
 #include <system_error>
 
-#include "cli/documents-as-text.h"
+#include "cli/printable.h"
 #include "host/reply-lines.h"
 #include "mavo/exception.h"
 #include "mavo/rmi-client.h"

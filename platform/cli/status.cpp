@@ -10,7 +10,7 @@ namespace {
 
 void run(bool asJson, Session &session) {
     const std::string document = textOf(session.call("Host::status", mavo::rmi::Message()));
-    const Json::Value parsed = parseDocument(document);
+    const Json parsed = parseDocument(document);
     const std::string text = asJson ? document + "\n" : statusAsText(parsed);
     std::fwrite(text.data(), 1, text.size(), stdout);
     session.exitStatus = wholeInForce(parsed) ? kDone : kFailed;

@@ -7,7 +7,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <json/json.h>
 
 #include "cli/documents-as-text.h"
 #include "host/data-check.h"
@@ -93,9 +92,9 @@ TEST_F(TheDocuments, HoldTheReports) {
     ASSERT_EQ(nyr::sendReport(10007, 1, body), 0);
     const auto document = cli::parseDocument(host::reportsDocument());
     ASSERT_EQ(document["reports"].size(), 1U);
-    EXPECT_EQ(document["reports"][0]["type"].asInt(), 10007);
-    EXPECT_EQ(document["reports"][0]["subtype"].asInt(), 1);
-    EXPECT_EQ(document["reports"][0]["body"].asString(), body);
+    EXPECT_EQ(document["reports"][0]["type"].get<int>(), 10007);
+    EXPECT_EQ(document["reports"][0]["subtype"].get<int>(), 1);
+    EXPECT_EQ(document["reports"][0]["body"].get<std::string>(), body);
     EXPECT_THAT(cli::reportsAsText(document),
                 MatchesRegex("[-0-9]+ [:0-9]+ [-+0-9]+  type 10007/1  .\"v\":\"0.1\".\n"));
 }
@@ -103,13 +102,15 @@ TEST_F(TheDocuments, HoldTheReports) {
 TEST_F(TheDocuments, CountStoredAndExpectedRules) {
     storeRules("('tcp', 'a', '', 1, 0), ('tcp', 'b', '', 0, 0), ('tcp', 'c', '', 2, 1)");
     const auto rules = cli::parseDocument(host::statusDocument(1, 1, "", ""))["rules"];
-    EXPECT_EQ(rules["stored"]["deny"].asInt(), 2);
-    EXPECT_EQ(rules["expected"]["deny"].asInt(), 3);
-    EXPECT_EQ(rules["stored"]["allow"].asInt(), 1);
-    EXPECT_EQ(rules["expected"]["allow"].asInt(), 1);
+    EXPECT_EQ(rules["stored"]["deny"].get<int>(), 2);
+    EXPECT_EQ(rules["expected"]["deny"].get<int>(), 3);
+    EXPECT_EQ(rules["stored"]["allow"].get<int>(), 1);
+    EXPECT_EQ(rules["expected"]["allow"].get<int>(), 1);
 }
 
-std::string lastReport() { return cli::parseDocument(host::statusDocument(1, 1, "", ""))["lastReport"].asString(); }
+std::string lastReport() {
+    return cli::parseDocument(host::statusDocument(1, 1, "", ""))["lastReport"].get<std::string>();
+}
 
 void configureLastReport(const std::string &text) {
     std::filesystem::create_directories(std::filesystem::path(host::kConfigFile).parent_path());
@@ -132,7 +133,7 @@ TEST_F(TheDocuments, TellTheLaterOfTheNewestReportAndTheConfiguredOne) {
 
 TEST_F(TheDocuments, SayWhenTheServiceCannotBeAsked) {
     const auto document = cli::parseDocument(host::statusDocument(-1, 1, "a marker stands", ""));
-    EXPECT_FALSE(document["serviceProblem"].asString().empty());
+    EXPECT_FALSE(document["serviceProblem"].get<std::string>().empty());
     const std::string text = cli::statusAsText(document);
     EXPECT_THAT(text, HasSubstr("plugin       none (stored), enabled (as last applied)\n"));
     EXPECT_THAT(text, HasSubstr("firewall     not known: "));
@@ -152,7 +153,7 @@ TEST(TheRulesAsText, CanBeFedBack) {
 }
 
 // A status document of a firewall that is whole, with this member instead.
-Json::Value wholeBut(const std::string &member, const Json::Value &value) {
+cli::Json wholeBut(const std::string &member, const cli::Json &value) {
     auto document = cli::parseDocument(
         R"({"stored":1,"applied":1,"inForce":true,"missing":[],"simulated":false,"serviceProblem":"","collector":"off",)"
         R"("collectorProblem":"","lastReport":"","families":"IPv4 only","rebuild":"","rules":{)"

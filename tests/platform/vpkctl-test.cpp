@@ -278,7 +278,8 @@ TEST_F(Vpkctl, TellsByItsExitStatusThatItIsNotKnownWhatIsInForce) {
 TEST_F(Vpkctl, SaysPlainlyWhenItIsNotKnownWhatIsInForce) {
     start();
     service_->terminate();
-    EXPECT_THAT(run({"exec", "echo", "x"}).errors,
+    EXPECT_EQ(run({"exec", "echo", "x"}).errors, "") << "it has nothing to do with the service";
+    EXPECT_THAT(run({"exec", "commit", "-"}, "-N VPK-A").errors,
                 StartsWith("whether all is in force is not known: traffic-control service: "));
 }
 
