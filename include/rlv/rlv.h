@@ -15,21 +15,26 @@ typedef uint32_t rlv_handle;
 
 // Opens a connection and stores its handle. There is one at a time: another one's end is waited for. Returns 0, or an
 // error code (errno's: ENOENT or ECONNREFUSED when the service does not run, EACCES when it does not serve this
-// account, ETIMEDOUT) and stores 0. Blocks for 10 s at most.
+// account, ETIMEDOUT, that of the kernel when its tables cannot be read) and stores 0. Blocks for 10 s at most.
 RLV_EXPORT int rlv_initialize(rlv_handle *handle);
 
-// Brings the rules into force and closes the connection. Returns 0 when all that was accepted on it is in force, else
-// an error code (errno's: EBADF for a handle that is not open, EIO when something was lost). The handle is gone in
-// either case.
+// Brings into force what is not yet and closes the connection. Returns 0 when all that was accepted on it is in force,
+// else an error code (errno's: EBADF for a handle that is not open, EIO when something was lost). The handle is gone in
+// either case. A connection that is never closed counts as interrupted: what it sent from its first removing command on
+// is dropped.
 RLV_EXPORT int rlv_deinitialize(rlv_handle handle);
 
 // Applies one iptables command to the filter table: `options` is its option text, without the program's name, such as
-// "-A VPK-DENY -s 10.0.0.5 -j DROP". Returns 0 when the service answered, whatever its answer, else an error code
-// (errno's). `*error_code` is set to 0 when the command was accepted, else to iptables' exit status for the failure
-// (1, 2 or 4); `*error_message` to a text that the caller releases with free(), or left as it is. When the service did
-// not answer, `*error_code` is 4 and the message says why. The answer holds for the tables as they are known when it is
-// given: what was only added comes into force within 20 ms; after a command that removes something (-F, -D, -X) nothing
-// does before the connection is closed, and then all at once.
+// "-A VPK-DENY -s 10.0.0.5 -j DROP". Returns 0 when there is an answer, whatever it is, else an error code (errno's).
+// `*error_code` is set to 0 when the command is accepted, else to iptables' exit status for the failure (1, 2 or 4);
+// `*error_message` to a text that the caller releases with free(), or left as it is. Without an answer `*error_code` is
+// 4 and the message says why. May block for as long as the service is busy, a minute at most.
+//
+// The answer is exact for the table as it is known then, with all commands before this one. An answer that needs no
+// question is given without one; that the service is gone may then be noticed by a later command, or by the end. What
+// is only added comes into force within 20 ms; after a command that removes something (-F, -D, -X) nothing does before
+// the connection is closed, and then all at once. What the kernel refuses later, or somebody else's changes have made
+// impossible, changes no answer: rlv_deinitialize fails.
 RLV_EXPORT int rlv_iptables_commit(rlv_handle handle, const char *options, int *error_code, char **error_message);
 
 #ifdef __cplusplus
