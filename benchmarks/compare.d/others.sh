@@ -76,3 +76,26 @@ start_of_others() { # WORK
     tell "$1" 'ours 1000 plain' 'ufw (ufw-init start)' 'ufw 1000'
     tell "$1" 'ours 1000 plain' 'firewalld (firewall-cmd --reload)' 'firewalld 1000'
 }
+
+# What reinitialise-under-traffic runs in namespaces of its own, with the addresses in $DENIED and $ALLOWED.
+# shellcheck disable=SC2016
+cover_ufw='for place in /etc/ufw /etc/default; do
+    mkdir -p "/run/covers$place" && cp -a "$place/." "/run/covers$place/" && mount --bind "/run/covers$place" "$place"
+done'
+# shellcheck disable=SC2016
+ufw_with_rules=$cover_ufw'
+sed -i "s/^IPT_SYSCTL=.*/IPT_SYSCTL=/" /etc/default/ufw
+for i in $(seq 1000); do
+    echo "-A ufw-user-output -p udp -d 10.1.$((i / 250)).$((i % 250)) --dport 4711 -j DROP"
+done >/run/rules
+sed -i "/^### RULES ###/r /run/rules" /etc/ufw/user.rules
+ufw deny out to $DENIED >/dev/null && ufw --force enable >/dev/null'
+# shellcheck disable=SC2016
+firewalld_with_rule='place=/etc/firewalld
+mkdir -p /run/covers/firewalld /run/dbus /run/firewalld
+cp -a "$place/." /run/covers/firewalld/ && mount --bind /run/covers/firewalld "$place"
+dbus-daemon --system --fork --nopidfile >/dev/null 2>&1
+firewalld --nopid >/dev/null 2>&1
+for i in $(seq 100); do firewall-cmd --state >/dev/null 2>&1 && break; sleep 0.1; done
+firewall-cmd --permanent --direct --add-rule ipv4 filter OUTPUT 0 -d $DENIED -j DROP >/dev/null
+firewall-cmd --reload >/dev/null'
