@@ -12,6 +12,9 @@ constexpr double kMakeMicroseconds = 5;      // a rule made
 constexpr double kDropMicroseconds = 0.2;    // a rule that goes with its chain's emptying
 constexpr double kMessageMicroseconds = 1.5; // a rule deleted, the way to it aside
 
+// So many pairs of equal rules are looked at: where a chain has more, not all of its rules that could stay do.
+constexpr std::size_t kPairsPerRule = 32;
+
 // One rule on the kernel's way to the rule with a handle, which begins at the chain's first: the longer the chain, the
 // fewer of its rules are in the processor's caches.
 double stepMicroseconds(std::size_t rules) { return 0.001 + 0.0000006 * static_cast<double>(rules); }
@@ -64,12 +67,20 @@ public:
     }
 
     void match() {
-        std::size_t same = 0;
-        while (same < appended_.size() && tail_ + same < held_.size() && equals(tail_ + same, same)) {
-            plan_.matches.push_back({tail_ + same, same});
-            ++same;
+        std::size_t front = 0;
+        while (front < appended_.size() && tail_ + front < held_.size() && equals(tail_ + front, front)) {
+            plan_.matches.push_back({tail_ + front, front});
+            ++front;
         }
-        matchRest(tail_ + same, same);
+        std::size_t heldEnd = held_.size();
+        std::size_t appendedEnd = appended_.size();
+        while (heldEnd > tail_ + front && appendedEnd > front && equals(heldEnd - 1, appendedEnd - 1)) {
+            --heldEnd;
+            --appendedEnd;
+        }
+        matchBetween({tail_ + front, heldEnd}, {front, appendedEnd});
+        for (; heldEnd < held_.size(); ++heldEnd, ++appendedEnd)
+            plan_.matches.push_back({heldEnd, appendedEnd});
     }
 
     ChainPlan finish(PlanLimits limits) {
@@ -95,28 +106,58 @@ private:
         return held_[held].rule && *held_[held].rule == *appended_[appended];
     }
 
-    // The first of several equal rules goes with the first of those that equal it, and so on; of all these pairs as
-    // many stay as can without a change of order.
-    void matchRest(std::size_t firstHeld, std::size_t firstAppended) {
-        if (firstHeld == held_.size() || firstAppended == appended_.size())
+    using Places = std::unordered_map<const Rule *, std::vector<std::size_t>, Hash, Equal>;
+    struct Range {
+        std::size_t begin;
+        std::size_t end;
+    };
+
+    // As many stay as can without a change of order.
+    void matchBetween(Range held, Range appended) {
+        if (held.begin == held.end || appended.begin == appended.end)
             return;
-        std::unordered_map<const Rule *, std::vector<std::size_t>, Hash, Equal> places;
-        for (std::size_t i = held_.size(); i > firstHeld; --i) {
+        Places places; // of each rule, falling
+        for (std::size_t i = held.end; i > held.begin; --i) {
             if (held_[i - 1].rule)
                 places[&*held_[i - 1].rule].push_back(i - 1);
         }
-        std::vector<ChainPlan::Match> pairs;
+        const std::size_t mostPairs = kPairsPerRule * (held.end - held.begin + appended.end - appended.begin);
+        auto pairs = allPairs(places, appended, mostPairs);
+        if (pairs.size() > mostPairs)
+            pairs = onePairEach(places, appended);
         std::vector<std::size_t> values;
-        for (std::size_t i = firstAppended; i < appended_.size(); ++i) {
+        values.reserve(pairs.size());
+        for (const ChainPlan::Match &pair : pairs)
+            values.push_back(pair.held);
+        for (const std::size_t place : longestRising(values))
+            plan_.matches.push_back(pairs[place]);
+    }
+
+    // Each appended rule with each that equals it, in such an order that a rising run has each appended rule once. More
+    // than `most` when there are more.
+    std::vector<ChainPlan::Match> allPairs(const Places &places, Range appended, std::size_t most) const {
+        std::vector<ChainPlan::Match> pairs;
+        for (std::size_t i = appended.begin; i < appended.end && pairs.size() <= most; ++i) {
+            const auto found = places.find(appended_[i]);
+            if (found == places.end())
+                continue;
+            for (const std::size_t place : found->second)
+                pairs.push_back({place, i});
+        }
+        return pairs;
+    }
+
+    // The first of several equal rules with the first of those that equal it, and so on.
+    std::vector<ChainPlan::Match> onePairEach(Places &places, Range appended) const {
+        std::vector<ChainPlan::Match> pairs;
+        for (std::size_t i = appended.begin; i < appended.end; ++i) {
             const auto found = places.find(appended_[i]);
             if (found == places.end() || found->second.empty())
                 continue;
             pairs.push_back({found->second.back(), i});
-            values.push_back(found->second.back());
             found->second.pop_back();
         }
-        for (const std::size_t place : longestRising(values))
-            plan_.matches.push_back(pairs[place]);
+        return pairs;
     }
 
     void listDeletions() {
