@@ -6,6 +6,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <system_error>
+#include <unistd.h>
 
 #include "support/unique-fd.h"
 #include "vlog/line.h"
@@ -129,7 +130,10 @@ private:
             return false;
         if (!isSameFile(locked, identity_) || ::stat(file_.path.c_str(), &named) != 0 || !isSameFile(locked, named))
             return true;
-        return std::rename(file_.path.c_str(), (file_.path + ".1").c_str()) == 0;
+        // ext4 writes a file out before it lets it replace another one, which takes a millisecond.
+        const std::string old = file_.path + ".1";
+        ::unlink(old.c_str());
+        return std::rename(file_.path.c_str(), old.c_str()) == 0;
     }
 
     const FileSink file_;

@@ -8,6 +8,8 @@
 
 namespace {
 
+constexpr std::size_t kUsualLength = 128;
+
 int invokeRLVIptablesCommit(const std::string &options) {
     NYR_LOG_INFO(NYR_LOG_TAG_ENGINE, "invokeRLVIptablesCommit options: %s", options.c_str());
     int errorCode = 0;
@@ -29,8 +31,9 @@ void appendOption(std::string &options, const char *option, const std::string &v
 }
 
 int applyRule(const std::string &chain, const FirewallRule &rule, const char *addressOption, const char *portOption) {
-    std::string options = "-A ";
-    options.append(chain);
+    std::string options;
+    options.reserve(kUsualLength);
+    options.append("-A ").append(chain);
     appendOption(options, " -p ", rule.protocol);
     appendOption(options, addressOption, rule.domain);
     appendOption(options, portOption, rule.port);
