@@ -5,6 +5,7 @@
 #include <exception>
 #include <limits>
 
+#include "host/reply-lines.h"
 #include "vlog/vlog.h"
 
 namespace host {
@@ -34,12 +35,15 @@ void judge(const rlv::ConnectionOutcome &connection, Verdict &verdict) {
     for (const auto &command : connection.lost) {
         if (mayBeThoughtInForce(command))
             verdict.notInForce.push_back(command.options + ": " + command.message);
-        verdict.hasLost = verdict.hasLost || !command.refusedAtOnce;
+        if (!command.refusedAtOnce)
+            verdict.lost.push_back(command.options);
     }
     if (connection.lostBeyondList > 0)
         verdict.notInForce.push_back(std::to_string(connection.lostBeyondList) + " more commands");
-    verdict.hasLost = verdict.hasLost || connection.lostBeyondList > 0;
-    if (connection.end == rlv::ConnectionEnd::vanished)
+    if (connection.lostBeyondList > 0 && connection.lost.empty())
+        verdict.lost.push_back(std::to_string(connection.lostBeyondList) + " commands");
+    // One that still seems open got no answer to its end: the service will find out that nobody is there.
+    if (connection.end != rlv::ConnectionEnd::closed)
         verdict.interruption = "a connection to the traffic-control service broke";
 }
 
@@ -99,10 +103,10 @@ Verdict CallWatch::verdict() const {
     for (const std::uint64_t number : openings)
         first = std::min(first, std::max<std::uint64_t>(number, 1));
     try {
-        return judge(rlv::query(first - 1), openings);
+        return judge(rlv::query(first - 1, kQueryTimeout), openings);
     } catch (const std::exception &error) {
         Verdict verdict;
-        verdict.notInForce.push_back(std::string("not known: ") + error.what());
+        verdict.notInForce.push_back(std::string(kNotKnown) + error.what());
         const bool wasUsed = std::any_of(openings.begin(), openings.end(), [](std::uint64_t one) { return one != 0; });
         if (wasUsed)
             verdict.interruption = error.what();

@@ -2,6 +2,7 @@
 #ifndef PLATFORM_HOST_CALL_WATCH_H
 #define PLATFORM_HOST_CALL_WATCH_H
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -12,6 +13,10 @@
 
 namespace host {
 
+// The host is one thread: while it waits for the service it serves nobody. The service answers questions at once, also
+// while it works.
+constexpr std::chrono::milliseconds kQueryTimeout{2'000};
+
 // The text from its tag on and without colours, when it is an ERROR line.
 std::optional<std::string> errorText(const vlog::Line &line);
 
@@ -21,8 +26,9 @@ struct Verdict {
     std::vector<std::string> notInForce;
     // Why a connection did not come to its end, so that stored rules and the kernel's may differ; empty when all did.
     std::string interruption;
-    // Something was lost on a connection that came to its end.
-    bool hasLost = false;
+    // What was accepted and then lost on a connection that came to its end, as it was sent. Where the service kept too
+    // few texts to tell, the others count like those that it kept, and as lost when it kept none.
+    std::vector<std::string> lost;
 };
 
 // What became of the connections with these numbers, which a call has opened in this order (0 for one that could not be

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <exception>
@@ -11,6 +10,7 @@
 
 #include <json/json.h>
 
+#include "host/call-watch.h"
 #include "host/collector.h"
 #include "host/log.h"
 #include "host/paths.h"
@@ -85,13 +85,10 @@ Json::Value storedAndExpected() {
     return counts;
 }
 
-// Somebody waits for the answer, and nobody else is served meanwhile.
-constexpr std::chrono::milliseconds kQueryTime{2'000};
-
 void addServiceState(Json::Value &document) {
     document["missing"] = Json::Value(Json::arrayValue);
     try {
-        const auto state = rlv::query(0, kQueryTime);
+        const auto state = rlv::query(0, kQueryTimeout);
         for (const auto &part : missingParts(state))
             document["missing"].append(part);
         document["inForce"] = document["missing"].empty();

@@ -19,7 +19,8 @@ namespace host {
 //               configuration's and the newest statistics report's in the outbox
 //   "simulated" true when the traffic-control service only plays; "serviceProblem" why it cannot be asked, or empty:
 //               then "inForce" is false and its rules are left out
-//   "rebuild"   when the tables are built anew by themselves, and why; empty when nothing of the kind is waited for
+//   "rebuild"   when the tables are built anew by themselves, and why, or "given up: <reason>" when what was lost was
+//               lost again; empty when nothing of the kind is waited for
 //   "families"  "IPv4 only"
 // Throws mavo::Exception, which names the file, when the rule database cannot be read.
 std::string statusDocument(int stored, int applied, const std::string &collectorProblem, const std::string &rebuild);

@@ -1,6 +1,8 @@
 #include "host/host.h"
 
+#include <cstdint>
 #include <exception>
+#include <limits>
 #include <mutex>
 #include <optional>
 #include <vector>
@@ -11,6 +13,7 @@
 #include "host/log.h"
 #include "host/paths.h"
 #include "host/plugin-config.h"
+#include "host/reply-lines.h"
 #include "mavo/rmi-server.h"
 
 namespace host {
@@ -22,6 +25,8 @@ struct Host::Instance {
 
 namespace {
 
+// A query tells of connections above a number; none is above this one.
+constexpr std::uint64_t kNoConnections = std::numeric_limits<std::uint64_t>::max();
 constexpr const char *kStartCollector = "EnableStatCollector";
 
 // One line for a person, of whatever is being handled.
@@ -70,9 +75,11 @@ AbstractDPluginProvider *Host::callFactory(mavo::rmi::Service &service) const tr
 void Host::restoreAfterFailedFactory(bool disabled) {
     if (current_ == nullptr)
         return;
+    if (applied_ != 0)
+        return;
     if (disabled)
         keepDisabled(*current_->plugin);
-    else if (applied_ == 0)
+    else
         applyStatus(0);
 }
 
@@ -89,7 +96,10 @@ void Host::keepDisabled(AbstractDPluginProvider &plugin) {
         throw std::runtime_error("the plugin is stored as disabled and could not be disabled again");
 }
 
-void Host::bringUp() {
+void Host::bringUp() { bringUpWith(std::nullopt); }
+
+// `applied` is the status to have then, where it is not the stored one.
+void Host::bringUpWith(std::optional<int> applied) {
     const std::string problem = dataProblem();
     if (!problem.empty())
         throw std::runtime_error(problem);
@@ -112,15 +122,44 @@ void Host::bringUp() {
     kept->push_back(std::move(instance));
     current_ = kept->back().get();
     applied_ = disabled ? 0 : 1;
-    startWantedCollector();
-    if (rebuild_ != nullptr)
-        rebuild_->settle();
+    if (applied && *applied != applied_)
+        applyStatus(*applied);
+    else
+        startWantedCollector();
 }
 
-std::string Host::bringUpAndJudge() {
+std::string Host::bringUpAndJudge(std::optional<int> applied) {
     const CallWatch watch;
-    bringUp();
-    return watch.verdict().interruption;
+    bringUpWith(applied);
+    std::string reason = reasons_.afterBringUp(watch.verdict());
+    if (!reasons_.givenUp().empty())
+        logError("the tables are not built anew again: " + reasons_.givenUp());
+    return reason;
+}
+
+std::string Host::start() { return bringUpAndJudge(std::nullopt); }
+
+std::string Host::rebuild() try {
+    static_cast<void>(rlv::query(kNoConnections, kQueryTimeout)); // the plugin would wait longer for one that hangs
+    return bringUpAndJudge(applied_);
+} catch (...) {
+    return textOfException();
+}
+
+// The caller learns of it in its reply: the rebuild begins when that is on its way.
+void Host::orderRebuild(const Verdict &verdict, bool broughtUp, mavo::rmi::Reply &reply) {
+    const std::string reason = broughtUp ? reasons_.afterBringUp(verdict) : reasons_.afterCall(verdict);
+    if (rebuild_ == nullptr)
+        return;
+    const std::string remark(kRebuild);
+    if (!reason.empty()) {
+        reply.notInForce.push_back(remark + reason + "; the tables are built anew from the stored rules");
+        rebuild_->want(reason);
+    } else if (!verdict.lost.empty()) {
+        reply.notInForce.push_back(remark + "the tables were built anew for this already, and are not again");
+    }
+    if (reason.empty() && broughtUp)
+        rebuild_->settle();
 }
 
 int Host::reload() try {
@@ -181,9 +220,10 @@ int Host::getStatus() {
 
 std::string Host::statusDocument() const {
     const std::string problem = removeDeadMarker();
+    const std::string pending = rebuild_ != nullptr ? rebuild_->remark() : std::string();
     const std::lock_guard<std::mutex> lock(PolicyStorage::dbLock);
     return host::statusDocument(PolicyStorage::backend->readStatus(kPluginName), applied_, problem,
-                                rebuild_ != nullptr ? rebuild_->remark() : std::string());
+                                pending.empty() ? reasons_.givenUp() : pending);
 }
 
 std::string Host::rulesDocument() const { return host::rulesDocument(); }
@@ -197,8 +237,9 @@ std::shared_ptr<const mavo::rmi::MethodContext> Host::find(const std::string &na
 }
 
 mavo::rmi::Reply Host::invoke(const std::string &name, const mavo::rmi::MethodContext &method,
-                              mavo::rmi::Message &request) const {
+                              mavo::rmi::Message &request) {
     const CallWatch watch;
+    const auto *const before = current_;
     mavo::rmi::MethodContext guarded;
     guarded.dispatcher = [this, &method](mavo::rmi::Message &arguments) {
         return guard_.run([&] { return method.dispatcher(arguments); });
@@ -207,16 +248,9 @@ mavo::rmi::Reply Host::invoke(const std::string &name, const mavo::rmi::MethodCo
     if (reply.status == mavo::rmi::Status::exception)
         logInfo(name + " ended with an exception: " + reply.error);
     reply.errorLines = watch.errorLines();
-    Verdict verdict = onlyLooks(name) ? Verdict() : watch.verdict();
-    reply.notInForce = std::move(verdict.notInForce);
-    // What was lost on a connection that came to its end may be lost again: it gets one attempt, which cares for
-    // interruptions alone.
-    if (verdict.interruption.empty() && verdict.hasLost)
-        verdict.interruption = "accepted commands were lost";
-    if (!verdict.interruption.empty() && rebuild_ != nullptr) {
-        reply.notInForce.push_back(verdict.interruption + "; the tables are built anew from the stored rules");
-        rebuild_->want(verdict.interruption);
-    }
+    const Verdict verdict = onlyLooks(name) ? Verdict() : watch.verdict();
+    reply.notInForce = verdict.notInForce;
+    orderRebuild(verdict, current_ != before, reply);
     return reply;
 }
 

@@ -3,12 +3,14 @@
 #define PLATFORM_HOST_HOST_H
 
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
 #include "host/call-watch.h"
 #include "host/plugin-guard.h"
 #include "host/plugin-library.h"
+#include "host/rebuild-reasons.h"
 #include "host/rebuild.h"
 #include "host/status-storage.h"
 #include "mavo/rmi-protocol.h"
@@ -34,8 +36,12 @@ public:
     // and starts a collector that is switched on. Throws std::runtime_error with one line when no plugin comes up; then
     // the one before it, if there is one, goes on serving.
     void bringUp();
-    // The same, and gives back why it has to be done again: nothing, or why the tables may not be what was stored.
-    std::string bringUpAndJudge();
+    // The same for the first time. Gives back why it has to be done again: nothing, or why the tables may not be what
+    // was stored.
+    std::string start();
+    // The same by the host's own decision: the status as last applied stays, too, and while the service does not answer
+    // the plugin is not bothered. What would be thrown is given back.
+    std::string rebuild();
 
     // The operations of the plugin. Its exceptions go to the caller, who never lets them past a further bringUp().
     std::string executeCommand(const std::string &command, const std::string &data);
@@ -52,13 +58,17 @@ public:
 
     // The remote method of that name, the host's own or the plugin's, or null.
     std::shared_ptr<const mavo::rmi::MethodContext> find(const std::string &name) const;
-    // Carries out a remote call. Throws nothing, whatever the plugin throws.
+    // Carries out a remote call. Throws nothing, whatever the plugin throws. When a rebuild follows, `notInForce` of
+    // the reply says so and why.
     mavo::rmi::Reply invoke(const std::string &name, const mavo::rmi::MethodContext &method,
-                            mavo::rmi::Message &request) const;
+                            mavo::rmi::Message &request);
 
 private:
     struct Instance;
 
+    void bringUpWith(std::optional<int> applied);
+    std::string bringUpAndJudge(std::optional<int> applied);
+    void orderRebuild(const Verdict &verdict, bool broughtUp, mavo::rmi::Reply &reply);
     int storedStatus();
     void keepDisabled(AbstractDPluginProvider &plugin);
     AbstractDPluginProvider *callFactory(mavo::rmi::Service &service) const;
@@ -72,6 +82,7 @@ private:
     const Instance *current_ = nullptr; // kept for ever
     int applied_ = -1;                  // the status last applied, -1 before the first
     Rebuild *rebuild_ = nullptr;
+    RebuildReasons reasons_;
 };
 
 // Adds the remote methods of the host itself, for callers with the privilege /privilege/vpk.admin.

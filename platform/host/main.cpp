@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "host/call-watch.h"
 #include "host/data-check.h"
 #include "host/fork-handler.h"
 #include "host/host.h"
@@ -57,7 +58,7 @@ void chooseLog(const Options &options) {
 void requireTrafficControl(const Options &options) {
     rlv::setSocketPath(options.rlvSocket);
     try {
-        rlv::query(0);
+        rlv::query(0, host::kQueryTimeout);
     } catch (const std::exception &error) {
         throw std::runtime_error("the traffic-control service does not answer at " + options.rlvSocket + ": " +
                                  error.what());
@@ -77,7 +78,7 @@ void run(const Options &options) {
     host::ServerLoop server(std::move(lock));
     host::handleForks({host::ServerLoop::signals(), [&server] { return server.descriptors(); }});
     host::Host host(host::loadPlugin(options.plugin));
-    const std::string interruption = host.bringUpAndJudge();
+    const std::string interruption = host.start();
     server.serve(host, options.socket, privileges, interruption);
 }
 

@@ -51,13 +51,15 @@ void Rebuild::schedule(std::chrono::milliseconds delay) {
 
 void Rebuild::attempt() {
     timer_ = 0;
+    const int before = failures_; // an attempt may settle() and fail all the same
     const std::string problem = attempt_();
     if (problem.empty()) {
         logInfo("the tables were built anew");
         return settle();
     }
     reason_ = problem;
-    const auto pause = pauseAfter(++failures_);
+    failures_ = before + 1;
+    const auto pause = pauseAfter(failures_);
     logError("the tables could not be built anew, next attempt " + inSeconds(pause) + ": " + problem);
     schedule(pause);
 }

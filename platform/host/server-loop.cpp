@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <csignal>
-#include <exception>
 #include <filesystem>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
@@ -68,13 +67,7 @@ void ServerLoop::serve(Host &host, const std::string &socket, const mavo::rmi::P
         [&host](const std::string &name, const mavo::rmi::MethodContext &method, mavo::rmi::Message &request) {
             return host.invoke(name, method, request);
         });
-    Rebuild rebuild(loop_, [&host]() -> std::string {
-        try {
-            return host.bringUpAndJudge();
-        } catch (const std::exception &error) {
-            return error.what();
-        }
-    });
+    Rebuild rebuild(loop_, [&host] { return host.rebuild(); });
     host.setRebuild(&rebuild);
     if (!interruption.empty())
         rebuild.want(interruption);

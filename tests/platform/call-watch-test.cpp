@@ -51,23 +51,31 @@ TEST(ACommand, IsNotInForceWhenItWasAcceptedAndLost) {
 TEST(ACommand, CountsWhereItsTextWasTooMuchToKeep) {
     const auto verdict = host::judge(stateOf({{7, ConnectionEnd::closed, {}, 12}}), {7});
     EXPECT_THAT(verdict.notInForce, ElementsAre("12 more commands"));
-    EXPECT_TRUE(verdict.hasLost);
+    EXPECT_THAT(verdict.lost, ElementsAre("12 commands"));
+}
+
+TEST(ACommand, CountsAsRefusedWhereItsTextWasTooMuchToKeepAmongRefusals) {
+    const LostCommand refused{"-A VPK-DENY -s nowhere -j DROP", 2, "host not found", true};
+    const auto verdict = host::judge(stateOf({{7, ConnectionEnd::closed, {refused}, 12}}), {7});
+    EXPECT_THAT(verdict.notInForce.size(), 2U);
+    EXPECT_THAT(verdict.lost, IsEmpty());
 }
 
 TEST(ACommand, IsLostOnlyWhenItWasAcceptedFirst) {
-    const auto hasLost = [](bool refusedAtOnce) {
+    const auto lostOf = [](bool refusedAtOnce) {
         const LostCommand lost{"-A VPK-DENY -j DROP", 4, "lost", refusedAtOnce};
-        return host::judge(stateOf({{7, ConnectionEnd::closed, {lost}, 0}}), {7}).hasLost;
+        return host::judge(stateOf({{7, ConnectionEnd::closed, {lost}, 0}}), {7}).lost;
     };
-    EXPECT_TRUE(hasLost(false));
-    EXPECT_FALSE(hasLost(true));
+    EXPECT_THAT(lostOf(false), ElementsAre("-A VPK-DENY -j DROP"));
+    EXPECT_THAT(lostOf(true), IsEmpty());
 }
 
-TEST(AConnection, IsAnInterruptionWhenItVanished) {
+TEST(AConnection, IsAnInterruptionWhenItDidNotComeToItsEnd) {
     const auto interruption = [](ConnectionEnd end) {
         return host::judge(stateOf({{7, end, {}, 0}}), {7}).interruption;
     };
     EXPECT_EQ(interruption(ConnectionEnd::vanished), "a connection to the traffic-control service broke");
+    EXPECT_EQ(interruption(ConnectionEnd::open), "a connection to the traffic-control service broke");
     EXPECT_EQ(interruption(ConnectionEnd::closed), "");
 }
 

@@ -10,7 +10,6 @@ namespace {
 
 using support::EventLoop;
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 TEST(APause, DoublesFromOneSecondToFiveMinutes) {
     std::vector<long> pauses;
@@ -23,7 +22,7 @@ TEST(APause, DoublesFromOneSecondToFiveMinutes) {
 class ARebuild : public testing::Test {
 protected:
     std::string attempt() {
-        const std::string result = results.at(attempts);
+        std::string result = results.at(attempts);
         if (++attempts == results.size())
             loop.stop();
         return result;
@@ -50,6 +49,17 @@ TEST_F(ARebuild, IsTriedAgainAfterAPauseWhenItFailed) {
     loop.run();
     EXPECT_EQ(attempts, 2U);
     EXPECT_GE(EventLoop::Clock::now() - start, std::chrono::seconds(1));
+}
+
+TEST_F(ARebuild, PausesLongerThoughAnAttemptSettlesBeforeItFails) {
+    host::Rebuild settling(loop, [this, &settling] {
+        settling.settle();
+        return attempt();
+    });
+    results = {"it broke", "it broke again"};
+    settling.want("a reason");
+    loop.run();
+    EXPECT_EQ(settling.remark(), "next attempt in 2 s: it broke again");
 }
 
 TEST_F(ARebuild, SaysWhatItWaitsFor) {

@@ -44,7 +44,11 @@ void write(const std::string &file, const std::string &text) {
 
 bool exists(const std::string &path) { return ::access(path.c_str(), F_OK) == 0; }
 
-void AHost::SetUp() {
+void AHost::SetUp() { startService(); }
+
+void AHost::startService() {
+    // A predecessor that was killed has left its socket.
+    std::filesystem::remove(kServiceSocket);
     std::filesystem::create_directories("/run/vpk/rlvd");
     service_.emplace(std::vector<std::string>{process::built("rlvd"), "--simulate", "--socket", kServiceSocket,
                                               "--log-file", "/run/rlvd.log"});

@@ -27,6 +27,9 @@ class AHost : public testing::Test {
 protected:
     void SetUp() override;
 
+    // Starts the simulated service and waits until it serves.
+    void startService();
+
     // The command line of vpkd with the test plugin, and `more`.
     static std::vector<std::string> commandLine(const std::vector<std::string> &more = {});
     // Starts vpkd and waits until it serves. Fails the test when it does not.

@@ -15,6 +15,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <sys/klog.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -32,6 +33,7 @@ namespace fs = std::filesystem;
 
 const fs::path kNotes = "/run/test-plugin";
 const fs::path kConfig = "/opt/data/vpk/dplugins/nyr-firewall-plugin/config/config.json";
+constexpr std::string_view kWait = "wait ";
 constexpr const char *kMarker = "/nyr_firewall_sd";
 
 std::string contents(const fs::path &path) {
@@ -116,13 +118,24 @@ std::string kernelLog(const std::string &filter) {
     return found;
 }
 
-// Sends each line as a command, on one connection.
+std::string waitForFile(const std::string &path) {
+    while (!fs::exists(path))
+        ::usleep(1000);
+    return {};
+}
+
+// Sends each line as a command, on one connection. At a line "wait FILE" it notes "waiting" and waits for the file.
 std::string commitRules(const std::string &lines) {
     rlv_handle handle = 0;
     if (const int error = rlv_initialize(&handle))
         return "error " + std::to_string(error);
     std::istringstream commands(lines);
     for (std::string command; std::getline(commands, command);) {
+        if (command.rfind(kWait, 0) == 0) {
+            note("waiting");
+            waitForFile(command.substr(kWait.size()));
+            continue;
+        }
         int code = 0;
         char *message = nullptr;
         rlv_iptables_commit(handle, command.c_str(), &code, &message);
@@ -135,12 +148,6 @@ std::string commitRules(const std::string &lines) {
 std::string logError(const std::string &text) {
     vlog_print(VLOG_ID_MAIN, VLOG_PRIORITY_INFO, "TEST", "file.cpp: log(1) > \033[36mTEST: not this\033[0m");
     vlog_print(VLOG_ID_MAIN, VLOG_PRIORITY_ERROR, "TEST", "file.cpp: log(2) > \033[31mTEST: %s\033[0m", text.c_str());
-    return {};
-}
-
-std::string waitForFile(const std::string &path) {
-    while (!fs::exists(path))
-        ::usleep(1000);
     return {};
 }
 

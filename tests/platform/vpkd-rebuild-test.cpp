@@ -1,0 +1,213 @@
+// The policy host after operations that were interrupted.
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <optional>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/vpkd-fixture.h"
+
+namespace {
+
+using testing::AllOf;
+using testing::Each;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+using vpkdtest::contents;
+
+constexpr const char *kNonePending = R"("rebuild":"")";
+constexpr const char *kDone = "VPKD: the tables were built anew\n";
+constexpr const char *kPending = R"("rebuild":"next attempt )";
+
+std::size_t count(const std::string &text, const std::string &part) {
+    std::size_t found = 0;
+    for (auto at = text.find(part); at != std::string::npos; at = text.find(part, at + 1))
+        ++found;
+    return found;
+}
+
+class VpkdsRebuild : public vpkdtest::AHost {
+protected:
+    // Begins an operation that stops in the middle of its connection.
+    void beginAnOperation() {
+        operation_.emplace(
+            std::vector<std::string>{process::built("vpkctl"), "exec", "commit", "wait /run/go-on\n-N VPK-B"});
+        ASSERT_TRUE(operation_->waitReady([] { return count(noted(), "waiting\n") > 0; })) << operation_->errors();
+    }
+    void endTheOperation() {
+        vpkdtest::write("/run/go-on", "");
+        EXPECT_EQ(operation_->wait(), 1);
+        EXPECT_THAT(operation_->errors(), HasSubstr("; the tables are built anew from the stored rules\n"));
+        operation_.reset();
+    }
+    // Kills the service in the middle of an operation.
+    void interruptAnOperation() {
+        std::filesystem::remove("/run/go-on");
+        std::filesystem::remove(std::string(vpkdtest::kNotes) + "calls");
+        beginAnOperation();
+        service_->kill();
+        endTheOperation();
+    }
+    // Nobody but the host itself does anything for that.
+    static bool becomesDone() {
+        return process::waitUntil([] { return count(contents(vpkdtest::kLog), kDone) > 0; });
+    }
+    // Since the interruption, if there was one.
+    static std::size_t factoryCalls() { return count(noted(), "factory\n"); }
+
+    std::optional<process::Child> operation_;
+};
+
+TEST_F(VpkdsRebuild, ComesByItselfWhenTheServiceIsBack) {
+    start();
+    interruptAnOperation();
+    startService();
+    EXPECT_TRUE(becomesDone());
+    EXPECT_EQ(factoryCalls(), 1U);
+    EXPECT_THAT(text("Host::status"), HasSubstr(kNonePending));
+}
+
+TEST_F(VpkdsRebuild, IsToldWhileItIsPending) {
+    start();
+    interruptAnOperation();
+    EXPECT_THAT(text("Host::status"), AllOf(HasSubstr(kPending), HasSubstr("traffic-control service: ")));
+    const auto status = process::capture({process::built("vpkctl"), "status"});
+    EXPECT_EQ(status.status, 1);
+    EXPECT_THAT(status.output, HasSubstr("\nrebuilding   next attempt "));
+    EXPECT_TRUE(process::waitUntil([] {
+        return count(contents(vpkdtest::kLog), "built anew, next attempt in 2 s: traffic-control") == 1;
+    })) << contents(vpkdtest::kLog);
+}
+
+TEST_F(VpkdsRebuild, LeavesThePluginAloneWhileTheServiceIsAway) {
+    start();
+    interruptAnOperation();
+    EXPECT_TRUE(
+        process::waitUntil([] { return count(contents(vpkdtest::kLog), "built anew, next attempt in 1 s: ") == 1; }));
+    EXPECT_EQ(factoryCalls(), 0U);
+}
+
+TEST_F(VpkdsRebuild, ComesAtOnceWhenTheServiceHasBeenStartedAnewDuringTheCall) {
+    start();
+    beginAnOperation();
+    service_->kill();
+    startService();
+    endTheOperation();
+    EXPECT_TRUE(becomesDone());
+    EXPECT_THAT(contents(vpkdtest::kLog), Not(HasSubstr("next attempt")));
+    EXPECT_EQ(factoryCalls(), 2U);
+}
+
+TEST_F(VpkdsRebuild, DoesNotFollowACallThatNeverReachedTheService) {
+    start();
+    service_->kill();
+    EXPECT_THAT(execute("commit", "-N VPK-A").notInForce, ElementsAre(StartsWith("not known: ")));
+    EXPECT_THAT(text("Host::status"), HasSubstr(kNonePending));
+}
+
+TEST_F(VpkdsRebuild, DoesNotFollowRefusals) {
+    start();
+    EXPECT_THAT(execute("commit", "-N VPK-A\n-A VPK-A -s 1.2.3 -j DROP\n-X VPK-NONE\n-t nat -A VPK-A\n-A VPK-B -j DROP")
+                    .notInForce,
+                AllOf(Not(IsEmpty()), Each(Not(StartsWith("rebuild: ")))));
+    EXPECT_THAT(execute("throw").notInForce, IsEmpty());
+    EXPECT_THAT(text("Host::status"), HasSubstr(kNonePending));
+    EXPECT_EQ(factoryCalls(), 1U);
+}
+
+TEST_F(VpkdsRebuild, DoesNotFollowAReloadThatFailsForItsOwnReasons) {
+    start();
+    tell("factory", "throw");
+    EXPECT_EQ(number("Host::reload"), -1);
+    EXPECT_THAT(text("Host::status"), HasSubstr(kNonePending));
+}
+
+TEST_F(VpkdsRebuild, IsDroppedAfterAReloadByCommand) {
+    start();
+    interruptAnOperation();
+    ASSERT_TRUE(process::waitUntil( // so that it does not come before the command
+        [] { return count(contents(vpkdtest::kLog), "built anew, next attempt in 4 s: ") > 0; }));
+    startService();
+    EXPECT_EQ(number("Host::reload"), 0);
+    EXPECT_THAT(text("Host::status"), HasSubstr(kNonePending));
+    EXPECT_EQ(factoryCalls(), 1U);
+}
+
+TEST_F(VpkdsRebuild, LetsOtherOperationsBeServed) {
+    start();
+    interruptAnOperation();
+    startService();
+    EXPECT_THAT(execute("commit", "-N VPK-B\n-A VPK-B -j DROP").notInForce, IsEmpty());
+    EXPECT_TRUE(becomesDone());
+}
+
+TEST_F(VpkdsRebuild, IsTriedAgainWhenNoPluginComesUp) {
+    start();
+    interruptAnOperation();
+    tell("factory", "throw");
+    startService();
+    EXPECT_TRUE(process::waitUntil([] {
+        return count(contents(vpkdtest::kLog), " s: the plugin did not come up: thrown by order\n") > 0;
+    })) << contents(vpkdtest::kLog);
+    EXPECT_EQ(number("Test::number"), 1);
+    tell("factory", "");
+    EXPECT_TRUE(becomesDone());
+}
+
+TEST_F(VpkdsRebuild, KeepsBothStatuses) {
+    for (const auto &[stored, applied] : {std::pair{1, 0}, {0, 1}, {0, 0}}) {
+        start();
+        EXPECT_EQ(number("Host::setStatus", stored), 0);
+        EXPECT_EQ(number("Host::applyStatus", applied), 0);
+        interruptAnOperation();
+        startService();
+        EXPECT_TRUE(becomesDone());
+        EXPECT_THAT(text("Host::status"), AllOf(HasSubstr("\"stored\":" + std::to_string(stored)),
+                                                HasSubstr("\"applied\":" + std::to_string(applied))));
+        ASSERT_EQ(stop(), 0);
+        vpkdtest::write(vpkdtest::kLog, "");
+    }
+}
+
+TEST_F(VpkdsRebuild, IsNoneOfAForkedProcess) {
+    start();
+    interruptAnOperation();
+    EXPECT_EQ(number("Test::returnChild"), 0);
+    startService();
+    EXPECT_TRUE(becomesDone());
+    EXPECT_EQ(factoryCalls(), 1U);
+}
+
+TEST_F(VpkdsRebuild, DoesNotKeepTheHostFromEnding) {
+    start();
+    interruptAnOperation();
+    EXPECT_EQ(host_->terminate(std::chrono::seconds(5)), 0);
+    EXPECT_EQ(factoryCalls(), 0U);
+}
+
+TEST_F(VpkdsRebuild, DoesNotKeepTheHostFromEndingWhileTheServiceHangs) {
+    start();
+    tell("factory", "throw"); // should the service serve for a moment
+    interruptAnOperation();
+    startService();
+    service_->signal(SIGSTOP);
+    EXPECT_TRUE(process::waitUntil(
+        [] { return count(contents(vpkdtest::kLog), "traffic-control service: Connection timed out") > 0; }));
+    EXPECT_EQ(host_->terminate(std::chrono::seconds(5)), 0);
+}
+
+TEST_F(VpkdsRebuild, IsNotNeededForStatusWhichIsToldSoonThoughTheServiceHangs) {
+    start();
+    service_->signal(SIGSTOP);
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_THAT(text("Host::status"), AllOf(HasSubstr("\"inForce\":false"), HasSubstr(kNonePending)));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(6)); // a query may take 10 s
+    service_->signal(SIGCONT);
+}
+
+} // namespace
