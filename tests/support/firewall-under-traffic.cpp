@@ -82,7 +82,7 @@ void replaceRules(const std::string &chain, const Rules &rules) {
     process::Options options;
     options.input = "*filter\n-F " + chain + "\n";
     for (const auto &rule : rules)
-        options.input += "-A " + chain + " " + rule + "\n";
+        options.input.append("-A ").append(chain).append(" ").append(rule).append("\n");
     options.input += "COMMIT\n";
     const auto result = process::capture({"iptables-restore", "--noflush"}, options);
     require(result.status == 0, "iptables-restore: " + result.errors);
