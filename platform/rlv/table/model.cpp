@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <set>
 #include <utility>
 
 #include "rlv/table/answers.h"
@@ -24,10 +25,10 @@ LostCommand lostCommand(const std::string &options, const Answer &answer) {
     return {options, answer.code, answer.message, false};
 }
 
-// What others did may have reached the aim of a command already.
+// What others did may have reached the aim of a command already: nothing is left to be made or removed.
 bool isAimMissed(Action action, const Answer &answer) {
-    return answer.code != 0 &&
-           (action == Action::appendRule || (action == Action::removeChain && answer.code != noSuchChain().code));
+    constexpr int kRefused = 4;
+    return answer.code == kRefused || (answer.code != 0 && action == Action::appendRule);
 }
 
 } // namespace
@@ -63,25 +64,27 @@ std::size_t Model::heldCount(const std::string &name) const {
 }
 
 Answer Model::apply(const std::vector<Command> &commands, const std::string &options) {
-    if (commands.empty())
-        return {};
+    return commands.empty() ? Answer() : carryOut(commands, {++lastOrigin_, options});
+}
+
+Answer Model::carryOut(const std::vector<Command> &commands, const Origin &origin) {
     const Command &first = commands.front();
     switch (first.action) {
     case Action::flushChain:
-        return flushChain(first.chain, options);
+        return flushChain(first.chain, origin);
     case Action::makeChain:
-        return makeChain(first.chain, options);
+        return makeChain(first.chain, origin);
     case Action::removeChain:
-        return removeChain(first.chain, options);
+        return removeChain(first.chain, origin);
     case Action::appendRule:
-        return appendRules(commands, options);
+        return appendRules(commands, origin);
     case Action::deleteRule:
         break;
     }
-    return deleteRules(commands, options);
+    return deleteRules(commands, origin);
 }
 
-Answer Model::flushChain(const std::string &name, const std::string &options) {
+Answer Model::flushChain(const std::string &name, const Origin &origin) {
     Chain *const chain = find(name);
     if (chain == nullptr)
         return noSuchChain();
@@ -92,25 +95,25 @@ Answer Model::flushChain(const std::string &name, const std::string &options) {
     chain->appended.clear();
     chain->deleted.clear();
     chain->jumps.clear();
-    chain->flushed = originOf(options);
+    chain->flushed = origin;
     changed_ = true;
     return {};
 }
 
-Answer Model::makeChain(const std::string &name, const std::string &options) {
+Answer Model::makeChain(const std::string &name, const Origin &origin) {
     if (find(name) != nullptr)
         return chainExists();
     if (room() == 0)
         return tooManyRules(maxRules_);
     Chain &chain = chains_[name];
     chain.exists = true;
-    chain.made = originOf(options);
+    chain.made = origin;
     ++count_;
     changed_ = true;
     return {};
 }
 
-Answer Model::removeChain(const std::string &name, const std::string &options) {
+Answer Model::removeChain(const std::string &name, const Origin &origin) {
     Chain *const chain = find(name);
     if (chain == nullptr)
         return noSuchChain();
@@ -120,13 +123,13 @@ Answer Model::removeChain(const std::string &name, const std::string &options) {
     --count_;
     changed_ = true;
     chain->exists = false;
-    chain->removed = originOf(options);
+    chain->removed = origin;
     if (heldChain(name) == nullptr)
         chains_.erase(name);
     return {};
 }
 
-Answer Model::appendRules(const std::vector<Command> &commands, const std::string &options) {
+Answer Model::appendRules(const std::vector<Command> &commands, const Origin &origin) {
     const std::string &name = commands.front().chain;
     const Rule &first = commands.front().rule; // all have its target
     if (isJump(first) && find(first.target.text) == nullptr)
@@ -149,7 +152,6 @@ Answer Model::appendRules(const std::vector<Command> &commands, const std::strin
             chains_.erase(name);
         return kernelRefused("RULE_APPEND", EMLINK, "rule in chain", name);
     }
-    const Origin origin = originOf(options);
     for (const Command &command : commands) {
         chain->appended.push_back({command.rule, origin});
         if (isJump(command.rule))
@@ -163,7 +165,7 @@ Answer Model::appendRules(const std::vector<Command> &commands, const std::strin
 }
 
 // The first rule that equals each command's; two commands are two rules.
-Answer Model::deleteRules(const std::vector<Command> &commands, const std::string &options) {
+Answer Model::deleteRules(const std::vector<Command> &commands, const Origin &origin) {
     const std::string &name = commands.front().chain;
     const Rule &first = commands.front().rule;
     if (isJump(first) && find(first.target.text) == nullptr)
@@ -192,7 +194,6 @@ Answer Model::deleteRules(const std::vector<Command> &commands, const std::strin
             return noSuchRule();
         places.push_back(place);
     }
-    const Origin origin = originOf(options);
     std::sort(places.rbegin(), places.rend());
     for (const std::size_t place : places) {
         if (place < rules.size()) {
@@ -293,28 +294,30 @@ void Model::setHandles(const std::string &chain, const std::vector<std::uint64_t
 void Model::loseAppended(const std::string &chain, const std::vector<RefusedRule> &refused,
                          std::vector<LostCommand> &lost) {
     Chain &from = chains_.at(chain);
-    auto next = refused.begin();
-    std::size_t kept = 0;
-    for (std::size_t i = 0; i < from.appended.size(); ++i) {
-        if (next != refused.end() && next->place == i) {
-            lost.push_back(lostCommand(from.appended[i].origin.options, next->answer));
-            ++next;
-            dropJump(from, from.appended[i].rule);
-            --count_;
-        } else {
-            if (kept != i)
-                from.appended[kept] = std::move(from.appended[i]);
-            ++kept;
-        }
+    std::set<std::uint64_t> numbers;
+    for (const RefusedRule &rule : refused) {
+        const Origin &origin = from.appended[rule.place].origin;
+        if (numbers.insert(origin.number).second)
+            lost.push_back(lostCommand(origin.options, rule.answer));
     }
-    from.appended.resize(kept);
+    const auto isLost = [&](const Appended &rule) { return numbers.count(rule.origin.number) > 0; };
+    for (const Appended &rule : from.appended) {
+        if (isLost(rule))
+            dropJump(from, rule.rule);
+    }
+    const auto kept = std::remove_if(from.appended.begin(), from.appended.end(), isLost);
+    count_ -= static_cast<std::size_t>(from.appended.end() - kept);
+    from.appended.erase(kept, from.appended.end());
 }
 
 void Model::loseChain(const std::string &chain, const Answer &answer, std::vector<LostCommand> &lost) {
     const Chain &from = chains_.at(chain);
     lost.push_back(lostCommand(from.made.options, answer));
-    for (const Appended &rule : from.appended)
-        lost.push_back(lostCommand(rule.origin.options, answer));
+    std::uint64_t last = from.made.number; // a hook chain comes of its first rule's command
+    for (const Appended &rule : from.appended) {
+        if (rule.origin.number != std::exchange(last, rule.origin.number))
+            lost.push_back(lostCommand(rule.origin.options, answer));
+    }
     count_ -= 1 + from.appended.size();
     chains_.erase(chain);
 }
@@ -369,8 +372,9 @@ std::vector<Model::Pending> Model::pending() const {
             if (origin.number != 0)
                 all.push_back({{action, chainName, rule, "", ""}, origin});
         };
-        // A hook's first rule makes INPUT or OUTPUT.
-        if (heldChain(name) == nullptr && !isHookChain(name))
+        // A hook's first rule makes INPUT or OUTPUT. One that is held was removed before, and somebody may have done
+        // so.
+        if (chain.exists && !isHookChain(name))
             add(Action::makeChain, chain.made);
         add(Action::flushChain, chain.flushed);
         for (const Deleted &deleted : chain.deleted)
@@ -395,6 +399,15 @@ void Model::revert(const Answer &answer, std::vector<LostCommand> &lost) {
     reset();
 }
 
+// One command's rules, where somebody else may have removed some of them already.
+Answer Model::carryOutAgain(const std::vector<Command> &commands, const Origin &origin) {
+    if (commands.front().action != Action::deleteRule)
+        return carryOut(commands, origin);
+    for (const Command &command : commands)
+        deleteRules({command}, origin);
+    return {};
+}
+
 void Model::rebase(Ruleset ruleset, std::vector<LostCommand> &lost) {
     const std::vector<Pending> all = pending();
     load(std::move(ruleset));
@@ -403,11 +416,11 @@ void Model::rebase(Ruleset ruleset, std::vector<LostCommand> &lost) {
         const Origin &origin = next->origin;
         for (; next != all.end() && next->origin.number == origin.number; ++next)
             commands.push_back(next->command);
-        const Answer answer = apply(commands, origin.options);
+        const Answer answer = carryOutAgain(commands, origin);
         if (isAimMissed(commands.front().action, answer))
             lost.push_back(lostCommand(origin.options, answer));
     }
-    changed_ = changed_ || !all.empty();
+    changed_ = true; // if only to find that nothing is left to be sent
 }
 
 } // namespace rlv

@@ -51,7 +51,7 @@ public:
         std::size_t place = 0; // among the appended
         Answer answer;
     };
-    // Places rise.
+    // Places rise. A command is lost with all of its rules.
     void loseAppended(const std::string &chain, const std::vector<RefusedRule> &refused,
                       std::vector<LostCommand> &lost);
     void loseChain(const std::string &chain, const Answer &answer, std::vector<LostCommand> &lost);
@@ -94,16 +94,17 @@ private:
         Origin origin;
     };
 
-    Answer flushChain(const std::string &name, const std::string &options);
-    Answer makeChain(const std::string &name, const std::string &options);
-    Answer removeChain(const std::string &name, const std::string &options);
-    Answer appendRules(const std::vector<Command> &commands, const std::string &options);
-    Answer deleteRules(const std::vector<Command> &commands, const std::string &options);
+    Answer carryOut(const std::vector<Command> &commands, const Origin &origin);
+    Answer flushChain(const std::string &name, const Origin &origin);
+    Answer makeChain(const std::string &name, const Origin &origin);
+    Answer removeChain(const std::string &name, const Origin &origin);
+    Answer appendRules(const std::vector<Command> &commands, const Origin &origin);
+    Answer deleteRules(const std::vector<Command> &commands, const Origin &origin);
+    Answer carryOutAgain(const std::vector<Command> &commands, const Origin &origin);
 
     Chain *find(const std::string &name);
     const HeldChain *heldChain(const std::string &name) const;
     std::size_t heldCount(const std::string &name) const;
-    Origin originOf(const std::string &options) { return {++lastOrigin_, options}; }
     void reset();
     void giveUp(const std::string &name, Chain &chain, std::size_t place);
     static void dropJump(Chain &chain, const Rule &rule);

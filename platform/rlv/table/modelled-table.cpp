@@ -19,7 +19,9 @@ constexpr int kMaxReadings = 50;
 // How often others may be faster than our transactions before one goes that holds whatever they do, and how often
 // that one may fail.
 constexpr int kBoundAttempts = 10;
-constexpr int kMaxAttempts = 100;
+constexpr int kMaxConflicts = 100;
+// The kernel names thousands of refused changes at once, but perhaps not all.
+constexpr int kMaxRefusals = 100;
 // The list of lost commands has a limit, their number has none.
 constexpr std::size_t kMaxListedLost = 10'000;
 
@@ -80,13 +82,20 @@ Ruleset ModelledTable::readRuleset() {
 }
 
 void ModelledTable::open() {
+    unreported_.clear();
     if (generation_ == store_->generation())
         return;
+    load();
+}
+
+void ModelledTable::load() {
     model_.load(readRuleset());
     generation_ = model_.held().generation;
 }
 
 Answer ModelledTable::apply(const std::vector<Command> &commands, const std::string &options) {
+    if (!generation_ && !model_.isChanged())
+        load();
     return model_.apply(commands, options);
 }
 
@@ -97,51 +106,74 @@ void ModelledTable::reread(PushReport &report) {
 
 PushReport ModelledTable::push() {
     PushReport report;
-    for (int attempt = 0; model_.isChanged(); ++attempt) {
-        if (attempt == kMaxAttempts) {
-            model_.revert({4, "iptables: the tables change faster than they can be written"}, report.lost);
-            break;
-        }
-        if (tryPush(attempt < kBoundAttempts, report))
-            break;
+    report.lost = std::exchange(unreported_, {});
+    try {
+        pushAll(report);
+    } catch (...) {
+        unreported_ = std::move(report.lost);
+        throw;
     }
     limitList(report);
     return report;
 }
 
-// False when it has to be done again.
-bool ModelledTable::tryPush(bool bound, PushReport &report) {
+void ModelledTable::pushAll(PushReport &report) {
+    int conflicts = 0;
+    int refusals = 0;
+    while (model_.isChanged()) {
+        if (conflicts == kMaxConflicts)
+            return model_.revert({4, "iptables: the tables change faster than they can be written"}, report.lost);
+        if (refusals == kMaxRefusals)
+            return model_.revert({4, "iptables: the kernel refuses too many of the rules"}, report.lost);
+        switch (tryPush(conflicts < kBoundAttempts, report)) {
+        case Outcome::sent:
+            return;
+        case Outcome::otherGeneration:
+            ++conflicts;
+            break;
+        case Outcome::refused:
+            ++refusals;
+            break;
+        }
+    }
+}
+
+// True where a refusal may only say that somebody else made or removed something meanwhile.
+bool ModelledTable::wasFaster(const std::vector<ChangeFailure> &failures) {
+    const bool mayBe = std::any_of(failures.begin(), failures.end(), [](const ChangeFailure &failure) {
+        return failure.index && (failure.error == ENOENT || failure.error == EEXIST || failure.error == EBUSY);
+    });
+    return mayBe && store_->generation() != generation_;
+}
+
+ModelledTable::Outcome ModelledTable::tryPush(bool bound, PushReport &report) {
     if (!generation_)
         reread(report);
     const Model::Changes plan = model_.plan(bound);
     if (!fetchHandles(plan)) {
         reread(report);
-        return false;
+        return Outcome::otherGeneration;
     }
     const Batch batch = makeBatch(plan);
     std::vector<ChangeFailure> failures;
     if (!batch.changes.empty())
         failures = store_->commit(batch.changes, bound ? generation_ : std::nullopt);
-    else if (store_->generation() != generation_)
+    else if (bound && store_->generation() != generation_)
         failures.push_back({std::nullopt, ERESTART});
-    // What somebody else has taken away was ours to take away.
-    const bool wasFaster = !bound && std::any_of(failures.begin(), failures.end(), [&](const ChangeFailure &failure) {
-        return failure.index && failure.error == ENOENT && batch.changes[*failure.index].handle != 0;
-    });
-    if (isConflict(failures) || wasFaster) {
+    if (isConflict(failures) || (!bound && wasFaster(failures))) {
         reread(report);
-        return false;
+        return Outcome::otherGeneration;
     }
     if (!failures.empty()) {
         blame(batch, failures, report);
-        return false;
+        return Outcome::refused;
     }
     count(plan, report);
     report.changes = batch.changes.size();
     if (!batch.changes.empty())
         generation_ = bound ? std::optional(generationAfter(*generation_)) : std::nullopt;
     model_.adopt(plan, generation_.value_or(0));
-    return true;
+    return Outcome::sent;
 }
 
 // Rules that were sent from here have no handles before somebody needs them.
@@ -295,6 +327,7 @@ std::vector<ChangeFailure> ModelledTable::locate(const Batch &batch) {
 
 PushReport ModelledTable::drop() {
     PushReport report;
+    report.lost = std::exchange(unreported_, {});
     model_.revert({4, "iptables: not sent: the connection ended before"}, report.lost);
     limitList(report);
     return report;

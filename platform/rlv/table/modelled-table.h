@@ -37,10 +37,14 @@ private:
     };
 
     Ruleset readRuleset();
+    void load();
     void reread(PushReport &report);
     bool fetchHandles(const Model::Changes &plan);
     Batch makeBatch(const Model::Changes &plan) const;
-    bool tryPush(bool bound, PushReport &report);
+    enum class Outcome { sent, otherGeneration, refused };
+    Outcome tryPush(bool bound, PushReport &report);
+    void pushAll(PushReport &report);
+    bool wasFaster(const std::vector<ChangeFailure> &failures);
     void count(const Model::Changes &plan, PushReport &report) const;
     void blame(const Batch &batch, const std::vector<ChangeFailure> &failures, PushReport &report);
     std::vector<ChangeFailure> locate(const Batch &batch);
@@ -50,6 +54,7 @@ private:
     std::unique_ptr<RulesetStore> store_;
     std::string chainPrefix_;
     Model model_;
+    std::vector<LostCommand> unreported_;     // by a push() that threw
     std::optional<std::uint32_t> generation_; // of what the model holds; none: it may be out of date
     // What describe() read last while a connection had its own model, and at which generation.
     std::optional<std::uint32_t> describedGeneration_;
