@@ -1,85 +1,25 @@
 // Random connections, with a foreign program at work between and inside them, held against a model of iptables on plain
 // lists.
-#include <algorithm>
+#include <cerrno>
+#include <iostream>
 #include <memory>
-#include <random>
 #include <set>
-#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "random-connections.h"
 #include "rlv/table/modelled-table.h"
 #include "scripted-store.h"
-#include "support/filter-model.h"
 #include "support/random-seed.h"
 
 namespace {
 
-using filter::kFirstNew;
+using namespace randomly;
 using rlv::Change;
 using Kind = rlv::Change::Kind;
-
-const std::vector<std::string> kOwn{"VPK-A", "VPK-B", "VPK-C", "VPK-D"};
-constexpr const char *kUnmade = "VPK-BAD"; // nobody can make it
-constexpr const char *kKept = "VPK-KEEP";  // nobody can remove it
-
-// A rule as the service is told it, and as "iptables -S" shows it.
-struct Text {
-    std::string given;
-    std::string shown;
-};
-
-Text ruleText(unsigned address, bool hasPort, const std::string &target) {
-    const std::string host = "10.0.0." + std::to_string(address);
-    if (address == 0)
-        return {"-j " + target, "-j " + target};
-    if (hasPort)
-        return {"-p tcp -d " + host + " --dport 80 -j " + target,
-                "-d " + host + "/32 -p tcp -m tcp --dport 80 -j " + target};
-    return {"-s " + host + " -j " + target, "-s " + host + "/32 -j " + target};
-}
-
-constexpr unsigned kPoison = 66; // the last byte of an address that the kernel takes nowhere
-
-rlv::Command parsed(const std::string &options) { return std::get<rlv::Command>(rlv::parseCommand(options, "VPK-")); }
-
-std::string dump(const filter::Table &table) {
-    std::ostringstream text;
-    for (const auto &[name, chain] : table) {
-        text << name << ":";
-        for (const filter::Line &line : chain.lines)
-            text << " [" << line.text << "]" << (line.handle < kFirstNew ? std::to_string(line.handle) : "new");
-        text << "\n";
-    }
-    return text.str();
-}
-
-std::map<std::string, std::vector<std::string>> textsOf(const filter::Table &table) {
-    std::map<std::string, std::vector<std::string>> texts;
-    for (const auto &[name, chain] : table) {
-        texts[name];
-        for (const filter::Line &line : chain.lines)
-            texts[name].push_back(line.text);
-    }
-    return texts;
-}
-
-bool isOwn(const std::string &chain) { return chain.rfind("VPK-", 0) == 0; }
-
-std::size_t longestCommon(const std::vector<std::string> &left, const std::vector<std::string> &right) {
-    std::vector<std::size_t> best(right.size() + 1, 0);
-    for (const std::string &text : left) {
-        std::size_t diagonal = 0;
-        for (std::size_t i = 0; i < right.size(); ++i) {
-            const std::size_t longest = text == right[i] ? diagonal + 1 : std::max(best[i], best[i + 1]);
-            diagonal = std::exchange(best[i + 1], longest);
-        }
-    }
-    return best.back();
-}
 
 struct Settings {
     std::size_t limit = 10'000;
@@ -88,18 +28,16 @@ struct Settings {
     bool hasConflicts = true;
 };
 
-class RandomConnections {
+class Simulated : public RandomConnections {
 public:
-    RandomConnections(unsigned seed, const Settings &settings) : settings_(settings), random_(seed) {
+    Simulated(unsigned seed, const Settings &settings) : RandomConnections(seed, settings.limit), settings_(settings) {
         auto store = std::make_unique<scripted::Store>();
         store_ = store.get();
         table_ = std::make_unique<rlv::ModelledTable>(std::move(store), "VPK-", settings.limit);
-        if (settings.hasRefusals) {
-            refusals_.makings.insert(kUnmade);
-            refusals_.removals.insert(kKept);
+        hasForeigners_ = settings.hasForeigners;
+        hasPoison_ = settings.hasRefusals;
+        if (settings.hasRefusals)
             store_->refuse = [this](const Change &change) { return refuse(change); };
-        }
-        // The kernel's share of what makes a connection's end.
         store_->beforeCommit = [this] {
             if (editsDuringPush_ > 0) {
                 --editsDuringPush_;
@@ -108,37 +46,51 @@ public:
         };
     }
 
-    // Until the first divergence.
-    void run(std::size_t steps) {
-        for (std::size_t i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
-            SCOPED_TRACE("connection " + std::to_string(i));
-            connect();
-            if (testing::Test::HasFailure())
-                std::cout << history_;
-        }
-    }
-
-    std::size_t commands = 0;
-    std::size_t pushes = 0;
-    std::size_t edits = 0;
-
 private:
-    unsigned upTo(unsigned most) { return std::uniform_int_distribution<unsigned>(0, most)(random_); }
-    bool oneIn(unsigned n) { return upTo(n - 1) == 0; }
-    template <typename List> const auto &pick(const List &list) {
-        return list[upTo(static_cast<unsigned>(list.size()) - 1)];
+    Sent send() override {
+        if (settings_.hasConflicts && oneIn(6))
+            editsDuringPush_ = static_cast<int>(upTo(3));
+        if (settings_.hasConflicts && oneIn(15))
+            store_->conflictsToCome = static_cast<int>(upTo(20));
+        if (settings_.hasRefusals)
+            store_->tellsIndexes = !oneIn(3);
+        const auto commits = store_->commits;
+        const auto unbound = store_->unbound;
+        store_->beforeLastCommit.reset();
+        Sent sent;
+        sent.report = table_->push();
+        editsDuringPush_ = store_->conflictsToCome = 0;
+        sent.commits = store_->commits - commits;
+        sent.wasBound = store_->unbound == unbound;
+        sent.before = store_->beforeLastCommit ? tableOf(*store_->beforeLastCommit) : truth();
+        return sent;
     }
 
-    int refuse(const Change &change) const {
+    filter::Refusals refusals() override {
+        filter::Refusals all;
+        if (!settings_.hasRefusals)
+            return all;
+        all.makings.insert(kUnmade);
+        all.removals.insert(kKept);
+        for (const auto &[shown, given] : known_) {
+            if (shown.find("10.0.0." + std::to_string(kPoison) + "/32") != std::string::npos)
+                all.rules.insert(shown);
+        }
+        return all;
+    }
+
+    bool isOpaque(std::uint64_t handle) const override { return store_->opaque.count(handle) > 0; }
+
+    static int refuse(const Change &change) {
         if (change.rule != nullptr) {
             const auto &rule = *change.rule;
             const bool isPoison = (rule.source && (rule.source->address & 0xffU) == kPoison) ||
                                   (rule.destination && (rule.destination->address & 0xffU) == kPoison);
             return isPoison ? EINVAL : 0;
         }
-        if (change.kind == Kind::addChain && refusals_.makings.count(*change.chain) > 0)
+        if (change.kind == Kind::addChain && *change.chain == kUnmade)
             return EPERM;
-        return change.kind == Kind::deleteChain && refusals_.removals.count(*change.chain) > 0 ? EBUSY : 0;
+        return change.kind == Kind::deleteChain && *change.chain == kKept ? EBUSY : 0;
     }
 
     filter::Table tableOf(const rlv::Ruleset &ruleset) const {
@@ -153,111 +105,9 @@ private:
         }
         return table;
     }
-    filter::Table truth() const { return tableOf(store_->truth()); }
+    filter::Table truth() override { return tableOf(store_->truth()); }
 
-    void connect() {
-        history_.clear();
-        if (settings_.hasForeigners && oneIn(3))
-            editRandomly();
-        table_->open();
-        connection_ = std::make_unique<filter::Connection>(truth(), settings_.limit);
-        for (unsigned segments = 1 + upTo(2); segments > 0 && !testing::Test::HasFailure(); --segments) {
-            if (oneIn(3))
-                refill(pick(kOwn));
-            for (unsigned i = upTo(8); i > 0 && !testing::Test::HasFailure(); --i) {
-                if (settings_.hasForeigners && oneIn(12))
-                    editRandomly();
-                applyRandom();
-            }
-            if (oneIn(8) && connection_->hasUnsent())
-                describe_();
-            if (oneIn(8))
-                drop();
-            else
-                push();
-        }
-        if (!testing::Test::HasFailure() && !connection_->hasUnsent() && oneIn(4))
-            describe_();
-    }
-
-    std::string target(const std::string &chain) {
-        const unsigned kind = upTo(5);
-        if (chain == "INPUT" || chain == "OUTPUT" || kind >= 4)
-            return settings_.hasRefusals && oneIn(12) ? kUnmade : pick(kOwn);
-        return kind < 2 ? "ACCEPT" : "DROP";
-    }
-
-    Text randomRule(const std::string &chain, const std::string &target) {
-        if (chain == "INPUT" || chain == "OUTPUT")
-            return ruleText(0, false, target);
-        if (settings_.hasRefusals && oneIn(40))
-            return ruleText(kPoison, oneIn(2), target);
-        return ruleText(upTo(5), oneIn(3), target);
-    }
-
-    void applyRandom() {
-        const char action = pick(std::string("FNNXAAAAAAADDD"));
-        std::string chain = pick(kOwn);
-        if (settings_.hasRefusals && oneIn(15))
-            chain = oneIn(2) ? kUnmade : kKept;
-        if ((action == 'A' || action == 'D') && oneIn(4))
-            chain = oneIn(2) ? "INPUT" : "OUTPUT";
-        std::vector<Text> rules;
-        if (action == 'A' || action == 'D') {
-            const std::string to = target(chain);
-            for (unsigned i = oneIn(5) ? 1 + upTo(2) : 0; i + 1 > 0 && rules.size() <= i;)
-                rules.push_back(randomRule(chain, to));
-            const auto &view = connection_->view();
-            // Rather something that stands.
-            if (action == 'D' && rules.size() == 1 && isOwn(chain) && view.count(chain) > 0 && oneIn(2))
-                for (const filter::Line &line : view.at(chain).lines)
-                    if (oneIn(2) && known_.count(line.text) > 0)
-                        rules[0] = {known_.at(line.text), line.text};
-        }
-        apply(action, chain, rules);
-    }
-
-    void apply(char action, const std::string &chain, const std::vector<Text> &rules) {
-        filter::Command expected{action, chain, {}, ""};
-        std::vector<rlv::Command> given;
-        std::string text = std::string("-") + action + " " + chain;
-        if (rules.empty())
-            given.push_back(parsed(text));
-        for (const Text &rule : rules) {
-            given.push_back(parsed(text + " " + rule.given));
-            expected.rules.push_back(rule.shown);
-            known_[rule.shown] = rule.given;
-        }
-        for (const Text &rule : rules)
-            text += " " + rule.given;
-        expected.options = "#" + std::to_string(++commands) + " " + text;
-        const filter::Reply reply = connection_->apply(expected);
-        const rlv::Answer answer = table_->apply(given, expected.options);
-        history_ += expected.options + " -> " + std::to_string(reply.code) + "\n";
-        ASSERT_EQ(reply.code, answer.code) << expected.options << "\n" << answer.message << "\n" << reply.message;
-        ASSERT_EQ(reply.message, answer.message) << expected.options;
-    }
-
-    // As a re-initialisation: mostly the same again.
-    void refill(const std::string &chain) {
-        const auto found = connection_->view().find(chain);
-        const auto lines = found == connection_->view().end() ? std::vector<filter::Line>() : found->second.lines;
-        apply('F', chain, {});
-        if (oneIn(4)) {
-            apply('X', chain, {});
-            apply('N', chain, {});
-        }
-        const bool changes = oneIn(2);
-        for (const filter::Line &line : lines) {
-            if (testing::Test::HasFailure() || known_.count(line.text) == 0 || (changes && oneIn(5)))
-                continue;
-            apply('A', chain, {{known_.at(line.text), line.text}});
-            if (changes && oneIn(5))
-                apply('A', chain, {randomRule(chain, "DROP")});
-        }
-    }
-
-    void editRandomly() {
+    void editRandomly() override {
         rlv::Rule rule;
         const auto table = truth();
         std::vector<std::string> names{"INPUT", "OTHER"};
@@ -321,190 +171,13 @@ private:
         }
     }
 
-    std::vector<filter::Line> linesOf(const std::string &name) const {
-        const auto table = truth();
-        const auto chain = table.find(name);
-        return chain == table.end() ? std::vector<filter::Line>() : chain->second.lines;
-    }
-
-    void describe_() {
-        rlv::ServiceState state;
-        table_->describe(state);
-        std::string described;
-        for (const auto &hook : state.hooks)
-            described += hook.chain + ":" + hook.target + " ";
-        for (const auto &chain : state.chains)
-            described += chain.name + "=" + std::to_string(chain.rules) + " ";
-        std::string expected;
-        const auto table = truth();
-        for (const char *const name : {"INPUT", "OUTPUT"}) {
-            for (const filter::Line &line : linesOf(name)) {
-                if (line.text.rfind("-j VPK-", 0) == 0)
-                    expected += std::string(name) + ":" + line.text.substr(3) + " ";
-            }
-        }
-        for (const auto &[name, chain] : table) {
-            if (isOwn(name))
-                expected += name + "=" + std::to_string(chain.lines.size()) + " ";
-        }
-        ASSERT_EQ(expected, described);
-    }
-
-    static std::vector<std::string> sorted(std::vector<std::string> list) {
-        std::sort(list.begin(), list.end());
-        return list;
-    }
-    static std::vector<std::string> optionsOf(const rlv::PushReport &report) {
-        std::vector<std::string> list;
-        for (const rlv::LostCommand &lost : report.lost) {
-            EXPECT_FALSE(lost.refusedAtOnce);
-            EXPECT_NE(0, lost.code);
-            list.push_back(lost.options);
-        }
-        return list;
-    }
-
-    void drop() {
-        history_ += "drop\n";
-        const auto before = dump(truth());
-        const auto lost = optionsOf(table_->drop());
-        EXPECT_EQ(sorted(connection_->drop()), sorted(lost));
-        EXPECT_EQ(before, dump(truth()));
-    }
-
-    void push() {
-        ++pushes;
-        history_ += "push\n";
-        if (settings_.hasConflicts && oneIn(6))
-            editsDuringPush_ = static_cast<int>(upTo(3));
-        if (settings_.hasConflicts && oneIn(15))
-            store_->conflictsToCome = static_cast<int>(upTo(20));
-        if (settings_.hasRefusals)
-            store_->tellsIndexes = !oneIn(3);
-        collectPoison();
-        const auto commitsBefore = store_->commits;
-        const auto unboundBefore = store_->unbound;
-        const bool hadUnsent = connection_->hasUnsent();
-        store_->beforeLastCommit.reset();
-        const auto report = table_->push();
-        editsDuringPush_ = store_->conflictsToCome = 0;
-        const auto after = truth();
-        const auto before = store_->beforeLastCommit ? tableOf(*store_->beforeLastCommit) : after;
-        const auto outcome = connection_->push(before, refusals_);
-        history_ += "before:\n" + dump(before) + "wanted:\n" + dump(outcome.table) + "after:\n" + dump(after);
-        EXPECT_EQ(textsOf(outcome.table), textsOf(after));
-        EXPECT_EQ(sorted(outcome.lost), sorted(optionsOf(report)));
-        EXPECT_GE(1U, store_->commits - commitsBefore);
-        EXPECT_EQ(report.changes > 0, store_->commits > commitsBefore);
-        if (testing::Test::HasFailure())
-            return;
-        checkHandles(before, outcome.table, after);
-        if (hadUnsent)
-            checkReport(report, before, after, store_->unbound > unboundBefore);
-        if (hadUnsent)
-            connection_ = std::make_unique<filter::Connection>(after, settings_.limit);
-    }
-
-    void collectPoison() {
-        refusals_.rules.clear();
-        if (!settings_.hasRefusals)
-            return;
-        for (const auto &[shown, given] : known_) {
-            if (shown.find("10.0.0." + std::to_string(kPoison) + "/32") != std::string::npos)
-                refusals_.rules.insert(shown);
-        }
-    }
-
-    // What nobody gave up is the same rule as before.
-    static void checkHandles(const filter::Table &before, const filter::Table &wanted, const filter::Table &after) {
-        for (const auto &[name, chain] : wanted) {
-            for (std::size_t i = 0; i < chain.lines.size(); ++i) {
-                if (chain.lines[i].handle < kFirstNew) {
-                    EXPECT_EQ(chain.lines[i].handle, after.at(name).lines[i].handle) << name << " " << i;
-                }
-            }
-        }
-        (void)before;
-    }
-
-    void checkReport(const rlv::PushReport &report, const filter::Table &before, const filter::Table &after,
-                     bool wasUnbound) {
-        std::size_t added = 0;
-        std::size_t removed = 0;
-        std::size_t kept = 0;
-        std::set<std::string> names;
-        for (const auto &[name, chain] : before)
-            names.insert(name);
-        for (const auto &[name, chain] : after)
-            names.insert(name);
-        bool isSame = textsOf(before).size() == textsOf(after).size();
-        for (const std::string &name : names) {
-            isSame = isSame && before.count(name) == after.count(name);
-            const auto old = before.count(name) > 0 ? before.at(name).lines : std::vector<filter::Line>();
-            const auto now = after.count(name) > 0 ? after.at(name).lines : std::vector<filter::Line>();
-            std::set<std::uint64_t> oldHandles;
-            for (const filter::Line &line : old)
-                oldHandles.insert(line.handle);
-            std::size_t stayed = 0;
-            for (const filter::Line &line : now)
-                stayed += oldHandles.count(line.handle);
-            added += now.size() - stayed;
-            removed += old.size() - stayed;
-            kept += isOwn(name) ? stayed : 0;
-            if (!wasUnbound)
-                checkKept(name, report, old, now, stayed);
-        }
-        EXPECT_EQ(added, report.added);
-        EXPECT_EQ(removed, report.removed);
-        EXPECT_EQ(kept, report.kept);
-        if (!wasUnbound) {
-            EXPECT_EQ(isSame && added + removed == 0, report.changes == 0);
-        }
-    }
-
-    // Behind the last rule that had to stay, as many stay as can; `wanted_` tells which had to.
-    void checkKept(const std::string &name, const rlv::PushReport &report, const std::vector<filter::Line> &old,
-                   const std::vector<filter::Line> &now, std::size_t stayed) {
-        const auto &view = connection_->view();
-        const auto wanted = view.count(name) > 0 ? view.at(name).lines : std::vector<filter::Line>();
-        std::size_t oldTail = 0;
-        std::size_t newTail = 0;
-        for (std::size_t i = 0; i < wanted.size(); ++i) {
-            for (std::size_t j = 0; j < old.size(); ++j) {
-                if (wanted[i].handle == old[j].handle) {
-                    oldTail = j + 1;
-                    newTail = i + 1;
-                }
-            }
-        }
-        const auto texts = [&](const std::vector<filter::Line> &lines, std::size_t from) {
-            std::vector<std::string> list;
-            for (std::size_t i = from; i < lines.size(); ++i) {
-                if (store_->opaque.count(lines[i].handle) == 0)
-                    list.push_back(lines[i].text);
-            }
-            return list;
-        };
-        const std::size_t most = newTail + longestCommon(texts(old, oldTail), texts(now, newTail));
-        const bool wasRefilled =
-            std::find(report.refilled.begin(), report.refilled.end(), name) != report.refilled.end();
-        EXPECT_EQ(wasRefilled ? 0 : most, stayed) << name;
-        EXPECT_TRUE(!wasRefilled || (isOwn(name) && most > 0)) << name;
-    }
-
     Settings settings_;
-    std::mt19937 random_;
     scripted::Store *store_ = nullptr;
-    std::unique_ptr<rlv::ModelledTable> table_;
-    std::unique_ptr<filter::Connection> connection_;
-    filter::Refusals refusals_;
-    std::map<std::string, std::string> known_; // how a rule that is shown so is given
-    std::string history_;
     int editsDuringPush_ = 0;
 };
 
 void run(const Settings &settings, std::size_t connections) {
-    RandomConnections random(seeds::seedOfThisRun(), settings);
+    Simulated random(seeds::seedOfThisRun(), settings);
     random.run(seeds::stepsOfThisRun(connections));
     std::cout << random.commands << " commands, " << random.pushes << " pushes, " << random.edits << " edits"
               << std::endl;
