@@ -23,7 +23,6 @@ namespace {
 using namespace scripted;
 using rlv::protocol::Reply;
 using rlv::protocol::Request;
-using support::UniqueFd;
 
 std::size_t openDescriptors() {
     std::size_t count = 0;

@@ -168,6 +168,7 @@ private:
 
 std::vector<ChangeFailure> failuresOf(const std::vector<BatchFailure> &failures) {
     std::vector<ChangeFailure> result;
+    result.reserve(failures.size());
     for (const BatchFailure &failure : failures)
         result.push_back({failure.message, failure.error});
     return result;

@@ -25,6 +25,14 @@ LostCommand lostCommand(const std::string &options, const Answer &answer) {
     return {options, answer.code, answer.message, false};
 }
 
+void removeGivenUp(std::vector<HeldRule> &rules, const std::vector<bool> &givenUp) {
+    if (givenUp.empty())
+        return;
+    std::size_t place = 0;
+    rules.erase(std::remove_if(rules.begin(), rules.end(), [&](const HeldRule &) { return givenUp[place++]; }),
+                rules.end());
+}
+
 // What others did may have reached the aim of a command already: nothing is left to be made or removed.
 bool isAimMissed(Action action, const Answer &answer) {
     constexpr int kRefused = 4;
@@ -339,26 +347,14 @@ void Model::adopt(const Changes &changes, std::uint32_t generation) {
         HeldChain &held = held_.chains[name];
         if (change.make)
             held.isBase = isHookChain(name);
-        std::vector<HeldRule> rules;
-        if (chain.givenUpCount == 0) {
-            rules = std::move(held.rules);
-        } else {
-            for (std::size_t i = 0; i < held.rules.size(); ++i) {
-                if (!chain.givenUp[i])
-                    rules.push_back(std::move(held.rules[i]));
-            }
-        }
-        auto match = change.plan.matches.begin();
-        for (std::size_t i = 0; i < chain.appended.size(); ++i) {
-            const bool isMatched = match != change.plan.matches.end() && match->appended == i;
-            const std::uint64_t handle = isMatched ? held.rules[match->held].handle : 0;
-            rules.push_back({handle, std::move(chain.appended[i].rule)});
-            held.handlesKnown = held.handlesKnown && isMatched;
-            if (isMatched)
-                ++match;
-        }
-        held.rules = std::move(rules);
-        held.handlesKnown = held.handlesKnown || held.rules.empty();
+        std::vector<std::uint64_t> handles(chain.appended.size(), 0); // of the appended rules that stood already
+        for (const ChainPlan::Match &match : change.plan.matches)
+            handles[match.appended] = held.rules[match.held].handle;
+        removeGivenUp(held.rules, chain.givenUp);
+        for (std::size_t i = 0; i < chain.appended.size(); ++i)
+            held.rules.push_back({handles[i], std::move(chain.appended[i].rule)});
+        const bool hasNew = change.plan.matches.size() < chain.appended.size();
+        held.handlesKnown = held.rules.empty() || (held.handlesKnown && !hasNew);
         held.jumps = chain.jumps;
     }
     held_.generation = generation;
