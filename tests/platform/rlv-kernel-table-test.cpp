@@ -2,110 +2,25 @@
 // iptables does, and both must come to the same.
 #include "rlv/table/table.h"
 
-#include <cstdlib>
 #include <iostream>
-#include <iterator>
 #include <memory>
 #include <random>
-#include <sched.h>
-#include <sstream>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <libmnl/libmnl.h>
-#include <linux/netfilter.h>
-#include <linux/netfilter/nf_tables.h>
-#include <linux/netfilter/nfnetlink.h>
 
-#include "rlv/table/netlink.h"
+#include "kernel-host.h"
 #include "support/process.h"
-#include "support/unique-fd.h"
+#include "support/random-seed.h"
 
 namespace {
 
+using kernel::Host;
+using kernel::Words;
 using rlv::Answer;
-using support::UniqueFd;
-using Words = std::vector<std::string>;
-
-constexpr const char *kOwnNamespace = "/proc/thread-self/ns/net";
-
-Words split(const std::string &text) {
-    std::istringstream stream(text);
-    return {std::istream_iterator<std::string>(stream), {}};
-}
-
-// A network namespace, with a table of ours or with iptables working in it.
-class Host {
-public:
-    Host() {
-        const UniqueFd old(::open(kOwnNamespace, O_RDONLY | O_CLOEXEC));
-        if (::unshare(CLONE_NEWNET) != 0)
-            throw std::system_error(errno, std::generic_category(), "unshare");
-        namespace_.reset(::open(kOwnNamespace, O_RDONLY | O_CLOEXEC));
-        ::setns(old.get(), CLONE_NEWNET);
-    }
-
-    template <typename Action> auto visit(Action action) const {
-        const UniqueFd old(::open(kOwnNamespace, O_RDONLY | O_CLOEXEC));
-        EXPECT_EQ(0, ::setns(namespace_.get(), CLONE_NEWNET));
-        auto result = action();
-        EXPECT_EQ(0, ::setns(old.get(), CLONE_NEWNET));
-        return result;
-    }
-
-    process::Result run(const Words &words) const {
-        return visit([&] { return process::capture(words); });
-    }
-
-    process::Result iptables(const std::string &options) const {
-        Words words = split(options);
-        words.insert(words.begin(), "iptables");
-        return run(words);
-    }
-
-    void must(const std::string &command) const {
-        const auto result = run({"sh", "-c", command});
-        EXPECT_EQ(0, result.status) << command << "\n" << result.errors;
-    }
-
-    std::string listing() const { return run({"iptables", "-S", "-v"}).output; }
-
-    // Every rule of the filter table as the bytes of its expressions, with its chain in front.
-    std::vector<std::string> expressions() const {
-        return visit([] {
-            std::vector<std::string> rules;
-            const auto seen = [&](const nlmsghdr *message) { rules.push_back(chainAndExpressions(message)); };
-            EXPECT_TRUE(rlv::Netlink().dump(
-                NFT_MSG_GETRULE, [](nlmsghdr *) {}, seen));
-            return rules;
-        });
-    }
-
-    std::unique_ptr<rlv::Table> openTable() const {
-        return visit([] { return rlv::openKernelTable("VPK-"); });
-    }
-
-private:
-    static int keepAttribute(const nlattr *attribute, void *to) {
-        const std::uint16_t type = mnl_attr_get_type(attribute);
-        const auto *const bytes = static_cast<const char *>(mnl_attr_get_payload(attribute));
-        if (type == NFTA_RULE_CHAIN || type == NFTA_RULE_EXPRESSIONS || type == NFTA_RULE_USERDATA)
-            static_cast<std::string *>(to)->append(bytes, mnl_attr_get_payload_len(attribute));
-        return MNL_CB_OK;
-    }
-
-    static std::string chainAndExpressions(const nlmsghdr *message) {
-        std::string text;
-        mnl_attr_parse(message, sizeof(nfgenmsg), keepAttribute, &text);
-        return text;
-    }
-
-    UniqueFd namespace_;
-};
 
 rlv::Command parsed(const std::string &options) {
     const auto result = rlv::parseCommand(options, "VPK-");
@@ -296,6 +211,19 @@ TEST_F(AKernelTable, AnswersAsIptablesDoes) {
                                       "-A OUTPUT -j VPK-A",
                                       "-A VPK-A -j DROP",
                                       "-X VPK-A"})
+        expectSame(options);
+    expectSameTables();
+}
+
+// To iptables, a chain that somebody made for packets to enter by is none that it could jump to or remove.
+TEST_F(AKernelTable, AnswersAsIptablesDoesWhereAnOwnChainIsABaseChain) {
+    const std::string make =
+        "iptables -N VPK-B; nft 'add chain ip filter VPK-A { type filter hook input priority 5; }'";
+    ours->must(make);
+    theirs->must(make);
+    for (const std::string options :
+         {"-N VPK-A", "-A VPK-B -j VPK-A", "-D VPK-B -j VPK-A", "-A INPUT -j VPK-A", "-A VPK-A -j DROP",
+          "-A VPK-A -j VPK-B", "-D VPK-A -j DROP", "-X VPK-A", "-F VPK-A", "-X VPK-B", "-X VPK-A"})
         expectSame(options);
     expectSameTables();
 }
@@ -522,16 +450,8 @@ private:
     std::mt19937 random_;
 };
 
-unsigned seedOfThisRun() {
-    const char *const given = std::getenv("NYR_TEST_SEED");
-    const unsigned seed =
-        given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10)) : std::random_device()();
-    std::cout << "NYR_TEST_SEED=" << seed << std::endl;
-    return seed;
-}
-
 TEST_F(AKernelTable, AgreesWithTheSimulatedOneOnRandomCommands) {
-    RandomCommands random(seedOfThisRun());
+    RandomCommands random(seeds::seedOfThisRun());
     const auto simulated = rlv::makeSimulatedTable("VPK-");
     for (int i = 0; i < 1500; ++i) {
         const std::string options = random.next();
@@ -545,7 +465,7 @@ TEST_F(AKernelTable, AgreesWithTheSimulatedOneOnRandomCommands) {
 }
 
 TEST_F(AKernelTable, AgreesWithIptablesOnRandomCommands) {
-    RandomCommands random(seedOfThisRun());
+    RandomCommands random(seeds::seedOfThisRun());
     for (int i = 0; i < 250; ++i) {
         const std::string options = random.next();
         SCOPED_TRACE(std::to_string(i) + ": " + options);

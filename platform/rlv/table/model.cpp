@@ -58,12 +58,18 @@ void Model::reset() {
 
 Model::Chain *Model::find(const std::string &name) {
     const auto found = chains_.find(name);
-    return found == chains_.end() || !found->second.exists ? nullptr : &found->second;
+    return found == chains_.end() || !found->second.exists || isForeign(name) ? nullptr : &found->second;
 }
 
 const HeldChain *Model::heldChain(const std::string &name) const {
     const auto found = held_.chains.find(name);
     return found == held_.chains.end() ? nullptr : &found->second;
+}
+
+// A chain by which somebody lets packets enter is not there for iptables, unless iptables itself would have made it.
+bool Model::isForeign(const std::string &name) const {
+    const HeldChain *const held = heldChain(name);
+    return held != nullptr && held->isBase && !isHookChain(name);
 }
 
 std::size_t Model::heldCount(const std::string &name) const {
@@ -109,6 +115,8 @@ Answer Model::flushChain(const std::string &name, const Origin &origin) {
 }
 
 Answer Model::makeChain(const std::string &name, const Origin &origin) {
+    if (isForeign(name))
+        return kernelRefused("CHAIN_USER_ADD", EEXIST, "chain", name);
     if (find(name) != nullptr)
         return chainExists();
     if (room() == 0)

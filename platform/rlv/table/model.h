@@ -104,6 +104,7 @@ private:
 
     Chain *find(const std::string &name);
     const HeldChain *heldChain(const std::string &name) const;
+    bool isForeign(const std::string &name) const;
     std::size_t heldCount(const std::string &name) const;
     void reset();
     void giveUp(const std::string &name, Chain &chain, std::size_t place);
