@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <map>
 #include <system_error>
 #include <utility>
@@ -14,8 +15,9 @@ namespace rlv {
 
 namespace {
 
-// How often others may change the ruleset while we read it before we give up.
+// How often others may change the ruleset while we read it before we give up, and for how long we begin again.
 constexpr int kMaxReadings = 50;
+constexpr std::chrono::seconds kMaxReadingTime{3};
 // How often others may be faster than our transactions before one goes that holds whatever they do, and how often
 // that one may fail.
 constexpr int kBoundAttempts = 10;
@@ -64,6 +66,14 @@ void limitList(PushReport &report) {
     report.lost.resize(kMaxListedLost);
 }
 
+// From the jump that goes too far on, the kernel refuses all rules for it: it looks at the table as a whole.
+void dropConsequences(std::vector<ChangeFailure> &failures) {
+    const auto isTooFar = [](const ChangeFailure &failure) { return failure.error == EMLINK; };
+    const auto first = std::find_if(failures.begin(), failures.end(), isTooFar);
+    if (first != failures.end())
+        failures.erase(std::remove_if(first + 1, failures.end(), isTooFar), failures.end());
+}
+
 bool isConflict(const std::vector<ChangeFailure> &failures) {
     return std::any_of(failures.begin(), failures.end(), [](const auto &failure) { return failure.error == ERESTART; });
 }
@@ -74,7 +84,9 @@ ModelledTable::ModelledTable(std::unique_ptr<RulesetStore> store, std::string ch
     : store_(std::move(store)), chainPrefix_(std::move(chainPrefix)), model_(maxRules) {}
 
 Ruleset ModelledTable::readRuleset() {
-    for (int i = 0; i < kMaxReadings; ++i) {
+    using Clock = std::chrono::steady_clock;
+    const auto deadline = Clock::now() + kMaxReadingTime;
+    for (int i = 0; i < kMaxReadings && (i == 0 || Clock::now() < deadline); ++i) {
         if (auto ruleset = store_->read())
             return std::move(*ruleset);
     }
@@ -263,6 +275,7 @@ void ModelledTable::blame(const Batch &batch, const std::vector<ChangeFailure> &
     }
     if (located.empty())
         located = locate(batch);
+    dropConsequences(located);
     std::map<std::string, std::vector<Model::RefusedRule>> rules;
     std::map<std::string, Answer> chains;
     bool isClear = !located.empty();
