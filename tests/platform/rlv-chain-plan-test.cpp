@@ -43,6 +43,7 @@ struct Case {
     // '!' is a given up rule that is not of our kind.
     std::vector<bool> givenUp() const {
         std::vector<bool> gone;
+        gone.reserve(held.size());
         for (const char letter : held)
             gone.push_back((letter >= 'A' && letter <= 'Z') || letter == '!');
         return gone;
@@ -58,6 +59,7 @@ struct Case {
     ChainPlan plan(rlv::PlanLimits limits = {}) const {
         const auto rules = appendedRules();
         std::vector<const rlv::Rule *> pointers;
+        pointers.reserve(rules.size());
         for (const rlv::Rule &rule : rules)
             pointers.push_back(&rule);
         return rlv::planChain(heldRules(), givenUp(), pointers, limits);
@@ -269,6 +271,7 @@ TEST(AChainPlan, RefillsALongChainWhereMuchOfItChanges) {
         for (std::size_t i = 0; i < changed; ++i)
             wanted[i * wanted.size() / changed].target.kind = rlv::Target::Kind::drop;
         std::vector<const rlv::Rule *> pointers;
+        pointers.reserve(rules.size());
         for (const rlv::Rule &rule : wanted)
             pointers.push_back(&rule);
         return rlv::planChain(held, std::vector<bool>(held.size(), true), pointers);

@@ -282,6 +282,23 @@ TEST_F(AModelledTable, SendsWhateverHappensAfterTenConflictsAndKeepsToItsOwnRule
     EXPECT_EQ(12U, rules("INPUT").size());
 }
 
+TEST_F(AModelledTable, SendsWithoutAGenerationWhatItReadInParts) {
+    done({"-N VPK-A", "-A VPK-A -j ACCEPT", "-A INPUT -j VPK-A"});
+    store->isNeverWhole = true;
+    foreignAppend("INPUT", "-s 10.9.9.1 -j DROP");
+    const auto before = rules("INPUT");
+    done({"-F VPK-A", "-A VPK-A -j DROP", "-D INPUT -j VPK-A", "-A INPUT -j VPK-A"});
+    EXPECT_EQ(1U, store->unbound);
+    EXPECT_EQ(0U, store->boundRefusals);
+    EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-j DROP"));
+    EXPECT_EQ(before[1], rules("INPUT")[0]);
+    EXPECT_EQ("-j VPK-A", plainRules("INPUT").at(1));
+    // As soon as it can be read as a whole, it is sent as one that is known.
+    store->isNeverWhole = false;
+    done({"-A VPK-A -j ACCEPT"});
+    EXPECT_EQ(1U, store->unbound);
+}
+
 TEST_F(AModelledTable, TakesAChainThatAppearsBeforeAnUnboundTransaction) {
     int commits = 0;
     store->beforeCommit = [&] {

@@ -35,12 +35,10 @@ std::uint32_t Store::generation() {
     return shown(inner_->generation());
 }
 
-std::optional<rlv::Ruleset> Store::read() {
+std::optional<rlv::Ruleset> Store::read() { return isNeverWhole ? std::nullopt : readInParts(); }
+
+std::optional<rlv::Ruleset> Store::readInParts() {
     failIfTold();
-    if (failsBeforeReading >= 0 && failsBeforeReading-- == 0) {
-        failuresToCome = 1;
-        failIfTold();
-    }
     ++readings;
     rlv::Ruleset ruleset = truth();
     ruleset.generation = shown(ruleset.generation);

@@ -21,6 +21,7 @@ class Store : public rlv::RulesetStore {
 public:
     std::uint32_t generation() override;
     std::optional<rlv::Ruleset> read() override;
+    std::optional<rlv::Ruleset> readInParts() override;
     std::optional<std::vector<std::uint64_t>> readHandles(const std::string &chain, std::uint32_t generation) override;
     std::vector<rlv::ChangeFailure> commit(const rlv::Changes &changes,
                                            std::optional<std::uint32_t> generation) override;
@@ -41,9 +42,9 @@ public:
     std::function<int(const rlv::Change &)> refuse; // 0 or an errno
     bool tellsIndexes = true;                       // of what is refused
     bool refusesAtTheEndOnly = false;               // so that dry runs find nothing
+    bool isNeverWhole = false;                      // whoever reads everything is always interrupted
     int conflictsToCome = 0;                        // that nobody causes
     int failuresToCome = 0;                         // EIO from whatever is called next
-    int failsBeforeReading = -1;                    // EIO from that reading on; -1 is never
     std::uint32_t generationShift = 0;              // added to the generations that are shown
 
     // What was asked for.

@@ -70,7 +70,7 @@ bool jumpsTooFar(const Table &table) {
 }
 
 Reply Connection::apply(const Command &command) {
-    const Reply reply = carryOut(command, ++lastNumber_);
+    Reply reply = carryOut(command, ++lastNumber_);
     hasUnsent_ = hasUnsent_ || reply.code == 0;
     return reply;
 }

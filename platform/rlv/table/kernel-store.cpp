@@ -26,6 +26,8 @@ namespace rlv {
 namespace {
 
 constexpr const char *kTable = "filter";
+// How often a part of the table may be changed while it is read.
+constexpr int kMaxPartReadings = 20;
 
 struct HookChain {
     const char *name;
@@ -140,12 +142,19 @@ private:
     Batch batch_;
 };
 
+int takeHandle(const nlattr *attribute, void *to) {
+    if (mnl_attr_get_type(attribute) == NFTA_RULE_HANDLE)
+        static_cast<std::vector<std::uint64_t> *>(to)->push_back(be64toh(mnl_attr_get_u64(attribute)));
+    return MNL_CB_OK;
+}
+
 class KernelStore : public RulesetStore {
 public:
     explicit KernelStore(std::string chainPrefix) : chainPrefix_(std::move(chainPrefix)) {}
 
     std::uint32_t generation() override { return netlink_.generation(); }
     std::optional<Ruleset> read() override;
+    std::optional<Ruleset> readInParts() override;
     std::optional<std::vector<std::uint64_t>> readHandles(const std::string &chain, std::uint32_t generation) override;
     std::vector<ChangeFailure> commit(const Changes &changes, std::optional<std::uint32_t> generation) override;
     std::vector<ChangeFailure> dryRun(const Changes &changes) override;
@@ -153,6 +162,9 @@ public:
 private:
     [[nodiscard]] bool readChains(Ruleset &ruleset);
     [[nodiscard]] bool readRules(Ruleset &ruleset);
+    [[nodiscard]] bool readRulesOf(const std::string &chain, Ruleset &ruleset);
+    void finish(Ruleset &ruleset);
+    std::vector<std::uint64_t> dumpHandles(const std::string &chain, bool &whole);
     [[nodiscard]] bool dumpRules(const std::string &chain, const std::function<void(const nlmsghdr *)> &seen);
     void takeChain(const nlmsghdr *message, Ruleset &ruleset);
     void takeRule(const nlmsghdr *message, Ruleset &ruleset) const;
@@ -188,6 +200,13 @@ std::optional<Ruleset> KernelStore::read() {
     oddHookChains_.clear();
     if (!readChains(ruleset) || !readRules(ruleset))
         return std::nullopt;
+    finish(ruleset);
+    if (netlink_.generation() != ruleset.generation)
+        return std::nullopt;
+    return ruleset;
+}
+
+void KernelStore::finish(Ruleset &ruleset) {
     // What is neither a rule in the chain nor a rule's jump to it refers to it all the same.
     for (const auto &[name, chain] : ruleset.chains) {
         for (const auto &[target, count] : chain.jumps) {
@@ -199,9 +218,41 @@ std::optional<Ruleset> KernelStore::read() {
         const auto refused = dryRun({{Change::Kind::addBaseChain, &name, nullptr, 0}});
         ruleset.chains[name].hookError = refused.empty() ? 0 : refused.front().error;
     }
-    if (netlink_.generation() != ruleset.generation)
+}
+
+std::optional<Ruleset> KernelStore::readInParts() {
+    Ruleset ruleset;
+    bool whole = false;
+    for (int i = 0; i < kMaxPartReadings && !whole; ++i) {
+        ruleset = {netlink_.generation(), {}};
+        oddHookChains_.clear();
+        whole = readChains(ruleset);
+    }
+    for (const auto &[name, chain] : ruleset.chains)
+        whole = whole && readRulesOf(name, ruleset);
+    if (!whole)
         return std::nullopt;
+    finish(ruleset);
     return ruleset;
+}
+
+// The kernel continues a dump by counting, within the chain where one is given: what happens in other chains does not
+// disturb it, and what happens in this one shows when its handles are dumped again.
+bool KernelStore::readRulesOf(const std::string &chain, Ruleset &ruleset) {
+    for (int i = 0; i < kMaxPartReadings; ++i) {
+        Ruleset part;
+        part.chains[chain] = ruleset.chains.at(chain);
+        std::vector<std::uint64_t> handles;
+        [[maybe_unused]] bool whole = dumpRules(chain, [&](const nlmsghdr *message) {
+            takeRule(message, part);
+            mnl_attr_parse(message, sizeof(nfgenmsg), takeHandle, &handles);
+        });
+        if (dumpHandles(chain, whole) == handles) {
+            ruleset.chains.at(chain) = std::move(part.chains.at(chain));
+            return true;
+        }
+    }
+    return false;
 }
 
 bool KernelStore::readChains(Ruleset &ruleset) {
@@ -262,16 +313,16 @@ void KernelStore::takeRule(const nlmsghdr *message, Ruleset &ruleset) const {
         chain.rules.push_back({nftnl_rule_get_u64(rule.get(), NFTNL_RULE_HANDLE), decode(rule.get())});
 }
 
-int takeHandle(const nlattr *attribute, void *to) {
-    if (mnl_attr_get_type(attribute) == NFTA_RULE_HANDLE)
-        static_cast<std::vector<std::uint64_t> *>(to)->push_back(be64toh(mnl_attr_get_u64(attribute)));
-    return MNL_CB_OK;
+std::vector<std::uint64_t> KernelStore::dumpHandles(const std::string &chain, bool &whole) {
+    std::vector<std::uint64_t> handles;
+    whole = dumpRules(
+        chain, [&](const nlmsghdr *message) { mnl_attr_parse(message, sizeof(nfgenmsg), takeHandle, &handles); });
+    return handles;
 }
 
 std::optional<std::vector<std::uint64_t>> KernelStore::readHandles(const std::string &chain, std::uint32_t generation) {
-    std::vector<std::uint64_t> handles;
-    const bool whole = dumpRules(
-        chain, [&](const nlmsghdr *message) { mnl_attr_parse(message, sizeof(nfgenmsg), takeHandle, &handles); });
+    bool whole = false;
+    auto handles = dumpHandles(chain, whole);
     if (!whole || netlink_.generation() != generation)
         return std::nullopt;
     return handles;

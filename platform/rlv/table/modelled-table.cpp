@@ -15,9 +15,9 @@ namespace rlv {
 
 namespace {
 
-// How often others may change the ruleset while we read it before we give up, and for how long we begin again.
-constexpr int kMaxReadings = 50;
-constexpr std::chrono::seconds kMaxReadingTime{3};
+// How often others may change the ruleset while we read it before we read it in parts, and how long we begin again.
+constexpr int kMaxReadings = 10;
+constexpr std::chrono::milliseconds kMaxReadingTime{500};
 // How often others may be faster than our transactions before one goes that holds whatever they do, and how often
 // that one may fail.
 constexpr int kBoundAttempts = 10;
@@ -83,26 +83,29 @@ bool isConflict(const std::vector<ChangeFailure> &failures) {
 ModelledTable::ModelledTable(std::unique_ptr<RulesetStore> store, std::string chainPrefix, std::size_t maxRules)
     : store_(std::move(store)), chainPrefix_(std::move(chainPrefix)), model_(maxRules) {}
 
-Ruleset ModelledTable::readRuleset() {
+ModelledTable::Reading ModelledTable::readRuleset() {
     using Clock = std::chrono::steady_clock;
     const auto deadline = Clock::now() + kMaxReadingTime;
     for (int i = 0; i < kMaxReadings && (i == 0 || Clock::now() < deadline); ++i) {
         if (auto ruleset = store_->read())
-            return std::move(*ruleset);
+            return {std::move(*ruleset), true};
     }
+    if (auto ruleset = store_->readInParts())
+        return {std::move(*ruleset), false};
     throw std::system_error(EAGAIN, std::generic_category(), "the tables change faster than they can be read");
 }
 
 void ModelledTable::open() {
     unreported_.clear();
-    if (generation_ == store_->generation())
-        return;
-    load();
+    if (!isWhole_ || generation_ != store_->generation())
+        load();
 }
 
 void ModelledTable::load() {
-    model_.load(readRuleset());
+    auto [ruleset, isWhole] = readRuleset();
+    model_.load(std::move(ruleset));
     generation_ = model_.held().generation;
+    isWhole_ = isWhole;
 }
 
 Answer ModelledTable::apply(const std::vector<Command> &commands, const std::string &options) {
@@ -112,8 +115,10 @@ Answer ModelledTable::apply(const std::vector<Command> &commands, const std::str
 }
 
 void ModelledTable::reread(PushReport &report) {
-    model_.rebase(readRuleset(), report.lost);
+    auto [ruleset, isWhole] = readRuleset();
+    model_.rebase(std::move(ruleset), report.lost);
     generation_ = model_.held().generation;
+    isWhole_ = isWhole;
 }
 
 PushReport ModelledTable::push() {
@@ -158,9 +163,10 @@ bool ModelledTable::wasFaster(const std::vector<ChangeFailure> &failures) {
     return mayBe && store_->generation() != generation_;
 }
 
-ModelledTable::Outcome ModelledTable::tryPush(bool bound, PushReport &report) {
+ModelledTable::Outcome ModelledTable::tryPush(bool mayBind, PushReport &report) {
     if (!generation_)
         reread(report);
+    const bool bound = mayBind && isWhole_;
     const Model::Changes plan = model_.plan(bound);
     if (!fetchHandles(plan)) {
         reread(report);
@@ -377,11 +383,12 @@ void ModelledTable::describe(ServiceState &state) {
     if (generation_ == generation)
         return describe(model_.held(), state);
     if (describedGeneration_ != generation) {
-        Ruleset ruleset = readRuleset();
+        auto [ruleset, isWhole] = readRuleset();
         describe(ruleset, described_);
         describedGeneration_ = ruleset.generation;
         if (!model_.isChanged()) {
             generation_ = ruleset.generation;
+            isWhole_ = isWhole;
             model_.load(std::move(ruleset));
         }
     }

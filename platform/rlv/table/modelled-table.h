@@ -36,13 +36,17 @@ private:
         std::vector<Source> sources; // one for each change
     };
 
-    Ruleset readRuleset();
+    struct Reading {
+        Ruleset ruleset;
+        bool isWhole = false;
+    };
+    Reading readRuleset();
     void load();
     void reread(PushReport &report);
     bool fetchHandles(const Model::Changes &plan);
     Batch makeBatch(const Model::Changes &plan) const;
     enum class Outcome { sent, otherGeneration, refused };
-    Outcome tryPush(bool bound, PushReport &report);
+    Outcome tryPush(bool mayBind, PushReport &report);
     void pushAll(PushReport &report);
     bool wasFaster(const std::vector<ChangeFailure> &failures);
     void count(const Model::Changes &plan, PushReport &report) const;
@@ -56,6 +60,7 @@ private:
     Model model_;
     std::vector<LostCommand> unreported_;     // by a push() that threw
     std::optional<std::uint32_t> generation_; // of what the model holds; none: it may be out of date
+    bool isWhole_ = true;                     // false: the model may be mixed of several generations
     // What describe() read last while a connection had its own model, and at which generation.
     std::optional<std::uint32_t> describedGeneration_;
     ServiceState described_;

@@ -59,6 +59,9 @@ public:
     virtual std::uint32_t generation() = 0;
     // Empty when somebody changed the ruleset during the reading.
     virtual std::optional<Ruleset> read() = 0;
+    // Chain by chain, each as it stood at some moment of the reading: for when somebody changes the ruleset all the
+    // time. Empty when even one chain, or the list of chains, changed too often.
+    virtual std::optional<Ruleset> readInParts() = 0;
     // The handles of a chain's rules, in order, when the generation is this one; else empty.
     virtual std::optional<std::vector<std::uint64_t>> readHandles(const std::string &chain,
                                                                   std::uint32_t generation) = 0;

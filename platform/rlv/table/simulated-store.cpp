@@ -13,6 +13,7 @@ class SimulatedStore : public RulesetStore {
 public:
     std::uint32_t generation() override { return ruleset_.generation; }
     std::optional<Ruleset> read() override { return ruleset_; }
+    std::optional<Ruleset> readInParts() override { return ruleset_; }
     std::optional<std::vector<std::uint64_t>> readHandles(const std::string &chain, std::uint32_t generation) override;
     std::vector<ChangeFailure> commit(const Changes &changes, std::optional<std::uint32_t> generation) override;
     std::vector<ChangeFailure> dryRun(const Changes &changes) override;
