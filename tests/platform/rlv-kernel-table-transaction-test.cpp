@@ -99,7 +99,8 @@ private:
             "iptables -D " + chain + " " + (count == "0" ? "1" : count),
             "iptables -D " + chain + " " + rule,
             "nft add rule ip filter " + chain + " meta mark 5 counter drop",
-            "nft 'add rule ip filter " + chain + " tcp dport vmap { 80 : jump " + own + ", 81 : accept }'",
+            // Out of reach: jumps that go too far by way of a map are a test of their own.
+            "nft 'add chain ip filter MAPS; add rule ip filter MAPS tcp dport vmap { 80 : jump " + own + " }'",
         };
         const std::string command = pick(programs);
         const auto result = host_.run({"sh", "-c", command});
