@@ -53,7 +53,7 @@ protected:
     rlv::Answer applyToHosts(const std::string &before, const Texts &hosts, const std::string &after) {
         std::vector<rlv::Command> commands;
         for (const std::string &host : hosts)
-            commands.push_back(parsed(before + host + after));
+            commands.push_back(parsed(std::string(before).append(host).append(after)));
         return table->apply(commands, before + "name" + after);
     }
 
