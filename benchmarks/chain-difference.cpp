@@ -77,6 +77,7 @@ void compare(rlv::RulesetStore &store, std::uint32_t count, std::uint32_t every,
             after.push_back(ruleNumber(1'000'000 + i));
     }
     std::vector<const Rule *> wanted;
+    wanted.reserve(after.size());
     for (const Rule &rule : after)
         wanted.push_back(&rule);
     std::vector<double> steps;

@@ -102,6 +102,7 @@ BENCHMARK(kernelLogParsing)->Unit(benchmark::kMillisecond);
 
 std::vector<DbLogRecord> manyRecords() {
     std::vector<DbLogRecord> records;
+    records.reserve(kRecords);
     for (int i = 0; i < kRecords; ++i)
         records.push_back({static_cast<std::uint32_t>(1'000 + i), "10.0.0.2", 5353, address(i % 1'000), 53});
     return records;

@@ -27,7 +27,6 @@
 namespace {
 
 using rlv::protocol::CommandList;
-using rlv::protocol::Reply;
 using rlv::protocol::Request;
 
 constexpr std::size_t kCommands = 20'000;
