@@ -58,10 +58,11 @@ std::optional<std::string> errorText(const vlog::Line &line) {
 }
 
 // The service numbers its connections from 1 on after each start.
-Verdict judge(const rlv::ServiceState &after, const std::vector<std::uint64_t> &openings) {
+Verdict judge(const rlv::ServiceState &after, const std::vector<rlv::Opening> &openings) {
     Verdict verdict;
     std::uint64_t last = 0;
-    for (const std::uint64_t number : openings) {
+    for (const auto &opening : openings) {
+        const std::uint64_t number = opening.number;
         if (number == 0)
             continue;
         const auto found = std::find_if(after.connections.begin(), after.connections.end(),
@@ -97,17 +98,18 @@ std::vector<std::string> CallWatch::errorLines() const {
 
 Verdict CallWatch::verdict() const {
     const auto openings = rlv::takeOpenings();
-    if (openings.empty())
+    if (std::all_of(openings.begin(), openings.end(), [](const auto &one) { return one.allInForce; }))
         return {};
     std::uint64_t first = std::numeric_limits<std::uint64_t>::max();
-    for (const std::uint64_t number : openings)
-        first = std::min(first, std::max<std::uint64_t>(number, 1));
+    for (const auto &one : openings)
+        first = std::min(first, std::max<std::uint64_t>(one.number, 1));
     try {
         return judge(rlv::query(first - 1, kQueryTimeout), openings);
     } catch (const std::exception &error) {
         Verdict verdict;
         verdict.notInForce.push_back(std::string(kNotKnown) + error.what());
-        const bool wasUsed = std::any_of(openings.begin(), openings.end(), [](std::uint64_t one) { return one != 0; });
+        const bool wasUsed =
+            std::any_of(openings.begin(), openings.end(), [](const auto &one) { return one.number != 0; });
         if (wasUsed)
             verdict.interruption = error.what();
         return verdict;

@@ -31,9 +31,8 @@ struct Verdict {
     std::vector<std::string> lost;
 };
 
-// What became of the connections with these numbers, which a call has opened in this order (0 for one that could not be
-// opened), from what the service says afterwards.
-Verdict judge(const rlv::ServiceState &after, const std::vector<std::uint64_t> &openings);
+// What became of the connections that a call has opened, in this order, from what the service says afterwards.
+Verdict judge(const rlv::ServiceState &after, const std::vector<rlv::Opening> &openings);
 
 // Watches the log and this process's connections to the traffic-control service from its construction on. One at a
 // time.
@@ -46,7 +45,8 @@ public:
 
     // ERROR lines since then; a limited number, and a last line with the number of the others.
     std::vector<std::string> errorLines() const;
-    // Asks the service, when it was used or should have been. Says so in `notInForce` when it does not answer.
+    // Asks the service, unless it was not needed, or has said already that all is in force. Says so in `notInForce`
+    // when it does not answer.
     Verdict verdict() const;
 
 private:

@@ -19,7 +19,7 @@
 
 namespace rlv::protocol {
 
-constexpr std::uint64_t kVersion = 2;
+constexpr std::uint64_t kVersion = 3;
 constexpr std::size_t kMaxOptionsBytes = 4096;
 // The longest packet of either side; a longer reply goes in parts.
 constexpr std::size_t kMaxPacketBytes = 32'768;
@@ -39,7 +39,8 @@ struct Reply {
     enum class Kind : std::uint8_t { opened = 'o', committed = 'c', closed = 'x', state = 'q', refused = 'r' };
     Kind kind = Kind::refused;
     std::int32_t code = 0; // committed: iptables' exit status; closed, refused: an errno value
-    // opened: the connection's number; state: how many parts follow; committed: how many more rules the table takes. So
+    // opened: the connection's number; closed: how many of its commands were refused or lost; state: how many parts
+    // follow; committed: how many more rules the table takes. So
     // many commands of the forms (see command-form.h) that were accepted so far are sure to be accepted, until one
     // comes that is no -A: only such a one takes away what they need.
     std::uint64_t number = 0;

@@ -122,9 +122,10 @@ Outcome ask(int fd, const Request &request, Reply::Kind expected, Clock::time_po
 class Connections {
 public:
     struct Connection {
-        explicit Connection(UniqueFd opened) : fd(std::move(opened)) {}
+        Connection(UniqueFd opened, std::uint64_t itsNumber) : fd(std::move(opened)), number(itsNumber) {}
         std::mutex mutex; // one request at a time
         UniqueFd fd;
+        const std::uint64_t number; // that the service gave it
         int error = 0; // once broken, an answer could belong to an earlier question: nothing is asked any more
 
         rlv::KnownAnswers known;
@@ -135,8 +136,8 @@ public:
     // Shared between the table and a call that is under way while another thread closes the handle.
     using Shared = std::shared_ptr<Connection>;
 
-    rlv_handle add(UniqueFd fd) {
-        auto connection = std::make_shared<Connection>(std::move(fd));
+    rlv_handle add(UniqueFd fd, std::uint64_t number) {
+        auto connection = std::make_shared<Connection>(std::move(fd), number);
         const std::lock_guard<std::mutex> lock(mutex_);
         do {
             ++last_;
@@ -164,10 +165,18 @@ public:
     void noteOpening(std::uint64_t number) {
         const std::lock_guard<std::mutex> lock(mutex_);
         if (openings_.size() < kMaxOpenings)
-            openings_.push_back(number);
+            openings_.push_back({number, false});
     }
 
-    std::vector<std::uint64_t> takeOpenings() {
+    void noteAllInForce(std::uint64_t number) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto opening = std::find_if(openings_.rbegin(), openings_.rend(),
+                                          [number](const auto &one) { return one.number == number; });
+        if (opening != openings_.rend())
+            opening->allInForce = true;
+    }
+
+    std::vector<rlv::Opening> takeOpenings() {
         const std::lock_guard<std::mutex> lock(mutex_);
         return std::exchange(openings_, {});
     }
@@ -187,7 +196,7 @@ private:
     std::map<rlv_handle, Shared> byHandle_;
     rlv_handle last_ = 0;
     std::string path_ = rlv::kDefaultSocketPath;
-    std::vector<std::uint64_t> openings_;
+    std::vector<rlv::Opening> openings_;
 };
 
 // Never destroyed: a process may end while another thread is in a call.
@@ -280,7 +289,7 @@ int open(rlv_handle *handle) {
             ask(fd.get(), Request{Request::Kind::open, rlv::protocol::kVersion, {}}, Reply::Kind::opened, deadline);
     connections().noteOpening(outcome.error == 0 ? outcome.reply.number : 0);
     if (outcome.error == 0)
-        *handle = connections().add(std::move(fd));
+        *handle = connections().add(std::move(fd), outcome.reply.number);
     return outcome.error;
 }
 
@@ -290,6 +299,8 @@ int close(rlv_handle handle) {
         return EBADF;
     const std::lock_guard<std::mutex> lock(connection->mutex);
     const Outcome outcome = askOn(*connection, Request{Request::Kind::close, 0, {}}, Reply::Kind::closed);
+    if (outcome.error == 0 && outcome.reply.code == 0 && outcome.reply.number == 0)
+        connections().noteAllInForce(connection->number);
     return outcome.error != 0 ? outcome.error : outcome.reply.code;
 }
 
@@ -356,7 +367,7 @@ namespace rlv {
 
 void setSocketPath(const std::string &path) { connections().setPath(path); }
 
-std::vector<std::uint64_t> takeOpenings() { return connections().takeOpenings(); }
+std::vector<Opening> takeOpenings() { return connections().takeOpenings(); }
 
 ServiceState query(std::uint64_t sinceConnection, std::chrono::milliseconds timeout) {
     const auto deadline = Clock::now() + timeout;

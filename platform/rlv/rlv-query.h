@@ -58,9 +58,16 @@ struct ServiceState {
 ServiceState query(std::uint64_t sinceConnection,
                    std::chrono::milliseconds timeout = std::chrono::milliseconds(10'000));
 
-// The connections that this process has tried to open since this was last asked, in order: the numbers that the service
-// gave them, 0 for each that was not opened. Keeps the first 100,000.
-std::vector<std::uint64_t> takeOpenings();
+// A connection that this process has tried to open.
+struct Opening {
+    std::uint64_t number = 0; // that the service gave it; 0 when it was not opened
+    // The service closed it and said that every command was accepted and is in force. Where this is false, it may still
+    // have been so: query() tells.
+    bool allInForce = false;
+};
+
+// Those since this was last asked, in order. Keeps the first 100,000.
+std::vector<Opening> takeOpenings();
 
 } // namespace rlv
 

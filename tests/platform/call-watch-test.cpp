@@ -19,8 +19,15 @@ rlv::ServiceState stateOf(std::vector<ConnectionOutcome> connections) {
     return state;
 }
 
+std::vector<rlv::Opening> opened(std::initializer_list<std::uint64_t> numbers) {
+    std::vector<rlv::Opening> openings;
+    for (const auto number : numbers)
+        openings.push_back({number, false});
+    return openings;
+}
+
 std::vector<std::string> judged(const LostCommand &lost) {
-    return host::judge(stateOf({{7, ConnectionEnd::closed, {lost}, 0}}), {7}).notInForce;
+    return host::judge(stateOf({{7, ConnectionEnd::closed, {lost}, 0}}), opened({7})).notInForce;
 }
 
 TEST(AnErrorText, IsWhatStandsBehindThePlaceWithoutColours) {
@@ -49,14 +56,14 @@ TEST(ACommand, IsNotInForceWhenItWasAcceptedAndLost) {
 }
 
 TEST(ACommand, CountsWhereItsTextWasTooMuchToKeep) {
-    const auto verdict = host::judge(stateOf({{7, ConnectionEnd::closed, {}, 12}}), {7});
+    const auto verdict = host::judge(stateOf({{7, ConnectionEnd::closed, {}, 12}}), opened({7}));
     EXPECT_THAT(verdict.notInForce, ElementsAre("12 more commands"));
     EXPECT_THAT(verdict.lost, ElementsAre("12 commands"));
 }
 
 TEST(ACommand, CountsAsRefusedWhereItsTextWasTooMuchToKeepAmongRefusals) {
     const LostCommand refused{"-A VPK-DENY -s nowhere -j DROP", 2, "host not found", true};
-    const auto verdict = host::judge(stateOf({{7, ConnectionEnd::closed, {refused}, 12}}), {7});
+    const auto verdict = host::judge(stateOf({{7, ConnectionEnd::closed, {refused}, 12}}), opened({7}));
     EXPECT_THAT(verdict.notInForce.size(), 2U);
     EXPECT_THAT(verdict.lost, IsEmpty());
 }
@@ -64,7 +71,7 @@ TEST(ACommand, CountsAsRefusedWhereItsTextWasTooMuchToKeepAmongRefusals) {
 TEST(ACommand, IsLostOnlyWhenItWasAcceptedFirst) {
     const auto lostOf = [](bool refusedAtOnce) {
         const LostCommand lost{"-A VPK-DENY -j DROP", 4, "lost", refusedAtOnce};
-        return host::judge(stateOf({{7, ConnectionEnd::closed, {lost}, 0}}), {7}).lost;
+        return host::judge(stateOf({{7, ConnectionEnd::closed, {lost}, 0}}), opened({7})).lost;
     };
     EXPECT_THAT(lostOf(false), ElementsAre("-A VPK-DENY -j DROP"));
     EXPECT_THAT(lostOf(true), IsEmpty());
@@ -72,7 +79,7 @@ TEST(ACommand, IsLostOnlyWhenItWasAcceptedFirst) {
 
 TEST(AConnection, IsAnInterruptionWhenItDidNotComeToItsEnd) {
     const auto interruption = [](ConnectionEnd end) {
-        return host::judge(stateOf({{7, end, {}, 0}}), {7}).interruption;
+        return host::judge(stateOf({{7, end, {}, 0}}), opened({7})).interruption;
     };
     EXPECT_EQ(interruption(ConnectionEnd::vanished), "a connection to the traffic-control service broke");
     EXPECT_EQ(interruption(ConnectionEnd::open), "a connection to the traffic-control service broke");
@@ -82,22 +89,22 @@ TEST(AConnection, IsAnInterruptionWhenItDidNotComeToItsEnd) {
 TEST(AConnection, IsAnInterruptionWhenTheServiceKnowsNothingOfIt) {
     const std::string startedAnew = "the traffic-control service was started anew during the call";
     const auto state = stateOf({{1, ConnectionEnd::closed, {}, 0}, {2, ConnectionEnd::closed, {}, 0}});
-    EXPECT_EQ(host::judge(state, {1, 2}).interruption, "");
-    EXPECT_EQ(host::judge(state, {3}).interruption, startedAnew);
-    EXPECT_EQ(host::judge(state, {2, 1}).interruption, startedAnew) << "numbers begin at 1 again";
-    EXPECT_EQ(host::judge(state, {2, 2}).interruption, startedAnew);
+    EXPECT_EQ(host::judge(state, opened({1, 2})).interruption, "");
+    EXPECT_EQ(host::judge(state, opened({3})).interruption, startedAnew);
+    EXPECT_EQ(host::judge(state, opened({2, 1})).interruption, startedAnew) << "numbers begin at 1 again";
+    EXPECT_EQ(host::judge(state, opened({2, 2})).interruption, startedAnew);
 }
 
 TEST(AConnection, IsNoneWhenItCouldNotBeOpened) {
-    EXPECT_EQ(host::judge(stateOf({}), {0, 0}).interruption, "");
-    EXPECT_EQ(host::judge(stateOf({}), {}).interruption, "");
+    EXPECT_EQ(host::judge(stateOf({}), opened({0, 0})).interruption, "");
+    EXPECT_EQ(host::judge(stateOf({}), opened({})).interruption, "");
 }
 
 TEST(AConnection, CountsOnlyWhenTheCallHasOpenedIt) {
     const LostCommand lost{"-A VPK-DENY -j DROP", 4, "lost", false};
     const auto state = stateOf({{7, ConnectionEnd::closed, {lost}, 0}, {8, ConnectionEnd::closed, {lost, lost}, 0}});
-    EXPECT_THAT(host::judge(state, {8}).notInForce.size(), 2U);
-    EXPECT_THAT(host::judge(state, {}).notInForce, IsEmpty());
+    EXPECT_THAT(host::judge(state, opened({8})).notInForce.size(), 2U);
+    EXPECT_THAT(host::judge(state, opened({})).notInForce, IsEmpty());
 }
 
 } // namespace

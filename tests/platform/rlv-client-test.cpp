@@ -57,6 +57,34 @@ TEST(AClient, GivesTheServicesAnswers) {
     EXPECT_EQ(0, rlv_deinitialize(handle));
 }
 
+TEST(AClient, KnowsThatAllIsInForceFromAGoodCloseAlone) {
+    struct Case {
+        int code;
+        std::uint64_t lost;
+        bool allInForce;
+    };
+    static const Case cases[] = {{0, 0, true}, {0, 1, false}, {EIO, 0, false}, {EIO, 3, false}};
+    for (const Case &one : cases) {
+        ScriptedService service([&one](Peer &peer) {
+            peer.acceptOpening();
+            peer.receive();
+            peer.send(Reply::Kind::closed, one.code, one.lost);
+        });
+        rlv_deinitialize(open());
+        const auto openings = rlv::takeOpenings();
+        ASSERT_EQ(1U, openings.size());
+        EXPECT_EQ(one.allInForce, openings[0].allInForce) << one.code << ", " << one.lost << " lost";
+    }
+}
+
+TEST(AClient, DoesNotThinkThatAllIsInForceOnAConnectionThatBroke) {
+    ScriptedService service([](Peer &peer) { peer.acceptOpening(), peer.receive(); });
+    EXPECT_NE(0, rlv_deinitialize(open()));
+    const auto openings = rlv::takeOpenings();
+    ASSERT_EQ(1U, openings.size());
+    EXPECT_FALSE(openings[0].allInForce);
+}
+
 TEST(AClient, CannotOpenWithoutAService) {
     rlv::setSocketPath("/run/nobody");
     rlv_handle handle = 7;

@@ -46,6 +46,20 @@ TEST(AConnectionHistory, KeepsTheFirstEndOfAConnection) {
     EXPECT_EQ(ConnectionEnd::closed, history.of(kMe, 0).at(0).end);
 }
 
+TEST(AConnectionHistory, CountsTheLostOnes) {
+    ConnectionHistory::Limits limits;
+    limits.textBytesPerConnection = 20;
+    ConnectionHistory history(limits);
+    const auto number = history.open(kMe);
+    EXPECT_EQ(0U, history.lostOn(number));
+    history.addLost(number, lost("-A VPK-DENY"));
+    history.addLost(number, lost("one whose text is too long to be kept"));
+    EXPECT_EQ(2U, history.lostOn(number)) << "with those beyond the list";
+    history.addLostBeyondList(number, 5);
+    EXPECT_EQ(7U, history.lostOn(number));
+    EXPECT_EQ(0U, history.lostOn(number + 1));
+}
+
 TEST(AConnectionHistory, CountsWhatItsListHasNoRoomFor) {
     ConnectionHistory::Limits limits;
     limits.textBytesPerConnection = 1000;

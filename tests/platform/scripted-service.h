@@ -12,6 +12,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <thread>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -35,6 +36,7 @@ inline sockaddr_un address() {
 
 inline UniqueFd listening() {
     const sockaddr_un at = address();
+    ::unlink(kPath); // of the service before
     UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
     EXPECT_EQ(0, ::bind(fd.get(), reinterpret_cast<const sockaddr *>(&at), sizeof at));
     EXPECT_EQ(0, ::listen(fd.get(), 8));

@@ -43,6 +43,11 @@ void ConnectionHistory::addLostBeyondList(std::uint64_t number, std::uint64_t co
         found->second.outcome.lostBeyondList += count;
 }
 
+std::uint64_t ConnectionHistory::lostOn(std::uint64_t number) const {
+    const auto found = entries_.find(number);
+    return found == entries_.end() ? 0 : found->second.outcome.lost.size() + found->second.outcome.lostBeyondList;
+}
+
 void ConnectionHistory::dropTexts(Entry &entry) {
     textBytes_ -= std::exchange(entry.textBytes, 0);
     entry.outcome.lostBeyondList += entry.outcome.lost.size();

@@ -43,6 +43,8 @@ public:
     // So many more were lost, after the ones that were added.
     void addLostBeyondList(std::uint64_t number, std::uint64_t count);
     void end(std::uint64_t number, ConnectionEnd how);
+    // How many commands of that connection were lost so far, with those that were refused at once.
+    std::uint64_t lostOn(std::uint64_t number) const;
 
     // The asker's connections with numbers above `since`, by number.
     std::vector<ConnectionOutcome> of(const Asker &asker, std::uint64_t since) const;

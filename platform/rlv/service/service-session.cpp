@@ -136,8 +136,9 @@ void Session::open() {
 
 void Session::close() {
     const std::int32_t code = delivery_.close() ? 0 : EIO;
+    const std::uint64_t lost = context_.history.lostOn(number_);
     finish(ConnectionEnd::closed);
-    connection_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::closed, code, 0, {}})});
+    connection_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::closed, code, lost, {}})});
 }
 
 void Session::query() {
