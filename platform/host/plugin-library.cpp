@@ -17,8 +17,10 @@ PluginFactory loadPlugin(const std::string &path) {
 }
 
 std::string defaultPluginPath() {
-    const auto directory = std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path();
-    return directory / "lib" / "libnyr-firewall-plugin.so";
+    const auto directory = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+    const auto installed = (directory / NYR_INSTALLED_PLUGIN).lexically_normal();
+    const auto built = directory.parent_path() / "lib" / "libnyr-firewall-plugin.so";
+    return !std::filesystem::exists(installed) && std::filesystem::exists(built) ? built : installed;
 }
 
 } // namespace host

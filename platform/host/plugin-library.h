@@ -14,7 +14,8 @@ using PluginFactory = AbstractDPluginProvider *(*)(mavo::rmi::Service &);
 // Loads the library at `path`, for good, and gives its factory. Throws std::runtime_error.
 PluginFactory loadPlugin(const std::string &path);
 
-// The library that lies where ours are installed, beside the directory of the running program.
+// The plugin that was installed together with the running program, wherever the two were moved; where there is none,
+// the one that was built beside it.
 std::string defaultPluginPath();
 
 } // namespace host
