@@ -57,6 +57,42 @@ TEST_F(TheServiceWithTheKernel, LeavesTheRulesInForceWhenItEnds) {
     EXPECT_EQ(1U, rulesOf("VPK-DENY"));
 }
 
+// Asked, sent at once, asked again, collected.
+TEST_F(TheServiceWithTheKernel, KeepsTheOrderOfTheCommandsHoweverTheyAreSent) {
+    Service service({});
+    makeChainWithRuleAndHook();
+    const std::vector<std::string> rules = {
+        "-A VPK-DENY -s 10.0.0.1/32 -j DROP",   "-A VPK-DENY -s 10.0.0.2/32 -j DROP",
+        "-A VPK-DENY -d 10.0.0.3/32 -j ACCEPT", "-A VPK-DENY -s 10.0.0.4/32 -j DROP",
+        "-A VPK-DENY -d 10.0.0.5/32 -j ACCEPT", "-A VPK-DENY -s 10.0.0.6/32 -j DROP"};
+    for (const bool isHeld : {false, true}) {
+        Client client;
+        if (isHeld)
+            client.commit("-F VPK-DENY");
+        for (const auto &rule : rules)
+            EXPECT_EQ("0: ", client.commit(rule));
+        EXPECT_EQ(0, client.close());
+        std::string inOrder;
+        for (const auto &rule : rules)
+            inOrder += rule + "\n";
+        EXPECT_THAT(listing(), testing::EndsWith(inOrder)) << "held: " << isHeld;
+    }
+}
+
+TEST_F(TheServiceWithTheKernel, EndsAnOpenConnectionAsIfItsClientHadVanished) {
+    {
+        Service service({});
+        makeChainWithRuleAndHook();
+        const Client client;
+        client.commit("-A VPK-DENY -s 10.0.0.7 -j DROP");
+        client.commit("-F VPK-DENY");
+        client.commit("-A VPK-DENY -s 10.0.0.8 -j DROP");
+        EXPECT_EQ(0, service.process().terminate());
+    }
+    EXPECT_THAT(listing(), testing::EndsWith("-A VPK-DENY -s 10.0.0.5/32 -p tcp -m tcp --sport 80 -j DROP\n"
+                                             "-A VPK-DENY -s 10.0.0.7/32 -j DROP\n"));
+}
+
 TEST_F(TheServiceWithTheKernel, AnswersAsTheSimulatedOneDoes) {
     const std::vector<std::string> commands = {"-F VPK-DENY",
                                                "-X VPK-DENY",
