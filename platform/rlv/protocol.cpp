@@ -45,10 +45,10 @@ public:
     }
     int code() { return static_cast<int>(static_cast<std::int32_t>(integer(4))); }
     bool flag() { return integer(1) != 0; }
-    std::string text() { return std::string(take(integer(4))); }
+    std::string text() { return std::string(take(count())); }
     // Element by element: a count that lies ends at the end of the text and reserves nothing before.
     template <class Element> void list(Element element) {
-        for (auto left = integer(4); left > 0 && good_; --left)
+        for (auto left = count(); left > 0 && good_; --left)
             element();
     }
     std::string_view rest() { return take(in_.size()); }
@@ -56,6 +56,7 @@ public:
     bool complete() const { return good_ && in_.empty(); }
 
 private:
+    std::uint32_t count() { return static_cast<std::uint32_t>(integer(4)); }
     std::string_view take(std::size_t bytes) {
         good_ = good_ && bytes <= in_.size();
         const auto taken = in_.substr(0, good_ ? bytes : 0);

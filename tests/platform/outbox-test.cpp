@@ -178,7 +178,7 @@ TEST_F(AnOutbox, LosesTheOldestReportsWhenThereAreTooMany) {
 
 TEST_F(AnOutbox, LosesAsManyAsANewReportNeedsBytes) {
     nyr::putReport(reportOf("1"));
-    const std::size_t each = std::filesystem::file_size(kDirectory / nyr::readOutbox().at(0).file);
+    const auto each = static_cast<std::size_t>(std::filesystem::file_size(kDirectory / nyr::readOutbox().at(0).file));
     const OutboxLimits limits{1000, 4 * each};
     for (const char *body : {"2", "3", "4"})
         nyr::putReport(reportOf(body), limits);

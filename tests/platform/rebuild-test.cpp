@@ -1,5 +1,6 @@
 #include "host/rebuild.h"
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -12,7 +13,7 @@ using support::EventLoop;
 using testing::ElementsAre;
 
 TEST(APause, DoublesFromOneSecondToFiveMinutes) {
-    std::vector<long> pauses;
+    std::vector<std::chrono::seconds::rep> pauses;
     for (const int failures : {1, 2, 3, 4, 8, 9, 10, 11, 1000})
         pauses.push_back(host::Rebuild::pauseAfter(failures).count());
     EXPECT_THAT(pauses, ElementsAre(1, 2, 4, 8, 128, 256, 300, 300, 300));

@@ -346,7 +346,7 @@ TEST(ALogFile, HasItsModeWhateverTheUmaskSays) {
 TEST(ALogFile, BecomesTheOldOneBeforeItWouldGrowTooLong) {
     useFile();
     LOG_INFO_LINE("%s", "1234567890");
-    const auto lineBytes = std::filesystem::file_size(kPath);
+    const auto lineBytes = static_cast<std::size_t>(std::filesystem::file_size(kPath));
     useFile(3 * lineBytes);
     for (const char *text : {"2.........", "3.........", "4........."})
         LOG_INFO_LINE("%s", text);

@@ -103,7 +103,7 @@ Reply Connection::carryOut(const Command &command, std::uint64_t number) {
         if (base_.count(name) == 0)
             return {};
     }
-    log_.push_back({number, command.action, name, {}, command.options});
+    log_.push_back({number, command.action, name, Line{}, command.options});
     return {};
 }
 

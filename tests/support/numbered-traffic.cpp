@@ -65,7 +65,8 @@ std::uint64_t droppedAt(const UniqueFd &socket) {
 }
 
 void sleepUntil(nanoseconds time) {
-    const timespec wanted{static_cast<time_t>(time.count() / 1'000'000'000), time.count() % 1'000'000'000};
+    const timespec wanted{static_cast<time_t>(time.count() / 1'000'000'000),
+                          static_cast<long>(time.count() % 1'000'000'000)};
     while (::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &wanted, nullptr) == EINTR) {
     }
 }
@@ -184,8 +185,9 @@ struct Stream::Shared {
             any = true;
             if (content.flow >= kMaximalFlows || content.number >= count)
                 continue;
-            entries[content.flow][content.number].arrived = true;
-            ++arrived[content.flow];
+            const auto flow = static_cast<std::size_t>(content.flow);
+            entries[flow][static_cast<std::size_t>(content.number)].arrived = true;
+            ++arrived[flow];
         }
         return any;
     }

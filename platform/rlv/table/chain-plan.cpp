@@ -1,6 +1,7 @@
 #include "rlv/table/chain-plan.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <unordered_map>
 
 namespace rlv {
@@ -20,15 +21,16 @@ constexpr std::size_t kPairsPerRule = 32;
 double stepMicroseconds(std::size_t rules) { return 0.001 + 0.0000006 * static_cast<double>(rules); }
 
 struct Hash {
-    static void mix(std::size_t &hash, std::size_t value) { hash = (hash ^ value) * 0x9e3779b97f4a7c15U >> 3; }
+    static void mix(std::uint64_t &hash, std::uint64_t value) { hash = (hash ^ value) * 0x9e3779b97f4a7c15U >> 3; }
     std::size_t operator()(const Rule *rule) const {
-        std::size_t hash = std::hash<std::string>()(rule->target.text) + static_cast<std::size_t>(rule->target.kind);
+        std::uint64_t hash = std::hash<std::string>()(rule->target.text);
+        hash += static_cast<std::uint64_t>(rule->target.kind);
         mix(hash, rule->protocol.value_or(0));
         for (const auto &network : {rule->source, rule->destination})
             mix(hash, network ? network->address + network->prefixLength : 1);
         for (const auto &ports : {rule->sourcePorts, rule->destinationPorts})
             mix(hash, ports ? ports->first * 65'536U + ports->last : 1);
-        return hash;
+        return static_cast<std::size_t>(hash ^ hash >> 32);
     }
 };
 

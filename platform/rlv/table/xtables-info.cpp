@@ -22,8 +22,13 @@ namespace {
 
 bool isFull(const std::optional<PortRange> &ports) { return ports && ports->first == 0 && ports->last == UINT16_MAX; }
 
+// What XT_ALIGN says; in some versions of the header that needs the GNU dialect.
+constexpr std::size_t aligned(std::size_t sizeBytes) {
+    return (sizeBytes + alignof(_xt_align) - 1) / alignof(_xt_align) * alignof(_xt_align);
+}
+
 template <typename Info> XtablesInfo bytesOf(const Info &info) {
-    XtablesInfo bytes(XT_ALIGN(sizeof info));
+    XtablesInfo bytes(aligned(sizeof info));
     std::memcpy(bytes.data(), &info, sizeof info);
     return bytes;
 }
@@ -93,7 +98,7 @@ struct PortsMatch {
 };
 
 template <typename Info, template <typename> class Layout> PortsMatch portsMatch(const char *name) {
-    return {name, XT_ALIGN(sizeof(Info)), Layout<Info>::make, [](const XtablesInfo &bytes) {
+    return {name, aligned(sizeof(Info)), Layout<Info>::make, [](const XtablesInfo &bytes) {
                 Info info{};
                 std::memcpy(&info, bytes.data(), sizeof info);
                 return Layout<Info>::read(info);
@@ -137,7 +142,7 @@ XtablesInfo makeLogInfo(const std::string &prefix) {
 
 std::optional<std::string> readLogInfo(const XtablesInfo &bytes) {
     xt_log_info info{};
-    if (bytes.size() != XT_ALIGN(sizeof info))
+    if (bytes.size() != aligned(sizeof info))
         return std::nullopt;
     std::memcpy(&info, bytes.data(), sizeof info);
     const std::string prefix(info.prefix, ::strnlen(info.prefix, sizeof info.prefix));
