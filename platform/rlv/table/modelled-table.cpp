@@ -22,6 +22,8 @@ constexpr std::chrono::milliseconds kMaxReadingTime{500};
 // that one may fail.
 constexpr int kBoundAttempts = 10;
 constexpr int kMaxConflicts = 100;
+// How often a refusal may be taken for what somebody else did, before it is the kernel's own.
+constexpr int kMaxOutruns = 3;
 // The kernel names thousands of refused changes at once, but perhaps not all.
 constexpr int kMaxRefusals = 100;
 // The list of lost commands has a limit, their number has none.
@@ -72,6 +74,12 @@ void dropConsequences(std::vector<ChangeFailure> &failures) {
     const auto first = std::find_if(failures.begin(), failures.end(), isTooFar);
     if (first != failures.end())
         failures.erase(std::remove_if(first + 1, failures.end(), isTooFar), failures.end());
+}
+
+// Changes whose refusal costs one command or chain, and not everything.
+bool isBlamable(Kind kind) {
+    return kind == Kind::appendRule || kind == Kind::insertRule || kind == Kind::addChain ||
+           kind == Kind::addBaseChain || kind == Kind::deleteChain;
 }
 
 bool isConflict(const std::vector<ChangeFailure> &failures) {
@@ -136,15 +144,19 @@ PushReport ModelledTable::push() {
 
 void ModelledTable::pushAll(PushReport &report) {
     int conflicts = 0;
+    int outruns = 0;
     int refusals = 0;
     while (model_.isChanged()) {
         if (conflicts == kMaxConflicts)
             return model_.revert({4, "iptables: the tables change faster than they can be written"}, report.lost);
         if (refusals == kMaxRefusals)
             return model_.revert({4, "iptables: the kernel refuses too many of the rules"}, report.lost);
-        switch (tryPush(conflicts < kBoundAttempts, report)) {
+        switch (tryPush({conflicts < kBoundAttempts, outruns < kMaxOutruns}, report)) {
         case Outcome::sent:
             return;
+        case Outcome::outrun:
+            ++outruns;
+            [[fallthrough]];
         case Outcome::otherGeneration:
             ++conflicts;
             break;
@@ -155,18 +167,21 @@ void ModelledTable::pushAll(PushReport &report) {
     }
 }
 
-// True where a refusal may only say that somebody else made or removed something meanwhile.
-bool ModelledTable::wasFaster(const std::vector<ChangeFailure> &failures) {
-    const bool mayBe = std::any_of(failures.begin(), failures.end(), [](const ChangeFailure &failure) {
-        return failure.index && (failure.error == ENOENT || failure.error == EEXIST || failure.error == EBUSY);
+// True where a refusal may only say that somebody else made or removed something meanwhile. What is missing for good, a
+// match that the kernel does not have, gives the same errors: unless `mayBeOutrun`, these are the kernel's own where
+// they have a command to blame.
+bool ModelledTable::wasFaster(const Batch &batch, const std::vector<ChangeFailure> &failures, bool mayBeOutrun) {
+    const bool mayBe = std::any_of(failures.begin(), failures.end(), [&](const ChangeFailure &failure) {
+        const bool isOfOthers = failure.error == ENOENT || failure.error == EEXIST || failure.error == EBUSY;
+        return failure.index && isOfOthers && (mayBeOutrun || !isBlamable(batch.changes[*failure.index].kind));
     });
     return mayBe && store_->generation() != generation_;
 }
 
-ModelledTable::Outcome ModelledTable::tryPush(bool mayBind, PushReport &report) {
+ModelledTable::Outcome ModelledTable::tryPush(Limits limits, PushReport &report) {
     if (!generation_)
         reread(report);
-    const bool bound = mayBind && isWhole_;
+    const bool bound = limits.mayBind && isWhole_;
     const Model::Changes plan = model_.plan(bound);
     if (!fetchHandles(plan)) {
         reread(report);
@@ -178,9 +193,10 @@ ModelledTable::Outcome ModelledTable::tryPush(bool mayBind, PushReport &report) 
         failures = store_->commit(batch.changes, bound ? generation_ : std::nullopt);
     else if (bound && store_->generation() != generation_)
         failures.push_back({std::nullopt, ERESTART});
-    if (isConflict(failures) || (!bound && wasFaster(failures))) {
+    const bool isOutrun = !bound && wasFaster(batch, failures, limits.mayBeOutrun);
+    if (isOutrun || isConflict(failures)) {
         reread(report);
-        return Outcome::otherGeneration;
+        return isOutrun ? Outcome::outrun : Outcome::otherGeneration;
     }
     if (!failures.empty()) {
         blame(batch, failures, report);

@@ -45,10 +45,14 @@ private:
     void reread(PushReport &report);
     bool fetchHandles(const Model::Changes &plan);
     Batch makeBatch(const Model::Changes &plan) const;
-    enum class Outcome { sent, otherGeneration, refused };
-    Outcome tryPush(bool mayBind, PushReport &report);
+    enum class Outcome { sent, otherGeneration, outrun, refused };
+    struct Limits {
+        bool mayBind;
+        bool mayBeOutrun;
+    };
+    Outcome tryPush(Limits limits, PushReport &report);
     void pushAll(PushReport &report);
-    bool wasFaster(const std::vector<ChangeFailure> &failures);
+    bool wasFaster(const Batch &batch, const std::vector<ChangeFailure> &failures, bool mayBeOutrun);
     void count(const Model::Changes &plan, PushReport &report) const;
     void blame(const Batch &batch, const std::vector<ChangeFailure> &failures, PushReport &report);
     std::vector<ChangeFailure> locate(const Batch &batch);
