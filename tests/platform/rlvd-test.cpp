@@ -182,6 +182,12 @@ TEST(TheService, DoesNotStartForAnAccountThatDoesNotExist) {
     expectOneLine(result.errors);
 }
 
+TEST(TheService, TakesTheNumberOfAnAccountAndNoneThatIsTooLarge) {
+    { const SimulatedService service({"--client-user", "1"}); }
+    for (const char *number : {"4294967296", "4294967297", "18446744073709551617", "1x", "+1", "-1", ""})
+        EXPECT_THAT(ended({"--simulate", "--client-user", number}).errors, HasSubstr("no such account")) << number;
+}
+
 TEST(TheService, DoesNotStartWithAPrefixThatABuiltInChainHas) {
     for (const char *prefix : {"", "IN", "OUTPUT", "VPK DENY", "-N", "1"})
         EXPECT_NE(0, ended({"--simulate", "--chain-prefix", prefix}).status) << prefix;

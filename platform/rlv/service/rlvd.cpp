@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
@@ -129,13 +130,20 @@ void chooseLog(const Arguments &arguments) {
     }
 }
 
+// A number that is too large is another account's when it is cut off.
+std::optional<uid_t> accountNumber(const std::string &word) {
+    uid_t number = 0;
+    const char *const wordEnd = word.data() + word.size();
+    const auto [end, error] = std::from_chars(word.data(), wordEnd, number);
+    return error == std::errc() && end == wordEnd ? std::optional(number) : std::nullopt;
+}
+
 // An account's number is as good as its name.
 const passwd &account(const std::string &name) {
     const passwd *found = ::getpwnam(name.c_str());
-    char *end = nullptr;
-    const unsigned long number = std::strtoul(name.c_str(), &end, 10);
-    if (found == nullptr && !name.empty() && name[0] >= '0' && name[0] <= '9' && *end == '\0')
-        found = ::getpwuid(static_cast<uid_t>(number));
+    const auto number = accountNumber(name);
+    if (found == nullptr && number)
+        found = ::getpwuid(*number);
     if (found == nullptr)
         throw std::runtime_error("--client-user " + name + ": no such account");
     return *found;
