@@ -57,7 +57,7 @@ std::optional<std::string> errorText(const vlog::Line &line) {
     return withoutColours(colour == std::string::npos ? line.text : line.text.substr(colour));
 }
 
-// The service numbers its connections from 1 on after each start.
+// The service numbers its connections from 1 on after each start, and forgets those that ended well before others.
 Verdict judge(const rlv::ServiceState &after, const std::vector<rlv::Opening> &openings) {
     Verdict verdict;
     std::uint64_t last = 0;
@@ -67,9 +67,10 @@ Verdict judge(const rlv::ServiceState &after, const std::vector<rlv::Opening> &o
             continue;
         const auto found = std::find_if(after.connections.begin(), after.connections.end(),
                                         [number](const auto &connection) { return connection.number == number; });
-        if (found != after.connections.end())
+        const bool isKnown = found != after.connections.end();
+        if (isKnown && !opening.allInForce)
             judge(*found, verdict);
-        if (found == after.connections.end() || number <= last)
+        if ((!isKnown && !opening.allInForce) || number <= last)
             verdict.interruption = "the traffic-control service was started anew during the call";
         last = number;
     }

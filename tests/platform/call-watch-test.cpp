@@ -95,6 +95,15 @@ TEST(AConnection, IsAnInterruptionWhenTheServiceKnowsNothingOfIt) {
     EXPECT_EQ(host::judge(state, opened({2, 2})).interruption, startedAnew);
 }
 
+// The service forgets those that ended well before others.
+TEST(AConnection, IsNoneWhenTheServiceHasForgottenAfterSayingThatItEndedWell) {
+    const LostCommand refused{"-N VPK-DENY", 1, "exists", true};
+    const auto state = stateOf({{8, ConnectionEnd::closed, {refused}, 0}});
+    const std::vector<rlv::Opening> openings{{7, true}, {8, false}};
+    EXPECT_EQ(host::judge(state, openings).interruption, "");
+    EXPECT_NE(host::judge(state, {{9, true}, {8, false}}).interruption, "") << "numbers begin at 1 again";
+}
+
 TEST(AConnection, IsNoneWhenItCouldNotBeOpened) {
     EXPECT_EQ(host::judge(stateOf({}), opened({0, 0})).interruption, "");
     EXPECT_EQ(host::judge(stateOf({}), opened({})).interruption, "");
