@@ -222,6 +222,22 @@ TEST_F(AModelledTable, LosesEverythingWhereTheRefusalIsFoundNowhere) {
     done({"-A VPK-A -j DROP"});
 }
 
+// A kernel that is short of memory has nothing against the rules that it names, nor for those that it does not.
+TEST_F(AModelledTable, LosesEverythingWhereTheKernelIsShortOfMemory) {
+    done({"-N VPK-A", "-A VPK-A -j ACCEPT"});
+    for (const int error : {ENOMEM, ENOBUFS}) {
+        for (const bool tellsIndexes : {true, false}) {
+            store->tellsIndexes = tellsIndexes;
+            refuseRule("-s 10.0.0.2/32 -j DROP", error);
+            table->open();
+            accepted({"-F VPK-A", "-A VPK-A -s 10.0.0.1 -j DROP", "-A VPK-A -s 10.0.0.2 -j DROP"});
+            EXPECT_EQ(3U, table->push().lost.size()) << error;
+            EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-j ACCEPT")) << error;
+        }
+    }
+    EXPECT_EQ(0U, store->dryRuns);
+}
+
 TEST_F(AModelledTable, LosesEverythingWhereARemovalOfRulesIsRefused) {
     done({"-N VPK-A", "-A VPK-A -j ACCEPT", "-A VPK-A -j DROP"});
     const auto before = rules("VPK-A");

@@ -82,6 +82,9 @@ bool isBlamable(Kind kind) {
            kind == Kind::addBaseChain || kind == Kind::deleteChain;
 }
 
+// Not for anything in the changes: with the half of them that there is room for, the firewall would stand open.
+bool isShortage(const ChangeFailure &failure) { return failure.error == ENOMEM || failure.error == ENOBUFS; }
+
 bool isConflict(const std::vector<ChangeFailure> &failures) {
     return std::any_of(failures.begin(), failures.end(), [](const auto &failure) { return failure.error == ERESTART; });
 }
@@ -290,6 +293,13 @@ void ModelledTable::count(const Model::Changes &plan, PushReport &report) const 
 
 // Takes the commands of refused changes out of the model.
 void ModelledTable::blame(const Batch &batch, const std::vector<ChangeFailure> &failures, PushReport &report) {
+    const auto revertFor = [&](const ChangeFailure &failure) {
+        const Change &refused = batch.changes[failure.index.value_or(batch.changes.size() - 1)];
+        model_.revert(answerTo(refused, failure.error), report.lost);
+    };
+    const auto shortage = std::find_if(failures.begin(), failures.end(), isShortage);
+    if (shortage != failures.end())
+        return revertFor(*shortage);
     std::vector<ChangeFailure> located;
     for (const ChangeFailure &failure : failures) {
         if (failure.index)
@@ -323,9 +333,7 @@ void ModelledTable::blame(const Batch &batch, const std::vector<ChangeFailure> &
         }
     }
     if (!isClear)
-        return model_.revert(
-            answerTo(batch.changes[failures.front().index.value_or(batch.changes.size() - 1)], failures.front().error),
-            report.lost);
+        return revertFor(failures.front());
     for (const auto &[name, answer] : chains) {
         model_.loseChain(name, answer, report.lost);
         rules.erase(name);
