@@ -13,4 +13,6 @@ foreach(library vlog mavo vpk-pil rlv-client nyr-common-client)
   # Linked by name: where a library has no run-time name of its own, its path here would become that.
   set_target_properties(${library} PROPERTIES IMPORTED_LOCATION ${NYR_DEVICE_${library}} IMPORTED_NO_SONAME ON)
   target_link_libraries(${library} INTERFACE nyr-contract)
+  get_filename_component(folder ${NYR_DEVICE_${library}} DIRECTORY)
+  target_link_options(${library} INTERFACE -Wl,-rpath-link,${folder}) # they may need each other
 endforeach()

@@ -77,22 +77,6 @@ TEST(AnUnknownAnswer, IsAskedForAfterAllThatCameBefore) {
     EXPECT_EQ(4U, rulesOf("VPK-DENY"));
 }
 
-// Every answer here was accepted before in the same form.
-TEST(AKnownAnswer, IsNotKnownAnyLongerOnceSomethingIsRemoved) {
-    SimulatedService service;
-    Client client;
-    for (const char *options : {"-N VPK-DENY", "-N VPK-OTHER", "-A VPK-DENY -s 10.0.0.1 -j VPK-OTHER"})
-        EXPECT_EQ("0: ", client.commit(options));
-    EXPECT_EQ("0: ", client.commit("-F VPK-DENY"));
-    EXPECT_EQ("0: ", client.commit("-X VPK-OTHER"));
-    EXPECT_THAT(client.commit("-A VPK-DENY -s 10.0.0.1 -j VPK-OTHER"), HasSubstr("2: "));
-    EXPECT_EQ("0: ", client.commit("-A VPK-DENY -s 10.0.0.1 -j DROP"));
-    EXPECT_EQ("0: ", client.commit("-F VPK-DENY"));
-    EXPECT_EQ("0: ", client.commit("-X VPK-DENY"));
-    EXPECT_THAT(client.commit("-A VPK-DENY -s 10.0.0.1 -j DROP"), HasSubstr("1: "));
-    EXPECT_EQ(0, client.close());
-}
-
 TEST(AKnownAnswer, HoldsForJumpsAsDeepAsTheyMayBe) {
     SimulatedService service;
     Client client;

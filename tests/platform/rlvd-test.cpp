@@ -13,7 +13,6 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <system_error>
-#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -399,23 +398,6 @@ TEST(TheService, OutlivesAFloodOfConnections) {
     for (int i = 0; i < 500; ++i)
         const RawClient flood;
     EXPECT_EQ("0: ", early.commit("-N VPK-DENY"));
-}
-
-TEST(TheService, ServesClientsOnSeveralThreadsOfOneProcess) {
-    SimulatedService service;
-    Client().commit("-N VPK-DENY");
-    std::vector<std::thread> threads;
-    threads.reserve(4);
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([] {
-            const Client client;
-            for (int rule = 0; rule < 50; ++rule)
-                EXPECT_EQ("0: ", client.commit("-A VPK-DENY -j DROP"));
-        });
-    }
-    for (auto &thread : threads)
-        thread.join();
-    EXPECT_EQ(200U, rulesOf("VPK-DENY"));
 }
 
 } // namespace

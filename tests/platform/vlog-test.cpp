@@ -4,7 +4,6 @@
 
 #include <array>
 #include <cerrno>
-#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <filesystem>
@@ -104,29 +103,6 @@ protected:
     std::string text_;
 };
 
-TEST_F(ALogText, IsWhatPrintfMakesOfEveryConversion) {
-    int count = 0;
-    std::array<char, 512> expected{};
-// The format is given to both with the same arguments.
-#define SAME(...)                                                                                                      \
-    std::snprintf(expected.data(), expected.size(), __VA_ARGS__);                                                      \
-    EXPECT_GE(LOG_INFO_LINE(__VA_ARGS__), 0);                                                                          \
-    EXPECT_EQ(expected.data(), text_) << ++count
-    SAME("plain 100%%");
-    SAME("%d|%i|%u|%o|%x|%X", INT_MIN, -1, UINT_MAX, 8U, 255U, 255U);
-    SAME("%hhd %hd %hhu %hu", 300, 70000, 300, 70000);
-    SAME("%ld %lu %lld %llu", LONG_MIN, ULONG_MAX, LLONG_MIN, ULLONG_MAX);
-    SAME("%jd %ju %zu %zd %td", INTMAX_MIN, UINTMAX_MAX, SIZE_MAX, static_cast<ssize_t>(-5), std::ptrdiff_t{-7});
-    SAME("%5d|%-5d|%05d|%+d|% d|%#x", 42, 42, 42, 42, 42, 42U);
-    SAME("%*d|%-*d|%*d|%.*f|%.*f|%5.3d", 6, 1, 6, 2, -6, 3, 2, 3.14159, -1, 3.14159, 7);
-    SAME("%f %e %g %G %a %.2Lf", 1.5, 1e9, 1e-9, 1e20, 1.0, 2.25L);
-    SAME("%s|%10s|%-10s|%.2s|%.*s", "abc", "abc", "abc", "abc", 1, "abc");
-    SAME("%c%c|%3c", 'a', 'b', 'c');
-    SAME("%p", static_cast<void *>(this));
-    SAME("%ls %lc", L"wide", static_cast<wint_t>(L'w'));
-#undef SAME
-}
-
 TEST_F(ALogText, ShowsANullStringAndTheErrorThatStoodBefore) {
     const char *volatile nothing = nullptr;
     errno = ENOSPC;
@@ -168,13 +144,6 @@ TEST_F(ALogText, ComesToTheObserverWithPriorityAndTag) {
 }
 
 // --- any sink ---
-
-TEST(VlogPrint, ReturnsTheLengthOfTheTextAndLeavesErrnoAlone) {
-    useFile();
-    errno = EXDEV;
-    EXPECT_EQ(5, LOG_INFO_LINE("%d", 12345));
-    EXPECT_EQ(EXDEV, errno);
-}
 
 TEST(VlogPrint, FailsQuietlyWhenTheDiskIsFull) {
     vlog::useFile({"/dev/full"});

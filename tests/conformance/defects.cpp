@@ -1,0 +1,136 @@
+// Libraries that keep a contract but for one thing, to prove that the conformance suite finds it: built by
+// check-conformance, one for each DEFECT_…, to stand in the place of the library which they pass their calls on to (in
+// the folder NYR_REAL_LIBRARIES).
+#include <cstdlib>
+#include <dlfcn.h>
+#include <string>
+
+template <typename Function> Function *real(const char *library, const char *symbol) {
+    const char *folder = std::getenv("NYR_REAL_LIBRARIES");
+    void *handle = ::dlopen((std::string(folder != nullptr ? folder : "") + "/" + library).c_str(), RTLD_NOW);
+    void *found = handle != nullptr ? ::dlsym(handle, symbol) : nullptr;
+    if (found == nullptr)
+        std::abort();
+    return reinterpret_cast<Function *>(found);
+}
+
+// ---- vlog ----
+
+#if defined(DEFECT_VLOG_CHANGES_ERRNO) || defined(DEFECT_VLOG_WRITES_TO_STANDARD_ERROR)
+
+#include <array>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <unistd.h>
+
+#include "vlog/vlog.h"
+
+extern "C" int vlog_print(int logId, int priority, const char *tag, const char *format, ...) {
+    static auto *const print = real<decltype(vlog_print)>("libvlog.so.0", "vlog_print");
+    std::array<char, 200'000> text{};
+    std::va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(text.data(), text.size(), format, arguments);
+    va_end(arguments);
+    const int result = print(logId, priority, tag, "%s", text.data());
+#ifdef DEFECT_VLOG_CHANGES_ERRNO
+    errno = 0;
+#else
+    if (::write(2, text.data(), 1) != 1)
+        return -1;
+#endif
+    return result;
+}
+
+#endif
+
+// ---- rlv ----
+
+#if defined(DEFECT_RLV_ACTS_AT_ONCE) || defined(DEFECT_RLV_TAKES_ANY_HANDLE)
+
+#include "rlv/rlv.h"
+
+constexpr const char *kLibrary = "librlv-client.so.0";
+
+int rlv_initialize(rlv_handle *handle) { return real<decltype(rlv_initialize)>(kLibrary, "rlv_initialize")(handle); }
+
+#ifdef DEFECT_RLV_TAKES_ANY_HANDLE
+
+int rlv_deinitialize(rlv_handle handle) {
+    real<decltype(rlv_deinitialize)>(kLibrary, "rlv_deinitialize")(handle);
+    return 0;
+}
+
+int rlv_iptables_commit(rlv_handle handle, const char *options, int *error_code, char **error_message) {
+    return real<decltype(rlv_iptables_commit)>(kLibrary, "rlv_iptables_commit")(handle, options, error_code,
+                                                                                error_message);
+}
+
+#else
+
+// The connection behind the one that the thread has been given.
+static thread_local rlv_handle inner = 0;
+
+int rlv_deinitialize(rlv_handle handle) {
+    const rlv_handle last = inner != 0 ? inner : handle;
+    inner = 0;
+    return real<decltype(rlv_deinitialize)>(kLibrary, "rlv_deinitialize")(last);
+}
+
+int rlv_iptables_commit(rlv_handle handle, const char *options, int *error_code, char **error_message) {
+    const int result = real<decltype(rlv_iptables_commit)>(kLibrary, "rlv_iptables_commit")(
+        inner != 0 ? inner : handle, options, error_code, error_message);
+    if (result == 0 && rlv_deinitialize(handle) == 0)
+        rlv_initialize(&inner);
+    return result;
+}
+
+#endif
+#endif
+
+// ---- nyr ----
+
+#if defined(DEFECT_NYR_LOSES_LONG_REPORTS) || defined(DEFECT_NYR_CHANGES_THE_BODY)
+
+#include "nyr/report.h"
+
+constexpr const char *kSymbol = "_ZN3nyr10sendReportEiiRNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE";
+
+int nyr::sendReport(int type, int subtype, std::string &body) {
+#ifdef DEFECT_NYR_LOSES_LONG_REPORTS
+    if (body.size() > 65536)
+        return 0;
+#endif
+    const int result = real<decltype(nyr::sendReport)>("libnyr-common-client.so.0", kSymbol)(type, subtype, body);
+#ifdef DEFECT_NYR_CHANGES_THE_BODY
+    body.clear();
+#endif
+    return result;
+}
+
+#endif
+
+// ---- vpk-pil ----
+
+#ifdef DEFECT_VPK_PIL_BEGINS_WITH_A_STORAGE
+
+#include "vpk-pil/vpk-pil.h"
+
+namespace {
+
+class Nowhere : public PolicyStorage {
+public:
+    int storeStatus(const std::string &, int) override { return 0; }
+    int readStatus(const std::string &) override { return 0; }
+};
+
+Nowhere nowhere;
+
+} // namespace
+
+PolicyStorage::~PolicyStorage() = default;
+PolicyStorage *PolicyStorage::backend = &nowhere;
+std::mutex PolicyStorage::dbLock;
+
+#endif

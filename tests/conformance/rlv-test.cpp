@@ -1,0 +1,263 @@
+// The client of the traffic-control service, with the service behind it and the kernel's filter table behind that.
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "hook.h"
+#include "rlv/rlv.h"
+
+namespace {
+
+using testing::AnyOf;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::SizeIs;
+
+struct Answer {
+    int result = -1;
+    int code = -1;
+    std::string message; // "as it was" when the client left it alone
+};
+
+Answer commit(rlv_handle handle, const std::string &options) {
+    Answer answer;
+    char left[] = "as it was";
+    char *message = left;
+    answer.result = rlv_iptables_commit(handle, options.c_str(), &answer.code, &message);
+    answer.message = message != nullptr ? message : "null";
+    if (message != left)
+        std::free(message);
+    return answer;
+}
+
+// A connection for as long as the object lives.
+class Client {
+public:
+    Client() { EXPECT_EQ(0, rlv_initialize(&handle_)); }
+    ~Client() { rlv_deinitialize(handle_); }
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+
+    // The exit status of iptables for this command.
+    int code(const std::string &options) const {
+        const Answer answer = commit(handle_, options);
+        EXPECT_EQ(0, answer.result) << options << ": " << answer.message;
+        return answer.code;
+    }
+    int close() { return rlv_deinitialize(std::exchange(handle_, 0)); }
+    rlv_handle handle() const { return handle_; }
+
+private:
+    rlv_handle handle_ = 0;
+};
+
+class ATrafficControlClient : public conformance::WithServices {
+protected:
+    static std::vector<std::string> rulesOf(const std::string &chain) {
+        std::vector<std::string> found;
+        for (const std::string &line : conformance::ask("rules")) {
+            if (line.rfind("-A " + chain + " ", 0) == 0)
+                found.push_back(line);
+        }
+        return found;
+    }
+    // A chain with one rule, in force.
+    static void makeChain() {
+        Client client;
+        EXPECT_EQ(0, client.code("-N VPK-DENY"));
+        EXPECT_EQ(0, client.code("-A VPK-DENY -s 10.0.0.1 -j DROP"));
+        EXPECT_EQ(0, client.close());
+    }
+    const std::string kFirst = "-A VPK-DENY -s 10.0.0.1/32 -j DROP";
+    const std::string kSecond = "-A VPK-DENY -s 10.0.0.2/32 -j DROP";
+};
+
+// ---- connections ----
+
+TEST_F(ATrafficControlClient, OpensAndClosesAConnection) {
+    rlv_handle handle = 0;
+    EXPECT_EQ(0, rlv_initialize(&handle));
+    EXPECT_NE(0U, handle);
+    EXPECT_EQ(0, rlv_deinitialize(handle));
+    EXPECT_EQ(EBADF, rlv_deinitialize(handle));
+}
+
+TEST_F(ATrafficControlClient, KnowsNoHandleZeroAndNoOther) {
+    for (const rlv_handle handle : {0U, 1234U}) {
+        const Answer answer = commit(handle, "-F VPK-DENY");
+        EXPECT_EQ(EBADF, answer.result);
+        EXPECT_EQ(4, answer.code);
+        EXPECT_NE("as it was", answer.message) << "it says why";
+        EXPECT_EQ(EBADF, rlv_deinitialize(handle));
+    }
+}
+
+TEST_F(ATrafficControlClient, StoresNoHandleWhenTheServiceDoesNotRun) {
+    conformance::ask("stop");
+    rlv_handle handle = 7;
+    EXPECT_THAT(rlv_initialize(&handle), AnyOf(ENOENT, ECONNREFUSED));
+    EXPECT_EQ(0U, handle);
+}
+
+TEST_F(ATrafficControlClient, WaitsForTheEndOfAnothersConnection) {
+    Client first;
+    std::thread closer([&first] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300)); // how long the connection is held
+        EXPECT_EQ(0, first.close());
+    });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, conformance::inChild([] {
+                  rlv_handle handle = 0;
+                  const int error = rlv_initialize(&handle);
+                  return error != 0 ? error : rlv_deinitialize(handle);
+              }));
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+    closer.join();
+}
+
+TEST_F(ATrafficControlClient, WorksWithTheStandardStreamsClosed) {
+    EXPECT_EQ(0, conformance::inChild([] {
+                  for (const int stream : {0, 1, 2})
+                      ::close(stream);
+                  Client client;
+                  const int code = client.code("-N VPK-DENY");
+                  return code != 0 ? code : client.close();
+              }));
+    EXPECT_THAT(conformance::ask("rules"), Contains("-N VPK-DENY"));
+}
+
+TEST_F(ATrafficControlClient, ServesSeveralThreadsOfOneProcess) {
+    Client().code("-N VPK-DENY");
+    std::vector<std::thread> threads;
+    threads.reserve(4);
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([] {
+            const Client client;
+            for (int rule = 0; rule < 50; ++rule)
+                EXPECT_EQ(0, client.code("-A VPK-DENY -j DROP"));
+        });
+    }
+    for (auto &thread : threads)
+        thread.join();
+    EXPECT_THAT(rulesOf("VPK-DENY"), SizeIs(200));
+}
+
+// ---- answers ----
+
+TEST_F(ATrafficControlClient, LeavesTheMessageAloneWhenACommandIsAccepted) {
+    const Client client;
+    const Answer answer = commit(client.handle(), "-N VPK-DENY");
+    EXPECT_EQ(0, answer.result);
+    EXPECT_EQ(0, answer.code);
+    EXPECT_EQ("as it was", answer.message);
+}
+
+TEST_F(ATrafficControlClient, RefusesWithIptablesCodesAndGoesOn) {
+    const Client client;
+    EXPECT_EQ(1, client.code("-F VPK-DENY")) << "no such chain";
+    EXPECT_THAT(client.code("-D INPUT -j VPK-DENY"), AnyOf(1, 2)) << "no such rule, no such chain";
+    EXPECT_EQ(2, client.code("--no-such-option"));
+    EXPECT_EQ(2, client.code(""));
+    EXPECT_EQ(0, client.code("-N VPK-DENY"));
+    EXPECT_EQ(1, client.code("-N VPK-DENY")) << "it is there";
+}
+
+TEST_F(ATrafficControlClient, AnswersForTheTableAsAllCommandsBeforeLeftIt) {
+    Client client;
+    for (const char *options : {"-N VPK-DENY", "-N VPK-OTHER", "-A VPK-DENY -s 10.0.0.1 -j VPK-OTHER"})
+        EXPECT_EQ(0, client.code(options)) << options;
+    EXPECT_THAT(client.code("-X VPK-OTHER"), AnyOf(1, 4)) << "it is in use";
+    EXPECT_EQ(0, client.code("-F VPK-DENY"));
+    EXPECT_EQ(0, client.code("-X VPK-OTHER"));
+    EXPECT_EQ(2, client.code("-A VPK-DENY -s 10.0.0.1 -j VPK-OTHER")) << "no such target";
+    EXPECT_EQ(0, client.code("-A VPK-DENY -s 10.0.0.1 -j DROP"));
+    EXPECT_EQ(1, client.code("-D VPK-DENY -s 10.0.0.2 -j DROP")) << "no such rule";
+    EXPECT_EQ(0, client.code("-F VPK-DENY"));
+    EXPECT_EQ(0, client.code("-X VPK-DENY"));
+    EXPECT_EQ(1, client.code("-A VPK-DENY -s 10.0.0.1 -j DROP")) << "no such chain";
+    EXPECT_EQ(0, client.close());
+}
+
+// ---- what comes into force, and when ----
+
+TEST_F(ATrafficControlClient, PutsIntoForceEachFormOfRuleThatThePluginUses) {
+    const struct {
+        const char *options;
+        const char *rule;
+    } forms[] = {
+        {"-A VPK-DENY -p tcp -s 10.0.0.5 --sport 80 -j DROP",
+         "-A VPK-DENY -s 10.0.0.5/32 -p tcp -m tcp --sport 80 -j DROP"},
+        {"-A VPK-DENY -p udp -d 10.1.0.0/16 --dport 5000:5100 -j DROP",
+         "-A VPK-DENY -d 10.1.0.0/16 -p udp -m udp --dport 5000:5100 -j DROP"},
+        {"-A VPK-DENY -p icmp -j DROP", "-A VPK-DENY -p icmp -j DROP"},
+        {"-A VPK-DENY -s 10.0.0.6 -j ACCEPT", "-A VPK-DENY -s 10.0.0.6/32 -j ACCEPT"},
+        {"-A VPK-DENY -d 10.0.0.7 -j VPK-LOG", "-A VPK-DENY -d 10.0.0.7/32 -j VPK-LOG"},
+        {"-A VPK-DENY -j LOG -v --log-prefix=IPTables-Dropped:",
+         "-A VPK-DENY -j LOG --log-prefix \"IPTables-Dropped:\""},
+    };
+    Client client;
+    EXPECT_EQ(0, client.code("-N VPK-DENY"));
+    EXPECT_EQ(0, client.code("-N VPK-LOG"));
+    std::vector<std::string> expected;
+    for (const auto &form : forms) {
+        EXPECT_EQ(0, client.code(form.options)) << form.options;
+        expected.emplace_back(form.rule);
+    }
+    EXPECT_EQ(0, client.code("-A OUTPUT -j VPK-DENY"));
+    EXPECT_EQ(0, client.close());
+    EXPECT_EQ(expected, rulesOf("VPK-DENY"));
+    EXPECT_THAT(rulesOf("OUTPUT"), ElementsAre("-A OUTPUT -j VPK-DENY"));
+}
+
+TEST_F(ATrafficControlClient, NeedsNoEndForWhatIsOnlyAdded) {
+    makeChain();
+    const Client client;
+    EXPECT_EQ(0, client.code("-A VPK-DENY -s 10.0.0.2 -j DROP"));
+    EXPECT_TRUE(conformance::waitUntil([&] { return rulesOf("VPK-DENY").size() == 2; }));
+}
+
+TEST_F(ATrafficControlClient, KeepsTheOldRulesInForceUntilTheEndAfterARemoval) {
+    makeChain();
+    Client client;
+    EXPECT_EQ(0, client.code("-F VPK-DENY"));
+    EXPECT_EQ(0, client.code("-A VPK-DENY -s 10.0.0.2 -j DROP"));
+    EXPECT_THAT(rulesOf("VPK-DENY"), ElementsAre(kFirst));
+    EXPECT_EQ(0, client.close());
+    EXPECT_THAT(rulesOf("VPK-DENY"), ElementsAre(kSecond));
+}
+
+TEST_F(ATrafficControlClient, DropsWhatAnInterruptedConnectionBeganWithARemoval) {
+    makeChain();
+    EXPECT_EQ(0, conformance::inChild([] {
+                  rlv_handle handle = 0;
+                  rlv_initialize(&handle);
+                  const int code = commit(handle, "-F VPK-DENY").code;
+                  return code != 0 ? code : commit(handle, "-A VPK-DENY -s 10.0.0.2 -j DROP").code;
+              }));
+    EXPECT_EQ(0, Client().close()) << "the next one is not held up";
+    EXPECT_THAT(rulesOf("VPK-DENY"), ElementsAre(kFirst));
+}
+
+TEST_F(ATrafficControlClient, ChangesNoRulesOfOthers) {
+    makeChain();
+    const auto before = conformance::ask("rules");
+    {
+        Client client;
+        EXPECT_EQ(0, client.code("-N VPK-OTHER"));
+        EXPECT_EQ(0, client.code("-A VPK-OTHER -j DROP"));
+        EXPECT_EQ(0, client.code("-F VPK-OTHER"));
+        EXPECT_EQ(0, client.code("-X VPK-OTHER"));
+        EXPECT_EQ(0, client.close());
+    }
+    EXPECT_EQ(before, conformance::ask("rules"));
+}
+
+} // namespace
