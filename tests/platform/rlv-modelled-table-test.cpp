@@ -418,6 +418,18 @@ TEST_F(AModelledTable, CanSendAgainAfterAnException) {
     EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-j DROP"));
 }
 
+TEST_F(AModelledTable, ReadsWhatTheKernelHoldsWhenItsAnswerWasLost) {
+    done({"-N VPK-A"});
+    store->answersToLose = 1;
+    table->open();
+    accepted({"-A VPK-A -j DROP"});
+    EXPECT_THROW(table->push(), std::system_error);
+    EXPECT_THAT(namesOf(table->drop()), ElementsAre("-A VPK-A -j DROP" + kUnsent));
+    accepted({"-D VPK-A -j DROP", "-A VPK-A -j ACCEPT"});
+    EXPECT_THAT(table->push().lost, IsEmpty());
+    EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-j ACCEPT"));
+}
+
 TEST_F(AModelledTable, DropsEverythingThatWasNotSent) {
     done({"-N VPK-A", "-A VPK-A -j DROP"});
     table->open();

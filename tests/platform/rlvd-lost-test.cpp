@@ -86,7 +86,7 @@ TEST(ATableThatCannotBeWritten, LosesWhatWasAcceptedAndSaysSo) {
     ASSERT_EQ(2U, outcomeOf(1).lost.size());
     EXPECT_EQ("-A VPK-DENY -j DROP", outcomeOf(1).lost[1].options);
     EXPECT_THAT(outcomeOf(1).lost[1].message, HasSubstr("No buffer space available"));
-    EXPECT_THAT(service.log(), HasSubstr("connection 1: nothing could be sent: netlink: No buffer space available\n"));
+    EXPECT_THAT(service.log(), HasSubstr("connection 1: sending failed: netlink: No buffer space available\n"));
     EXPECT_EQ(0U, rulesOf("VPK-DENY"));
 }
 

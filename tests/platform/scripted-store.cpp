@@ -110,6 +110,10 @@ std::vector<ChangeFailure> Store::commit(const Changes &changes, std::optional<s
     for (const Change &change : changes)
         lastKinds.push_back(change.kind);
     ++commits;
+    if (answersToLose > 0) {
+        --answersToLose;
+        throw std::system_error(EIO, std::generic_category(), "scripted");
+    }
     return {};
 }
 

@@ -44,6 +44,7 @@ public:
     bool refusesAtTheEndOnly = false;               // so that dry runs find nothing
     bool isNeverWhole = false;                      // whoever reads everything is always interrupted
     int conflictsToCome = 0;                        // that nobody causes
+    int answersToLose = 0;                          // EIO from a commit that is taken
     int failuresToCome = 0;                         // EIO from whatever is called next
     std::uint32_t generationShift = 0;              // added to the generations that are shown
 

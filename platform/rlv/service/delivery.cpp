@@ -62,9 +62,9 @@ void Delivery::push() {
         log(report);
         loseAll(report);
     } catch (const std::exception &error) {
-        RLVD_ERROR("connection %lld: nothing could be sent: %s", ll(number_), error.what());
+        RLVD_ERROR("connection %lld: sending failed: %s", ll(number_), error.what());
         hasLost_ = hasUnsent_ = true;
-        drop(std::string("iptables: not sent: ") + error.what());
+        drop(std::string("iptables: sending failed: ") + error.what());
     }
 }
 

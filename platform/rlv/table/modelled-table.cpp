@@ -181,6 +181,14 @@ bool ModelledTable::wasFaster(const Batch &batch, const std::vector<ChangeFailur
     return mayBe && store_->generation() != generation_;
 }
 
+// What failed without an answer may have been committed: then nothing is known of the table until it is read again.
+std::vector<ChangeFailure> ModelledTable::commit(const Changes &changes, bool bound) {
+    const auto generation = std::exchange(generation_, std::nullopt);
+    auto failures = store_->commit(changes, bound ? generation : std::nullopt);
+    generation_ = generation;
+    return failures;
+}
+
 ModelledTable::Outcome ModelledTable::tryPush(Limits limits, PushReport &report) {
     if (!generation_)
         reread(report);
@@ -193,7 +201,7 @@ ModelledTable::Outcome ModelledTable::tryPush(Limits limits, PushReport &report)
     const Batch batch = makeBatch(plan);
     std::vector<ChangeFailure> failures;
     if (!batch.changes.empty())
-        failures = store_->commit(batch.changes, bound ? generation_ : std::nullopt);
+        failures = commit(batch.changes, bound);
     else if (bound && store_->generation() != generation_)
         failures.push_back({std::nullopt, ERESTART});
     const bool isOutrun = !bound && wasFaster(batch, failures, limits.mayBeOutrun);

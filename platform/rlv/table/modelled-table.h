@@ -50,6 +50,7 @@ private:
         bool mayBind;
         bool mayBeOutrun;
     };
+    std::vector<ChangeFailure> commit(const Changes &changes, bool bound);
     Outcome tryPush(Limits limits, PushReport &report);
     void pushAll(PushReport &report);
     bool wasFaster(const Batch &batch, const std::vector<ChangeFailure> &failures, bool mayBeOutrun);

@@ -68,7 +68,8 @@ public:
 
     // Makes the changes, in order, as one transaction: with a generation only if nobody has changed anything since.
     // Gives back what was refused, in order; then nothing has changed. INPUT and OUTPUT, as base chains, and the table
-    // itself are added only where they are missing. A chain that is there already gives EEXIST.
+    // itself are added only where they are missing. A chain that is there already gives EEXIST. When it throws, the
+    // changes may have been made or not.
     virtual std::vector<ChangeFailure> commit(const Changes &changes, std::optional<std::uint32_t> generation) = 0;
     // The refusals that commit() would have met, without changing anything. Some are only met at the end of a
     // transaction (jumps that go too far) and not here.

@@ -28,7 +28,7 @@ struct PushReport {
 
 // A filter table and what one client makes of it. apply() changes a model of the table; push() brings the kernel to
 // the model, in one transaction. All operations block for as long as the kernel takes. When the kernel cannot be read
-// they throw std::system_error, and nothing has changed.
+// they throw std::system_error, and nothing has changed (but see push()).
 class Table {
 public:
     virtual ~Table() = default;
@@ -45,7 +45,8 @@ public:
     virtual std::size_t room() const = 0;
 
     // Sends the difference between the kernel and the model, whatever others have changed meanwhile; what the kernel
-    // refuses is left out and reported. Afterwards the model is what the kernel holds.
+    // refuses is left out and reported. Afterwards the model is what the kernel holds. When it throws, the kernel may
+    // hold all or nothing of what was to be sent; drop() then tells what that was.
     virtual PushReport push() = 0;
 
     // Forgets what was not sent: afterwards the model is what the kernel holds. The report has what was lost.
