@@ -28,9 +28,11 @@ std::vector<std::string> words(const std::vector<std::string> &options) {
     return all;
 }
 
-process::Result ended(const std::vector<std::string> &options) { return process::capture(words(options)); }
+process::Result ended(const std::vector<std::string> &options, const process::Options &how) {
+    return process::capture(words(options), how);
+}
 
-Service::Service(const std::vector<std::string> &options) : child_(words(options)) {
+Service::Service(const std::vector<std::string> &options, const process::Options &how) : child_(words(options), how) {
     rlv::setSocketPath(kSocket);
     EXPECT_TRUE(child_.waitReady([this] { return log().find("serving") != std::string::npos; })) << log();
 }

@@ -22,12 +22,12 @@ constexpr const char *kSocket = "/run/rlvd-socket";
 // A command line of the service: on the tests' socket, with the log on standard error, and with `options`.
 std::vector<std::string> words(const std::vector<std::string> &options);
 // What is left of a service that is expected to end by itself.
-process::Result ended(const std::vector<std::string> &options);
+process::Result ended(const std::vector<std::string> &options, const process::Options &how = process::Options());
 
 // A running service that this process and its children reach; killed with the object.
 class Service {
 public:
-    explicit Service(const std::vector<std::string> &options);
+    explicit Service(const std::vector<std::string> &options, const process::Options &how = process::Options());
     std::string log() const { return child_.errors(); }
     process::Child &process() { return child_; }
 

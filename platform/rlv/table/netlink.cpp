@@ -50,6 +50,17 @@ int errorOf(const nlmsghdr *message) {
     return message->nlmsg_len < mnl_nlmsg_size(sizeof *error) ? EBADMSG : -error->error;
 }
 
+// The error with which a dump ended.
+int endErrorOf(const nlmsghdr *message) {
+    int error = 0;
+    if (message->nlmsg_type == NLMSG_ERROR)
+        return errorOf(message);
+    if (message->nlmsg_len < mnl_nlmsg_size(sizeof error))
+        return 0;
+    std::memcpy(&error, mnl_nlmsg_get_payload(message), sizeof error);
+    return -error;
+}
+
 int takeGeneration(const nlattr *attribute, void *to) {
     if (mnl_attr_get_type(attribute) == NFTA_GEN_ID)
         *static_cast<std::optional<std::uint32_t> *>(to) = ntohl(mnl_attr_get_u32(attribute));
@@ -118,17 +129,17 @@ void Netlink::send(iovec *parts, std::size_t count) {
         fail("netlink send");
 }
 
-std::optional<std::size_t> Netlink::receive(Wait wait) {
+// The kernel has done its work when the sending returns, and goes on with a dump as it is read: what it has to say is
+// always there, and what is not there will never come.
+std::optional<std::size_t> Netlink::receive() {
     for (;;) {
         sockaddr_nl sender{};
         socklen_t length = sizeof sender;
-        const int flags = MSG_TRUNC | (wait == Wait::notAtAll ? MSG_DONTWAIT : 0);
-        const ssize_t got = ::recvfrom(socket_.get(), buffer_.data(), buffer_.size(), flags,
+        const ssize_t got = ::recvfrom(socket_.get(), buffer_.data(), buffer_.size(), MSG_TRUNC | MSG_DONTWAIT,
                                        reinterpret_cast<sockaddr *>(&sender), &length);
-        // Where refusals overflow, the missing acknowledgement tells.
-        if (got < 0 && (errno == EINTR || (errno == ENOBUFS && wait == Wait::notAtAll)))
+        if (got < 0 && errno == EINTR)
             continue;
-        if (got < 0 && errno == EAGAIN && wait == Wait::notAtAll)
+        if (got < 0 && errno == EAGAIN)
             return std::nullopt;
         if (got < 0)
             fail("netlink receive");
@@ -141,15 +152,56 @@ std::optional<std::size_t> Netlink::receive(Wait wait) {
     }
 }
 
+std::size_t Netlink::receiveAnswer() {
+    const auto size = receive();
+    if (!size) {
+        errno = EIO;
+        fail("netlink gave no answer");
+    }
+    return *size;
+}
+
+// Where refusals overflow, the missing acknowledgement tells.
+std::optional<std::size_t> Netlink::receiveIfAny() {
+    for (;;) {
+        try {
+            return receive();
+        } catch (const std::system_error &error) {
+            if (error.code().value() != ENOBUFS)
+                throw;
+        }
+    }
+}
+
+// A dump that was not read to its end goes on with the next datagram that is read, whatever that is, and no other dump
+// can begin before.
+void Netlink::beginOperation() {
+    if (isUnfinished_) {
+        alignas(nlmsghdr) MessageBuffer buffer;
+        const nlmsghdr *const request = nftnl_nlmsg_build_hdr(buffer.data(), NFT_MSG_GETGEN, AF_UNSPEC, 0, ++sequence_);
+        send(request, request->nlmsg_len);
+        while (receiveIfAny()) {
+        }
+    }
+    isUnfinished_ = true;
+}
+
 std::uint32_t Netlink::generation() {
+    beginOperation();
+    const std::uint32_t generation = askGeneration();
+    endOperation();
+    return generation;
+}
+
+std::uint32_t Netlink::askGeneration() {
     alignas(nlmsghdr) MessageBuffer buffer;
     const std::uint32_t sequence = ++sequence_;
-    nlmsghdr *const request = nftnl_nlmsg_build_hdr(buffer.data(), NFT_MSG_GETGEN, AF_UNSPEC, 0, sequence);
+    const nlmsghdr *const request = nftnl_nlmsg_build_hdr(buffer.data(), NFT_MSG_GETGEN, AF_UNSPEC, 0, sequence);
     send(request, request->nlmsg_len);
     std::optional<std::uint32_t> generation;
     while (!generation) {
-        const auto size = receive(Wait::forMore);
-        forEachMessage(buffer_, *size, [&](const nlmsghdr *message) {
+        const std::size_t size = receiveAnswer();
+        forEachMessage(buffer_, size, [&](const nlmsghdr *message) {
             if (message->nlmsg_seq != sequence)
                 return;
             if (message->nlmsg_type == NLMSG_ERROR) {
@@ -187,28 +239,35 @@ std::vector<BatchFailure> Netlink::sendBatch(Batch &batch, std::optional<std::ui
     nlmsghdr *const end = nftnl_batch_end(endBuffer.data(), sequence_);
     std::array<iovec, 3> parts{iovec{begin, begin->nlmsg_len}, iovec{batch.bytes_.data(), batch.bytes_.size()},
                                iovec{end, end->nlmsg_len}};
+    beginOperation();
     send(parts.data(), isDryRun ? 2 : 3);
-    return collectFailures(first, batch.size(), isDryRun);
+    BatchAnswer answer = collectAnswer(first, batch.size());
+    if (answer.failures.empty() && !answer.isAcknowledged && !isDryRun) {
+        // Nothing was committed by anybody, so not this either.
+        if (!generation || askGeneration() != *generation) {
+            errno = EIO;
+            fail("netlink gave no acknowledgement");
+        }
+        answer.failures.push_back({std::nullopt, ENOBUFS});
+    }
+    endOperation();
+    return std::move(answer.failures);
 }
 
-// The kernel has done its work when the sending returns, so whatever it has to say is there.
-std::vector<BatchFailure> Netlink::collectFailures(std::uint32_t firstSequence, std::size_t messages, bool isDryRun) {
-    std::vector<BatchFailure> failures;
-    bool acknowledged = isDryRun;
-    while (const auto size = receive(Wait::notAtAll)) {
+Netlink::BatchAnswer Netlink::collectAnswer(std::uint32_t firstSequence, std::size_t messages) {
+    BatchAnswer answer;
+    while (const auto size = receiveIfAny()) {
         forEachMessage(buffer_, *size, [&](const nlmsghdr *message) {
             const std::uint32_t place = message->nlmsg_seq - firstSequence;
             if (message->nlmsg_type != NLMSG_ERROR || place > messages)
                 return;
             const int error = errorOf(message);
-            acknowledged = acknowledged || (error == 0 && place == messages);
+            answer.isAcknowledged = answer.isAcknowledged || (error == 0 && place == messages);
             if (error != 0)
-                failures.push_back({place == 0 ? std::nullopt : std::optional<std::size_t>(place - 1), error});
+                answer.failures.push_back({place == 0 ? std::nullopt : std::optional<std::size_t>(place - 1), error});
         });
     }
-    if (failures.empty() && !acknowledged)
-        failures.push_back({std::nullopt, ENOBUFS});
-    return failures;
+    return answer;
 }
 
 bool Netlink::dump(std::uint16_t type, const std::function<void(nlmsghdr *)> &fill,
@@ -217,24 +276,26 @@ bool Netlink::dump(std::uint16_t type, const std::function<void(nlmsghdr *)> &fi
     const std::uint32_t sequence = ++sequence_;
     nlmsghdr *const request = nftnl_nlmsg_build_hdr(buffer.data(), type, NFPROTO_IPV4, NLM_F_DUMP, sequence);
     fill(request);
+    beginOperation();
     send(request, request->nlmsg_len);
     bool whole = true;
     bool done = false;
     while (!done) {
-        const auto size = receive(Wait::forMore);
-        forEachMessage(buffer_, *size, [&](const nlmsghdr *message) {
+        const std::size_t size = receiveAnswer();
+        forEachMessage(buffer_, size, [&](const nlmsghdr *message) {
             if (message->nlmsg_seq != sequence)
                 return;
             whole = whole && (message->nlmsg_flags & NLM_F_DUMP_INTR) == 0;
             done = done || message->nlmsg_type == NLMSG_DONE || message->nlmsg_type == NLMSG_ERROR;
-            if (message->nlmsg_type == NLMSG_ERROR && errorOf(message) != ENOENT) {
-                errno = errorOf(message);
+            if (const int error = done ? endErrorOf(message) : 0; error != 0 && error != ENOENT) {
+                errno = error;
                 fail("nf_tables dump");
             }
             if (message->nlmsg_type >= NLMSG_MIN_TYPE)
                 seen(message);
         });
     }
+    endOperation();
     return whole;
 }
 

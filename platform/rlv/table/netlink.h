@@ -37,7 +37,8 @@ struct BatchFailure {
     int error = 0; // an errno; ERESTART when the generation was another one
 };
 
-// Not thread-safe. Blocks for as long as the kernel works. Throws std::system_error when the socket fails.
+// Not thread-safe. Blocks for as long as the kernel works. Throws std::system_error when the socket fails or an answer
+// does not come; the next operation is not disturbed by what is left of that one.
 class Netlink {
 public:
     // Binds to the network namespace of the caller, for good.
@@ -47,29 +48,38 @@ public:
     std::uint32_t generation();
 
     // Commits the messages, all of them or none: none when anything comes back. With a generation, only if nothing has
-    // changed since. More messages may have been refused than are told of, but not without any being told of.
+    // changed since. More messages may have been refused than are told of, but not without any being told of. When it
+    // throws, the messages may have been committed all the same.
     std::vector<BatchFailure> commit(Batch batch, std::optional<std::uint32_t> generation = std::nullopt);
     // What commit() would give back, but for refusals that only the end of a transaction meets.
     std::vector<BatchFailure> dryRun(Batch batch);
 
     // Calls back with every message that a dump request of this type gives. What was seen may be mixed from several
-    // generations, and then false comes back.
+    // generations, and then false comes back. Throws when the kernel could not give all.
     [[nodiscard]] bool dump(std::uint16_t type, const std::function<void(nlmsghdr *)> &fill,
                             const std::function<void(const nlmsghdr *)> &seen);
 
 private:
-    enum class Wait { forMore, notAtAll };
-
+    void beginOperation();
+    void endOperation() { isUnfinished_ = false; }
+    std::uint32_t askGeneration();
     void send(const void *bytes, std::size_t size);
     void send(iovec *parts, std::size_t count);
-    // Reads one datagram into buffer_; the number of its bytes, none when there is nothing.
-    std::optional<std::size_t> receive(Wait wait);
+    // Read one datagram into buffer_ and give the number of its bytes.
+    std::size_t receiveAnswer();
+    std::optional<std::size_t> receiveIfAny();
+    std::optional<std::size_t> receive();
     std::vector<BatchFailure> sendBatch(Batch &batch, std::optional<std::uint32_t> generation, bool isDryRun);
-    std::vector<BatchFailure> collectFailures(std::uint32_t firstSequence, std::size_t messages, bool isDryRun);
+    struct BatchAnswer {
+        std::vector<BatchFailure> failures;
+        bool isAcknowledged = false;
+    };
+    BatchAnswer collectAnswer(std::uint32_t firstSequence, std::size_t messages);
 
     support::UniqueFd socket_;
     std::uint32_t sequence_ = 0;
     std::size_t sendBufferBytes_ = 0;
+    bool isUnfinished_ = false; // an operation, of which answers may still come
     std::vector<char> buffer_;
 };
 
