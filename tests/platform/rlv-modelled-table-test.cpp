@@ -260,6 +260,40 @@ TEST_F(AModelledTable, FindsOneRefusalAmongThousandsInFewDryRuns) {
     EXPECT_GT(40U, store->dryRuns);
 }
 
+// Refused and good ones in turn cost two dry runs each, with all that is good so far.
+TEST_F(AModelledTable, LosesEverythingWhereTheSearchForRefusalsTakesTooLong) {
+    constexpr std::size_t kCost = 50'000;
+    auto owned = std::make_unique<scripted::Store>();
+    store = owned.get();
+    table = std::make_unique<rlv::ModelledTable>(std::move(owned), "VPK-", rlv::kMaxRules, kCost);
+    done({"-N VPK-A", "-A VPK-A -j ACCEPT"});
+    const auto before = rules("VPK-A");
+    store->refuse = [](const Change &change) {
+        return change.rule != nullptr && change.rule->target.kind == rlv::Target::Kind::drop ? ENOMEM : 0;
+    };
+    store->tellsIndexes = false;
+    const std::string why =
+        " (4, iptables: the kernel refuses some of 257 changes (Cannot allocate memory), and to find "
+        "out which takes too long)";
+    Texts commands{"-F VPK-A"};
+    for (int i = 0; i < 256; ++i)
+        commands.push_back("-A VPK-A -s 10.0.0." + std::to_string(i) + (i % 2 == 0 ? " -j DROP" : " -j ACCEPT"));
+    Texts expected;
+    for (const auto &command : commands)
+        expected.push_back(command + why);
+    table->open();
+    accepted(commands);
+    EXPECT_EQ(expected, namesOf(table->push()));
+    EXPECT_LT(20U, store->dryRuns);
+    EXPECT_GE(kCost, store->triedMessages + store->dryRuns * rlv::kDryRunCost);
+    EXPECT_EQ(before, rules("VPK-A"));
+    // The bound is for one push.
+    table->open();
+    accepted({"-A VPK-A -s 10.0.0.1 -j ACCEPT", "-A VPK-A -s 10.0.0.2 -j DROP"});
+    EXPECT_EQ(1U, table->push().lost.size());
+    EXPECT_EQ(2U, rules("VPK-A").size());
+}
+
 TEST_F(AModelledTable, SendsAgainWhenSomebodyWasFaster) {
     done({"-N VPK-A", "-A INPUT -j VPK-A"});
     int left = 9;

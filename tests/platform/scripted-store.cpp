@@ -120,6 +120,7 @@ std::vector<ChangeFailure> Store::commit(const Changes &changes, std::optional<s
 std::vector<ChangeFailure> Store::dryRun(const Changes &changes) {
     failIfTold();
     ++dryRuns;
+    triedMessages += changes.size();
     return refusals(changes, !refusesAtTheEndOnly);
 }
 

@@ -54,6 +54,7 @@ public:
     std::size_t boundRefusals = 0;            // for another generation
     std::size_t unbound = 0;                  // taken or refused, without a generation
     std::size_t dryRuns = 0;
+    std::size_t triedMessages = 0; // in these
     std::size_t readings = 0;
     std::optional<rlv::Ruleset> beforeLastCommit; // what the last commit that was taken met
 

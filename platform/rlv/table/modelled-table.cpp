@@ -58,6 +58,11 @@ Answer answerTo(const Change &change, int error) {
     return kernelRefused(words.operation, error, words.object, change.chain == nullptr ? "filter" : *change.chain);
 }
 
+Answer notFoundAmong(std::size_t changes, int error) {
+    return {4, std::string("iptables: the kernel refuses some of ") + std::to_string(changes) + " changes (" +
+                   std::generic_category().message(error) + "), and to find out which takes too long"};
+}
+
 // Every transaction counts the generation up by one and leaves 0 out.
 std::uint32_t generationAfter(std::uint32_t generation) { return generation + 1 == 0 ? 1 : generation + 1; }
 
@@ -91,8 +96,9 @@ bool isConflict(const std::vector<ChangeFailure> &failures) {
 
 } // namespace
 
-ModelledTable::ModelledTable(std::unique_ptr<RulesetStore> store, std::string chainPrefix, std::size_t maxRules)
-    : store_(std::move(store)), chainPrefix_(std::move(chainPrefix)), model_(maxRules) {}
+ModelledTable::ModelledTable(std::unique_ptr<RulesetStore> store, std::string chainPrefix, std::size_t maxRules,
+                             std::size_t maxSearchCost)
+    : store_(std::move(store)), chainPrefix_(std::move(chainPrefix)), maxSearchCost_(maxSearchCost), model_(maxRules) {}
 
 ModelledTable::Reading ModelledTable::readRuleset() {
     using Clock = std::chrono::steady_clock;
@@ -149,6 +155,7 @@ void ModelledTable::pushAll(PushReport &report) {
     int conflicts = 0;
     int outruns = 0;
     int refusals = 0;
+    searchCost_ = 0;
     while (model_.isChanged()) {
         if (conflicts == kMaxConflicts)
             return model_.revert({4, "iptables: the tables change faster than they can be written"}, report.lost);
@@ -313,8 +320,12 @@ void ModelledTable::blame(const Batch &batch, const std::vector<ChangeFailure> &
         if (failure.index)
             located.push_back(failure);
     }
-    if (located.empty())
-        located = locate(batch);
+    if (located.empty()) {
+        auto searched = locate(batch);
+        if (!searched)
+            return model_.revert(notFoundAmong(batch.changes.size(), failures.front().error), report.lost);
+        located = std::move(*searched);
+    }
     dropConsequences(located);
     std::map<std::string, std::vector<Model::RefusedRule>> rules;
     std::map<std::string, Answer> chains;
@@ -351,8 +362,9 @@ void ModelledTable::blame(const Batch &batch, const std::vector<ChangeFailure> &
 }
 
 // Where the kernel does not say which change it refused: halves in dry runs. What is good so far stands before each
-// half, since later changes may need it. A refusal that only the end of a transaction meets is found nowhere.
-std::vector<ChangeFailure> ModelledTable::locate(const Batch &batch) {
+// half, since later changes may need it. A refusal that only the end of a transaction meets is found nowhere. None
+// where the search takes too long.
+std::optional<std::vector<ChangeFailure>> ModelledTable::locate(const Batch &batch) {
     std::vector<ChangeFailure> found;
     Changes good;
     std::vector<std::pair<std::size_t, std::size_t>> left{{0, batch.changes.size()}};
@@ -362,6 +374,9 @@ std::vector<ChangeFailure> ModelledTable::locate(const Batch &batch) {
         Changes tried = good;
         tried.insert(tried.end(), batch.changes.begin() + static_cast<std::ptrdiff_t>(begin),
                      batch.changes.begin() + static_cast<std::ptrdiff_t>(end));
+        searchCost_ += kDryRunCost + tried.size();
+        if (searchCost_ > maxSearchCost_)
+            return std::nullopt;
         const auto refused = store_->dryRun(tried);
         if (refused.empty()) {
             good = std::move(tried);

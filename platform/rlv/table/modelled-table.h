@@ -13,9 +13,16 @@
 
 namespace rlv {
 
+// How much one push may spend on the search for refused messages: the messages in its dry runs, of which each takes 7
+// to 20 us, and kDryRunCost for each dry run, which takes 8 to 16 ms by itself. The search is to end before those who
+// wait for their connections give up, after 10 s.
+constexpr std::size_t kMaxSearchCost = 500'000;
+constexpr std::size_t kDryRunCost = 1'000;
+
 class ModelledTable : public Table {
 public:
-    ModelledTable(std::unique_ptr<RulesetStore> store, std::string chainPrefix, std::size_t maxRules = kMaxRules);
+    ModelledTable(std::unique_ptr<RulesetStore> store, std::string chainPrefix, std::size_t maxRules = kMaxRules,
+                  std::size_t maxSearchCost = kMaxSearchCost);
 
     void open() override;
     Answer apply(const std::vector<Command> &commands, const std::string &options) override;
@@ -56,12 +63,14 @@ private:
     bool wasFaster(const Batch &batch, const std::vector<ChangeFailure> &failures, bool mayBeOutrun);
     void count(const Model::Changes &plan, PushReport &report) const;
     void blame(const Batch &batch, const std::vector<ChangeFailure> &failures, PushReport &report);
-    std::vector<ChangeFailure> locate(const Batch &batch);
+    std::optional<std::vector<ChangeFailure>> locate(const Batch &batch);
     bool isHook(const HeldRule &held) const;
     void describe(const Ruleset &ruleset, ServiceState &state) const;
 
     std::unique_ptr<RulesetStore> store_;
     std::string chainPrefix_;
+    std::size_t maxSearchCost_;
+    std::size_t searchCost_ = 0; // of the push under way
     Model model_;
     std::vector<LostCommand> unreported_;     // by a push() that threw
     std::optional<std::uint32_t> generation_; // of what the model holds; none: it may be out of date
