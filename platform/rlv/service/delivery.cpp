@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "rlv/command-form.h"
+#include "rlv/service/freed-memory.h"
 #include "rlv/service/service-log.h"
 
 namespace rlv {
@@ -11,6 +12,9 @@ namespace {
 
 // Leaves the kernel some time of the 20 ms in which an added rule is to be in force.
 constexpr std::chrono::milliseconds kPushDelay{15};
+
+// A connection with fewer leaves little behind, and may be followed by many of its kind.
+constexpr std::size_t kManyRules = 20'000;
 
 long long ll(std::uint64_t number) { return static_cast<long long>(number); }
 
@@ -20,6 +24,7 @@ void Delivery::open(std::uint64_t number) {
     stopTimer();
     number_ = number;
     isHeld_ = hasUnsent_ = hasLost_ = false;
+    rulesMoved_ = 0;
 }
 
 void Delivery::announce(std::string_view options) {
@@ -31,6 +36,7 @@ void Delivery::announce(std::string_view options) {
 
 void Delivery::accepted() {
     hasUnsent_ = true;
+    ++rulesMoved_;
     if (isHeld_ || timer_ != 0)
         return;
     timer_ = context_.loop.after(kPushDelay, [this] {
@@ -41,6 +47,7 @@ void Delivery::accepted() {
 
 bool Delivery::close() {
     push();
+    end();
     return !hasLost_;
 }
 
@@ -49,6 +56,13 @@ void Delivery::vanish() {
         drop("iptables: not sent: the client vanished");
     else
         push();
+    end();
+}
+
+// The client has its answer first.
+void Delivery::end() {
+    if (rulesMoved_ >= kManyRules)
+        context_.loop.after(std::chrono::milliseconds(0), returnFreedMemory);
 }
 
 void Delivery::stopTimer() { context_.loop.cancel(std::exchange(timer_, 0)); }
@@ -59,6 +73,7 @@ void Delivery::push() {
         return;
     try {
         const PushReport report = context_.table.push();
+        rulesMoved_ += report.added + report.removed;
         log(report);
         loseAll(report);
     } catch (const std::exception &error) {

@@ -2,6 +2,7 @@
 #ifndef PLATFORM_RLV_SERVICE_DELIVERY_H
 #define PLATFORM_RLV_SERVICE_DELIVERY_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -36,6 +37,7 @@ public:
     void vanish();
 
 private:
+    void end();
     void push();
     void drop(const std::string &why);
     void loseAll(const PushReport &report);
@@ -48,6 +50,7 @@ private:
     bool isHeld_ = false; // there has been a removing command
     bool hasUnsent_ = false;
     bool hasLost_ = false;
+    std::size_t rulesMoved_ = 0; // commands taken, rules added and removed
 };
 
 } // namespace rlv
