@@ -269,12 +269,11 @@ TEST_F(AModelledTable, LosesEverythingWhereTheSearchForRefusalsTakesTooLong) {
     done({"-N VPK-A", "-A VPK-A -j ACCEPT"});
     const auto before = rules("VPK-A");
     store->refuse = [](const Change &change) {
-        return change.rule != nullptr && change.rule->target.kind == rlv::Target::Kind::drop ? ENOMEM : 0;
+        return change.rule != nullptr && change.rule->target.kind == rlv::Target::Kind::drop ? EINVAL : 0;
     };
     store->tellsIndexes = false;
-    const std::string why =
-        " (4, iptables: the kernel refuses some of 257 changes (Cannot allocate memory), and to find "
-        "out which takes too long)";
+    const std::string why = " (4, iptables: the kernel refuses some of 257 changes (Invalid argument), and to find out "
+                            "which takes too long)";
     Texts commands{"-F VPK-A"};
     for (int i = 0; i < 256; ++i)
         commands.push_back("-A VPK-A -s 10.0.0." + std::to_string(i) + (i % 2 == 0 ? " -j DROP" : " -j ACCEPT"));

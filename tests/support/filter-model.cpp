@@ -91,8 +91,11 @@ Reply Connection::carryOut(const Command &command, std::uint64_t number) {
     if (command.action == 'X' && (!chain->second.lines.empty() || chain->second.isPinned || isReferenced(view_, name)))
         return chainInUse(name);
     if (command.action == 'F') {
-        forget(name, "FAD");
+        forget(name, "AD");
         chain->second.lines.clear();
+        const auto isFlush = [&](const Entry &entry) { return entry.action == 'F' && entry.chain == name; };
+        if (std::any_of(log_.begin(), log_.end(), isFlush))
+            return {};
     } else if (command.action == 'N') {
         forget(name, "X");
         view_[name];
@@ -207,9 +210,23 @@ void Connection::leaveOutRefused(const Table &now, const Refusals &refusals, std
     leaveOut(numbers, lost);
 }
 
-// What others did may have reached the aim of a command already.
+// In full where the outcome is within the limit; else what does not fit on the way there is lost.
 void Connection::replay(const Table &now, std::vector<std::string> &lost) {
     const auto entries = std::exchange(log_, {});
+    const std::size_t limit = std::exchange(limit_, SIZE_MAX);
+    std::vector<std::string> lostNow;
+    replay(now, entries, lostNow);
+    limit_ = limit;
+    if (size() > limit_) {
+        lostNow.clear();
+        replay(now, entries, lostNow);
+    }
+    lost.insert(lost.end(), lostNow.begin(), lostNow.end());
+}
+
+// What others did may have reached the aim of a command already.
+void Connection::replay(const Table &now, const std::vector<Entry> &entries, std::vector<std::string> &lost) {
+    log_.clear();
     base_ = view_ = now;
     for (auto next = entries.begin(); next != entries.end();) {
         const Entry first = *next;

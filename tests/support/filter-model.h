@@ -91,6 +91,7 @@ private:
     void leaveOutRefused(const Table &now, const Refusals &refusals, std::vector<std::string> &lost);
     void leaveOut(const std::set<std::uint64_t> &numbers, std::vector<std::string> &lost);
     void replay(const Table &now, std::vector<std::string> &lost);
+    void replay(const Table &now, const std::vector<Entry> &entries, std::vector<std::string> &lost);
 
     Table base_;
     Table view_;

@@ -54,6 +54,7 @@ void Model::reset() {
         count_ += 1 + held.rules.size();
     }
     changed_ = false;
+    isBounded_ = true;
 }
 
 Model::Chain *Model::find(const std::string &name) {
@@ -109,7 +110,9 @@ Answer Model::flushChain(const std::string &name, const Origin &origin) {
     chain->appended.clear();
     chain->deleted.clear();
     chain->jumps.clear();
-    chain->flushed = origin;
+    // The first one counts: what came between found the chain empty, and may not be possible while it is filled.
+    if (chain->flushed.number == 0)
+        chain->flushed = origin;
     changed_ = true;
     return {};
 }
@@ -119,7 +122,7 @@ Answer Model::makeChain(const std::string &name, const Origin &origin) {
         return kernelRefused("CHAIN_USER_ADD", EEXIST, "chain", name);
     if (find(name) != nullptr)
         return chainExists();
-    if (room() == 0)
+    if (isBounded_ && room() == 0)
         return tooManyRules(maxRules_);
     Chain &chain = chains_[name];
     chain.exists = true;
@@ -156,7 +159,7 @@ Answer Model::appendRules(const std::vector<Command> &commands, const Origin &or
     Chain *chain = find(name);
     if (chain == nullptr && !isHookChain(name))
         return noSuchChain();
-    if (room() < commands.size() + (chain == nullptr ? 1 : 0))
+    if (isBounded_ && room() < commands.size() + (chain == nullptr ? 1 : 0))
         return tooManyRules(maxRules_);
     const bool isNew = chain == nullptr;
     if (isNew)
@@ -324,6 +327,11 @@ void Model::loseAppended(const std::string &chain, const std::vector<RefusedRule
     const auto kept = std::remove_if(from.appended.begin(), from.appended.end(), isLost);
     count_ -= static_cast<std::size_t>(from.appended.end() - kept);
     from.appended.erase(kept, from.appended.end());
+    // INPUT and OUTPUT are made for their first rule alone.
+    if (from.appended.empty() && isHookChain(chain) && heldChain(chain) == nullptr) {
+        chains_.erase(chain);
+        --count_;
+    }
 }
 
 void Model::loseChain(const std::string &chain, const Answer &answer, std::vector<LostCommand> &lost) {
@@ -414,7 +422,22 @@ Answer Model::carryOutAgain(const std::vector<Command> &commands, const Origin &
 
 void Model::rebase(Ruleset ruleset, std::vector<LostCommand> &lost) {
     const std::vector<Pending> all = pending();
+    const std::size_t lostBefore = lost.size();
     load(std::move(ruleset));
+    // The bound is on the outcome: a removal that made room on the way there may be missing, as a later one took its
+    // place.
+    isBounded_ = false;
+    carryOutAgain(all, lost);
+    isBounded_ = true;
+    if (count_ > maxRules_) {
+        lost.resize(lostBefore);
+        reset();
+        carryOutAgain(all, lost);
+    }
+    changed_ = true; // if only to find that nothing is left to be sent
+}
+
+void Model::carryOutAgain(const std::vector<Pending> &all, std::vector<LostCommand> &lost) {
     for (auto next = all.begin(); next != all.end();) {
         std::vector<Command> commands;
         const Origin &origin = next->origin;
@@ -424,7 +447,6 @@ void Model::rebase(Ruleset ruleset, std::vector<LostCommand> &lost) {
         if (isAimMissed(commands.front().action, answer))
             lost.push_back(lostCommand(origin.options, answer));
     }
-    changed_ = true; // if only to find that nothing is left to be sent
 }
 
 } // namespace rlv

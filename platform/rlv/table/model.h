@@ -101,6 +101,7 @@ private:
     Answer appendRules(const std::vector<Command> &commands, const Origin &origin);
     Answer deleteRules(const std::vector<Command> &commands, const Origin &origin);
     Answer carryOutAgain(const std::vector<Command> &commands, const Origin &origin);
+    void carryOutAgain(const std::vector<Pending> &all, std::vector<LostCommand> &lost);
 
     Chain *find(const std::string &name);
     const HeldChain *heldChain(const std::string &name) const;
@@ -120,6 +121,7 @@ private:
     std::size_t count_ = 0;
     std::uint64_t lastOrigin_ = 0;
     bool changed_ = false;
+    bool isBounded_ = true; // by maxRules_
 };
 
 } // namespace rlv
