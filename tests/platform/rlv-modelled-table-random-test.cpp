@@ -117,7 +117,8 @@ private:
         Change change;
         change.chain = &name;
         change.rule = &rule;
-        const std::string to = oneIn(3) ? pick(kOwn) : "DROP";
+        // A jump that comes and goes while something is sent may have closed a loop, and cost a rule, without a trace.
+        const std::string to = !settings_.hasConflicts && oneIn(3) ? pick(kOwn) : "DROP";
         const std::string options = "-A VPK-A " + ruleText(upTo(5), oneIn(3), to).given;
         rule = parsed(options).rule;
         const auto lines = chain == table.end() ? std::vector<filter::Line>() : chain->second.lines;
