@@ -74,7 +74,9 @@ int fchmod(int descriptor, mode_t mode) {
 }
 
 time_t time(time_t *result) {
-    const time_t now = orders().now ? static_cast<time_t>(*orders().now) : next<time_t(time_t *)>("time")(nullptr);
+    // Where long has 32 bits, a time of 64 has a function of its own, and this is the one that is defined here.
+    const char *const name = sizeof(time_t) > sizeof(long) ? "__time64" : "time";
+    const time_t now = orders().now ? static_cast<time_t>(*orders().now) : next<time_t(time_t *)>(name)(nullptr);
     if (result != nullptr)
         *result = now;
     return now;

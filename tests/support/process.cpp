@@ -14,6 +14,8 @@
 #include <system_error>
 #include <unistd.h>
 
+#include "support/emulator.h"
+
 namespace process {
 namespace {
 
@@ -65,15 +67,10 @@ bool become(uid_t user) {
     ::dup2(errors.get(), STDERR_FILENO);
     for (const auto &setting : options.environment)
         ::putenv(const_cast<char *>(setting.c_str()));
-    std::vector<char *> words;
-    words.reserve(arguments.size() + 1);
-    for (const auto &argument : arguments)
-        words.push_back(const_cast<char *>(argument.c_str()));
-    words.push_back(nullptr);
     const bool there = options.directory.empty() || ::chdir(options.directory.c_str()) == 0;
     if (there && (!options.user || become(*options.user)))
-        ::execvp(words[0], words.data());
-    ::dprintf(STDERR_FILENO, "%s: %m\n", words[0]);
+        emulator::execute(arguments);
+    ::dprintf(STDERR_FILENO, "%s: %m\n", arguments[0].c_str());
     ::_exit(kNotExecuted);
 }
 

@@ -7,9 +7,11 @@
 #include <fstream>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "support/emulator.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -42,7 +44,7 @@ bool sanitizersReported(const std::string &folder) {
     return any;
 }
 
-int runInSandbox(char **argv) {
+int runInSandbox(int argc, char **argv) {
     std::string folder = (std::filesystem::temp_directory_path() / "nyr-test-XXXXXX").string();
     if (::mkdtemp(folder.data()) == nullptr) {
         std::perror("mkdtemp");
@@ -50,13 +52,14 @@ int runInSandbox(char **argv) {
     }
     // Sanitizers read their options when a program starts, hence the exec. By its path, because libraries are looked
     // for beside the program, and what /proc/self/exe names inside is a file of the mounts outside.
-    const std::string program = std::filesystem::read_symlink("/proc/self/exe").string();
+    std::vector<std::string> arguments(argv, argv + argc);
+    arguments[0] = std::filesystem::read_symlink("/proc/self/exe").string();
     appendOption("ASAN_OPTIONS", "log_path=" + folder + "/asan");
     appendOption("UBSAN_OPTIONS", "print_stacktrace=1:log_path=" + folder + "/ubsan");
     ::setenv(kInside, "1", 1);
-    const int status = sandbox::run([&program, argv] {
-        ::execv(program.c_str(), argv);
-        std::perror("execv");
+    const int status = sandbox::run([&arguments] {
+        emulator::execute(arguments);
+        std::perror(arguments[0].c_str());
         return 127;
     });
     return sanitizersReported(folder) && status == 0 ? 1 : status;
@@ -66,7 +69,7 @@ int runInSandbox(char **argv) {
 
 int main(int argc, char **argv) {
     if (std::getenv(kInside) == nullptr && !onlyLists(argc, argv))
-        return runInSandbox(argv);
+        return runInSandbox(argc, argv);
     ::unsetenv(kInside);
     testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
