@@ -1,6 +1,7 @@
 #include "vlog/sink.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <sys/file.h>
@@ -95,7 +96,7 @@ private:
     }
 
     bool isFull(const struct stat &status, std::size_t more) const {
-        const auto size = static_cast<std::size_t>(status.st_size);
+        const auto size = static_cast<std::uint64_t>(status.st_size); // a size_t may have no room for it
         return S_ISREG(status.st_mode) && size > 0 && (size > file_.maxBytes || more > file_.maxBytes - size);
     }
 
@@ -109,6 +110,8 @@ private:
                 return true;
             } else if (!rotate()) {
                 return false;
+            } else {
+                looked_ = {}; // the path names another file now, or none
             }
         }
         return false;

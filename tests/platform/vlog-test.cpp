@@ -323,6 +323,39 @@ TEST(ALogFile, BecomesTheOldOneBeforeItWouldGrowTooLong) {
     EXPECT_THAT(textsOf(kPath), ElementsAre("4........."));
 }
 
+TEST(ALogFile, LosesNoLineWhenALargeOneBecomesTheOldOne) {
+    constexpr std::size_t kMebibyte = std::size_t{1024} * 1024; // and more: the path is not looked up for each line
+    useFile(kMebibyte);
+    const std::string text(1000, 'x');
+    for (int i = 0; i < 1500; ++i)
+        ASSERT_GT(LOG_INFO_LINE("%s", text.c_str()), 0) << i;
+    EXPECT_EQ(1500U, textsOf(kPath + ".1").size() + textsOf(kPath).size());
+    EXPECT_LE(std::filesystem::file_size(kPath + ".1"), kMebibyte);
+}
+
+// What lies there may have grown without limit before.
+TEST(ALogFile, IsFullHoweverManyBitsItsSizeHas) {
+    for (const std::uintmax_t size : {0x80000001ULL, 0x100000001ULL, 0x200000000ULL}) {
+        std::ofstream(kPath) << "old\n";
+        std::filesystem::resize_file(kPath, size); // sparse
+        useFile();
+        EXPECT_GT(LOG_INFO_LINE("new"), 0) << size;
+        EXPECT_EQ(size, std::filesystem::file_size(kPath + ".1"));
+        EXPECT_THAT(textsOf(kPath), ElementsAre("new")) << size;
+        std::filesystem::remove(kPath + ".1");
+        std::filesystem::remove(kPath);
+    }
+}
+
+TEST(ALogFile, GrowsBeyondTwoGigabytesWhereItMay) {
+    std::ofstream(kPath) << "old\n";
+    std::filesystem::resize_file(kPath, 0x80000001ULL);
+    useFile(0xf0000000U);
+    LOG_INFO_LINE("new");
+    EXPECT_LT(0x80000001ULL, std::filesystem::file_size(kPath));
+    EXPECT_FALSE(std::filesystem::exists(kPath + ".1"));
+}
+
 TEST(ALogFile, ReplacesTheOldOneAndTakesALineLongerThanTheLimitAlone) {
     useFile(64);
     const std::string longText(500, 'x');
