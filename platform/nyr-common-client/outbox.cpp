@@ -96,7 +96,7 @@ private:
 
 struct Entry {
     std::string name;
-    std::size_t bytes;
+    std::uint64_t bytes;
 };
 
 // Reports, oldest first. Removes what a writer that died left: nobody else writes while the lock is held.
@@ -108,7 +108,7 @@ std::vector<Entry> takeStock(int directory) {
             ::unlinkat(directory, name.c_str(), 0);
         else if (isReportName(name) && ::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
                  S_ISREG(status.st_mode))
-            entries.push_back({name, static_cast<std::size_t>(status.st_size)});
+            entries.push_back({name, static_cast<std::uint64_t>(status.st_size)});
     }
     return entries;
 }
@@ -172,7 +172,7 @@ private:
 
 void makeRoom(int directory, const std::vector<Entry> &entries, std::size_t bytes, const OutboxLimits &limits) {
     std::size_t count = entries.size();
-    std::size_t held = 0;
+    std::uint64_t held = 0;
     for (const Entry &entry : entries)
         held += entry.bytes;
     std::size_t removed = 0;
@@ -195,7 +195,9 @@ std::optional<Report> readReport(int directory, const std::string &name, bool &g
     const UniqueFd fd = openAt(directory, name, O_RDONLY | O_NONBLOCK);
     gone = !fd && errno == ENOENT;
     struct stat status {};
-    if (!fd || ::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode))
+    // A file that is longer than all reports together may be is none.
+    if (!fd || ::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+        static_cast<std::uint64_t>(status.st_size) > kOutboxByteLimit)
         return std::nullopt;
     std::string text(static_cast<std::size_t>(status.st_size), '\0');
     if (::pread(fd.get(), text.data(), text.size(), 0) != static_cast<ssize_t>(text.size()))

@@ -211,6 +211,30 @@ TEST_F(AnOutbox, KeepsTheNewestLastAlsoWhenTheClockWasSetBack) {
 
 // --- what else may lie there ---
 
+TEST_F(AnOutbox, PassesOverAFileOfGigabytesAndReadsNothingOfIt) {
+    nyr::putReport(reportOf("x"));
+    const std::string name = "00000000000000000000-0000000001.json";
+    std::filesystem::copy(kDirectory / nyr::readOutbox().at(0).file, kDirectory / name);
+    for (const std::uintmax_t size : {0x80000001ULL, 0x100000200ULL}) {
+        std::filesystem::resize_file(kDirectory / name, size); // sparse
+        std::vector<std::string> ignored;
+        EXPECT_THAT(nyr::readOutbox(&ignored), SizeIs(1));
+        EXPECT_THAT(ignored, ElementsAre(name));
+    }
+}
+
+TEST_F(AnOutbox, LosesAFileOfGigabytesForItsSize) {
+    nyr::putReport(reportOf("x"));
+    const std::filesystem::path large = kDirectory / "00000000000000000000-0000000001.json";
+    for (const std::uintmax_t size : {0x80000001ULL, 0x100000001ULL}) {
+        std::ofstream(large) << "{}";
+        std::filesystem::resize_file(large, size);
+        nyr::putReport(reportOf("y"));
+        EXPECT_FALSE(std::filesystem::exists(large)) << size;
+    }
+    EXPECT_THAT(bodies(), ElementsAre("x", "y", "y"));
+}
+
 TEST_F(AnOutbox, PassesOverWhatIsNoReportAndNamesIt) {
     nyr::putReport(reportOf("x"));
     const std::vector<std::string> bad{
