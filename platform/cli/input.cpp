@@ -6,12 +6,18 @@
 #include <iterator>
 
 #include "cli/session.h"
+#include "mavo/rmi-protocol.h"
 
 namespace cli {
 namespace {
 
 std::string readAll(std::istream &stream, const std::string &name) {
-    std::string text(std::istreambuf_iterator<char>(stream), {});
+    std::string text;
+    for (std::istreambuf_iterator<char> at(stream); at != std::istreambuf_iterator<char>(); ++at) {
+        if (text.size() == mavo::rmi::kBodyLimitBytes)
+            throw Exit(kNotCarriedOut, name + " is longer than " + std::to_string(text.size()) + " bytes");
+        text += *at;
+    }
     if (stream.bad())
         throw Exit(kNotCarriedOut, "cannot read " + name);
     return text;

@@ -1,5 +1,7 @@
 // The command line, with the real policy host.
+#include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <pty.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -9,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/vpkd-fixture.h"
+#include "support/emulator.h"
 
 namespace {
 
@@ -35,14 +38,13 @@ struct OnTerminal {
 };
 
 // Runs vpkctl on a terminal where a person types `answer`.
-OnTerminal runOnTerminal(std::vector<const char *> words, const std::string &answer) {
+OnTerminal runOnTerminal(const std::vector<const char *> &words, const std::string &answer) {
     int terminal = -1;
-    const std::string program = process::built("vpkctl");
-    words.insert(words.begin(), program.c_str());
-    words.push_back(nullptr);
+    std::vector<std::string> arguments{process::built("vpkctl")};
+    arguments.insert(arguments.end(), words.begin(), words.end());
     const pid_t child = ::forkpty(&terminal, nullptr, nullptr, nullptr);
     if (child == 0) {
-        ::execv(program.c_str(), const_cast<char **>(words.data()));
+        emulator::execute(arguments);
         ::_exit(127);
     }
     EXPECT_EQ(::write(terminal, answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
@@ -147,6 +149,17 @@ TEST_F(Vpkctl, DoesNothingWhenItCannotReadTheData) {
         const auto result = run({"exec", "echo", data});
         EXPECT_EQ(result.status, 2) << data;
         EXPECT_THAT(result.errors, MatchesRegex("vpkctl: cannot read [^\n]+\n"));
+    }
+}
+
+TEST_F(Vpkctl, RefusesAFileThatIsLongerThanAnyRequest) {
+    start();
+    for (const std::uintmax_t size : {0x1000001ULL, 0x80000001ULL, 0x100000001ULL}) {
+        vpkdtest::write("/run/data", "x");
+        std::filesystem::resize_file("/run/data", size); // sparse
+        const auto result = run({"exec", "echo", "@/run/data"});
+        EXPECT_EQ(result.status, 2) << size;
+        EXPECT_EQ(result.errors, "vpkctl: /run/data is longer than 16777216 bytes\n");
     }
 }
 
