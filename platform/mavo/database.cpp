@@ -6,6 +6,7 @@
 #include <sqlite3.h>
 
 #include "mavo/exception.h"
+#include "mavo/late-file-times.h"
 
 namespace mavo {
 namespace database {
@@ -24,6 +25,7 @@ using Handle = std::unique_ptr<sqlite3, Close>;
 Handle open(const std::string &path, int flags) {
     if (path.find('\0') != std::string::npos)
         throw Exception("a path holds no NUL");
+    acceptLateFileTimes();
     sqlite3 *raw = nullptr;
     const int result = sqlite3_open_v2(path.c_str(), &raw, flags, nullptr);
     Handle handle(raw); // also after a failure, unless memory ran out

@@ -2,12 +2,18 @@
 
 #include <array>
 #include <chrono>
+#include <climits>
+#include <cstdint>
+#include <ctime>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <set>
 #include <string>
 #include <sys/poll.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -304,6 +310,38 @@ TEST_F(AConnection, WorksWithTheStandardStreamsClosed) {
               }));
 }
 
+// The times of files with 32 bits end in January 2038 with a sign, and in February 2106 without.
+TEST_F(AConnection, OpensAFileOfAnyDate) {
+    for (const std::time_t seconds : {std::int64_t{0x7fffffff}, std::int64_t{0x80000000}, std::int64_t{0x100000001}}) {
+        fs::remove(thePath);
+        makeDatabase();
+        const std::array<std::timespec, 2> times{{{seconds, 0}, {seconds, 0}}};
+        ASSERT_EQ(0, ::utimensat(AT_FDCWD, thePath.c_str(), times.data(), 0));
+        EXPECT_EQ("2", query(*std::make_unique<Connection>(thePath, kReadOnly, true), "SELECT count(*) FROM t"));
+        Connection connection(thePath, kReadWrite, true);
+        run(connection, "INSERT INTO t VALUES (3, 'three')");
+        EXPECT_EQ("3", query(connection, "SELECT count(*) FROM t"));
+    }
+}
+
+TEST_F(AConnection, RollsBackAJournalOfAnyDate) {
+    makeDatabase();
+    const std::string journal = thePath + "-journal";
+    ASSERT_EQ(9, inChild([]() -> int {
+                  Connection connection(thePath, kReadWrite, true);
+                  run(connection, "PRAGMA cache_size=1");
+                  run(connection, "BEGIN");
+                  run(connection, "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n LIMIT 5000) "
+                                  "INSERT INTO t SELECT i, hex(randomblob(50)) FROM n");
+                  ::_exit(9);
+              }));
+    const std::array<std::timespec, 2> times{{{0x80000000LL, 0}, {0x80000000LL, 0}}};
+    ASSERT_EQ(0, ::utimensat(AT_FDCWD, journal.c_str(), times.data(), 0));
+    Connection connection(thePath, kReadWrite, true);
+    EXPECT_EQ("2", query(connection, "SELECT count(*) FROM t"));
+    EXPECT_FALSE(fs::exists(journal));
+}
+
 TEST_F(AStatement, CannotBePreparedFromWrongOrEmptySql) {
     Connection connection(thePath, kCreate, true);
     EXPECT_EQ("no such table: t", textOfException([&] { Statement(connection, "SELECT * FROM t"); }));
@@ -327,6 +365,33 @@ TEST_F(AStatement, GivesBackWhatWasBoundByteForByte) {
     EXPECT_EQ(0, statement.getColumn(2).getInt());
     EXPECT_EQ("", statement.getColumn(3).getText());
     EXPECT_FALSE(statement.step());
+}
+
+TEST_F(AStatement, GivesBackNumbersOf64BitsAndTheLow32OfThem) {
+    Connection connection(thePath, kCreate, true);
+    run(connection, "CREATE TABLE t (a INTEGER NOT NULL)");
+    struct Number {
+        long long value;
+        const char *text;
+        int low;
+    };
+    for (const Number &number :
+         {Number{0x7fffffffLL, "2147483647", INT_MAX}, //
+          Number{0x80000000LL, "2147483648", INT_MIN}, Number{0xffffffffLL, "4294967295", -1},
+          Number{0x100000000LL, "4294967296", 0}, Number{0x100000007LL, "4294967303", 7},
+          Number{-0x80000000LL, "-2147483648", INT_MIN}, Number{-0x80000001LL, "-2147483649", INT_MAX},
+          Number{-0x100000001LL, "-4294967297", -1}, Number{LLONG_MAX, "9223372036854775807", -1},
+          Number{LLONG_MIN, "-9223372036854775808", 0}}) {
+        run(connection, "DELETE FROM t");
+        Statement insertion(connection, "INSERT INTO t VALUES (?)");
+        insertion.bind(1, number.value);
+        ASSERT_TRUE(insertion.exec());
+        Statement row(connection, "SELECT a FROM t WHERE a = ?");
+        row.bind(1, number.value);
+        ASSERT_TRUE(row.step()) << number.text;
+        EXPECT_EQ(number.text, row.getColumn(0).getText());
+        EXPECT_EQ(number.low, row.getColumn(0).getInt()) << number.text;
+    }
 }
 
 TEST_F(AStatement, RefusesIndicesThatItDoesNotHave) {
