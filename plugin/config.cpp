@@ -31,6 +31,27 @@ bool parse(const std::string &text, Json::Value &root) {
     return reader->parse(text.data(), text.data() + text.size(), &root, nullptr);
 }
 
+// Where long has 32 bits, a library may have times of 32 bits. It can then tell nothing of a file that was changed
+// after January 2038 but that it is there.
+bool isTooLate(const boost::system::error_code &error) { return error == boost::system::errc::value_too_large; }
+
+bool exists(const std::string &path) {
+    boost::system::error_code error;
+    const auto status = boost::filesystem::status(path, error);
+    if (isTooLate(error))
+        return true;
+    if (status.type() == boost::filesystem::status_error)
+        throw boost::filesystem::filesystem_error("boost::filesystem::status", path, error);
+    return boost::filesystem::exists(status);
+}
+
+void makeFolder(const boost::filesystem::path &folder) {
+    boost::system::error_code error;
+    boost::filesystem::status(folder, error);
+    if (!isTooLate(error))
+        boost::filesystem::create_directories(folder);
+}
+
 void writeFile(const std::string &path, const std::string &text) {
     boost::filesystem::ofstream file(path, std::ios::out | std::ios::trunc);
     file << text;
@@ -51,7 +72,7 @@ Config::~Config() {
 bool Config::readConfigFile() {
     NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "firewall: readConfigFile");
     try {
-        if (!boost::filesystem::exists(boost::filesystem::status(configPath)))
+        if (!exists(configPath))
             return createDefaultConfig();
         boost::filesystem::ifstream file(configPath);
         return parse(std::string(std::istreambuf_iterator<char>(file), {}), root);
@@ -64,7 +85,7 @@ bool Config::readConfigFile() {
 bool Config::createDefaultConfig() {
     NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "firewall: Config: createDefaultConfig");
     try {
-        boost::filesystem::create_directories(boost::filesystem::path(configPath).parent_path());
+        makeFolder(boost::filesystem::path(configPath).parent_path());
         parse(defaultConfig, root);
         writeFile(configPath, defaultConfig);
         return true;
@@ -77,7 +98,7 @@ bool Config::createDefaultConfig() {
 bool Config::writeConfigFile() {
     NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "firewall: Config: writeConfigFile");
     try {
-        if (!boost::filesystem::exists(boost::filesystem::status(configPath)))
+        if (!exists(configPath))
             return createDefaultConfig();
         writeFile(configPath, compactJson(root) + "\n");
         return true;

@@ -1,10 +1,15 @@
 #include "config.h"
 
+#include <array>
+#include <cstdint>
+#include <ctime>
+#include <fcntl.h>
 #include <filesystem>
 #include <optional>
 #include <ostream>
 #include <sstream>
 #include <string>
+#include <sys/stat.h>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -68,6 +73,46 @@ TEST(Config, LogsItsConstructionWithAFile) {
     std::optional<Config> config;
     EXPECT_THAT(logOf([&] { config.emplace(); }),
                 ElementsAre("I NYR_FIREWALL: firewall: Enter Config()", "I NYR_FIREWALL: firewall: readConfigFile"));
+}
+
+void changeAt(const std::filesystem::path &path, std::int64_t seconds) {
+    const std::array<std::timespec, 2> times{{{seconds, 0}, {seconds, 0}}};
+    ASSERT_EQ(0, ::utimensat(AT_FDCWD, path.c_str(), times.data(), 0));
+}
+
+// 32 bits for the time of a file end in January 2038 with a sign, and in February 2106 without.
+TEST(Config, ReadsAndWritesAFileOfAnyDate) {
+    for (const std::int64_t seconds : {0x7fffffffLL, 0x80000000LL, 0x100000001LL}) {
+        textfile::write(kFile, R"({"enabled":"1"})");
+        changeAt(kFile, seconds);
+        changeAt(kDirectory, seconds);
+        Config config;
+        EXPECT_EQ(config.get("enabled", false), "1") << seconds;
+        changeAt(kFile, seconds);
+        EXPECT_EQ(config.get("enabled", true), "1");
+        changeAt(kFile, seconds);
+        EXPECT_TRUE(config.update("enabled", "0"));
+        EXPECT_EQ(textfile::read(kFile), "{\"enabled\":\"0\"}\n");
+        changeAt(kDirectory, 0); // for the C++ library, which has the same trouble
+    }
+}
+
+TEST(Config, CreatesTheDefaultsInAFolderOfAnyDate) {
+    for (const std::int64_t seconds : {0x7fffffffLL, 0x80000000LL, 0x100000001LL}) {
+        std::filesystem::path folder = kDirectory;
+        std::filesystem::create_directories(folder);
+        std::filesystem::remove(kFile);
+        changeAt(folder, seconds);
+        Config config;
+        EXPECT_EQ(textfile::read(kFile), kDefaults) << seconds;
+        // The folder itself is missing, in one of such a date.
+        std::filesystem::remove_all(folder);
+        folder = folder.parent_path();
+        changeAt(folder, seconds);
+        changeAt(folder.parent_path(), seconds);
+        EXPECT_TRUE(config.readConfigFile());
+        EXPECT_EQ(textfile::read(kFile), kDefaults) << seconds;
+    }
 }
 
 TEST(Config, WritesThenLogsItsEnd) {
