@@ -1,8 +1,13 @@
 #include "host/plugin-library.h"
 
+#include <array>
+#include <cerrno>
+#include <climits>
 #include <dlfcn.h>
 #include <filesystem>
 #include <stdexcept>
+#include <system_error>
+#include <unistd.h>
 
 namespace host {
 
@@ -17,10 +22,15 @@ PluginFactory loadPlugin(const std::string &path) {
 }
 
 std::string defaultPluginPath() {
-    const auto directory = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+    // Not by the C++ library, which looks at files' times too: where long has 32 bits, one after January 2038 fails.
+    std::array<char, PATH_MAX> program{};
+    if (::readlink("/proc/self/exe", program.data(), program.size() - 1) < 0)
+        throw std::system_error(errno, std::generic_category(), "/proc/self/exe");
+    const auto isThere = [](const std::filesystem::path &path) { return ::access(path.c_str(), F_OK) == 0; };
+    const auto directory = std::filesystem::path(program.data()).parent_path();
     const auto installed = (directory / NYR_INSTALLED_PLUGIN).lexically_normal();
     const auto built = directory.parent_path() / "lib" / "libnyr-firewall-plugin.so";
-    return !std::filesystem::exists(installed) && std::filesystem::exists(built) ? built : installed;
+    return !isThere(installed) && isThere(built) ? built : installed;
 }
 
 } // namespace host
