@@ -306,6 +306,77 @@ TEST_F(StatDaemonTest, StoresRecordsCountedFromTheEpoch) {
                 ElementsAre("1699999007|10.0.0.2|5353|10.0.0.1|53", "1699999008|10.0.0.2|5353|10.0.0.3|53"));
 }
 
+// The moment of an iteration, 1000 seconds after boot, with one record 7 seconds old and one from 99 seconds after
+// boot.
+struct Moment {
+    const char *name;
+    long long now;
+    const char *rows;       // stored, before a report
+    const char *lower;      // bound of the report's records
+    const char *report;     // with an interval of 100 seconds
+    const char *keptByHour; // with one of 3600
+};
+
+void PrintTo(const Moment &value, std::ostream *stream) { *stream << value.name; }
+
+class StatDaemonMoment : public StatDaemonTest, public testing::WithParamInterface<Moment> {
+protected:
+    StatDaemonMoment() {
+        fakeprocess::orders().now = GetParam().now;
+        fakeklog::content = line("99", "10.0.0.9") + line("993", "10.0.0.1");
+    }
+};
+
+TEST_P(StatDaemonMoment, IsStoredWith64Bits) {
+    const std::string last = std::to_string(GetParam().now);
+    const Json::Value account =
+        accountWith(R"("enabled":"1","send_report_interval":"100","last_send_report_ts":")" + last + '"');
+    EXPECT_THAT(strings(account["reports"]), IsEmpty()) << "not due";
+    std::string rows;
+    for (const std::string &row : sqlitefile::query(kDatabase, "SELECT ts, dip FROM firewall_stat"))
+        rows += row + ' ';
+    EXPECT_EQ(rows, GetParam().rows);
+    EXPECT_THAT(strings(account["messages"]), Contains(kTag + "### firewall: DPlugin::startStatDaemon: lastReportTS:" +
+                                                       last + " intervalInSeconds:100 t:" + last + " ###"));
+}
+
+TEST_P(StatDaemonMoment, IsReportedWith32Bits) {
+    const Json::Value account = accountWith(R"("enabled":"1","send_report_interval":"100")");
+    EXPECT_THAT(strings(account["trace"]), Contains(std::string("bind 1 int64 ") + GetParam().lower));
+    EXPECT_THAT(strings(account["reports"]), ElementsAre(std::string("10007 1 ") + GetParam().report));
+    EXPECT_THAT(textfile::read(kConfig),
+                HasSubstr(R"("last_send_report_ts":")" + std::to_string(GetParam().now) + '"'));
+}
+
+TEST_P(StatDaemonMoment, IsReportedWithAnIntervalThatReachesFurtherBack) {
+    const Json::Value account = accountWith(R"("enabled":"1","send_report_interval":"3600")");
+    EXPECT_THAT(strings(account["reports"]), ElementsAre(std::string("10007 1 ") + GetParam().keptByHour));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Dates, StatDaemonMoment,
+    testing::Values(Moment{"BeforeTheEndOf31Bits", 0x7fffffff, "2147482746|10.0.0.9 2147483640|10.0.0.1 ", "2147483547",
+                           R"({"data":{"10.0.0.1":1},"from":2147483640,"to":2147483640,"v":"0.1"})",
+                           R"({"data":{"10.0.0.1":1,"10.0.0.9":1},"from":2147482746,"to":2147483640,"v":"0.1"})"},
+                    Moment{"January2038", 0x80000000, "2147482747|10.0.0.9 2147483641|10.0.0.1 ", "2147483548",
+                           R"({"data":{"10.0.0.1":1},"from":2147483641,"to":2147483641,"v":"0.1"})",
+                           R"({"data":{"10.0.0.1":1,"10.0.0.9":1},"from":2147482747,"to":2147483641,"v":"0.1"})"},
+                    Moment{"Booted1970SecondsAfterIt", 0x80000000 + 2970, "2147485717|10.0.0.9 2147486611|10.0.0.1 ",
+                           "2147486518", R"({"data":{"10.0.0.1":1},"from":2147486611,"to":2147486611,"v":"0.1"})",
+                           R"({"data":{"10.0.0.1":1,"10.0.0.9":1},"from":2147485717,"to":2147486611,"v":"0.1"})"},
+                    Moment{"EndOf32Bits", 0xffffffff, "4294966394|10.0.0.9 4294967288|10.0.0.1 ", "4294967195",
+                           R"({"data":{"10.0.0.1":1},"from":4294967288,"to":4294967288,"v":"0.1"})",
+                           R"({"data":{"10.0.0.1":1,"10.0.0.9":1},"from":4294966394,"to":4294967288,"v":"0.1"})"},
+                    // The record's time is beyond 32 bits, the bound of the report still below.
+                    Moment{"February2106", 0x100000000 + 50, "4294966445|10.0.0.9 4294967339|10.0.0.1 ", "4294967246",
+                           R"({"data":{"10.0.0.1":1},"from":43,"to":43,"v":"0.1"})",
+                           R"({"data":{"10.0.0.1":1,"10.0.0.9":1},"from":43,"to":4294966445,"v":"0.1"})"},
+                    // The bound begins again at 0 while rows do not: every stored row is within it.
+                    Moment{"After2106", 0x100000000 + 10000, "4294976395|10.0.0.9 4294977289|10.0.0.1 ", "9900",
+                           R"({"data":{"10.0.0.1":1,"10.0.0.9":1},"from":9099,"to":9993,"v":"0.1"})",
+                           R"({"data":{"10.0.0.1":1,"10.0.0.9":1},"from":9099,"to":9993,"v":"0.1"})"}),
+    [](const testing::TestParamInfo<Moment> &moment) { return std::string(moment.param.name); });
+
 TEST_F(StatDaemonTest, TakesTheTimeForTheBootTimeWhenTheUptimeIsUnknown) {
     fakeprocess::orders().uptime.reset();
     fakeklog::content = line("7", "10.0.0.1");
