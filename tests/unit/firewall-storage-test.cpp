@@ -1,12 +1,17 @@
 #include "firewall-storage.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <exception>
+#include <fcntl.h>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <ostream>
+#include <sys/stat.h>
 #include <type_traits>
 #include <unistd.h>
+#include <vector>
 
 #include <gmock/gmock.h>
 
@@ -375,6 +380,29 @@ TEST_F(AnOpenStorage, CopiesTheMainFileToTheBackupAfterSaving) {
     storage->saveRule(rule("tcp:a:1", "ACCEPT"));
     EXPECT_EQ(content(kBackup), content(kMain));
     EXPECT_THAT(stored(kBackup), ElementsAre("tcp|a|1|0|1"));
+}
+
+// How many bytes come out of `pipe` until its end.
+std::uintmax_t drain(const std::string &pipe) {
+    const int descriptor = ::open(pipe.c_str(), O_RDONLY | O_CLOEXEC);
+    std::vector<char> room(65536);
+    std::uintmax_t total = 0;
+    for (ssize_t count = 0; (count = ::read(descriptor, room.data(), room.size())) > 0;)
+        total += static_cast<std::uintmax_t>(count);
+    ::close(descriptor);
+    return total;
+}
+
+TEST_F(AnOpenStorage, CopiesAMainFileOfMoreThanTwoGigabytesWhole) {
+    constexpr std::uintmax_t kSize = 0x80001000;
+    std::filesystem::resize_file(kMain, kSize); // sparse
+    ASSERT_EQ(0, ::mkfifo(kBackup.c_str(), 0600));
+    auto copied = std::async(std::launch::async, [] { return drain(kBackup); });
+    storage->saveRule(rule("tcp:a:1", "ACCEPT"));
+    EXPECT_EQ(kSize, copied.get());
+    EXPECT_EQ(kSize, std::filesystem::file_size(kMain));
+    EXPECT_THAT(fakevlog::messages(), ElementsAre(kBackedUp));
+    EXPECT_THAT(stored(), ElementsAre("tcp|a|1|0|1"));
 }
 
 TEST_F(AnOpenStorage, ReplacesARuleWithTheSameProtocolDomainAndPort) {

@@ -1,0 +1,156 @@
+// The frames of our sockets: the same bytes on every machine, read from wherever in memory they lie.
+#include "mavo/rmi-protocol.h"
+#include "mavo/rmi.h"
+#include "rlv/protocol.h"
+
+#include <climits>
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr std::uint64_t kLarge = 0x8123456789abcdefU;
+
+// `frame` at an address that is `offset` bytes beyond one of any alignment.
+class At {
+public:
+    At(std::size_t offset, const std::string &frame) : room_(offset + frame.size()), offset_(offset) {
+        frame.copy(room_.data() + offset, frame.size());
+    }
+    std::string_view frame() const { return {room_.data() + offset_, room_.size() - offset_}; }
+
+private:
+    std::vector<char> room_; // from operator new, so aligned for everything
+    std::size_t offset_;
+};
+
+TEST(ARequestToTheTrafficControlService, HasTheseBytes) {
+    const rlv::protocol::Request request{rlv::protocol::Request::Kind::commit, kLarge, "-F"};
+    EXPECT_EQ("C\xef\xcd\xab\x89\x67\x45\x23\x81-F", rlv::protocol::encode(request));
+}
+
+TEST(ARequestToTheTrafficControlService, IsReadAtAnyAddress) {
+    const rlv::protocol::Request sent{rlv::protocol::Request::Kind::commit, kLarge, "-A VPK-DENY -j DROP"};
+    for (std::size_t offset = 0; offset < 9; ++offset) {
+        const At at(offset, rlv::protocol::encode(sent));
+        rlv::protocol::Request request;
+        ASSERT_TRUE(rlv::protocol::decodeRequest(at.frame(), request)) << offset;
+        EXPECT_EQ(sent.number, request.number);
+        EXPECT_EQ(sent.text, request.text);
+    }
+}
+
+TEST(AReplyOfTheTrafficControlService, HasTheseBytes) {
+    const rlv::protocol::Reply reply{rlv::protocol::Reply::Kind::committed, -2, kLarge, "no"};
+    EXPECT_EQ("c\xfe\xff\xff\xff\xef\xcd\xab\x89\x67\x45\x23\x81no", rlv::protocol::encode(reply));
+}
+
+TEST(AReplyOfTheTrafficControlService, IsReadAtAnyAddress) {
+    const rlv::protocol::Reply sent{rlv::protocol::Reply::Kind::committed, INT32_MIN, kLarge, "why"};
+    for (std::size_t offset = 0; offset < 9; ++offset) {
+        const At at(offset, rlv::protocol::encode(sent));
+        const auto reply = rlv::protocol::decodeReply(at.frame());
+        ASSERT_TRUE(reply) << offset;
+        EXPECT_EQ(sent.code, reply->code);
+        EXPECT_EQ(sent.number, reply->number);
+        EXPECT_EQ(sent.text, reply->text);
+    }
+}
+
+TEST(AListOfCommands, IsReadAtAnyAddress) {
+    rlv::protocol::CommandList list;
+    for (const char *command : {"-A", "-A V", "-A VPK-DENY -j DROP", "-F"})
+        ASSERT_TRUE(list.add(command));
+    rlv::protocol::Request request;
+    ASSERT_TRUE(rlv::protocol::decodeRequest(list.packet(), request));
+    for (std::size_t offset = 0; offset < 9; ++offset) {
+        const At at(offset, request.text);
+        ASSERT_TRUE(rlv::protocol::isCommandList(at.frame())) << offset;
+        std::string_view left = at.frame();
+        std::vector<std::string> commands;
+        while (!left.empty())
+            commands.emplace_back(rlv::protocol::takeCommand(left));
+        EXPECT_EQ((std::vector<std::string>{"-A", "-A V", "-A VPK-DENY -j DROP", "-F"}), commands);
+    }
+}
+
+// Names of each length put the numbers after them at each address.
+TEST(AStateOfTheTrafficControlService, KeepsNumbersOf64BitsAtAnyAddress) {
+    for (std::size_t length = 0; length < 9; ++length) {
+        rlv::ServiceState state;
+        state.serviceId = kLarge;
+        state.lastConnection = kLarge + 1;
+        state.chains.push_back({std::string(length, 'x'), std::uint64_t{1} << 32U});
+        state.connections.push_back({kLarge, rlv::ConnectionEnd::closed, {{"-F", 4, "no", true}}, kLarge + 2});
+        std::string text;
+        for (const std::string &packet : rlv::protocol::encodeState(state))
+            text += rlv::protocol::decodeReply(packet)->text;
+        for (std::size_t offset = 0; offset < 9; ++offset) {
+            const auto read = rlv::protocol::decodeState(At(offset, text).frame());
+            ASSERT_TRUE(read) << length << " " << offset;
+            EXPECT_EQ(kLarge, read->serviceId);
+            EXPECT_EQ(kLarge + 1, read->lastConnection);
+            EXPECT_EQ(std::uint64_t{1} << 32U, read->chains.at(0).rules);
+            EXPECT_EQ(kLarge, read->connections.at(0).number);
+            EXPECT_EQ(kLarge + 2, read->connections.at(0).lostBeyondList);
+        }
+    }
+}
+
+// A length that 32 bits hold, but no signed number of them and no memory.
+TEST(AStateOfTheTrafficControlService, IsNoneWhenALengthIsLargerThanMemory) {
+    rlv::ServiceState state;
+    state.chains.push_back({"ABCD", 0});
+    std::string text = rlv::protocol::decodeReply(rlv::protocol::encodeState(state).at(0))->text;
+    const auto name = text.find("ABCD");
+    ASSERT_NE(std::string::npos, name);
+    for (const char *length : {"\xff\xff\xff\xff", "\xff\xff\xff\x7f", "\x05\x00\x00\x80"})
+        EXPECT_FALSE(rlv::protocol::decodeState(text.replace(name - 4, 4, length, 4)));
+}
+
+TEST(AMessageOfARemoteMethod, KeepsNumbersAtAnyAddress) {
+    for (std::size_t length = 0; length < 9; ++length) {
+        mavo::rmi::Message written;
+        written.write(std::string(length, 'x'));
+        for (const int number : {INT_MIN, -1, INT_MAX})
+            written.write(number);
+        mavo::rmi::Message message(written.body());
+        std::string text;
+        message.read(text);
+        EXPECT_EQ(length, text.size());
+        for (const int expected : {INT_MIN, -1, INT_MAX}) {
+            int number = 0;
+            message.read(number);
+            EXPECT_EQ(expected, number) << length;
+        }
+    }
+}
+
+TEST(AReplyOfTheHost, KeepsItsFieldsAtAnyAddress) {
+    for (std::size_t length = 0; length < 9; ++length) {
+        const mavo::rmi::Reply sent{mavo::rmi::Status::exception, std::string(length, 'b'), "e", {"l", ""}, {"n"}};
+        const std::string frame = mavo::rmi::encodeReply(sent);
+        const auto size = mavo::rmi::decodeReplyHead(frame.substr(0, mavo::rmi::kReplyHeadBytes));
+        ASSERT_EQ(frame.size() - mavo::rmi::kReplyHeadBytes, size);
+        const auto reply = mavo::rmi::decodeReply(frame.substr(mavo::rmi::kReplyHeadBytes));
+        ASSERT_TRUE(reply) << length;
+        EXPECT_EQ(sent.status, reply->status);
+        EXPECT_EQ(sent.body, reply->body);
+        EXPECT_EQ(sent.errorLines, reply->errorLines);
+        EXPECT_EQ(sent.notInForce, reply->notInForce);
+    }
+}
+
+TEST(AReplyOfTheHost, IsNoneWhenItsLengthsAreLargerThanMemory) {
+    const std::string head("RMP1\xff\xff\xff\xff", mavo::rmi::kReplyHeadBytes);
+    EXPECT_FALSE(mavo::rmi::decodeReplyHead(head));
+    std::string content(4, '\0');
+    content += "\xff\xff\xff\xff" + std::string(20, '\0');
+    EXPECT_FALSE(mavo::rmi::decodeReply(content));
+}
+
+} // namespace
