@@ -1,5 +1,5 @@
-# 32-bit ARM with Debian's cross compiler, against the packages that packaging/install-armhf-packages has unpacked. Programs
-# run in the emulator.
+# 32-bit ARM with Debian's cross compiler, against the packages that packaging/install-armhf-packages has unpacked.
+# Programs run in the emulator.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR arm)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
