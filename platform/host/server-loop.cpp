@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
@@ -12,8 +13,8 @@
 
 #include "host/collector.h"
 #include "host/log.h"
-#include "host/readiness.h"
 #include "support/directories.h"
+#include "support/readiness.h"
 
 namespace host {
 namespace {
@@ -72,7 +73,8 @@ void ServerLoop::serve(Host &host, const std::string &socket, const mavo::rmi::P
     if (!interruption.empty())
         rebuild.want(interruption);
     logInfo("serving at " + socket);
-    tellReady();
+    if (!support::tellReady())
+        logError(std::string("the service manager cannot be told that the host serves: ") + std::strerror(errno));
     loop_.run();
     host.setRebuild(nullptr);
     server_.reset();

@@ -17,9 +17,7 @@
 #include <stdexcept>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
 #include "rlv/rlv-query.h"
 #include "rlv/service/service-log.h"
@@ -27,6 +25,7 @@
 #include "rlv/service/service.h"
 #include "support/command-line.h"
 #include "support/directories.h"
+#include "support/readiness.h"
 #include "vlog/vlog-sink.h"
 
 namespace {
@@ -191,25 +190,6 @@ support::UniqueFd stopSignals() {
     return fd;
 }
 
-// Tells a service manager, if there is one (sd_notify(3) describes the datagram), that clients can connect.
-void notifyReady() {
-    const char *path = std::getenv("NOTIFY_SOCKET");
-    sockaddr_un address{};
-    if (path == nullptr || std::strlen(path) < 2 || std::strlen(path) > sizeof address.sun_path)
-        return;
-    address.sun_family = AF_UNIX;
-    const std::size_t length = std::strlen(path);
-    std::memcpy(address.sun_path, path, length);
-    if (path[0] == '@')
-        address.sun_path[0] = '\0'; // an abstract address
-    constexpr std::string_view kReady = "READY=1";
-    const support::UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length);
-    if (::sendto(fd.get(), kReady.data(), kReady.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr *>(&address),
-                 size) < 0)
-        RLVD_ERROR("the service manager cannot be told that the service is ready: %s", std::strerror(errno));
-}
-
 int serve(Arguments &arguments) {
     const gid_t group = resolveAccounts(arguments);
     const support::UniqueFd signals = stopSignals();
@@ -230,7 +210,8 @@ int serve(Arguments &arguments) {
     });
     RLVD_INFO("serving %s, chains %s*%s", arguments.socket.c_str(), arguments.service.chainPrefix.c_str(),
               arguments.service.simulated ? ", simulated" : "");
-    notifyReady();
+    if (!support::tellReady())
+        RLVD_ERROR("the service manager cannot be told that the service is ready: %s", std::strerror(errno));
     loop.run();
     RLVD_INFO("ended by signal %d", signalNumber);
     return EXIT_SUCCESS;
