@@ -9,6 +9,7 @@
 
 #include "host/call-watch.h"
 #include "host/data-check.h"
+#include "host/end-collector.h"
 #include "host/fork-handler.h"
 #include "host/host.h"
 #include "host/paths.h"
@@ -30,6 +31,7 @@ struct Options {
     std::string logFile;
     bool logStderr = false;
     bool logSyslog = false;
+    bool endCollector = false;
 };
 
 void addOptions(CLI::App &app, Options &options) {
@@ -43,6 +45,8 @@ void addOptions(CLI::App &app, Options &options) {
     auto *systemLog = app.add_flag("--log-syslog", options.logSyslog, "Log to the system log (the default)");
     file->excludes(standardError, systemLog);
     standardError->excludes(systemLog);
+    app.add_flag("--end-collector", options.endCollector,
+                 "End the collector, also one of an earlier host, take its marker away, and exit; no host may run");
     app.footer("Runs until SIGTERM. Rules and collector stay as they are when it ends. Its data is in /opt/data/vpk.");
 }
 
@@ -68,6 +72,8 @@ void requireTrafficControl(const Options &options) {
 void run(const Options &options) {
     ::umask(077);
     chooseLog(options);
+    if (options.endCollector)
+        return host::endCollector();
     const auto privileges = mavo::rmi::Privileges::load(options.privileges);
     host::makeDataDirectories();
     auto lock = host::takeHostLock();

@@ -5,21 +5,45 @@
 #include <string>
 #include <sys/file.h>
 #include <system_error>
+#include <utility>
 
 #include "host/paths.h"
 
 namespace host {
+namespace {
+
+support::UniqueFd openLockFile(int more) {
+    return support::aboveStandardStreams(support::UniqueFd(::open(kHostLock, O_RDWR | O_CLOEXEC | more, 0600)));
+}
+
+[[noreturn]] void failTo(const char *what) {
+    throw std::system_error(errno, std::generic_category(), std::string("cannot ") + what + " " + kHostLock);
+}
+
+bool lock(const support::UniqueFd &file) {
+    if (::flock(file.get(), LOCK_EX | LOCK_NB) == 0)
+        return true;
+    if (errno != EWOULDBLOCK)
+        failTo("lock");
+    return false;
+}
+
+} // namespace
 
 support::UniqueFd takeHostLock() {
-    support::UniqueFd file =
-        support::aboveStandardStreams(support::UniqueFd(::open(kHostLock, O_RDWR | O_CREAT | O_CLOEXEC, 0600)));
+    support::UniqueFd file = openLockFile(O_CREAT);
     if (!file)
-        throw std::system_error(errno, std::generic_category(), std::string("cannot open ") + kHostLock);
-    if (::flock(file.get(), LOCK_EX | LOCK_NB) == 0)
-        return file;
-    if (errno != EWOULDBLOCK)
-        throw std::system_error(errno, std::generic_category(), std::string("cannot lock ") + kHostLock);
-    return {};
+        failTo("open");
+    return lock(file) ? std::move(file) : support::UniqueFd();
+}
+
+std::optional<support::UniqueFd> holdOffHosts() {
+    support::UniqueFd file = openLockFile(0);
+    if (!file && errno != ENOENT)
+        failTo("open");
+    if (file && !lock(file))
+        return std::nullopt;
+    return file;
 }
 
 } // namespace host

@@ -130,6 +130,22 @@ TEST_F(VpkdWithACollector, LetsTheCollectorOutliveItself) {
     ::kill(daemon, SIGKILL);
 }
 
+TEST_F(VpkdWithACollector, EndsItByOrderWhenNoHostRuns) {
+    start();
+    execute("EnableStatCollector");
+    const pid_t daemon = collector();
+    const auto refused = startInVain({"--end-collector"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_THAT(refused.errors, HasSubstr("stop it first"));
+    EXPECT_TRUE(runs(daemon));
+    ASSERT_EQ(stop(), 0);
+    const auto ended = startInVain({"--end-collector"});
+    EXPECT_EQ(ended.status, 0) << ended.errors;
+    EXPECT_FALSE(runs(daemon));
+    EXPECT_FALSE(exists(kMarker));
+    EXPECT_THAT(contents(vpkdtest::kLog), HasSubstr("ended the collector, process " + std::to_string(daemon)));
+}
+
 TEST_F(VpkdWithACollector, TakesAwayTheMarkerOfACollectorThatItReaps) {
     start();
     execute("EnableStatCollector");
