@@ -4,6 +4,10 @@
 #include <sstream>
 #include <unistd.h>
 
+#ifndef NYR_EMULATOR
+#define NYR_EMULATOR "" // built by somebody else's hand: none
+#endif
+
 namespace emulator {
 namespace {
 
