@@ -4,6 +4,7 @@
 #include "vlog/vlog-sink.h"
 #include "vlog/vlog.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 #include <functional>
 #include <string>
 #include <sys/resource.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace {
@@ -51,8 +53,9 @@ void measureAll(const std::string &path, long lines) {
     const std::string line(175, 'x');
     const int fd = ::open(path.c_str(), O_WRONLY | O_TRUNC | O_APPEND | O_CLOEXEC);
     measure("write(2)", lines, [&] {
-        if (::write(fd, line.data(), line.size()) < 0 || ::lseek(fd, 0, SEEK_CUR) > kFileBytes)
-            static_cast<void>(::ftruncate(fd, 0));
+        if (::write(fd, line.data(), line.size()) < 0 ||
+            (::lseek(fd, 0, SEEK_CUR) > kFileBytes && ::ftruncate(fd, 0) < 0))
+            throw std::system_error(errno, std::generic_category(), path);
     });
     ::close(fd);
 }
