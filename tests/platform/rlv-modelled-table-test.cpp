@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <limits>
 #include <memory>
@@ -20,7 +21,7 @@ namespace {
 using rlv::Change;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using Kind = rlv::Change::Kind;
+using Kind = Change::Kind;
 using Texts = std::vector<std::string>;
 
 rlv::Command parsed(const std::string &options) { return std::get<rlv::Command>(rlv::parseCommand(options, "VPK-")); }
@@ -305,6 +306,30 @@ TEST_F(AModelledTable, SendsAgainWhenSomebodyWasFaster) {
     EXPECT_EQ("-j VPK-A", plainRules("INPUT").back());
     EXPECT_EQ(10U, plainRules("INPUT").size());
     EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-j DROP"));
+}
+
+// What one reading of the table makes needless, the next may need.
+TEST_F(AModelledTable, ForgetsNoCommandHoweverOftenItReadsTheTableAgain) {
+    done({"-N VPK-A", "-N VPK-B"});
+    const auto edit = [&](Change::Kind kind, const std::string &chain) {
+        ASSERT_TRUE(store->edit({kind, &chain, nullptr, 0})) << chain;
+    };
+    const std::vector<std::function<void()>> edits{
+        [&] { edit(Change::Kind::deleteChain, "VPK-B"); },
+        [&] {
+            edit(Change::Kind::deleteChain, "VPK-A");
+            edit(Change::Kind::addChain, "VPK-B");
+        },
+    };
+    auto next = edits.begin();
+    store->beforeCommit = [&] {
+        if (next != edits.end())
+            (*next++)();
+    };
+    done({"-X VPK-A", "-N VPK-A", "-A VPK-A -j DROP", "-X VPK-B"});
+    EXPECT_EQ(edits.end(), next);
+    EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-j DROP"));
+    EXPECT_EQ(0U, store->truth().chains.count("VPK-B"));
 }
 
 // One who changes something before each of our transactions.

@@ -21,10 +21,6 @@ bool isJump(const Rule &rule) { return rule.target.kind == Target::Kind::jump; }
 
 bool isHookChain(const std::string &name) { return name == "INPUT" || name == "OUTPUT"; }
 
-LostCommand lostCommand(const std::string &options, const Answer &answer) {
-    return {options, answer.code, answer.message, false};
-}
-
 void removeGivenUp(std::vector<HeldRule> &rules, const std::vector<bool> &givenUp) {
     if (givenUp.empty())
         return;
@@ -55,6 +51,8 @@ void Model::reset() {
     }
     changed_ = false;
     isBounded_ = true;
+    rebased_.clear();
+    lostNumbers_.clear();
 }
 
 Model::Chain *Model::find(const std::string &name) {
@@ -79,6 +77,8 @@ std::size_t Model::heldCount(const std::string &name) const {
 }
 
 Answer Model::apply(const std::vector<Command> &commands, const std::string &options) {
+    rebased_.clear();
+    lostNumbers_.clear();
     return commands.empty() ? Answer() : carryOut(commands, {++lastOrigin_, options});
 }
 
@@ -317,7 +317,7 @@ void Model::loseAppended(const std::string &chain, const std::vector<RefusedRule
     for (const RefusedRule &rule : refused) {
         const Origin &origin = from.appended[rule.place].origin;
         if (numbers.insert(origin.number).second)
-            lost.push_back(lostCommand(origin.options, rule.answer));
+            lose(origin, rule.answer, lost);
     }
     const auto isLost = [&](const Appended &rule) { return numbers.count(rule.origin.number) > 0; };
     for (const Appended &rule : from.appended) {
@@ -336,11 +336,11 @@ void Model::loseAppended(const std::string &chain, const std::vector<RefusedRule
 
 void Model::loseChain(const std::string &chain, const Answer &answer, std::vector<LostCommand> &lost) {
     const Chain &from = chains_.at(chain);
-    lost.push_back(lostCommand(from.made.options, answer));
+    lose(from.made, answer, lost);
     std::uint64_t last = from.made.number; // a hook chain comes of its first rule's command
     for (const Appended &rule : from.appended) {
         if (rule.origin.number != std::exchange(last, rule.origin.number))
-            lost.push_back(lostCommand(rule.origin.options, answer));
+            lose(rule.origin, answer, lost);
     }
     count_ -= 1 + from.appended.size();
     chains_.erase(chain);
@@ -348,7 +348,7 @@ void Model::loseChain(const std::string &chain, const Answer &answer, std::vecto
 
 void Model::loseRemoval(const std::string &chain, const Answer &answer, std::vector<LostCommand> &lost) {
     Chain &from = chains_.at(chain);
-    lost.push_back(lostCommand(from.removed.options, answer));
+    lose(from.removed, answer, lost);
     from.exists = true;
     ++count_;
 }
@@ -406,7 +406,7 @@ void Model::revert(const Answer &answer, std::vector<LostCommand> &lost) {
     std::uint64_t last = 0; // several rules may come of one command
     for (const Pending &command : pending()) {
         if (command.origin.number != std::exchange(last, command.origin.number))
-            lost.push_back(lostCommand(command.origin.options, answer));
+            lose(command.origin, answer, lost);
     }
     reset();
 }
@@ -420,32 +420,43 @@ Answer Model::carryOutAgain(const std::vector<Command> &commands, const Origin &
     return {};
 }
 
+void Model::lose(const Origin &origin, const Answer &answer, std::vector<LostCommand> &lost) {
+    lost.push_back({origin.options, answer.code, answer.message, false});
+    if (!rebased_.empty())
+        lostNumbers_.insert(origin.number);
+}
+
 void Model::rebase(Ruleset ruleset, std::vector<LostCommand> &lost) {
-    const std::vector<Pending> all = pending();
+    std::vector<Pending> all = rebased_.empty() ? pending() : std::move(rebased_);
+    const auto isLost = [&](const Pending &one) { return lostNumbers_.count(one.origin.number) > 0; };
+    all.erase(std::remove_if(all.begin(), all.end(), isLost), all.end());
     const std::size_t lostBefore = lost.size();
     load(std::move(ruleset));
+    rebased_ = std::move(all);
     // The bound is on the outcome: a removal that made room on the way there may be missing, as a later one took its
     // place.
     isBounded_ = false;
-    carryOutAgain(all, lost);
+    carryOutAgain(lost);
     isBounded_ = true;
     if (count_ > maxRules_) {
         lost.resize(lostBefore);
+        all = std::move(rebased_);
         reset();
-        carryOutAgain(all, lost);
+        rebased_ = std::move(all);
+        carryOutAgain(lost);
     }
     changed_ = true; // if only to find that nothing is left to be sent
 }
 
-void Model::carryOutAgain(const std::vector<Pending> &all, std::vector<LostCommand> &lost) {
-    for (auto next = all.begin(); next != all.end();) {
+void Model::carryOutAgain(std::vector<LostCommand> &lost) {
+    for (auto next = rebased_.begin(); next != rebased_.end();) {
         std::vector<Command> commands;
         const Origin &origin = next->origin;
-        for (; next != all.end() && next->origin.number == origin.number; ++next)
+        for (; next != rebased_.end() && next->origin.number == origin.number; ++next)
             commands.push_back(next->command);
         const Answer answer = carryOutAgain(commands, origin);
         if (isAimMissed(commands.front().action, answer))
-            lost.push_back(lostCommand(origin.options, answer));
+            lose(origin, answer, lost);
     }
 }
 

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -62,6 +63,7 @@ public:
     // The model is the ruleset again. What is forgotten is in `lost`, in the order in which it was sent.
     void revert(const Answer &answer, std::vector<LostCommand> &lost);
     // Brings the difference to another ruleset. Commands of which the aim cannot be reached there are added to `lost`.
+    // What one ruleset makes needless is not forgotten: the next may need it.
     void rebase(Ruleset ruleset, std::vector<LostCommand> &lost);
 
 private:
@@ -101,7 +103,8 @@ private:
     Answer appendRules(const std::vector<Command> &commands, const Origin &origin);
     Answer deleteRules(const std::vector<Command> &commands, const Origin &origin);
     Answer carryOutAgain(const std::vector<Command> &commands, const Origin &origin);
-    void carryOutAgain(const std::vector<Pending> &all, std::vector<LostCommand> &lost);
+    void carryOutAgain(std::vector<LostCommand> &lost);
+    void lose(const Origin &origin, const Answer &answer, std::vector<LostCommand> &lost);
 
     Chain *find(const std::string &name);
     const HeldChain *heldChain(const std::string &name) const;
@@ -121,7 +124,9 @@ private:
     std::size_t count_ = 0;
     std::uint64_t lastOrigin_ = 0;
     bool changed_ = false;
-    bool isBounded_ = true; // by maxRules_
+    bool isBounded_ = true;               // by maxRules_
+    std::vector<Pending> rebased_;        // what the last rebase() carried out; empty when commands came since
+    std::set<std::uint64_t> lostNumbers_; // of rebased_
 };
 
 } // namespace rlv
