@@ -44,11 +44,13 @@ public:
     std::size_t room() const override { return table_->room(); }
     rlv::PushReport push() override {
         failOn(Fault::pushFails);
-        note();
+        const bool losesMany = has(Fault::pushLosesMany);
+        const bool loses = losesMany || has(Fault::pushLoses);
+        note(); // from here on the next fault may be set
         auto report = table_->push();
-        if (has(Fault::pushLoses) || has(Fault::pushLosesMany))
+        if (loses)
             report.lost.push_back({"-A VPK-LOST -j DROP", 4, "iptables: the kernel will not", false});
-        if (has(Fault::pushLosesMany))
+        if (losesMany)
             report.lostBeyondList = kBeyondList;
         return report;
     }
