@@ -332,6 +332,15 @@ TEST_F(AModelledTable, ForgetsNoCommandHoweverOftenItReadsTheTableAgain) {
     EXPECT_EQ(0U, store->truth().chains.count("VPK-B"));
 }
 
+TEST_F(AModelledTable, KeepsAHookChainWhoseRuleIsGoneAlsoWhenItReadsTheTableAgain) {
+    done({"-N VPK-A"});
+    const std::string other = "OTHER";
+    store->beforeCommit = [&] { store->make(other); };
+    done({"-A OUTPUT -j VPK-A", "-D OUTPUT -j VPK-A"});
+    EXPECT_EQ(1U, store->truth().chains.count(other));
+    EXPECT_EQ(1U, store->truth().chains.count("OUTPUT"));
+}
+
 // One who changes something before each of our transactions.
 TEST_F(AModelledTable, SendsWhateverHappensAfterTenConflictsAndKeepsToItsOwnRules) {
     done({"-N VPK-A", "-A VPK-A -j ACCEPT", "-A INPUT -j VPK-A"});

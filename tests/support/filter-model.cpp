@@ -213,6 +213,11 @@ void Connection::leaveOutRefused(const Table &now, const Refusals &refusals, std
 // In full where the outcome is within the limit; else what does not fit on the way there is lost.
 void Connection::replay(const Table &now, std::vector<std::string> &lost) {
     const auto entries = std::exchange(log_, {});
+    std::vector<std::string> made; // which stay when the rule that made them is gone
+    for (const auto &[name, chain] : view_) {
+        if (isBuiltIn(name) && base_.count(name) == 0 && chain.lines.empty())
+            made.push_back(name);
+    }
     const std::size_t limit = std::exchange(limit_, SIZE_MAX);
     std::vector<std::string> lostNow;
     replay(now, entries, lostNow);
@@ -220,6 +225,10 @@ void Connection::replay(const Table &now, std::vector<std::string> &lost) {
     if (size() > limit_) {
         lostNow.clear();
         replay(now, entries, lostNow);
+    }
+    for (const std::string &name : made) {
+        if (size() < limit_)
+            view_[name].isBase = true;
     }
     lost.insert(lost.end(), lostNow.begin(), lostNow.end());
 }

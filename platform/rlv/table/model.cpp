@@ -431,12 +431,14 @@ void Model::rebase(Ruleset ruleset, std::vector<LostCommand> &lost) {
     const auto isLost = [&](const Pending &one) { return lostNumbers_.count(one.origin.number) > 0; };
     all.erase(std::remove_if(all.begin(), all.end(), isLost), all.end());
     const std::size_t lostBefore = lost.size();
+    const auto hookChains = madeHookChains();
     load(std::move(ruleset));
     rebased_ = std::move(all);
     // The bound is on the outcome: a removal that made room on the way there may be missing, as a later one took its
     // place.
     isBounded_ = false;
     carryOutAgain(lost);
+    makeAgain(hookChains);
     isBounded_ = true;
     if (count_ > maxRules_) {
         lost.resize(lostBefore);
@@ -444,8 +446,28 @@ void Model::rebase(Ruleset ruleset, std::vector<LostCommand> &lost) {
         reset();
         rebased_ = std::move(all);
         carryOutAgain(lost);
+        makeAgain(hookChains);
     }
     changed_ = true; // if only to find that nothing is left to be sent
+}
+
+// INPUT and OUTPUT stay once a rule has made them, also when that rule is gone again: no command tells of them then.
+std::vector<std::pair<std::string, Model::Origin>> Model::madeHookChains() const {
+    std::vector<std::pair<std::string, Origin>> made;
+    for (const auto &[name, chain] : chains_) {
+        if (isHookChain(name) && chain.made.number != 0 && chain.appended.empty())
+            made.emplace_back(name, chain.made);
+    }
+    return made;
+}
+
+void Model::makeAgain(const std::vector<std::pair<std::string, Origin>> &hookChains) {
+    for (const auto &[name, origin] : hookChains) {
+        if (find(name) != nullptr || room() == 0)
+            continue;
+        chains_[name].made = origin;
+        ++count_;
+    }
 }
 
 void Model::carryOutAgain(std::vector<LostCommand> &lost) {

@@ -7,6 +7,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "rlv/rlv-query.h"
@@ -104,6 +105,8 @@ private:
     Answer deleteRules(const std::vector<Command> &commands, const Origin &origin);
     Answer carryOutAgain(const std::vector<Command> &commands, const Origin &origin);
     void carryOutAgain(std::vector<LostCommand> &lost);
+    std::vector<std::pair<std::string, Origin>> madeHookChains() const;
+    void makeAgain(const std::vector<std::pair<std::string, Origin>> &hookChains);
     void lose(const Origin &origin, const Answer &answer, std::vector<LostCommand> &lost);
 
     Chain *find(const std::string &name);
