@@ -2,6 +2,10 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <map>
+#include <set>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -20,6 +24,7 @@ using testing::AnyOf;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::SizeIs;
+using testing::UnorderedElementsAreArray;
 
 struct Answer {
     int result = -1;
@@ -76,6 +81,16 @@ protected:
         EXPECT_EQ(0, client.code("-A VPK-DENY -s 10.0.0.1 -j DROP"));
         EXPECT_EQ(0, client.close());
     }
+    // The numbers of all open files, and their flags.
+    static std::map<int, int> descriptors() {
+        std::map<int, int> found;
+        for (int number = 0; number < 256; ++number) {
+            const int flags = ::fcntl(number, F_GETFD);
+            if (flags >= 0)
+                found[number] = flags;
+        }
+        return found;
+    }
     const std::string kFirst = "-A VPK-DENY -s 10.0.0.1/32 -j DROP";
     const std::string kSecond = "-A VPK-DENY -s 10.0.0.2/32 -j DROP";
 };
@@ -98,6 +113,30 @@ TEST_F(ATrafficControlClient, KnowsNoHandleZeroAndNoOther) {
         EXPECT_NE("as it was", answer.message) << "it says why";
         EXPECT_EQ(EBADF, rlv_deinitialize(handle));
     }
+}
+
+TEST_F(ATrafficControlClient, GivesOutAHandleNotAgainSoon) {
+    std::set<rlv_handle> handles;
+    for (int i = 0; i < 20; ++i)
+        handles.insert(Client().handle());
+    EXPECT_THAT(handles, SizeIs(20));
+}
+
+TEST_F(ATrafficControlClient, KeepsItsDescriptorsFromStandardStreamsAndPrograms) {
+    EXPECT_EQ(0, conformance::inChild([] {
+                  for (const int stream : {0, 1, 2})
+                      ::close(stream);
+                  const auto before = descriptors();
+                  Client client;
+                  EXPECT_EQ(0, client.code("-N VPK-DENY"));
+                  for (const auto &[number, flags] : descriptors()) {
+                      if (number < 3)
+                          return 10 + number;
+                      if (before.count(number) == 0 && (flags & FD_CLOEXEC) == 0)
+                          return 20;
+                  }
+                  return client.close();
+              }));
 }
 
 TEST_F(ATrafficControlClient, StoresNoHandleWhenTheServiceDoesNotRun) {
@@ -184,6 +223,63 @@ TEST_F(ATrafficControlClient, AnswersForTheTableAsAllCommandsBeforeLeftIt) {
     EXPECT_EQ(0, client.code("-X VPK-DENY"));
     EXPECT_EQ(1, client.code("-A VPK-DENY -s 10.0.0.1 -j DROP")) << "no such chain";
     EXPECT_EQ(0, client.close());
+}
+
+// ---- the border ----
+
+// What a rule's fields can make of the text. Of this nothing may be done, and no part of it.
+TEST_F(ATrafficControlClient, RefusesEveryOtherTextAndDoesNoPartOfIt) {
+    makeChain();
+    const auto before = conformance::ask("rules");
+    std::string folder = (std::filesystem::temp_directory_path() / "conformance-XXXXXX").string();
+    ASSERT_NE(nullptr, ::mkdtemp(folder.data()));
+    const std::string made = folder + "/made";
+    Client client;
+    for (const std::string &options : {
+             std::string("-A VPK-DENY -s 10.0.0.2 -j DROP\n-F VPK-DENY"),
+             std::string("-A VPK-DENY -s 10.0.0.2\n-j DROP"),
+             std::string("-A VPK-DENY\t-s 10.0.0.2 -j DROP"),
+             "-A VPK-DENY -s 10.0.0.2 -j DROP; touch " + made,
+             "-A VPK-DENY -s 10.0.0.2 -j DROP & touch " + made,
+             "-A VPK-DENY -s $(touch " + made + ") -j DROP",
+             "-A VPK-DENY -s `touch " + made + "` -j DROP",
+             "-A VPK-DENY -s 10.0.0.2 -j DROP > " + made,
+             std::string("-A VPK-DENY -s '10.0.0.2' -j DROP"),
+             std::string("-t nat -N VPK-DENY"),
+             std::string("-A VPK-DENY -t nat -j DROP"),
+             std::string("-t filter -F VPK-DENY"),
+             std::string("-A VPK-DENY --modprobe=/bin/true -j DROP"),
+             std::string("-A VPK-DENY -s 10.0.0.2 -j DROP -j ACCEPT"),
+             std::string("-A VPK-DENY -s 10.0.0.2 -j DROP --dport 80"),
+             std::string("-A VPK-DENY ! -s 10.0.0.2 -j DROP"),
+             std::string("-A VPK-DENY -s 10.0.0.2,0.0.0.0/0 -j DROP"),
+             std::string("-A VPK-DENY -s 10.0.0.2/33 -j DROP"),
+             std::string("-A VPK-DENY -i lo -j DROP"),
+             std::string("-A VPK-DENY -m comment --comment x -j DROP"),
+             std::string("-A VPK-DENY -p tcp --dport 65536 -j DROP"),
+             std::string("-A VPK-DENY -p udp --dport 65536 -j DROP"),
+             std::string("-A VPK-DENY -p tcp --dport 80,443 -j DROP"),
+             std::string("-A VPK-DENY -j REJECT"),
+             std::string("-F"),
+             std::string("-F INPUT"),
+             std::string("-F OUTPUT"),
+             std::string("-X"),
+             std::string("-P INPUT DROP"),
+             std::string("-I VPK-DENY -j ACCEPT"),
+             std::string("-R VPK-DENY 1 -j ACCEPT"),
+             std::string("-Z VPK-DENY"),
+             std::string("-A INPUT -j ACCEPT"),
+             std::string("-A FORWARD -j DROP"),
+             "-A VPK-DENY -s " + std::string(10'000, '1') + " -j DROP",
+         })
+        EXPECT_NE(0, client.code(options)) << options;
+    EXPECT_EQ(0, client.code("-A VPK-DENY -s 10.0.0.2 -j DROP")) << "the connection goes on";
+    EXPECT_EQ(0, client.close());
+    EXPECT_THAT(rulesOf("VPK-DENY"), ElementsAre(kFirst, kSecond));
+    auto expected = before;
+    expected.push_back(kSecond);
+    EXPECT_THAT(conformance::ask("rules"), UnorderedElementsAreArray(expected));
+    EXPECT_EQ(1U, std::filesystem::remove_all(folder)) << "something was made in it";
 }
 
 // ---- what comes into force, and when ----
