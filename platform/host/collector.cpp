@@ -13,6 +13,12 @@
 namespace host {
 namespace {
 
+// The folder is the host's account's, and root comes here too: a link there leads nowhere.
+support::UniqueFd openLivenessLock(int more) {
+    return support::aboveStandardStreams(
+        support::UniqueFd(::open(kCollectorLock, O_RDWR | O_NOFOLLOW | O_CLOEXEC | more, 0600)));
+}
+
 support::UniqueFd openMarker(int flags) {
     return support::aboveStandardStreams(support::UniqueFd(::shm_open(kMarkerName, flags, 0644)));
 }
@@ -37,15 +43,14 @@ bool isSameFile(int one, int other) {
 } // namespace
 
 support::UniqueFd takeLivenessLock() {
-    auto file =
-        support::aboveStandardStreams(support::UniqueFd(::open(kCollectorLock, O_RDWR | O_CREAT | O_CLOEXEC, 0600)));
+    auto file = openLivenessLock(O_CREAT);
     if (file && ::flock(file.get(), LOCK_SH | LOCK_NB) != 0)
         file.reset();
     return file;
 }
 
 bool collectorLives() {
-    const auto file = support::aboveStandardStreams(support::UniqueFd(::open(kCollectorLock, O_RDWR | O_CLOEXEC)));
+    const auto file = openLivenessLock(0);
     if (!file)
         return errno != ENOENT;
     return ::flock(file.get(), LOCK_EX | LOCK_NB) != 0;

@@ -4,13 +4,16 @@
 #include <cctype>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <poll.h>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -33,6 +36,27 @@ std::string contents(const fs::path &file) {
     std::ostringstream text;
     text << std::ifstream(file).rdbuf();
     return text.str();
+}
+
+bool belongsTo(uid_t account, const fs::path &process) {
+    std::istringstream status(contents(process / "status"));
+    for (std::string line; std::getline(status, line);) {
+        constexpr std::string_view kName = "Uid:";
+        if (line.compare(0, kName.size(), kName) == 0)
+            return std::strtoul(line.c_str() + kName.size(), nullptr, 10) == account;
+    }
+    return false;
+}
+
+// Root does this in a folder of the host's account, which must not choose whom it ends: neither by a link to somebody
+// else's lock, nor by a descriptor of its lock that it hands to somebody else.
+std::optional<struct stat> ownLock() {
+    struct stat lock {};
+    if (::lstat(kCollectorLock, &lock) != 0)
+        return std::nullopt;
+    if (!S_ISREG(lock.st_mode))
+        throw std::runtime_error(std::string(kCollectorLock) + ": is not a regular file");
+    return lock;
 }
 
 // The lock was taken by the collector's parent, and /proc/locks names that one. Under its descriptor in fdinfo it
@@ -70,7 +94,7 @@ std::vector<Collector> findCollectors(const struct stat &lock) {
         if (!std::all_of(name.begin(), name.end(), [](unsigned char c) { return std::isdigit(c) != 0; }))
             continue;
         support::UniqueFd process = openProcess(std::stoi(name));
-        if (process && holdsLock(entry.path(), lock))
+        if (process && belongsTo(lock.st_uid, entry.path()) && holdsLock(entry.path(), lock))
             found.push_back({entry.path(), std::move(process)});
     }
     return found;
@@ -119,9 +143,8 @@ void endCollector(milliseconds patience) {
     const auto off = holdOffHosts();
     if (!off)
         throw std::runtime_error("the policy host runs, and could start another collector: stop it first");
-    struct stat lock {};
-    if (::stat(kCollectorLock, &lock) == 0) {
-        for (const auto &collector : findCollectors(lock))
+    if (const auto lock = ownLock()) {
+        for (const auto &collector : findCollectors(*lock))
             end(collector, patience);
     }
     if (collectorLives())

@@ -12,8 +12,10 @@
 namespace host {
 namespace {
 
+// The folder is the host's account's, and root comes here too: a link there leads nowhere.
 support::UniqueFd openLockFile(int more) {
-    return support::aboveStandardStreams(support::UniqueFd(::open(kHostLock, O_RDWR | O_CLOEXEC | more, 0600)));
+    return support::aboveStandardStreams(
+        support::UniqueFd(::open(kHostLock, O_RDWR | O_NOFOLLOW | O_CLOEXEC | more, 0600)));
 }
 
 [[noreturn]] void failTo(const char *what) {

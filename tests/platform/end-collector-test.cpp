@@ -8,6 +8,7 @@
 #include <poll.h>
 #include <stdexcept>
 #include <string>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -172,6 +173,38 @@ TEST_F(EndingTheCollector, LeavesAProcessAloneThatOnlyHasTheFileOpen) {
     });
     waitForStart();
     EXPECT_EQ(problem(), "");
+    EXPECT_TRUE(other.runs());
+}
+
+TEST_F(EndingTheCollector, FollowsNoLinkToSomebodyElsesLock) {
+    const char *const theirs = "/run/theirs.lock";
+    const Process other([this, theirs] {
+        const support::UniqueFd file(::open(theirs, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        ::flock(file.get(), LOCK_EX);
+        started_[1].reset();
+        sleepForADay();
+    });
+    waitForStart();
+    ASSERT_EQ(::symlink(theirs, host::kCollectorLock), 0);
+    EXPECT_THAT(problem(), HasSubstr(std::string(host::kCollectorLock) + ": is not a regular file"));
+    EXPECT_TRUE(other.runs());
+}
+
+TEST_F(EndingTheCollector, OpensNoFileThatTheHostsLockLinksTo) {
+    ASSERT_EQ(::symlink("/dev/null", host::kHostLock), 0);
+    EXPECT_THAT(problem(), HasSubstr(std::string("cannot open ") + host::kHostLock));
+}
+
+TEST_F(EndingTheCollector, LeavesAProcessOfAnotherAccountAlone) {
+    const Process other([this] {
+        const auto lock = host::takeLivenessLock();
+        if (::setuid(4711) != 0)
+            return;
+        started_[1].reset();
+        sleepForADay();
+    });
+    waitForStart();
+    EXPECT_THAT(problem(), HasSubstr("cannot be found from here"));
     EXPECT_TRUE(other.runs());
 }
 
