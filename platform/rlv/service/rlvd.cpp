@@ -39,7 +39,7 @@ constexpr const char *kDescription =
 
 constexpr const char *kExamples =
     "Examples:\n"
-    "  rlvd --client-user vpk    serve the account vpk beside root\n"
+    "  rlvd --client-user vpkd   serve the account vpkd beside root\n"
     "  rlvd --remove-tables      take its hooks and chains out of the kernel again\n"
     "  rlvd --simulate --client-user \"$USER\" --socket ~/rlvd --log-stderr\n"
     "                            try things out, without a kernel and without being root\n"
