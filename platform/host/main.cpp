@@ -1,9 +1,14 @@
 // vpkd, the policy host: loads the firewall plugin and serves it.
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <stdexcept>
 #include <string>
 #include <sys/stat.h>
+#include <system_error>
+#include <thread>
 
 #include <CLI/CLI.hpp>
 
@@ -32,6 +37,7 @@ struct Options {
     bool logStderr = false;
     bool logSyslog = false;
     bool endCollector = false;
+    int serviceTimeout = 0; // seconds
 };
 
 void addOptions(CLI::App &app, Options &options) {
@@ -39,6 +45,10 @@ void addOptions(CLI::App &app, Options &options) {
     app.add_option("--rlv-socket", options.rlvSocket, "Where the traffic-control service is")->capture_default_str();
     app.add_option("--plugin", options.plugin, "The plugin's library")->capture_default_str();
     app.add_option("--privileges", options.privileges, "Who may call what: lines \"<privilege> <account> ...\"")
+        ->capture_default_str();
+    app.add_option("--service-timeout", options.serviceTimeout,
+                   "How many seconds to wait for a traffic-control service that does not serve yet")
+        ->check(CLI::Range(0, 3600))
         ->capture_default_str();
     auto *file = app.add_option("--log-file", options.logFile, "Log to this file");
     auto *standardError = app.add_flag("--log-stderr", options.logStderr, "Log to standard error");
@@ -59,13 +69,22 @@ void chooseLog(const Options &options) {
         vlog::useSystemLog("vpkd");
 }
 
+bool mayComeUp(const std::error_code &error) { return error.value() == ENOENT || error.value() == ECONNREFUSED; }
+
 void requireTrafficControl(const Options &options) {
+    using Clock = std::chrono::steady_clock;
+    constexpr std::chrono::milliseconds kPause{100};
     rlv::setSocketPath(options.rlvSocket);
-    try {
-        rlv::query(0, host::kQueryTimeout);
-    } catch (const std::exception &error) {
-        throw std::runtime_error("the traffic-control service does not answer at " + options.rlvSocket + ": " +
-                                 error.what());
+    for (const auto deadline = Clock::now() + std::chrono::seconds(options.serviceTimeout);;
+         std::this_thread::sleep_for(kPause)) {
+        try {
+            rlv::query(0, host::kQueryTimeout);
+            return;
+        } catch (const std::system_error &error) {
+            if (!mayComeUp(error.code()) || Clock::now() >= deadline)
+                throw std::runtime_error("the traffic-control service does not answer at " + options.rlvSocket + ": " +
+                                         error.what());
+        }
     }
 }
 

@@ -1,4 +1,5 @@
 // The policy host: starting, stopping, calls and statuses.
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <sys/socket.h>
@@ -97,6 +98,29 @@ TEST_F(Vpkd, DoesNotStartWithoutTheTrafficControlService) {
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.errors, AllOf(MatchesRegex(kOneLine), HasSubstr("/run/vpk/rlvd/socket")));
     EXPECT_EQ(noted(), "");
+}
+
+TEST_F(Vpkd, WaitsForTheTrafficControlServiceWhereItIsToldTo) {
+    service_->terminate();
+    const auto begin = std::chrono::steady_clock::now();
+    const auto result = startInVain({"--service-timeout", "1"});
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.errors, AllOf(MatchesRegex(kOneLine), HasSubstr("/run/vpk/rlvd/socket")));
+
+    host_.emplace(commandLine({"--service-timeout", "60"}));
+    EXPECT_FALSE(host_->wait(std::chrono::milliseconds(500)));
+    startService();
+    ASSERT_TRUE(host_->waitReady([] { return exists(vpkdtest::kSocket); })) << host_->errors();
+    EXPECT_EQ(executed("echo", "late"), "late");
+}
+
+TEST_F(Vpkd, RefusesAWaitThatIsNone) {
+    for (const char *seconds : {"-1", "3601", "soon"}) {
+        const auto result = startInVain({"--service-timeout", seconds});
+        EXPECT_EQ(result.status, 2) << seconds;
+        EXPECT_THAT(result.errors, AllOf(HasSubstr("--service-timeout"), HasSubstr(seconds)));
+    }
 }
 
 TEST_F(Vpkd, DoesNotStartWithoutAPlugin) {
