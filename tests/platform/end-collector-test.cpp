@@ -88,6 +88,7 @@ protected:
             then();
         };
     }
+    // As a collector does between two rounds: who ends it looks for this very call. Nothing here waits for its end.
     static void sleepForADay() { ::sleep(86'400); }
 
     static std::string problem(milliseconds patience = std::chrono::seconds(10)) try {

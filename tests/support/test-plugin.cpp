@@ -24,6 +24,7 @@
 #include "mavo/exception.h"
 #include "mavo/rmi.h"
 #include "rlv/rlv.h"
+#include "support/process.h"
 #include "vlog/vlog.h"
 #include "vpk-pil/vpk-pil.h"
 
@@ -63,7 +64,7 @@ void note(const std::string &call) {
     std::ofstream(kNotes / "daemon.new") << text.str();
     fs::rename(kNotes / "daemon.new", kNotes / "daemon");
     for (;;)
-        ::sleep(86'400);
+        ::sleep(86'400); // as the collector does, until a test ends it
 }
 
 bool isChild() { return ::fork() == 0; }
@@ -119,8 +120,8 @@ std::string kernelLog(const std::string &filter) {
 }
 
 std::string waitForFile(const std::string &path) {
-    while (!fs::exists(path))
-        ::usleep(1000);
+    if (!process::waitUntil([&path] { return fs::exists(path); }))
+        throw std::runtime_error("waited for " + path + " in vain");
     return {};
 }
 
