@@ -56,6 +56,17 @@ extern "C" int vlog_print(int logId, int priority, const char *tag, const char *
 
 constexpr const char *kLibrary = "librlv-client.so.0";
 
+static int openReal(rlv_handle *handle) { return real<decltype(rlv_initialize)>(kLibrary, "rlv_initialize")(handle); }
+
+static int closeReal(rlv_handle handle) {
+    return real<decltype(rlv_deinitialize)>(kLibrary, "rlv_deinitialize")(handle);
+}
+
+static int commitReal(rlv_handle handle, const char *options, int *error_code, char **error_message) {
+    return real<decltype(rlv_iptables_commit)>(kLibrary, "rlv_iptables_commit")(handle, options, error_code,
+                                                                                error_message);
+}
+
 #ifdef DEFECT_RLV_GIVES_ONE_HANDLE
 
 // Whoever has the connection, of which there is one at a time, knows it as 1.
@@ -63,7 +74,7 @@ static rlv_handle given = 0;
 
 int rlv_initialize(rlv_handle *handle) {
     rlv_handle opened = 0;
-    const int result = real<decltype(rlv_initialize)>(kLibrary, "rlv_initialize")(&opened);
+    const int result = openReal(&opened);
     given = opened;
     *handle = result == 0 ? 1 : 0;
     return result;
@@ -73,12 +84,11 @@ int rlv_deinitialize(rlv_handle handle) {
     const rlv_handle last = handle == 1 ? given : handle;
     if (handle == 1)
         given = 0;
-    return real<decltype(rlv_deinitialize)>(kLibrary, "rlv_deinitialize")(last);
+    return closeReal(last);
 }
 
 int rlv_iptables_commit(rlv_handle handle, const char *options, int *error_code, char **error_message) {
-    return real<decltype(rlv_iptables_commit)>(kLibrary, "rlv_iptables_commit")(handle == 1 ? given : handle, options,
-                                                                                error_code, error_message);
+    return commitReal(handle == 1 ? given : handle, options, error_code, error_message);
 }
 
 #else
@@ -88,37 +98,27 @@ int rlv_initialize(rlv_handle *handle) {
     if (::open("/dev/null", O_RDONLY) < 0) // as a plain open(2) does it
         return -1;
 #endif
-    return real<decltype(rlv_initialize)>(kLibrary, "rlv_initialize")(handle);
+    return openReal(handle);
 }
 
+#if defined(DEFECT_RLV_TAKES_ANY_HANDLE) || defined(DEFECT_RLV_TAKES_ANY_DESCRIPTOR)
+
+int rlv_deinitialize(rlv_handle handle) {
+    [[maybe_unused]] const int result = closeReal(handle);
 #ifdef DEFECT_RLV_TAKES_ANY_HANDLE
-
-int rlv_deinitialize(rlv_handle handle) {
-    real<decltype(rlv_deinitialize)>(kLibrary, "rlv_deinitialize")(handle);
     return 0;
+#else
+    return result;
+#endif
 }
 
 int rlv_iptables_commit(rlv_handle handle, const char *options, int *error_code, char **error_message) {
-    return real<decltype(rlv_iptables_commit)>(kLibrary, "rlv_iptables_commit")(handle, options, error_code,
-                                                                                error_message);
-}
-
-#elif defined(DEFECT_RLV_TAKES_ANY_DESCRIPTOR)
-
-int rlv_deinitialize(rlv_handle handle) {
-    return real<decltype(rlv_deinitialize)>(kLibrary, "rlv_deinitialize")(handle);
-}
-
-int rlv_iptables_commit(rlv_handle handle, const char *options, int *error_code, char **error_message) {
-    return real<decltype(rlv_iptables_commit)>(kLibrary, "rlv_iptables_commit")(handle, options, error_code,
-                                                                                error_message);
+    return commitReal(handle, options, error_code, error_message);
 }
 
 #elif defined(DEFECT_RLV_TRUSTS_THE_TEXT)
 
-int rlv_deinitialize(rlv_handle handle) {
-    return real<decltype(rlv_deinitialize)>(kLibrary, "rlv_deinitialize")(handle);
-}
+int rlv_deinitialize(rlv_handle handle) { return closeReal(handle); }
 
 // What more than the words of a rule stands in the text is left to a shell and to iptables.
 int rlv_iptables_commit(rlv_handle handle, const char *options, int *error_code, char **error_message) {
@@ -128,8 +128,7 @@ int rlv_iptables_commit(rlv_handle handle, const char *options, int *error_code,
         *error_code = 0;
         return 0;
     }
-    return real<decltype(rlv_iptables_commit)>(kLibrary, "rlv_iptables_commit")(handle, options, error_code,
-                                                                                error_message);
+    return commitReal(handle, options, error_code, error_message);
 }
 
 #else
@@ -140,12 +139,11 @@ static thread_local rlv_handle inner = 0;
 int rlv_deinitialize(rlv_handle handle) {
     const rlv_handle last = inner != 0 ? inner : handle;
     inner = 0;
-    return real<decltype(rlv_deinitialize)>(kLibrary, "rlv_deinitialize")(last);
+    return closeReal(last);
 }
 
 int rlv_iptables_commit(rlv_handle handle, const char *options, int *error_code, char **error_message) {
-    const int result = real<decltype(rlv_iptables_commit)>(kLibrary, "rlv_iptables_commit")(
-        inner != 0 ? inner : handle, options, error_code, error_message);
+    const int result = commitReal(inner != 0 ? inner : handle, options, error_code, error_message);
     if (result == 0 && rlv_deinitialize(handle) == 0)
         rlv_initialize(&inner);
     return result;

@@ -185,17 +185,23 @@ TEST_F(AVerifyingConnection, RefusesADamagedPageThatMerelyOpeningDoesNotSee) {
     EXPECT_NE("nothing thrown", textOfException([] { Connection(thePath, kReadWrite, true); }));
 }
 
-TEST_F(AConnection, RollsBackWhatADeadProcessLeftHalfWritten) {
-    makeDatabase();
-    const std::string before = contentOf(thePath);
-    EXPECT_EQ(0, inChild([]() -> int {
-                  Connection connection(thePath, kReadWrite, false);
+// A process that ends in the middle of a transaction, more of which is in the file than its cache holds.
+void dieHalfWay() {
+    constexpr int kDied = 9;
+    ASSERT_EQ(kDied, inChild([]() -> int {
+                  Connection connection(thePath, kReadWrite, true);
                   run(connection, "PRAGMA cache_size=1");
                   run(connection, "BEGIN");
                   run(connection, "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n LIMIT 5000) "
                                   "INSERT INTO t SELECT i, hex(randomblob(50)) FROM n");
-                  ::_exit(0);
+                  ::_exit(kDied);
               }));
+}
+
+TEST_F(AConnection, RollsBackWhatADeadProcessLeftHalfWritten) {
+    makeDatabase();
+    const std::string before = contentOf(thePath);
+    dieHalfWay();
     ASSERT_NE(before, contentOf(thePath));
     Connection connection(thePath, kReadWrite, true);
     EXPECT_EQ("2", query(connection, "SELECT count(*) FROM t"));
@@ -327,14 +333,7 @@ TEST_F(AConnection, OpensAFileOfAnyDate) {
 TEST_F(AConnection, RollsBackAJournalOfAnyDate) {
     makeDatabase();
     const std::string journal = thePath + "-journal";
-    ASSERT_EQ(9, inChild([]() -> int {
-                  Connection connection(thePath, kReadWrite, true);
-                  run(connection, "PRAGMA cache_size=1");
-                  run(connection, "BEGIN");
-                  run(connection, "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n LIMIT 5000) "
-                                  "INSERT INTO t SELECT i, hex(randomblob(50)) FROM n");
-                  ::_exit(9);
-              }));
+    dieHalfWay();
     const std::array<std::timespec, 2> times{{{0x80000000LL, 0}, {0x80000000LL, 0}}};
     ASSERT_EQ(0, ::utimensat(AT_FDCWD, journal.c_str(), times.data(), 0));
     Connection connection(thePath, kReadWrite, true);
