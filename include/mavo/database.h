@@ -5,6 +5,7 @@
 #ifndef MAVO_DATABASE_H
 #define MAVO_DATABASE_H
 
+#include <stdexcept>
 #include <string>
 
 struct sqlite3;
@@ -12,6 +13,24 @@ struct sqlite3_stmt;
 
 namespace mavo {
 namespace database {
+
+// Thrown when a database cannot be used now though nothing says that it is damaged or absent: another program holds it,
+// descriptors, memory or space are exhausted, the disk gave an error that may pass. On purpose no std::exception: who
+// takes every failed opening for damage, and restores or deletes, lets this pass by untouched, and whoever called them
+// is told and tries again later.
+class __attribute__((visibility("default"))) Unavailable {
+public:
+    explicit Unavailable(const std::string &text);
+    Unavailable(const Unavailable &) = default;
+    Unavailable &operator=(const Unavailable &) = default;
+    virtual ~Unavailable();
+
+    // One line for a person, naming the file.
+    const char *what() const noexcept { return text_.what(); }
+
+private:
+    std::runtime_error text_; // copies without throwing
+};
 
 // One open database file. Rollback journal, synchronous FULL, a busy time-out of 5 seconds.
 class __attribute__((visibility("default"))) Connection {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <sqlite3.h>
 
+#include "mavo/database-failures.h"
 #include "mavo/exception.h"
 #include "mavo/late-file-times.h"
 
@@ -105,12 +106,19 @@ void prepareForUse(sqlite3 *handle, bool verify) {
         throw Exception(finding);
 }
 
+// The process has one thread that uses databases.
+std::uint64_t failures = 0;
+
 void check(int result, sqlite3 *connection) {
     if (result != SQLITE_OK)
         throw Exception(sqlite3_errmsg(connection));
 }
 
 } // namespace
+
+Unavailable::Unavailable(const std::string &text) : text_(text) {}
+
+Unavailable::~Unavailable() = default;
 
 Connection::Connection(const std::string &path, int flags, bool verify) : handle(nullptr) {
     Handle opened = open(path, flags);
@@ -150,8 +158,10 @@ void Statement::bind(int index, const std::string &value) {
 
 bool Statement::step() {
     const int result = sqlite3_step(statement);
-    if (result != SQLITE_ROW && result != SQLITE_DONE)
+    if (result != SQLITE_ROW && result != SQLITE_DONE) {
+        ++failures;
         throw Exception(sqlite3_errmsg(connection));
+    }
     return result == SQLITE_ROW;
 }
 
@@ -159,7 +169,9 @@ bool Statement::exec() {
     while (sqlite3_step(statement) == SQLITE_ROW) {
     }
     // Gives the result of the run, and lets parameters be bound anew.
-    return sqlite3_reset(statement) == SQLITE_OK;
+    const bool succeeded = sqlite3_reset(statement) == SQLITE_OK;
+    failures += succeeded ? 0 : 1;
+    return succeeded;
 }
 
 int Statement::getColumnCount() const { return sqlite3_column_count(statement); }
@@ -171,6 +183,8 @@ Column Statement::getColumn(int index) const {
 }
 
 std::string Statement::getErrorMessage() const { return sqlite3_errmsg(connection); }
+
+std::uint64_t failedStatements() { return failures; }
 
 } // namespace database
 } // namespace mavo
