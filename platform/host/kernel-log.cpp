@@ -98,12 +98,32 @@ bool beginsWith(std::string_view text, std::string_view beginning) {
     return text.substr(0, beginning.size()) == beginning;
 }
 
-// The message's line as it may be shown: the first of a record may be a dropped packet, no other.
-bool mayBeShown(const KernelRecord &record, std::string_view line, bool first) {
+// What stands before the packet's addresses. Two of the names end in a key, which must not be found there.
+constexpr std::array<std::string_view, 8> kHeaderNames = {"IN",  "OUT",    "PHYSIN", "PHYSOUT",
+                                                          "MAC", "MACSRC", "MACDST", "MACPROTO"};
+
+bool isHeaderWord(std::string_view word) {
+    const auto name = word.substr(0, word.find('='));
+    return name.size() < word.size() && std::find(kHeaderNames.begin(), kHeaderNames.end(), name) != kHeaderNames.end();
+}
+
+bool endsInKey(std::string_view name) {
+    return std::any_of(kKeys.begin(), kKeys.end(), [name](const Key &key) {
+        return name.size() >= key.name.size() && name.substr(name.size() - key.name.size()) == key.name;
+    });
+}
+
+// The line as it may be shown, or nothing: the first of a record may be a dropped packet, no other.
+std::optional<std::string> shownLine(const KernelRecord &record, std::string_view line, bool first) {
     if (line.find(kDropPrefix) == std::string_view::npos)
-        return true;
+        return std::string(line);
     const bool ofKernel = record.priority < 8;
-    return ofKernel && first && beginsWith(line, kDropPrefix) && isPacketDescription(line.substr(kDropPrefix.size()));
+    if (!ofKernel || !first || !beginsWith(line, kDropPrefix))
+        return std::nullopt;
+    const std::string packet = withPlainNames(line.substr(kDropPrefix.size()));
+    if (!isPacketDescription(packet))
+        return std::nullopt;
+    return std::string(kDropPrefix) + packet;
 }
 
 std::string stampOf(const KernelRecord &record) {
@@ -182,6 +202,25 @@ bool isPacketDescription(std::string_view text) {
     return destination;
 }
 
+// A device may be called "SRC=6.6.6.6", or by a control character: all but a blank, '/' and ':' may stand in its name.
+std::string withPlainNames(std::string_view text) {
+    std::string plain(text);
+    for (std::size_t start = 0; start < plain.size();) {
+        const auto end = std::min(plain.find(' ', start), plain.size());
+        const auto word = std::string_view(plain).substr(start, end - start);
+        if (!isHeaderWord(word))
+            break;
+        const auto equals = start + word.find('=');
+        const bool keepsEquals = !endsInKey(word.substr(0, equals - start + 1));
+        for (auto at = keepsEquals ? equals + 1 : equals; at < end; ++at) {
+            if (plain[at] == '=' || isControl(plain[at]))
+                plain[at] = '_';
+        }
+        start = end + 1;
+    }
+    return plain;
+}
+
 std::string inDeviceDialect(const KernelRecord &record) {
     const std::string stamp = stampOf(record);
     std::string lines;
@@ -191,8 +230,8 @@ std::string inDeviceDialect(const KernelRecord &record) {
         const auto line = rest.substr(0, end);
         more = end != std::string_view::npos && end + 1 < rest.size();
         rest.remove_prefix(more ? end + 1 : rest.size());
-        if (mayBeShown(record, line, first))
-            lines.append(stamp).append(line).append("\n");
+        if (const auto shown = shownLine(record, line, first))
+            lines.append(stamp).append(*shown).append("\n");
     }
     return lines;
 }

@@ -35,9 +35,14 @@ std::optional<KernelRecord> parseKernelRecord(std::string_view raw);
 // it can be taken for an address or a port but the packet's own (or, in an ICMP error, the quoted packet's).
 bool isPacketDescription(std::string_view text);
 
+// Such a text with '_' for each '=' and each control character in what stands before the packet's addresses: in the
+// names of the devices, which are nearly free, and in "MACSRC=" and "MACDST=". So none of it can be taken for an
+// address.
+std::string withPlainNames(std::string_view text);
+
 // The record's lines in the device's dialect, each with its stamp and a line break. A line that holds the drop prefix
 // is left out unless it is the kernel's own: of its facility, with the prefix first in the record and a packet behind
-// it.
+// it, and then the names in it are made plain.
 std::string inDeviceDialect(const KernelRecord &record);
 
 // Reads one record as read(2) does from /dev/kmsg: the length, or -1 with errno EAGAIN at the end and EPIPE where

@@ -92,7 +92,7 @@ TEST(AForgedLine, IsLeftOut) {
              {"no IN= behind the prefix", {4, 0, "IPTables-Dropped: " + kPacket}},
              {"nothing behind the prefix", {4, 0, "IPTables-Dropped:"}},
              {"prefix twice", {4, 0, "IPTables-Dropped:IPTables-Dropped:" + kPacket}},
-             {"a control character", {4, 0, "IPTables-Dropped:IN=a\rb OUT= SRC=1.2.3.4 DST=1.2.3.4"}}})
+             {"a control character", {4, 0, "IPTables-Dropped:IN=a OUT= SRC=1.2.3.4 DST=1.2.3.4\rb"}}})
         EXPECT_EQ(inDeviceDialect(record), "") << what;
 }
 
@@ -123,6 +123,45 @@ TEST(APacketDescription, HoldsNoAddressOrPortThatIsNotThePackets) {
           "IN= OUT=lo SRC=1.1.1.1 DST=2.2.2.2 XSPT=1 DPT=1", "IN= SRC=1.1.1.1 DST=2.2.2.2",
           "OUT=lo SRC=1.1.1.1 DST=2.2.2.2"})
         EXPECT_FALSE(host::isPacketDescription(text)) << text;
+}
+
+struct Named {
+    const char *device;
+    const char *shown;
+};
+
+TEST(ADeviceName, CannotBeTakenForAnAddressOrAPort) {
+    for (const auto &[device, shown] : std::vector<Named>{{"SRC=6.6.6.6", "SRC_6.6.6.6"},
+                                                          {"DST=6.6.6.6", "DST_6.6.6.6"},
+                                                          {"SPT=7", "SPT_7"},
+                                                          {"xDPT=x", "xDPT_x"},
+                                                          {"[SRC=", "[SRC_"},
+                                                          {"SRC==SRC=", "SRC__SRC_"},
+                                                          {"IN=", "IN_"},
+                                                          {"\x01-\x7f", "_-_"},
+                                                          {"eth0", "eth0"}}) {
+        for (const std::string head :
+             {"IN=# OUT= ", "IN= OUT=# ", "IN=# OUT=# ", "IN=br0 OUT=br0 PHYSIN=# PHYSOUT=# "}) {
+            const auto with = [&head](const char *name) {
+                std::string text = head;
+                for (auto at = text.find('#'); at != std::string::npos; at = text.find('#'))
+                    text.replace(at, 1, name);
+                return "IPTables-Dropped:" + text + "MAC=02:00 SRC=1.1.1.1 DST=2.2.2.2 PROTO=UDP SPT=1 DPT=2 LEN=8";
+            };
+            EXPECT_EQ(inDeviceDialect({4, 0, with(device)}), "<4>[0-    0.000000] " + with(shown) + "\n");
+        }
+    }
+}
+
+TEST(ADeviceName, IsAllThatIsMadePlain) {
+    const std::string decoded = "IN=a OUT=b MACSRC=02:01 MACDST=02:02 MACPROTO=0800 SRC=1.1.1.1 DST=2.2.2.2";
+    EXPECT_EQ(host::withPlainNames(decoded),
+              "IN=a OUT=b MACSRC_02:01 MACDST_02:02 MACPROTO=0800 SRC=1.1.1.1 DST=2.2.2.2");
+    const std::string forged = "IN=a OUT=b SRC=1.1.1.1 DST=2.2.2.2 MAC=SRC=6.6.6.6";
+    EXPECT_EQ(host::withPlainNames(forged), forged);
+    EXPECT_FALSE(host::isPacketDescription(forged));
+    EXPECT_EQ(host::withPlainNames(""), "");
+    EXPECT_EQ(host::withPlainNames("IN="), "IN=");
 }
 
 TEST(TheKernelLog, IsCopiedWholeWhereItFits) {

@@ -16,6 +16,7 @@
 namespace {
 
 using network::Side;
+using systemtest::Lines;
 using wholesystem::contentOf;
 using wholesystem::processesOf;
 
@@ -274,6 +275,25 @@ TEST_F(Collector, LogReachesThePluginInTheDevicesDialectAndWithoutForgedLines) {
         EXPECT_EQ(line.asString().find("forged"), std::string::npos) << line;
     }
     EXPECT_EQ(found, 1) << sent.front().body;
+}
+
+// Everything but a blank, '/' and ':' may stand in the name of a device.
+TEST_F(Collector, CountsPacketsOfADeviceThatIsNamedLikeAnAddress) {
+    const std::string name = "SRC=6.6.6.6";
+    for (const Lines &words : {Lines{"set", "near", "down"}, {"set", "near", "name", name}, {"set", name, "up"}}) {
+        Lines command{"ip", "link"};
+        command.insert(command.end(), words.begin(), words.end());
+        ASSERT_EQ(process::capture(command).status, 0) << words[1];
+    }
+    denyFar();
+    const auto fromPort = static_cast<std::uint16_t>(std::random_device()() % 30'000 + 20'000);
+    dropPackets(1, fromPort);
+    awaitNextSecond();
+    ASSERT_EQ(kernellog::linesWith("IN=" + name + " OUT= ").empty(), false);
+    switchOn(60, std::time(nullptr));
+    ASSERT_TRUE(process::waitUntil([&] { return !rowsAbout(destination()).empty(); }));
+    const Packet expected{pair.address(Side::far), std::to_string(fromPort), destination(), std::to_string(kPort)};
+    EXPECT_EQ(rowsAbout(destination()).begin()->second, expected);
 }
 
 TEST_F(Collector, CountsNoForgedPacketAndSurvivesIt) {
