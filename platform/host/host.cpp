@@ -11,6 +11,7 @@
 #include "host/data-check.h"
 #include "host/documents.h"
 #include "host/log.h"
+#include "host/marker.h"
 #include "host/paths.h"
 #include "host/plugin-config.h"
 #include "host/reply-lines.h"
@@ -172,7 +173,7 @@ int Host::reload() try {
 
 // The plugin itself was kept from starting it; by command nothing can come back into the middle of another operation.
 void Host::startWantedCollector() {
-    if (applied_ != 1 || !collectorWanted() || markerStands())
+    if (applied_ != 1 || !collectorWanted() || collectorLives())
         return;
     try {
         if (!executeCommand(kStartCollector, "").empty())

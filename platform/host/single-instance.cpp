@@ -2,50 +2,60 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <stdexcept>
 #include <string>
 #include <sys/file.h>
 #include <system_error>
 #include <utility>
 
+#include "host/log.h"
 #include "host/paths.h"
+#include "support/safe-open.h"
 
 namespace host {
 namespace {
 
-// The folder is the host's account's, and root comes here too: a link there leads nowhere.
-support::UniqueFd openLockFile(int more) {
-    return support::aboveStandardStreams(
-        support::UniqueFd(::open(kHostLock, O_RDWR | O_NOFOLLOW | O_CLOEXEC | more, 0600)));
+// Root comes here too, and the folder and the lock in it are the host's account's.
+support::Opened openLockFile(int more) {
+    return support::openPlain(kHostLock, O_RDWR | more, 0600, support::Owner::ofFolder);
 }
 
-[[noreturn]] void failTo(const char *what) {
-    throw std::system_error(errno, std::generic_category(), std::string("cannot ") + what + " " + kHostLock);
+support::Opened makeLockFile() {
+    auto file = openLockFile(O_CREAT);
+    if (file || file.error != EPERM)
+        return file;
+    std::string removed;
+    if (support::clearPath(kHostLock, &removed).empty() && !removed.empty())
+        logError(std::string(kHostLock) + ": was " + removed + " and has been taken away");
+    return openLockFile(O_CREAT);
 }
+
+[[noreturn]] void failToOpen(const support::Opened &file) { throw std::runtime_error("cannot open " + file.problem); }
 
 bool lock(const support::UniqueFd &file) {
     if (::flock(file.get(), LOCK_EX | LOCK_NB) == 0)
         return true;
     if (errno != EWOULDBLOCK)
-        failTo("lock");
+        throw std::system_error(errno, std::generic_category(), std::string("cannot lock ") + kHostLock);
     return false;
 }
 
 } // namespace
 
 support::UniqueFd takeHostLock() {
-    support::UniqueFd file = openLockFile(O_CREAT);
+    auto file = makeLockFile();
     if (!file)
-        failTo("open");
-    return lock(file) ? std::move(file) : support::UniqueFd();
+        failToOpen(file);
+    return lock(file.fd) ? std::move(file.fd) : support::UniqueFd();
 }
 
 std::optional<support::UniqueFd> holdOffHosts() {
-    support::UniqueFd file = openLockFile(0);
-    if (!file && errno != ENOENT)
-        failTo("open");
-    if (file && !lock(file))
+    auto file = openLockFile(0);
+    if (!file && file.error != ENOENT)
+        failToOpen(file);
+    if (file && !lock(file.fd))
         return std::nullopt;
-    return file;
+    return std::move(file.fd);
 }
 
 } // namespace host

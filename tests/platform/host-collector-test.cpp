@@ -14,14 +14,18 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "host/marker.h"
 #include "host/paths.h"
 #include "support/directories.h"
+#include "support/planted-object.h"
 
 namespace {
 
 using host::CollectorState;
 
 void makeMarker() { ::close(::shm_open(host::kMarkerName, O_RDWR | O_CREAT | O_EXCL, 0644)); }
+
+constexpr const char *kMarkerPath = "/dev/shm/nyr_firewall_sd";
 
 ino_t markerNumber() {
     struct stat status {};
@@ -42,11 +46,11 @@ TEST_F(TheCollector, IsOffWhereNothingWasEverStarted) {
 TEST_F(TheCollector, IsDeadWhereItShouldRunAndDoesNot) {
     EXPECT_EQ(host::collectorState(true), CollectorState::dead);
     makeMarker();
-    EXPECT_EQ(host::collectorState(false), CollectorState::dead);
+    EXPECT_EQ(host::collectorState(true), CollectorState::dead);
+    EXPECT_EQ(host::collectorState(false), CollectorState::off);
 }
 
-TEST_F(TheCollector, RunsWhileItsLockIsHeldAndItsMarkerStands) {
-    makeMarker();
+TEST_F(TheCollector, RunsWhileItsLockIsHeld) {
     auto lock = host::takeLivenessLock();
     ASSERT_TRUE(lock);
     EXPECT_EQ(host::collectorState(true), CollectorState::running);
@@ -54,8 +58,10 @@ TEST_F(TheCollector, RunsWhileItsLockIsHeldAndItsMarkerStands) {
     EXPECT_EQ(host::collectorState(true), CollectorState::dead);
 }
 
-TEST_F(TheCollector, IsStoppingWhileItLivesWithoutAMarker) {
+TEST_F(TheCollector, IsStoppingWhileItLivesSwitchedOff) {
     const auto lock = host::takeLivenessLock();
+    EXPECT_EQ(host::collectorState(false), CollectorState::stopping);
+    makeMarker();
     EXPECT_EQ(host::collectorState(false), CollectorState::stopping);
 }
 
@@ -118,12 +124,89 @@ TEST_F(TheCollector, SaysSoWhenAForeignMarkerCannotBeTakenAway) {
         ::chown(host::kDataDirectory, 4712, 4712);
         const bool unprivileged = ::setgid(4712) == 0 && ::setuid(4712) == 0;
         const std::string problem = host::removeDeadMarker();
-        const bool said = problem.find("of account 4711 cannot be removed") != std::string::npos;
+        const bool said = problem.find("a file of account 4711, cannot be removed") != std::string::npos;
         ::_exit(unprivileged && said && host::markerStands() ? 0 : 1);
     }
     int status = -1;
     ::waitpid(child, &status, 0);
     EXPECT_EQ(status, 0);
+}
+
+// Where every account may put things. None is waited for, followed or believed.
+TEST_F(TheCollector, IsWhatItsLockSaysWhateverStandsInPlaceOfItsMarker) {
+    auto lock = host::takeLivenessLock();
+    for (const auto &kind : planted::kinds()) {
+        for (const bool lives : {true, false}) {
+            if (!lives)
+                lock.reset();
+            else if (!lock)
+                lock = host::takeLivenessLock();
+            const planted::Object object(kind, kMarkerPath);
+            EXPECT_EQ(host::collectorState(true), lives ? CollectorState::running : CollectorState::dead) << kind.name;
+            EXPECT_EQ(host::collectorState(false), lives ? CollectorState::stopping : CollectorState::off) << kind.name;
+            const std::string problem = host::removeDeadMarker();
+            EXPECT_EQ(problem.empty(), kind.removable) << kind.name << ": " << problem;
+            EXPECT_EQ(object.stands(), !kind.removable || (kind.trusted && lives)) << kind.name;
+            EXPECT_EQ(object.harm(), "") << kind.name;
+        }
+    }
+}
+
+TEST_F(TheCollector, NamesWhatCannotBeTakenAway) {
+    ASSERT_EQ(::mkdir(kMarkerPath, 0755), 0);
+    std::ofstream(std::string(kMarkerPath) + "/inside") << "";
+    EXPECT_EQ(host::removeDeadMarker(),
+              "the marker /dev/shm/nyr_firewall_sd, a directory of account 0, cannot be removed: Directory not empty; "
+              "it is not believed, but root should remove it");
+}
+
+TEST_F(TheCollector, CanBeStartedWhateverStandsInPlaceOfItsMarker) {
+    for (const auto &kind : planted::kinds()) {
+        const planted::Object object(kind, kMarkerPath);
+        const auto started = [] {
+            return support::UniqueFd(host::openMarkerForPlugin(O_RDWR | O_CREAT | O_EXCL, 0644));
+        };
+        EXPECT_EQ(static_cast<bool>(started()), !kind.trusted) << kind.name;
+        const auto lock = host::takeLivenessLock();
+        EXPECT_FALSE(started()) << kind.name;
+        EXPECT_EQ(errno, EEXIST) << kind.name;
+        EXPECT_EQ(object.harm(), "") << kind.name;
+    }
+}
+
+TEST_F(TheCollector, IsNotStartedUnderAHoldWhateverStandsInPlaceOfItsMarker) {
+    for (const auto &kind : planted::kinds()) {
+        const planted::Object object(kind, kMarkerPath);
+        const host::MarkerHold hold;
+        EXPECT_LT(host::openMarkerForPlugin(O_RDWR | O_CREAT | O_EXCL, 0644), 0) << kind.name;
+    }
+}
+
+TEST_F(TheCollector, HasALockWhateverLiesInItsPlaceButAFullFolder) {
+    for (const auto &kind : planted::kinds()) {
+        const planted::Object object(kind, host::kCollectorLock);
+        EXPECT_EQ(host::collectorState(true), kind.trusted ? CollectorState::dead : CollectorState::unknown)
+            << kind.name;
+        const auto lock = host::takeLivenessLock();
+        EXPECT_EQ(static_cast<bool>(lock), kind.removable) << kind.name;
+        EXPECT_EQ(host::collectorState(true), lock ? CollectorState::running : CollectorState::unknown) << kind.name;
+        if (!lock) {
+            EXPECT_NE(host::removeDeadMarker().find(kind.told), std::string::npos) << kind.name;
+        }
+        EXPECT_EQ(object.harm(), "") << kind.name;
+    }
+}
+
+TEST_F(TheCollector, NotesTheClockThatItWasStartedWith) {
+    EXPECT_FALSE(host::notedClockOffset());
+    const auto lock = host::takeLivenessLock();
+    ASSERT_TRUE(host::notedClockOffset());
+    EXPECT_NEAR(static_cast<double>(host::notedClockOffset()->count()),
+                static_cast<double>(host::clockOffset().count()), 1.0);
+    for (const char *text : {"", "1", "                   x", "12345678901234567890"}) {
+        std::ofstream(host::kCollectorLock) << text;
+        EXPECT_FALSE(host::notedClockOffset()) << text;
+    }
 }
 
 class AMarkerHold : public TheCollector {};
