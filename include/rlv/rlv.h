@@ -19,9 +19,17 @@ typedef uint32_t rlv_handle;
 RLV_EXPORT int rlv_initialize(rlv_handle *handle);
 
 // Brings into force what is not yet and closes the connection. Returns 0 when all that was accepted on it is in force,
-// else an error code (errno's: EBADF for a handle that is not open, EIO when something was lost). The handle is gone in
-// either case. A connection that is never closed counts as interrupted: what it sent from its first removing command on
-// is dropped.
+// else an error code (errno's: EBADF for a handle that is not open, EIO when something was lost, ECANCELED when the
+// connection was interrupted). The handle is gone in either case.
+//
+// An interrupted connection may carry half of what its caller meant to send, such as a chain that was emptied and not
+// filled again. So what it sent from its first removing command (-F, -D, -X) on is dropped, and the kernel keeps the rules
+// that it had; what was only added stays. A connection counts as interrupted when
+// - it is never closed;
+// - a command on it has got no answer, also for want of memory in this library;
+// - it has sent a command, and on the closing thread more exceptions are uncaught than were at its opening: it is closed
+//   by a destructor, while an exception leaves the operation;
+// - what its caller reads the rules from has failed meanwhile, where the host has told this library how to know.
 RLV_EXPORT int rlv_deinitialize(rlv_handle handle);
 
 // Applies one iptables command to the filter table: `options` is its option text, without the program's name, such as

@@ -43,7 +43,7 @@ void judge(const rlv::ConnectionOutcome &connection, Verdict &verdict) {
     if (connection.lostBeyondList > 0 && connection.lost.empty())
         verdict.lost.push_back(std::to_string(connection.lostBeyondList) + " commands");
     // One that still seems open got no answer to its end: the service will find out that nobody is there.
-    if (connection.end != rlv::ConnectionEnd::closed)
+    if (connection.end != rlv::ConnectionEnd::closed && connection.end != rlv::ConnectionEnd::interrupted)
         verdict.interruption = "a connection to the traffic-control service broke";
 }
 
@@ -70,6 +70,8 @@ Verdict judge(const rlv::ServiceState &after, const std::vector<rlv::Opening> &o
         const bool isKnown = found != after.connections.end();
         if (isKnown && !opening.allInForce)
             judge(*found, verdict);
+        if (opening.interruption != rlv::Interruption::none)
+            verdict.interruption = rlv::textOf(opening.interruption);
         if ((!isKnown && !opening.allInForce) || number <= last)
             verdict.interruption = "the traffic-control service was started anew during the call";
         last = number;

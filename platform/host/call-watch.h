@@ -24,7 +24,8 @@ struct Verdict {
     // What the plugin may think to be in force and is not: an -A that was refused, anything that was accepted and lost
     // later. Refused -F, -N, -X and -D are none: the plugin sends them on the off chance.
     std::vector<std::string> notInForce;
-    // Why a connection did not come to its end, so that stored rules and the kernel's may differ; empty when all did.
+    // Why a connection did not come to its end, or not all that belongs to it was sent, so that stored rules and the
+    // kernel's may differ; empty when all is well.
     std::string interruption;
     // What was accepted and then lost on a connection that came to its end, as it was sent. Where the service kept too
     // few texts to tell, the others count like those that it kept, and as lost when it kept none.

@@ -15,7 +15,9 @@
 #include "host/paths.h"
 #include "host/plugin-config.h"
 #include "host/reply-lines.h"
+#include "mavo/database-failures.h"
 #include "mavo/rmi-server.h"
+#include "rlv/rlv-query.h"
 
 namespace host {
 
@@ -50,6 +52,7 @@ std::string textOfException() {
 
 Host::Host(PluginFactory factory) : factory_(factory) {
     addHostMethods(ownMethods_, *this);
+    rlv::setFailureCount(mavo::database::failedStatements);
     PolicyStorage::backend = &storage_;
 }
 

@@ -93,7 +93,7 @@ void write(Writer &out, const ConnectionOutcome &outcome) {
 ConnectionOutcome readOutcome(Reader &in) {
     ConnectionOutcome outcome;
     outcome.number = in.integer(8);
-    outcome.end = static_cast<ConnectionEnd>(std::min<std::uint64_t>(in.integer(1), 2));
+    outcome.end = static_cast<ConnectionEnd>(std::min<std::uint64_t>(in.integer(1), 3));
     in.list([&] { outcome.lost.push_back(readLost(in)); });
     outcome.lostBeyondList = in.integer(8);
     return outcome;

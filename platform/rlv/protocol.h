@@ -19,7 +19,7 @@
 
 namespace rlv::protocol {
 
-constexpr std::uint64_t kVersion = 3;
+constexpr std::uint64_t kVersion = 4;
 constexpr std::size_t kMaxOptionsBytes = 4096;
 // The longest packet of either side; a longer reply goes in parts.
 constexpr std::size_t kMaxPacketBytes = 32'768;
@@ -30,15 +30,18 @@ constexpr std::size_t kMaxListedCommands = 512;
 struct Request {
     enum class Kind : std::uint8_t { open = 'O', commit = 'C', list = 'L', close = 'X', query = 'Q' };
     Kind kind = Kind::open;
-    std::uint64_t number = 0; // open: the client's protocol version; query: tell of connections above this number
-    std::string text;         // commit: the option text; list: several (see CommandList), which get no reply
+    // open: the client's protocol version; query: tell of connections above this number; close: an Interruption, 0 when
+    // all is well. An interrupted connection ends as if the client had vanished.
+    std::uint64_t number = 0;
+    std::string text; // commit: the option text; list: several (see CommandList), which get no reply
 };
 
 struct Reply {
     // refused ends the connection and may come at any time; its code is an errno value.
     enum class Kind : std::uint8_t { opened = 'o', committed = 'c', closed = 'x', state = 'q', refused = 'r' };
     Kind kind = Kind::refused;
-    std::int32_t code = 0; // committed: iptables' exit status; closed, refused: an errno value
+    // committed: iptables' exit status; closed, refused: an errno value, ECANCELED for an interrupted connection.
+    std::int32_t code = 0;
     // opened: the connection's number; closed: how many of its commands were refused or lost; state: how many parts
     // follow; committed: how many more rules the table takes. So
     // many commands of the forms (see command-form.h) that were accepted so far are sure to be accepted, until one

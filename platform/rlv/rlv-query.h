@@ -22,7 +22,27 @@ struct LostCommand {
     bool refusedAtOnce = false; // answered with this code; false: accepted first and lost later
 };
 
-enum class ConnectionEnd { open, closed, vanished };
+enum class ConnectionEnd { open, closed, vanished, interrupted };
+
+// Why what came on a connection may be half of what its client meant, though the client closed it.
+enum class Interruption {
+    none,
+    exception,       // it was closed while more exceptions passed than at its opening
+    databaseFailure, // a statement of a database failed between the two
+};
+
+// For people; empty for none, and a general text for what this version does not know.
+constexpr const char *textOf(Interruption interruption) {
+    switch (interruption) {
+    case Interruption::none:
+        return "";
+    case Interruption::exception:
+        return "the operation was left by an exception";
+    case Interruption::databaseFailure:
+        return "a database failed during the operation";
+    }
+    return "the operation was interrupted";
+}
 
 struct ConnectionOutcome {
     std::uint64_t number = 0; // counts up over the service's life, never 0
@@ -64,10 +84,19 @@ struct Opening {
     // The service closed it and said that every command was accepted and is in force. Where this is false, it may still
     // have been so: query() tells.
     bool allInForce = false;
+    Interruption interruption = Interruption::none;
 };
 
 // Those since this was last asked, in order. Keeps the first 100,000.
 std::vector<Opening> takeOpenings();
+
+// How often something has failed so far of which the commands that are sent depend: the databases of this process.
+// Throws nothing, changes nothing of this library's.
+using FailureCount = std::uint64_t (*)();
+
+// Connections that are opened from now on are interrupted when the count at their end is another one than at their
+// opening.
+void setFailureCount(FailureCount count);
 
 } // namespace rlv
 

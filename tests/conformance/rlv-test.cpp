@@ -7,6 +7,7 @@
 #include <future>
 #include <map>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -341,6 +342,44 @@ TEST_F(ATrafficControlClient, DropsWhatAnInterruptedConnectionBeganWithARemoval)
     EXPECT_EQ(0, Client().close()) << "the next one is not held up";
     EXPECT_THAT(rulesOf("VPK-DENY"), ElementsAre(kFirst));
 }
+
+// What is closed by a destructor while an exception leaves the operation, as the plugin does when its database fails in
+// the middle of a rebuild.
+int closedByException(const std::vector<std::string> &commands) {
+    struct AtEnd {
+        int &closed;
+        rlv_handle handle = 0;
+        ~AtEnd() { closed = rlv_deinitialize(handle); }
+    };
+    int closed = -1;
+    try {
+        AtEnd atEnd{closed};
+        EXPECT_EQ(0, rlv_initialize(&atEnd.handle));
+        for (const std::string &options : commands)
+            EXPECT_EQ(0, commit(atEnd.handle, options).code) << options;
+        throw std::runtime_error("in the middle");
+    } catch (const std::runtime_error &) {
+        return closed;
+    }
+}
+
+TEST_F(ATrafficControlClient, DropsWhatBeganWithARemovalWhenAnExceptionClosesIt) {
+    makeChain();
+    EXPECT_NE(0, closedByException({"-F VPK-DENY", "-A VPK-DENY -s 10.0.0.2 -j DROP"}));
+    EXPECT_THAT(rulesOf("VPK-DENY"), ElementsAre(kFirst));
+    Client next;
+    EXPECT_EQ(0, next.code("-A VPK-DENY -s 10.0.0.2 -j DROP"));
+    EXPECT_EQ(0, next.close());
+    EXPECT_THAT(rulesOf("VPK-DENY"), ElementsAre(kFirst, kSecond));
+}
+
+TEST_F(ATrafficControlClient, KeepsWhatWasOnlyAddedWhenAnExceptionClosesIt) {
+    makeChain();
+    EXPECT_NE(0, closedByException({"-A VPK-DENY -s 10.0.0.2 -j DROP"}));
+    EXPECT_THAT(rulesOf("VPK-DENY"), ElementsAre(kFirst, kSecond));
+}
+
+TEST_F(ATrafficControlClient, IsNotInterruptedByAnExceptionWithoutACommand) { EXPECT_EQ(0, closedByException({})); }
 
 TEST_F(ATrafficControlClient, ChangesNoRulesOfOthers) {
     makeChain();

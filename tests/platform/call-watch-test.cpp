@@ -86,6 +86,13 @@ TEST(AConnection, IsAnInterruptionWhenItDidNotComeToItsEnd) {
     EXPECT_EQ(interruption(ConnectionEnd::closed), "");
 }
 
+TEST(AConnection, IsAnInterruptionWhenItWasClosedInTheMiddleOfAnOperation) {
+    const auto state = stateOf({{7, ConnectionEnd::interrupted, {{"-F VPK-DENY", 4, "not sent", false}}, 0}});
+    const auto verdict = host::judge(state, {{7, false, rlv::Interruption::exception}, {8, true}});
+    EXPECT_EQ(verdict.interruption, "the operation was left by an exception");
+    EXPECT_THAT(verdict.notInForce, ElementsAre("-F VPK-DENY: not sent"));
+}
+
 TEST(AConnection, IsAnInterruptionWhenTheServiceKnowsNothingOfIt) {
     const std::string startedAnew = "the traffic-control service was started anew during the call";
     const auto state = stateOf({{1, ConnectionEnd::closed, {}, 0}, {2, ConnectionEnd::closed, {}, 0}});

@@ -51,9 +51,9 @@ bool Delivery::close() {
     return !hasLost_;
 }
 
-void Delivery::vanish() {
+void Delivery::interrupt(const std::string &why) {
     if (isHeld_)
-        drop("iptables: not sent: the client vanished");
+        drop("iptables: not sent: " + why);
     else
         push();
     end();

@@ -13,7 +13,8 @@ namespace rlv {
 
 // Sends what the commands of one connection have made of the table. What has only been added goes within 20 ms. The
 // first removing command sends what was added before it; from there on everything is kept until the connection closes,
-// because half of a rebuilt chain is an open firewall. Of a client that vanishes, what is kept so is forgotten.
+// because half of a rebuilt chain is an open firewall. Of a client that vanishes, or says that it was interrupted, what
+// is kept so is forgotten.
 //
 // Whatever was accepted and is not in force is logged, and written into the history of connections. No failure of the
 // table leaves an operation.
@@ -34,7 +35,7 @@ public:
     void lose(const LostCommand &lost);
     // End the connection. True when all that was accepted is in force.
     bool close();
-    void vanish();
+    void interrupt(const std::string &why);
 
 private:
     void end();

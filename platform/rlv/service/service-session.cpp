@@ -1,5 +1,6 @@
 #include "rlv/service/service-session.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <exception>
 #include <iterator>
@@ -15,6 +16,18 @@ namespace {
 constexpr std::chrono::milliseconds kLookUpTime{2000};
 constexpr int kBadText = 2;
 constexpr int kFailed = 4;
+constexpr std::uint64_t kUnknownInterruption = 255;
+
+const char *textOf(ConnectionEnd end) {
+    switch (end) {
+    case ConnectionEnd::closed:
+        return "closed";
+    case ConnectionEnd::interrupted:
+        return "interrupted";
+    default:
+        return "vanished";
+    }
+}
 
 long long ll(std::uint64_t number) { return static_cast<long long>(number); }
 
@@ -47,10 +60,9 @@ void Session::finish(ConnectionEnd how) {
     context_.loop.cancel(std::exchange(waitTimer_, 0));
     if (const auto number = std::exchange(number_, 0); number != 0) {
         if (how == ConnectionEnd::vanished)
-            delivery_.vanish();
+            delivery_.interrupt("the client vanished");
         context_.history.end(number, how);
-        RLVD_INFO("connection %lld of user %u, process %d: %s", ll(number), asker_.user, asker_.process,
-                  how == ConnectionEnd::closed ? "closed" : "vanished");
+        RLVD_INFO("connection %lld of user %u, process %d: %s", ll(number), asker_.user, asker_.process, textOf(how));
     }
     context_.turns.leave(*this);
 }
@@ -135,9 +147,18 @@ void Session::open() {
 }
 
 void Session::close() {
-    const std::int32_t code = delivery_.close() ? 0 : EIO;
+    const auto interruption = static_cast<Interruption>(std::min<std::uint64_t>(request_.number, kUnknownInterruption));
+    const bool isInterrupted = interruption != Interruption::none;
+    std::int32_t code = ECANCELED;
+    if (isInterrupted) {
+        RLVD_ERROR("connection %lld of user %u, process %d is interrupted: %s", ll(number_), asker_.user,
+                   asker_.process, textOf(interruption));
+        delivery_.interrupt(textOf(interruption));
+    } else {
+        code = delivery_.close() ? 0 : EIO;
+    }
     const std::uint64_t lost = context_.history.lostOn(number_);
-    finish(ConnectionEnd::closed);
+    finish(isInterrupted ? ConnectionEnd::interrupted : ConnectionEnd::closed);
     connection_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::closed, code, lost, {}})});
 }
 
