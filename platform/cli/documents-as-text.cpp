@@ -78,6 +78,10 @@ std::string collectorLine(const Json &document) {
     return text(document, "collector") + (problem.empty() ? "" : ": " + problem);
 }
 
+std::string problemLine(const char *name, const std::string &problem) {
+    return problem.empty() ? "" : name + printable(problem) + "\n";
+}
+
 std::string lastReportLine(const std::string &seconds) {
     return seconds.empty() ? "none yet" : timeOf(std::strtoll(seconds.c_str(), nullptr, 10));
 }
@@ -115,6 +119,7 @@ std::string statusAsText(const Json &document) {
            rebuildLine(text(document, "rebuild")) +                                     //
            "rules        " + rulesLine(part(document, "rules")) + "\n" +                //
            "collector    " + collectorLine(document) + "\n" +                           //
+           problemLine("settings     ", text(document, "settingsProblem")) +            //
            "last report  " + lastReportLine(text(document, "lastReport")) + "\n" +      //
            "covers       " + text(document, "families") + "; IPv6 passes unfiltered\n"; //
 }

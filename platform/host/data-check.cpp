@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include "host/paths.h"
-#include "host/plugin-config.h"
 #include "support/directories.h"
 #include "support/unique-fd.h"
 
@@ -59,7 +58,7 @@ std::string dataProblem() {
         if (problem.empty())
             problem = databaseProblem(database);
     }
-    return problem.empty() ? configProblem() : problem;
+    return problem;
 }
 
 } // namespace host

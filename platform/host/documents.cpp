@@ -12,6 +12,7 @@
 
 #include "host/call-watch.h"
 #include "host/collector.h"
+#include "host/config-file.h"
 #include "host/log.h"
 #include "host/paths.h"
 #include "host/plugin-config.h"
@@ -155,6 +156,7 @@ std::string statusDocument(int stored, int applied, const std::string &collector
     document["collector"] = nameOf(collectorState(collectorWanted()));
     document["collectorProblem"] = collectorProblem;
     document["rebuild"] = rebuild;
+    document["settingsProblem"] = configRemark();
     document["lastReport"] = lastReport();
     document["families"] = "IPv4 only";
     return onOneLine(document);

@@ -21,6 +21,7 @@ namespace host {
 //               then "inForce" is false and its rules are left out
 //   "rebuild"   when the tables are built anew by themselves, and why, or "given up: <reason>" when what was lost was
 //               lost again; empty when nothing of the kind is waited for
+//   "settingsProblem" what is wrong with the configuration file, or which one was put aside; one line or empty
 //   "families"  "IPv4 only"
 // Throws mavo::Exception, which names the file, when the rule database cannot be read.
 std::string statusDocument(int stored, int applied, const std::string &collectorProblem, const std::string &rebuild);

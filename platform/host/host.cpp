@@ -8,8 +8,10 @@
 #include <vector>
 
 #include "host/collector.h"
+#include "host/config-file.h"
 #include "host/data-check.h"
 #include "host/documents.h"
+#include "host/door.h"
 #include "host/log.h"
 #include "host/marker.h"
 #include "host/paths.h"
@@ -48,6 +50,15 @@ std::string textOfException() {
     }
 }
 
+// The plugin looks neither at a disk that is full nor at a file that has gone.
+bool isStored(const std::string &command, const std::string &data) {
+    if (command == kStartCollector)
+        return collectorWanted();
+    if (command == "StatCollectorPolicy")
+        return data.empty() || holdsChange(configText(), data);
+    return !collectorWanted();
+}
+
 } // namespace
 
 Host::Host(PluginFactory factory) : factory_(factory) {
@@ -84,7 +95,7 @@ void Host::restoreAfterFailedFactory(bool disabled) {
     if (disabled)
         keepDisabled(*current_->plugin);
     else
-        applyStatus(0);
+        switchTo(0);
 }
 
 // Every factory call enables the plugin.
@@ -107,6 +118,7 @@ void Host::bringUpWith(std::optional<int> applied) {
     const std::string problem = dataProblem();
     if (!problem.empty())
         throw std::runtime_error(problem);
+    healConfig();
     const bool disabled = storedStatus() == 0;
     // Every factory call stores 1. Whoever has stored 0 keeps it, even should the host be killed in the middle.
     std::optional<StatusStorage::Rehearsal> rehearsal;
@@ -127,9 +139,14 @@ void Host::bringUpWith(std::optional<int> applied) {
     current_ = kept->back().get();
     applied_ = disabled ? 0 : 1;
     if (applied && *applied != applied_)
-        applyStatus(*applied);
+        switchTo(*applied);
     else
         startWantedCollector();
+    try {
+        keepConfig();
+    } catch (const std::exception &error) {
+        logError(error.what()); // the rules are in force all the same
+    }
 }
 
 std::string Host::bringUpAndJudge(std::optional<int> applied) {
@@ -187,9 +204,18 @@ void Host::startWantedCollector() {
 }
 
 std::string Host::executeCommand(const std::string &command, const std::string &data) {
+    const std::string problem = commandProblem(command, data);
+    if (!problem.empty())
+        throw mavo::rmi::BadArguments(problem);
     if (command == kStartCollector)
         removeDeadMarker();
-    return guard_.run([&] { return current_->plugin->executeCommand(command, data); });
+    std::string result = guard_.run([&] { return current_->plugin->executeCommand(command, data); });
+    if (changesSettings(command)) {
+        keepConfig();
+        if (result.empty() && !isStored(command, data))
+            throw std::runtime_error("the settings were not stored; try again");
+    }
+    return result;
 }
 
 int Host::setStatus(int status) {
@@ -203,10 +229,16 @@ int Host::setStatus(int status) {
     }
     if (status == 1)
         startWantedCollector();
+    keepConfig();
     return result;
 }
 
 void Host::applyStatus(int status) {
+    switchTo(status);
+    keepConfig();
+}
+
+void Host::switchTo(int status) {
     removeDeadMarker();
     if (status == 0 || status == 1)
         applied_ = status;
@@ -245,7 +277,10 @@ mavo::rmi::Reply Host::invoke(const std::string &name, const mavo::rmi::MethodCo
     const CallWatch watch;
     const auto *const before = current_;
     mavo::rmi::MethodContext guarded;
-    guarded.dispatcher = [this, &method](mavo::rmi::Message &arguments) {
+    guarded.dispatcher = [this, &name, &method](mavo::rmi::Message &arguments) {
+        const std::string problem = methodProblem(name, arguments.body());
+        if (!problem.empty())
+            throw mavo::rmi::BadArguments(problem);
         return guard_.run([&] { return method.dispatcher(arguments); });
     };
     auto reply = mavo::rmi::invokeMethod(guarded, request);

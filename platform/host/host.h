@@ -43,7 +43,9 @@ public:
     // the plugin is not bothered. What would be thrown is given back.
     std::string rebuild();
 
-    // The operations of the plugin. Its exceptions go to the caller, who never lets them past a further bringUp().
+    // The operations of the plugin. Its exceptions go to the caller, who never lets them past a further bringUp(). What
+    // they change in the configuration is on the disk when they return; std::runtime_error when it is not. A command
+    // that the host does not let through throws mavo::rmi::BadArguments and has changed nothing.
     std::string executeCommand(const std::string &command, const std::string &data);
     int setStatus(int status);
     void applyStatus(int status);
@@ -71,6 +73,7 @@ private:
     void orderRebuild(const Verdict &verdict, bool broughtUp, mavo::rmi::Reply &reply);
     int storedStatus();
     void keepDisabled(AbstractDPluginProvider &plugin);
+    void switchTo(int status);
     AbstractDPluginProvider *callFactory(mavo::rmi::Service &service) const;
     void restoreAfterFailedFactory(bool disabled);
     void startWantedCollector();

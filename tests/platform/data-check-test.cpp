@@ -134,36 +134,6 @@ TEST_F(TheData, IsLeftUntouchedByTheCheck) {
                 testing::UnorderedElementsAre(host::kDataDirectory, host::kDatabaseDirectory, host::kRuleDatabase));
 }
 
-TEST_F(TheData, HasAConfigurationThatThePluginCopesWith) {
-    for (const char *text : {"", "null", "{}", "garbage", "{\"enabled\":\"1\"}", "{\"enabled\":1}",
-                             "{\"enabled\":null}", "{\"other\":[1]}", "{\"enabled\":"}) {
-        write(host::kConfigFile, text);
-        EXPECT_EQ(host::dataProblem(), "") << text;
-    }
-}
-
-TEST_F(TheData, NamesAConfigurationOfWrongTypes) {
-    for (const char *text : {"[]", "[1,", "\"text\"", "7", "true", "{\"enabled\":[]}", "{\"enabled\":{\"a\":1}}"}) {
-        write(host::kConfigFile, text);
-        EXPECT_THAT(host::dataProblem(), StartsWith(std::string(host::kConfigFile) + ": ")) << text;
-    }
-}
-
-TEST_F(TheData, NamesTheMemberOfTheConfigurationThatHasAWrongType) {
-    for (const char *name : {"enabled", "send_report_interval", "last_send_report_ts"}) {
-        for (const char *value : {"{}", "[]", "[1]", R"({"a":1})"}) {
-            write(host::kConfigFile, std::string("{\"") + name + "\":" + value + "}");
-            EXPECT_THAT(host::dataProblem(),
-                        StartsWith(std::string(host::kConfigFile) + ": the value of \"" + name + "\" must be "))
-                << value;
-        }
-        for (const char *value : {"1", "\"1\"", "null", "true", "1.5", "\"\""}) {
-            write(host::kConfigFile, std::string("{\"") + name + "\":" + value + "}");
-            EXPECT_EQ(host::dataProblem(), "") << name << " " << value;
-        }
-    }
-}
-
 TEST(TheConfiguration, IsReadAsThePluginReadsIt) {
     EXPECT_FALSE(host::collectorWanted());
     write(host::kConfigFile, R"({"enabled":"1","last_send_report_ts":"17","send_report_interval":86400,"list":[]})");

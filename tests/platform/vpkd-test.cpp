@@ -153,14 +153,6 @@ TEST_F(Vpkd, DoesNotStartWithDataThatThePluginWouldDestroy) {
     EXPECT_EQ(noted(), "");
 }
 
-TEST_F(Vpkd, DoesNotStartWithAConfigurationOfWrongTypes) {
-    vpkdtest::write("/opt/data/vpk/dplugins/nyr-firewall-plugin/config/config.json", "[]");
-    const auto result = startInVain();
-    EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.errors, AllOf(MatchesRegex(kOneLine), HasSubstr("config.json: ")));
-    EXPECT_EQ(contents("/opt/data/vpk/dplugins/nyr-firewall-plugin/config/config.json"), "[]");
-}
-
 TEST_F(Vpkd, LivesOnWhenAnExceptionLeavesThePlugin) {
     start();
     for (const auto &[command, text] : std::vector<std::pair<std::string, std::string>>{

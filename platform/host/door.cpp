@@ -1,0 +1,126 @@
+#include "host/door.h"
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+
+#include "host/config-file.h"
+#include "host/json-document.h"
+#include "host/plugin-config.h"
+
+namespace host {
+namespace {
+
+constexpr std::size_t kLengthBytes = 4; // before a string in the body of a request
+
+bool isControl(char byte) { return static_cast<unsigned char>(byte) < ' ' || byte == '\x7f'; }
+
+std::string sizeProblem(const char *what, std::size_t bytes, std::size_t limit) {
+    if (bytes <= limit)
+        return {};
+    return std::string(what) + " of " + std::to_string(bytes) + " bytes is refused: " + std::to_string(limit) +
+           " bytes are accepted";
+}
+
+std::string tooManyRules(std::size_t rules) {
+    if (rules <= kRuleListLimitRules)
+        return {};
+    return "a list of " + std::to_string(rules) + " rules is refused: " + std::to_string(kRuleListLimitRules) +
+           " rules are accepted";
+}
+
+std::size_t countRules(std::string_view list) {
+    const auto ends = static_cast<std::size_t>(std::count(list.begin(), list.end(), ';'));
+    return list.empty() || list.back() == ';' ? ends : ends + 1;
+}
+
+std::string ruleListProblem(std::string_view list) {
+    std::string problem = sizeProblem("a rule list", list.size(), kRuleListLimitBytes);
+    if (problem.empty())
+        problem = tooManyRules(countRules(list));
+    if (!problem.empty())
+        return problem;
+    const auto control = std::find_if(list.begin(), list.end(), isControl);
+    if (control == list.end())
+        return {};
+    const auto place = static_cast<std::size_t>(control - list.begin());
+    return "rule " + std::to_string(countRules(list.substr(0, place + 1))) +
+           " is refused, and the list with it: byte " + std::to_string(place + 1) +
+           " of the list is the control character " + std::to_string(static_cast<unsigned char>(*control)) +
+           R"(; a rule is protocol:address:port or protocol:address:port:direction, and ";" alone joins two)";
+}
+
+// Too large, too deep, or with a NUL; one that does not parse is not judged here.
+std::string documentProblem(const char *what, const std::string &text, Json::Value *root = nullptr) {
+    std::string problem = sizeProblem(what, text.size(), kDocumentLimitBytes);
+    if (!problem.empty())
+        return problem;
+    JsonDocument document = readJson(text, kDocumentLimitNesting);
+    const JsonShape shape = shapeOf(document.root);
+    if (shape.nesting > kDocumentLimitNesting || document.tooDeep)
+        return std::string(what) + " that is nested more deeply than " + std::to_string(kDocumentLimitNesting) +
+               " objects and arrays is refused";
+    if (shape.hasNul || text.find('\0') != std::string::npos)
+        return std::string(what) + " with a NUL character is refused: texts without one are accepted";
+    if (root != nullptr)
+        root->swap(document.root);
+    return {};
+}
+
+std::string policyProblem(const std::string &text) {
+    Json::Value root;
+    std::string problem = documentProblem("a policy", text, &root);
+    if (!problem.empty() || !root.isObject())
+        return problem;
+    // Entries are joined by ";", and each may hold some.
+    return tooManyRules(root["ALLOW"].size() + static_cast<std::size_t>(std::count(text.begin(), text.end(), ';')));
+}
+
+std::string settingsProblem(const std::string &text) {
+    std::string problem = documentProblem("a settings document", text);
+    if (!problem.empty() || text.empty())
+        return problem;
+    problem = changeProblem(configText(), text);
+    return problem.empty() ? problem : "the settings are refused, and nothing is changed: " + problem;
+}
+
+std::string ruleListOf(const std::string &data) { return ruleListProblem(data); }
+
+std::string otherDataProblem(const std::string &data) { return sizeProblem("data", data.size(), kRuleListLimitBytes); }
+
+struct Command {
+    std::string_view name;
+    std::string (*problem)(const std::string &data);
+    bool changesSettings;
+};
+
+constexpr std::array<Command, 6> kCommands = {{{"ApplyAllowRules", ruleListOf, false},
+                                               {"ApplyDenyRules", ruleListOf, false},
+                                               {"ApplyPolicy", policyProblem, false},
+                                               {"StatCollectorPolicy", settingsProblem, true},
+                                               {"EnableStatCollector", otherDataProblem, true},
+                                               {"DisableStatCollector", otherDataProblem, true}}};
+constexpr Command kOther{"", otherDataProblem, false};
+
+const Command &find(const std::string &name) {
+    const auto *const found = std::find_if(kCommands.begin(), kCommands.end(),
+                                           [&name](const Command &command) { return command.name == name; });
+    return found != kCommands.end() ? *found : kOther;
+}
+
+constexpr std::array<std::string_view, 2> kMethodsWithRules = {"Firewall::ApplyAllowRules", "Firewall::ApplyDenyRules"};
+
+} // namespace
+
+std::string commandProblem(const std::string &command, const std::string &data) { return find(command).problem(data); }
+
+bool changesSettings(const std::string &command) { return find(command).changesSettings; }
+
+std::string methodProblem(const std::string &method, const std::string &body) {
+    if (std::find(kMethodsWithRules.begin(), kMethodsWithRules.end(), method) == kMethodsWithRules.end() ||
+        body.size() < kLengthBytes)
+        return {};
+    return ruleListProblem(std::string_view(body).substr(kLengthBytes));
+}
+
+} // namespace host
