@@ -81,7 +81,10 @@ std::chrono::seconds clockOffset() {
     std::timespec sinceBoot{};
     ::clock_gettime(CLOCK_REALTIME, &clock);
     ::clock_gettime(CLOCK_BOOTTIME, &sinceBoot);
-    return std::chrono::seconds(static_cast<std::int64_t>(clock.tv_sec) - static_cast<std::int64_t>(sinceBoot.tv_sec));
+    const auto length = [](const std::timespec &time) {
+        return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+    };
+    return std::chrono::round<std::chrono::seconds>(length(clock) - length(sinceBoot));
 }
 
 std::optional<std::chrono::seconds> notedClockOffset() {

@@ -153,7 +153,9 @@ std::string statusDocument(int stored, int applied, const std::string &collector
     document["applied"] = applied;
     document["rules"] = storedAndExpected();
     addServiceState(document);
-    document["collector"] = nameOf(collectorState(collectorWanted()));
+    const auto collector = collectorState(collectorWanted());
+    // Of a disabled plugin none should run.
+    document["collector"] = nameOf(collector == CollectorState::dead && applied != 1 ? CollectorState::off : collector);
     document["collectorProblem"] = collectorProblem;
     document["rebuild"] = rebuild;
     document["settingsProblem"] = configRemark();

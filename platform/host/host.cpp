@@ -7,6 +7,7 @@
 #include <optional>
 #include <vector>
 
+#include "host/collector-restart.h"
 #include "host/collector.h"
 #include "host/config-file.h"
 #include "host/data-check.h"
@@ -33,6 +34,7 @@ namespace {
 // A query tells of connections above a number; none is above this one.
 constexpr std::uint64_t kNoConnections = std::numeric_limits<std::uint64_t>::max();
 constexpr const char *kStartCollector = "EnableStatCollector";
+constexpr const char *kCollectorPolicy = "StatCollectorPolicy";
 
 // One line for a person, of whatever is being handled.
 std::string textOfException() {
@@ -193,7 +195,7 @@ int Host::reload() try {
 
 // The plugin itself was kept from starting it; by command nothing can come back into the middle of another operation.
 void Host::startWantedCollector() {
-    if (applied_ != 1 || !collectorWanted() || collectorLives())
+    if (!wantsCollector() || collectorLives())
         return;
     try {
         if (!executeCommand(kStartCollector, "").empty())
@@ -201,6 +203,21 @@ void Host::startWantedCollector() {
     } catch (...) {
         logError("the collector could not be started: " + textOfException());
     }
+}
+
+bool Host::wantsCollector() const { return applied_ == 1 && collectorWanted(); }
+
+void Host::startCollectorAgain(std::optional<std::chrono::seconds> clockSetBy) {
+    try {
+        if (clockSetBy)
+            forgetStatisticsOfOldClock(*clockSetBy);
+        const std::string change = lastReportAsPolicy(clockSetBy.value_or(std::chrono::seconds(0)));
+        if (!change.empty())
+            executeCommand(kCollectorPolicy, change);
+    } catch (...) {
+        logError("the collector is started with what it has: " + textOfException());
+    }
+    startWantedCollector();
 }
 
 std::string Host::executeCommand(const std::string &command, const std::string &data) {
@@ -255,7 +272,12 @@ int Host::getStatus() {
 }
 
 std::string Host::statusDocument() const {
-    const std::string problem = removeDeadMarker();
+    std::string problem = removeDeadMarker();
+    if (keeper_ != nullptr) {
+        keeper_->look();
+        const std::string remark = keeper_->remark();
+        problem += problem.empty() || remark.empty() ? remark : "; " + remark;
+    }
     const std::string pending = rebuild_ != nullptr ? rebuild_->remark() : std::string();
     const std::lock_guard<std::mutex> lock(PolicyStorage::dbLock);
     return host::statusDocument(PolicyStorage::backend->readStatus(kPluginName), applied_, problem,

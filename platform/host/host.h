@@ -2,12 +2,14 @@
 #ifndef PLATFORM_HOST_HOST_H
 #define PLATFORM_HOST_HOST_H
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 
 #include "host/call-watch.h"
+#include "host/collector-keeper.h"
 #include "host/plugin-guard.h"
 #include "host/plugin-library.h"
 #include "host/rebuild-reasons.h"
@@ -31,6 +33,14 @@ public:
     // Told of interrupted operations from now on, and of tables that were brought up anew; null ends it. Must outlive
     // all calls.
     void setRebuild(Rebuild *rebuild) { rebuild_ = rebuild; }
+
+    // Asked for the collector's state from now on; null ends it. Must outlive all calls.
+    void setCollectorKeeper(CollectorKeeper *keeper) { keeper_ = keeper; }
+    // Whether a collector should run: it is switched on in the configuration, and the plugin is enabled.
+    bool wantsCollector() const;
+    // Starts one in place of one that has ended. It goes on after the last report: the plugin's own copy of that time
+    // may be an old one. After the clock was set, it gets no statistics with times that the clock never had.
+    void startCollectorAgain(std::optional<std::chrono::seconds> clockSetBy);
 
     // Brings up a plugin: checks the data, calls the factory, disables the plugin again where a status of 0 is stored
     // and starts a collector that is switched on. Throws std::runtime_error with one line when no plugin comes up; then
@@ -85,6 +95,7 @@ private:
     const Instance *current_ = nullptr; // kept for ever
     int applied_ = -1;                  // the status last applied, -1 before the first
     Rebuild *rebuild_ = nullptr;
+    CollectorKeeper *keeper_ = nullptr;
     RebuildReasons reasons_;
 };
 

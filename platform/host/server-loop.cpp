@@ -33,12 +33,13 @@ support::UniqueFd openSignals() {
 }
 
 // The only children of the host are collectors.
-void reapCollectors() {
+bool reapCollectors() {
     bool reaped = false;
     while (::waitpid(-1, nullptr, WNOHANG) > 0)
         reaped = true;
     if (reaped)
         removeDeadMarker();
+    return reaped;
 }
 
 } // namespace
@@ -50,10 +51,10 @@ ServerLoop::ServerLoop(support::UniqueFd lock) : lock_(std::move(lock)), signals
 void ServerLoop::handleSignal() {
     signalfd_siginfo info{};
     while (::read(signals_.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
-        if (info.ssi_signo == SIGCHLD)
-            reapCollectors();
-        else
+        if (info.ssi_signo != SIGCHLD)
             loop_.stop();
+        else if (reapCollectors() && keeper_)
+            keeper_->look();
     }
 }
 
@@ -72,11 +73,18 @@ void ServerLoop::serve(Host &host, const std::string &socket, const mavo::rmi::P
     host.setRebuild(&rebuild);
     if (!interruption.empty())
         rebuild.want(interruption);
+    keeper_ = std::make_unique<CollectorKeeper>(
+        loop_, CollectorKeeper::Actions{[&host] { return host.wantsCollector(); },
+                                        [&host](auto clockSetBy) { host.startCollectorAgain(clockSetBy); }});
+    host.setCollectorKeeper(keeper_.get());
+    keeper_->look();
     logInfo("serving at " + socket);
     if (!support::tellReady())
         logError(std::string("the service manager cannot be told that the host serves: ") + std::strerror(errno));
     loop_.run();
     host.setRebuild(nullptr);
+    host.setCollectorKeeper(nullptr);
+    keeper_.reset();
     server_.reset();
     ::unlink(socket.c_str());
     logInfo("stopped");
@@ -89,6 +97,10 @@ std::vector<int> ServerLoop::descriptors() const {
     if (server_) {
         const auto ofServer = server_->descriptors();
         all.insert(all.end(), ofServer.begin(), ofServer.end());
+    }
+    if (keeper_) {
+        const auto ofKeeper = keeper_->descriptors();
+        all.insert(all.end(), ofKeeper.begin(), ofKeeper.end());
     }
     return all;
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "host/collector-keeper.h"
 #include "host/host.h"
 #include "mavo/privileges.h"
 #include "mavo/rmi-server.h"
@@ -24,7 +25,8 @@ public:
 
     // Listens at `socket` (0666, as privileges decide; a missing directory is made, 0755) and serves. Removes the
     // socket at the end. Builds the tables anew by itself after operations that were interrupted, with `interruption`
-    // for one that already was. Throws std::system_error when it cannot listen.
+    // for one that already was. Keeps a collector that is switched on alive. Throws std::system_error when it cannot
+    // listen.
     void serve(Host &host, const std::string &socket, const mavo::rmi::Privileges &privileges,
                const std::string &interruption);
 
@@ -40,6 +42,7 @@ private:
     support::EventLoop loop_;
     support::UniqueFd signals_;
     std::unique_ptr<mavo::rmi::Server> server_;
+    std::unique_ptr<CollectorKeeper> keeper_; // while it serves
 };
 
 } // namespace host

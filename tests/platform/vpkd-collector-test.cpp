@@ -1,5 +1,7 @@
 // The policy host and the process that its plugin forks.
 #include <csignal>
+#include <cstdlib>
+#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
 #include <sys/mman.h>
@@ -150,9 +152,150 @@ TEST_F(VpkdWithACollector, TakesAwayTheMarkerOfACollectorThatItReaps) {
     start();
     execute("EnableStatCollector");
     ::kill(collector(), SIGKILL);
-    EXPECT_TRUE(process::waitUntil([] { return !exists(kMarker); }));
-    EXPECT_THAT(text("Host::status"), HasSubstr("\"collector\":\"dead\""));
-    EXPECT_THAT(contents(vpkdtest::kLog), HasSubstr("removed the marker of a collector"));
+    EXPECT_TRUE(process::waitUntil(
+        [] { return contents(vpkdtest::kLog).find("removed the marker of a collector") != std::string::npos; }));
+}
+
+TEST_F(VpkdWithACollector, StartsItAgainWhenItHasDied) {
+    start();
+    execute("EnableStatCollector");
+    const pid_t first = collector();
+    ::kill(first, SIGKILL);
+    const pid_t second = collector(first);
+    EXPECT_THAT(contents(vpkdtest::kLog), HasSubstr("the collector has ended, and is started again in 1 s"));
+    EXPECT_THAT(text("Host::status"), HasSubstr("\"collector\":\"running\",\"collectorProblem\":\"\""));
+    // It did not live for long: the next pause is longer, and the status says so.
+    ::kill(second, SIGKILL);
+    ASSERT_TRUE(
+        process::waitUntil([] { return contents(vpkdtest::kLog).find("started again in 2 s") != std::string::npos; }));
+    EXPECT_THAT(text("Host::status"),
+                HasSubstr("\"collector\":\"dead\",\"collectorProblem\":\"it is started again in "));
+    EXPECT_TRUE(runs(collector(second)));
+    EXPECT_EQ(children(), 1U);
+}
+
+TEST_F(VpkdWithACollector, StartsOneAgainThatAnEarlierHostHasStarted) {
+    start();
+    execute("EnableStatCollector");
+    const pid_t first = collector();
+    ASSERT_EQ(stop(), 0);
+    start();
+    ::kill(first, SIGKILL);
+    EXPECT_TRUE(runs(collector(first)));
+}
+
+TEST_F(VpkdWithACollector, GivesANewOneTheTimeOfTheLastReport) {
+    start();
+    execute("EnableStatCollector");
+    const pid_t first = collector();
+    vpkdtest::write(kConfig, R"({"enabled":"1","last_send_report_ts":"1234567"})");
+    ::kill(first, SIGKILL);
+    collector(first);
+    EXPECT_THAT(noted(), HasSubstr(R"(StatCollectorPolicy {"last_send_report_ts":"1234567"})"));
+}
+
+TEST_F(VpkdWithACollector, StartsNoneAgainThatWasSwitchedOff) {
+    start();
+    execute("EnableStatCollector");
+    const pid_t first = collector();
+    execute("DisableStatCollector");
+    ::kill(first, SIGKILL);
+    EXPECT_TRUE(process::waitUntil([this] { return children() == 0; }));
+    // The host looks, and has nothing before it.
+    EXPECT_THAT(text("Host::status"), HasSubstr("\"collector\":\"off\",\"collectorProblem\":\"\""));
+    EXPECT_THAT(contents(vpkdtest::kLog), Not(HasSubstr("started again")));
+}
+
+TEST_F(VpkdWithACollector, StartsNoneAgainForADisabledPlugin) {
+    start();
+    execute("EnableStatCollector");
+    const pid_t first = collector();
+    ::kill(first, SIGKILL);
+    ASSERT_TRUE(
+        process::waitUntil([] { return contents(vpkdtest::kLog).find("is started again in") != std::string::npos; }));
+    EXPECT_EQ(number("Host::applyStatus", 0), 0);
+    configureCollector(); // switched on by somebody else
+    EXPECT_THAT(text("Host::status"), HasSubstr("\"collector\":\"off\",\"collectorProblem\":\"\""));
+    EXPECT_EQ(children(), 0U);
+}
+
+class VpkdWithAMovedClock : public VpkdWithACollector {
+protected:
+    static constexpr const char *kAhead = "/run/moved-clock";
+
+    void startAt(long long secondsAhead) {
+        set(secondsAhead);
+        const char *const old = std::getenv("ASAN_OPTIONS");
+        process::Options how;
+        how.environment = {"LD_PRELOAD=" NYR_BINARY_DIR "/lib/libmoved-clock.so",
+                           std::string("NYR_MOVED_CLOCK=") + kAhead,
+                           "ASAN_OPTIONS=" + std::string(old != nullptr ? old : "") + ":verify_asan_link_order=0"};
+        start({}, how);
+    }
+    static void set(long long secondsAhead) { vpkdtest::write(kAhead, std::to_string(secondsAhead)); }
+};
+
+TEST_F(VpkdWithAMovedClock, StartsTheCollectorAgainWhenTheClockIsSet) {
+    startAt(-1'000'000'000);
+    execute("EnableStatCollector");
+    const pid_t first = collector();
+    set(0);
+    const pid_t second = collector(first);
+    EXPECT_FALSE(runs(first));
+    EXPECT_THAT(contents(vpkdtest::kLog), HasSubstr("the clock was set by 1000000000 s: the collector is ended"));
+    EXPECT_THAT(contents(vpkdtest::kLog), Not(HasSubstr("the collector has ended, and")));
+    EXPECT_THAT(text("Host::status"), HasSubstr("\"collector\":\"running\",\"collectorProblem\":\"\""));
+    set(-7200);
+    EXPECT_TRUE(runs(collector(second)));
+    EXPECT_EQ(children(), 1U);
+}
+
+TEST_F(VpkdWithAMovedClock, LeavesTheCollectorWhereTheClockIsSetByAMinuteAtMost) {
+    startAt(0);
+    execute("EnableStatCollector");
+    const pid_t first = collector();
+    set(30);
+    text("Host::status"); // looks
+    EXPECT_TRUE(runs(first));
+    set(58);
+    text("Host::status");
+    EXPECT_TRUE(runs(first));
+    set(90); // thirty seconds each, but all together too much
+    EXPECT_TRUE(runs(collector(first)));
+}
+
+TEST_F(VpkdWithAMovedClock, FindsOutAtItsStartThatTheClockWasSetMeanwhile) {
+    startAt(-1'000'000);
+    execute("EnableStatCollector");
+    const pid_t first = collector();
+    ASSERT_EQ(stop(), 0);
+    startAt(0);
+    EXPECT_TRUE(runs(collector(first)));
+    EXPECT_FALSE(runs(first));
+}
+
+TEST_F(VpkdWithAMovedClock, LeavesACollectorThatWasSwitchedOff) {
+    startAt(-1'000'000);
+    execute("EnableStatCollector");
+    const pid_t first = collector();
+    execute("DisableStatCollector");
+    set(0);
+    EXPECT_THAT(text("Host::status"), HasSubstr("\"collector\":\"stopping\",\"collectorProblem\":\"\""));
+    EXPECT_TRUE(runs(first));
+}
+
+TEST_F(VpkdWithAMovedClock, SetsNoLastReportThatIsYetToCome) {
+    startAt(1'000'000);
+    execute("EnableStatCollector");
+    const pid_t first = collector();
+    vpkdtest::write(kConfig,
+                    R"({"enabled":"1","last_send_report_ts":")" + std::to_string(::time(nullptr) + 999'999) + "\"}");
+    set(0);
+    collector(first);
+    const std::string calls = noted();
+    const auto at = calls.find("\"last_send_report_ts\":\"");
+    ASSERT_NE(at, std::string::npos) << calls;
+    EXPECT_NEAR(static_cast<double>(std::stoll(calls.substr(at + 23))), static_cast<double>(::time(nullptr)), 60);
 }
 
 TEST_F(VpkdWithACollector, TakesAwayTheMarkerOfADeadCollectorAtItsStart) {

@@ -62,8 +62,8 @@ std::vector<std::string> AHost::commandLine(const std::vector<std::string> &more
     return words;
 }
 
-void AHost::start(const std::vector<std::string> &more) {
-    host_.emplace(commandLine(more));
+void AHost::start(const std::vector<std::string> &more, const process::Options &how) {
+    host_.emplace(commandLine(more), how);
     waitUntilItServes();
 }
 
@@ -116,11 +116,13 @@ void AHost::tell(const std::string &place, const std::string &action) { write(kN
 
 std::string AHost::noted() { return contents(std::string(kNotes) + "calls"); }
 
-pid_t AHost::collector() {
-    const std::string file = std::string(kNotes) + "daemon";
-    EXPECT_TRUE(process::waitUntil([&file] { return exists(file); })) << contents(kLog);
+pid_t AHost::collector(pid_t before) {
     pid_t id = 0;
-    std::istringstream(contents(file)) >> id;
+    const auto noted = [&id] {
+        std::istringstream(contents(std::string(kNotes) + "daemon")) >> id;
+        return id;
+    };
+    EXPECT_TRUE(process::waitUntil([&] { return noted() != 0 && id != before; })) << contents(kLog);
     return id;
 }
 

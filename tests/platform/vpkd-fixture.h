@@ -33,7 +33,7 @@ protected:
     // The command line of vpkd with the test plugin, and `more`.
     static std::vector<std::string> commandLine(const std::vector<std::string> &more = {});
     // Starts vpkd and waits until it serves. Fails the test when it does not.
-    void start(const std::vector<std::string> &more = {});
+    void start(const std::vector<std::string> &more = {}, const process::Options &how = process::Options());
     // The same with its standard streams closed.
     void startWithoutStandardStreams();
     // Runs a vpkd that is expected to give up.
@@ -53,8 +53,8 @@ protected:
     static void tell(const std::string &place, const std::string &action);
     // The calls that the plugin has noted, one in a line.
     static std::string noted();
-    // The process of the collector, once it runs, and what it found open: "number target" lines.
-    static pid_t collector();
+    // The process of the collector, once it runs (and is not `before`), and what it found open: "number target" lines.
+    static pid_t collector(pid_t before = 0);
     static std::string collectorsDescriptors();
     static bool runs(pid_t process);
     // How many children the host has now.

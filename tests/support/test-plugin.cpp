@@ -155,6 +155,11 @@ std::string logError(const std::string &text) {
 const std::map<std::string, std::function<std::string(const std::string &)>> kCommands = {
     {"EnableStatCollector", enableCollector},
     {"DisableStatCollector", disableCollector},
+    {"StatCollectorPolicy",
+     [](const std::string &data) {
+         note("StatCollectorPolicy " + data);
+         return std::string();
+     }},
     {"echo", [](const std::string &data) { return data; }},
     {"kernel-log", kernelLog},
     {"commit", commitRules},

@@ -32,11 +32,11 @@ bool serves(const std::string &path) {
 }
 
 // Starts a program into `slot` and waits for its socket.
-bool startInto(std::optional<process::Child> &slot, const std::vector<std::string> &command,
-               const std::string &socket) {
+bool startInto(std::optional<process::Child> &slot, const std::vector<std::string> &command, const std::string &socket,
+               const process::Options &how = process::Options()) {
     fs::create_directories(fs::path(socket).parent_path());
     slot.reset();
-    slot.emplace(command);
+    slot.emplace(command, how);
     if (slot->waitReady([&socket] { return serves(socket); }))
         return true;
     ADD_FAILURE() << command.front() << " does not serve " << socket << ": " << slot->errors();
@@ -132,7 +132,7 @@ std::vector<std::string> System::hostCommand() const {
     return command;
 }
 
-bool System::startHost() { return startInto(host_, hostCommand(), kHostSocket); }
+bool System::startHost() { return startInto(host_, hostCommand(), kHostSocket, options_.host); }
 
 std::optional<int> System::stopHost() { return stopIn(host_, "vpkd"); }
 std::optional<int> System::stopService() { return stopIn(service_, "rlvd"); }

@@ -32,6 +32,7 @@ public:
     struct Options {
         bool simulate = false;                  // the service holds its chains in memory
         std::vector<std::string> hostArguments; // beside those for sockets, plugin and log
+        process::Options host;                  // how the host is started
     };
 
     explicit System(Options options);
@@ -55,6 +56,8 @@ public:
     bool restartHost();
 
     pid_t hostId() const { return host_ ? host_->id() : -1; }
+    // For the next start.
+    void setHostOptions(process::Options how) { options_.host = std::move(how); }
     // The words that startHost() runs.
     std::vector<std::string> hostCommand() const;
 

@@ -222,15 +222,64 @@ TEST_F(Collector, SwitchedOnIsThereOnceAfterAKillOfBoth) {
     EXPECT_NE(daemons(), first);
 }
 
-TEST_F(Collector, DeadOneLosesItsMarkerAndCanBeSwitchedOnAgain) {
+TEST_F(Collector, DeadOneIsStartedAgainAndGoesOnAfterTheLastReport) {
+    const auto reported = std::time(nullptr) - 7;
+    switchOn(60, reported);
+    ASSERT_TRUE(awaitDaemons(1));
+    const pid_t first = daemons().front();
+    ::kill(first, SIGKILL);
+    ASSERT_TRUE(process::waitUntil([&] { return daemons().size() == 1 && daemons().front() != first; }));
+    EXPECT_TRUE(fs::exists(wholesystem::kMarker));
+    EXPECT_EQ(configured("enabled"), "1");
+    EXPECT_EQ(configured("last_send_report_ts"), std::to_string(reported));
+    EXPECT_TRUE(reports().empty());
+}
+
+TEST_F(Collector, DeadOneCanBeSwitchedOnAtOnce) {
     switchOn(60, std::time(nullptr));
     ASSERT_TRUE(awaitDaemons(1));
-    ::kill(daemons().front(), SIGKILL);
+    const pid_t first = daemons().front();
+    ::kill(first, SIGKILL);
     ASSERT_TRUE(awaitDaemons(0));
-    EXPECT_TRUE(process::waitUntil([] { return !fs::exists(wholesystem::kMarker); }));
     EXPECT_EQ(system.execute("EnableStatCollector"), 0);
     EXPECT_TRUE(awaitDaemons(1));
-    EXPECT_TRUE(fs::exists(wholesystem::kMarker));
+    EXPECT_THAT(contentOf(wholesystem::kHostLog), testing::HasSubstr("is started again in 1 s"));
+}
+
+// As on a device without a clock of its own: the time comes from the network, a while after the boot.
+TEST_F(Collector, ReportsWhatItSeesAfterTheClockWasSetUnderIt) {
+    constexpr int kInterval = 3;
+    const char *const ahead = "/run/moved-clock";
+    const char *const old = std::getenv("ASAN_OPTIONS");
+    ASSERT_EQ(system.stopHost(), 0);
+    std::ofstream(ahead) << 1'000'000 - std::time(nullptr);
+    process::Options how;
+    how.environment = {"LD_PRELOAD=" NYR_BINARY_DIR "/lib/libmoved-clock.so", std::string("NYR_MOVED_CLOCK=") + ahead,
+                       "ASAN_OPTIONS=" + std::string(old != nullptr ? old : "") + ":verify_asan_link_order=0"};
+    system.setHostOptions(how);
+    ASSERT_TRUE(system.startHost());
+    denyFar();
+    dropPackets(1, 4712);
+    switchOn(kInterval, 1'000'000);
+    ASSERT_TRUE(process::waitUntil([&] { return !rowsAbout(destination()).empty(); }));
+    EXPECT_LT(rowsAbout(destination()).rbegin()->first, 2'000'000);
+
+    std::ofstream(ahead) << 0;
+    const auto set = std::time(nullptr);
+    ASSERT_TRUE(process::waitUntil(
+        [&] { return contentOf(wholesystem::kHostLog).find("the clock was set by") != std::string::npos; }));
+    const auto before = static_cast<std::ptrdiff_t>(reports().size());
+    dropPackets(1, 4713);
+    const auto counted = [&] {
+        const auto all = reports();
+        return std::any_of(all.begin() + before, all.end(), [&](const Report &report) {
+            return report.subtype == 1 && report.body["data"][destination()].asUInt() > 0;
+        });
+    };
+    EXPECT_TRUE(process::waitUntil([&] { return counted() && std::stoll(configured("last_send_report_ts")) >= set; }));
+    for (const auto &[second, packet] : rowsAbout(destination()))
+        EXPECT_GT(second, 2'000'000);
+    EXPECT_EQ(daemons().size(), 1U);
 }
 
 TEST_F(Collector, MarkerOfACollectorThatDiedWithItsHostIsRemovedAtTheNextStart) {

@@ -1,0 +1,43 @@
+#include "host/collector-restart.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
+#include <unistd.h>
+
+#include "host/collector.h"
+#include "host/paths.h"
+#include "host/plugin-config.h"
+#include "mavo/database.h"
+#include "mavo/exception.h"
+
+namespace host {
+
+std::string lastReportAsPolicy(std::chrono::seconds clockSetBy) {
+    const std::string stored = configValue("last_send_report_ts");
+    char *end = nullptr;
+    std::int64_t time = std::strtoll(stored.c_str(), &end, 10);
+    if (stored.empty() || *end != '\0')
+        return {};
+    if (clockSetBy.count() < 0)
+        time = std::min<std::int64_t>(time, std::time(nullptr));
+    return R"({"last_send_report_ts":")" + std::to_string(time) + "\"}";
+}
+
+void forgetStatisticsOfOldClock(std::chrono::seconds setBy) {
+    constexpr int kReadWrite = 2;     // SQLite's open flag
+    constexpr std::int64_t kSlack{2}; // the collector rounds the time of the boot
+    if (::access(kStatDatabase, F_OK) != 0)
+        return;
+    const std::int64_t boot = (clockOffset() - setBy).count();
+    const std::int64_t now = static_cast<std::int64_t>(std::time(nullptr)) - setBy.count();
+    mavo::database::Connection connection(kStatDatabase, kReadWrite, false);
+    mavo::database::Statement statement(connection, "DELETE FROM firewall_stat WHERE ts >= ? AND ts <= ?");
+    statement.bind(1, static_cast<long long>(boot - kSlack));
+    statement.bind(2, static_cast<long long>(now + kSlack));
+    if (!statement.exec())
+        throw mavo::Exception(std::string(kStatDatabase) + ": " + statement.getErrorMessage());
+}
+
+} // namespace host
