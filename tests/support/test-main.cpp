@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "support/emulator.h"
+#include "support/kernel-log-switch.h"
 #include "support/sandbox.h"
 
 namespace {
@@ -44,6 +45,13 @@ bool sanitizersReported(const std::string &folder) {
     return any;
 }
 
+// True for a test that needs the kernel's log, in a run that has the switch for it.
+bool kernelLogIsHeld() {
+    const char *const stateFile = std::getenv("NYR_KERNEL_LOG_STATE");
+    std::string state;
+    return stateFile != nullptr && std::getline(std::ifstream(stateFile), state) && state == "1";
+}
+
 int runInSandbox(int argc, char **argv) {
     std::string folder = (std::filesystem::temp_directory_path() / "nyr-test-XXXXXX").string();
     if (::mkdtemp(folder.data()) == nullptr) {
@@ -57,11 +65,14 @@ int runInSandbox(int argc, char **argv) {
     appendOption("ASAN_OPTIONS", "log_path=" + folder + "/asan");
     appendOption("UBSAN_OPTIONS", "print_stacktrace=1:log_path=" + folder + "/ubsan");
     ::setenv(kInside, "1", 1);
-    const int status = sandbox::run([&arguments] {
-        emulator::execute(arguments);
-        std::perror(arguments[0].c_str());
-        return 127;
-    });
+    const auto run = [&arguments] {
+        return sandbox::run([&arguments] {
+            emulator::execute(arguments);
+            std::perror(arguments[0].c_str());
+            return 127;
+        });
+    };
+    const int status = kernelLogIsHeld() ? kernellog::runUndisturbed(kernellog::kSwitch, run) : run();
     return sanitizersReported(folder) && status == 0 ? 1 : status;
 }
 
