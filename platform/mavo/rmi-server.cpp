@@ -217,7 +217,8 @@ Reply invokeMethod(const MethodContext &method, Message &request) {
         reply = {Status::malformed, {}, oneLine(exception.what()), {}, {}};
     } catch (const std::exception &exception) {
         const char *text = exception.what();
-        reply = {Status::exception, {}, oneLine(text != nullptr ? text : "unknown exception"), {}, {}};
+        const bool says = text != nullptr && *text != '\0';
+        reply = {Status::exception, {}, oneLine(says ? text : "unknown exception"), {}, {}};
     } catch (...) {
         reply = {Status::exception, {}, "unknown exception", {}, {}};
     }

@@ -59,6 +59,7 @@ void addMethods(Service &service, const std::function<int()> &connections) {
     service.setMethodHandler<int, int>(open, "OpenFiles", [](int &count) { return openAtOnce(count); });
     service.setMethodHandler<int>(open, "Connections", connections);
     service.setMethodHandler<int>(open, "Throw", []() -> int { throw std::runtime_error("two\nlines"); });
+    service.setMethodHandler<int>(open, "ThrowNoText", []() -> int { throw std::runtime_error(""); });
     service.setMethodHandler<int, std::string>("http://vpk/privilege/secret", "Secret",
                                                [](std::string &) { return 1; });
 }

@@ -101,6 +101,7 @@ TEST(AServer, TellsWhatCameOfACall) {
         const char *error;
     } cases[] = {
         {"Throw", "", Status::exception, "two lines"},
+        {"ThrowNoText", "", Status::exception, "unknown exception"},
         {"Nothing", "", Status::unknownMethod, "no such method"},
         {"", "", Status::unknownMethod, "no such method"},
         {"Echo", "", Status::malformed, "Message ends before an integer"},
