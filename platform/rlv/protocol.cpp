@@ -8,6 +8,8 @@ namespace {
 constexpr std::size_t kRequestHeadBytes = 1 + 8;
 constexpr std::size_t kReplyHeadBytes = 1 + 4 + 8;
 constexpr std::size_t kLengthBytes = 2;
+constexpr std::uint64_t kMoreFollow = 256;
+constexpr std::size_t kMaxNameBytes = 254; // with the root's dot
 
 class Writer {
 public:
@@ -110,6 +112,43 @@ std::string flatten(const ServiceState &state) {
     return out.take();
 }
 
+void write(Writer &out, const UnansweredName &name) {
+    out.text(name.name);
+    out.integer(static_cast<std::uint64_t>(name.problem), 1);
+    out.integer(name.addresses, 8);
+    out.integer(static_cast<std::uint64_t>(name.ageSeconds), 8);
+    out.flag(name.allows);
+}
+
+UnansweredName readName(Reader &in) {
+    UnansweredName name;
+    name.name = in.text();
+    name.problem = static_cast<UnansweredName::Problem>(std::min<std::uint64_t>(in.integer(1), 2));
+    name.addresses = in.integer(8);
+    name.ageSeconds = static_cast<std::int64_t>(in.integer(8));
+    name.allows = in.flag();
+    return name;
+}
+
+std::string flatten(const NamesState &state) {
+    Writer out;
+    for (const std::uint64_t number :
+         {state.serviceId, state.generation, state.inUse, state.unanswered, state.refreshSeconds})
+        out.integer(number, 8);
+    out.list(state.list, [&](const UnansweredName &name) { write(out, name); });
+    return out.take();
+}
+
+std::vector<std::string> inParts(const std::string &text) {
+    constexpr std::size_t kPartBytes = kMaxPacketBytes - kReplyHeadBytes;
+    std::vector<std::string> packets;
+    for (std::size_t at = 0; at < text.size(); at += kPartBytes) {
+        const std::uint64_t partsAfter = (text.size() - at - 1) / kPartBytes;
+        packets.push_back(encode(Reply{Reply::Kind::state, 0, partsAfter, text.substr(at, kPartBytes)}));
+    }
+    return packets;
+}
+
 } // namespace
 
 std::string encode(const Request &request) {
@@ -130,7 +169,7 @@ std::string encode(const Reply &reply) {
 }
 
 bool decodeRequest(std::string_view packet, Request &request) {
-    constexpr std::string_view kKinds = "OCLXQ";
+    constexpr std::string_view kKinds = "OCLXQN";
     Reader in(packet);
     const char kind = static_cast<char>(in.integer(1));
     request.kind = static_cast<Request::Kind>(kind);
@@ -191,16 +230,9 @@ bool isCommandList(std::string_view text) {
     return count <= kMaxListedCommands;
 }
 
-std::vector<std::string> encodeState(const ServiceState &state) {
-    constexpr std::size_t kPartBytes = kMaxPacketBytes - kReplyHeadBytes;
-    const std::string text = flatten(state);
-    std::vector<std::string> packets;
-    for (std::size_t at = 0; at < text.size(); at += kPartBytes) {
-        const std::uint64_t partsAfter = (text.size() - at - 1) / kPartBytes;
-        packets.push_back(encode(Reply{Reply::Kind::state, 0, partsAfter, text.substr(at, kPartBytes)}));
-    }
-    return packets;
-}
+std::vector<std::string> encodeState(const ServiceState &state) { return inParts(flatten(state)); }
+
+std::vector<std::string> encodeState(const NamesState &state) { return inParts(flatten(state)); }
 
 std::optional<ServiceState> decodeState(std::string_view text) {
     Reader in(text);
@@ -224,6 +256,44 @@ std::optional<ServiceState> decodeState(std::string_view text) {
     if (!in.complete())
         return std::nullopt;
     return state;
+}
+
+std::optional<NamesState> decodeNamesState(std::string_view text) {
+    Reader in(text);
+    NamesState state;
+    for (auto *number : {&state.serviceId, &state.generation, &state.inUse, &state.unanswered, &state.refreshSeconds})
+        *number = in.integer(8);
+    in.list([&] { state.list.push_back(readName(in)); });
+    return in.complete() ? std::make_optional(std::move(state)) : std::nullopt;
+}
+
+std::vector<Request> encodeNamesRequest(NamesRequest::About about, const std::vector<std::string> &names) {
+    std::vector<Request> requests(1, {Request::Kind::names, static_cast<std::uint64_t>(about), {}});
+    for (const std::string &name : names) {
+        if (name.size() > kMaxNameBytes)
+            continue;
+        if (requests.back().text.size() + name.size() + 1 > kMaxListBytes) {
+            requests.back().number |= kMoreFollow;
+            requests.push_back({Request::Kind::names, static_cast<std::uint64_t>(about), {}});
+        }
+        requests.back().text += name + '\n';
+    }
+    return requests;
+}
+
+std::optional<NamesRequest> decodeNamesRequest(const Request &request) {
+    NamesRequest decoded;
+    const std::uint64_t about = request.number & ~kMoreFollow;
+    if (request.kind != Request::Kind::names || about > static_cast<std::uint64_t>(NamesRequest::About::retain))
+        return std::nullopt;
+    decoded.about = static_cast<NamesRequest::About>(about);
+    decoded.moreFollow = (request.number & kMoreFollow) != 0;
+    std::string_view rest = request.text;
+    for (std::size_t end = rest.find('\n'); end != std::string_view::npos; end = rest.find('\n')) {
+        decoded.names.emplace_back(rest.substr(0, end));
+        rest.remove_prefix(end + 1);
+    }
+    return rest.empty() ? std::make_optional(std::move(decoded)) : std::nullopt;
 }
 
 } // namespace rlv::protocol

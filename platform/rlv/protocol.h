@@ -28,12 +28,13 @@ constexpr std::size_t kMaxListBytes = 16'384;
 constexpr std::size_t kMaxListedCommands = 512;
 
 struct Request {
-    enum class Kind : std::uint8_t { open = 'O', commit = 'C', list = 'L', close = 'X', query = 'Q' };
+    enum class Kind : std::uint8_t { open = 'O', commit = 'C', list = 'L', close = 'X', query = 'Q', names = 'N' };
     Kind kind = Kind::open;
-    // open: the client's protocol version; query: tell of connections above this number; close: an Interruption, 0 when
-    // all is well. An interrupted connection ends as if the client had vanished.
+    // open: the client's protocol version; query: tell of connections above this number; names: see NamesRequest;
+    // close: an Interruption, 0 when all is well. An interrupted connection ends as if the client had vanished.
     std::uint64_t number = 0;
-    std::string text; // commit: the option text; list: several (see CommandList), which get no reply
+    // commit: the option text; list: several (see CommandList), which get no reply; names: see NamesRequest
+    std::string text;
 };
 
 struct Reply {
@@ -78,10 +79,29 @@ bool isCommandList(std::string_view text);
 // Takes the first command off the front of such a text, which is not empty.
 std::string_view takeCommand(std::string_view &text);
 
+// What a request about names says. An announcement may be longer than a packet: then all requests but the last say that
+// more follow.
+struct NamesRequest {
+    enum class About : std::uint8_t { look = 0, list = 1, announce = 2, announceAll = 3, retain = 4 };
+    About about = About::look;
+    bool moreFollow = false;
+    std::vector<std::string> names;
+};
+
+// The requests that say it, in order, each of which gets a state for a reply. Its number is what it is about, and 256
+// more when more follow; its text is the names, each with a line feed behind. What is longer than a host name can be is
+// left out.
+std::vector<Request> encodeNamesRequest(NamesRequest::About about, const std::vector<std::string> &names);
+// Empty for what is none.
+std::optional<NamesRequest> decodeNamesRequest(const Request &request);
+
 // The packets of a reply to a query, in order.
 std::vector<std::string> encodeState(const ServiceState &state);
 // From the texts of all parts, joined. Empty for what is no state.
 std::optional<ServiceState> decodeState(std::string_view text);
+// The same of a reply to a request about names.
+std::vector<std::string> encodeState(const NamesState &state);
+std::optional<NamesState> decodeNamesState(std::string_view text);
 
 } // namespace rlv::protocol
 

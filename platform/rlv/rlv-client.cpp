@@ -271,6 +271,44 @@ template <class Call> int guarded(Call call) noexcept {
     }
 }
 
+// A state that comes in parts. Stores its text.
+int receiveState(int fd, const Request &request, Clock::time_point deadline, std::string &text) {
+    Outcome part = rlv::client::ask(fd, request, Reply::Kind::state, deadline);
+    std::uint64_t partsLeft = part.reply.number;
+    text = std::move(part.reply.text);
+    while (part.error == 0 && partsLeft > 0) {
+        part = rlv::client::receiveReply(fd, deadline);
+        if (part.error == 0 && (part.reply.kind != Reply::Kind::state || part.reply.number != --partsLeft))
+            part.error = EPROTO;
+        text += part.reply.text;
+    }
+    return part.error;
+}
+
+// On a socket of its own. What comes in answer to the last request counts.
+template <class State>
+State askForState(const std::vector<Request> &requests, Milliseconds timeout,
+                  std::optional<State> (*decode)(std::string_view)) {
+    const auto deadline = Clock::now() + timeout;
+    UniqueFd fd;
+    int error = rlv::client::connectTo(connections().path(), deadline, fd);
+    std::string text;
+    for (const Request &request : requests) {
+        if (error == 0)
+            error = receiveState(fd.get(), request, deadline, text);
+    }
+    auto state = error == 0 ? decode(text) : std::nullopt;
+    if (!state)
+        throw std::system_error(error != 0 ? error : EPROTO, std::generic_category(), "traffic-control service");
+    return *std::move(state);
+}
+
+using AboutNames = rlv::protocol::NamesRequest::About;
+
+rlv::NamesState tellOfNames(AboutNames about, const std::vector<std::string> &names, Milliseconds timeout) {
+    return askForState(rlv::protocol::encodeNamesRequest(about, names), timeout, rlv::protocol::decodeNamesState);
+}
+
 } // namespace
 
 int rlv_initialize(rlv_handle *handle) {
@@ -306,28 +344,23 @@ void setFailureCount(FailureCount count) { connections().setFailureCount(count);
 std::vector<Opening> takeOpenings() { return connections().takeOpenings(); }
 
 ServiceState query(std::uint64_t sinceConnection, std::chrono::milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
-    UniqueFd fd;
-    int error = client::connectTo(connections().path(), deadline, fd);
-    std::string text;
-    std::uint64_t partsLeft = 0;
-    if (error == 0) {
-        Outcome part =
-            client::ask(fd.get(), Request{Request::Kind::query, sinceConnection, {}}, Reply::Kind::state, deadline);
-        text = std::move(part.reply.text);
-        error = part.error;
-        partsLeft = part.reply.number;
-    }
-    while (error == 0 && partsLeft > 0) {
-        const Outcome part = client::receiveReply(fd.get(), deadline);
-        const bool next = part.reply.kind == Reply::Kind::state && part.reply.number == --partsLeft;
-        error = part.error != 0 || next ? part.error : EPROTO;
-        text += part.reply.text;
-    }
-    auto state = error == 0 ? protocol::decodeState(text) : std::nullopt;
-    if (!state)
-        throw std::system_error(error != 0 ? error : EPROTO, std::generic_category(), "traffic-control service");
-    return *state;
+    return askForState({Request{Request::Kind::query, sinceConnection, {}}}, timeout, protocol::decodeState);
+}
+
+NamesState queryNames(bool withList, std::chrono::milliseconds timeout) {
+    return tellOfNames(withList ? AboutNames::list : AboutNames::look, {}, timeout);
+}
+
+NamesState announceNames(const std::vector<std::string> &names, std::chrono::milliseconds timeout) {
+    return tellOfNames(AboutNames::announce, names, timeout);
+}
+
+NamesState announceAllNames(const std::vector<std::string> &names, std::chrono::milliseconds timeout) {
+    return tellOfNames(AboutNames::announceAll, names, timeout);
+}
+
+NamesState retainNames(const std::vector<std::string> &names, std::chrono::milliseconds timeout) {
+    return tellOfNames(AboutNames::retain, names, timeout);
 }
 
 } // namespace rlv

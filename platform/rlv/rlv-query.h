@@ -3,6 +3,7 @@
 #define PLATFORM_RLV_RLV_QUERY_H
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -77,6 +78,43 @@ struct ServiceState {
 // when the service cannot be reached or has not answered within `timeout`.
 ServiceState query(std::uint64_t sinceConnection,
                    std::chrono::milliseconds timeout = std::chrono::milliseconds(10'000));
+
+// A host name in use for which the service had no answer when it last asked.
+struct UnansweredName {
+    // failed: nobody has answered who knows; absent: there is no such name, or no address of it; tooMany: it has more
+    // addresses than are taken.
+    enum class Problem { failed, absent, tooMany };
+    std::string name; // in lower case
+    Problem problem = Problem::failed;
+    std::uint64_t addresses = 0;  // of its last answer, which is used instead; 0: there is none
+    std::int64_t ageSeconds = -1; // of that answer; -1: it cannot be told
+    bool allows = false;          // it is used in rules that allow, too
+};
+
+struct NamesState {
+    std::uint64_t serviceId = 0;
+    // Goes up when a name in use stands for other addresses than were given for a command: the rules that have it have
+    // to be sent again.
+    std::uint64_t generation = 0;
+    std::uint64_t inUse = 0;
+    std::uint64_t unanswered = 0;     // of those in use
+    std::uint64_t refreshSeconds = 0; // after which a name in use is looked up again
+    std::vector<UnansweredName> list; // the unanswered ones, where they were asked for
+};
+
+// The most names that a client may have in use.
+constexpr std::size_t kMaxNamesInUse = 4096;
+
+// Asks for the state of the names in use. Throws as query() does, as the following do.
+NamesState queryNames(bool withList, std::chrono::milliseconds timeout);
+// Commands with these names follow, or follow again: the service looks them up at once, side by side, for 2 s at most,
+// and the commands wait for that alone. They are in use from now on; the service looks them up again now and then for
+// as long as anybody asks for their state every few minutes.
+NamesState announceNames(const std::vector<std::string> &names, std::chrono::milliseconds timeout);
+// The same, and no others are in use; the rules of all are about to be sent.
+NamesState announceAllNames(const std::vector<std::string> &names, std::chrono::milliseconds timeout);
+// No others are in use.
+NamesState retainNames(const std::vector<std::string> &names, std::chrono::milliseconds timeout);
 
 // A connection that this process has tried to open.
 struct Opening {

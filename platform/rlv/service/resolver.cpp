@@ -1,101 +1,162 @@
 #include "rlv/service/resolver.h"
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <optional>
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 
 namespace rlv {
 namespace {
 
-// What the child writes: a byte that says "found", then the addresses in network byte order. Nothing: not found.
-constexpr char kFound = 'f';
-constexpr std::size_t kAddressBytes = sizeof(in_addr);
-// Fits into a pipe's buffer as a whole, so that the child never waits for the reader.
-constexpr std::size_t kMaxAnswerBytes = 1 + (kMaxAddresses + 1) * kAddressBytes;
+using Kind = LookUpResult::Kind;
 
-void appendOnce(std::string &answer, const in_addr &address) {
-    std::array<char, kAddressBytes> raw{};
-    std::memcpy(raw.data(), &address, raw.size());
-    const std::string_view wanted(raw.data(), raw.size());
-    for (std::size_t at = 1; at < answer.size(); at += kAddressBytes) {
-        if (std::string_view(answer).substr(at, kAddressBytes) == wanted)
-            return;
-    }
-    if (answer.size() < kMaxAnswerBytes)
-        answer += wanted;
+// What the child sends for each name, in a packet: its place in the list (4 bytes) and its kind (1), then the
+// addresses, all in this machine's byte order.
+constexpr std::size_t kHeadBytes = sizeof(std::uint32_t) + 1;
+constexpr std::size_t kAddressBytes = sizeof(std::uint32_t);
+constexpr std::size_t kMaxAnswerBytes = kHeadBytes + kMaxAddresses * kAddressBytes;
+// For the modules that the C library loads to look up names; what is not used costs nothing.
+constexpr std::size_t kStackBytes = 512 * std::size_t{1024};
+// So that the clients have their turns in between.
+constexpr int kMaxReadAtOnce = 64;
+
+Kind kindOfError(int error) {
+    const bool isAbsent = error == EAI_NONAME
+#ifdef EAI_NODATA
+                          || error == EAI_NODATA || error == EAI_ADDRFAMILY
+#endif
+        ;
+    return isAbsent ? Kind::absent : Kind::failed;
 }
 
-std::string addressesOf(const char *name) {
+LookUpResult lookUp(const char *name) {
     addrinfo wanted{};
     wanted.ai_family = AF_INET;
     wanted.ai_socktype = SOCK_STREAM; // one entry per address, not one per address and kind of socket
     addrinfo *found = nullptr;
-    if (::getaddrinfo(name, nullptr, &wanted, &found) != 0)
-        return {};
-    std::string answer(1, kFound);
+    if (const int error = ::getaddrinfo(name, nullptr, &wanted, &found); error != 0)
+        return {kindOfError(error), {}};
+    Addresses addresses;
     for (const addrinfo *entry = found; entry != nullptr; entry = entry->ai_next)
-        appendOnce(answer, reinterpret_cast<const sockaddr_in *>(entry->ai_addr)->sin_addr);
+        addresses.push_back(ntohl(reinterpret_cast<const sockaddr_in *>(entry->ai_addr)->sin_addr.s_addr));
     ::freeaddrinfo(found);
-    return answer;
+    std::sort(addresses.begin(), addresses.end());
+    addresses.erase(std::unique(addresses.begin(), addresses.end()), addresses.end());
+    if (addresses.size() > kMaxAddresses)
+        return {Kind::tooMany, {}};
+    return {addresses.empty() ? Kind::absent : Kind::found, std::move(addresses)};
+}
+
+std::string encode(std::uint32_t place, const LookUpResult &result) {
+    std::string packet(kHeadBytes + result.addresses.size() * kAddressBytes, static_cast<char>(result.kind));
+    std::memcpy(packet.data(), &place, sizeof place);
+    if (!result.addresses.empty())
+        std::memcpy(packet.data() + kHeadBytes, result.addresses.data(), result.addresses.size() * kAddressBytes);
+    return packet;
+}
+
+struct Work {
+    const std::vector<std::string> &names;
+    std::atomic<std::size_t> next{0};
+};
+
+// A thread of the child. No exception can be told anybody: a name without an answer has failed.
+void *answer(void *shared) noexcept try {
+    Work &work = *static_cast<Work *>(shared);
+    for (std::size_t place = work.next++; place < work.names.size(); place = work.next++) {
+        const std::string packet = encode(static_cast<std::uint32_t>(place), lookUp(work.names[place].c_str()));
+        if (::send(STDIN_FILENO, packet.data(), packet.size(), MSG_NOSIGNAL) < 0)
+            return nullptr;
+    }
+    return nullptr;
+} catch (...) {
+    return nullptr;
+}
+
+// Fewer threads than wanted are slower and no failure: this one works too.
+void answerAll(Work &work) {
+    pthread_attr_t attributes;
+    ::pthread_attr_init(&attributes);
+    ::pthread_attr_setstacksize(&attributes, kStackBytes);
+    std::vector<pthread_t> threads;
+    pthread_t thread{};
+    const std::size_t wanted = std::min(work.names.size(), kMaxLookUpsAtOnce) - 1;
+    while (threads.size() < wanted && ::pthread_create(&thread, &attributes, &answer, &work) == 0)
+        threads.push_back(thread);
+    answer(&work);
+    for (const pthread_t each : threads)
+        ::pthread_join(each, nullptr);
 }
 
 // The child has copies of the service's sockets: while it held them, a client would not see the service close its own.
-[[noreturn]] void answerAndExit(const char *name, int answers) {
+[[noreturn]] void answerAndExit(const std::vector<std::string> &names, int answers) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     ::dup2(answers, STDIN_FILENO);
     ::close_range(STDERR_FILENO + 1, ~0U, 0);
     sigset_t none;
     ::sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
-    const std::string answer = addressesOf(name);
-    const bool written = ::write(STDIN_FILENO, answer.data(), answer.size()) == static_cast<ssize_t>(answer.size());
-    ::_exit(written ? 0 : 1);
+    try {
+        Work work{names};
+        answerAll(work);
+    } catch (...) { // no memory for a list of threads
+        ::_exit(1);
+    }
+    ::_exit(0);
 }
 
-std::optional<Addresses> decode(const std::string &answer) {
-    const std::size_t count = answer.empty() ? 0 : (answer.size() - 1) / kAddressBytes;
-    if (count == 0 || count > kMaxAddresses || answer[0] != kFound)
+// Of a packet from our own child. Empty when it is none.
+std::optional<std::pair<std::size_t, LookUpResult>> decode(const char *packet, std::size_t bytes) {
+    if (bytes < kHeadBytes)
         return std::nullopt;
-    Addresses addresses(count);
-    for (std::size_t i = 0; i < count; ++i) {
-        in_addr_t raw = 0;
-        std::memcpy(&raw, answer.data() + 1 + i * kAddressBytes, kAddressBytes);
-        addresses[i] = ntohl(raw);
-    }
-    return addresses;
+    std::uint32_t place = 0;
+    std::memcpy(&place, packet, sizeof place);
+    LookUpResult result{static_cast<Kind>(packet[kHeadBytes - 1]), Addresses((bytes - kHeadBytes) / kAddressBytes)};
+    if (!result.addresses.empty())
+        std::memcpy(result.addresses.data(), packet + kHeadBytes, result.addresses.size() * kAddressBytes);
+    return std::make_pair(std::size_t{place}, std::move(result));
 }
 
 } // namespace
 
-LookUp::LookUp(support::EventLoop &loop, const std::string &name, std::chrono::milliseconds timeout, Done done)
-    : loop_(loop), done_(std::move(done)) {
+LookUps::LookUps(support::EventLoop &loop, const std::vector<std::string> &names, std::chrono::milliseconds timeout,
+                 Each each, Done done)
+    : loop_(loop), names_(names), each_(std::move(each)), done_(std::move(done)) {
     std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0)
-        throw std::system_error(errno, std::generic_category(), "pipe2");
+    if (::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends.data()) != 0)
+        throw std::system_error(errno, std::generic_category(), "socketpair");
     answers_.reset(ends[0]);
     const support::UniqueFd writer(ends[1]);
     child_ = ::fork();
     if (child_ == 0)
-        answerAndExit(name.c_str(), writer.get());
+        answerAndExit(names_, writer.get());
     if (child_ < 0)
         throw std::system_error(errno, std::generic_category(), "fork");
-    loop_.watch(answers_.get(), EPOLLIN, [this](std::uint32_t) { readable(); });
-    timer_ = loop_.after(timeout, [this] { finish(std::nullopt); });
+    try {
+        loop_.watch(answers_.get(), EPOLLIN, [this](std::uint32_t) { readable(); });
+        timer_ = loop_.after(timeout, [this] { finish(); });
+    } catch (...) { // what was begun is ended by nobody else
+        end();
+        throw;
+    }
 }
 
-LookUp::~LookUp() { endChild(); }
+LookUps::~LookUps() { end(); }
 
-void LookUp::endChild() {
+void LookUps::end() {
     loop_.cancel(std::exchange(timer_, 0));
     if (answers_)
         loop_.unwatch(answers_.get());
@@ -108,22 +169,33 @@ void LookUp::endChild() {
     }
 }
 
-void LookUp::readable() {
-    std::array<char, kMaxAnswerBytes> buffer;
-    const ssize_t size = ::read(answers_.get(), buffer.data(), buffer.size());
-    if (size < 0 && (errno == EAGAIN || errno == EINTR))
-        return;
-    if (size > 0 && received_.size() < kMaxAnswerBytes)
-        received_.append(buffer.data(), static_cast<std::size_t>(size));
-    else
-        finish(decode(received_));
+void LookUps::readable() {
+    for (int i = 0; i < kMaxReadAtOnce && readOne(); ++i) {
+    }
 }
 
-void LookUp::finish(const std::optional<Addresses> &addresses) {
-    endChild();
+// False when there is nothing more for now.
+bool LookUps::readOne() {
+    std::array<char, kMaxAnswerBytes> buffer;
+    const ssize_t size = answers_ ? ::recv(answers_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT) : -1;
+    if (!answers_ || (size < 0 && (errno == EAGAIN || errno == EINTR)))
+        return false;
+    if (size <= 0) {
+        finish();
+        return false;
+    }
+    ++answered_;
+    const auto answer = decode(buffer.data(), static_cast<std::size_t>(size));
+    if (answer && answer->first < names_.size())
+        each_(names_[answer->first], answer->second);
+    return true;
+}
+
+void LookUps::finish() {
+    end();
     // The callee may end this object.
     const Done done = std::move(done_);
-    done(addresses);
+    done();
 }
 
 } // namespace rlv

@@ -57,6 +57,7 @@ struct Arguments {
     bool noResolve = false;
     bool removeTables = false;
     long idleSeconds = 600;
+    long refreshSeconds = 300;
     rlv::ServiceOptions service;
 };
 
@@ -103,6 +104,12 @@ void addTableOptions(CLI::App &app, Arguments &arguments) {
         ->check(&faultOfPrefix)
         ->capture_default_str();
     app.add_flag("--no-resolve", arguments.noResolve, "Refuse host names in place of addresses");
+    app.add_option("--names-file", arguments.service.names.file,
+                   "Keep the answers of name servers in this file; if not given, in memory alone");
+    app.add_option("--refresh-names", arguments.refreshSeconds,
+                   "After how many seconds a host name in use is looked up again")
+        ->check(CLI::Range(1, 86'400))
+        ->capture_default_str();
     app.add_flag("--simulate", arguments.service.simulated, "Keep the chains in memory; the kernel is not touched");
     app.add_flag("--remove-tables", arguments.removeTables,
                  "Take the hooks and the chains with the prefix out of the kernel, and exit");
@@ -229,6 +236,7 @@ int run(Arguments &arguments) {
     try {
         arguments.service.resolveNames = !arguments.noResolve;
         arguments.service.maxIdle = std::chrono::seconds(arguments.idleSeconds);
+        arguments.service.names.refresh = std::chrono::seconds(arguments.refreshSeconds);
         arguments.service.patience = std::min(arguments.service.patience, arguments.service.maxIdle);
         chooseLog(arguments);
         return arguments.removeTables ? removeTables(arguments.service) : serve(arguments);

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "rlv/service/connection-history.h"
+#include "rlv/service/names.h"
 #include "rlv/service/table-turns.h"
 #include "rlv/table/table.h"
 #include "support/event-loop.h"
@@ -19,6 +20,7 @@ struct ServiceContext {
     Table &table;
     TableTurns turns;
     ConnectionHistory history;
+    Names names;
     std::string chainPrefix;
     std::chrono::milliseconds maxWait; // for a turn
     bool resolveNames = true;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <exception>
 #include <iterator>
 #include <system_error>
@@ -13,7 +14,6 @@
 namespace rlv {
 namespace {
 
-constexpr std::chrono::milliseconds kLookUpTime{2000};
 constexpr int kBadText = 2;
 constexpr int kFailed = 4;
 constexpr std::uint64_t kUnknownInterruption = 255;
@@ -37,14 +37,16 @@ Answer notFound(const std::string &name, const std::string &why = {}) {
 
 // An absent name stands for the address that the rule has already, which may be none.
 std::vector<std::optional<Network>> networksOf(const std::string &name, const std::optional<Network> &given,
-                                               const std::map<std::string, Addresses> &known) {
+                                               const Addresses &addresses) {
     if (name.empty())
         return {given};
     std::vector<std::optional<Network>> networks;
-    for (const auto address : known.at(name))
+    for (const auto address : addresses)
         networks.push_back(Network{address, 32});
     return networks;
 }
+
+bool isAllowing(const Command &command) { return command.rule.target.kind == Target::Kind::accept; }
 
 } // namespace
 
@@ -93,6 +95,8 @@ void Session::dispatch(std::size_t textBytes) {
     using Kind = protocol::Request::Kind;
     if (request_.kind == Kind::query)
         return query();
+    if (request_.kind == Kind::names)
+        return names(textBytes);
     if ((request_.kind == Kind::open) == isOpen())
         return refuse(EPROTO, isOpen() ? "opened twice" : "not opened");
     switch (request_.kind) {
@@ -140,7 +144,7 @@ void Session::open() {
     context_.table.open();
     number_ = context_.history.open(asker_);
     delivery_.open(number_);
-    addresses_.clear();
+    known_.clear();
     lookUpTimeLeft_ = kLookUpTime;
     RLVD_INFO("connection %lld of user %u, process %d: opened", ll(number_), asker_.user, asker_.process);
     connection_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::opened, 0, number_, {}})});
@@ -169,6 +173,31 @@ void Session::query() {
     state.serviceId = context_.serviceId;
     state.lastConnection = context_.history.lastNumber();
     state.connections = context_.history.of(asker_, request_.number);
+    const auto packets = protocol::encodeState(state);
+    connection_.reply({packets.begin(), packets.end()});
+}
+
+// An announcement may come in several requests; what is beyond the limit is looked up when its command comes.
+void Session::names(std::size_t textBytes) {
+    using About = protocol::NamesRequest::About;
+    const auto asked = protocol::decodeNamesRequest(request_);
+    if (!asked || textBytes != request_.text.size())
+        return refuse(EPROTO, "not a request about names");
+    const std::size_t room = kMaxKeptNames - std::min(kMaxKeptNames, announced_.size());
+    announced_.insert(announced_.end(), asked->names.begin(),
+                      asked->names.begin() + static_cast<std::ptrdiff_t>(std::min(room, asked->names.size())));
+    NamesState state;
+    if (!asked->moreFollow && context_.resolveNames) {
+        if (asked->about == About::announce)
+            context_.names.announce(announced_);
+        else if (asked->about == About::announceAll)
+            context_.names.announceAll(announced_);
+        else if (asked->about == About::retain)
+            context_.names.retain(announced_);
+        announced_.clear();
+        state = context_.names.state(asked->about == About::list);
+    }
+    state.serviceId = context_.serviceId;
     const auto packets = protocol::encodeState(state);
     connection_.reply({packets.begin(), packets.end()});
 }
@@ -236,43 +265,74 @@ std::optional<Answer> Session::resolve(const std::string &name) {
         return std::nullopt;
     if (!context_.resolveNames)
         return notFound(name, ": this service looks up no names (--no-resolve)");
-    const auto known = addresses_.find(name);
-    if (known != addresses_.end())
-        return known->second.empty() ? std::make_optional(notFound(name)) : std::nullopt;
-    if (lookUpTimeLeft_.count() <= 0)
-        return notFound(name, ": the look-ups of this connection took more than 2 seconds");
+    if (known_.count(name) != 0)
+        return useOf(name);
+    if (const auto standing = context_.names.standing(name)) {
+        learn(name, *standing);
+        return useOf(name);
+    }
+    if (lookUpTimeLeft_.count() <= 0) {
+        learn(name, LookUpResult());
+        return useOf(name);
+    }
     lookUp(name);
     return std::nullopt;
 }
 
+// A refusal, or nothing, of a name that is known.
+std::optional<Answer> Session::useOf(const std::string &name) {
+    const Command &command = commands_.front();
+    const Addresses &addresses = addressesOf(name);
+    if (command.action == Command::Action::appendRule)
+        context_.names.noteUse(name, isAllowing(command), addresses);
+    return addresses.empty() ? std::make_optional(notFound(name, known_.at(name).whyNot)) : std::nullopt;
+}
+
+// For the command under way.
+const Addresses &Session::addressesOf(const std::string &name) const {
+    static const Addresses none;
+    const auto known = known_.find(name);
+    if (known == known_.end())
+        return none;
+    return isAllowing(commands_.front()) ? known->second.answers.allowing : known->second.answers.denying;
+}
+
 void Session::lookUp(const std::string &name) {
     const auto start = support::EventLoop::Clock::now();
-    const auto done = [this, name, start](const std::optional<Addresses> &found) {
+    const auto done = [this, name, start](const LookUpResult &result) {
         const auto taken = support::EventLoop::Clock::now() - start;
         lookUpTimeLeft_ -= std::chrono::ceil<std::chrono::milliseconds>(taken);
         lookUp_.reset();
         guarded([&] {
-            keepAddresses(name, found);
+            learn(name, result);
             resolveAndApply();
         });
         if (request_.kind == protocol::Request::Kind::list)
             runRest();
     };
-    lookUp_ = std::make_unique<LookUp>(context_.loop, name, lookUpTimeLeft_, done);
+    lookUp_ = context_.names.lookUp(name, lookUpTimeLeft_, done);
 }
 
 // A name for which the time ran out was not found to be absent: the answer should say which it was.
-void Session::keepAddresses(const std::string &name, const std::optional<Addresses> &found) {
-    if (found || lookUpTimeLeft_.count() > 0)
-        addresses_.emplace(name, found.value_or(Addresses()));
+void Session::learn(const std::string &name, const LookUpResult &result) {
+    KnownName &known = known_[name];
+    known.answers = context_.names.answersAfter(name, result);
+    if (result.kind == LookUpResult::Kind::tooMany)
+        known.whyNot = ": it has more than " + std::to_string(kMaxAddresses) + " addresses";
+    else if (result.kind == LookUpResult::Kind::failed && lookUpTimeLeft_.count() <= 0)
+        known.whyNot = ": the look-ups of this connection took more than 2 seconds";
 }
 
 Answer Session::applyToAddresses() {
     if (commands_.front().sourceName.empty() && commands_.front().destinationName.empty())
         return context_.table.apply(commands_, options_);
+    const auto sources = networksOf(commands_.front().sourceName, commands_.front().rule.source,
+                                    addressesOf(commands_.front().sourceName));
+    const auto destinations = networksOf(commands_.front().destinationName, commands_.front().rule.destination,
+                                         addressesOf(commands_.front().destinationName));
     const Command given = std::exchange(commands_, {}).front();
-    for (const auto &source : networksOf(given.sourceName, given.rule.source, addresses_)) {
-        for (const auto &destination : networksOf(given.destinationName, given.rule.destination, addresses_)) {
+    for (const auto &source : sources) {
+        for (const auto &destination : destinations) {
             Command &command = commands_.emplace_back(given);
             command.sourceName.clear();
             command.destinationName.clear();

@@ -14,7 +14,7 @@
 #include "rlv/protocol.h"
 #include "rlv/service/connection.h"
 #include "rlv/service/delivery.h"
-#include "rlv/service/resolver.h"
+#include "rlv/service/names.h"
 #include "rlv/service/service-context.h"
 
 namespace rlv {
@@ -46,6 +46,7 @@ private:
     void open();
     void close();
     void query();
+    void names(std::size_t textBytes);
     void refuse(int error, const std::string &message);
     void finish(ConnectionEnd how);
 
@@ -57,7 +58,9 @@ private:
     void resolveAndApply();
     std::optional<Answer> resolve(const std::string &name);
     void lookUp(const std::string &name);
-    void keepAddresses(const std::string &name, const std::optional<Addresses> &found);
+    void learn(const std::string &name, const LookUpResult &result);
+    std::optional<Answer> useOf(const std::string &name);
+    const Addresses &addressesOf(const std::string &name) const;
     Answer applyToAddresses();
     void settle(const Answer &answer);
     void reply(const Answer &answer);
@@ -73,10 +76,15 @@ private:
     // The command under way, once for each address of its names when these are known.
     std::string options_;
     std::vector<Command> commands_;
-    // What this connection has learnt; an empty list is a name without addresses.
-    std::map<std::string, Addresses> addresses_;
+    // What this connection has learnt; it stays the same until the end, so that the rules of one name are alike.
+    struct KnownName {
+        NameAnswers answers; // none: the name was not found
+        std::string whyNot;
+    };
+    std::map<std::string, KnownName> known_;
     std::chrono::milliseconds lookUpTimeLeft_;
-    std::unique_ptr<LookUp> lookUp_;
+    std::unique_ptr<Names::Wait> lookUp_;
+    std::vector<std::string> announced_; // of an announcement under way
     Connection connection_;
 };
 

@@ -39,6 +39,7 @@ Service::Service(support::EventLoop &loop, Table &table, support::UniqueFd liste
                                                table,
                                                TableTurns(loop),
                                                ConnectionHistory(),
+                                               Names(loop, options.names),
                                                options.chainPrefix,
                                                options.maxWait,
                                                options.resolveNames,

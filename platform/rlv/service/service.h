@@ -19,6 +19,7 @@ struct ServiceOptions {
     std::set<uid_t> users; // served beside root
     std::string chainPrefix = "VPK-";
     bool resolveNames = true;
+    NameOptions names;
     bool logAccepted = false;
     bool simulated = false;
     std::size_t maxClients = 128;
