@@ -25,13 +25,14 @@ constexpr const char *kKept = "/run/kept-data";
 constexpr const char *kMarker = "/dev/shm/nyr_firewall_sd";
 constexpr std::chrono::seconds kStartDeadline{15};
 constexpr const char *kBroken = "!";
+constexpr const char *kSetStatus = "Host::setStatus"; // takes a number
 constexpr const char *kLibrary = NYR_BINARY_DIR "/lib/libfailing-memory.so";
 
 // The frame of the reply, or kBroken and why there is none.
 std::string carryOut(const std::string &method, const std::vector<std::string> &arguments) try {
     mavo::rmi::Message request;
     for (const auto &argument : arguments)
-        request.write(argument);
+        method == kSetStatus ? request.write(std::stoi(argument)) : request.write(argument);
     return encodeReply(mavo::rmi::Client(wholesystem::kHostSocket).call(method, request));
 } catch (const std::exception &error) {
     return kBroken + std::string(error.what());
