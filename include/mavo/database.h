@@ -32,13 +32,20 @@ private:
     std::runtime_error text_; // copies without throwing
 };
 
-// One open database file. Rollback journal, synchronous FULL, a busy time-out of 5 seconds.
+// One open database file. What a statement has changed outlives a power cut once its execution has succeeded: rollback
+// journal, in a mode whose end of a transaction is synchronised (persist), synchronous FULL. A busy time-out of 5
+// seconds. Beside the file lie its journal, "<path>-journal", which stays, and "<path>-digest", which says how it was
+// left.
 class __attribute__((visibility("default"))) Connection {
 public:
     // Opens `path` with SQLite's open flags (SQLITE_OPEN_READWRITE 2, SQLITE_OPEN_CREATE 4, SQLITE_OPEN_READONLY 1).
-    // With `verify` the content is checked too (PRAGMA quick_check), so a file that is not a sound database is refused
-    // here. A database with a write-ahead log is taken out of it, or refused where it may only be read; reading never
-    // makes or changes a file. Waits for others' locks. Throws mavo::Exception with SQLite's message.
+    // With `verify` the content is checked too, indexes included, unless the file is as it was left: what is not a
+    // sound database is refused here. A database with a write-ahead log is taken out of it, or refused where it may
+    // only be read; reading never makes or changes a file. Waits for others' locks. A journal that belongs to a file
+    // that is gone, empty or refused is renamed, so that it is not played into another one.
+    //
+    // Throws mavo::Exception, with SQLite's message, for a file that is damaged, for one that is absent or empty and
+    // not to be created, and for one that could not be read three times. Throws Unavailable for every other failure.
     Connection(const std::string &path, int flags, bool verify);
     ~Connection();
     Connection(const Connection &) = delete;
@@ -68,6 +75,9 @@ private:
 class __attribute__((visibility("default"))) Statement {
 public:
     // Throws mavo::Exception with SQLite's message when `sql` cannot be prepared.
+    //
+    // A connection's first "CREATE TABLE ..." is a part of opening: when nothing says that the file is damaged,
+    // preparing and executing it throw Unavailable.
     Statement(Connection &connection, const std::string &sql);
     ~Statement();
     Statement(const Statement &) = delete;
@@ -81,7 +91,8 @@ public:
 
     // Goes to the next row; false when there is none left. Throws mavo::Exception when SQLite fails.
     bool step();
-    // Runs the statement to its end. Never throws: false on failure, with the text in getErrorMessage().
+    // Runs the statement to its end. Throws nothing but what was said of the first table: false on failure, with the
+    // text in getErrorMessage().
     bool exec();
 
     // Number of columns in a result row, 0 for a statement that gives no rows.

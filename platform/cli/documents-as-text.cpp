@@ -61,6 +61,13 @@ std::string inForceLine(const Json &document) {
 
 std::string rebuildLine(const std::string &rebuild) { return rebuild.empty() ? "" : "rebuilding   " + rebuild + "\n"; }
 
+std::string databaseLines(const Json &remarks) {
+    std::string lines;
+    for (const auto &remark : remarks)
+        lines += "database     " + printable(remark.get<std::string>()) + "\n";
+    return lines;
+}
+
 std::string countsOf(const Json &counts) {
     return std::to_string(number(counts, "allow")) + " allow, " + std::to_string(number(counts, "deny")) + " deny";
 }
@@ -117,6 +124,7 @@ std::string statusAsText(const Json &document) {
            nameOfStatus(number(document, "applied")) + " (as last applied)\n" +         //
            "firewall     " + inForceLine(document) + "\n" +                             //
            rebuildLine(text(document, "rebuild")) +                                     //
+           databaseLines(part(document, "databases")) +                                 //
            "rules        " + rulesLine(part(document, "rules")) + "\n" +                //
            "collector    " + collectorLine(document) + "\n" +                           //
            problemLine("settings     ", text(document, "settingsProblem")) +            //

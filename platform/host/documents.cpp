@@ -13,6 +13,7 @@
 #include "host/call-watch.h"
 #include "host/collector.h"
 #include "host/config-file.h"
+#include "host/databases.h"
 #include "host/log.h"
 #include "host/paths.h"
 #include "host/plugin-config.h"
@@ -159,6 +160,9 @@ std::string statusDocument(int stored, int applied, const std::string &collector
     document["collectorProblem"] = collectorProblem;
     document["rebuild"] = rebuild;
     document["settingsProblem"] = configRemark();
+    document["databases"] = Json::Value(Json::arrayValue);
+    for (const auto &remark : databaseRemarks())
+        document["databases"].append(remark);
     document["lastReport"] = lastReport();
     document["families"] = "IPv4 only";
     return onOneLine(document);

@@ -22,6 +22,7 @@ namespace host {
 //   "rebuild"   when the tables are built anew by themselves, and why, or "given up: <reason>" when what was lost was
 //               lost again; empty when nothing of the kind is waited for
 //   "settingsProblem" what is wrong with the configuration file, or which one was put aside; one line or empty
+//   "databases" an array of lines: files of damaged databases that lie aside, and what others have changed
 //   "families"  "IPv4 only"
 // Throws mavo::Exception, which names the file, when the rule database cannot be read.
 std::string statusDocument(int stored, int applied, const std::string &collectorProblem, const std::string &rebuild);

@@ -14,6 +14,7 @@
 
 #include "host/call-watch.h"
 #include "host/data-check.h"
+#include "host/databases.h"
 #include "host/end-collector.h"
 #include "host/fork-handler.h"
 #include "host/host.h"
@@ -103,6 +104,8 @@ void run(const Options &options) {
     host::ServerLoop server(std::move(lock));
     host::handleForks({host::ServerLoop::signals(), [&server] { return server.descriptors(); }});
     host::Host host(host::loadPlugin(options.plugin));
+    host::watchOverDatabases();
+    host::refreshRuleBackup();
     const std::string interruption = host.start();
     server.serve(host, options.socket, privileges, interruption);
 }

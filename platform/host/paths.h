@@ -10,7 +10,7 @@ constexpr const char *kDatabaseDirectory = "/opt/data/vpk/db";
 
 constexpr const char *kRuleDatabase = "/opt/data/vpk/db/.firewall.db";
 constexpr const char *kRuleDatabaseBackup = "/opt/data/vpk/db/.firewall.db-backup";
-constexpr const char *kStatDatabase = "/opt/data/vpk/db/.firewall.stat.db";
+constexpr const char *kStatisticsDatabase = "/opt/data/vpk/db/.firewall.stat.db";
 constexpr const char *kConfigFile = "/opt/data/vpk/dplugins/nyr-firewall-plugin/config/config.json";
 constexpr const char *kMarkerName = "/nyr_firewall_sd"; // of the collector, for shm_open(3)
 

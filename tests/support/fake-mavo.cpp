@@ -64,6 +64,9 @@ Exception::~Exception() = default;
 
 namespace database {
 
+Unavailable::Unavailable(const std::string &text) : text_(text) {}
+Unavailable::~Unavailable() = default;
+
 using fakemavo::check;
 using fakemavo::record;
 using fakemavo::theHooks;

@@ -65,7 +65,7 @@ PacketOfSecond rowsAbout(const std::string &destination) {
     PacketOfSecond rows;
     try {
         for (const auto &record :
-             wholesystem::queryCopy(wholesystem::kStatDatabase, "SELECT ts, sip, sport, dip, dport FROM firewall_stat"
+             wholesystem::queryCopy(wholesystem::kStatisticsDatabase, "SELECT ts, sip, sport, dip, dport FROM firewall_stat"
                                                                 " WHERE dip = '" +
                                                                     destination + "'"))
             rows[std::stoll(record[0])] = {record[1], record[2], record[3], record[4]};

@@ -1,0 +1,29 @@
+// The databases of the host and its plugin: what becomes of damaged ones, and what is said of it.
+#ifndef PLATFORM_HOST_DATABASES_H
+#define PLATFORM_HOST_DATABASES_H
+
+#include <string>
+#include <vector>
+
+namespace host {
+
+// Says which file is the backup of the rules, and that statistics may be started anew. From
+// then on the log tells, as an error, what was done about a damaged database, by this process or the collector. Once,
+// before any database is opened.
+void watchOverDatabases();
+
+// Makes the backup equal to the rules: a host that was killed may have left it behind or torn. Brings the backup back
+// where the rules are damaged. Does nothing while the data cannot be used at all; what else keeps it from that is told
+// in the log.
+void refreshRuleBackup();
+
+// One line each: the files that lie aside, and what this process found changed by others. For `status`.
+std::vector<std::string> databaseRemarks();
+
+// Whether the file may be deleted. The rules and their backup may not: damaged ones have been put aside already, and
+// who wants to delete what lies there has failed for another reason.
+bool mayBeDeleted(const char *path);
+
+} // namespace host
+
+#endif

@@ -1,0 +1,90 @@
+// Making a backup equal to its database.
+#include <algorithm>
+#include <cstring>
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include "mavo/database-files.h"
+#include "mavo/database-recovery.h"
+#include "mavo/database-restore.h"
+#include "mavo/database.h"
+#include "mavo/exception.h"
+#include "mavo/replacement.h"
+
+namespace mavo {
+namespace database {
+
+namespace {
+
+constexpr sqlite3_int64 kBlockBytes = 65'536;
+constexpr unsigned kPrivate = 0600;
+
+// The bytes of an open database, read through SQLite's own descriptor (see readContent()).
+class Source {
+public:
+    explicit Source(sqlite3 *handle) {
+        sqlite3_file_control(handle, "main", SQLITE_FCNTL_FILE_POINTER, &file_);
+        if (file_ == nullptr || file_->pMethods->xFileSize(file_, &sizeBytes_) != SQLITE_OK)
+            throw Unavailable("the size of the database is not to be had");
+    }
+
+    sqlite3_int64 sizeBytes() const { return sizeBytes_; }
+
+    // Calls `each` with one block after another until it gives false.
+    void forEachBlock(const std::function<bool(const char *, std::size_t)> &each) const {
+        std::vector<char> block(kBlockBytes);
+        bool goesOn = true;
+        for (sqlite3_int64 at = 0; goesOn && at < sizeBytes_; at += kBlockBytes) {
+            const auto count = static_cast<int>(std::min(kBlockBytes, sizeBytes_ - at));
+            const int result = file_->pMethods->xRead(file_, block.data(), count, at);
+            if (result != SQLITE_OK)
+                throw Unavailable(sqlite3_errstr(result));
+            goesOn = each(block.data(), static_cast<std::size_t>(count));
+        }
+    }
+
+private:
+    sqlite3_file *file_ = nullptr;
+    sqlite3_int64 sizeBytes_ = 0;
+};
+
+// A file that cannot be read is unequal.
+bool areEqual(const Source &source, const std::string &path) {
+    const support::UniqueFd other = openFile(path, O_RDONLY);
+    if (!other || sizeOf(path) != source.sizeBytes())
+        return false;
+    std::vector<char> block(kBlockBytes);
+    bool equal = true;
+    source.forEachBlock([&](const char *bytes, std::size_t count) {
+        equal = ::read(other.get(), block.data(), count) == static_cast<ssize_t>(count) &&
+                std::memcmp(bytes, block.data(), count) == 0;
+        return equal;
+    });
+    return equal;
+}
+
+} // namespace
+
+void refreshBackup(const std::string &path) {
+    const std::string *const backup = backupOf(path);
+    if (backup == nullptr)
+        throw Exception(path + ": has no backup");
+    const Handle handle = openForUse(path, SQLITE_OPEN_READWRITE, true);
+    const ReadLock lock(handle.get());
+    if (lock.result() != SQLITE_OK)
+        throw Unavailable(path + ": " + sqlite3_errmsg(handle.get()));
+    const Source source(handle.get());
+    if (areEqual(source, *backup))
+        return;
+    Replacement copy(*backup, kPrivate);
+    source.forEachBlock([&](const char *bytes, std::size_t count) {
+        copy.write(bytes, count);
+        return true;
+    });
+    copy.synchronise();
+    copy.takePlace();
+}
+
+} // namespace database
+} // namespace mavo

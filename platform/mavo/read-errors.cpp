@@ -1,0 +1,69 @@
+#include "mavo/read-errors.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <sqlite3.h>
+#include <sys/types.h>
+
+namespace mavo {
+namespace database {
+
+namespace {
+
+using Read = ssize_t (*)(int, void *, std::size_t);
+using ReadAt = ssize_t (*)(int, void *, std::size_t, std::int64_t);
+
+thread_local int lastError = 0;
+
+// SQLite's own: which of them it uses was decided when it was compiled.
+Read ownRead = nullptr;
+ReadAt ownPread = nullptr;
+ReadAt ownPread64 = nullptr;
+
+ssize_t noted(ssize_t result) {
+    if (result < 0 && errno != EINTR) // which it tries again
+        lastError = errno;
+    return result;
+}
+
+ssize_t watchedRead(int fd, void *buffer, std::size_t count) { return noted(ownRead(fd, buffer, count)); }
+
+ssize_t watchedPread(int fd, void *buffer, std::size_t count, std::int64_t offset) {
+    return noted(ownPread(fd, buffer, count, offset));
+}
+
+ssize_t watchedPread64(int fd, void *buffer, std::size_t count, std::int64_t offset) {
+    return noted(ownPread64(fd, buffer, count, offset));
+}
+
+template <typename Function> void watch(sqlite3_vfs *system, const char *name, Function &own, Function watched) {
+    own = reinterpret_cast<Function>(system->xGetSystemCall(system, name));
+    if (own != nullptr)
+        system->xSetSystemCall(system, name, reinterpret_cast<sqlite3_syscall_ptr>(watched));
+}
+
+bool watchAll() {
+    constexpr int kHasSystemCalls = 3; // the version from which on they can be replaced
+    sqlite3_vfs *const system = sqlite3_vfs_find(nullptr);
+    if (system == nullptr || system->iVersion < kHasSystemCalls)
+        return false;
+    watch<Read>(system, "read", ownRead, watchedRead);
+    watch<ReadAt>(system, "pread", ownPread, watchedPread);
+    watch<ReadAt>(system, "pread64", ownPread64, watchedPread64);
+    return true;
+}
+
+} // namespace
+
+void watchReading() {
+    static const bool watched = watchAll();
+    static_cast<void>(watched);
+}
+
+int readError() { return lastError; }
+
+void forgetReadError() { lastError = 0; }
+
+} // namespace database
+} // namespace mavo

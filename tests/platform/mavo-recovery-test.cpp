@@ -1,0 +1,497 @@
+// What becomes of damaged databases whose program has said which file is for what, and of faults in the middle of that.
+#include "mavo/database-recovery.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <set>
+#include <string>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include "mavo/database.h"
+#include "mavo/exception.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using mavo::database::Connection;
+using mavo::database::Statement;
+using mavo::database::Unavailable;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+constexpr int kReadWrite = 2;
+constexpr int kCreate = 6;
+const std::string kFolder = "/run/db"; // on a tmpfs of the test's own
+const std::string kMain = kFolder + "/rules";
+const std::string kBackup = kFolder + "/rules-backup";
+const std::string kStatistics = kFolder + "/statistics";
+
+std::vector<std::string> told;
+
+std::string contentOf(const std::string &path) {
+    std::ifstream stream(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+void write(const std::string &path, const std::string &content) { std::ofstream(path, std::ios::binary) << content; }
+
+std::set<std::string> names() {
+    std::set<std::string> found;
+    for (const auto &entry : fs::directory_iterator(kFolder))
+        found.insert(entry.path().filename());
+    return found;
+}
+
+void run(Connection &connection, const std::string &sql) {
+    Statement statement(connection, sql);
+    ASSERT_TRUE(statement.exec()) << sql << ": " << statement.getErrorMessage();
+}
+
+// As the plugin opens its rules.
+std::string open(const std::string &path, int flags = kReadWrite) {
+    try {
+        Connection connection(path, flags, true);
+        Statement table(connection, "CREATE TABLE IF NOT EXISTS t (a TEXT PRIMARY KEY)");
+        return table.exec() ? "open" : "damaged";
+    } catch (const mavo::Exception &) {
+        return "damaged";
+    } catch (const Unavailable &) {
+        return "unavailable";
+    }
+}
+
+std::string rows(const std::string &path = kMain) {
+    Connection connection(path, kReadWrite, true);
+    Statement statement(connection, "SELECT group_concat(a) FROM (SELECT a FROM t ORDER BY a)");
+    return statement.step() ? statement.getColumn(0).getText() : "no row";
+}
+
+void store(const std::string &row, const std::string &path = kMain) {
+    Connection connection(path, kCreate, true);
+    run(connection, "CREATE TABLE IF NOT EXISTS t (a TEXT PRIMARY KEY)");
+    run(connection, "INSERT INTO t VALUES ('" + row + "')");
+}
+
+// Two rows in both files, as the plugin leaves them, and nobody has ever told of anything.
+class AProtectedDatabase : public testing::Test {
+protected:
+    void SetUp() override {
+        fs::create_directories(kFolder);
+        told.clear();
+        static const bool once = [] {
+            mavo::database::protectWithBackup(kMain, kBackup);
+            mavo::database::mayBeStartedAnew(kStatistics);
+            mavo::database::tellRecoveriesTo([](const std::string &line) { told.push_back(line); });
+            return true;
+        }();
+        ASSERT_TRUE(once);
+        store("one");
+        store("two");
+        write(kBackup, contentOf(kMain));
+    }
+    void TearDown() override { fs::remove_all(kFolder); }
+
+    // One bit of an entry in the index.
+    static void damageIndexOf(const std::string &path) {
+        std::string content = contentOf(path);
+        const auto entry = content.rfind("two");
+        ASSERT_NE(entry, content.find("two"));
+        content[entry] ^= 1;
+        write(path, content);
+    }
+    static void makeHotJournal(const std::string &path) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            Connection connection(path, kReadWrite, true);
+            run(connection, "PRAGMA cache_size=1");
+            run(connection, "BEGIN");
+            run(connection, "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n LIMIT 5000) "
+                            "INSERT INTO t SELECT 'row' || i FROM n");
+            ::_exit(0);
+        }
+        ASSERT_EQ(child, ::waitpid(child, nullptr, 0));
+        ASSERT_GT(fs::file_size(path + "-journal"), 512U);
+    }
+};
+
+// The damages that are found at an opening.
+const std::vector<std::function<void()>> &damages() {
+    static const std::vector<std::function<void()>> all{
+        [] { fs::remove(kMain); },
+        [] { write(kMain, ""); },
+        [] { write(kMain, std::string(5'000, 'x')); },
+        [] { fs::resize_file(kMain, 4'096); },
+        [] { fs::resize_file(kMain, 100); },
+        [] { write(kMain, contentOf(kMain).replace(4'096, 100, 100, '\x55')); },
+    };
+    return all;
+}
+
+TEST_F(AProtectedDatabase, IsReplacedByItsBackupWhateverIsWrongWithIt) {
+    for (const auto &damage : damages()) {
+        damage();
+        EXPECT_EQ("open", open(kMain));
+        EXPECT_EQ("one,two", rows());
+        EXPECT_EQ(1U, told.size());
+        told.clear();
+    }
+}
+
+TEST_F(AProtectedDatabase, IsReplacedWhenAnIndexIsDamaged) {
+    damageIndexOf(kMain);
+    const std::string damaged = contentOf(kMain);
+    EXPECT_EQ("one,two", rows());
+    EXPECT_EQ(contentOf(kBackup), contentOf(kMain));
+    EXPECT_EQ(damaged, contentOf(kMain + ".aside-1"));
+    EXPECT_THAT(told, ElementsAre(HasSubstr("was damaged and put aside")));
+    EXPECT_THAT(mavo::database::filesAside(kMain), ElementsAre(kMain + ".aside-1"));
+}
+
+TEST_F(AProtectedDatabase, KeepsThreeDamagedFiles) {
+    for (const char mark : {'a', 'b', 'c', 'd'}) {
+        write(kMain, std::string(1'000, mark));
+        EXPECT_EQ("open", open(kMain));
+    }
+    EXPECT_EQ('d', contentOf(kMain + ".aside-1").front());
+    EXPECT_EQ('c', contentOf(kMain + ".aside-2").front());
+    EXPECT_EQ('b', contentOf(kMain + ".aside-3").front());
+    EXPECT_EQ(0U, names().count("rules.aside-4"));
+}
+
+TEST_F(AProtectedDatabase, LosesNothingOfAnInterruptedTransaction) {
+    makeHotJournal(kMain);
+    EXPECT_EQ("one,two", rows());
+    EXPECT_THAT(told, IsEmpty());
+}
+
+TEST_F(AProtectedDatabase, PutsAnOrphanJournalAsideBeforeItIsReplaced) {
+    makeHotJournal(kMain);
+    fs::remove(kMain);
+    EXPECT_EQ("one,two", rows());
+    EXPECT_EQ(contentOf(kBackup), contentOf(kMain));
+    EXPECT_THAT(mavo::database::filesAside(kMain), ElementsAre(kMain + "-journal.aside-1"));
+}
+
+TEST_F(AProtectedDatabase, KeepsCopiesOfBothWhenBothAreDamaged) {
+    damageIndexOf(kMain);
+    damageIndexOf(kBackup);
+    EXPECT_EQ("damaged", open(kMain));
+    EXPECT_FALSE(fs::exists(kMain));
+    EXPECT_FALSE(fs::exists(kBackup));
+    EXPECT_TRUE(fs::exists(kMain + ".aside-1"));
+    EXPECT_TRUE(fs::exists(kBackup + ".aside-1"));
+    EXPECT_EQ("damaged", open(kBackup)) << "as the plugin's own restore begins";
+    EXPECT_EQ("open", open(kMain, kCreate));
+    EXPECT_EQ(1U, told.size());
+}
+
+TEST_F(AProtectedDatabase, IsAbsentAtTheFirstStartAndNothingIsSaid) {
+    fs::remove_all(kFolder);
+    fs::create_directories(kFolder);
+    EXPECT_EQ("damaged", open(kMain));
+    EXPECT_EQ("damaged", open(kBackup));
+    EXPECT_EQ("open", open(kMain, kCreate));
+    EXPECT_THAT(told, IsEmpty());
+    EXPECT_THAT(mavo::database::filesAside(kMain), IsEmpty());
+}
+
+TEST_F(AProtectedDatabase, KeepsItsBackupFromBeingRestoredWhileItIsThere) {
+    EXPECT_EQ("unavailable", open(kBackup));
+    EXPECT_EQ("open", open(kMain));
+}
+
+TEST_F(AProtectedDatabase, IsNotReplacedUnderAnOpenConnection) {
+    const Connection first(kMain, kReadWrite, true);
+    write(kMain, std::string(5'000, 'x'));
+    EXPECT_EQ("unavailable", open(kMain));
+    EXPECT_THAT(told, IsEmpty());
+}
+
+// ---- faults in the middle ----
+
+// In a child, so that limits end with it.
+template <typename Body> int inChild(Body body) {
+    const pid_t child = ::fork();
+    if (child == 0)
+        ::_exit(body());
+    int status = 0;
+    EXPECT_EQ(child, ::waitpid(child, &status, 0));
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+int unavailableWith(int descriptors) {
+    { const Unavailable first("a sanitizer opens files when it meets the first object of a type"); }
+    const rlimit limit{static_cast<rlim_t>(descriptors), static_cast<rlim_t>(descriptors)};
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    const std::string result = open(kMain);
+    return result == "unavailable" ? 0 : result == "open" ? 1 : 2;
+}
+
+TEST_F(AProtectedDatabase, StaysAsItIsWhileDescriptorsAreShort) {
+    write(kMain, std::string(5'000, 'x'));
+    const auto before = std::pair(contentOf(kMain), contentOf(kBackup));
+    int refused = 0;
+    for (int descriptors = 0; descriptors < 12; ++descriptors) {
+        const int result = inChild([=] { return unavailableWith(descriptors); });
+        ASSERT_NE(2, result) << descriptors;
+        if (result == 1)
+            break;
+        ++refused;
+        EXPECT_EQ(before, std::pair(contentOf(kMain), contentOf(kBackup))) << descriptors;
+        EXPECT_EQ(0U, names().count("rules-new"));
+    }
+    EXPECT_GT(refused, 3);
+    EXPECT_EQ("one,two", rows());
+}
+
+TEST_F(AProtectedDatabase, StaysAsItIsWhileTheDiskIsFull) {
+    ASSERT_EQ(0, ::mount("small", kFolder.c_str(), "tmpfs", 0, "size=64k"));
+    store("one");
+    write(kBackup, contentOf(kMain));
+    write(kMain, std::string(4'096, 'x'));
+    write(kFolder + "/filler", std::string(65'536, 'x'));
+    const std::string backup = contentOf(kBackup);
+    EXPECT_EQ("unavailable", open(kMain));
+    EXPECT_EQ(std::string(4'096, 'x'), contentOf(kMain));
+    EXPECT_EQ(backup, contentOf(kBackup));
+    fs::remove(kFolder + "/filler");
+    EXPECT_EQ("one", rows());
+    ::umount(kFolder.c_str());
+}
+
+TEST_F(AProtectedDatabase, StaysAsItIsWhileNoFileMayGrow) {
+    write(kMain, std::string(5'000, 'x'));
+    EXPECT_EQ(0, inChild([] {
+                  ::signal(SIGXFSZ, SIG_IGN);
+                  const rlimit limit{2'000, 2'000};
+                  ::setrlimit(RLIMIT_FSIZE, &limit);
+                  return open(kMain) == "unavailable" ? 0 : 1;
+              }));
+    EXPECT_EQ("one,two", rows());
+}
+
+// Failing system calls: the `times` ones after the next `skip`.
+struct Faults {
+    int skip = 0;
+    int times = 0;
+    int error = 0;
+
+    bool isMet() {
+        if (times == 0 || skip-- > 0)
+            return false;
+        skip = 0;
+        --times;
+        errno = error;
+        return true;
+    }
+};
+Faults reads;
+Faults opens;
+
+template <typename Function> Function *next(const char *name) {
+    return reinterpret_cast<Function *>(::dlsym(RTLD_NEXT, name));
+}
+
+constexpr int kForGood = 1 << 30;
+
+// The fault comes at each of the calls of an opening, and is over after two of them.
+TEST_F(AProtectedDatabase, IsReadAgainAfterErrorsThatPass) {
+    reads = {0, kForGood, 0};
+    reads.skip = kForGood;
+    { const Connection connection(kMain, kReadWrite, true); }
+    const int readsOfConstructor = kForGood - reads.skip;
+    int skipped = 0;
+    for (; skipped < 20; ++skipped) {
+        reads = {skipped, 2, EIO};
+        const std::string result = open(kMain);
+        if (reads.times != 0)
+            break;
+        EXPECT_EQ(skipped < readsOfConstructor ? "open" : "unavailable", result) << skipped;
+        EXPECT_EQ("one,two", rows());
+    }
+    reads = {};
+    EXPECT_GT(skipped, 4);
+    EXPECT_LT(skipped, 20);
+    EXPECT_THAT(told, IsEmpty());
+    EXPECT_THAT(mavo::database::filesAside(kMain), IsEmpty());
+}
+
+TEST_F(AProtectedDatabase, IsUnavailableAfterAnErrorOnReadingThatSaysNothingOfTheFile) {
+    for (int at = 0; at < 6; ++at) {
+        reads = {at, 1, ENOMEM};
+        EXPECT_EQ("unavailable", open(kMain)) << at;
+        EXPECT_EQ(0, reads.times);
+        EXPECT_EQ("one,two", rows());
+    }
+    EXPECT_THAT(told, IsEmpty());
+}
+
+TEST_F(AProtectedDatabase, IsNotReplacedWhileTheDiskReadsNothingAtAll) {
+    reads = {0, kForGood, EIO};
+    EXPECT_EQ("unavailable", open(kMain));
+    EXPECT_LT(reads.times, kForGood);
+    reads = {};
+    EXPECT_EQ("one,two", rows());
+    EXPECT_THAT(mavo::database::filesAside(kMain), IsEmpty());
+}
+
+TEST_F(AProtectedDatabase, IsUnavailableWhenOneOpenFailsForAPassingReason) {
+    for (const int error : {EMFILE, ENFILE, ENOMEM, EACCES, EIO}) {
+        opens = {0, 1, error};
+        EXPECT_EQ("unavailable", open(kMain)) << error;
+        EXPECT_EQ("one,two", rows());
+    }
+    EXPECT_THAT(told, IsEmpty());
+}
+
+TEST(AnUnprotectedDatabase, IsRefusedAfterThreeErrorsOnReading) {
+    fs::create_directories(kFolder);
+    const std::string path = kFolder + "/unprotected";
+    store("one", path);
+    fs::remove(path + "-journal"); // which could not be read either
+    reads = {0, kForGood, EIO};
+    EXPECT_EQ("damaged", open(path));
+    reads = {};
+    EXPECT_EQ("one", rows(path));
+}
+
+// ---- digests ----
+
+std::string digest() { return contentOf(kMain + "-digest"); }
+
+TEST_F(AProtectedDatabase, IsNotCheckedWhenItIsAsItWasLeft) {
+    const std::string left = digest();
+    EXPECT_THAT(left, HasSubstr("left "));
+    damageIndexOf(kMain);
+    { const Connection unchecked(kMain, kReadWrite, false); }
+    EXPECT_EQ(left, digest());
+    EXPECT_EQ("one,two", rows());
+    EXPECT_THAT(told, ElementsAre(HasSubstr("damaged")));
+}
+
+TEST_F(AProtectedDatabase, IsUsedAndSpokenOfOnceWhenSomebodyElseChangedIt) {
+    sqlite3 *other = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(kMain.c_str(), &other));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(other, "INSERT INTO t VALUES ('their own')", nullptr, nullptr, nullptr));
+    sqlite3_close(other);
+    EXPECT_EQ("one,their own,two", rows());
+    EXPECT_THAT(told, ElementsAre(HasSubstr("another program has changed it")));
+    EXPECT_EQ("one,their own,two", rows());
+    EXPECT_EQ(1U, told.size());
+}
+
+TEST_F(AProtectedDatabase, AccusesNobodyAfterItsOwnProcessWasKilled) {
+    EXPECT_EQ(0, inChild([] {
+                  Connection connection(kMain, kReadWrite, true);
+                  run(connection, "INSERT INTO t VALUES ('three')");
+                  ::_exit(0); // no destructor
+                  return 1;
+              }));
+    EXPECT_THAT(digest(), HasSubstr("being changed"));
+    EXPECT_EQ("one,three,two", rows());
+    EXPECT_THAT(told, IsEmpty());
+    EXPECT_THAT(digest(), HasSubstr("left "));
+}
+
+TEST_F(AProtectedDatabase, HasADigestOfItsLastStateAfterTwoConnections) {
+    {
+        Connection first(kMain, kReadWrite, true);
+        run(first, "INSERT INTO t VALUES ('three')");
+        {
+            Connection second(kMain, kReadWrite, true);
+            run(second, "INSERT INTO t VALUES ('four')");
+        }
+        EXPECT_THAT(digest(), HasSubstr("being changed"));
+        run(first, "INSERT INTO t VALUES ('five')");
+    }
+    EXPECT_EQ("five,four,one,three,two", rows());
+    EXPECT_THAT(told, IsEmpty());
+}
+
+TEST_F(AProtectedDatabase, IsCheckedWhenItsDigestIsNotUnderstood) {
+    for (const std::string &text : {std::string(), std::string("left"), std::string(128, 'x'), digest() + "more"}) {
+        write(kMain + "-digest", text);
+        EXPECT_EQ("one,two", rows());
+    }
+    fs::remove(kMain + "-digest");
+    damageIndexOf(kMain);
+    EXPECT_EQ("one,two", rows());
+    EXPECT_THAT(told, ElementsAre(HasSubstr("damaged")));
+}
+
+// ---- backup and statistics ----
+
+TEST_F(AProtectedDatabase, HasItsBackupRefreshed) {
+    for (const std::string &state : {std::string(), std::string(9, 'x'), contentOf(kMain) + "x"}) {
+        write(kBackup, state);
+        mavo::database::refreshBackup(kMain);
+        EXPECT_EQ(contentOf(kMain), contentOf(kBackup));
+    }
+    const auto written = fs::last_write_time(kBackup);
+    mavo::database::refreshBackup(kMain);
+    EXPECT_EQ(written, fs::last_write_time(kBackup)) << "an equal one is left alone";
+    EXPECT_THAT(told, IsEmpty());
+}
+
+TEST_F(AProtectedDatabase, KeepsTheOldBackupWhenANewOneCannotBeWritten) {
+    store("three");
+    const std::string before = contentOf(kBackup);
+    EXPECT_EQ(0, inChild([] {
+                  ::signal(SIGXFSZ, SIG_IGN);
+                  const rlimit limit{4'096, 4'096};
+                  ::setrlimit(RLIMIT_FSIZE, &limit);
+                  try {
+                      mavo::database::refreshBackup(kMain);
+                      return 1;
+                  } catch (const Unavailable &) {
+                      return 0;
+                  }
+              }));
+    EXPECT_EQ(before, contentOf(kBackup));
+    EXPECT_EQ(0U, names().count("rules-backup-new"));
+}
+
+TEST_F(AProtectedDatabase, IsMadeAnewWhereThatMayBe) {
+    write(kStatistics, std::string(5'000, 'x'));
+    EXPECT_EQ("open", open(kStatistics, kCreate));
+    EXPECT_EQ("", rows(kStatistics));
+    EXPECT_EQ(std::string(5'000, 'x'), contentOf(kStatistics + ".aside-1"));
+    EXPECT_THAT(told, ElementsAre(HasSubstr("a new one is made")));
+}
+
+} // namespace
+
+// In place of the C library's, for SQLite and everybody else in this program.
+extern "C" {
+
+__attribute__((visibility("default"))) ssize_t pread64(int fd, void *buffer, std::size_t count, off64_t offset) {
+    static auto *const real = next<ssize_t(int, void *, std::size_t, off64_t)>("pread64");
+    return reads.isMet() ? -1 : real(fd, buffer, count, offset);
+}
+
+__attribute__((visibility("default"))) int open64(const char *path, int flags, ...) {
+    static auto *const real = next<int(const char *, int, ...)>("open64");
+    std::va_list arguments;
+    va_start(arguments, flags);
+    const int mode = (flags & O_CREAT) != 0 ? va_arg(arguments, int) : 0;
+    va_end(arguments);
+    return opens.isMet() ? -1 : real(path, flags, mode);
+}
+}
