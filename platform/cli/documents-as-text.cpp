@@ -25,6 +25,12 @@ const Json &part(const Json &document, const char *member) {
 
 std::string nameOfStatus(std::int64_t status) { return status == 1 ? "enabled" : status == 0 ? "disabled" : "none"; }
 
+std::string nameOfStored(const Json &document) {
+    return document.contains("stored") ? nameOfStatus(number(document, "stored")) : "not known";
+}
+
+std::string databaseLine(const std::string &problem) { return problem.empty() ? "" : "database     " + problem + "\n"; }
+
 std::string timeOf(std::int64_t seconds) {
     const auto time = static_cast<std::time_t>(seconds);
     std::tm parts{};
@@ -73,8 +79,11 @@ std::string countsOf(const Json &counts) {
 }
 
 std::string rulesLine(const Json &rules) {
-    std::string line = countsOf(part(rules, "stored")) + " stored";
-    if (rules.contains("inForce"))
+    const bool isKnown = rules.contains("stored");
+    std::string line = isKnown ? countsOf(rules["stored"]) + " stored" : "not known what is stored";
+    if (rules.contains("inForce") && !isKnown)
+        line += "; in force " + countsOf(rules["inForce"]);
+    else if (rules.contains("inForce"))
         line += "; in force " + countsOf(rules["inForce"]) + " (at least " + countsOf(part(rules, "expected")) +
                 " expected)";
     return line;
@@ -116,15 +125,17 @@ Json parseDocument(const std::string &written) {
 
 bool wholeInForce(const Json &document) {
     return document.value("inForce", false) && text(document, "serviceProblem").empty() &&
-           missingParts(document).empty() && text(document, "rebuild").empty();
+           missingParts(document).empty() && text(document, "rebuild").empty() &&
+           text(document, "databaseProblem").empty();
 }
 
 std::string statusAsText(const Json &document) {
-    return "plugin       " + nameOfStatus(number(document, "stored")) + " (stored), " +
-           nameOfStatus(number(document, "applied")) + " (as last applied)\n" +         //
+    return "plugin       " + nameOfStored(document) + " (stored), " + nameOfStatus(number(document, "applied")) +
+           " (as last applied)\n" +                                                     //
            "firewall     " + inForceLine(document) + "\n" +                             //
            rebuildLine(text(document, "rebuild")) +                                     //
            databaseLines(part(document, "databases")) +                                 //
+           databaseLine(text(document, "databaseProblem")) +                            //
            "rules        " + rulesLine(part(document, "rules")) + "\n" +                //
            "collector    " + collectorLine(document) + "\n" +                           //
            problemLine("settings     ", text(document, "settingsProblem")) +            //

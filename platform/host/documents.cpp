@@ -148,11 +148,18 @@ std::vector<std::string> missingParts(const rlv::ServiceState &state) {
     return missing;
 }
 
-std::string statusDocument(int stored, int applied, const std::string &collectorProblem, const std::string &rebuild) {
+std::string statusDocument(std::optional<int> stored, int applied, const std::string &collectorProblem,
+                           const std::string &rebuild, const std::string &databaseProblem) {
     Json::Value document;
-    document["stored"] = stored;
+    if (stored)
+        document["stored"] = *stored;
     document["applied"] = applied;
-    document["rules"] = storedAndExpected();
+    document["databaseProblem"] = databaseProblem;
+    try {
+        document["rules"] = storedAndExpected();
+    } catch (const mavo::database::Unavailable &unavailable) {
+        document["databaseProblem"] = unavailable.what();
+    }
     addServiceState(document);
     const auto collector = collectorState(collectorWanted());
     // Of a disabled plugin none should run.

@@ -2,6 +2,7 @@
 #ifndef PLATFORM_HOST_DOCUMENTS_H
 #define PLATFORM_HOST_DOCUMENTS_H
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,12 +24,16 @@ namespace host {
 //               lost again; empty when nothing of the kind is waited for
 //   "settingsProblem" what is wrong with the configuration file, or which one was put aside; one line or empty
 //   "databases" an array of lines: files of damaged databases that lie aside, and what others have changed
+//   "databaseProblem" why a database cannot be read now, or empty: then what stands in it is left out
 //   "families"  "IPv4 only"
-// Throws mavo::Exception, which names the file, when the rule database cannot be read.
-std::string statusDocument(int stored, int applied, const std::string &collectorProblem, const std::string &rebuild);
+// Throws mavo::Exception, which names the file, when the rule database cannot be read. Without `stored` its database
+// cannot be read now, for `databaseProblem`.
+std::string statusDocument(std::optional<int> stored, int applied, const std::string &collectorProblem,
+                           const std::string &rebuild, const std::string &databaseProblem = {});
 
 // {"rules":[{"action":"allow" or "deny","protocol","domain","port","direction"}…]} in the database's order. Texts and
-// direction as they are stored: empty for any, ports with ":" between them, 1 in, 2 out, 0 both.
+// direction as they are stored: empty for any, ports with ":" between them, 1 in, 2 out, 0 both. Throws
+// mavo::Exception, or mavo::database::Unavailable, when the rule database cannot be read.
 std::string rulesDocument();
 
 // {"reports":[{"file","type","subtype","time","body"}…],"ignored":[names of files that are no reports]}, oldest first.

@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <stdexcept>
 #include <string>
 #include <sys/stat.h>
@@ -16,6 +15,7 @@
 #include "host/data-check.h"
 #include "host/databases.h"
 #include "host/end-collector.h"
+#include "host/exception-text.h"
 #include "host/fork-handler.h"
 #include "host/host.h"
 #include "host/paths.h"
@@ -121,7 +121,7 @@ int main(int argc, char **argv) try {
         return *ended;
     run(options);
     return EXIT_SUCCESS;
-} catch (const std::exception &error) {
-    std::fprintf(stderr, "vpkd: %s\n", error.what());
+} catch (...) {
+    std::fprintf(stderr, "vpkd: %s\n", host::textOfException().c_str());
     return EXIT_FAILURE;
 }

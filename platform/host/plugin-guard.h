@@ -2,13 +2,14 @@
 #ifndef PLATFORM_HOST_PLUGIN_GUARD_H
 #define PLATFORM_HOST_PLUGIN_GUARD_H
 
+#include <exception>
 #include <sys/types.h>
 
 namespace host {
 
 // Every call into the plugin goes through run(), with nothing between it and the plugin. The plugin's daemon is forked
 // inside such a call and may come back out of it, by returning or by an exception; it is ended then and there, without
-// destructors and without touching a descriptor.
+// destructors of the host's and without touching a descriptor. The log says which exception it was.
 class PluginGuard {
 public:
     // The process that constructs it is the host.
@@ -16,14 +17,19 @@ public:
 
     // What `call` returns or throws, in the host. Does not return in any other process.
     template <typename Call> auto run(Call &&call) const -> decltype(call()) {
-        struct AtEnd {
+        struct AtReturn {
             const PluginGuard &guard;
-            ~AtEnd() { guard.endForeignProcess(); }
+            int exceptions = std::uncaught_exceptions();
+            ~AtReturn() {
+                if (std::uncaught_exceptions() == exceptions)
+                    guard.endForeignProcess();
+            }
         };
         try {
-            const AtEnd atEnd{*this};
+            const AtReturn atReturn{*this};
             return call();
         } catch (...) { // without a handler in reach nothing would be unwound
+            endForeignProcessOfException();
             throw;
         }
     }
@@ -32,6 +38,8 @@ public:
     void endForeignProcess() const;
 
 private:
+    void endForeignProcessOfException() const;
+
     pid_t host_;
 };
 

@@ -1,7 +1,6 @@
 #include "host/status-storage.h"
 
-#include <exception>
-
+#include "host/exception-text.h"
 #include "host/log.h"
 #include "host/paths.h"
 #include "mavo/database.h"
@@ -26,6 +25,12 @@ void makeTable(Connection &connection) {
     run(statement);
 }
 
+int statusOf(Connection &connection, const std::string &name) {
+    Statement statement(connection, "SELECT status FROM statuses WHERE name = ?");
+    statement.bind(1, name);
+    return statement.step() ? statement.getColumn(0).getInt() : -1;
+}
+
 } // namespace
 
 int StatusStorage::storeStatus(const std::string &name, int status) try {
@@ -36,13 +41,15 @@ int StatusStorage::storeStatus(const std::string &name, int status) try {
     }
     Connection connection(kStatusDatabase, kReadWriteCreate, false);
     makeTable(connection);
+    if (statusOf(connection, name) == status)
+        return 0;
     Statement statement(connection, "INSERT OR REPLACE INTO statuses (name, status) VALUES (?, ?)");
     statement.bind(1, name);
     statement.bind(2, status);
     run(statement);
     return 0;
-} catch (const std::exception &error) {
-    logError(std::string(kStatusDatabase) + ": the status cannot be stored: " + error.what());
+} catch (...) {
+    logError(std::string(kStatusDatabase) + ": the status cannot be stored: " + textOfException());
     return -1;
 }
 
@@ -52,9 +59,7 @@ int StatusStorage::readStatus(const std::string &name) try {
         return rehearsed_->at(name);
     Connection connection(kStatusDatabase, kReadWriteCreate, false);
     makeTable(connection);
-    Statement statement(connection, "SELECT status FROM statuses WHERE name = ?");
-    statement.bind(1, name);
-    return statement.step() ? statement.getColumn(0).getInt() : -1;
+    return statusOf(connection, name);
 } catch (const mavo::Exception &error) {
     throw mavo::Exception(std::string(kStatusDatabase) + ": the status cannot be read: " + error.what());
 }

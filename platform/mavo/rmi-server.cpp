@@ -11,6 +11,7 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 
+#include "mavo/database.h"
 #include "mavo/rmi-connection.h"
 
 namespace mavo {
@@ -219,6 +220,8 @@ Reply invokeMethod(const MethodContext &method, Message &request) {
         const char *text = exception.what();
         const bool says = text != nullptr && *text != '\0';
         reply = {Status::exception, {}, oneLine(says ? text : "unknown exception"), {}, {}};
+    } catch (const database::Unavailable &unavailable) {
+        reply = {Status::exception, {}, oneLine(unavailable.what()), {}, {}};
     } catch (...) {
         reply = {Status::exception, {}, "unknown exception", {}, {}};
     }

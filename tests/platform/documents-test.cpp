@@ -182,6 +182,25 @@ TEST(TheStatusAsText, TellsOfARebuild) {
                 HasSubstr("\nrebuilding   next attempt in 4 s: gone\n"));
 }
 
+TEST(TheStatusAsText, SaysWhatIsNotKnownWhileADatabaseCannotBeRead) {
+    auto document = wholeBut("databaseProblem", "/opt/data/vpk/db/.firewall.db: held by another program");
+    document.erase("stored");
+    document["rules"].erase("stored");
+    document["rules"].erase("expected");
+    EXPECT_FALSE(cli::wholeInForce(document));
+    const std::string text = cli::statusAsText(document);
+    EXPECT_THAT(text, HasSubstr("plugin       not known (stored), enabled (as last applied)\n"));
+    EXPECT_THAT(text, HasSubstr("\ndatabase     /opt/data/vpk/db/.firewall.db: held by another program\n"));
+    EXPECT_THAT(text, HasSubstr("\nrules        not known what is stored; in force 1 allow, 5 deny\n"));
+}
+
+TEST_F(TheDocuments, SayWhyTheStatusIsNotKnown) {
+    const auto document = cli::parseDocument(host::statusDocument(std::nullopt, 1, "", "", "no descriptor"));
+    EXPECT_FALSE(document.contains("stored"));
+    EXPECT_EQ(document["databaseProblem"].get<std::string>(), "no descriptor");
+    EXPECT_TRUE(document["rules"].contains("stored"));
+}
+
 TEST(TheStatusAsText, NamesWhatIsMissing) {
     const auto document = cli::parseDocument(
         R"({"stored":0,"applied":0,"inForce":false,"missing":["chain VPK-DENY","jump from INPUT to VPK-DENY"],)"

@@ -10,6 +10,7 @@
 #include "host/data-check.h"
 #include "host/paths.h"
 #include "mavo/exception.h"
+#include "support/text-file.h"
 
 namespace {
 
@@ -58,6 +59,16 @@ TEST_F(AStatusStorage, TakesNamesForWhatTheyAre) {
     EXPECT_EQ(storage.storeStatus("'); DROP TABLE statuses; --", 1), 0);
     EXPECT_EQ(storage.readStatus("'); DROP TABLE statuses; --"), 1);
     EXPECT_EQ(storage.readStatus("'"), -1);
+}
+
+TEST_F(AStatusStorage, DoesNotWriteWhatItHoldsAlready) {
+    StatusStorage storage;
+    ASSERT_EQ(storage.storeStatus("plugin", 1), 0);
+    const std::string before = textfile::read(host::kStatusDatabase);
+    EXPECT_EQ(storage.storeStatus("plugin", 1), 0);
+    EXPECT_TRUE(before == textfile::read(host::kStatusDatabase));
+    EXPECT_EQ(storage.storeStatus("plugin", 0), 0);
+    EXPECT_FALSE(before == textfile::read(host::kStatusDatabase));
 }
 
 TEST_F(AStatusStorage, TellsAFailureFromAStatusThatIsNotThere) {

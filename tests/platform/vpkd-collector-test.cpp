@@ -40,11 +40,22 @@ protected:
 
 TEST_F(VpkdWithACollector, EndsAChildThatComesBackFromACommand) {
     start();
-    for (const char *command : {"return-child", "throw-child", "throw-number-child"}) {
+    for (const char *command : {"return-child", "throw-child", "throw-number-child", "throw-unavailable-child"}) {
         const auto reply = execute(command);
         EXPECT_EQ(reply.status, mavo::rmi::Status::ok) << command << ": " << reply.error;
         EXPECT_THAT(reply.body, Not(HasSubstr("child"))) << command;
         expectOneHost();
+    }
+}
+
+TEST_F(VpkdWithACollector, LogsTheExceptionThatEndsTheCollector) {
+    start();
+    for (const auto &[command, text] :
+         {std::pair{"throw-child", "in the child"}, {"throw-unavailable-child", "statistics: no descriptor"}}) {
+        execute(command);
+        expectOneHost();
+        EXPECT_THAT(vpkdtest::contents(vpkdtest::kLog),
+                    HasSubstr(std::string("VPKD: the collector ends: ") + text + "\n"));
     }
 }
 
@@ -55,7 +66,7 @@ TEST_F(VpkdWithACollector, EndsAChildThatComesBackFromARemoteMethod) {
 }
 
 TEST_F(VpkdWithACollector, EndsAChildThatComesBackFromTheFactory) {
-    for (const char *action : {"return-child", "throw-child", "throw-number-child"}) {
+    for (const char *action : {"return-child", "throw-child", "throw-number-child", "throw-unavailable-child"}) {
         tell("factory", action);
         start();
         expectOneHost();
@@ -67,7 +78,7 @@ TEST_F(VpkdWithACollector, EndsAChildThatComesBackFromTheFactory) {
 TEST_F(VpkdWithACollector, EndsAChildThatComesBackFromAStatusCall) {
     start();
     EXPECT_EQ(number("Host::setStatus", 0), 0);
-    for (const char *action : {"return-child", "throw-child", "throw-number-child"}) {
+    for (const char *action : {"return-child", "throw-child", "throw-number-child", "throw-unavailable-child"}) {
         tell("setStatus", action);
         tell("applyStatus", action);
         EXPECT_EQ(number("Host::applyStatus", 1), 0);

@@ -21,6 +21,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "mavo/database.h"
 #include "mavo/exception.h"
 #include "mavo/rmi.h"
 #include "rlv/rlv.h"
@@ -75,10 +76,14 @@ const std::map<std::string, std::function<bool()>> kActions = {
     {"throw", []() -> bool { throw std::runtime_error("thrown\nby order"); }},
     {"throw-mavo", []() -> bool { throw mavo::Exception("mavo by order"); }},
     {"throw-number", []() -> bool { throw 7; }},
+    {"throw-unavailable",
+     []() -> bool { throw mavo::database::Unavailable("/opt/data/vpk/db/.test.db: held by another program"); }},
     {"kill", [] { return ::kill(::getpid(), SIGKILL) == 0; }},
     {"return-child", [] { return isChild(); }},
     {"throw-child", [] { return isChild() ? throw std::runtime_error("in the child") : false; }},
     {"throw-number-child", [] { return isChild() ? throw 7 : false; }},
+    {"throw-unavailable-child",
+     [] { return isChild() ? throw mavo::database::Unavailable("statistics: no descriptor") : false; }},
 };
 
 bool act(const std::string &place) { return kActions.at(contents(kNotes / place))(); }
@@ -146,6 +151,20 @@ std::string commitRules(const std::string &lines) {
     return {};
 }
 
+// Sends each line on one connection, which is closed by the exception that follows, as the plugin's is.
+std::string commitAndFail(const std::string &lines) {
+    struct AtEnd {
+        rlv_handle handle = 0;
+        ~AtEnd() { rlv_deinitialize(handle); }
+    };
+    AtEnd atEnd;
+    rlv_initialize(&atEnd.handle);
+    std::istringstream commands(lines);
+    for (std::string command; std::getline(commands, command);)
+        rlv_iptables_commit(atEnd.handle, command.c_str(), nullptr, nullptr);
+    throw mavo::Exception("in the middle");
+}
+
 std::string logError(const std::string &text) {
     vlog_print(VLOG_ID_MAIN, VLOG_PRIORITY_INFO, "TEST", "file.cpp: log(1) > \033[36mTEST: not this\033[0m");
     vlog_print(VLOG_ID_MAIN, VLOG_PRIORITY_ERROR, "TEST", "file.cpp: log(2) > \033[31mTEST: %s\033[0m", text.c_str());
@@ -163,6 +182,7 @@ const std::map<std::string, std::function<std::string(const std::string &)>> kCo
     {"echo", [](const std::string &data) { return data; }},
     {"kernel-log", kernelLog},
     {"commit", commitRules},
+    {"commit-and-fail", commitAndFail},
     {"log-error", logError},
     {"wait", waitForFile},
     {"daemon",
