@@ -63,6 +63,7 @@ Verdict judge(const rlv::ServiceState &after, const std::vector<rlv::Opening> &o
     std::uint64_t last = 0;
     for (const auto &opening : openings) {
         const std::uint64_t number = opening.number;
+        verdict.isUnopened = verdict.isUnopened || number == 0;
         if (number == 0)
             continue;
         const auto found = std::find_if(after.connections.begin(), after.connections.end(),
@@ -115,6 +116,7 @@ Verdict CallWatch::verdict() const {
             std::any_of(openings.begin(), openings.end(), [](const auto &one) { return one.number != 0; });
         if (wasUsed)
             verdict.interruption = error.what();
+        verdict.isUnopened = !wasUsed;
         return verdict;
     }
 }

@@ -30,6 +30,8 @@ struct Verdict {
     // What was accepted and then lost on a connection that came to its end, as it was sent. Where the service kept too
     // few texts to tell, the others count like those that it kept, and as lost when it kept none.
     std::vector<std::string> lost;
+    // A connection could not be opened at all.
+    bool isUnopened = false;
 };
 
 // What became of the connections that a call has opened, in this order, from what the service says afterwards.

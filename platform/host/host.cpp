@@ -4,6 +4,7 @@
 #include <exception>
 #include <limits>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <vector>
 
@@ -13,12 +14,14 @@
 #include "host/data-check.h"
 #include "host/documents.h"
 #include "host/door.h"
+#include "host/exception-text.h"
 #include "host/log.h"
 #include "host/marker.h"
 #include "host/paths.h"
 #include "host/plugin-config.h"
 #include "host/reply-lines.h"
 #include "mavo/database-failures.h"
+#include "mavo/database.h"
 #include "mavo/rmi-server.h"
 #include "rlv/rlv-query.h"
 
@@ -36,19 +39,25 @@ constexpr std::uint64_t kNoConnections = std::numeric_limits<std::uint64_t>::max
 constexpr const char *kStartCollector = "EnableStatCollector";
 constexpr const char *kCollectorPolicy = "StatCollectorPolicy";
 
-// One line for a person, of whatever is being handled.
-std::string textOfException() {
+constexpr const char *kFirewallPrivilege = "/privilege/vpk.firewall";
+
+// No plugin came up, and that may pass.
+class Passing : public std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Whether the exception that is being handled is of a kind that may pass.
+bool mayPass() {
     try {
         throw;
-    } catch (const std::exception &error) {
-        std::string text = error.what();
-        for (char &c : text) {
-            if (static_cast<unsigned char>(c) < ' ')
-                c = ' ';
-        }
-        return text;
+    } catch (const Passing &) {
+        return true;
+    } catch (const mavo::database::Unavailable &) {
+        return true;
+    } catch (const std::bad_alloc &) {
+        return true;
     } catch (...) {
-        return "an exception of unknown type";
+        return false;
     }
 }
 
@@ -59,6 +68,15 @@ bool isStored(const std::string &command, const std::string &data) {
     if (command == "StatCollectorPolicy")
         return data.empty() || holdsChange(configText(), data);
     return !collectorWanted();
+}
+
+// What has happened meanwhile that keeps a plugin from coming up, and may pass; empty when nothing has.
+std::string passingCause(const Verdict &verdict, std::uint64_t failuresBefore) {
+    if (!verdict.interruption.empty())
+        return verdict.interruption;
+    if (verdict.isUnopened)
+        return "the traffic-control service could not be used";
+    return mavo::database::failedStatements() != failuresBefore ? "a database failed" : "";
 }
 
 } // namespace
@@ -85,7 +103,10 @@ AbstractDPluginProvider *Host::callFactory(mavo::rmi::Service &service) const tr
         throw std::runtime_error("for reasons that are in the log");
     return plugin;
 } catch (...) {
-    throw std::runtime_error("the plugin did not come up: " + textOfException());
+    const std::string text = "the plugin did not come up: " + textOfException();
+    if (mayPass())
+        throw Passing(text);
+    throw std::runtime_error(text);
 }
 
 // The flag of the plugin's library is one for all plugins, and a factory that fails late has set it.
@@ -153,18 +174,30 @@ void Host::bringUpWith(std::optional<int> applied) {
 
 std::string Host::bringUpAndJudge(std::optional<int> applied) {
     const CallWatch watch;
-    bringUpWith(applied);
+    const auto failuresBefore = mavo::database::failedStatements();
+    try {
+        bringUpWith(applied);
+    } catch (...) {
+        const std::string cause = passingCause(watch.verdict(), failuresBefore);
+        if (!cause.empty())
+            throw Passing(textOfException() + " (" + cause + ")");
+        if (mayPass())
+            throw Passing(textOfException());
+        throw;
+    }
     std::string reason = reasons_.afterBringUp(watch.verdict());
     if (!reasons_.givenUp().empty())
         logError("the tables are not built anew again: " + reasons_.givenUp());
     return reason;
 }
 
-std::string Host::start() { return bringUpAndJudge(std::nullopt); }
+std::string Host::start() try { return bringUpAndJudge(std::nullopt); } catch (const Passing &passing) {
+    return passing.what();
+}
 
 std::string Host::rebuild() try {
     static_cast<void>(rlv::query(kNoConnections, kQueryTimeout)); // the plugin would wait longer for one that hangs
-    return bringUpAndJudge(applied_);
+    return bringUpAndJudge(current_ != nullptr ? std::optional<int>(applied_) : std::nullopt);
 } catch (...) {
     return textOfException();
 }
@@ -183,13 +216,26 @@ void Host::orderRebuild(const Verdict &verdict, bool broughtUp, mavo::rmi::Reply
     }
     if (reason.empty() && broughtUp)
         rebuild_->settle();
+    rebuild_->hasten();
+}
+
+// The one plugin that serves.
+AbstractDPluginProvider &Host::plugin() const {
+    if (current_ == nullptr)
+        throw std::runtime_error(whatIsWrong());
+    return *current_->plugin;
+}
+
+std::string Host::whatIsWrong() const {
+    const std::string pending = rebuild_ != nullptr ? rebuild_->remark() : std::string();
+    return "the plugin has not come up yet" + (pending.empty() ? pending : "; " + pending);
 }
 
 int Host::reload() try {
     bringUp();
     return 0;
-} catch (const std::exception &error) {
-    logError(std::string("reload: ") + error.what());
+} catch (...) {
+    logError("reload: " + textOfException());
     return -1;
 }
 
@@ -226,7 +272,7 @@ std::string Host::executeCommand(const std::string &command, const std::string &
         throw mavo::rmi::BadArguments(problem);
     if (command == kStartCollector)
         removeDeadMarker();
-    std::string result = guard_.run([&] { return current_->plugin->executeCommand(command, data); });
+    std::string result = guard_.run([&, &plugin = plugin()] { return plugin.executeCommand(command, data); });
     if (changesSettings(command)) {
         keepConfig();
         if (result.empty() && !isStored(command, data))
@@ -236,13 +282,14 @@ std::string Host::executeCommand(const std::string &command, const std::string &
 }
 
 int Host::setStatus(int status) {
+    AbstractDPluginProvider &plugin = this->plugin();
     removeDeadMarker();
     if (status == 0 || status == 1)
         applied_ = status;
     int result = -1;
     {
         const MarkerHold hold;
-        result = guard_.run([&] { return current_->plugin->setStatus(status); });
+        result = guard_.run([&] { return plugin.setStatus(status); });
     }
     if (status == 1)
         startWantedCollector();
@@ -256,19 +303,20 @@ void Host::applyStatus(int status) {
 }
 
 void Host::switchTo(int status) {
+    AbstractDPluginProvider &plugin = this->plugin();
     removeDeadMarker();
     if (status == 0 || status == 1)
         applied_ = status;
     {
         const MarkerHold hold;
-        guard_.run([&] { current_->plugin->applyStatus(status); });
+        guard_.run([&] { plugin.applyStatus(status); });
     }
     if (status == 1)
         startWantedCollector();
 }
 
 int Host::getStatus() {
-    return guard_.run([this] { return current_->plugin->getStatus(); });
+    return guard_.run([&plugin = plugin()] { return plugin.getStatus(); });
 }
 
 std::string Host::statusDocument() const {
@@ -279,9 +327,16 @@ std::string Host::statusDocument() const {
         problem += problem.empty() || remark.empty() ? remark : "; " + remark;
     }
     const std::string pending = rebuild_ != nullptr ? rebuild_->remark() : std::string();
+    std::optional<int> stored;
+    std::string databaseProblem;
     const std::lock_guard<std::mutex> lock(PolicyStorage::dbLock);
-    return host::statusDocument(PolicyStorage::backend->readStatus(kPluginName), applied_, problem,
-                                pending.empty() ? reasons_.givenUp() : pending);
+    try {
+        stored = PolicyStorage::backend->readStatus(kPluginName);
+    } catch (const mavo::database::Unavailable &unavailable) {
+        databaseProblem = unavailable.what();
+    }
+    return host::statusDocument(stored, applied_, problem, pending.empty() ? reasons_.givenUp() : pending,
+                                databaseProblem);
 }
 
 std::string Host::rulesDocument() const { return host::rulesDocument(); }
@@ -291,7 +346,14 @@ std::string Host::reportsDocument() const { return host::reportsDocument(); }
 std::shared_ptr<const mavo::rmi::MethodContext> Host::find(const std::string &name) const {
     if (auto own = ownMethods_.find(name))
         return own;
-    return current_ != nullptr ? current_->service.find(name) : nullptr;
+    if (current_ != nullptr)
+        return current_->service.find(name);
+    const auto refusing = std::make_shared<mavo::rmi::MethodContext>();
+    refusing->privilege = kFirewallPrivilege;
+    refusing->dispatcher = [this](mavo::rmi::Message &) -> mavo::rmi::Message {
+        throw std::runtime_error(whatIsWrong());
+    };
+    return refusing;
 }
 
 mavo::rmi::Reply Host::invoke(const std::string &name, const mavo::rmi::MethodContext &method,

@@ -46,8 +46,9 @@ public:
     // and starts a collector that is switched on. Throws std::runtime_error with one line when no plugin comes up; then
     // the one before it, if there is one, goes on serving.
     void bringUp();
-    // The same for the first time. Gives back why it has to be done again: nothing, or why the tables may not be what
-    // was stored.
+    // The same for the first time. Gives back why it has to be done again: nothing, why the tables may not be what was
+    // stored, or why no plugin has come up, when that may pass (a database that cannot be used now, a statement of one
+    // that failed, a service that is away, an interrupted connection, no memory). Throws the rest.
     std::string start();
     // The same by the host's own decision: the status as last applied stays, too, and while the service does not answer
     // the plugin is not bothered. What would be thrown is given back.
@@ -55,7 +56,8 @@ public:
 
     // The operations of the plugin. Its exceptions go to the caller, who never lets them past a further bringUp(). What
     // they change in the configuration is on the disk when they return; std::runtime_error when it is not. A command
-    // that the host does not let through throws mavo::rmi::BadArguments and has changed nothing.
+    // that the host does not let through throws mavo::rmi::BadArguments and has changed nothing. While no plugin has
+    // come up they throw std::runtime_error, which says so.
     std::string executeCommand(const std::string &command, const std::string &data);
     int setStatus(int status);
     void applyStatus(int status);
@@ -68,16 +70,19 @@ public:
     std::string rulesDocument() const;
     std::string reportsDocument() const;
 
-    // The remote method of that name, the host's own or the plugin's, or null.
+    // The remote method of that name, the host's own or the plugin's, or null. While no plugin has come up each name
+    // may be one of the plugin's: it gets a method for callers with the privilege /privilege/vpk.firewall that says so.
     std::shared_ptr<const mavo::rmi::MethodContext> find(const std::string &name) const;
     // Carries out a remote call. Throws nothing, whatever the plugin throws. When a rebuild follows, `notInForce` of
-    // the reply says so and why.
+    // the reply says so and why. One that is waited for already comes sooner.
     mavo::rmi::Reply invoke(const std::string &name, const mavo::rmi::MethodContext &method,
                             mavo::rmi::Message &request);
 
 private:
     struct Instance;
 
+    AbstractDPluginProvider &plugin() const;
+    std::string whatIsWrong() const;
     void bringUpWith(std::optional<int> applied);
     std::string bringUpAndJudge(std::optional<int> applied);
     void orderRebuild(const Verdict &verdict, bool broughtUp, mavo::rmi::Reply &reply);

@@ -9,9 +9,17 @@ namespace host {
 
 namespace {
 
-constexpr std::chrono::seconds kLongestPause{300};
+using Milliseconds = std::chrono::milliseconds;
+using Clock = support::EventLoop::Clock;
 
-std::string inSeconds(std::chrono::seconds pause) { return "in " + std::to_string(pause.count()) + " s"; }
+constexpr Milliseconds kShortestPause{500};
+constexpr Milliseconds kLongestPause{300'000};
+constexpr int kPartOfTheFailure = 60;
+constexpr Milliseconds kHastenAfter{1'000};
+
+std::string inSeconds(Milliseconds pause) {
+    return "in " + std::to_string(std::chrono::ceil<std::chrono::seconds>(pause).count()) + " s";
+}
 
 } // namespace
 
@@ -22,46 +30,59 @@ Rebuild::~Rebuild() { loop_.cancel(timer_); }
 void Rebuild::want(const std::string &reason) {
     logError("the tables are built anew: " + reason);
     reason_ = reason;
-    failures_ = 0;
-    schedule(std::chrono::milliseconds(0));
+    since_ = Clock::now();
+    loggedProblem_.clear();
+    schedule(Milliseconds(0));
 }
 
 void Rebuild::settle() {
     loop_.cancel(std::exchange(timer_, 0));
-    failures_ = 0;
+    if (settled_)
+        settled_();
 }
 
-std::chrono::seconds Rebuild::pauseAfter(int failures) {
-    constexpr int kMostDoublings = 10;
-    return std::min(kLongestPause, std::chrono::seconds(1 << std::min(failures - 1, kMostDoublings)));
+void Rebuild::hasten() {
+    if (timer_ != 0 && due_ > Clock::now() && Clock::now() - lastAttempt_ >= kHastenAfter)
+        schedule(Milliseconds(0));
+}
+
+Milliseconds Rebuild::pauseAfter(Milliseconds failing) {
+    return std::clamp(failing / kPartOfTheFailure, kShortestPause, kLongestPause);
 }
 
 std::string Rebuild::remark() const {
     if (timer_ == 0)
         return {};
-    const auto left = std::chrono::ceil<std::chrono::seconds>(due_ - support::EventLoop::Clock::now());
-    return "next attempt " + inSeconds(std::max(left, std::chrono::seconds(0))) + ": " + reason_;
+    const auto left = std::chrono::ceil<Milliseconds>(due_ - Clock::now());
+    return "next attempt " + inSeconds(std::max(left, Milliseconds(0))) + ": " + reason_;
 }
 
-void Rebuild::schedule(std::chrono::milliseconds delay) {
+void Rebuild::schedule(Milliseconds delay) {
     loop_.cancel(timer_);
-    due_ = support::EventLoop::Clock::now() + delay;
+    due_ = Clock::now() + delay;
     timer_ = loop_.after(delay, [this] { attempt(); });
 }
 
 void Rebuild::attempt() {
     timer_ = 0;
-    const int before = failures_; // an attempt may settle() and fail all the same
     const std::string problem = attempt_();
+    lastAttempt_ = Clock::now();
     if (problem.empty()) {
         logInfo("the tables were built anew");
         return settle();
     }
     reason_ = problem;
-    failures_ = before + 1;
-    const auto pause = pauseAfter(failures_);
-    logError("the tables could not be built anew, next attempt " + inSeconds(pause) + ": " + problem);
+    const auto pause = pauseAfter(std::chrono::floor<Milliseconds>(lastAttempt_ - since_));
+    logFailure(pause);
     schedule(pause);
+}
+
+void Rebuild::logFailure(Milliseconds pause) {
+    if (reason_ == loggedProblem_ && pause < 2 * loggedPause_)
+        return;
+    loggedProblem_ = reason_;
+    loggedPause_ = pause;
+    logError("the tables could not be built anew, next attempt " + inSeconds(pause) + ": " + reason_);
 }
 
 } // namespace host

@@ -5,13 +5,17 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "support/event-loop.h"
 
 namespace host {
 
-// Tries at once and then, for as long as that fails, after pauses that grow from one second to five minutes. Each
-// attempt is told in the log.
+// Tries at once and then, for as long as that fails, after pauses of a sixtieth of the time for which it has failed, of
+// half a second at least and five minutes at most. So whatever lasts a minute or less is mended within a second of its
+// end, nothing is late by more than a sixtieth of itself, and a host that can do nothing but wait waits more and more
+// quietly: 60 attempts in the first half minute, some 350 in the first hour. Whoever calls the host brings the next
+// attempt forward. The log tells of the first failure, of each other reason, and whenever the pause has doubled.
 class Rebuild {
 public:
     // Brings the tables up anew. The result is empty, or why it has to be done again.
@@ -27,23 +31,32 @@ public:
     void want(const std::string &reason);
     // Somebody else has brought the tables up anew.
     void settle();
+    // Brings forward what is waited for, unless the last attempt is younger than a second.
+    void hasten();
+    // Called from now on whenever nothing is waited for any more.
+    void onSettled(std::function<void()> settled) { settled_ = std::move(settled); }
 
     // What is waited for and why; empty when nothing is.
     std::string remark() const;
 
-    // The pause after so many failed attempts in a row, 1 or more.
-    static std::chrono::seconds pauseAfter(int failures);
+    // The pause when all attempts have failed for so long.
+    static std::chrono::milliseconds pauseAfter(std::chrono::milliseconds failing);
 
 private:
     void schedule(std::chrono::milliseconds delay);
     void attempt();
+    void logFailure(std::chrono::milliseconds pause);
 
     support::EventLoop &loop_;
     Attempt attempt_;
+    std::function<void()> settled_;
     std::string reason_;
-    int failures_ = 0;
     support::EventLoop::Timer timer_ = 0;
     support::EventLoop::Clock::time_point due_;
+    support::EventLoop::Clock::time_point since_; // the tables are as they should not be
+    support::EventLoop::Clock::time_point lastAttempt_;
+    std::string loggedProblem_; // and the pause told with it
+    std::chrono::milliseconds loggedPause_{0};
 };
 
 } // namespace host

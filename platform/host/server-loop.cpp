@@ -19,6 +19,9 @@
 namespace host {
 namespace {
 
+// So long a start may be kept from others, which come after it, by what may pass.
+constexpr std::chrono::seconds kReadyAnyway{30};
+
 support::UniqueFd openSignals() {
     sigset_t set;
     ::sigemptyset(&set);
@@ -71,16 +74,19 @@ void ServerLoop::serve(Host &host, const std::string &socket, const mavo::rmi::P
         });
     Rebuild rebuild(loop_, [&host] { return host.rebuild(); });
     host.setRebuild(&rebuild);
-    if (!interruption.empty())
-        rebuild.want(interruption);
     keeper_ = std::make_unique<CollectorKeeper>(
         loop_, CollectorKeeper::Actions{[&host] { return host.wantsCollector(); },
                                         [&host](auto clockSetBy) { host.startCollectorAgain(clockSetBy); }});
     host.setCollectorKeeper(keeper_.get());
     keeper_->look();
     logInfo("serving at " + socket);
-    if (!support::tellReady())
-        logError(std::string("the service manager cannot be told that the host serves: ") + std::strerror(errno));
+    if (interruption.empty()) {
+        becomeReady();
+    } else {
+        rebuild.onSettled([this] { becomeReady(); });
+        rebuild.want(interruption);
+        ready_ = loop_.after(kReadyAnyway, [this] { becomeReady(); });
+    }
     loop_.run();
     host.setRebuild(nullptr);
     host.setCollectorKeeper(nullptr);
@@ -88,6 +94,13 @@ void ServerLoop::serve(Host &host, const std::string &socket, const mavo::rmi::P
     server_.reset();
     ::unlink(socket.c_str());
     logInfo("stopped");
+}
+
+// Told once.
+void ServerLoop::becomeReady() {
+    loop_.cancel(std::exchange(ready_, 0));
+    if (!std::exchange(isReady_, true) && !support::tellReady())
+        logError(std::string("the service manager cannot be told that the host serves: ") + std::strerror(errno));
 }
 
 std::vector<int> ServerLoop::signals() { return {SIGTERM, SIGINT, SIGCHLD, SIGPIPE}; }

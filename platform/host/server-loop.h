@@ -25,8 +25,9 @@ public:
 
     // Listens at `socket` (0666, as privileges decide; a missing directory is made, 0755) and serves. Removes the
     // socket at the end. Builds the tables anew by itself after operations that were interrupted, with `interruption`
-    // for one that already was. Keeps a collector that is switched on alive. Throws std::system_error when it cannot
-    // listen.
+    // for one that already was, or for a plugin that has not come up yet: the service manager is then told that the
+    // host is ready when that is mended, after 30 s at the latest. Keeps a collector that is switched on alive. Throws
+    // std::system_error when it cannot listen.
     void serve(Host &host, const std::string &socket, const mavo::rmi::Privileges &privileges,
                const std::string &interruption);
 
@@ -37,12 +38,15 @@ public:
 
 private:
     void handleSignal();
+    void becomeReady();
 
     support::UniqueFd lock_;
     support::EventLoop loop_;
     support::UniqueFd signals_;
     std::unique_ptr<mavo::rmi::Server> server_;
     std::unique_ptr<CollectorKeeper> keeper_; // while it serves
+    support::EventLoop::Timer ready_ = 0;
+    bool isReady_ = false;
 };
 
 } // namespace host

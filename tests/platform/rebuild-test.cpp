@@ -1,6 +1,7 @@
 #include "host/rebuild.h"
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -12,11 +13,11 @@ namespace {
 using support::EventLoop;
 using testing::ElementsAre;
 
-TEST(APause, DoublesFromOneSecondToFiveMinutes) {
-    std::vector<std::chrono::seconds::rep> pauses;
-    for (const int failures : {1, 2, 3, 4, 8, 9, 10, 11, 1000})
-        pauses.push_back(host::Rebuild::pauseAfter(failures).count());
-    EXPECT_THAT(pauses, ElementsAre(1, 2, 4, 8, 128, 256, 300, 300, 300));
+TEST(APause, IsASixtiethOfTheFailureFromHalfASecondToFiveMinutes) {
+    std::vector<std::chrono::milliseconds::rep> pauses;
+    for (const int seconds : {0, 1, 30, 60, 90, 600, 18'000, 18'060, 1'000'000})
+        pauses.push_back(host::Rebuild::pauseAfter(std::chrono::seconds(seconds)).count());
+    EXPECT_THAT(pauses, ElementsAre(500, 500, 500, 1'000, 1'500, 10'000, 300'000, 300'000, 300'000));
 }
 
 // Runs the loop until so many attempts were made, which end as `results` say.
@@ -49,18 +50,33 @@ TEST_F(ARebuild, IsTriedAgainAfterAPauseWhenItFailed) {
     const auto start = EventLoop::Clock::now();
     loop.run();
     EXPECT_EQ(attempts, 2U);
-    EXPECT_GE(EventLoop::Clock::now() - start, std::chrono::seconds(1));
+    EXPECT_GE(EventLoop::Clock::now() - start, std::chrono::milliseconds(500));
 }
 
-TEST_F(ARebuild, PausesLongerThoughAnAttemptSettlesBeforeItFails) {
-    host::Rebuild settling(loop, [this, &settling] {
-        settling.settle();
-        return attempt();
-    });
-    results = {"it broke", "it broke again"};
-    settling.want("a reason");
+TEST_F(ARebuild, IsBroughtForwardByWhoeverCalls) {
+    results = {"nobody there", ""};
+    rebuild.want("a reason");
+    const auto start = EventLoop::Clock::now();
+    std::function<void()> call = [&] {
+        rebuild.hasten();
+        if (attempts == 1)
+            loop.after(std::chrono::milliseconds(10), call);
+    };
+    call();
     loop.run();
-    EXPECT_EQ(settling.remark(), "next attempt in 2 s: it broke again");
+    EXPECT_GE(EventLoop::Clock::now() - start, std::chrono::milliseconds(500)) << "not at each call";
+    EXPECT_EQ(attempts, 2U);
+}
+
+TEST_F(ARebuild, SaysWhenNothingIsWaitedForAnyMore) {
+    int settled = 0;
+    rebuild.onSettled([&settled] { ++settled; });
+    results = {"nobody there", ""};
+    rebuild.want("a reason");
+    loop.run();
+    EXPECT_EQ(settled, 1);
+    rebuild.settle();
+    EXPECT_EQ(settled, 2);
 }
 
 TEST_F(ARebuild, SaysWhatItWaitsFor) {

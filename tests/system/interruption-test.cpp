@@ -62,7 +62,7 @@ TEST_F(AnInterruptedOperation, IsTriedAgainWithPausesWhileTheServiceStaysAway) {
     interruptAfter(50);
     EXPECT_NE(operation->wait(), std::optional(0));
     EXPECT_THAT(operation->errors(), HasSubstr("the tables are built anew from the stored rules"));
-    ASSERT_TRUE(process::waitUntil([] { return logHas("the tables could not be built anew, next attempt in 2 s: "); }));
+    ASSERT_TRUE(process::waitUntil([] { return logHas("the tables could not be built anew, next attempt in 1 s: "); }));
     EXPECT_THAT(system.control({"status", "--json"}).output, HasSubstr("\"rebuild\":\"next attempt in "));
     ASSERT_TRUE(system.startService());
     EXPECT_TRUE(process::waitUntil(isRebuilt));

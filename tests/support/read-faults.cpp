@@ -1,0 +1,55 @@
+// Stands in the program in place of the C library's call. Not sanitized: it comes before the sanitizer's library.
+#include "support/read-faults.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <string>
+#include <string_view>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+using read_faults::Plan;
+
+Plan *mapPlan() {
+    const char *path = std::getenv(read_faults::kPlanVariable);
+    const int fd = path == nullptr ? -1 : ::open(path, O_RDWR | O_CLOEXEC);
+    void *const mapped = fd < 0 ? MAP_FAILED : ::mmap(nullptr, sizeof(Plan), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    ::close(fd);
+    if (mapped == MAP_FAILED)
+        std::abort();
+    return static_cast<Plan *>(mapped);
+}
+
+Plan &plan() {
+    static Plan *const mapped = mapPlan();
+    return *mapped;
+}
+
+bool isTheFile(int fd) {
+    std::array<char, 256> target{};
+    const auto length = ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target.data(), target.size() - 1);
+    return length > 0 && std::string_view(target.data()) == plan().file.data();
+}
+
+bool fails(int fd) {
+    if (!isTheFile(fd))
+        return false;
+    const int number = ++plan().reads;
+    const int first = plan().first;
+    return first != 0 && number >= first && number < first + plan().times;
+}
+
+} // namespace
+
+extern "C" __attribute__((visibility("default"))) ssize_t pread64(int fd, void *buffer, size_t size, off64_t offset) {
+    static auto *const real =
+        reinterpret_cast<ssize_t (*)(int, void *, size_t, off64_t)>(::dlsym(RTLD_NEXT, "pread64"));
+    if (!fails(fd))
+        return real(fd, buffer, size, offset);
+    errno = plan().error;
+    return -1;
+}
