@@ -158,7 +158,10 @@ bool Installation::bringHostUp() {
     return hostServes();
 }
 
-void Installation::killHost() { children::kill(host_); }
+void Installation::killHost() {
+    children::kill(host_);
+    host_ = -1;
+}
 
 void Installation::killAll() {
     children::kill(host_);

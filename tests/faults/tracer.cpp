@@ -91,7 +91,7 @@ void Tracer::detach() {
     // One that was not seized stops at its next call or signal.
     if (request(PTRACE_INTERRUPT, process_, 0, 0) != 0)
         ::kill(process_, SIGCONT);
-    children::waitUntil([this] { return process_ <= 0 || !children::runs(process_); },
+    children::waitUntil([this] { return process_ <= 0 || !children::runs(process_) || ::kill(process_, 0) != 0; },
                         children::Clock::time_point::max());
     process_ = -1;
 }

@@ -52,6 +52,15 @@ Result carryOut(const std::function<Result(std::size_t)> &each, std::size_t inde
     return {Class::broken, "harness", error.what()};
 }
 
+// Without it there is nothing to try: the points stay as they are, which is no success.
+bool prepares(const std::function<void()> &prepare) try {
+    prepare();
+    return true;
+} catch (const std::exception &error) {
+    std::fprintf(stderr, "a worker cannot begin: %s\n", error.what());
+    return false;
+}
+
 } // namespace
 
 std::vector<Result> runSpread(std::size_t points, const Workers &workers, const std::function<void()> &prepare,
@@ -62,7 +71,8 @@ std::vector<Result> runSpread(std::size_t points, const Workers &workers, const 
                      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(workers.secondsAtMost));
     const auto work = [&] {
         ++shared->entered;
-        prepare();
+        if (!prepares(prepare))
+            return 1;
         for (std::size_t index = 0; (index = shared->next++) < points;) {
             if (workers.secondsAtMost > 0 && Clock::now() >= end)
                 break;
