@@ -74,6 +74,24 @@ TEST_F(Vpkd, TellsTheServiceManagerThatItServes) {
     EXPECT_EQ(executed("echo", "served"), "served");
 }
 
+TEST_F(Vpkd, TellsTheServiceManagerOnlyWhenThePluginHasComeUp) {
+    const int manager = ::socket(AF_UNIX, SOCK_DGRAM, 0);
+    sockaddr_un address{AF_UNIX, "/run/notify"};
+    ASSERT_EQ(::bind(manager, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    process::Options options;
+    options.environment = {"NOTIFY_SOCKET=/run/notify"};
+    tell("factory", "throw-unavailable");
+    host_.emplace(commandLine(), options);
+    EXPECT_TRUE(process::waitUntil(
+        [] { return contents(vpkdtest::kLog).find("could not be built anew") != std::string::npos; }));
+    char text[32] = {};
+    EXPECT_EQ(::recv(manager, text, sizeof text - 1, MSG_DONTWAIT), -1) << text;
+    tell("factory", "");
+    EXPECT_EQ(::recv(manager, text, sizeof text - 1, 0), 7); // ctest has the deadline
+    EXPECT_STREQ(text, "READY=1");
+    EXPECT_EQ(number("Host::getStatus"), 1);
+}
+
 TEST_F(Vpkd, DoesNotStartTwice) {
     start();
     const auto second = startInVain({"--socket", "/run/other"});
