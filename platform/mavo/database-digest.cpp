@@ -49,7 +49,9 @@ bool overwrite(int fd, const Line &line) { return ::pwrite(fd, line.data(), kLin
 // The text, filled up with blanks.
 Line lineOf(const char *text) {
     Line line{};
-    std::snprintf(line.data(), line.size(), "%-*s\n", static_cast<int>(kLineBytes - 1), text);
+    std::fill_n(line.begin(), kLineBytes - 1, ' ');
+    std::copy_n(text, std::min(std::strlen(text), kLineBytes - 1), line.begin());
+    line[kLineBytes - 1] = '\n';
     return line;
 }
 
@@ -106,7 +108,9 @@ void writeDigest(const std::string &database, const Content &content) noexcept t
     std::snprintf(text.data(), text.size(), "left %" PRId64 " %016" PRIx64 "%016" PRIx64 " %s", content.sizeBytes,
                   content.hash[0], content.hash[1], start);
     const support::UniqueFd file = openFile(digestOf(database), O_WRONLY | O_CREAT);
-    if (!file || !overwrite(file.get(), lineOf(text.data())) || ::ftruncate(file.get(), kLineBytes) != 0)
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0 || status.st_size > static_cast<off_t>(kLineBytes) ||
+        !overwrite(file.get(), lineOf(text.data())))
         removeDigest(database);
 } catch (...) {
     removeDigest(database);

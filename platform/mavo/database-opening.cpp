@@ -3,12 +3,14 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "mavo/database-digest.h"
 #include "mavo/database-files.h"
+#include "mavo/journal-names.h"
 #include "mavo/late-file-times.h"
 #include "mavo/read-errors.h"
 
@@ -199,7 +201,9 @@ bool verify(Attempt &attempt, const std::string &path, int flags, Check check) {
         return false;
     attempt.wasChanged = digest.has_value();
     attempt.mayBeOurs = digest && !digest->ofThisStart;
-    if ((flags & SQLITE_OPEN_READONLY) == 0)
+    // To check a small file again costs no more than to write its digest; but what was said of it is not said twice.
+    constexpr std::int64_t kSmallBytes = 65'536;
+    if ((flags & SQLITE_OPEN_READONLY) == 0 && (attempt.wasChanged || content.sizeBytes > kSmallBytes))
         writeDigest(path, content);
     return true;
 }
@@ -207,6 +211,7 @@ bool verify(Attempt &attempt, const std::string &path, int flags, Check check) {
 bool open(Attempt &attempt, const std::string &path, int flags) {
     acceptLateFileTimes();
     watchReading();
+    rememberJournalNames();
     forgetReadError();
     sqlite3 *raw = nullptr;
     const int result = sqlite3_open_v2(path.c_str(), &raw, flags, nullptr);

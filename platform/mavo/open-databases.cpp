@@ -55,12 +55,17 @@ int beforeCommit(void *argument) {
 
 // Nothing is waited for: without a digest the next opening checks.
 void leaveDigest(sqlite3 *handle, const std::string &path) noexcept try {
-    sqlite3_commit_hook(handle, nullptr, nullptr);
-    sqlite3_busy_timeout(handle, 0);
-    const ReadLock lock(handle);
+    sqlite3_file *file = nullptr;
+    sqlite3_file_control(handle, "main", SQLITE_FCNTL_FILE_POINTER, &file);
+    if (file == nullptr || sqlite3_txn_state(handle, nullptr) != SQLITE_TXN_NONE)
+        return; // something is still under way
+    // SQLite's own way to a read lock would look at the journal too.
+    if (file->pMethods->xLock(file, SQLITE_LOCK_SHARED) != SQLITE_OK)
+        return;
     Content content;
-    if (lock.result() == SQLITE_OK && readContent(handle, content) == SQLITE_OK)
+    if (readContent(handle, content) == SQLITE_OK)
         writeDigest(path, content);
+    file->pMethods->xUnlock(file, SQLITE_LOCK_NONE);
 } catch (...) { // no memory
 }
 
@@ -85,6 +90,7 @@ void noteClosing(sqlite3 *handle) noexcept {
         return;
     OpenFile *const file = connection->file;
     connections.erase(connection);
+    sqlite3_commit_hook(handle, nullptr, nullptr);
     if (--file->connections != 0)
         return;
     if (file->beingChanged && !file->distrusted)

@@ -1,0 +1,152 @@
+// Rule and statistics databases that are held, damaged, torn or changed by others, under the running programs.
+#include <filesystem>
+#include <fstream>
+
+#include <sqlite3.h>
+
+#include "system/system-test.h"
+
+namespace {
+
+using network::rulesOf;
+using systemtest::Lines;
+using systemtest::Row;
+using systemtest::Rows;
+using systemtest::storedRules;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using wholesystem::contentOf;
+using wholesystem::kRuleBackup;
+using wholesystem::kRuleDatabase;
+using wholesystem::kStatDatabase;
+
+const std::string kHostLog = "/run/vpkd.log";
+constexpr const char *kRule = "tcp:192.0.2.1:80:in";
+const Lines kDenied{"-s 192.0.2.1/32 -p tcp -m tcp --sport 80 -j VPK-LOGANDDROP"};
+const Rows kStored{{"tcp", "192.0.2.1", "80", 1, 0}};
+
+void write(const std::string &path, const std::string &content) { std::ofstream(path, std::ios::binary) << content; }
+
+// One bit of the text that stands last in the file, which is its entry in the index.
+void damageIndex(const std::string &path) {
+    std::string content = contentOf(path);
+    const auto entry = content.rfind("192.0.2.1");
+    ASSERT_NE(entry, std::string::npos);
+    content[entry] ^= 1;
+    write(path, content);
+}
+
+// With one deny rule, in force and stored.
+class ADatabase : public systemtest::RunningSystemTest {
+protected:
+    void SetUp() override {
+        RunningSystemTest::SetUp();
+        if (!IsSkipped())
+            deny(kRule);
+    }
+
+    std::string status() const { return system.control({"status"}).output; }
+};
+
+// A second connection to the rules, which holds them until it goes.
+class Holder {
+public:
+    Holder() {
+        EXPECT_EQ(SQLITE_OK, sqlite3_open_v2(kRuleDatabase, &handle_, SQLITE_OPEN_READWRITE, nullptr));
+        EXPECT_EQ(SQLITE_OK, sqlite3_exec(handle_, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr));
+    }
+    ~Holder() { sqlite3_close(handle_); }
+    Holder(const Holder &) = delete;
+    Holder &operator=(const Holder &) = delete;
+
+private:
+    sqlite3 *handle_ = nullptr;
+};
+
+TEST_F(ADatabase, HeldForTooLongFailsTheCommandAndLosesNoRule) {
+    {
+        const Holder holder;
+        EXPECT_NE(system.control({"exec", "ApplyDenyRules", "tcp:192.0.2.2:80:in"}).status, 0);
+    }
+    EXPECT_EQ(storedRules(), kStored);
+    EXPECT_EQ(storedRules(kRuleBackup), kStored);
+    deny("tcp:192.0.2.2:80:in");
+    EXPECT_EQ(storedRules().size(), 2U);
+}
+
+TEST_F(ADatabase, IsReplacedByItsBackupWhenItIsDamagedAndThatIsSaid) {
+    ASSERT_EQ(system.stopHost(), 0);
+    damageIndex(kRuleDatabase);
+    ASSERT_TRUE(system.startHost());
+    EXPECT_EQ(storedRules(), kStored);
+    EXPECT_EQ(rulesOf("VPK-DENY"), kDenied);
+    EXPECT_THAT(status(), HasSubstr("\ndatabase     /opt/data/vpk/db/.firewall.db.aside-1: lies aside"));
+    EXPECT_THAT(contentOf(kHostLog), HasSubstr("its backup has taken its place"));
+    // An allowed address can be denied and the other way round.
+    allow(kRule);
+    EXPECT_THAT(rulesOf("VPK-DENY"), IsEmpty());
+}
+
+TEST_F(ADatabase, IsReplacedUnderTheRunningHostWhenItIsDamagedEmptyOrGone) {
+    for (const std::string &damage : {std::string(5'000, 'x'), std::string(), std::string("gone")}) {
+        if (damage == "gone")
+            std::filesystem::remove(kRuleDatabase);
+        else
+            write(kRuleDatabase, damage);
+        EXPECT_EQ(system.control({"reload"}).status, 0);
+        EXPECT_EQ(storedRules(), kStored);
+        EXPECT_EQ(rulesOf("VPK-DENY"), kDenied);
+    }
+}
+
+TEST_F(ADatabase, DamagedWithItsBackupLeavesCopiesAside) {
+    ASSERT_EQ(system.stopHost(), 0);
+    damageIndex(kRuleDatabase);
+    damageIndex(kRuleBackup);
+    const std::string damaged = contentOf(kRuleBackup);
+    ASSERT_TRUE(system.startHost());
+    EXPECT_THAT(storedRules(), IsEmpty());
+    EXPECT_EQ(contentOf(std::string(kRuleBackup) + ".aside-1"), damaged);
+    EXPECT_THAT(status(), HasSubstr("neither the database nor its backup is sound"));
+    deny(kRule);
+    EXPECT_EQ(storedRules(), kStored);
+}
+
+TEST_F(ADatabase, HasItsBackupMadeWholeAtTheStart) {
+    ASSERT_EQ(system.stopHost(), 0);
+    write(kRuleBackup, contentOf(kRuleBackup).substr(0, 5'000));
+    ASSERT_TRUE(system.startHost());
+    EXPECT_EQ(contentOf(kRuleBackup), contentOf(kRuleDatabase));
+    EXPECT_EQ(storedRules(kRuleBackup), kStored);
+}
+
+TEST_F(ADatabase, ChangedBySomebodyElseIsUsedAndThatIsSaid) {
+    ASSERT_EQ(system.stopHost(), 0);
+    EXPECT_EQ(0, process::capture({"sqlite3", kRuleDatabase, "DELETE FROM firewall_rules"}).status);
+    ASSERT_TRUE(system.startHost());
+    EXPECT_THAT(storedRules(), IsEmpty());
+    EXPECT_THAT(status(), HasSubstr("another program has changed it"));
+    EXPECT_THAT(contentOf(kHostLog), HasSubstr("another program has changed it"));
+}
+
+TEST_F(ADatabase, IsNotAccusedAfterAKillOrAnOrdinaryRestart) {
+    system.killHost();
+    ASSERT_TRUE(system.startHost());
+    deny("tcp:192.0.2.2:80:in");
+    ASSERT_TRUE(system.restartHost());
+    EXPECT_EQ(status().find("\ndatabase "), std::string::npos) << status();
+    EXPECT_EQ(storedRules().size(), 2U);
+}
+
+TEST_F(ADatabase, OfStatisticsIsMadeAnewWhenItIsDamaged) {
+    write(kStatDatabase, std::string(5'000, 'x'));
+    EXPECT_EQ(system.execute("EnableStatCollector"), 0);
+    const std::string aside = std::string(kStatDatabase) + ".aside-1";
+    EXPECT_TRUE(process::waitUntil([&] { return contentOf(aside).size() == 5'000U; }));
+    EXPECT_TRUE(process::waitUntil([&] { return contentOf(kStatDatabase).rfind("SQLite format 3", 0) == 0; }));
+    EXPECT_THAT(status(), HasSubstr("\ncollector    running\n"));
+    EXPECT_THAT(status(), HasSubstr(aside));
+    EXPECT_EQ(system.execute("DisableStatCollector"), 0);
+}
+
+} // namespace
