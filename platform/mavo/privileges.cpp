@@ -90,19 +90,28 @@ std::string pathOf(const std::string &privilege) {
 Privileges Privileges::load(const std::string &file) {
     Privileges privileges;
     struct stat status {};
-    if (::stat(file.c_str(), &status) != 0 && errno == ENOENT)
+    const bool found = ::stat(file.c_str(), &status) == 0;
+    if (!found && errno == ENOENT)
         return privileges;
+    const auto unreadable = [&file](const std::string &why) {
+        Privileges none;
+        none.problems_.push_back(file + ": cannot be read: " + why + "; root alone is served");
+        return none;
+    };
+    if (found && !S_ISREG(status.st_mode)) // a pipe would never end
+        return unreadable("it is no regular file");
     std::ifstream stream(file);
     std::string line;
     for (int lineNumber = 1; std::getline(stream, line); ++lineNumber) {
         try {
             privileges.addLine(line.substr(0, line.find('#')));
         } catch (const Exception &exception) {
-            throw Exception(file + ":" + std::to_string(lineNumber) + ": " + exception.what());
+            privileges.problems_.push_back(file + ":" + std::to_string(lineNumber) +
+                                           ": the line is void: " + exception.what());
         }
     }
     if (!stream.eof())
-        throw Exception(file + ": cannot be read: " + std::strerror(errno));
+        return unreadable(std::strerror(errno));
     return privileges;
 }
 
@@ -113,9 +122,12 @@ void Privileges::addLine(const std::string &line) {
         return;
     if (path.front() != '/')
         throw Exception("\"" + path + "\" is no privilege's path, which begins with \"/\"");
-    Holders &holders = holders_[path];
+    Holders added;
     for (std::string account; words >> account;)
-        addHolder(holders, account);
+        addHolder(added, account);
+    Holders &holders = holders_[path];
+    holders.users.insert(added.users.begin(), added.users.end());
+    holders.groups.insert(added.groups.begin(), added.groups.end());
 }
 
 void Privileges::addHolder(Holders &holders, const std::string &account) {
@@ -138,7 +150,21 @@ bool Privileges::holds(uid_t uid, gid_t gid, const std::string &privilege) const
     const auto found = holders_.find(pathOf(privilege));
     if (found == holders_.end())
         return false;
-    const Holders &holders = found->second;
+    return isAmong(found->second, uid, gid);
+}
+
+bool Privileges::holdsAny(uid_t uid, gid_t gid) const {
+    if (uid == 0)
+        return true;
+    Holders all;
+    for (const auto &entry : holders_) {
+        all.users.insert(entry.second.users.begin(), entry.second.users.end());
+        all.groups.insert(entry.second.groups.begin(), entry.second.groups.end());
+    }
+    return isAmong(all, uid, gid);
+}
+
+bool Privileges::isAmong(const Holders &holders, uid_t uid, gid_t gid) {
     if (holders.users.count(uid) != 0 || holders.groups.count(gid) != 0)
         return true;
     if (holders.groups.empty())

@@ -6,6 +6,7 @@
 #include <set>
 #include <string>
 #include <sys/types.h>
+#include <vector>
 
 namespace mavo {
 namespace rmi {
@@ -17,12 +18,18 @@ class Privileges {
 public:
     // Root alone.
     Privileges() = default;
-    // Throws mavo::Exception naming file, line and what is wrong there. A file that does not exist means root alone.
+    // A line that is not understood, or names an account that there is not, is void as a whole; a file that cannot be
+    // read means root alone, as one that does not exist does. See problems().
     static Privileges load(const std::string &file);
+
+    // What is void and why, a line each, with file and line.
+    const std::vector<std::string> &problems() const { return problems_; }
 
     // `privilege` is an identifier in URL form or its path alone; the path counts. Groups are those of the account
     // database, and `gid`.
     bool holds(uid_t uid, gid_t gid, const std::string &privilege) const;
+    // Whether there is any privilege that the account holds.
+    bool holdsAny(uid_t uid, gid_t gid) const;
 
 private:
     struct Holders {
@@ -31,8 +38,10 @@ private:
     };
     void addLine(const std::string &line);
     static void addHolder(Holders &holders, const std::string &account);
+    static bool isAmong(const Holders &holders, uid_t uid, gid_t gid);
 
     std::map<std::string, Holders> holders_;
+    std::vector<std::string> problems_;
 };
 
 } // namespace rmi

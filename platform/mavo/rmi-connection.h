@@ -19,6 +19,7 @@ namespace rmi {
 struct Peer {
     uid_t uid;
     gid_t gid;
+    bool holdsPrivilege; // any at all, when it connected
 };
 
 class Connection;
@@ -52,6 +53,8 @@ public:
     const Peer &peer() const { return peer_; }
     // The announced size of the body that is being read, 0 when none is.
     std::size_t bodyUnderWay() const { return input_ == Input::body ? bodyBytes_ : 0; }
+    // The size of the reply that has not gone yet, 0 when there is none.
+    std::size_t replyUnderWay() const { return hasOutput() ? output_.size() : 0; }
 
 private:
     enum class Input {

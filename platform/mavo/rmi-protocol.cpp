@@ -95,16 +95,19 @@ std::optional<RequestHead> decodeRequestHead(const std::string &bytes) {
 }
 
 std::string encodeReply(const Reply &reply) {
-    std::string content;
-    appendWord(content, static_cast<std::uint32_t>(reply.status));
-    appendString(content, reply.body);
-    appendString(content, reply.error);
-    appendList(content, reply.errorLines);
-    appendList(content, reply.notInForce);
     std::string bytes;
+    bytes.reserve(kReplyHeadBytes + 3 * kWordBytes + reply.body.size() +
+                  reply.error.size()); // a large one is not moved
     appendWord(bytes, kReplyMagic);
-    appendString(bytes, content);
-    return bytes;
+    appendWord(bytes, 0); // the length, which comes last
+    appendWord(bytes, static_cast<std::uint32_t>(reply.status));
+    appendString(bytes, reply.body);
+    appendString(bytes, reply.error);
+    appendList(bytes, reply.errorLines);
+    appendList(bytes, reply.notInForce);
+    std::string length;
+    appendWord(length, bytes.size() - kReplyHeadBytes);
+    return bytes.replace(kWordBytes, kWordBytes, length);
 }
 
 std::optional<std::size_t> decodeReplyHead(const std::string &bytes) {

@@ -20,9 +20,10 @@ namespace rmi {
 constexpr std::uint32_t kRequestMagic = 0x31494d52; // "RMI1"
 constexpr std::uint32_t kReplyMagic = 0x31504d52;   // "RMP1"
 constexpr std::size_t kMethodNameLimitBytes = 256;
-// Room for a list of 100,000 rules of 160 bytes each.
-constexpr std::size_t kBodyLimitBytes = std::size_t{16} * 1024 * 1024;
-constexpr std::size_t kReplyLimitBytes = 16 * kBodyLimitBytes;
+// Room for a list of rules of 4 MiB, and for what goes with it.
+constexpr std::size_t kBodyLimitBytes = std::size_t{4} * 1024 * 1024 + std::size_t{64} * 1024;
+// Room for all reports of a full outbox, 16 MiB of files.
+constexpr std::size_t kReplyLimitBytes = std::size_t{24} * 1024 * 1024;
 constexpr std::size_t kRequestHeadBytes = 12; // without the name
 constexpr std::size_t kReplyHeadBytes = 8;
 
@@ -32,7 +33,8 @@ enum class Status : std::uint32_t {
     unknownMethod = 2, //
     denied = 3,        // the caller lacks the method's privilege
     exception = 4,     // the call ended with an exception; its text is in `error`
-    busy = 5           // too many connections: sent unasked, then the connection ends. Or too many large bodies
+    busy = 5           // too many connections: sent unasked, then the connection ends. Or too many large bodies or
+                       // replies under way
 };
 
 // What came of a call. `error` says what is wrong unless the status is ok.

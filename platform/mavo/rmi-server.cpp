@@ -43,12 +43,12 @@ void refuseAsBusy(const UniqueFd &socket, const char *why) {
     [[maybe_unused]] const ssize_t sent = ::send(socket.get(), frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
-std::optional<Peer> peerOf(const UniqueFd &socket) {
+std::optional<Peer> peerOf(const UniqueFd &socket, const Privileges &privileges) {
     ucred credentials{};
     socklen_t size = sizeof(credentials);
     if (::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0)
         return std::nullopt;
-    return Peer{credentials.uid, credentials.gid};
+    return Peer{credentials.uid, credentials.gid, privileges.holdsAny(credentials.uid, credentials.gid)};
 }
 
 std::string oneLine(std::string text) {
@@ -95,6 +95,8 @@ public:
         const auto context = find_(method);
         if (const auto refused = refusal(peer, context))
             return *refused;
+        if (!hasRoomForReply(peer))
+            return Reply{Status::busy, {}, "too many large replies are not read yet", {}, {}};
         Message request(std::move(body));
         const auto start = support::EventLoop::Clock::now();
         Reply reply = invoke_(method, *context, request);
@@ -118,17 +120,35 @@ private:
     bool hasRoomFor(const Peer &peer, std::size_t bodyBytes) const {
         if (bodyBytes <= kSmallBodyBytes)
             return true;
-        std::size_t all = bodyBytes;
-        std::size_t ofUser = bodyBytes;
+        const UnderWay bodies = underWay(peer, &Connection::bodyUnderWay);
+        return isWithinShare(peer, {bodies.all + bodyBytes, bodies.ofUser + bodyBytes}, limits_.bodyBytes);
+    }
+
+    // How large the reply will be, nobody knows before the call.
+    bool hasRoomForReply(const Peer &peer) const {
+        return isWithinShare(peer, underWay(peer, &Connection::replyUnderWay), limits_.replyBytes);
+    }
+
+    struct UnderWay {
+        std::size_t all;
+        std::size_t ofUser;
+    };
+
+    UnderWay underWay(const Peer &peer, std::size_t (Connection::*sizeOf)() const) const {
+        UnderWay sum{0, 0};
         for (const auto &entry : connections_) {
-            const std::size_t bytes = entry.second->bodyUnderWay();
+            const std::size_t bytes = (*entry.second.*sizeOf)();
             if (bytes <= kSmallBodyBytes)
                 continue;
-            all += bytes;
-            ofUser += entry.second->peer().uid == peer.uid ? bytes : 0;
+            sum.all += bytes;
+            sum.ofUser += entry.second->peer().uid == peer.uid ? bytes : 0;
         }
-        const std::size_t quarter = limits_.bodyBytes / 4;
-        return peer.uid == 0 ? all <= limits_.bodyBytes : all <= 3 * quarter && ofUser <= quarter;
+        return sum;
+    }
+
+    static bool isWithinShare(const Peer &peer, const UnderWay &sum, std::size_t limit) {
+        const std::size_t quarter = limit / 4;
+        return peer.uid == 0 ? sum.all <= limit : sum.all <= 3 * quarter && sum.ofUser <= quarter;
     }
 
     void watchListener() {
@@ -162,7 +182,7 @@ private:
     }
 
     void admit(UniqueFd socket) {
-        const auto peer = peerOf(socket);
+        const auto peer = peerOf(socket, privileges_);
         if (!peer)
             return;
         if (const char *why = reasonToRefuse(*peer))
@@ -180,13 +200,21 @@ private:
         const int kept = peer.uid == 0 ? 0 : rootsOwn_;
         if (static_cast<int>(connections_.size()) >= limits_.connections - kept)
             return "too many connections";
-        const auto ofUser = std::count_if(connections_.begin(), connections_.end(),
-                                          [&peer](const auto &entry) { return entry.second->peer().uid == peer.uid; });
-        if (peer.uid != 0 && ofUser >= limits_.connectionsPerUser)
+        if (peer.uid != 0 &&
+            countOf([&peer](const Peer &other) { return other.uid == peer.uid; }) >= limits_.connectionsPerUser)
             return "too many connections of this user";
+        // Anybody can have many accounts.
+        if (!peer.holdsPrivilege &&
+            countOf([](const Peer &other) { return !other.holdsPrivilege; }) >= limits_.connectionsWithoutPrivilege)
+            return "too many connections of accounts without a privilege";
         if (!descriptorsFree(limits_.reservedDescriptors + kept))
             return "too few descriptors left";
         return nullptr;
+    }
+
+    template <typename Which> std::ptrdiff_t countOf(Which which) const {
+        return std::count_if(connections_.begin(), connections_.end(),
+                             [&which](const auto &entry) { return which(entry.second->peer()); });
     }
 
     support::EventLoop &loop_;

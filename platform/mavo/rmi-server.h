@@ -23,12 +23,16 @@ constexpr std::size_t kSmallBodyBytes = std::size_t{64} * 1024;
 
 struct ServerLimits {
     int connections = 64;
-    int connectionsPerUser = 16; // root has the whole number, an eighth of which is kept for him
+    int connectionsPerUser = 16;          // root has the whole number, an eighth of which is kept for him
+    int connectionsWithoutPrivilege = 16; // of all accounts together that hold no privilege at all
     // Descriptors that must stay free for the program's own work; a connection that would take one of them is refused.
     int reservedDescriptors = 64;
     // Bodies under way in all, by their announced sizes; a request that goes beyond is answered as busy. Others than
     // root have three quarters of it, each user one. Bodies of up to kSmallBodyBytes are free.
     std::size_t bodyBytes = 4 * kBodyLimitBytes;
+    // Replies that are not read yet; while they are more, a call is answered as busy and not carried out. The same
+    // shares, and small ones are free likewise.
+    std::size_t replyBytes = std::size_t{16} * 1024 * 1024;
     std::chrono::milliseconds requestTimeout{10'000}; // from the first byte of a request to its last
     std::chrono::milliseconds idleTimeout{60'000};    // with no request under way, or with a reply not read
 };

@@ -3,6 +3,7 @@
 #include <fstream>
 #include <string>
 #include <sys/mount.h>
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
@@ -73,7 +74,7 @@ TEST_F(APrivilegesFile, CountsThePathOfAnIdentifierAlone) {
         EXPECT_FALSE(privileges.holds(500, kNoGroup, name)) << name;
 }
 
-TEST_F(APrivilegesFile, IsRefusedWithTheLineAndWhatIsWrongThere) {
+TEST_F(APrivilegesFile, HasVoidLinesThatAreNamedWithWhatIsWrongThere) {
     const struct {
         const char *text;
         const char *message;
@@ -86,15 +87,41 @@ TEST_F(APrivilegesFile, IsRefusedWithTheLineAndWhatIsWrongThere) {
         {"/a -1", ":1: no user \"-1\"; a group's name follows \"@\""},
     };
     for (const auto &wrong : cases) {
-        try {
-            load(wrong.text);
-            FAIL() << "taken: " << wrong.text;
-        } catch (const mavo::Exception &exception) {
-            EXPECT_EQ(kFile + wrong.message, exception.what());
-        }
+        const Privileges privileges = load(wrong.text);
+        ASSERT_EQ(privileges.problems().size(), 1U) << wrong.text;
+        const std::string message = wrong.message;
+        const std::size_t line = message.find(": ");
+        EXPECT_EQ(privileges.problems()[0],
+                  kFile + message.substr(0, line) + ": the line is void" + message.substr(line));
     }
 }
 
-TEST_F(APrivilegesFile, IsRefusedWhenItCannotBeRead) { EXPECT_THROW(Privileges::load("/run"), mavo::Exception); }
+TEST_F(APrivilegesFile, KeepsTheOtherLinesOfOneThatIsVoid) {
+    const Privileges privileges =
+        load("/privilege/x operator gone\n/privilege/x monitor\n/privilege/y @gone operator\n");
+    EXPECT_EQ(privileges.problems().size(), 2U);
+    EXPECT_TRUE(privileges.holds(501, kNoGroup, "/privilege/x"));
+    EXPECT_FALSE(privileges.holds(500, kNoGroup, "/privilege/x")) << "the whole line is void";
+    EXPECT_FALSE(privileges.holds(500, kNoGroup, "/privilege/y"));
+}
+
+TEST_F(APrivilegesFile, LeavesRootAloneWhenItCannotBeRead) {
+    ASSERT_EQ(0, ::mkfifo("/run/pipe", 0600));
+    for (const char *path : {"/run", "/run/pipe", "/run/passwd/below"}) {
+        const Privileges privileges = Privileges::load(path);
+        ASSERT_EQ(privileges.problems().size(), 1U) << path;
+        EXPECT_NE(privileges.problems()[0].find("root alone is served"), std::string::npos);
+        EXPECT_TRUE(privileges.holds(0, 0, "/privilege/x"));
+        EXPECT_FALSE(privileges.holds(500, 500, "/privilege/x"));
+    }
+}
+
+TEST_F(APrivilegesFile, TellsWhoHoldsAnyPrivilege) {
+    const Privileges privileges = load("/privilege/x operator\n/privilege/y @netdev\n/privilege/z nobody-here\n");
+    EXPECT_TRUE(privileges.holdsAny(0, 0));
+    EXPECT_TRUE(privileges.holdsAny(500, kNoGroup));
+    EXPECT_TRUE(privileges.holdsAny(501, kNoGroup));
+    EXPECT_FALSE(privileges.holdsAny(777, kNoGroup));
+}
 
 } // namespace

@@ -416,7 +416,8 @@ TEST(AServer, GivesOneUserNoMoreThanHisShareOfTheConnections) {
 // A process of that user that holds as many of `attempts` connections as it is given.
 class Flood {
 public:
-    Flood(uid_t uid, int attempts) {
+    // Held is a connection on which a call has that outcome.
+    Flood(uid_t uid, int attempts, Status outcome = Status::ok) {
         std::array<int, 2> ready{};
         std::array<int, 2> stop{};
         EXPECT_EQ(0, ::pipe(ready.data()));
@@ -424,7 +425,7 @@ public:
         child_ = ::fork();
         if (child_ == 0) {
             ::close(stop[1]);
-            ::_exit(asUser(uid, [&] { return hold(attempts, ready[1], stop[0]); }));
+            ::_exit(asUser(uid, [&] { return hold(attempts, outcome, ready[1], stop[0]); }));
         }
         ::close(ready[1]);
         ::close(stop[0]);
@@ -443,12 +444,12 @@ public:
     int held() const { return held_; }
 
 private:
-    static int hold(int attempts, int ready, int stop) {
+    static int hold(int attempts, Status outcome, int ready, int stop) {
         std::vector<std::unique_ptr<Client>> clients;
         char held = 0;
         for (int i = 0; i < attempts; ++i) {
             clients.push_back(std::make_unique<Client>(kPath));
-            held = static_cast<char>(held + (clients.back()->call("Echo", Message(body("x"))).status == Status::ok));
+            held = static_cast<char>(held + (clients.back()->call("Echo", Message(body("x"))).status == outcome));
         }
         char end = 0;
         return ::write(ready, &held, 1) == 1 && ::read(stop, &end, 1) == 0 ? 0 : 1;
@@ -466,6 +467,39 @@ TEST(AServer, KeepsConnectionsForRootWhenOthersTakeAllTheyCan) {
     EXPECT_EQ(9, one.held());
     EXPECT_EQ(0, other.held()) << "calls of someone without any privilege";
     EXPECT_EQ(2, servedOf(5));
+}
+
+TEST(AServer, GivesAllAccountsWithoutAPrivilegeTogetherOneShare) {
+    auto limits = limitsOf(64);
+    limits.connectionsWithoutPrivilege = 6;
+    const ServerProcess server(limits);
+    std::vector<std::unique_ptr<Flood>> strangers;
+    int held = 0;
+    for (uid_t uid = kOther; uid < kOther + 6; ++uid) {
+        strangers.push_back(std::make_unique<Flood>(uid, 16, Status::denied));
+        held += strangers.back()->held();
+    }
+    EXPECT_EQ(6, held);
+    EXPECT_EQ(16, asUser(kUser, [] { return servedOf(20); })) << "who holds a privilege has his share";
+    while (!strangers.empty())
+        strangers.pop_back(); // the later ones hold what the earlier ones wait for
+}
+
+TEST(AServer, CarriesOutNoCallWhileTooMuchOfItsRepliesIsNotRead) {
+    ServerLimits limits;
+    limits.replyBytes = 4'000'000;
+    const ServerProcess server(limits);
+    ASSERT_EQ("warm", echoOnce("warm"));
+    const std::size_t before = server.dataBytes();
+    std::vector<std::unique_ptr<RawClient>> lazy;
+    for (int i = 0; i < 10; ++i) {
+        lazy.push_back(std::make_unique<RawClient>());
+        ASSERT_TRUE(lazy.back()->send(requestBytes("Blob", body(2'000'000))));
+    }
+    EXPECT_EQ("status 5: too many large replies are not read yet", echoOnce("x"));
+    EXPECT_LT(server.dataBytes(), before + 40'000'000);
+    lazy.clear();
+    EXPECT_TRUE(eventually([] { return echoOnce("x") == "x"; }));
 }
 
 TEST(AServer, KeepsAReserveOfDescriptorsForTheProgramsOwnWork) {
