@@ -3,11 +3,13 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <stdexcept>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "host/paths.h"
 #include "support/directories.h"
+#include "support/trusted-path.h"
 #include "support/unique-fd.h"
 
 namespace host {
@@ -50,10 +52,17 @@ std::string databaseProblem(const char *path) {
 
 } // namespace
 
-void makeDataDirectories() { support::makeDataDirectory(kDatabaseDirectory); }
+void makeDataDirectories() {
+    const std::string problem = support::trustProblem(kDatabaseDirectory);
+    if (!problem.empty())
+        throw std::runtime_error(problem);
+    support::makeDataDirectory(kDatabaseDirectory);
+}
 
 std::string dataProblem() {
-    std::string problem = directoryProblem(kDatabaseDirectory);
+    std::string problem = support::trustProblem(kDatabaseDirectory);
+    if (problem.empty())
+        problem = directoryProblem(kDatabaseDirectory);
     for (const char *database : {kRuleDatabase, kRuleDatabaseBackup, kStatusDatabase}) {
         if (problem.empty())
             problem = databaseProblem(database);

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <stdexcept>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -65,6 +66,52 @@ TEST_F(TheData, KeepsDirectoriesThatAreThereAsTheyAre) {
     EXPECT_EQ(modeOf(host::kOptDirectory), 0711U);
 }
 
+TEST_F(TheData, IsNotWellWhereOthersCouldExchangeIt) {
+    const struct {
+        std::function<void()> bend;
+        std::string problem;
+    } cases[] = {
+        {[] { ASSERT_EQ(::chown("/opt/data/vpk", 4711, 4711), 0); }, "/opt/data/vpk: belongs to account 4711"},
+        {[] { ASSERT_EQ(::chown("/opt/data", 4711, 0), 0); }, "/opt/data: belongs to account 4711"},
+        {[] { ASSERT_EQ(::chmod("/opt/data", 0777), 0); }, "/opt/data: others may write there"},
+        {[] { ASSERT_EQ(::chmod("/opt", 01777), 0); }, "/opt: others may write there"},
+        {[] { ASSERT_EQ(::chown("/opt", 0, 4711) + ::chmod("/opt", 0775), 0); }, "/opt: others may write there"},
+        {[] {
+             fs::rename("/opt/data/vpk", "/opt/elsewhere");
+             fs::create_directory_symlink("/opt/elsewhere", "/opt/data/vpk");
+             ASSERT_EQ(::lchown("/opt/data/vpk", 4711, 4711), 0);
+         },
+         "/opt/data/vpk: belongs to account 4711"},
+        {[] {
+             fs::remove_all("/opt/data/vpk");
+             fs::create_symlink("/opt/data/vpk", "/opt/data/vpk");
+         },
+         "/opt/data/vpk: leads nowhere"},
+        {[] {
+             fs::remove_all("/opt/data/vpk");
+             write("/opt/data/vpk", "a file");
+         },
+         "/opt/data/vpk: is not a directory"},
+    };
+    for (const auto &each : cases) {
+        ASSERT_EQ(::chown("/opt", 0, 0) + ::chmod("/opt", 0755), 0);
+        fs::remove_all("/opt/data");
+        fs::remove_all("/opt/elsewhere");
+        host::makeDataDirectories();
+        each.bend();
+        EXPECT_THAT(host::dataProblem(), StartsWith(each.problem));
+        EXPECT_THROW(host::makeDataDirectories(), std::runtime_error) << each.problem;
+    }
+}
+
+TEST_F(TheData, IsWellBehindALinkOfRoot) {
+    fs::rename("/opt/data", "/opt/moved");
+    fs::create_directory_symlink("moved/../moved", "/opt/data");
+    EXPECT_EQ(host::dataProblem(), "");
+    ASSERT_EQ(::chmod("/opt/moved", 0777), 0);
+    EXPECT_THAT(host::dataProblem(), StartsWith("/opt/moved: others may write there"));
+}
+
 TEST_F(TheData, IsWellWhenNoFileIsThereYet) { EXPECT_EQ(host::dataProblem(), ""); }
 
 TEST_F(TheData, IsWellWithDamagedDatabases) {
@@ -78,12 +125,12 @@ TEST_F(TheData, IsNotWellWithoutItsDirectory) {
     fs::remove(host::kDatabaseDirectory);
     EXPECT_THAT(host::dataProblem(), StartsWith("/opt/data/vpk/db: "));
     write(host::kDatabaseDirectory, "a file");
-    EXPECT_EQ(host::dataProblem(), "/opt/data/vpk/db: is not a directory");
+    EXPECT_EQ(host::dataProblem(), "/opt/data/vpk/db: is not a directory; move it away");
 }
 
 TEST_F(TheData, IsNotWellWhenTheDirectoryBelongsToSomebodyElse) {
     ASSERT_EQ(::chown(host::kDatabaseDirectory, 4711, 4711), 0);
-    EXPECT_EQ(host::dataProblem(), "/opt/data/vpk/db: belongs to account 4711, not to the policy host's");
+    EXPECT_THAT(host::dataProblem(), StartsWith("/opt/data/vpk/db: belongs to account 4711, which could exchange"));
 }
 
 TEST_F(TheData, IsNotWellWhenADatabaseIsNoRegularFile) {
