@@ -139,6 +139,7 @@ std::string statusAsText(const Json &document) {
            "rules        " + rulesLine(part(document, "rules")) + "\n" +                //
            "collector    " + collectorLine(document) + "\n" +                           //
            problemLine("settings     ", text(document, "settingsProblem")) +            //
+           problemLine("privileges   ", text(document, "privilegesProblem")) +          //
            "last report  " + lastReportLine(text(document, "lastReport")) + "\n" +      //
            "covers       " + text(document, "families") + "; IPv6 passes unfiltered\n"; //
 }

@@ -227,10 +227,15 @@ void replaceBy(const std::optional<Substitute> &substitute) {
     syncFolder();
 }
 
-// After a kill between the two steps.
+// After a kill: a whole copy was on the disk, and had not taken its place.
 void finishReplacing() {
-    if (isGood(look(kNew)))
-        moveTo(kNew, kFile);
+    if (!isGood(look(kNew)))
+        return;
+    const Found found = look(kFile);
+    if (found.there && !problemOf(found).empty())
+        putAside();
+    moveTo(kNew, kFile);
+    syncFolder();
 }
 
 // The plugin writes the file, and can do so only in one of its own.
@@ -265,8 +270,7 @@ void clearWay() {
 
 void heal() {
     clearWay();
-    if (!look(kFile).there)
-        finishReplacing();
+    finishReplacing();
     const Found found = lookAgainWhileWrong();
     if (!found.failure.empty())
         return logError(kFile + ": cannot be read now: " + found.failure);
@@ -323,6 +327,31 @@ void keepConfig() try {
 } catch (const std::runtime_error &error) {
     throw std::runtime_error("the settings are not safe on the disk: " + std::string(error.what()) +
                              "; the next start takes the last good ones");
+}
+
+ConfigHold::ConfigHold() try {
+    const Found found = lookAgainWhileWrong();
+    if (found.there) {
+        if (!isGood(found))
+            return;
+        writeNew(kNew, found.text);
+        syncFolder();
+        copied_ = true;
+    }
+    inForce_ = found.there || found.failure.empty();
+} catch (const std::exception &error) {
+    logError("a copy of the configuration cannot be made: " + std::string(error.what()));
+}
+
+ConfigHold::~ConfigHold() {
+    try {
+        if (copied_) {
+            moveTo(kNew, kFile);
+            syncFolder();
+        }
+    } catch (const std::exception &error) {
+        logError("the configuration may be an older one: " + std::string(error.what()));
+    }
 }
 
 std::string configRemark() {

@@ -24,6 +24,23 @@ void healConfig();
 // whole, or not on the disk.
 void keepConfig();
 
+// What stands in the file when it is made stands there again when it goes away, whatever was written meanwhile; should
+// the host be killed in between, healConfig() sees to that. A file that is missing may be made meanwhile.
+class ConfigHold {
+public:
+    ConfigHold();
+    ~ConfigHold();
+    ConfigHold(const ConfigHold &) = delete;
+    ConfigHold &operator=(const ConfigHold &) = delete;
+
+    // False when nothing is held: the file is not sound, or its copy cannot be written.
+    bool inForce() const { return inForce_; }
+
+private:
+    bool inForce_ = false;
+    bool copied_ = false;
+};
+
 // What was put aside and is still there, and what is wrong with the file now: one line, empty when there is nothing. It
 // looks at what lies there, so it holds after a restart too.
 std::string configRemark();

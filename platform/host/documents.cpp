@@ -6,6 +6,9 @@
 #include <cstdlib>
 #include <exception>
 #include <functional>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
 #include <unistd.h>
 
 #include <json/json.h>
@@ -29,6 +32,7 @@ constexpr const char *kAllowChain = "VPK-ALLOW";
 constexpr const char *kDenyChain = "VPK-DENY";
 constexpr const char *kLogAndDropChain = "VPK-LOGANDDROP";
 constexpr std::uint64_t kLogAndDropRules = 2;
+constexpr std::size_t kRulesLimitBytes = std::size_t{16} * 1024 * 1024; // about 170,000 rules
 
 struct StoredRule {
     std::string protocol;
@@ -148,13 +152,12 @@ std::vector<std::string> missingParts(const rlv::ServiceState &state) {
     return missing;
 }
 
-std::string statusDocument(std::optional<int> stored, int applied, const std::string &collectorProblem,
-                           const std::string &rebuild, const std::string &databaseProblem) {
+std::string statusDocument(const HostState &state) {
     Json::Value document;
-    if (stored)
-        document["stored"] = *stored;
-    document["applied"] = applied;
-    document["databaseProblem"] = databaseProblem;
+    if (state.stored)
+        document["stored"] = *state.stored;
+    document["applied"] = state.applied;
+    document["databaseProblem"] = state.databaseProblem;
     try {
         document["rules"] = storedAndExpected();
     } catch (const mavo::database::Unavailable &unavailable) {
@@ -163,31 +166,44 @@ std::string statusDocument(std::optional<int> stored, int applied, const std::st
     addServiceState(document);
     const auto collector = collectorState(collectorWanted());
     // Of a disabled plugin none should run.
-    document["collector"] = nameOf(collector == CollectorState::dead && applied != 1 ? CollectorState::off : collector);
-    document["collectorProblem"] = collectorProblem;
-    document["rebuild"] = rebuild;
+    document["collector"] =
+        nameOf(collector == CollectorState::dead && state.applied != 1 ? CollectorState::off : collector);
+    document["collectorProblem"] = state.collectorProblem;
+    document["rebuild"] = state.rebuild;
     document["settingsProblem"] = configRemark();
     document["databases"] = Json::Value(Json::arrayValue);
     for (const auto &remark : databaseRemarks())
         document["databases"].append(remark);
+    document["privilegesProblem"] = state.privilegesProblem;
     document["lastReport"] = lastReport();
     document["families"] = "IPv4 only";
     return onOneLine(document);
 }
 
+// Any number of rules may be stored: only the text of them all is in memory at once.
 std::string rulesDocument() {
-    Json::Value document;
-    document["rules"] = Json::Value(Json::arrayValue);
-    forEachStoredRule([&document](const StoredRule &stored) {
+    Json::StreamWriterBuilder builder;
+    builder["commentStyle"] = "None";
+    builder["indentation"] = "";
+    const std::unique_ptr<Json::StreamWriter> writer(builder.newStreamWriter());
+    std::string document = R"({"rules":[)";
+    forEachStoredRule([&](const StoredRule &stored) {
         Json::Value rule;
         rule["action"] = stored.allowed ? "allow" : "deny";
         rule["protocol"] = stored.protocol;
         rule["domain"] = stored.domain;
         rule["port"] = stored.port;
         rule["direction"] = stored.direction == 1 || stored.direction == 2 ? stored.direction : 0;
-        document["rules"].append(rule);
+        std::ostringstream text;
+        writer->write(rule, &text);
+        if (document.back() != '[')
+            document += ',';
+        document += text.str();
+        if (document.size() > kRulesLimitBytes)
+            throw std::length_error("the list of all rules has more than " + std::to_string(kRulesLimitBytes) +
+                                    " bytes and is too long to be shown");
     });
-    return onOneLine(document);
+    return document + "]}";
 }
 
 std::string reportsDocument() {

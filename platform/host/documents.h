@@ -10,6 +10,16 @@
 
 namespace host {
 
+// What the host alone knows of itself.
+struct HostState {
+    std::optional<int> stored; // the stored status, -1 where none is; nothing: it cannot be read now
+    int applied = -1;          // the status as last applied
+    std::string collectorProblem;
+    std::string rebuild;
+    std::string databaseProblem;
+    std::string privilegesProblem;
+};
+
 // An object:
 //   "stored"    the stored status, -1 where none is; "applied" the flag as last applied
 //   "inForce"   true when all hooks and chains stand; "missing" an array of those that do not
@@ -25,11 +35,10 @@ namespace host {
 //   "settingsProblem" what is wrong with the configuration file, or which one was put aside; one line or empty
 //   "databases" an array of lines: files of damaged databases that lie aside, and what others have changed
 //   "databaseProblem" why a database cannot be read now, or empty: then what stands in it is left out
+//   "privilegesProblem" what of the file of privileges is void, and why; one line or empty
 //   "families"  "IPv4 only"
-// Throws mavo::Exception, which names the file, when the rule database cannot be read. Without `stored` its database
-// cannot be read now, for `databaseProblem`.
-std::string statusDocument(std::optional<int> stored, int applied, const std::string &collectorProblem,
-                           const std::string &rebuild, const std::string &databaseProblem = {});
+// Throws mavo::Exception, which names the file, when the rule database cannot be read.
+std::string statusDocument(const HostState &state);
 
 // {"rules":[{"action":"allow" or "deny","protocol","domain","port","direction"}…]} in the database's order. Texts and
 // direction as they are stored: empty for any, ports with ":" between them, 1 in, 2 out, 0 both. Throws

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <new>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "host/collector-restart.h"
@@ -20,6 +21,7 @@
 #include "host/paths.h"
 #include "host/plugin-config.h"
 #include "host/reply-lines.h"
+#include "host/retired-plugin.h"
 #include "mavo/database-failures.h"
 #include "mavo/database.h"
 #include "mavo/rmi-server.h"
@@ -157,9 +159,7 @@ void Host::bringUpWith(std::optional<int> applied) {
         restoreAfterFailedFactory(disabled);
         throw;
     }
-    static auto *const kept = new std::vector<std::unique_ptr<Instance>>; // reachable, but destroyed by nobody
-    kept->push_back(std::move(instance));
-    current_ = kept->back().get();
+    replaceBy(std::move(instance));
     applied_ = disabled ? 0 : 1;
     if (applied && *applied != applied_)
         switchTo(*applied);
@@ -170,6 +170,15 @@ void Host::bringUpWith(std::optional<int> applied) {
     } catch (const std::exception &error) {
         logError(error.what()); // the rules are in force all the same
     }
+}
+
+// The one before is served no more: its methods are found by name at each call, and this is no call of theirs.
+void Host::replaceBy(std::unique_ptr<Instance> instance) {
+    static auto *const kept = new std::vector<std::unique_ptr<Instance>>; // reachable, but destroyed by nobody
+    kept->push_back(std::move(instance));
+    const auto *const before = std::exchange(current_, kept->back().get());
+    if (before != nullptr && deleteRetiredPlugin(before->plugin, guard_))
+        kept->erase(kept->end() - 2);
 }
 
 std::string Host::bringUpAndJudge(std::optional<int> applied) {
@@ -320,23 +329,24 @@ int Host::getStatus() {
 }
 
 std::string Host::statusDocument() const {
-    std::string problem = removeDeadMarker();
+    HostState state;
+    state.applied = applied_;
+    state.collectorProblem = removeDeadMarker();
     if (keeper_ != nullptr) {
         keeper_->look();
         const std::string remark = keeper_->remark();
-        problem += problem.empty() || remark.empty() ? remark : "; " + remark;
+        state.collectorProblem += state.collectorProblem.empty() || remark.empty() ? remark : "; " + remark;
     }
     const std::string pending = rebuild_ != nullptr ? rebuild_->remark() : std::string();
-    std::optional<int> stored;
-    std::string databaseProblem;
+    state.rebuild = pending.empty() ? reasons_.givenUp() : pending;
+    state.privilegesProblem = privilegesProblem_;
     const std::lock_guard<std::mutex> lock(PolicyStorage::dbLock);
     try {
-        stored = PolicyStorage::backend->readStatus(kPluginName);
+        state.stored = PolicyStorage::backend->readStatus(kPluginName);
     } catch (const mavo::database::Unavailable &unavailable) {
-        databaseProblem = unavailable.what();
+        state.databaseProblem = unavailable.what();
     }
-    return host::statusDocument(stored, applied_, problem, pending.empty() ? reasons_.givenUp() : pending,
-                                databaseProblem);
+    return host::statusDocument(state);
 }
 
 std::string Host::rulesDocument() const { return host::rulesDocument(); }

@@ -20,8 +20,9 @@
 
 namespace host {
 
-// Calls the plugin, one call at a time, on the thread that calls it. No plugin object is ever deleted, because
-// configuration objects write back what they hold when they die, nor is a table of methods whose plugin came up.
+// Calls the plugin, one call at a time, on the thread that calls it. The plugin that serves is never deleted, because
+// configuration objects write back what they hold when they die; one in whose place another came is deleted with the
+// configuration held (see retired-plugin.h).
 class Host {
 public:
     // Does not call the factory yet. Becomes the one policy storage of the process, and must outlive all calls.
@@ -41,6 +42,8 @@ public:
     // Starts one in place of one that has ended. It goes on after the last report: the plugin's own copy of that time
     // may be an old one. After the clock was set, it gets no statistics with times that the clock never had.
     void startCollectorAgain(std::optional<std::chrono::seconds> clockSetBy);
+    // What the status says of the file of privileges: one line, empty at first.
+    void setPrivilegesProblem(std::string problem) { privilegesProblem_ = std::move(problem); }
 
     // Brings up a plugin: checks the data, calls the factory, disables the plugin again where a status of 0 is stored
     // and starts a collector that is switched on. Throws std::runtime_error with one line when no plugin comes up; then
@@ -84,6 +87,7 @@ private:
     AbstractDPluginProvider &plugin() const;
     std::string whatIsWrong() const;
     void bringUpWith(std::optional<int> applied);
+    void replaceBy(std::unique_ptr<Instance> instance);
     std::string bringUpAndJudge(std::optional<int> applied);
     void orderRebuild(const Verdict &verdict, bool broughtUp, mavo::rmi::Reply &reply);
     int storedStatus();
@@ -97,11 +101,12 @@ private:
     PluginGuard guard_;
     StatusStorage storage_;
     mavo::rmi::Service ownMethods_;
-    const Instance *current_ = nullptr; // kept for ever
+    const Instance *current_ = nullptr; // kept until another takes its place
     int applied_ = -1;                  // the status last applied, -1 before the first
     Rebuild *rebuild_ = nullptr;
     CollectorKeeper *keeper_ = nullptr;
     RebuildReasons reasons_;
+    std::string privilegesProblem_;
 };
 
 // Adds the remote methods of the host itself, for callers with the privilege /privilege/vpk.admin.

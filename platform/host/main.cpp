@@ -10,6 +10,7 @@
 #include <thread>
 
 #include <CLI/CLI.hpp>
+#include <boost/algorithm/string/join.hpp>
 
 #include "host/call-watch.h"
 #include "host/data-check.h"
@@ -18,6 +19,7 @@
 #include "host/exception-text.h"
 #include "host/fork-handler.h"
 #include "host/host.h"
+#include "host/log.h"
 #include "host/paths.h"
 #include "host/plugin-library.h"
 #include "host/server-loop.h"
@@ -95,6 +97,8 @@ void run(const Options &options) {
     if (options.endCollector)
         return host::endCollector();
     const auto privileges = mavo::rmi::Privileges::load(options.privileges);
+    for (const auto &problem : privileges.problems())
+        host::logError(problem);
     host::makeDataDirectories();
     auto lock = host::takeHostLock();
     if (!lock)
@@ -106,6 +110,7 @@ void run(const Options &options) {
     host::Host host(host::loadPlugin(options.plugin));
     host::watchOverDatabases();
     host::refreshRuleBackup();
+    host.setPrivilegesProblem(boost::algorithm::join(privileges.problems(), "; "));
     const std::string interruption = host.start();
     server.serve(host, options.socket, privileges, interruption);
 }

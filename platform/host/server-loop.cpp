@@ -1,9 +1,12 @@
 #include "host/server-loop.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <malloc.h>
 #include <sys/epoll.h>
 #include <sys/signalfd.h>
 #include <sys/wait.h>
@@ -29,6 +32,7 @@ support::UniqueFd openSignals() {
         ::sigaddset(&set, signal);
     ::sigprocmask(SIG_BLOCK, &set, nullptr);
     ::signal(SIGPIPE, SIG_IGN);
+    ::signal(SIGXFSZ, SIG_IGN); // writing beyond a limit of the file size fails instead, with EFBIG
     auto fd = support::aboveStandardStreams(support::UniqueFd(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK)));
     if (!fd)
         throw std::system_error(errno, std::generic_category(), "signalfd");
@@ -69,8 +73,11 @@ void ServerLoop::serve(Host &host, const std::string &socket, const mavo::rmi::P
     server_ = std::make_unique<mavo::rmi::Server>(
         loop_, mavo::rmi::listenAt(socket, 0666), privileges, mavo::rmi::ServerLimits(),
         [&host](const std::string &name) { return host.find(name); },
-        [&host](const std::string &name, const mavo::rmi::MethodContext &method, mavo::rmi::Message &request) {
-            return host.invoke(name, method, request);
+        [this, &host](const std::string &name, const mavo::rmi::MethodContext &method, mavo::rmi::Message &request) {
+            auto reply = host.invoke(name, method, request);
+            if (std::max(request.body().size(), reply.body.size()) > mavo::rmi::kSmallBodyBytes)
+                giveBackMemory();
+            return reply;
         });
     Rebuild rebuild(loop_, [&host] { return host.rebuild(); });
     host.setRebuild(&rebuild);
@@ -103,7 +110,12 @@ void ServerLoop::becomeReady() {
         logError(std::string("the service manager cannot be told that the host serves: ") + std::strerror(errno));
 }
 
-std::vector<int> ServerLoop::signals() { return {SIGTERM, SIGINT, SIGCHLD, SIGPIPE}; }
+// The allocator keeps what a large call has freed, for another one that may never come.
+void ServerLoop::giveBackMemory() {
+    loop_.after(std::chrono::milliseconds(0), [] { ::malloc_trim(0); }); // when request and reply are gone as well
+}
+
+std::vector<int> ServerLoop::signals() { return {SIGTERM, SIGINT, SIGCHLD, SIGPIPE, SIGXFSZ}; }
 
 std::vector<int> ServerLoop::descriptors() const {
     std::vector<int> all = {lock_.get(), loop_.descriptor(), signals_.get()};

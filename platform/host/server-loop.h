@@ -39,6 +39,7 @@ public:
 private:
     void handleSignal();
     void becomeReady();
+    void giveBackMemory();
 
     support::UniqueFd lock_;
     support::EventLoop loop_;

@@ -14,8 +14,8 @@ namespace host {
 // Keeps statuses in an SQLite database. No connection is open between two calls.
 class StatusStorage : public PolicyStorage {
 public:
-    // 0, or -1 when it cannot be stored, which is logged. What is stored already is not written again: each start stores 1,
-    // and on a full disk the firewall has to come up.
+    // 0, or -1 when it cannot be stored, which is logged. What is stored already is not written again: each start
+    // stores 1, and on a full disk the firewall has to come up.
     int storeStatus(const std::string &name, int status) override;
     // -1 when none is stored. Throws mavo::Exception, which names the file, when the database cannot be read, and
     // mavo::database::Unavailable when it cannot be read now: that is not the same.

@@ -201,6 +201,37 @@ TEST_F(TheConfigurationFile, IsFoundAgainAfterAKillInTheMiddle) {
     EXPECT_FALSE(fs::exists(kFile + ".new"));
 }
 
+TEST_F(TheConfigurationFile, IsTheSameAgainAfterAHoldWhateverIsWrittenMeanwhile) {
+    for (const std::string meanwhile : {"{}", "", "[]", "cut {"}) {
+        write(kFile, kSound);
+        {
+            const host::ConfigHold hold;
+            ASSERT_TRUE(hold.inForce());
+            write(kFile, meanwhile);
+        }
+        EXPECT_EQ(contents(kFile), kSound);
+        EXPECT_FALSE(fs::exists(kFile + ".new"));
+    }
+}
+
+TEST_F(TheConfigurationFile, IsNotHeldWhereNobodyKnowsWhatToHold) {
+    for (const std::string text : {"", "[]", "{\"enabled\":"}) {
+        write(kFile, text);
+        EXPECT_FALSE(host::ConfigHold().inForce());
+        EXPECT_EQ(contents(kFile), text);
+    }
+    fs::remove(kFile);
+    EXPECT_TRUE(host::ConfigHold().inForce()) << "whoever makes it makes the defaults";
+}
+
+TEST_F(TheConfigurationFile, PutsAsideWhatAKillLeftBesideItsSubstitute) {
+    write(kFile, "[]");
+    write(kFile + ".new", kSound);
+    host::healConfig();
+    EXPECT_EQ(contents(kFile), kSound);
+    EXPECT_EQ(contents(kRefused), "[]");
+}
+
 TEST_F(TheConfigurationFile, SurvivesALastGoodCopyThatIsNone) {
     for (const std::string good : {"[]", "", "{\"enabled\":"}) {
         write(kGood, good);

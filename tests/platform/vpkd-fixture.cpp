@@ -14,7 +14,6 @@ namespace vpkdtest {
 
 namespace {
 
-constexpr const char *kPlugin = NYR_BINARY_DIR "/lib/libtest-plugin.so";
 constexpr const char *kServiceSocket = "/run/vpk/rlvd/socket";
 
 mavo::rmi::Message messageOf(int value) {
@@ -67,8 +66,14 @@ void AHost::start(const std::vector<std::string> &more, const process::Options &
     waitUntilItServes();
 }
 
-void AHost::startWithoutStandardStreams() {
-    std::vector<std::string> words{"/bin/sh", "-c", R"(exec "$@" <&- >&- 2>&-)", "sh"};
+void AHost::startWithoutStandardStreams() { startInShell(R"(exec "$@" <&- >&- 2>&-)"); }
+
+void AHost::startWithFileSizeLimit(int blocks) {
+    startInShell("ulimit -f " + std::to_string(blocks) + R"(; exec "$@")");
+}
+
+void AHost::startInShell(const std::string &script) {
+    std::vector<std::string> words{"/bin/sh", "-c", script, "sh"};
     const auto command = commandLine();
     words.insert(words.end(), command.begin(), command.end());
     host_.emplace(words);

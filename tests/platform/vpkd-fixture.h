@@ -17,6 +17,7 @@ namespace vpkdtest {
 
 constexpr const char *kSocket = "/run/vpk/host/socket";
 constexpr const char *kLog = "/run/vpkd.log";
+constexpr const char *kPlugin = NYR_BINARY_DIR "/lib/libtest-plugin.so";
 constexpr const char *kNotes = "/run/test-plugin/";
 
 std::string contents(const std::string &file);
@@ -36,6 +37,8 @@ protected:
     void start(const std::vector<std::string> &more = {}, const process::Options &how = process::Options());
     // The same with its standard streams closed.
     void startWithoutStandardStreams();
+    // The same with a limit of the size of files, in blocks of 512 bytes.
+    void startWithFileSizeLimit(int blocks);
     // Runs a vpkd that is expected to give up.
     static process::Result startInVain(const std::vector<std::string> &more = {});
     // Ends it with SIGTERM; its exit status, or nothing when it did not end.
@@ -65,6 +68,7 @@ protected:
 
 private:
     void waitUntilItServes();
+    void startInShell(const std::string &script);
 };
 
 } // namespace vpkdtest

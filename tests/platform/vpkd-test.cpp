@@ -274,7 +274,59 @@ TEST_F(Vpkd, ReloadsThePluginAndItsMethods) {
     start();
     EXPECT_EQ(number("Host::reload"), 0);
     EXPECT_EQ(number("Test::number"), 2);
-    EXPECT_THAT(noted(), Not(HasSubstr("destroyed")));
+}
+
+TEST_F(Vpkd, KeepsOnePluginHoweverOftenItReloads) {
+    start();
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(number("Host::reload"), 0);
+        EXPECT_EQ(number("Test::alive"), 1);
+    }
+    tell("factory", "throw");
+    EXPECT_EQ(number("Host::reload"), -1);
+    EXPECT_EQ(number("Test::alive"), 1);
+    EXPECT_EQ(executed("echo", "alive"), "alive");
+}
+
+TEST_F(Vpkd, HasTheSameSettingsAfterAKillInTheMiddleOfAReload) {
+    constexpr const char *kConfig = "/opt/data/vpk/dplugins/nyr-firewall-plugin/config/config.json";
+    start();
+    EXPECT_EQ(executed("EnableStatCollector"), "");
+    const std::string before = contents(kConfig);
+    ASSERT_THAT(before, HasSubstr("\"1\""));
+    tell("end", "write-and-kill"); // in the destructor, after it has written an older configuration
+    EXPECT_THROW(call("Host::reload"), std::exception);
+    EXPECT_EQ(host_->wait(), 128 + SIGKILL);
+    EXPECT_NE(contents(kConfig), before);
+    tell("end", "");
+    start();
+    EXPECT_EQ(contents(kConfig), before);
+}
+
+TEST_F(Vpkd, OutlivesALimitOfTheFileSize) {
+    startWithFileSizeLimit(64); // of 512 bytes
+    for (int i = 0; i < 20; ++i)
+        execute("log-error", std::string(4000, 'x'));
+    EXPECT_EQ(executed("echo", "alive"), "alive");
+    EXPECT_EQ(stop(), 0);
+}
+
+TEST_F(Vpkd, SaysWhichPrivilegesAreVoid) {
+    vpkdtest::write("/run/privileges", "/privilege/vpk.admin nobody-of-that-name\n/privilege/vpk.firewall 4711\n");
+    start();
+    EXPECT_THAT(
+        text("Host::status"),
+        HasSubstr(R"("privilegesProblem":"/run/privileges:1: the line is void: no user \"nobody-of-that-name\")"));
+}
+
+TEST_F(Vpkd, RefusesWhatThePluginShouldNotGetAndSaysWhy) {
+    start();
+    const auto list = execute("ApplyDenyRules", std::string("tcp:10.0.0.1:80\0 -j ACCEPT:80", 29));
+    EXPECT_EQ(list.status, Status::malformed);
+    EXPECT_THAT(list.error, StartsWith("rule 1 is refused, and the list with it: byte 16"));
+    const auto settings = execute("StatCollectorPolicy", R"({"enabled":{}})");
+    EXPECT_EQ(settings.status, Status::malformed);
+    EXPECT_THAT(settings.error, HasSubstr("the value of \"enabled\" must be"));
 }
 
 TEST_F(Vpkd, KeepsThePluginThatItHasWhenAReloadFails) {

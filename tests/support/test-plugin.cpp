@@ -2,7 +2,8 @@
 //
 // The file /run/test-plugin/<place>, where the place is "factory", "setStatus", "disable" (setStatus with 0), "stored"
 // (at the end of setStatus) or "applyStatus", names what happens there (see kActions); executeCommand takes these
-// names, and some more, as commands. What it is called with is noted in /run/test-plugin/calls.
+// names, and some more, as commands. With "write-and-kill" at the place "end" a deletion kills the host in its middle.
+// What it is called with is noted in /run/test-plugin/calls.
 #include <array>
 #include <csignal>
 #include <fcntl.h>
@@ -198,6 +199,8 @@ public:
     explicit TestPlugin(mavo::rmi::Service &service) {
         static int instances = 0;
         const int number = ++instances;
+        ++alive();
+        service.setMethodHandler<int>("/privilege/vpk.firewall", "Test::alive", [] { return alive(); });
         service.setMethodHandler<int>("/privilege/vpk.firewall", "Test::number", [number] { return number; });
         service.setMethodHandler<int>("/privilege/vpk.firewall", "Test::returnChild", [] {
             isChild();
@@ -206,7 +209,14 @@ public:
         service.setMethodHandler<int, std::string>("/privilege/vpk.firewall", "Test::length",
                                                    [](std::string &text) { return static_cast<int>(text.size()); });
     }
-    ~TestPlugin() override { note("destroyed"); }
+    ~TestPlugin() override {
+        --alive();
+        note("destroyed");
+        if (contents(kNotes / "end") == "write-and-kill") {
+            configure("0"); // as its configuration objects may hold it
+            ::kill(::getpid(), SIGKILL);
+        }
+    }
     TestPlugin(const TestPlugin &) = delete;
     TestPlugin &operator=(const TestPlugin &) = delete;
 
@@ -238,6 +248,10 @@ public:
     }
 
 private:
+    static int &alive() {
+        static int count = 0;
+        return count;
+    }
     static void apply(int status) {
         if (status == 0)
             disableCollector();
