@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <endian.h>
 #include <functional>
 #include <new>
@@ -10,12 +9,12 @@
 
 #include <libmnl/libmnl.h>
 #include <libnftnl/chain.h>
-#include <libnftnl/expr.h>
 #include <libnftnl/table.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
 
+#include "rlv/table/attributes.h"
 #include "rlv/table/netlink.h"
 #include "rlv/table/rule-expressions.h"
 #include "rlv/table/rule-words.h"
@@ -59,13 +58,6 @@ NftnlChain chainNamed(const std::string &name) {
     nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_TABLE, kTable);
     nftnl_chain_set_str(chain.get(), NFTNL_CHAIN_NAME, name.c_str());
     return chain;
-}
-
-NftnlRule newRule() {
-    NftnlRule rule(nftnl_rule_alloc());
-    if (!rule)
-        throw std::bad_alloc();
-    return rule;
 }
 
 // The changes as messages, one for each.
@@ -142,10 +134,9 @@ private:
     Batch batch_;
 };
 
-int takeHandle(const nlattr *attribute, void *to) {
-    if (mnl_attr_get_type(attribute) == NFTA_RULE_HANDLE)
-        static_cast<std::vector<std::uint64_t> *>(to)->push_back(be64toh(mnl_attr_get_u64(attribute)));
-    return MNL_CB_OK;
+void takeHandle(const nlmsghdr *message, std::vector<std::uint64_t> &handles) {
+    if (const auto handle = Attributes::of(message).u64(NFTA_RULE_HANDLE))
+        handles.push_back(*handle);
 }
 
 class KernelStore : public RulesetStore {
@@ -168,7 +159,6 @@ private:
     [[nodiscard]] bool dumpRules(const std::string &chain, const std::function<void(const nlmsghdr *)> &seen);
     void takeChain(const nlmsghdr *message, Ruleset &ruleset);
     void takeRule(const nlmsghdr *message, Ruleset &ruleset) const;
-    int hookErrorOf(const std::string &name, const nftnl_chain *chain);
     bool holdsOurRules(const std::string &name) const {
         return isOwnChain(name, chainPrefix_) || hookChain(name) != nullptr;
     }
@@ -245,7 +235,7 @@ bool KernelStore::readRulesOf(const std::string &chain, Ruleset &ruleset) {
         std::vector<std::uint64_t> handles;
         [[maybe_unused]] bool whole = dumpRules(chain, [&](const nlmsghdr *message) {
             takeRule(message, part);
-            mnl_attr_parse(message, sizeof(nfgenmsg), takeHandle, &handles);
+            takeHandle(message, handles);
         });
         if (dumpHandles(chain, whole) == handles) {
             ruleset.chains.at(chain) = std::move(part.chains.at(chain));
@@ -261,21 +251,19 @@ bool KernelStore::readChains(Ruleset &ruleset) {
 }
 
 void KernelStore::takeChain(const nlmsghdr *message, Ruleset &ruleset) {
-    const NftnlChain chain = newChain();
-    if (nftnl_chain_nlmsg_parse(message, chain.get()) < 0 ||
-        std::strcmp(nftnl_chain_get_str(chain.get(), NFTNL_CHAIN_TABLE), kTable) != 0)
+    const Attributes chain = Attributes::of(message);
+    const std::string name(chain.text(NFTA_CHAIN_NAME));
+    if (name.empty() || chain.text(NFTA_CHAIN_TABLE) != kTable)
         return;
-    const std::string name = nftnl_chain_get_str(chain.get(), NFTNL_CHAIN_NAME);
+    const Attributes hook = chain.nested(NFTA_CHAIN_HOOK);
     HeldChain &held = ruleset.chains[name];
-    held.usesElsewhere = nftnl_chain_get_u32(chain.get(), NFTNL_CHAIN_USE);
-    held.isBase = nftnl_chain_is_set(chain.get(), NFTNL_CHAIN_HOOKNUM);
+    held.usesElsewhere = chain.u32(NFTA_CHAIN_USE).value_or(0);
+    held.isBase = hook.has(NFTA_HOOK_HOOKNUM);
     const HookChain *const known = hookChain(name);
     if (known == nullptr)
         return;
-    const char *const type = nftnl_chain_get_str(chain.get(), NFTNL_CHAIN_TYPE);
-    const bool isPlain = held.isBase && type != nullptr && std::strcmp(type, "filter") == 0 &&
-                         nftnl_chain_get_s32(chain.get(), NFTNL_CHAIN_PRIO) == 0 &&
-                         nftnl_chain_get_u32(chain.get(), NFTNL_CHAIN_HOOKNUM) == known->hook;
+    const bool isPlain = chain.text(NFTA_CHAIN_TYPE) == "filter" && hook.u32(NFTA_HOOK_PRIORITY).value_or(0) == 0 &&
+                         hook.u32(NFTA_HOOK_HOOKNUM) == known->hook;
     if (!isPlain)
         oddHookChains_.push_back(name);
 }
@@ -293,30 +281,22 @@ bool KernelStore::readRules(Ruleset &ruleset) {
     return dumpRules("", [&](const nlmsghdr *message) { takeRule(message, ruleset); });
 }
 
-int noteJump(nftnl_expr *expression, void *chain) {
-    const bool isVerdict = std::strcmp(nftnl_expr_get_str(expression, NFTNL_EXPR_NAME), "immediate") == 0 &&
-                           nftnl_expr_is_set(expression, NFTNL_EXPR_IMM_CHAIN);
-    if (isVerdict)
-        ++static_cast<HeldChain *>(chain)->jumps[nftnl_expr_get_str(expression, NFTNL_EXPR_IMM_CHAIN)];
-    return 0;
-}
-
 void KernelStore::takeRule(const nlmsghdr *message, Ruleset &ruleset) const {
-    const NftnlRule rule = newRule();
-    if (nftnl_rule_nlmsg_parse(message, rule.get()) < 0)
+    const Attributes rule = Attributes::of(message);
+    const std::string name(rule.text(NFTA_RULE_CHAIN));
+    if (name.empty())
         return;
-    const std::string name = nftnl_rule_get_str(rule.get(), NFTNL_RULE_CHAIN);
     HeldChain &chain = ruleset.chains[name];
     chain.usesElsewhere -= std::min<std::size_t>(chain.usesElsewhere, 1);
-    nftnl_expr_foreach(rule.get(), noteJump, &chain);
+    for (const std::string &target : jumpsOf(rule))
+        ++chain.jumps[target];
     if (holdsOurRules(name))
-        chain.rules.push_back({nftnl_rule_get_u64(rule.get(), NFTNL_RULE_HANDLE), decode(rule.get())});
+        chain.rules.push_back({rule.u64(NFTA_RULE_HANDLE).value_or(0), decode(rule)});
 }
 
 std::vector<std::uint64_t> KernelStore::dumpHandles(const std::string &chain, bool &whole) {
     std::vector<std::uint64_t> handles;
-    whole = dumpRules(
-        chain, [&](const nlmsghdr *message) { mnl_attr_parse(message, sizeof(nfgenmsg), takeHandle, &handles); });
+    whole = dumpRules(chain, [&](const nlmsghdr *message) { takeHandle(message, handles); });
     return handles;
 }
 

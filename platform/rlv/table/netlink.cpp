@@ -16,6 +16,8 @@
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
 
+#include "rlv/table/attributes.h"
+
 namespace rlv {
 
 namespace {
@@ -61,18 +63,17 @@ int endErrorOf(const nlmsghdr *message) {
     return -error;
 }
 
-int takeGeneration(const nlattr *attribute, void *to) {
-    if (mnl_attr_get_type(attribute) == NFTA_GEN_ID)
-        *static_cast<std::optional<std::uint32_t> *>(to) = ntohl(mnl_attr_get_u32(attribute));
-    return MNL_CB_OK;
-}
-
-// Calls back with each message of a datagram.
+// Calls back with each message of a datagram, up to one that is not whole. Not with the library's walk, which takes a
+// length above INT_MAX for a small one.
 template <typename Callback> void forEachMessage(std::vector<char> &bytes, std::size_t size, Callback callback) {
-    int left = static_cast<int>(size);
-    for (const nlmsghdr *message = headerAt(bytes, 0); mnl_nlmsg_ok(message, left);
-         message = mnl_nlmsg_next(message, &left))
+    std::size_t offset = 0;
+    while (size - offset >= sizeof(nlmsghdr)) {
+        const nlmsghdr *const message = headerAt(bytes, offset);
+        if (message->nlmsg_len < sizeof(nlmsghdr) || message->nlmsg_len > size - offset)
+            return;
         callback(message);
+        offset += std::min<std::size_t>(NLMSG_ALIGN(message->nlmsg_len), size - offset);
+    }
 }
 
 } // namespace
@@ -208,7 +209,8 @@ std::uint32_t Netlink::askGeneration() {
                 errno = errorOf(message);
                 fail("nf_tables generation");
             }
-            mnl_attr_parse(message, sizeof(nfgenmsg), takeGeneration, &generation);
+            if (const auto number = Attributes::of(message).u32(NFTA_GEN_ID))
+                generation = number;
         });
     }
     return *generation;

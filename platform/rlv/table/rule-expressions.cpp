@@ -4,14 +4,12 @@
 #include <array>
 #include <cstring>
 #include <endian.h>
-#include <iterator>
 #include <map>
 #include <netinet/in.h>
-#include <new>
+#include <string_view>
 #include <utility>
 
 #include <libmnl/libmnl.h>
-#include <libnftnl/expr.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nf_tables_compat.h>
@@ -233,17 +231,29 @@ private:
     bool hasCompatMatch_ = false;
 };
 
-// Reads expressions one by one. Each step says false for what a Rule cannot hold.
+struct Verdict {
+    std::optional<std::uint32_t> code;
+    std::string chain; // empty where it names none
+};
+
+// Of an expression "immediate".
+Verdict verdictOf(const Attributes &expression) {
+    const Attributes verdict = expression.nested(NFTA_IMMEDIATE_DATA).nested(NFTA_DATA_VERDICT);
+    return {verdict.u32(NFTA_VERDICT_CODE), std::string(verdict.text(NFTA_VERDICT_CHAIN))};
+}
+
+// Reads expressions one by one, each by its name and the attributes of its kind. Each step says false for what a Rule
+// cannot hold.
 class Decoder {
 public:
-    bool step(const nftnl_expr *expression) {
-        using Step = bool (Decoder::*)(const nftnl_expr *);
-        static const std::map<std::string, Step> steps{
+    bool step(std::string_view name, const Attributes &expression) {
+        using Step = bool (Decoder::*)(const Attributes &);
+        static const std::map<std::string_view, Step> steps{
             {"meta", &Decoder::meta},        {"payload", &Decoder::payload}, {"bitwise", &Decoder::bitwise},
             {"cmp", &Decoder::compare},      {"range", &Decoder::range},     {"counter", &Decoder::counter},
             {"match", &Decoder::portsMatch}, {"target", &Decoder::target},   {"immediate", &Decoder::verdict},
         };
-        const auto found = steps.find(nftnl_expr_get_str(expression, NFTNL_EXPR_NAME));
+        const auto found = steps.find(name);
         return found != steps.end() && !hasTarget_ && (this->*found->second)(expression);
     }
 
@@ -252,18 +262,17 @@ public:
 private:
     enum class Loaded { nothing, protocol, network, transport };
 
-    template <typename Value> static std::optional<Value> data(const nftnl_expr *expression, std::uint16_t attribute) {
-        std::uint32_t bytes = 0;
-        const void *const from = nftnl_expr_get(expression, attribute, &bytes);
-        if (from == nullptr || bytes > sizeof(Value))
+    template <typename Value> static std::optional<Value> data(const Attributes &expression, std::uint16_t attribute) {
+        const std::string_view from = expression.nested(attribute).bytes(NFTA_DATA_VALUE);
+        if (from.empty() || from.size() > sizeof(Value))
             return std::nullopt;
         Value value{};
-        std::memcpy(&value, from, bytes);
+        std::memcpy(&value, from.data(), from.size());
         return value;
     }
 
-    static std::uint32_t number(const nftnl_expr *expression, std::uint16_t attribute) {
-        return nftnl_expr_get_u32(expression, attribute);
+    static std::uint32_t number(const Attributes &expression, std::uint16_t attribute) {
+        return expression.u32(attribute).value_or(0);
     }
 
     template <typename Value> static bool setOnce(std::optional<Value> &field, const Value &value) {
@@ -273,46 +282,44 @@ private:
         return true;
     }
 
-    bool meta(const nftnl_expr *expression) {
+    bool meta(const Attributes &expression) {
         loaded_ = Loaded::protocol;
-        register_ = number(expression, NFTNL_EXPR_META_DREG);
-        return nftnl_expr_is_set(expression, NFTNL_EXPR_META_DREG) &&
-               number(expression, NFTNL_EXPR_META_KEY) == NFT_META_L4PROTO;
+        register_ = number(expression, NFTA_META_DREG);
+        return expression.has(NFTA_META_DREG) && number(expression, NFTA_META_KEY) == NFT_META_L4PROTO;
     }
 
-    bool payload(const nftnl_expr *expression) {
-        const std::uint32_t base = number(expression, NFTNL_EXPR_PAYLOAD_BASE);
+    bool payload(const Attributes &expression) {
+        const std::uint32_t base = number(expression, NFTA_PAYLOAD_BASE);
         loaded_ = base == NFT_PAYLOAD_NETWORK_HEADER ? Loaded::network : Loaded::transport;
-        register_ = number(expression, NFTNL_EXPR_PAYLOAD_DREG);
-        offset_ = number(expression, NFTNL_EXPR_PAYLOAD_OFFSET);
-        bytes_ = number(expression, NFTNL_EXPR_PAYLOAD_LEN);
+        register_ = number(expression, NFTA_PAYLOAD_DREG);
+        offset_ = number(expression, NFTA_PAYLOAD_OFFSET);
+        bytes_ = number(expression, NFTA_PAYLOAD_LEN);
         mask_.reset();
-        return nftnl_expr_is_set(expression, NFTNL_EXPR_PAYLOAD_DREG) &&
+        return expression.has(NFTA_PAYLOAD_DREG) &&
                (base == NFT_PAYLOAD_NETWORK_HEADER || base == NFT_PAYLOAD_TRANSPORT_HEADER);
     }
 
-    bool bitwise(const nftnl_expr *expression) {
-        const auto flip = data<std::uint32_t>(expression, NFTNL_EXPR_BITWISE_XOR);
-        mask_ = data<std::uint32_t>(expression, NFTNL_EXPR_BITWISE_MASK);
+    bool bitwise(const Attributes &expression) {
+        const auto flip = data<std::uint32_t>(expression, NFTA_BITWISE_XOR);
+        mask_ = data<std::uint32_t>(expression, NFTA_BITWISE_MASK);
         return loaded_ == Loaded::network && bytes_ == kAddressBytes && mask_ && flip == 0U &&
-               number(expression, NFTNL_EXPR_BITWISE_OP) == NFT_BITWISE_BOOL &&
-               number(expression, NFTNL_EXPR_BITWISE_SREG) == register_ &&
-               number(expression, NFTNL_EXPR_BITWISE_DREG) == register_;
+               number(expression, NFTA_BITWISE_OP) == NFT_BITWISE_BOOL &&
+               number(expression, NFTA_BITWISE_SREG) == register_ && number(expression, NFTA_BITWISE_DREG) == register_;
     }
 
-    bool compare(const nftnl_expr *expression) {
-        const std::uint32_t operation = number(expression, NFTNL_EXPR_CMP_OP);
+    bool compare(const Attributes &expression) {
+        const std::uint32_t operation = number(expression, NFTA_CMP_OP);
         const Loaded loaded = std::exchange(loaded_, Loaded::nothing);
-        if (number(expression, NFTNL_EXPR_CMP_SREG) != register_)
+        if (number(expression, NFTA_CMP_SREG) != register_)
             return false;
         if (loaded == Loaded::transport)
             return comparePorts(expression, operation);
         if (operation != NFT_CMP_EQ)
             return false;
-        const auto value = data<std::uint32_t>(expression, NFTNL_EXPR_CMP_DATA);
+        const auto value = data<std::uint32_t>(expression, NFTA_CMP_DATA);
         if (loaded == Loaded::network && value)
             return compareNetwork(ntohl(*value));
-        const auto protocol = data<std::uint8_t>(expression, NFTNL_EXPR_CMP_DATA);
+        const auto protocol = data<std::uint8_t>(expression, NFTA_CMP_DATA);
         return loaded == Loaded::protocol && protocol && setOnce(rule_.protocol, *protocol);
     }
 
@@ -331,8 +338,8 @@ private:
         return offset_ == kDestinationOffset && setOnce(rule_.destination, network);
     }
 
-    bool comparePorts(const nftnl_expr *expression, std::uint32_t operation) {
-        const auto both = data<std::array<std::uint16_t, 2>>(expression, NFTNL_EXPR_CMP_DATA);
+    bool comparePorts(const Attributes &expression, std::uint32_t operation) {
+        const auto both = data<std::array<std::uint16_t, 2>>(expression, NFTA_CMP_DATA);
         if (!both)
             return false;
         const std::uint16_t port = ntohs((*both)[0]);
@@ -354,46 +361,44 @@ private:
         return offset == kDestinationPortOffset && setOnce(rule_.destinationPorts, ports);
     }
 
-    bool range(const nftnl_expr *expression) {
-        const auto first = data<std::uint16_t>(expression, NFTNL_EXPR_RANGE_FROM_DATA);
-        const auto last = data<std::uint16_t>(expression, NFTNL_EXPR_RANGE_TO_DATA);
+    bool range(const Attributes &expression) {
+        const auto first = data<std::uint16_t>(expression, NFTA_RANGE_FROM_DATA);
+        const auto last = data<std::uint16_t>(expression, NFTA_RANGE_TO_DATA);
         return std::exchange(loaded_, Loaded::nothing) == Loaded::transport && bytes_ == kPortBytes && first && last &&
-               number(expression, NFTNL_EXPR_RANGE_OP) == NFT_RANGE_EQ &&
-               number(expression, NFTNL_EXPR_RANGE_SREG) == register_ &&
+               number(expression, NFTA_RANGE_OP) == NFT_RANGE_EQ && number(expression, NFTA_RANGE_SREG) == register_ &&
                setPorts(offset_, {ntohs(*first), ntohs(*last)});
     }
 
-    bool counter(const nftnl_expr *) { return true; }
+    bool counter(const Attributes &) { return true; }
 
-    static XtablesInfo info(const nftnl_expr *expression, std::uint16_t attribute) {
-        std::uint32_t bytes = 0;
-        const auto *const from = static_cast<const unsigned char *>(nftnl_expr_get(expression, attribute, &bytes));
-        return from == nullptr ? XtablesInfo() : XtablesInfo(from, from + bytes);
+    static XtablesInfo info(const Attributes &expression, std::uint16_t attribute) {
+        const std::string_view from = expression.bytes(attribute);
+        return {from.begin(), from.end()};
     }
 
-    bool portsMatch(const nftnl_expr *expression) {
+    bool portsMatch(const Attributes &expression) {
         const auto ports =
-            readPortsInfo(nftnl_expr_get_str(expression, NFTNL_EXPR_MT_NAME), info(expression, NFTNL_EXPR_MT_INFO));
-        if (!ports || number(expression, NFTNL_EXPR_MT_REV) != 0 || rule_.sourcePorts || rule_.destinationPorts)
+            readPortsInfo(std::string(expression.text(NFTA_MATCH_NAME)), info(expression, NFTA_MATCH_INFO));
+        if (!ports || number(expression, NFTA_MATCH_REV) != 0 || rule_.sourcePorts || rule_.destinationPorts)
             return false;
         rule_.sourcePorts = ports->source;
         rule_.destinationPorts = ports->destination;
         return true;
     }
 
-    bool target(const nftnl_expr *expression) {
-        const auto prefix = readLogInfo(info(expression, NFTNL_EXPR_TG_INFO));
+    bool target(const Attributes &expression) {
+        const auto prefix = readLogInfo(info(expression, NFTA_TARGET_INFO));
         hasTarget_ = true;
         rule_.target = {Target::Kind::log, prefix.value_or("")};
-        return prefix && number(expression, NFTNL_EXPR_TG_REV) == 0 &&
-               std::strcmp(nftnl_expr_get_str(expression, NFTNL_EXPR_TG_NAME), "LOG") == 0;
+        return prefix && number(expression, NFTA_TARGET_REV) == 0 && expression.text(NFTA_TARGET_NAME) == "LOG";
     }
 
-    bool verdict(const nftnl_expr *expression) {
-        if (number(expression, NFTNL_EXPR_IMM_DREG) != NFT_REG_VERDICT)
+    bool verdict(const Attributes &expression) {
+        const auto [code, chain] = verdictOf(expression);
+        if (!code || number(expression, NFTA_IMMEDIATE_DREG) != NFT_REG_VERDICT)
             return false;
         hasTarget_ = true;
-        switch (static_cast<int>(number(expression, NFTNL_EXPR_IMM_VERDICT))) {
+        switch (static_cast<int>(*code)) {
         case NF_ACCEPT:
             rule_.target = {Target::Kind::accept, ""};
             return true;
@@ -401,8 +406,8 @@ private:
             rule_.target = {Target::Kind::drop, ""};
             return true;
         case NFT_JUMP:
-            rule_.target = {Target::Kind::jump, nftnl_expr_get_str(expression, NFTNL_EXPR_IMM_CHAIN)};
-            return true;
+            rule_.target = {Target::Kind::jump, chain};
+            return !chain.empty();
         default:
             return false;
         }
@@ -417,9 +422,12 @@ private:
     std::optional<std::uint32_t> mask_;
 };
 
-struct FreeIterator {
-    void operator()(nftnl_expr_iter *iterator) const { nftnl_expr_iter_destroy(iterator); }
-};
+// Calls back with the name and the attributes of each expression.
+template <typename Callback> void forEachExpression(const Attributes &rule, Callback callback) {
+    rule.nested(NFTA_RULE_EXPRESSIONS).forEachNested([&](const Attributes &expression) {
+        callback(expression.text(NFTA_EXPR_NAME), expression.nested(NFTA_EXPR_DATA));
+    });
+}
 
 } // namespace
 
@@ -431,19 +439,25 @@ void putRule(nlmsghdr *message, const Rule &rule, const std::string &chain, std:
     Encoder(message, rule).encode();
 }
 
-std::optional<Rule> decode(const nftnl_rule *rule) {
+std::optional<Rule> decode(const Attributes &rule) {
     // A comment of nft's; iptables takes it for a match of its own.
-    if (nftnl_rule_is_set(rule, NFTNL_RULE_USERDATA))
+    if (rule.has(NFTA_RULE_USERDATA))
         return std::nullopt;
-    const std::unique_ptr<nftnl_expr_iter, FreeIterator> iterator(nftnl_expr_iter_create(rule));
-    if (!iterator)
-        throw std::bad_alloc();
     Decoder decoder;
-    while (const nftnl_expr *const expression = nftnl_expr_iter_next(iterator.get())) {
-        if (!decoder.step(expression))
-            return std::nullopt;
-    }
-    return decoder.result();
+    bool isOfOurKind = true;
+    forEachExpression(rule, [&](std::string_view name, const Attributes &expression) {
+        isOfOurKind = isOfOurKind && decoder.step(name, expression);
+    });
+    return isOfOurKind ? decoder.result() : std::nullopt;
+}
+
+std::vector<std::string> jumpsOf(const Attributes &rule) {
+    std::vector<std::string> chains;
+    forEachExpression(rule, [&](std::string_view name, const Attributes &expression) {
+        if (const auto verdict = verdictOf(expression); name == "immediate" && !verdict.chain.empty())
+            chains.push_back(verdict.chain);
+    });
+    return chains;
 }
 
 } // namespace rlv

@@ -3,28 +3,27 @@
 #define PLATFORM_RLV_TABLE_RULE_EXPRESSIONS_H
 
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
-#include <libnftnl/rule.h>
 #include <linux/netlink.h>
 
+#include "rlv/table/attributes.h"
 #include "rlv/table/command.h"
 
 namespace rlv {
-
-struct FreeNftnlRule {
-    void operator()(nftnl_rule *rule) const { nftnl_rule_free(rule); }
-};
-using NftnlRule = std::unique_ptr<nftnl_rule, FreeNftnlRule>;
 
 // Puts a rule of the filter table into a request to make it, where it is to come before the rule with the handle
 // `before`, if that is not 0. It takes less than 1.5 KiB.
 void putRule(nlmsghdr *message, const Rule &rule, const std::string &chain, std::uint64_t before = 0);
 
-// What iptables would show for a rule of the kernel, its counters aside; none for rules that a Rule cannot hold.
-std::optional<Rule> decode(const nftnl_rule *rule);
+// What iptables would show for a rule of the kernel (NFTA_RULE_...), its counters aside; none for rules that a Rule
+// cannot hold.
+std::optional<Rule> decode(const Attributes &rule);
+
+// The chains to which a rule of the kernel jumps or goes, whatever else it does.
+std::vector<std::string> jumpsOf(const Attributes &rule);
 
 } // namespace rlv
 
