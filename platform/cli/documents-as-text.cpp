@@ -74,6 +74,32 @@ std::string databaseLines(const Json &remarks) {
     return lines;
 }
 
+std::string ageOf(const Json &name) {
+    const std::int64_t since = number(name, "since");
+    return since < 0 ? "of an unknown time" : "of " + timeOf(since);
+}
+
+std::string reasonOf(const Json &name) {
+    const std::string problem = text(name, "problem");
+    return problem == "absent"    ? "the name does not exist"
+           : problem == "tooMany" ? "it has too many addresses now"
+                                  : "no name server answers";
+}
+
+// Nothing where no rule has a name.
+std::string namesLines(const Json &names) {
+    const std::int64_t inUse = number(names, "inUse");
+    if (inUse == 0)
+        return {};
+    std::string lines = "host names   " + std::to_string(inUse) + " in use\n";
+    for (const auto &name : part(names, "old"))
+        lines += "             " + printable(text(name, "name")) + ": answer " + ageOf(name) + ", as " +
+                 reasonOf(name) + (name.value("allows", false) ? "" : "; NOT in force where rules allow") + "\n";
+    for (const auto &name : part(names, "none"))
+        lines += "             " + printable(text(name, "name")) + ": NOT in force, " + reasonOf(name) + "\n";
+    return lines;
+}
+
 std::string countsOf(const Json &counts) {
     return std::to_string(number(counts, "allow")) + " allow, " + std::to_string(number(counts, "deny")) + " deny";
 }
@@ -126,7 +152,7 @@ Json parseDocument(const std::string &written) {
 bool wholeInForce(const Json &document) {
     return document.value("inForce", false) && text(document, "serviceProblem").empty() &&
            missingParts(document).empty() && text(document, "rebuild").empty() &&
-           text(document, "databaseProblem").empty();
+           text(document, "databaseProblem").empty() && part(part(document, "names"), "none").empty();
 }
 
 std::string statusAsText(const Json &document) {
@@ -137,6 +163,7 @@ std::string statusAsText(const Json &document) {
            databaseLines(part(document, "databases")) +                                 //
            databaseLine(text(document, "databaseProblem")) +                            //
            "rules        " + rulesLine(part(document, "rules")) + "\n" +                //
+           namesLines(part(document, "names")) +                                        //
            "collector    " + collectorLine(document) + "\n" +                           //
            problemLine("settings     ", text(document, "settingsProblem")) +            //
            problemLine("privileges   ", text(document, "privilegesProblem")) +          //

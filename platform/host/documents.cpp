@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdlib>
+#include <ctime>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -18,6 +19,7 @@
 #include "host/config-file.h"
 #include "host/databases.h"
 #include "host/log.h"
+#include "host/names-in-use.h"
 #include "host/paths.h"
 #include "host/plugin-config.h"
 #include "mavo/database.h"
@@ -108,6 +110,35 @@ void addServiceState(Json::Value &document) {
     }
 }
 
+const char *nameOf(rlv::UnansweredName::Problem problem) {
+    switch (problem) {
+    case rlv::UnansweredName::Problem::absent:
+        return "absent";
+    case rlv::UnansweredName::Problem::tooMany:
+        return "tooMany";
+    default:
+        return "failed";
+    }
+}
+
+Json::Value namesAsJson(const rlv::NamesState &state) {
+    Json::Value names;
+    names["inUse"] = static_cast<Json::UInt64>(state.inUse);
+    names["old"] = names["none"] = Json::Value(Json::arrayValue);
+    for (const auto &one : state.list) {
+        Json::Value name;
+        name["name"] = one.name;
+        name["problem"] = nameOf(one.problem);
+        if (one.addresses > 0) {
+            name["since"] =
+                one.ageSeconds < 0 ? Json::Int64(-1) : static_cast<Json::Int64>(std::time(nullptr)) - one.ageSeconds;
+            name["allows"] = one.allows;
+        }
+        names[one.addresses > 0 ? "old" : "none"].append(name);
+    }
+    return names;
+}
+
 constexpr int kStatisticsType = 10007;
 constexpr int kStatisticsSubtype = 1;
 
@@ -152,6 +183,23 @@ std::vector<std::string> missingParts(const rlv::ServiceState &state) {
     return missing;
 }
 
+std::vector<std::string> storedNames() try {
+    std::vector<std::string> names;
+    if (::access(kRuleDatabase, F_OK) != 0)
+        return names;
+    mavo::database::Connection connection(kRuleDatabase, kReadOnly, false);
+    mavo::database::Statement statement(
+        connection, "SELECT DISTINCT domain FROM firewall_rules WHERE domain GLOB '*[A-Za-z]*' LIMIT 4096");
+    while (statement.step()) {
+        std::string name = statement.getColumn(0).getText();
+        if (couldBeName(name))
+            names.push_back(std::move(name));
+    }
+    return names;
+} catch (const mavo::Exception &error) {
+    throw mavo::Exception(std::string(kRuleDatabase) + ": " + error.what());
+}
+
 std::string statusDocument(const HostState &state) {
     Json::Value document;
     if (state.stored)
@@ -176,6 +224,7 @@ std::string statusDocument(const HostState &state) {
         document["databases"].append(remark);
     document["privilegesProblem"] = state.privilegesProblem;
     document["lastReport"] = lastReport();
+    document["names"] = namesAsJson(state.names);
     document["families"] = "IPv4 only";
     return onOneLine(document);
 }

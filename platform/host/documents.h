@@ -18,6 +18,7 @@ struct HostState {
     std::string rebuild;
     std::string databaseProblem;
     std::string privilegesProblem;
+    rlv::NamesState names;
 };
 
 // An object:
@@ -36,9 +37,18 @@ struct HostState {
 //   "databases" an array of lines: files of damaged databases that lie aside, and what others have changed
 //   "databaseProblem" why a database cannot be read now, or empty: then what stands in it is left out
 //   "privilegesProblem" what of the file of privileges is void, and why; one line or empty
+//   "names"     the host names of rules: {"inUse" their number, "old" those that stand on an old answer, "none" those
+//               without any, whose rules are not in force}, the latter two arrays of {"name", "problem" of the last
+//               look-up: "failed", "absent" or "tooMany"}, and "old" with "since", when the answer was last confirmed
+//               (seconds since the epoch, -1 where that cannot be told), and "allows", false when rules that allow do
+//               not use it
 //   "families"  "IPv4 only"
 // Throws mavo::Exception, which names the file, when the rule database cannot be read.
 std::string statusDocument(const HostState &state);
+
+// What could be host names in the stored rules, each once, 4096 at most. Throws as above, and what libmavo throws for a
+// database that cannot be opened for a passing reason.
+std::vector<std::string> storedNames();
 
 // {"rules":[{"action":"allow" or "deny","protocol","domain","port","direction"}…]} in the database's order. Texts and
 // direction as they are stored: empty for any, ports with ":" between them, 1 in, 2 out, 0 both. Throws

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <new>
 #include <optional>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -40,6 +41,10 @@ namespace {
 constexpr std::uint64_t kNoConnections = std::numeric_limits<std::uint64_t>::max();
 constexpr const char *kStartCollector = "EnableStatCollector";
 constexpr const char *kCollectorPolicy = "StatCollectorPolicy";
+// How the plugin's remote methods begin, and the methods and commands that apply and remove rules.
+constexpr std::string_view kOfPlugin = "Firewall::";
+constexpr std::string_view kApply = "Apply";
+constexpr std::string_view kFlush = "Flush";
 
 constexpr const char *kFirewallPrivilege = "/privilege/vpk.firewall";
 
@@ -144,6 +149,7 @@ void Host::bringUpWith(std::optional<int> applied) {
     if (!problem.empty())
         throw std::runtime_error(problem);
     healConfig();
+    names_.announceStored();
     const bool disabled = storedStatus() == 0;
     // Every factory call stores 1. Whoever has stored 0 keeps it, even should the host be killed in the middle.
     std::optional<StatusStorage::Rehearsal> rehearsal;
@@ -281,6 +287,7 @@ std::string Host::executeCommand(const std::string &command, const std::string &
         throw mavo::rmi::BadArguments(problem);
     if (command == kStartCollector)
         removeDeadMarker();
+    announceNames(command, data);
     std::string result = guard_.run([&, &plugin = plugin()] { return plugin.executeCommand(command, data); });
     if (changesSettings(command)) {
         keepConfig();
@@ -328,7 +335,7 @@ int Host::getStatus() {
     return guard_.run([&plugin = plugin()] { return plugin.getStatus(); });
 }
 
-std::string Host::statusDocument() const {
+std::string Host::statusDocument() {
     HostState state;
     state.applied = applied_;
     state.collectorProblem = removeDeadMarker();
@@ -340,6 +347,7 @@ std::string Host::statusDocument() const {
     const std::string pending = rebuild_ != nullptr ? rebuild_->remark() : std::string();
     state.rebuild = pending.empty() ? reasons_.givenUp() : pending;
     state.privilegesProblem = privilegesProblem_;
+    state.names = names_.state();
     const std::lock_guard<std::mutex> lock(PolicyStorage::dbLock);
     try {
         state.stored = PolicyStorage::backend->readStatus(kPluginName);
@@ -366,6 +374,14 @@ std::shared_ptr<const mavo::rmi::MethodContext> Host::find(const std::string &na
     return refusing;
 }
 
+// `method` is a command, or a remote method of the plugin without what comes before its name.
+void Host::announceNames(const std::string &method, const std::string &rules) {
+    if (method.compare(0, kApply.size(), kApply) == 0)
+        names_.announceIn(rules);
+    else if (method.compare(0, kFlush.size(), kFlush) == 0)
+        names_.rulesMayBeGone();
+}
+
 mavo::rmi::Reply Host::invoke(const std::string &name, const mavo::rmi::MethodContext &method,
                               mavo::rmi::Message &request) {
     const CallWatch watch;
@@ -375,6 +391,8 @@ mavo::rmi::Reply Host::invoke(const std::string &name, const mavo::rmi::MethodCo
         const std::string problem = methodProblem(name, arguments.body());
         if (!problem.empty())
             throw mavo::rmi::BadArguments(problem);
+        if (name.compare(0, kOfPlugin.size(), kOfPlugin) == 0) // the length before the text ends with a 0
+            announceNames(name.substr(kOfPlugin.size()), arguments.body());
         return guard_.run([&] { return method.dispatcher(arguments); });
     };
     auto reply = mavo::rmi::invokeMethod(guarded, request);

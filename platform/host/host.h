@@ -10,6 +10,7 @@
 
 #include "host/call-watch.h"
 #include "host/collector-keeper.h"
+#include "host/names-in-use.h"
 #include "host/plugin-guard.h"
 #include "host/plugin-library.h"
 #include "host/rebuild-reasons.h"
@@ -34,6 +35,8 @@ public:
     // Told of interrupted operations from now on, and of tables that were brought up anew; null ends it. Must outlive
     // all calls.
     void setRebuild(Rebuild *rebuild) { rebuild_ = rebuild; }
+    // The host names of the rules, for whoever has the loop.
+    NamesInUse &names() { return names_; }
 
     // Asked for the collector's state from now on; null ends it. Must outlive all calls.
     void setCollectorKeeper(CollectorKeeper *keeper) { keeper_ = keeper; }
@@ -69,7 +72,7 @@ public:
     int reload();
 
     // The documents that vpkctl shows, as JSON. Throw when they cannot be had.
-    std::string statusDocument() const;
+    std::string statusDocument();
     std::string rulesDocument() const;
     std::string reportsDocument() const;
 
@@ -91,6 +94,7 @@ private:
     std::string bringUpAndJudge(std::optional<int> applied);
     void orderRebuild(const Verdict &verdict, bool broughtUp, mavo::rmi::Reply &reply);
     int storedStatus();
+    void announceNames(const std::string &method, const std::string &rules);
     void keepDisabled(AbstractDPluginProvider &plugin);
     void switchTo(int status);
     AbstractDPluginProvider *callFactory(mavo::rmi::Service &service) const;
@@ -107,6 +111,7 @@ private:
     CollectorKeeper *keeper_ = nullptr;
     RebuildReasons reasons_;
     std::string privilegesProblem_;
+    NamesInUse names_;
 };
 
 // Adds the remote methods of the host itself, for callers with the privilege /privilege/vpk.admin.

@@ -29,6 +29,15 @@ Rebuild::~Rebuild() { loop_.cancel(timer_); }
 
 void Rebuild::want(const std::string &reason) {
     logError("the tables are built anew: " + reason);
+    order(reason);
+}
+
+void Rebuild::follow(const std::string &reason) {
+    logInfo("the tables are built anew: " + reason);
+    order(reason);
+}
+
+void Rebuild::order(const std::string &reason) {
     reason_ = reason;
     since_ = Clock::now();
     loggedProblem_.clear();

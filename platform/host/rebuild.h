@@ -29,6 +29,8 @@ public:
 
     // The next turn of the loop makes the first attempt. When one is waited for already, that is brought forward.
     void want(const std::string &reason);
+    // The same where nothing went wrong.
+    void follow(const std::string &reason);
     // Somebody else has brought the tables up anew.
     void settle();
     // Brings forward what is waited for, unless the last attempt is younger than a second.
@@ -43,6 +45,7 @@ public:
     static std::chrono::milliseconds pauseAfter(std::chrono::milliseconds failing);
 
 private:
+    void order(const std::string &reason);
     void schedule(std::chrono::milliseconds delay);
     void attempt();
     void logFailure(std::chrono::milliseconds pause);

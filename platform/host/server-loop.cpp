@@ -86,6 +86,7 @@ void ServerLoop::serve(Host &host, const std::string &socket, const mavo::rmi::P
                                         [&host](auto clockSetBy) { host.startCollectorAgain(clockSetBy); }});
     host.setCollectorKeeper(keeper_.get());
     keeper_->look();
+    host.names().follow(&loop_, [&rebuild](const std::string &reason) { rebuild.follow(reason); });
     logInfo("serving at " + socket);
     if (interruption.empty()) {
         becomeReady();
@@ -95,6 +96,7 @@ void ServerLoop::serve(Host &host, const std::string &socket, const mavo::rmi::P
         ready_ = loop_.after(kReadyAnyway, [this] { becomeReady(); });
     }
     loop_.run();
+    host.names().follow(nullptr, {});
     host.setRebuild(nullptr);
     host.setCollectorKeeper(nullptr);
     keeper_.reset();

@@ -101,7 +101,7 @@ TEST_F(TheDocuments, HoldTheReports) {
 
 TEST_F(TheDocuments, CountStoredAndExpectedRules) {
     storeRules("('tcp', 'a', '', 1, 0), ('tcp', 'b', '', 0, 0), ('tcp', 'c', '', 2, 1)");
-    const auto rules = cli::parseDocument(host::statusDocument({1, 1, {}, {}, {}, {}}))["rules"];
+    const auto rules = cli::parseDocument(host::statusDocument({1, 1, {}, {}, {}, {}, {}}))["rules"];
     EXPECT_EQ(rules["stored"]["deny"].get<int>(), 2);
     EXPECT_EQ(rules["expected"]["deny"].get<int>(), 3);
     EXPECT_EQ(rules["stored"]["allow"].get<int>(), 1);
@@ -109,7 +109,7 @@ TEST_F(TheDocuments, CountStoredAndExpectedRules) {
 }
 
 std::string lastReport() {
-    return cli::parseDocument(host::statusDocument({1, 1, {}, {}, {}, {}}))["lastReport"].get<std::string>();
+    return cli::parseDocument(host::statusDocument({1, 1, {}, {}, {}, {}, {}}))["lastReport"].get<std::string>();
 }
 
 void configureLastReport(const std::string &text) {
@@ -132,7 +132,7 @@ TEST_F(TheDocuments, TellTheLaterOfTheNewestReportAndTheConfiguredOne) {
 }
 
 TEST_F(TheDocuments, SayWhenTheServiceCannotBeAsked) {
-    const auto document = cli::parseDocument(host::statusDocument({-1, 1, "a marker stands", {}, {}, {}}));
+    const auto document = cli::parseDocument(host::statusDocument({-1, 1, "a marker stands", {}, {}, {}, {}}));
     EXPECT_FALSE(document["serviceProblem"].get<std::string>().empty());
     const std::string text = cli::statusAsText(document);
     EXPECT_THAT(text, HasSubstr("plugin       none (stored), enabled (as last applied)\n"));
@@ -195,7 +195,7 @@ TEST(TheStatusAsText, SaysWhatIsNotKnownWhileADatabaseCannotBeRead) {
 }
 
 TEST_F(TheDocuments, SayWhyTheStatusIsNotKnown) {
-    const auto document = cli::parseDocument(host::statusDocument({std::nullopt, 1, {}, {}, "no descriptor", {}}));
+    const auto document = cli::parseDocument(host::statusDocument({std::nullopt, 1, {}, {}, "no descriptor", {}, {}}));
     EXPECT_FALSE(document.contains("stored"));
     EXPECT_EQ(document["databaseProblem"].get<std::string>(), "no descriptor");
     EXPECT_TRUE(document["rules"].contains("stored"));

@@ -117,10 +117,12 @@ System::~System() {
 }
 
 bool System::startService() {
-    std::vector<std::string> command{process::built("rlvd"), "--socket",   kServiceSocket,
-                                     "--no-resolve",         "--log-file", kServiceLog};
+    std::vector<std::string> command{process::built("rlvd"), "--socket", kServiceSocket, "--log-file", kServiceLog};
+    if (!options_.resolve)
+        command.emplace_back("--no-resolve");
     if (options_.simulate)
         command.emplace_back("--simulate");
+    command.insert(command.end(), options_.serviceArguments.begin(), options_.serviceArguments.end());
     return startInto(service_, command, kServiceSocket);
 }
 

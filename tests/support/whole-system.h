@@ -30,9 +30,11 @@ constexpr const char *kOutbox = "/opt/data/vpk/outbox";
 class System {
 public:
     struct Options {
-        bool simulate = false;                  // the service holds its chains in memory
-        std::vector<std::string> hostArguments; // beside those for sockets, plugin and log
-        process::Options host;                  // how the host is started
+        bool simulate = false;                     // the service holds its chains in memory
+        std::vector<std::string> hostArguments;    // beside those for sockets, plugin and log
+        bool resolve = false;                      // the service looks up host names
+        std::vector<std::string> serviceArguments; // likewise
+        process::Options host;                     // how the host is started
     };
 
     explicit System(Options options);

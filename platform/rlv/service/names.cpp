@@ -367,7 +367,7 @@ void Names::giveUp(Wait &wait) {
 
 std::optional<LookUpResult> Names::standing(const std::string &name) const {
     const auto found = entries_.find(keyOf(name));
-    if (found == entries_.end() || !found->second.inUse || !found->second.last || found->second.kept.empty())
+    if (found == entries_.end() || !found->second.inUse || !found->second.last)
         return std::nullopt;
     const Entry &entry = found->second;
     if (entry.batch != 0 && !isInBackground(entry))
