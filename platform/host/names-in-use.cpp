@@ -136,20 +136,22 @@ void NamesInUse::arm(std::chrono::seconds pause) {
         });
 }
 
-// A service that was started anew does not know to which addresses the rules in the kernel were made.
+// A service that was started anew, or has not been asked for so long that it has forgotten the names, does not know to
+// which addresses the rules in the kernel were made.
 void NamesInUse::look() {
+    const bool mayBeNone = storedChanged_ || !inUse_;
     const bool hasAnswered =
         storedChanged_ ? retainStored() : ask([] { return rlv::queryNames(false, kNamesTimeout); });
     if (!hasAnswered)
         return arm(kShortPause);
-    const bool isOther = service_ != 0 && last_.serviceId != service_;
+    const bool isOther = (service_ != 0 && last_.serviceId != service_) || (last_.inUse == 0 && !mayBeNone);
     const bool hasChanged = isOther || (inUse_ && last_.generation != generation_);
     service_ = last_.serviceId;
     generation_ = last_.generation;
     inUse_ = inUse_ || isOther;
     arm(pauseOf(last_));
     if (hasChanged && changed_)
-        changed_(isOther ? "the traffic-control service, which knows host names, was started anew"
+        changed_(isOther ? "the traffic-control service has forgotten the host names"
                          : "host names have other addresses");
 }
 

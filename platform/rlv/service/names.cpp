@@ -25,7 +25,7 @@ constexpr std::chrono::minutes kForgetUse{15};
 constexpr std::size_t kMaxAnnouncedAtOnce = 4;
 constexpr std::chrono::seconds kSavePause{1};
 // Of an answer that stays the same, the time is written anew when it is so much older in the file.
-constexpr std::int64_t kSaveAgeSeconds = 24 * 3600;
+constexpr std::int64_t kSaveAgeSeconds = std::int64_t{24} * 3600;
 
 std::string keyOf(std::string name) {
     for (char &c : name)
