@@ -2,12 +2,13 @@
 //
 // It does what compare-engine does with the same words, in one loop, with SQLite, libmnl and libnftnl alone: no engine,
 // no log library, no traffic-control service, no command texts parsed, no answers. What it counts, in this order:
-//   - the database opened as the engine opens it: busy time-out, "journal_mode=DELETE", "synchronous=FULL",
-//     "quick_check(1)", "CREATE TABLE IF NOT EXISTS", its prepared statements;
+//   - the database opened as the engine opens it: busy time-out, "journal_mode=PERSIST", "synchronous=FULL", the file
+//     read and hashed, "CREATE TABLE IF NOT EXISTS", its prepared statements; once more read and hashed at the end;
 //   - for each rule: the look-up of what is stored for it; its insert, a transaction of its own with its flushes to the
-//     disk; the copy of the database file to the backup, which is cut to nothing first;
-//   - for each rule that turns a stored one into its opposite: a second opening, as above, and the whole table read in
-//     pages of 1,000;
+//     disk, the folder's among them the first time alone; the copy of the database file to the backup, which is cut to
+//     nothing first;
+//   - for each rule that turns a stored one into its opposite: a second opening, without the hash, and the whole table
+//     read in pages of 1,000;
 //   - every log line that the engine writes, formatted and with the time, one write(2) each, the file renamed at 1 MiB
 //     as the engine's is (not with COMPARE_WHOLE_LOG set);
 //   - one kernel transaction at the end: new rules appended, turned ones deleted by handle and appended to the other
@@ -23,7 +24,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <exception>
 #include <fcntl.h>
@@ -38,6 +38,7 @@
 #include <system_error>
 #include <tuple>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <libmnl/libmnl.h>
@@ -49,6 +50,7 @@
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <sqlite3.h>
+#include <xxhash.h>
 
 namespace {
 
@@ -199,11 +201,9 @@ class Database {
 public:
     Database() : handle_(open()) {
         sqlite3_busy_timeout(handle_.get(), 5'000);
-        run("PRAGMA journal_mode=DELETE");
+        run("PRAGMA journal_mode=PERSIST");
+        run("PRAGMA journal_size_limit=65536");
         run("PRAGMA synchronous=FULL");
-        Statement check(handle_.get(), "PRAGMA quick_check(1)");
-        if (!check.step() || std::strcmp(check.text(0), "ok") != 0)
-            throw std::runtime_error("the database is damaged");
         run("CREATE TABLE IF NOT EXISTS firewall_rules (protocol TEXT, domain TEXT, port TEXT, direction INTEGER NOT "
             "NULL, is_allowed INTEGER NOT NULL, PRIMARY KEY (protocol, domain, port) ON CONFLICT REPLACE)");
     }
@@ -229,6 +229,41 @@ private:
 
     std::unique_ptr<sqlite3, Close> handle_;
 };
+
+// The folder of the journal need not be flushed again when the journal is the same.
+void flushFolderOnce() {
+    constexpr const char *kName = "openDirectory";
+    using OpenDirectory = int (*)(const char *, int *);
+    static sqlite3_vfs *const system = sqlite3_vfs_find(nullptr);
+    static auto *const own = reinterpret_cast<OpenDirectory>(system->xGetSystemCall(system, kName));
+    static bool flushed = false;
+    const OpenDirectory once = [](const char *path, int *fd) {
+        return std::exchange(flushed, true) ? SQLITE_CANTOPEN : own(path, fd);
+    };
+    system->xSetSystemCall(system, kName, reinterpret_cast<sqlite3_syscall_ptr>(once));
+}
+
+// Reads and hashes the whole file, in place of checking it.
+XXH128_hash_t hashContent() {
+    std::vector<char> content;
+    const int source = ::open(kDatabase, O_RDONLY | O_CLOEXEC);
+    if (source < 0)
+        fail(kDatabase);
+    content.resize(static_cast<std::size_t>(::lseek(source, 0, SEEK_END)));
+    if (::pread(source, content.data(), content.size(), 0) != static_cast<ssize_t>(content.size()))
+        fail(kDatabase);
+    ::close(source);
+    return XXH3_128bits(content.data(), content.size());
+}
+
+void writeDigest() {
+    const XXH128_hash_t hash = hashContent();
+    const std::string path = std::string(kDatabase) + "-floor";
+    const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    if (file < 0 || ::write(file, &hash, sizeof hash) != static_cast<ssize_t>(sizeof hash))
+        fail(path);
+    ::close(file);
+}
 
 void copyToBackup() {
     static std::array<char, 65'536> room;
@@ -455,6 +490,8 @@ public:
     Work(std::map<Key, std::uint64_t> handles, Log &log) : handles_(std::move(handles)), log_(log) {}
 
     void run(const std::vector<Rule> &rules) {
+        flushFolderOnce();
+        hashContent();
         {
             Database database;
             Statement lookUp = database.prepare("SELECT direction, is_allowed FROM firewall_rules WHERE protocol = ? "
@@ -464,6 +501,7 @@ public:
             for (const Rule &rule : rules)
                 take(rule, lookUp, insert);
         }
+        writeDigest();
         log_.print("RlvHandler.cpp: ~RlvHandler(25) > \033[36mVPK: RlvHandler destructor", "");
         transaction_.commit();
     }

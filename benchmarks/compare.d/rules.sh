@@ -12,7 +12,7 @@ each_rule() { # FORMS FIRST COUNT AWK-STATEMENT with address a, protocol t, port
 }
 list_of() { each_rule plain "$1" "$2" 'printf "%s%s:%s:%s:in", (n > first ? ";" : ""), t, a, s'; }
 sql_of() { # FORMS COUNT
-    echo 'PRAGMA journal_mode=DELETE; CREATE TABLE IF NOT EXISTS firewall_rules (protocol TEXT, domain TEXT, port TEXT,
+    echo 'PRAGMA journal_mode=PERSIST; CREATE TABLE IF NOT EXISTS firewall_rules (protocol TEXT, domain TEXT, port TEXT,
         direction INTEGER NOT NULL, is_allowed INTEGER NOT NULL,
         PRIMARY KEY (protocol, domain, port) ON CONFLICT REPLACE); BEGIN;'
     each_rule "$1" 0 "$2" "printf \"INSERT INTO firewall_rules VALUES('%s','%s','%s',1,0);\\n\", t, a, s"

@@ -213,6 +213,21 @@ TEST_F(Vpkd, SaysWhenItCannotKnowWhatIsInForce) {
     EXPECT_EQ(reply.status, Status::ok);
 }
 
+TEST_F(Vpkd, LetsThePluginDeleteAnythingButTheRules) {
+    start();
+    for (const std::string file : {"/opt/data/vpk/db/.firewall.db", "/opt/data/vpk/db/.firewall.db-backup"}) {
+        vpkdtest::write(file, "rules");
+        EXPECT_EQ(executed("remove", file), "Operation not permitted");
+        EXPECT_EQ(vpkdtest::contents(file), "rules");
+    }
+    vpkdtest::write("/run/other", "");
+    EXPECT_EQ(executed("remove", "/run/other"), "");
+    EXPECT_FALSE(vpkdtest::exists("/run/other"));
+    EXPECT_EQ(executed("remove", "/run/other"), "No such file or directory");
+    std::filesystem::create_directory("/run/folder");
+    EXPECT_EQ(executed("remove", "/run/folder"), "");
+}
+
 TEST_F(Vpkd, RefusesCallersWithoutThePrivilege) {
     vpkdtest::write("/run/privileges", "/privilege/vpk.firewall 4711\n");
     start();

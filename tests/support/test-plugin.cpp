@@ -5,7 +5,10 @@
 // names, and some more, as commands. With "write-and-kill" at the place "end" a deletion kills the host in its middle.
 // What it is called with is noted in /run/test-plugin/calls.
 #include <array>
+#include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -186,6 +189,8 @@ const std::map<std::string, std::function<std::string(const std::string &)>> kCo
     {"commit-and-fail", commitAndFail},
     {"log-error", logError},
     {"wait", waitForFile},
+    {"remove",
+     [](const std::string &data) { return std::remove(data.c_str()) == 0 ? std::string() : std::strerror(errno); }},
     {"daemon",
      [](const std::string &) -> std::string {
          if (isChild())
