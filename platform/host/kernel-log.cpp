@@ -113,12 +113,16 @@ bool endsInKey(std::string_view name) {
     });
 }
 
+// The parser of such lines gives up all of them over seconds beyond int, which a processor's clock that goes wrong
+// early at boot does show.
+bool hasReadableTime(const KernelRecord &record) { return record.microseconds / 1'000'000 <= INT_MAX; }
+
 // The line as it may be shown, or nothing: the first of a record may be a dropped packet, no other.
 std::optional<std::string> shownLine(const KernelRecord &record, std::string_view line, bool first) {
     if (line.find(kDropPrefix) == std::string_view::npos)
         return std::string(line);
     const bool ofKernel = record.priority < 8;
-    if (!ofKernel || !first || !beginsWith(line, kDropPrefix))
+    if (!ofKernel || !first || !hasReadableTime(record) || !beginsWith(line, kDropPrefix))
         return std::nullopt;
     const std::string packet = withPlainNames(line.substr(kDropPrefix.size()));
     if (!isPacketDescription(packet))

@@ -42,7 +42,7 @@ std::string withPlainNames(std::string_view text);
 
 // The record's lines in the device's dialect, each with its stamp and a line break. A line that holds the drop prefix
 // is left out unless it is the kernel's own: of its facility, with the prefix first in the record and a packet behind
-// it, and then the names in it are made plain.
+// it, and then the names in it are made plain; and where its time is beyond INT_MAX seconds.
 std::string inDeviceDialect(const KernelRecord &record);
 
 // Reads one record as read(2) does from /dev/kmsg: the length, or -1 with errno EAGAIN at the end and EPIPE where

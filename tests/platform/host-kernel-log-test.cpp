@@ -84,6 +84,15 @@ struct ForgedLine {
     KernelRecord record;
 };
 
+TEST(APacketsLine, IsLeftOutWhereTheClockHasGoneWrong) {
+    const std::string line = "IPTables-Dropped:" + kPacket;
+    EXPECT_EQ(inDeviceDialect({4, std::uint64_t{2147483647} * 1'000'000, line}),
+              "<4>[0-2147483647.000000] " + line + "\n");
+    EXPECT_EQ(inDeviceDialect({4, std::uint64_t{2147483648} * 1'000'000, line}), "");
+    EXPECT_EQ(inDeviceDialect({4, 18446744073709551615U, line}), "");
+    EXPECT_EQ(inDeviceDialect({4, 18446744073709551615U, "clock"}), "<4>[0-18446744073709.551615] clock\n");
+}
+
 TEST(AForgedLine, IsLeftOut) {
     for (const auto &[what, record] : std::vector<ForgedLine>{
              {"written by a program", {12, 0, "IPTables-Dropped:" + kPacket}},
