@@ -96,6 +96,7 @@ using fuzz::FakeSocket;
 using fuzz::socketAt;
 using fuzz::world;
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's words
 extern "C" int __real_close(int fd);
 extern "C" int __wrap_close(int fd);
 extern "C" ssize_t __wrap_recv(int fd, void *buffer, std::size_t size, int flags);
@@ -106,6 +107,7 @@ extern "C" int __wrap_getsockopt(int fd, int level, int option, void *value, soc
 extern "C" int __wrap_epoll_create1(int flags);
 extern "C" int __wrap_epoll_ctl(int epoll, int operation, int fd, epoll_event *event);
 extern "C" int __wrap_epoll_wait(int epoll, epoll_event *events, int size, int timeout);
+// NOLINTEND(bugprone-reserved-identifier)
 std::chrono::steady_clock::time_point fakeNow() __asm__("__wrap__ZNSt6chrono3_V212steady_clock3nowEv");
 
 std::chrono::steady_clock::time_point fakeNow() { return world().now; }

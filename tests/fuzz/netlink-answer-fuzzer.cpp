@@ -61,6 +61,7 @@ void setSequences(std::vector<char> &bytes) {
 
 } // namespace
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the linker's words
 extern "C" int __real_close(int fd);
 extern "C" int __wrap_close(int fd);
 extern "C" int __wrap_socket(int domain, int type, int protocol);
@@ -69,6 +70,7 @@ extern "C" int __wrap_setsockopt(int fd, int level, int option, const void *valu
 extern "C" ssize_t __wrap_sendmsg(int fd, const msghdr *message, int flags);
 extern "C" ssize_t __wrap_recvfrom(int fd, void *buffer, std::size_t size, int flags, sockaddr *from,
                                    socklen_t *length);
+// NOLINTEND(bugprone-reserved-identifier)
 
 int __wrap_close(int fd) { return fd == kSocket ? 0 : __real_close(fd); }
 int __wrap_socket(int, int, int) { return kSocket; }
