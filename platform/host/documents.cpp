@@ -22,6 +22,7 @@
 #include "host/names-in-use.h"
 #include "host/paths.h"
 #include "host/plugin-config.h"
+#include "host/status-storage.h"
 #include "mavo/database.h"
 #include "mavo/exception.h"
 #include "nyr-common-client/outbox.h"
@@ -200,6 +201,16 @@ std::vector<std::string> storedNames() try {
     throw mavo::Exception(std::string(kRuleDatabase) + ": " + error.what());
 }
 
+namespace {
+
+std::string settingsRemark() {
+    const std::string configuration = configRemark();
+    const std::string status = StatusStorage::remark();
+    return configuration + (configuration.empty() || status.empty() ? "" : "; ") + status;
+}
+
+} // namespace
+
 std::string statusDocument(const HostState &state) {
     Json::Value document;
     if (state.stored)
@@ -218,7 +229,7 @@ std::string statusDocument(const HostState &state) {
         nameOf(collector == CollectorState::dead && state.applied != 1 ? CollectorState::off : collector);
     document["collectorProblem"] = state.collectorProblem;
     document["rebuild"] = state.rebuild;
-    document["settingsProblem"] = configRemark();
+    document["settingsProblem"] = settingsRemark();
     document["databases"] = Json::Value(Json::arrayValue);
     for (const auto &remark : databaseRemarks())
         document["databases"].append(remark);
@@ -252,7 +263,8 @@ std::string rulesDocument() {
             throw std::length_error("the list of all rules has more than " + std::to_string(kRulesLimitBytes) +
                                     " bytes and is too long to be shown");
     });
-    return document + "]}";
+    document += "]}";
+    return document;
 }
 
 std::string reportsDocument() {

@@ -33,7 +33,8 @@ struct HostState {
 //               then "inForce" is false and its rules are left out
 //   "rebuild"   when the tables are built anew by themselves, and why, or "given up: <reason>" when what was lost was
 //               lost again; empty when nothing of the kind is waited for
-//   "settingsProblem" what is wrong with the configuration file, or which one was put aside; one line or empty
+//   "settingsProblem" what is wrong with the configuration, or with the stored status, or which was put aside; one line
+//               or empty
 //   "databases" an array of lines: files of damaged databases that lie aside, and what others have changed
 //   "databaseProblem" why a database cannot be read now, or empty: then what stands in it is left out
 //   "privilegesProblem" what of the file of privileges is void, and why; one line or empty

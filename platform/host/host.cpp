@@ -98,7 +98,7 @@ Host::~Host() { PolicyStorage::backend = nullptr; }
 
 int Host::storedStatus() {
     const std::lock_guard<std::mutex> lock(PolicyStorage::dbLock);
-    return storage_.readStatus(kPluginName);
+    return storage_.readStatusHealing(kPluginName);
 }
 
 // What the plugin throws dies here, in the host.

@@ -114,7 +114,14 @@ void ServerLoop::becomeReady() {
 
 // The allocator keeps what a large call has freed, for another one that may never come.
 void ServerLoop::giveBackMemory() {
-    loop_.after(std::chrono::milliseconds(0), [] { ::malloc_trim(0); }); // when request and reply are gone as well
+    loop_.after(std::chrono::milliseconds(0), [] { ::malloc_trim(0); }); // when the request is gone as well
+    loop_.cancel(trimLater_);
+    // A reply that its client does not read is gone by then.
+    const auto later = mavo::rmi::ServerLimits().idleTimeout + std::chrono::seconds(5);
+    trimLater_ = loop_.after(later, [this] {
+        trimLater_ = 0;
+        ::malloc_trim(0);
+    });
 }
 
 std::vector<int> ServerLoop::signals() { return {SIGTERM, SIGINT, SIGCHLD, SIGPIPE, SIGXFSZ}; }

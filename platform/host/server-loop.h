@@ -48,6 +48,7 @@ private:
     std::unique_ptr<CollectorKeeper> keeper_; // while it serves
     support::EventLoop::Timer ready_ = 0;
     bool isReady_ = false;
+    support::EventLoop::Timer trimLater_ = 0;
 };
 
 } // namespace host

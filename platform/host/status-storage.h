@@ -21,6 +21,12 @@ public:
     // mavo::database::Unavailable when it cannot be read now: that is not the same.
     int readStatus(const std::string &name) override;
 
+    // The same before a plugin is made, which nothing about statuses keeps from coming up: a damaged database is
+    // renamed to ".status.db.refused", which is logged, and no status is stored then.
+    int readStatusHealing(const std::string &name);
+    // What was put aside and is still there: one line, or empty.
+    static std::string remark();
+
     // While it lives, what is stored is kept in memory alone and read back from there; at its end it is forgotten. One
     // at a time. The storage must outlive it.
     class Rehearsal {

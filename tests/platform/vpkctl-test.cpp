@@ -159,7 +159,7 @@ TEST_F(Vpkctl, RefusesAFileThatIsLongerThanAnyRequest) {
         std::filesystem::resize_file("/run/data", size); // sparse
         const auto result = run({"exec", "echo", "@/run/data"});
         EXPECT_EQ(result.status, 2) << size;
-        EXPECT_EQ(result.errors, "vpkctl: /run/data is longer than 16777216 bytes\n");
+        EXPECT_EQ(result.errors, "vpkctl: /run/data is longer than 4259840 bytes\n");
     }
 }
 

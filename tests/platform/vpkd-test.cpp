@@ -277,12 +277,14 @@ TEST_F(Vpkd, KeepsADisabledPluginDisabledOverAStartThatIsKilledAtTheWorstMoment)
     EXPECT_THAT(text("Host::status"), AllOf(HasSubstr("\"stored\":0"), HasSubstr("\"applied\":0")));
 }
 
-TEST_F(Vpkd, NamesAStatusDatabaseThatIsNone) {
-    vpkdtest::write("/opt/data/vpk/db/.status.db", std::string(4096, 'x'));
-    const auto result = startInVain();
-    EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.errors, AllOf(MatchesRegex(kOneLine), HasSubstr("/opt/data/vpk/db/.status.db: ")));
-    EXPECT_EQ(noted(), "");
+TEST_F(Vpkd, PutsAStatusDatabaseAsideThatIsNone) {
+    constexpr const char *kStatuses = "/opt/data/vpk/db/.status.db";
+    const std::string damaged(4096, 'x');
+    vpkdtest::write(kStatuses, damaged);
+    start();
+    EXPECT_EQ(number("Host::getStatus"), 1);
+    EXPECT_EQ(contents(std::string(kStatuses) + ".refused"), damaged);
+    EXPECT_THAT(text("Host::status"), HasSubstr(".status.db.refused, which was damaged, was put aside"));
 }
 
 TEST_F(Vpkd, ReloadsThePluginAndItsMethods) {
