@@ -26,6 +26,7 @@
 #include "mavo/database.h"
 #include "mavo/exception.h"
 #include "nyr-common-client/outbox.h"
+#include "support/safe-open.h"
 
 namespace host {
 namespace {
@@ -47,6 +48,9 @@ struct StoredRule {
 
 // Called between two plugin calls, when nobody writes.
 void forEachStoredRule(const std::function<void(const StoredRule &)> &each) try {
+    const std::string misplaced = support::plainFileProblem(kRuleDatabase);
+    if (!misplaced.empty())
+        throw std::runtime_error(misplaced);
     if (::access(kRuleDatabase, F_OK) != 0)
         return;
     mavo::database::Connection connection(kRuleDatabase, kReadOnly, false);

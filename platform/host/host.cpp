@@ -21,6 +21,7 @@
 #include "host/marker.h"
 #include "host/paths.h"
 #include "host/plugin-config.h"
+#include "host/plugin-files.h"
 #include "host/reply-lines.h"
 #include "host/retired-plugin.h"
 #include "mavo/database-failures.h"
@@ -281,12 +282,23 @@ void Host::startCollectorAgain(std::optional<std::chrono::seconds> clockSetBy) {
     startWantedCollector();
 }
 
+void Host::requirePluginFiles() {
+    const std::string problem = pluginFilesProblem();
+    if (!problem.empty())
+        throw std::runtime_error(problem);
+}
+
 std::string Host::executeCommand(const std::string &command, const std::string &data) {
     const std::string problem = commandProblem(command, data);
     if (!problem.empty())
         throw mavo::rmi::BadArguments(problem);
-    if (command == kStartCollector)
+    requirePluginFiles();
+    if (command == kStartCollector) {
+        const std::string misplaced = collectorFilesProblem();
+        if (!misplaced.empty())
+            throw std::runtime_error(misplaced);
         removeDeadMarker();
+    }
     announceNames(command, data);
     std::string result = guard_.run([&, &plugin = plugin()] { return plugin.executeCommand(command, data); });
     if (changesSettings(command)) {
@@ -299,6 +311,7 @@ std::string Host::executeCommand(const std::string &command, const std::string &
 
 int Host::setStatus(int status) {
     AbstractDPluginProvider &plugin = this->plugin();
+    requirePluginFiles();
     removeDeadMarker();
     if (status == 0 || status == 1)
         applied_ = status;
@@ -320,6 +333,7 @@ void Host::applyStatus(int status) {
 
 void Host::switchTo(int status) {
     AbstractDPluginProvider &plugin = this->plugin();
+    requirePluginFiles();
     removeDeadMarker();
     if (status == 0 || status == 1)
         applied_ = status;
@@ -395,6 +409,11 @@ mavo::rmi::Reply Host::invoke(const std::string &name, const mavo::rmi::MethodCo
             announceNames(name.substr(kOfPlugin.size()), arguments.body());
         return guard_.run([&] { return method.dispatcher(arguments); });
     };
+    if (!ownMethods_.find(name)) // those look by themselves
+        guarded.dispatcher = [look = guarded.dispatcher](mavo::rmi::Message &arguments) {
+            requirePluginFiles();
+            return look(arguments);
+        };
     auto reply = mavo::rmi::invokeMethod(guarded, request);
     if (reply.status == mavo::rmi::Status::exception)
         logInfo(name + " ended with an exception: " + reply.error);

@@ -63,7 +63,8 @@ public:
     // The operations of the plugin. Its exceptions go to the caller, who never lets them past a further bringUp(). What
     // they change in the configuration is on the disk when they return; std::runtime_error when it is not. A command
     // that the host does not let through throws mavo::rmi::BadArguments and has changed nothing. While no plugin has
-    // come up they throw std::runtime_error, which says so.
+    // come up, or while something else lies in the place of one of the plugin's files, they throw std::runtime_error,
+    // which says so.
     std::string executeCommand(const std::string &command, const std::string &data);
     int setStatus(int status);
     void applyStatus(int status);
@@ -100,6 +101,7 @@ private:
     AbstractDPluginProvider *callFactory(mavo::rmi::Service &service) const;
     void restoreAfterFailedFactory(bool disabled);
     void startWantedCollector();
+    static void requirePluginFiles();
 
     PluginFactory factory_;
     PluginGuard guard_;

@@ -10,7 +10,9 @@
 #include <deque>
 #include <fcntl.h>
 #include <sys/klog.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "support/unique-fd.h"
@@ -166,6 +168,15 @@ bool forEachLine(const ReadKernelRecord &read, const std::function<void(std::str
     return true;
 }
 
+// Whatever else lies at its path tells nothing of packets.
+bool isKernelLog(int fd) {
+    struct stat status {};
+    if (::fstat(fd, &status) == 0 && S_ISCHR(status.st_mode) && status.st_rdev == makedev(1, 11))
+        return true;
+    errno = ENODEV;
+    return false;
+}
+
 ReadKernelRecord readFrom(int fd) {
     return [fd](char *buffer, std::size_t size) { return ::read(fd, buffer, size); };
 }
@@ -273,7 +284,7 @@ int deviceKlogctl(int action, char *buffer, int size) noexcept try {
         return static_cast<int>(::syscall(SYS_syslog, action, buffer, size));
     const auto device =
         support::aboveStandardStreams(support::UniqueFd(::open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC)));
-    if (!device)
+    if (!device || !isKernelLog(device.get()))
         return -1;
     if (action == kReadAll)
         return copyKernelLog(readFrom(device.get()), buffer, size);

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "mavo/exception.h"
+#include "support/safe-open.h"
 
 namespace mavo {
 namespace rmi {
@@ -99,7 +100,7 @@ Privileges Privileges::load(const std::string &file) {
         return none;
     };
     if (found && !S_ISREG(status.st_mode)) // a pipe would never end
-        return unreadable("it is no regular file");
+        return unreadable("it is " + support::describe(status) + ", where a file should be");
     std::ifstream stream(file);
     std::string line;
     for (int lineNumber = 1; std::getline(stream, line); ++lineNumber) {

@@ -7,6 +7,7 @@
 
 #include "mavo/rmi-server.h"
 #include "mavo/unix-address.h"
+#include "support/safe-open.h"
 
 namespace mavo {
 namespace rmi {
@@ -29,6 +30,14 @@ bool isDeadSocket(const sockaddr_un &address) {
            errno == ECONNREFUSED;
 }
 
+// Empty for a socket, which somebody serves.
+std::string whatLiesAt(const std::string &path) {
+    struct stat found {};
+    if (::lstat(path.c_str(), &found) != 0 || S_ISSOCK(found.st_mode))
+        return {};
+    return ": is " + support::describe(found) + ", where the socket should be";
+}
+
 bool bindTo(const UniqueFd &socket, const sockaddr_un &address) {
     return ::bind(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0;
 }
@@ -44,7 +53,7 @@ UniqueFd listenAt(const std::string &path, mode_t mode) {
     bool bound = bindTo(socket, address);
     if (!bound && errno == EADDRINUSE) {
         if (!isDeadSocket(address))
-            fail(EADDRINUSE, path);
+            fail(EADDRINUSE, path + whatLiesAt(path));
         bound = ::unlink(path.c_str()) == 0 && bindTo(socket, address);
     }
     // Nobody can connect before listen(), so the mode that bind() gave was never of use to anybody.

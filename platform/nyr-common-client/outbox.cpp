@@ -57,7 +57,17 @@ UniqueFd openAt(int directory, const std::string &name, int flags, mode_t mode =
         UniqueFd(::openat(directory, name.c_str(), flags | O_CLOEXEC | O_NOFOLLOW, mode)));
 }
 
-UniqueFd openOutbox() { return openAt(AT_FDCWD, kOutboxDirectory, O_RDONLY | O_DIRECTORY); }
+bool isOurs(const struct stat &object) { return object.st_uid == ::geteuid() || object.st_uid == 0; }
+
+UniqueFd openOutbox() {
+    UniqueFd directory = openAt(AT_FDCWD, kOutboxDirectory, O_RDONLY | O_DIRECTORY);
+    struct stat status {};
+    if (directory && (::fstat(directory.get(), &status) != 0 || !isOurs(status))) {
+        errno = EPERM;
+        fail("belongs to account " + std::to_string(status.st_uid));
+    }
+    return directory;
+}
 
 std::vector<std::string> sortedNames(int directory) {
     const auto close = [](DIR *stream) { ::closedir(stream); };
@@ -196,7 +206,7 @@ std::optional<Report> readReport(int directory, const std::string &name, bool &g
     gone = !fd && errno == ENOENT;
     struct stat status {};
     // A file that is longer than all reports together may be is none.
-    if (!fd || ::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode) ||
+    if (!fd || ::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode) || !isOurs(status) ||
         static_cast<std::uint64_t>(status.st_size) > kOutboxByteLimit)
         return std::nullopt;
     std::string text(static_cast<std::size_t>(status.st_size), '\0');

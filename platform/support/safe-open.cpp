@@ -1,5 +1,6 @@
 #include "support/safe-open.h"
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -42,8 +43,9 @@ std::string problemWith(const struct stat &object, const std::string &path, Owne
     if (!S_ISREG(object.st_mode) || !mayBelongTo(object.st_uid, path, owner))
         return path + ": is " + describe(object) + ", where a file of account " + std::to_string(::geteuid()) +
                " should be";
-    if (object.st_nlink > 1)
-        return path + ": has another name, which somebody else may have given it; it should have this one alone";
+    struct stat folder {};
+    if (object.st_nlink > 1 && ::stat(folderOf(path).c_str(), &folder) == 0 && (folder.st_mode & 022) != 0)
+        return path + ": is a second name of a file, and others may put such a thing there; it should have one alone";
     return {};
 }
 
@@ -88,6 +90,22 @@ Opened openPlain(const std::string &path, int flags, mode_t mode, Owner owner) {
     // Another thing may have come there meanwhile.
     std::string problem = problemWith(found, path, owner);
     return problem.empty() ? std::move(result) : refused(EPERM, std::move(problem));
+}
+
+std::string contentsOfPlain(const std::string &path) {
+    std::string text;
+    const Opened file = openPlain(path, O_RDONLY);
+    std::array<char, 4096> buffer{};
+    for (ssize_t count = 1; file && count > 0;) {
+        count = ::read(file.fd.get(), buffer.data(), buffer.size());
+        if (count < 0 && errno == EINTR)
+            count = 1;
+        else if (count > 0)
+            text.append(buffer.data(), static_cast<std::size_t>(count));
+        else if (count < 0)
+            text.clear();
+    }
+    return text;
 }
 
 std::string clearPath(const std::string &path, std::string *removed) {

@@ -26,13 +26,17 @@ struct Opened {
     explicit operator bool() const { return static_cast<bool>(fd); }
 };
 
-// Opens a regular file that has one name. Whatever else lies there is refused without being opened: a link is not
-// followed, a fifo or a device not waited for, a file of somebody else not believed. `flags` and `mode` are those of
+// Opens a regular file. Whatever else lies there is refused without being opened: a link is not followed, a fifo or a
+// device not waited for, a file of somebody else not believed, nor a second name of a file of ours in a folder where
+// others may put it. `flags` and `mode` are those of
 // open(2), and O_NONBLOCK, O_NOFOLLOW and O_CLOEXEC are added. Links on the way to the file's folder are followed.
 Opened openPlain(const std::string &path, int flags, mode_t mode = 0, Owner owner = Owner::us);
 
 // Why openPlain() would refuse what lies at `path`; empty for a file that it takes and where nothing is. Opens nothing.
 std::string plainFileProblem(const std::string &path, Owner owner = Owner::us);
+
+// What is in the file at `path`; empty where openPlain() gives none, and when it cannot be read.
+std::string contentsOfPlain(const std::string &path);
 
 // Takes away what openPlain() would refuse, in a folder that belongs to this process's account and is changed by no
 // others: a folder only when it is empty. Safe against another process that does the same. The result is empty, also

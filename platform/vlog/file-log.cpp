@@ -9,6 +9,7 @@
 #include <system_error>
 #include <unistd.h>
 
+#include "support/safe-open.h"
 #include "support/unique-fd.h"
 #include "vlog/line.h"
 
@@ -23,9 +24,22 @@ bool isSameFile(const struct stat &one, const struct stat &other) {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
-UniqueFd openExisting(const std::string &path) {
-    constexpr int kFlags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW;
-    return support::aboveStandardStreams(UniqueFd(::open(path.c_str(), kFlags)));
+// A terminal, or /dev/null: such things are put into the file system by root alone.
+bool isDeviceOfRoot(const std::string &path) {
+    struct stat found {};
+    return ::lstat(path.c_str(), &found) == 0 && S_ISCHR(found.st_mode) && found.st_uid == 0;
+}
+
+// Empty with errno set when it fails, and then with the reason in `problem`.
+UniqueFd openExisting(const std::string &path, std::string *problem = nullptr) {
+    constexpr int kFlags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW | O_NONBLOCK;
+    if (isDeviceOfRoot(path))
+        return support::aboveStandardStreams(UniqueFd(::open(path.c_str(), kFlags)));
+    auto opened = support::openPlain(path, kFlags);
+    if (problem != nullptr)
+        *problem = opened.problem;
+    errno = opened.error;
+    return std::move(opened.fd);
 }
 
 UniqueFd create(const std::string &path, mode_t mode) {
@@ -37,9 +51,9 @@ UniqueFd create(const std::string &path, mode_t mode) {
 }
 
 // Empty with errno set when it fails. Another process may create or rename the file between the two attempts.
-UniqueFd openOrCreate(const FileSink &file) {
+UniqueFd openOrCreate(const FileSink &file, std::string *problem) {
     for (int attempt = 0; attempt < 100; ++attempt) {
-        UniqueFd fd = openExisting(file.path);
+        UniqueFd fd = openExisting(file.path, problem);
         if (fd || errno != ENOENT)
             return fd;
         fd = create(file.path, file.mode);
@@ -52,8 +66,10 @@ UniqueFd openOrCreate(const FileSink &file) {
 class FileLog : public Sink {
 public:
     explicit FileLog(const FileSink &file) : file_(file) {
-        if (!reopen())
-            throw std::system_error(errno, std::generic_category(), "log file " + file_.path);
+        std::string problem;
+        if (!reopen(&problem))
+            throw std::system_error(errno, std::generic_category(),
+                                    "log file " + (problem.empty() ? file_.path : problem));
     }
 
     bool write(int priority, const std::string &text) override {
@@ -61,8 +77,8 @@ public:
     }
 
 private:
-    bool reopen() {
-        UniqueFd fd = openOrCreate(file_);
+    bool reopen(std::string *problem = nullptr) {
+        UniqueFd fd = openOrCreate(file_, problem);
         if (!fd || ::fstat(fd.get(), &identity_) != 0)
             return false;
         fd_ = std::move(fd);
@@ -136,7 +152,10 @@ private:
         // ext4 writes a file out before it lets it replace another one, which takes a millisecond.
         const std::string old = file_.path + ".1";
         ::unlink(old.c_str());
-        return std::rename(file_.path.c_str(), old.c_str()) == 0;
+        if (std::rename(file_.path.c_str(), old.c_str()) == 0)
+            return true;
+        // A folder in its place, say: better the old lines are lost than all new ones.
+        return errno == EISDIR && ::ftruncate(lock.get(), 0) == 0;
     }
 
     const FileSink file_;

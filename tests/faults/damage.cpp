@@ -109,7 +109,7 @@ void makeStates() {
         requireDone("StatCollectorPolicy", std::string("{\"send_report_interval\":\"") + kInterval + "\"}");
         requireDone("SendReport", "");
         requireDone("EnableStatCollector", "");
-        const auto collected = [] { return fs::exists(wholesystem::kStatDatabase); };
+        const auto collected = [] { return fs::exists(wholesystem::kStatisticsDatabase); };
         if (!children::waitUntil(collected, Clock::now() + std::chrono::seconds(10)))
             throw std::runtime_error("the collector makes no database");
         killHostAndCollector(first);

@@ -73,6 +73,23 @@ TEST_F(APlainFile, HasItsPathClearedOfAllButFullFoldersAndFilesOfOurs) {
     }
 }
 
+TEST_F(APlainFile, MayHaveASecondNameWhereNobodyElseCanGiveItOne) {
+    write("/run/place/first", "ours");
+    std::filesystem::create_hard_link("/run/place/first", kPath);
+    EXPECT_TRUE(support::openPlain(kPath, O_RDWR));
+    ASSERT_EQ(::chmod("/run/place", 01777), 0);
+    EXPECT_THAT(support::openPlain(kPath, O_RDWR).problem, HasSubstr(kPath + ": is a second name of a file"));
+}
+
+TEST_F(APlainFile, IsReadWhole) {
+    EXPECT_EQ(support::contentsOfPlain(kPath), "");
+    const std::string text(10'000, 'x');
+    write(kPath, text);
+    EXPECT_EQ(support::contentsOfPlain(kPath), text);
+    ASSERT_EQ(::chown(kPath.c_str(), 4711, 4711), 0);
+    EXPECT_EQ(support::contentsOfPlain(kPath), "");
+}
+
 TEST_F(APlainFile, MayBelongToTheAccountOfItsFolderWhereThatIsSaid) {
     write(kPath, "theirs");
     ASSERT_EQ(::chown(kPath.c_str(), 4711, 4711), 0);

@@ -18,7 +18,7 @@ using testing::IsEmpty;
 using wholesystem::contentOf;
 using wholesystem::kRuleBackup;
 using wholesystem::kRuleDatabase;
-using wholesystem::kStatDatabase;
+using wholesystem::kStatisticsDatabase;
 
 const std::string kHostLog = "/run/vpkd.log";
 constexpr const char *kRule = "tcp:192.0.2.1:80:in";
@@ -139,11 +139,11 @@ TEST_F(ADatabase, IsNotAccusedAfterAKillOrAnOrdinaryRestart) {
 }
 
 TEST_F(ADatabase, OfStatisticsIsMadeAnewWhenItIsDamaged) {
-    write(kStatDatabase, std::string(5'000, 'x'));
+    write(kStatisticsDatabase, std::string(5'000, 'x'));
     EXPECT_EQ(system.execute("EnableStatCollector"), 0);
-    const std::string aside = std::string(kStatDatabase) + ".aside-1";
+    const std::string aside = std::string(kStatisticsDatabase) + ".aside-1";
     EXPECT_TRUE(process::waitUntil([&] { return contentOf(aside).size() == 5'000U; }));
-    EXPECT_TRUE(process::waitUntil([&] { return contentOf(kStatDatabase).rfind("SQLite format 3", 0) == 0; }));
+    EXPECT_TRUE(process::waitUntil([&] { return contentOf(kStatisticsDatabase).rfind("SQLite format 3", 0) == 0; }));
     EXPECT_THAT(status(), HasSubstr("\ncollector    running\n"));
     EXPECT_THAT(status(), HasSubstr(aside));
     EXPECT_EQ(system.execute("DisableStatCollector"), 0);

@@ -9,6 +9,9 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <utility>
+
+#include "support/safe-open.h"
 
 namespace rlv {
 namespace {
@@ -59,10 +62,10 @@ ServiceSocket::~ServiceSocket() {
 
 void ServiceSocket::lock() {
     const std::string path = path_ + ".lock";
-    lock_ = support::aboveStandardStreams(
-        support::UniqueFd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)));
-    if (!lock_)
-        failWith(path);
+    auto file = support::openPlain(path, O_RDWR | O_CREAT, 0600, support::Owner::ofFolder);
+    if (!file)
+        throw std::runtime_error(file.problem);
+    lock_ = std::move(file.fd);
     if (::flock(lock_.get(), LOCK_EX | LOCK_NB) != 0)
         throw std::runtime_error(path_ + ": another service is running there");
 }
@@ -72,7 +75,7 @@ void ServiceSocket::removeLeftOver() const {
     if (::lstat(path_.c_str(), &found) != 0)
         return;
     if (!S_ISSOCK(found.st_mode))
-        throw std::runtime_error(path_ + ": is there and no socket");
+        throw std::runtime_error(path_ + ": is " + support::describe(found) + ", where the service's socket should be");
     if (somebodyListens(path_))
         throw std::runtime_error(path_ + ": another service is running there");
     if (::unlink(path_.c_str()) != 0)

@@ -1,0 +1,31 @@
+#include "host/plugin-files.h"
+
+#include "host/paths.h"
+#include "support/safe-open.h"
+
+namespace host {
+namespace {
+
+std::string problemWithDatabase(const char *path) {
+    std::string problem;
+    for (const char *suffix : {"", "-journal", "-wal", "-shm"}) {
+        if (problem.empty())
+            problem = support::plainFileProblem(std::string(path) + suffix);
+    }
+    return problem;
+}
+
+} // namespace
+
+std::string pluginFilesProblem() {
+    std::string problem = support::plainFileProblem(kConfigFile);
+    for (const char *database : {kRuleDatabase, kRuleDatabaseBackup, kStatusDatabase}) {
+        if (problem.empty())
+            problem = problemWithDatabase(database);
+    }
+    return problem;
+}
+
+std::string collectorFilesProblem() { return problemWithDatabase(kStatisticsDatabase); }
+
+} // namespace host
