@@ -36,6 +36,8 @@ std::string fileProblem(const std::string &path) {
         return errno == ENOENT ? std::string() : problemWith(path, std::strerror(errno));
     if (!S_ISREG(status.st_mode))
         return problemWith(path, "is not a regular file");
+    if (status.st_uid != ::geteuid() && status.st_uid != 0)
+        return problemWith(path, "belongs to account " + std::to_string(status.st_uid) + ", not to the policy host's");
     const support::UniqueFd file(::open(path.c_str(), O_RDWR | O_NOFOLLOW | O_CLOEXEC));
     return file ? std::string() : problemWith(path, std::string("cannot be read and written: ") + std::strerror(errno));
 }

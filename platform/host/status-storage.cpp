@@ -9,6 +9,7 @@
 #include "host/paths.h"
 #include "mavo/database.h"
 #include "mavo/exception.h"
+#include "support/safe-open.h"
 
 namespace host {
 namespace {
@@ -21,6 +22,13 @@ using mavo::database::Statement;
 void run(Statement &statement) {
     if (!statement.exec())
         throw mavo::Exception(statement.getErrorMessage());
+}
+
+// SQLite would write through a link.
+void requirePlainFile() {
+    const std::string problem = support::plainFileProblem(kStatusDatabase);
+    if (!problem.empty())
+        throw mavo::Exception(problem);
 }
 
 void makeTable(Connection &connection) {
@@ -58,6 +66,7 @@ int StatusStorage::storeStatus(const std::string &name, int status) try {
         (*rehearsed_)[name] = status;
         return 0;
     }
+    requirePlainFile();
     Connection connection(kStatusDatabase, kReadWriteCreate, false);
     makeTable(connection);
     if (statusOf(connection, name) == status)
@@ -76,6 +85,7 @@ int StatusStorage::readStatus(const std::string &name) try {
     guard_.endForeignProcess();
     if (rehearsed_ && rehearsed_->count(name) != 0)
         return rehearsed_->at(name);
+    requirePlainFile();
     Connection connection(kStatusDatabase, kReadWriteCreate, false);
     makeTable(connection);
     return statusOf(connection, name);

@@ -145,6 +145,15 @@ TEST_F(TheData, IsNotWellWhenADatabaseIsNoRegularFile) {
     }
 }
 
+TEST_F(TheData, IsNotWellWhenADatabaseBelongsToSomebodyElse) {
+    for (const char *path : {host::kRuleDatabase, host::kRuleDatabaseBackup, host::kStatusDatabase}) {
+        write(path, "theirs");
+        ASSERT_EQ(::chown(path, 4711, 4711), 0);
+        EXPECT_EQ(host::dataProblem(), std::string(path) + ": belongs to account 4711, not to the policy host's");
+        fs::remove(path);
+    }
+}
+
 TEST_F(TheData, IsNotWellWhenADatabaseMayNotBeReadAndWritten) {
     write(host::kRuleDatabase, "rules");
     for (const char *path : {host::kDataDirectory, host::kDatabaseDirectory, host::kRuleDatabase})
