@@ -8,6 +8,7 @@
 #include <fstream>
 #include <memory>
 #include <sched.h>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <sys/mount.h>
@@ -19,6 +20,7 @@
 #include "config.h"
 #include "fuzz/input.h"
 #include "fuzz/require.h"
+#include "host/config-file.h"
 #include "host/paths.h"
 #include "host/plugin-config.h"
 
@@ -52,14 +54,22 @@ void writeFile(std::string_view text) {
     fuzz::require(written == static_cast<ssize_t>(text.size()) && ::close(fd) == 0, "the file is written");
 }
 
+// The collector goes on with a text that is no number, and dies of one that is out of range.
+bool isTaken(const std::string &number) {
+    try {
+        static_cast<void>(std::stoll(number));
+    } catch (const std::invalid_argument &) {
+        return true;
+    }
+    return true;
+}
+
 // What the plugin, and its collector, read at their start.
 bool bearsSettings() {
     try {
         Config config;
         config.get("enabled", false);
-        config.get("send_report_interval", false);
-        config.get("last_send_report_ts", true);
-        return true;
+        return isTaken(config.get("send_report_interval", false)) && isTaken(config.get("last_send_report_ts", true));
     } catch (const std::exception &) {
         return false;
     }
@@ -80,9 +90,10 @@ void change(const std::string &text) {
     }
 }
 
-void check(std::string_view shown) {
-    const bool passes = host::configProblem().empty();
+bool check(std::string_view shown) {
+    const bool passes = host::judgeConfig(host::configText()).problem.empty();
     fuzz::require(passes == bearsSettings(), "the host refuses what the plugin cannot bear, and nothing else", shown);
+    return passes;
 }
 
 } // namespace
@@ -94,10 +105,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const std::string_view shown(reinterpret_cast<const char *>(data), size);
     fuzz::Input input(data, size);
     writeFile(input.takeUntil('\n'));
-    check(shown);
+    const bool passed = check(shown);
     if (!input.atEnd()) {
-        change(std::string(input.rest()));
-        check(shown);
+        const std::string document(input.rest());
+        const bool mayChange = passed && host::changeProblem(host::configText(), document).empty();
+        change(document);
+        fuzz::require(check(shown) || !mayChange, "a change that the host lets pass leaves what the plugin bears",
+                      shown);
     }
     return 0;
 }

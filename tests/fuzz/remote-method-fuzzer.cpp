@@ -112,7 +112,8 @@ std::string repliesTo(const Conversation &conversation) {
     running = &loop;
     Handler handler;
     fd = fuzz::makeSocket({});
-    handler.connection = std::make_unique<Connection>(loop, support::UniqueFd(fd), Peer{0, 0}, ServerLimits(), handler);
+    handler.connection =
+        std::make_unique<Connection>(loop, support::UniqueFd(fd), Peer{0, 0, true}, ServerLimits(), handler);
     loop.run();
     handler.connection.reset();
     std::string told;

@@ -195,7 +195,7 @@ INSTANTIATE_TEST_SUITE_P(
         Place{"Marker", wholesystem::kMarker}, Place{"HostLock", "/opt/data/vpk/.host.lock"},
         Place{"CollectorLock", "/opt/data/vpk/.collector.lock"}, Place{"RuleDatabase", wholesystem::kRuleDatabase},
         Place{"RuleJournal", "/opt/data/vpk/db/.firewall.db-journal"}, Place{"RuleBackup", wholesystem::kRuleBackup},
-        Place{"StatusDatabase", "/opt/data/vpk/db/.status.db"}, Place{"Statistics", wholesystem::kStatDatabase},
+        Place{"StatusDatabase", "/opt/data/vpk/db/.status.db"}, Place{"Statistics", wholesystem::kStatisticsDatabase},
         Place{"Configuration", wholesystem::kConfiguration}, Place{"Outbox", wholesystem::kOutbox},
         Place{"Report", "/opt/data/vpk/outbox/00000000000000000001-0000000001.json"},
         Place{"HostSocket", wholesystem::kHostSocket}, Place{"Privileges", "/run/privileges"},
