@@ -55,13 +55,13 @@ void writeFile(std::string_view text) {
 }
 
 // The collector goes on with a text that is no number, and dies of one that is out of range.
-bool isTaken(const std::string &number) {
-    try {
-        static_cast<void>(std::stoll(number));
-    } catch (const std::invalid_argument &) {
-        return true;
-    }
+bool isTaken(const std::string &number) try {
+    static_cast<void>(std::stoll(number));
     return true;
+} catch (const std::invalid_argument &) {
+    return true;
+} catch (const std::out_of_range &) {
+    return false;
 }
 
 // What the plugin, and its collector, read at their start.
