@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -9,6 +10,7 @@
 #include <memory>
 #include <new>
 #include <sqlite3.h>
+#include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <xxhash.h>
@@ -55,13 +57,25 @@ Line lineOf(const char *text) {
     return line;
 }
 
+// Half of a hash, as 16 hexadecimal digits.
+bool readHalf(const char *digits, std::uint64_t &half) {
+    constexpr int kDigits = 16;
+    constexpr int kBase = 16;
+    return std::from_chars(digits, digits + kDigits, half, kBase).ptr == digits + kDigits;
+}
+
 std::optional<Digest> parse(const Line &line) {
+    constexpr std::size_t kHashDigits = 32;
+    std::istringstream words(line.data());
+    std::string state;
+    std::string hash;
+    std::string start;
     Digest digest;
-    BootId start{};
-    if (std::sscanf(line.data(), "left %" SCNd64 " %16" SCNx64 "%16" SCNx64 " %36s", &digest.content.sizeBytes,
-                    &digest.content.hash[0], &digest.content.hash[1], start.data()) != 4)
+    if (!(words >> state >> digest.content.sizeBytes >> hash >> start) || state != "left" ||
+        hash.size() != kHashDigits || !readHalf(hash.data(), digest.content.hash[0]) ||
+        !readHalf(hash.data() + kHashDigits / 2, digest.content.hash[1]))
         return std::nullopt;
-    digest.ofThisStart = std::strcmp(start.data(), bootId()) == 0;
+    digest.ofThisStart = start == bootId();
     return digest;
 }
 
