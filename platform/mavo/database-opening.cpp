@@ -252,8 +252,26 @@ private:
     bool kept_ = false;
 };
 
+bool isFileOrNothing(const std::string &path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
+}
+
+// SQLite would wait for the other end of a pipe, for ever. To take such a thing away is not the library's.
+bool liesAmongFiles(Attempt &attempt, const std::string &path) {
+    for (const char *suffix : {"", "-journal", "-wal"}) {
+        if (!isFileOrNothing(path + suffix)) {
+            fail(attempt, Failure::passing, path + suffix + " is no file");
+            return false;
+        }
+    }
+    return true;
+}
+
 Attempt attemptOnce(const std::string &path, int flags, Check check) {
     Attempt attempt;
+    if (!liesAmongFiles(attempt, path))
+        return attempt;
     NewFile file(path, flags);
     if (open(attempt, path, flags) && prepareForUse(attempt, flags) && verify(attempt, path, flags, check))
         file.keep();

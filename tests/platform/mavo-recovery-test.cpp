@@ -16,6 +16,7 @@
 #include <string>
 #include <sys/mount.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -142,6 +143,18 @@ const std::vector<std::function<void()>> &damages() {
         [] { write(kMain, contentOf(kMain).replace(4'096, 100, 100, '\x55')); },
     };
     return all;
+}
+
+TEST_F(AProtectedDatabase, IsNotWaitedForWhereAPipeLiesInAPlaceOfItsFiles) {
+    for (const char *suffix : {"-journal", "-wal", ""}) {
+        const std::string place = kMain + suffix;
+        fs::remove(place);
+        ASSERT_EQ(::mkfifo(place.c_str(), 0644), 0);
+        EXPECT_EQ(open(kMain), "unavailable") << place;
+        EXPECT_EQ(open(kMain, 1), "unavailable") << place;
+        EXPECT_TRUE(fs::is_fifo(place));
+        fs::remove(place);
+    }
 }
 
 TEST_F(AProtectedDatabase, IsReplacedByItsBackupWhateverIsWrongWithIt) {

@@ -118,7 +118,9 @@ TEST_F(CommandLine, ReportsShowsWhatWasSent) {
 TEST_F(CommandLine, ExecTakesItsDataFromStandardInputLessALineBreak) {
     EXPECT_EQ(system.control({"exec", "ApplyDenyRules", "-"}, "tcp:192.0.2.1:80:in\n").status, 0);
     EXPECT_EQ(storedRules(), (Rows{{"tcp", "192.0.2.1", "80", 1, 0}}));
-    EXPECT_EQ(system.control({"exec", "--raw", "ApplyDenyRules", "-"}, "tcp:192.0.2.2:80:in\n").status, 1);
+    const auto raw = system.control({"exec", "--raw", "ApplyDenyRules", "-"}, "tcp:192.0.2.2:80:in\n");
+    EXPECT_EQ(raw.status, 2) << raw.errors;
+    EXPECT_EQ(storedRules(), (Rows{{"tcp", "192.0.2.1", "80", 1, 0}}));
 }
 
 TEST_F(CommandLine, FailedExecTellsTheErrorsWithoutColours) {

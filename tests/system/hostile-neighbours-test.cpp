@@ -137,11 +137,12 @@ protected:
         }
     }
 
+    // One that has just been switched off may end at any moment.
     void expectTrueState(const planted::Kind &kind, const std::string &document) const {
         const std::string told = parsed(document)["collector"].asString();
         const bool lives = !collectors(system.hostId()).empty();
-        if (told != "unknown") {
-            EXPECT_EQ(told == "running" || told == "stopping", lives) << kind.name << ": " << document;
+        if (told == "running" || told == "dead" || told == "off") {
+            EXPECT_EQ(told == "running", lives) << kind.name << ": " << document;
         }
     }
 
@@ -301,8 +302,11 @@ TEST_F(AnUnprivilegedHost, NamesWhatItCannotTakeAwayAndRunsItsCollectorAllTheSam
         EXPECT_EQ(parsed(textOf(call("Host::status")))["collector"], "running") << kind.name;
         EXPECT_EQ(textOf(call("Host::executeCommand", std::string("EnableStatCollector"), std::string())), "");
         EXPECT_EQ(collectors().size(), 1U) << kind.name;
-        EXPECT_EQ(textOf(call("Host::executeCommand", std::string("DisableStatCollector"), std::string())), "");
-        EXPECT_EQ(parsed(textOf(call("Host::status")))["collector"], "stopping") << kind.name;
+        // A collector at work may write back the switch that it has read.
+        EXPECT_TRUE(process::waitUntil([] {
+            call("Host::executeCommand", std::string("DisableStatCollector"), std::string());
+            return parsed(textOf(call("Host::status")))["collector"] == "stopping";
+        })) << kind.name;
         for (const pid_t process : collectors())
             ::kill(process, SIGKILL);
         ASSERT_TRUE(process::waitUntil([this] { return collectors().empty(); }));
@@ -369,7 +373,14 @@ TEST_F(UnderAFlood, RootDoesEverything) {
     ASSERT_TRUE(system.start());
     const Flood flood;
     for (const auto &operation : operations()) {
-        const auto reply = operation.run();
+        auto reply = operation.run();
+        // A collector at work may write back the settings that it has read, which the host notices.
+        process::waitUntil([&] {
+            if (reply.error.find("try again") == std::string::npos)
+                return true;
+            reply = operation.run();
+            return false;
+        });
         EXPECT_EQ(reply.status, mavo::rmi::Status::ok) << operation.name << ": " << reply.error;
     }
     ASSERT_EQ(system.stopHost(), 0);
