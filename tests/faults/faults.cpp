@@ -19,6 +19,7 @@
 #include "faults/operations.h"
 #include "faults/point.h"
 #include "faults/workers.h"
+#include "support/process.h"
 #include "support/sqlite-file.h"
 #include "support/whole-system.h"
 
@@ -73,6 +74,14 @@ void prepareWorker() {
     makeData();
 }
 
+// Whatever the point before has left, hooks among it, which a start takes away once only.
+void emptyKernel() {
+    process::Options options;
+    options.input = "*filter\n:INPUT ACCEPT [0:0]\n:FORWARD ACCEPT [0:0]\n:OUTPUT ACCEPT [0:0]\nCOMMIT\n";
+    if (const auto done = process::capture({"iptables-restore", "-w"}, options); done.status != 0)
+        throw std::runtime_error("iptables-restore: " + done.errors);
+}
+
 void damageMain() {
     std::string bytes = sqlitefile::content(wholesystem::kRuleDatabase);
     std::fill(bytes.begin(), bytes.begin() + std::min<std::ptrdiff_t>(200, static_cast<std::ptrdiff_t>(bytes.size())),
@@ -108,6 +117,7 @@ public:
         memoryPlan->made = memoryPlan->failed = memoryPlan->first = memoryPlan->last = 0;
         installation_.killAll();
         Installation::putDataBack();
+        emptyKernel();
         if (!installation_.bringServiceUp() || !installation_.bringHostUp())
             throw std::runtime_error("the programs do not start: " + wholesystem::contentOf("/run/vpkd.out"));
         if (startsHost())
@@ -139,6 +149,15 @@ public:
         faultEnd_ = Clock::now();
     }
 
+    // A call that could not open a damaged database leaves it and its backup as they are, and tells: the next one opens
+    // it.
+    void callAgain() {
+        if (!operation_.damagesMain || !outcome_.told || startsHost() || !bringUp() || !installation_.bringServiceUp())
+            return;
+        static_cast<void>(ask("Host::reload"));
+        faultEnd_ = Clock::now();
+    }
+
     // Has whoever died started again, and waits until all agree.
     void mend(Fault *second) {
         const bool inStart = second != nullptr && !children::runs(installation_.host());
@@ -148,6 +167,7 @@ public:
                                 Clock::now() + kMostAnswer);
             endFault();
         }
+        callAgain();
         // What is looked at often must not hold up who mends.
         const auto agreed = [this] {
             if (!bringUp())

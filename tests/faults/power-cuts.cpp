@@ -118,6 +118,8 @@ private:
     // Disabled, the plugin refuses all else: next() enables it again.
     void setStatus(Step &step) {
         Promise promise = now_;
+        promise.interval.clear(); // the plugin writes back what it read when it was made
+        step.lawful.push_back(promise);
         promise.status = 1 - promise.status;
         step.lawful.push_back(promise);
         step.method = "Host::setStatus";
@@ -272,6 +274,8 @@ Result judgeCut(const std::vector<Promise> &lawful, const std::string &text) {
     Installation installation(true);
     installation.killAll();
     const Stored asFound = readStored(wholesystem::kRuleDatabase);
+    const std::string settings = wholesystem::contentOf(wholesystem::kConfiguration);
+    const std::string good = wholesystem::contentOf(std::string(wholesystem::kConfiguration) + ".good");
     if (!installation.bringServiceUp() || !installation.bringHostUp())
         return {Class::violated, "does not come up", text + ": " + wholesystem::contentOf("/run/vpkd.out")};
     const Stored rules = readStored(wholesystem::kRuleDatabase);
@@ -287,8 +291,9 @@ Result judgeCut(const std::vector<Promise> &lawful, const std::string &text) {
     });
     return {Class::violated, rulesKept ? "status or setting lost" : "rules lost",
             text + ": found " + textOf(rules) + " status " + std::to_string(status) + " interval " + interval +
-                " (before the start: " + textOf(asFound) + "), promised " + textOf(last.rows) + " status " +
-                std::to_string(last.status) + " interval " + last.interval};
+                " (before the start: " + textOf(asFound) + ", settings " + settings + ", kept copy " + good +
+                "), promised " + textOf(last.rows) + " status " + std::to_string(last.status) + " interval " +
+                last.interval};
 }
 
 Result attempt(unsigned seed) {
