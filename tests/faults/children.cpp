@@ -39,6 +39,7 @@ pid_t require(pid_t child) {
 [[noreturn]] void execute(const std::vector<std::string> &words, const StartOptions &options) {
     unblock();
     std::vector<char *> arguments;
+    arguments.reserve(words.size() + 1);
     for (const auto &word : words)
         arguments.push_back(const_cast<char *>(word.c_str()));
     arguments.push_back(nullptr);

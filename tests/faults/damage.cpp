@@ -209,7 +209,7 @@ private:
     // Another file of the same folder, or an older and sound state of this one.
     std::string exchange(const std::string &path) {
         const auto all = files();
-        const std::string other = all[pick(all.size())];
+        const std::string &other = all[pick(all.size())];
         const std::string mine = sqlitefile::content(path);
         sqlitefile::writeFile(path, sqlitefile::content(other));
         sqlitefile::writeFile(other, mine);
@@ -266,9 +266,12 @@ std::string beside(const std::set<std::string> &touched, const std::string &stat
     };
     if (!wasTouched(kStatusDatabase) && status.find("\"stored\":1") == std::string::npos)
         return "stored status: " + status;
-    const std::string config = wholesystem::contentOf(wholesystem::kConfiguration);
-    if (!wasTouched(wholesystem::kConfiguration) && config.find(kInterval) == std::string::npos)
-        return "settings: " + config;
+    // A collector that runs rewrites the file in place, so that it is empty for a moment.
+    const auto asSet = [] {
+        return wholesystem::contentOf(wholesystem::kConfiguration).find(kInterval) != std::string::npos;
+    };
+    if (!wasTouched(wholesystem::kConfiguration) && !children::waitUntil(asSet, Clock::now() + std::chrono::seconds(1)))
+        return "settings: " + wholesystem::contentOf(wholesystem::kConfiguration);
     return {};
 }
 

@@ -41,10 +41,12 @@ bool fails() {
 
 extern "C" {
 
+// NOLINTBEGIN(bugprone-reserved-identifier): the C library gives the names.
 void *__libc_malloc(size_t size);
 void *__libc_calloc(size_t count, size_t size);
 void *__libc_realloc(void *memory, size_t size);
 void *__libc_memalign(size_t alignment, size_t size);
+// NOLINTEND(bugprone-reserved-identifier)
 
 #define EXPORTED __attribute__((visibility("default")))
 

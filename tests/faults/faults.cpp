@@ -185,7 +185,7 @@ public:
     }
 
     Judgement judgeAll(milliseconds slack) const {
-        const auto judgement = judge(operation_.lawful, outcome_, kMending + slack);
+        auto judgement = judge(operation_.lawful, outcome_, kMending + slack);
         if (judgement.violation == Violation::none && operation_.reports && !outcome_.told &&
             reports_.find("\"reports\":[]") != std::string::npos)
             return {Violation::unsaid, "no report: " + reports_};

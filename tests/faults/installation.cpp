@@ -27,6 +27,7 @@ constexpr std::chrono::seconds kStartDeadline{15};
 constexpr const char *kBroken = "!";
 constexpr const char *kSetStatus = "Host::setStatus"; // takes a number
 constexpr const char *kLibrary = NYR_BINARY_DIR "/lib/libfailing-memory.so";
+constexpr const char *kPlugin = NYR_BINARY_DIR "/lib/libnyr-firewall-plugin.so";
 
 // The frame of the reply, or kBroken and why there is none.
 std::string carryOut(const std::string &method, const std::vector<std::string> &arguments) try {
@@ -123,15 +124,9 @@ void Installation::startService() {
 }
 
 void Installation::startHost(bool traced) {
-    const std::vector<std::string> words{process::built("vpkd"),
-                                         "--socket",
-                                         wholesystem::kHostSocket,
-                                         "--plugin",
-                                         NYR_BINARY_DIR "/lib/libnyr-firewall-plugin.so",
-                                         "--privileges",
-                                         "/run/privileges",
-                                         "--log-file",
-                                         wholesystem::kHostLog};
+    const std::vector<std::string> words{
+        process::built("vpkd"), "--socket",   wholesystem::kHostSocket, "--plugin", kPlugin, "--privileges",
+        "/run/privileges",      "--log-file", wholesystem::kHostLog};
     fs::create_directories(fs::path(wholesystem::kHostSocket).parent_path());
     host_ = children::start(words, {preloaded(memory_ == Memory::ofHost), "/run/vpkd.out", traced});
 }

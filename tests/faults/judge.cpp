@@ -66,7 +66,7 @@ Judgement judge(const LawfulStates &lawful, const Outcome &outcome, std::chrono:
         return {Violation::hung, "the call has no end"};
     if (!outcome.up)
         return {Violation::notUp, "host or service do not serve"};
-    if (const auto end = judgeEnd(lawful, outcome.inTheEnd); end.violation != Violation::none)
+    if (auto end = judgeEnd(lawful, outcome.inTheEnd); end.violation != Violation::none)
         return end;
     if (!outcome.told) {
         if (auto success = judgeSuccess(lawful, outcome.atReply); success.violation != Violation::none)

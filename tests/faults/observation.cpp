@@ -42,8 +42,7 @@ void readInto(const std::string &copy, Stored &stored) {
         const auto fields = split(line);
         if (fields.size() != 5)
             throw std::runtime_error("a row of " + std::to_string(fields.size()) + " fields");
-        stored.rows.push_back(
-            {fields[0], fields[1], fields[2], std::atoi(fields[3].c_str()), std::atoi(fields[4].c_str())});
+        stored.rows.push_back({fields[0], fields[1], fields[2], std::stoi(fields[3]), std::stoi(fields[4])});
     }
     stored.rows = sorted(std::move(stored.rows));
 }

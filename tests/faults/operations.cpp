@@ -24,7 +24,7 @@ Rows with(Rows rows, const Rows &more) {
 }
 
 std::vector<Operation> makeOperations() {
-    const Rows before = rowsBefore();
+    const Rows &before = rowsBefore();
     const Row first{"tcp", "198.51.100.1", "81", 1, 0};
     const Row second{"udp", "198.51.100.2", "53", 0, 0};
     const Row entry{"udp", "198.51.100.9", "99", 2, 1};

@@ -19,8 +19,7 @@ constexpr int kCallStop = SIGTRAP | 0x80; // PTRACE_O_TRACESYSGOOD
 constexpr long kOptions = PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL;
 
 long request(int what, pid_t process, unsigned long address, unsigned long data) {
-    return ::ptrace(static_cast<__ptrace_request>(what), process, reinterpret_cast<void *>(address),
-                    reinterpret_cast<void *>(data));
+    return ::ptrace(static_cast<__ptrace_request>(what), process, address, data);
 }
 
 Operand operandOf(pid_t process, unsigned long long descriptor) {
