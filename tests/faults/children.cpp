@@ -90,7 +90,9 @@ void takeNews() {
 
 void waitForNews(std::chrono::milliseconds atMost) {
     const sigset_t set = childSignal();
-    const timespec time{atMost.count() / 1000, (atMost.count() % 1000) * 1'000'000};
+    timespec time{};
+    time.tv_sec = static_cast<time_t>(atMost.count() / 1000);
+    time.tv_nsec = static_cast<long>(atMost.count() % 1000) * 1000000;
     ::sigtimedwait(&set, nullptr, &time);
     takeNews();
 }
