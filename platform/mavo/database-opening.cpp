@@ -252,16 +252,24 @@ private:
     bool kept_ = false;
 };
 
-bool isFileOrNothing(const std::string &path) {
+// Why SQLite must not get to see what lies at `path`: it would wait for the other end of a pipe, for ever, and make a
+// journal of somebody else its own. To take such a thing away is not the library's. Empty where nothing lies.
+std::string reasonToStayAway(const std::string &path, uid_t owner) {
     struct stat status {};
-    return ::stat(path.c_str(), &status) != 0 || S_ISREG(status.st_mode) || S_ISDIR(status.st_mode);
+    if (::stat(path.c_str(), &status) != 0 || S_ISDIR(status.st_mode))
+        return {};
+    if (!S_ISREG(status.st_mode))
+        return path + " is no file";
+    return status.st_uid == owner || status.st_uid == ::geteuid() ? std::string() : path + " belongs to somebody else";
 }
 
-// SQLite would wait for the other end of a pipe, for ever. To take such a thing away is not the library's.
 bool liesAmongFiles(Attempt &attempt, const std::string &path) {
+    struct stat status {};
+    const uid_t owner = ::stat(path.c_str(), &status) == 0 ? status.st_uid : ::geteuid();
     for (const char *suffix : {"", "-journal", "-wal"}) {
-        if (!isFileOrNothing(path + suffix)) {
-            fail(attempt, Failure::passing, path + suffix + " is no file");
+        const std::string reason = reasonToStayAway(path + suffix, owner);
+        if (!reason.empty()) {
+            fail(attempt, Failure::passing, reason);
             return false;
         }
     }

@@ -145,6 +145,20 @@ const std::vector<std::function<void()>> &damages() {
     return all;
 }
 
+TEST_F(AProtectedDatabase, MakesNoJournalOfSomebodyElseItsOwn) {
+    const std::string journal = kMain + "-journal";
+    fs::remove(journal);
+    write(journal, "not to be touched");
+    if (::chown(journal.c_str(), 4711, 4711) != 0)
+        GTEST_SKIP() << "no other account to be had";
+    EXPECT_EQ(open(kMain), "unavailable");
+    struct stat status {};
+    ASSERT_EQ(::stat(journal.c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, 4711U);
+    EXPECT_EQ(contentOf(journal), "not to be touched");
+    fs::remove(journal);
+}
+
 TEST_F(AProtectedDatabase, IsNotWaitedForWhereAPipeLiesInAPlaceOfItsFiles) {
     for (const char *suffix : {"-journal", "-wal", ""}) {
         const std::string place = kMain + suffix;
