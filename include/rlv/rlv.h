@@ -23,12 +23,12 @@ RLV_EXPORT int rlv_initialize(rlv_handle *handle);
 // connection was interrupted). The handle is gone in either case.
 //
 // An interrupted connection may carry half of what its caller meant to send, such as a chain that was emptied and not
-// filled again. So what it sent from its first removing command (-F, -D, -X) on is dropped, and the kernel keeps the rules
-// that it had; what was only added stays. A connection counts as interrupted when
+// filled again. So what it sent from its first removing command (-F, -D, -X) on is dropped, and the kernel keeps the
+// rules that it had; what was only added stays. A connection counts as interrupted when
 // - it is never closed;
 // - a command on it has got no answer, also for want of memory in this library;
-// - it has sent a command, and on the closing thread more exceptions are uncaught than were at its opening: it is closed
-//   by a destructor, while an exception leaves the operation;
+// - it has sent a command, and on the closing thread more exceptions are uncaught than were at its opening: it is
+//   closed by a destructor, while an exception leaves the operation;
 // - what its caller reads the rules from has failed meanwhile, where the host has told this library how to know.
 RLV_EXPORT int rlv_deinitialize(rlv_handle handle);
 

@@ -64,10 +64,10 @@ std::string configured(const char *key) { return parseJson(contentOf(wholesystem
 PacketOfSecond rowsAbout(const std::string &destination) {
     PacketOfSecond rows;
     try {
-        for (const auto &record :
-             wholesystem::queryCopy(wholesystem::kStatisticsDatabase, "SELECT ts, sip, sport, dip, dport FROM firewall_stat"
-                                                                " WHERE dip = '" +
-                                                                    destination + "'"))
+        for (const auto &record : wholesystem::queryCopy(wholesystem::kStatisticsDatabase,
+                                                         "SELECT ts, sip, sport, dip, dport FROM firewall_stat"
+                                                         " WHERE dip = '" +
+                                                             destination + "'"))
             rows[std::stoll(record[0])] = {record[1], record[2], record[3], record[4]};
     } catch (const std::exception &) {
         return {};

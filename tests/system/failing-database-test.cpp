@@ -41,8 +41,8 @@ wholesystem::System::Options withFaults() {
     const char *const old = std::getenv("ASAN_OPTIONS");
     wholesystem::System::Options options;
     options.host.environment = {"LD_PRELOAD=" NYR_BINARY_DIR "/lib/libread-faults.so",
-                               std::string(read_faults::kPlanVariable) + "=" + kPlanPath,
-                               "ASAN_OPTIONS=" + std::string(old != nullptr ? old : "") + ":verify_asan_link_order=0"};
+                                std::string(read_faults::kPlanVariable) + "=" + kPlanPath,
+                                "ASAN_OPTIONS=" + std::string(old != nullptr ? old : "") + ":verify_asan_link_order=0"};
     return options;
 }
 

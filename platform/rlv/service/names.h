@@ -59,8 +59,8 @@ public:
     // Only these are in use. Looks up those that are new.
     void retain(const std::vector<std::string> &names);
 
-    // The outcome that counts without a look-up: the last one of a name in use, of which announcements and the background
-    // look after the next. Empty otherwise, and while one is under way that is worth waiting for.
+    // The outcome that counts without a look-up: the last one of a name in use, of which announcements and the
+    // background look after the next. Empty otherwise, and while one is under way that is worth waiting for.
     std::optional<LookUpResult> standing(const std::string &name) const;
     // What the name stands for when a look-up came to `result`.
     NameAnswers answersAfter(const std::string &name, const LookUpResult &result) const;
