@@ -15,6 +15,9 @@ namespace host {
 
 namespace {
 
+// What the plugin and the host expect of the databases.
+constexpr const char *kRuleSchema = "SELECT protocol, domain, port, direction, is_allowed FROM firewall_rules LIMIT 0";
+
 // What was told since the process began. Bounded: the newest stay.
 constexpr std::size_t kMostTold = 8;
 std::vector<std::string> told;
@@ -32,7 +35,7 @@ void tell(const std::string &line) noexcept try {
 } // namespace
 
 void watchOverDatabases() {
-    mavo::database::protectWithBackup(kRuleDatabase, kRuleDatabaseBackup);
+    mavo::database::protectWithBackup(kRuleDatabase, kRuleDatabaseBackup, kRuleSchema);
     mavo::database::mayBeStartedAnew(kStatisticsDatabase);
     mavo::database::tellRecoveriesTo(tell);
 }

@@ -28,8 +28,8 @@ struct Finalize {
     void operator()(sqlite3_stmt *statement) const { sqlite3_finalize(statement); }
 };
 
-// Runs a pragma to its end and gives the first column of its first row.
-int runPragma(sqlite3 *handle, const char *sql, std::string &answer) {
+// Runs a statement to its end and gives the first column of its first row.
+int runForText(sqlite3 *handle, const char *sql, std::string &answer) {
     sqlite3_stmt *raw = nullptr;
     int result = sqlite3_prepare_v2(handle, sql, -1, &raw, nullptr);
     const std::unique_ptr<sqlite3_stmt, Finalize> statement(raw);
@@ -46,7 +46,7 @@ int runPragma(sqlite3 *handle, const char *sql, std::string &answer) {
 
 int run(sqlite3 *handle, const char *sql) {
     std::string answer;
-    return runPragma(handle, sql, answer);
+    return runForText(handle, sql, answer);
 }
 
 sqlite3_file *fileOf(sqlite3 *handle) {
@@ -117,10 +117,10 @@ bool useRollbackJournal(Attempt &attempt) {
     // Leaving the write-ahead log needs the file alone, for which SQLite does not wait by itself.
     const auto deadline = std::chrono::steady_clock::now() + kBusyTimeout;
     std::string mode;
-    int result = runPragma(handle, kPersist, mode);
+    int result = runForText(handle, kPersist, mode);
     while (isTaken(result) && std::chrono::steady_clock::now() < deadline) {
         sqlite3_sleep(kBusyPollMs);
-        result = runPragma(handle, kPersist, mode);
+        result = runForText(handle, kPersist, mode);
     }
     if (!succeeded(attempt, result))
         return false;
@@ -168,7 +168,7 @@ bool prepareForUse(Attempt &attempt, int flags) {
 
 bool checkEverything(Attempt &attempt) {
     std::string finding;
-    if (!succeeded(attempt, runPragma(attempt.handle.get(), "PRAGMA integrity_check(1)", finding)))
+    if (!succeeded(attempt, runForText(attempt.handle.get(), "PRAGMA integrity_check(1)", finding)))
         return false;
     if (finding == "ok")
         return true;
@@ -317,6 +317,22 @@ Attempt attemptOpening(const std::string &path, int flags, Check check) {
         attempt = attemptOnce(path, flags, check);
     }
     return attempt;
+}
+
+void requireSchema(Attempt &attempt, const std::string &query) {
+    sqlite3 *const handle = attempt.handle.get();
+    forgetReadError();
+    sqlite3_stmt *raw = nullptr;
+    const int result = sqlite3_prepare_v2(handle, query.c_str(), -1, &raw, nullptr);
+    const std::unique_ptr<sqlite3_stmt, Finalize> statement(raw);
+    if (!succeeded(attempt, result)) // an error on reading, which came once, condemns nothing
+        attempt.failure = attempt.failure == Failure::damaged ? Failure::foreign : Failure::passing;
+}
+
+bool isWithoutTables(const Attempt &attempt) {
+    std::string first;
+    return runForText(attempt.handle.get(), "SELECT name FROM sqlite_master LIMIT 1", first) == SQLITE_OK &&
+           first.empty();
 }
 
 ReadLock::ReadLock(sqlite3 *connection)

@@ -21,6 +21,7 @@ enum class Failure {
     none,
     absent,     // there is no such file, and it was not to be created
     damaged,    // what the file holds is no sound database
+    foreign,    // a sound database, but of something else
     unreadable, // the disk gave an error on reading, which may pass
     unfit,      // a sound database that cannot be used in the way that was asked for, ever
     passing     // everything else
@@ -47,6 +48,12 @@ struct Attempt {
 // Opens the file with SQLite's flags, plays back its journal and makes it fit for use. Three attempts for an error on
 // reading. Makes no digest. Throws std::bad_alloc or Unavailable.
 Attempt attemptOpening(const std::string &path, int flags, Check check);
+
+// Tells of a database in which the query cannot be prepared: foreign, or what keeps that from being seen. Leaves it
+// open.
+void requireSchema(Attempt &attempt, const std::string &query);
+// No table is in it.
+bool isWithoutTables(const Attempt &attempt);
 
 // Holds a read lock, so that nobody writes meanwhile; keep it short. SQLite's result is in `result`.
 class ReadLock {

@@ -26,6 +26,7 @@ namespace {
 struct Registered {
     std::string path;
     std::string backup; // empty: may be started anew
+    std::string schemaQuery;
 };
 
 // Never destroyed: connections in static objects may outlive them.
@@ -76,19 +77,23 @@ void copyAll(int source, const std::string &path, Replacement &copy) {
     copy.synchronise();
 }
 
-// A sound copy of the backup beside `path`, or none when there is no sound backup.
-std::unique_ptr<Replacement> soundCopy(const std::string &path, const std::string &backup) {
+// A sound copy of the backup beside its database, or none when there is no sound backup.
+std::unique_ptr<Replacement> soundCopy(const Registered &files) {
+    const std::string &backup = files.backup;
     const support::UniqueFd source = openFile(backup, O_RDONLY);
     if (!source && errno == ENOENT)
         return nullptr;
     struct stat status {};
     if (!source || ::fstat(source.get(), &status) != 0)
         throwUnavailable(backup, errno);
-    auto copy = std::make_unique<Replacement>(path, status.st_mode & 0777U);
+    auto copy = std::make_unique<Replacement>(files.path, status.st_mode & 0777U);
     copyAll(source.get(), backup, *copy);
-    const Attempt attempt = attemptOpening(copy->path(), SQLITE_OPEN_READWRITE, Check::full);
+    Attempt attempt = attemptOpening(copy->path(), SQLITE_OPEN_READWRITE, Check::full);
+    if (attempt.failure == Failure::none && !files.schemaQuery.empty())
+        requireSchema(attempt, files.schemaQuery);
+    attempt.handle.reset();
     ::unlink(journalOf(copy->path()).c_str());
-    if (attempt.failure == Failure::damaged)
+    if (attempt.failure == Failure::damaged || attempt.failure == Failure::foreign)
         return nullptr;
     if (attempt.failure != Failure::none)
         throw Unavailable(copy->path() + ": " + attempt.text);
@@ -123,10 +128,12 @@ void putBothAside(const Registered &files) {
 }
 
 bool replaceWithBackup(const Registered &files, Failure failure, const std::string &why) {
+    putJournalAside(files.backup);
+    const auto copy = soundCopy(files);
+    if (copy == nullptr && failure == Failure::foreign)
+        return false;
     if (isOpen(files.path)) // by an operation that would go on to write into the file that is put aside
         throw Unavailable(files.path + ": " + why);
-    putJournalAside(files.backup);
-    const auto copy = soundCopy(files.path, files.backup);
     putJournalAside(files.path);
     if (copy == nullptr) {
         putBothAside(files);
@@ -148,9 +155,13 @@ bool startAnew(const std::string &path, const std::string &why) {
 
 } // namespace
 
-void protectWithBackup(const std::string &path, const std::string &backup) { registered.push_back({path, backup}); }
+void protectWithBackup(const std::string &path, const std::string &backup, const std::string &schemaQuery) {
+    registered.push_back({path, backup, schemaQuery});
+}
 
-void mayBeStartedAnew(const std::string &path) { registered.push_back({path, {}}); }
+void mayBeStartedAnew(const std::string &path, const std::string &schemaQuery) {
+    registered.push_back({path, {}, schemaQuery});
+}
 
 void tellRecoveriesTo(std::function<void(const std::string &)> listener) { theListener = std::move(listener); }
 
@@ -190,13 +201,23 @@ void tellOfChange(const std::string &path, bool mayBeOurs) {
 }
 
 bool replaceRefused(const std::string &path, int flags, Failure failure, const std::string &why) {
-    if (failure != Failure::absent && failure != Failure::damaged && failure != Failure::unreadable)
+    if (failure == Failure::none || failure == Failure::unfit || failure == Failure::passing)
         return false;
     const Registered *const files = find(path, &Registered::path);
     if (files != nullptr && !files->backup.empty())
         return replaceWithBackup(*files, failure, why);
     putJournalAside(path);
     return files != nullptr && (flags & SQLITE_OPEN_CREATE) != 0 && startAnew(path, why);
+}
+
+// A new database is without tables until its program makes them; beside a backup that has them it is not new.
+void judgeSchema(const std::string &path, int flags, Attempt &made) {
+    const Registered *const files = find(path, &Registered::path);
+    if (files == nullptr || files->schemaQuery.empty() || (flags & SQLITE_OPEN_READWRITE) == 0)
+        return;
+    requireSchema(made, files->schemaQuery);
+    if (made.failure == Failure::foreign && files->backup.empty() && isWithoutTables(made))
+        made.failure = Failure::none;
 }
 
 Attempt attempt(const std::string &path, int flags, bool verify) {
@@ -216,10 +237,14 @@ Handle openForUse(const std::string &path, int flags, bool verify) {
     if (mayWrite)
         prepareOpening(path);
     Attempt made = attempt(path, flags, verify);
+    if (made.failure == Failure::none)
+        judgeSchema(path, flags, made);
     if (mayWrite && replaceRefused(path, flags, made.failure, made.text)) {
         condemned.erase(path);
         made = attempt(path, flags, verify);
     }
+    if (made.failure == Failure::foreign) // and nothing better was there
+        made.failure = Failure::none;
     if (made.failure == Failure::passing)
         throw Unavailable(path + ": " + made.text);
     if (made.failure != Failure::none)

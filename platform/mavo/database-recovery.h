@@ -12,16 +12,23 @@ namespace database {
 
 // To be called before the first opening, from the process's first thread; forked children inherit it.
 
+// A schema query is a SELECT that can be prepared in every database of that purpose; an empty one says nothing. It is
+// never run.
+
 // `backup` is a copy of `path`. From now on, when `path` is to be opened for writing and is damaged, empty or not
-// there, the backup takes its place, if it is sound: it is copied beside, checked, synchronised and renamed. The
+// there, the backup takes its place, if it is sound: it is copied beside, checked, synchronised and renamed. So it does
+// when the schema query can be prepared in the backup but not in `path`; where it can in neither, `path` stays. The
 // damaged file, and a journal that was not played back, are put aside as "<file>.aside-1"; of each three are kept, 3
 // being the oldest. A damaged backup is put aside too when there is no sound file. While something passing keeps that
 // from being done, the opening throws Unavailable and everything stays as it is. To open the backup for writing is
 // refused (Unavailable) while there is a `path` that holds something.
-__attribute__((visibility("default"))) void protectWithBackup(const std::string &path, const std::string &backup);
+__attribute__((visibility("default"))) void protectWithBackup(const std::string &path, const std::string &backup,
+                                                              const std::string &schemaQuery = {});
 
-// When `path` is to be opened with the creating flag and is damaged, it is put aside and an empty one made.
-__attribute__((visibility("default"))) void mayBeStartedAnew(const std::string &path);
+// When `path` is to be opened with the creating flag and is damaged, or is not empty and the schema query cannot be
+// prepared in it, it is put aside and an empty one made.
+__attribute__((visibility("default"))) void mayBeStartedAnew(const std::string &path,
+                                                             const std::string &schemaQuery = {});
 
 // Called with one line for a person whenever something of the above was done, or a database is found sound but changed
 // by somebody else. It must throw nothing and open no database.

@@ -97,8 +97,8 @@ protected:
         fs::create_directories(kFolder);
         told.clear();
         static const bool once = [] {
-            mavo::database::protectWithBackup(kMain, kBackup);
-            mavo::database::mayBeStartedAnew(kStatistics);
+            mavo::database::protectWithBackup(kMain, kBackup, "SELECT a FROM t LIMIT 0");
+            mavo::database::mayBeStartedAnew(kStatistics, "SELECT a FROM t LIMIT 0");
             mavo::database::tellRecoveriesTo([](const std::string &line) { told.push_back(line); });
             return true;
         }();
@@ -189,6 +189,69 @@ TEST_F(AProtectedDatabase, IsReplacedWhenAnIndexIsDamaged) {
     EXPECT_EQ(damaged, contentOf(kMain + ".aside-1"));
     EXPECT_THAT(told, ElementsAre(HasSubstr("was damaged and put aside")));
     EXPECT_THAT(mavo::database::filesAside(kMain), ElementsAre(kMain + ".aside-1"));
+}
+
+// Databases without a damage, of which none is ours.
+const std::vector<std::string> &foreignSchemas() {
+    static const std::vector<std::string> all{
+        "CREATE TABLE other (a TEXT PRIMARY KEY)",
+        "CREATE TABLE t (b TEXT PRIMARY KEY)",
+    };
+    return all;
+}
+
+void exchangeFor(const std::string &path, const std::string &schema) {
+    for (const char *suffix : {"", "-journal", "-digest"})
+        fs::remove(path + suffix);
+    sqlite3 *other = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(path.c_str(), &other));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(other, schema.c_str(), nullptr, nullptr, nullptr));
+    sqlite3_close(other);
+}
+
+TEST_F(AProtectedDatabase, IsReplacedWhenASoundOneOfSomethingElseLiesThere) {
+    for (const std::string &schema : foreignSchemas()) {
+        exchangeFor(kMain, schema);
+        const std::string foreign = contentOf(kMain);
+        EXPECT_EQ("open", open(kMain)) << schema;
+        EXPECT_EQ("one,two", rows());
+        EXPECT_EQ(foreign, contentOf(kMain + ".aside-1"));
+        EXPECT_THAT(told, ElementsAre(HasSubstr("(no such "))) << schema;
+        told.clear();
+    }
+}
+
+TEST_F(AProtectedDatabase, IsReplacedWhenItHasNoTableYetAndItsBackupHas) {
+    exchangeFor(kMain, "PRAGMA user_version=1");
+    EXPECT_EQ("open", open(kMain));
+    EXPECT_EQ("one,two", rows());
+}
+
+TEST_F(AProtectedDatabase, StaysWhenItsBackupIsNoBetter) {
+    for (const char *schema : {"CREATE TABLE other (a TEXT PRIMARY KEY)", "PRAGMA user_version=1"}) {
+        exchangeFor(kMain, schema);
+        exchangeFor(kBackup, "CREATE TABLE other (b TEXT)");
+        EXPECT_EQ("open", open(kMain)) << schema;
+        EXPECT_EQ("", rows());
+        EXPECT_THAT(told, IsEmpty());
+        EXPECT_THAT(mavo::database::filesAside(kMain), IsEmpty());
+    }
+}
+
+TEST_F(AProtectedDatabase, StaysWithoutRowsBesideABackupWithThem) {
+    {
+        Connection connection(kMain, kReadWrite, true);
+        run(connection, "DELETE FROM t");
+    }
+    EXPECT_EQ("", rows());
+    EXPECT_THAT(told, IsEmpty());
+}
+
+TEST_F(AProtectedDatabase, TakesNoBackupOfSomethingElse) {
+    exchangeFor(kBackup, foreignSchemas().front());
+    write(kMain, std::string(5'000, 'x'));
+    EXPECT_EQ("damaged", open(kMain));
+    EXPECT_THAT(told, ElementsAre(HasSubstr("neither the database nor its backup is sound")));
 }
 
 TEST_F(AProtectedDatabase, KeepsThreeDamagedFiles) {
@@ -500,6 +563,22 @@ TEST_F(AProtectedDatabase, IsMadeAnewWhereThatMayBe) {
     EXPECT_EQ("", rows(kStatistics));
     EXPECT_EQ(std::string(5'000, 'x'), contentOf(kStatistics + ".aside-1"));
     EXPECT_THAT(told, ElementsAre(HasSubstr("a new one is made")));
+}
+
+TEST_F(AProtectedDatabase, IsMadeAnewWhereASoundOneOfSomethingElseLies) {
+    for (const std::string &schema : foreignSchemas()) {
+        exchangeFor(kStatistics, schema);
+        EXPECT_EQ("open", open(kStatistics, kCreate));
+        EXPECT_EQ("", rows(kStatistics));
+        EXPECT_THAT(told, ElementsAre(HasSubstr("a new one is made"))) << schema;
+        told.clear();
+    }
+}
+
+TEST_F(AProtectedDatabase, IsUsedWhereItIsToBeMadeAnewAndHasNoTableYet) {
+    exchangeFor(kStatistics, "PRAGMA user_version=1");
+    EXPECT_EQ("open", open(kStatistics, kCreate));
+    EXPECT_THAT(told, IsEmpty());
 }
 
 } // namespace

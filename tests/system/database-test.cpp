@@ -99,6 +99,18 @@ TEST_F(ADatabase, IsReplacedUnderTheRunningHostWhenItIsDamagedEmptyOrGone) {
     }
 }
 
+TEST_F(ADatabase, OfSomethingElseIsReplacedByTheBackupAndThatIsSaid) {
+    for (const char *exchange : {"ALTER TABLE firewall_rules RENAME TO firewall_rulez",
+                                 "ALTER TABLE firewall_rules RENAME COLUMN is_allowed TO is_bllowed"}) {
+        ASSERT_EQ(system.stopHost(), 0);
+        EXPECT_EQ(0, process::capture({"sqlite3", kRuleDatabase, exchange}).status);
+        ASSERT_TRUE(system.startHost());
+        EXPECT_EQ(storedRules(), kStored) << exchange;
+        EXPECT_EQ(rulesOf("VPK-DENY"), kDenied);
+        EXPECT_THAT(status(), HasSubstr("was damaged and put aside (no such "));
+    }
+}
+
 TEST_F(ADatabase, DamagedWithItsBackupLeavesCopiesAside) {
     ASSERT_EQ(system.stopHost(), 0);
     damageIndex(kRuleDatabase);
