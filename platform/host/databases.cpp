@@ -17,6 +17,7 @@ namespace {
 
 // What the plugin and the host expect of the databases.
 constexpr const char *kRuleSchema = "SELECT protocol, domain, port, direction, is_allowed FROM firewall_rules LIMIT 0";
+constexpr const char *kStatusSchema = "SELECT name, status FROM statuses LIMIT 0";
 
 // What was told since the process began. Bounded: the newest stay.
 constexpr std::size_t kMostTold = 8;
@@ -37,6 +38,7 @@ void tell(const std::string &line) noexcept try {
 void watchOverDatabases() {
     mavo::database::protectWithBackup(kRuleDatabase, kRuleDatabaseBackup, kRuleSchema);
     mavo::database::mayBeStartedAnew(kStatisticsDatabase);
+    mavo::database::mayBeStartedAnew(kStatusDatabase, kStatusSchema);
     mavo::database::tellRecoveriesTo(tell);
 }
 

@@ -99,7 +99,11 @@ Host::~Host() { PolicyStorage::backend = nullptr; }
 
 int Host::storedStatus() {
     const std::lock_guard<std::mutex> lock(PolicyStorage::dbLock);
-    return storage_.readStatusHealing(kPluginName);
+    const int status = storage_.readStatus(kPluginName);
+    const std::string remark = status == -1 ? StatusStorage::remark() : std::string();
+    if (!remark.empty())
+        logError(remark);
+    return status;
 }
 
 // What the plugin throws dies here, in the host.

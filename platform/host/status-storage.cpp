@@ -1,12 +1,11 @@
 #include "host/status-storage.h"
 
-#include <cstdio>
 #include <exception>
-#include <unistd.h>
 
 #include "host/exception-text.h"
 #include "host/log.h"
 #include "host/paths.h"
+#include "mavo/database-recovery.h"
 #include "mavo/database.h"
 #include "mavo/exception.h"
 #include "support/safe-open.h"
@@ -43,21 +42,6 @@ int statusOf(Connection &connection, const std::string &name) {
     return statement.step() ? statement.getColumn(0).getInt() : -1;
 }
 
-const std::string kDatabase = kStatusDatabase;
-const std::string kRefused = kDatabase + ".refused";
-
-// By SQLite's own words for SQLITE_CORRUPT and SQLITE_NOTADB; every other failure may pass.
-bool tellsOfDamage(const std::string &error) {
-    return error.find("database disk image is malformed") != std::string::npos ||
-           error.find("file is not a database") != std::string::npos;
-}
-
-// With its journal, which would be played into the next database of that name.
-bool putAside() {
-    std::rename((kDatabase + "-journal").c_str(), (kRefused + "-journal").c_str());
-    return std::rename(kDatabase.c_str(), kRefused.c_str()) == 0;
-}
-
 } // namespace
 
 int StatusStorage::storeStatus(const std::string &name, int status) try {
@@ -67,7 +51,7 @@ int StatusStorage::storeStatus(const std::string &name, int status) try {
         return 0;
     }
     requirePlainFile();
-    Connection connection(kStatusDatabase, kReadWriteCreate, false);
+    Connection connection(kStatusDatabase, kReadWriteCreate, true);
     makeTable(connection);
     if (statusOf(connection, name) == status)
         return 0;
@@ -86,26 +70,21 @@ int StatusStorage::readStatus(const std::string &name) try {
     if (rehearsed_ && rehearsed_->count(name) != 0)
         return rehearsed_->at(name);
     requirePlainFile();
-    Connection connection(kStatusDatabase, kReadWriteCreate, false);
+    Connection connection(kStatusDatabase, kReadWriteCreate, true);
     makeTable(connection);
     return statusOf(connection, name);
 } catch (const mavo::Exception &error) {
     throw mavo::Exception(std::string(kStatusDatabase) + ": the status cannot be read: " + error.what());
 }
 
-int StatusStorage::readStatusHealing(const std::string &name) try {
-    return readStatus(name);
-} catch (const mavo::Exception &error) {
-    if (!tellsOfDamage(error.what()) || !putAside())
-        throw;
-    logError(std::string(error.what()) + "; put aside as " + kRefused + ", and the plugin is enabled");
-    return readStatus(name);
-}
-
-std::string StatusStorage::remark() {
-    if (::access(kRefused.c_str(), F_OK) != 0)
+std::string StatusStorage::remark() try {
+    const auto aside = mavo::database::filesAside(kStatusDatabase);
+    if (aside.empty())
         return {};
-    return kRefused + ", which was damaged, was put aside, and the plugin was enabled; remove it to end this message";
+    return aside.front() +
+           ", which was damaged, was put aside, and the plugin was enabled; remove it to end this message";
+} catch (const mavo::database::Unavailable &problem) {
+    return problem.what();
 }
 
 } // namespace host

@@ -11,7 +11,9 @@
 
 namespace host {
 
-// Keeps statuses in an SQLite database. No connection is open between two calls.
+// Keeps statuses in an SQLite database. No connection is open between two calls. After watchOverDatabases() a damaged
+// database, or one of something else, is put aside and one without a status made: nothing about statuses keeps a plugin
+// from coming up.
 class StatusStorage : public PolicyStorage {
 public:
     // 0, or -1 when it cannot be stored, which is logged. What is stored already is not written again: each start
@@ -21,9 +23,6 @@ public:
     // mavo::database::Unavailable when it cannot be read now: that is not the same.
     int readStatus(const std::string &name) override;
 
-    // The same before a plugin is made, which nothing about statuses keeps from coming up: a damaged database is
-    // renamed to ".status.db.refused", which is logged, and no status is stored then.
-    int readStatusHealing(const std::string &name);
     // What was put aside and is still there: one line, or empty.
     static std::string remark();
 

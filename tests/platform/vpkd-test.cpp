@@ -283,8 +283,8 @@ TEST_F(Vpkd, PutsAStatusDatabaseAsideThatIsNone) {
     vpkdtest::write(kStatuses, damaged);
     start();
     EXPECT_EQ(number("Host::getStatus"), 1);
-    EXPECT_EQ(contents(std::string(kStatuses) + ".refused"), damaged);
-    EXPECT_THAT(text("Host::status"), HasSubstr(".status.db.refused, which was damaged, was put aside"));
+    EXPECT_EQ(contents(std::string(kStatuses) + ".aside-1"), damaged);
+    EXPECT_THAT(text("Host::status"), HasSubstr(".status.db.aside-1, which was damaged, was put aside"));
 }
 
 TEST_F(Vpkd, ReloadsThePluginAndItsMethods) {
