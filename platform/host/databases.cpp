@@ -1,12 +1,14 @@
 #include "host/databases.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <exception>
+#include <optional>
 
-#include "host/data-check.h"
 #include "host/log.h"
 #include "host/paths.h"
+#include "host/plugin-files.h"
 #include "mavo/database-recovery.h"
 #include "mavo/database.h"
 #include "mavo/exception.h"
@@ -33,6 +35,17 @@ void tell(const std::string &line) noexcept try {
 } catch (...) { // no memory: the log has it
 }
 
+// The number of commits when there was nothing to do for the backup, none while there is; and what keeps it from being
+// done, as far as there was memory to note it.
+std::optional<std::uint64_t> wellAt;
+std::string backupProblem;
+
+void tellOfBackup(const char *problem) noexcept try {
+    backupProblem = std::string(kRuleDatabaseBackup) + ": was not made equal to the rules: " + problem;
+    logError(backupProblem);
+} catch (...) { // no memory: the next call tries again
+}
+
 } // namespace
 
 void watchOverDatabases() {
@@ -42,18 +55,30 @@ void watchOverDatabases() {
     mavo::database::tellRecoveriesTo(tell);
 }
 
-void refreshRuleBackup() try {
-    if (dataProblem().empty())
-        mavo::database::refreshBackup(kRuleDatabase);
+void refreshRuleBackup() noexcept try {
+    const std::uint64_t commits = mavo::database::commitsTo(kRuleDatabase);
+    if (wellAt == commits)
+        return;
+    wellAt.reset();
+    const std::string misplaced = pluginFilesProblem();
+    if (!misplaced.empty())
+        return tellOfBackup(misplaced.c_str());
+    mavo::database::refreshBackup(kRuleDatabase);
+    wellAt = commits;
+    backupProblem.clear();
 } catch (const mavo::Exception &) { // there are no rules yet, or none that is left: the plugin begins with none
+    wellAt = mavo::database::commitsTo(kRuleDatabase);
+    backupProblem.clear();
 } catch (const mavo::database::Unavailable &problem) {
-    logError(std::string("the backup of the rules was not looked at: ") + problem.what());
+    tellOfBackup(problem.what());
 } catch (const std::exception &problem) {
-    logError(std::string("the backup of the rules was not looked at: ") + problem.what());
+    tellOfBackup(problem.what());
 }
 
 std::vector<std::string> databaseRemarks() try {
     std::vector<std::string> remarks = told;
+    if (!backupProblem.empty())
+        remarks.push_back(backupProblem);
     for (const char *database : {kRuleDatabase, kRuleDatabaseBackup, kStatisticsDatabase}) {
         for (const auto &file : mavo::database::filesAside(database))
             remarks.push_back(file + ": lies aside, out of use");

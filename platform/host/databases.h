@@ -12,12 +12,14 @@ namespace host {
 // database is opened.
 void watchOverDatabases();
 
-// Makes the backup equal to the rules: a host that was killed may have left it behind or torn. Brings the backup back
-// where the rules are damaged. Does nothing while the data cannot be used at all; what else keeps it from that is told
-// in the log.
-void refreshRuleBackup();
+// Makes the backup equal to the rules: a host that was killed may have left it behind or torn, and the plugin, which
+// copies the file after each change, looks at no error of that. Brings the backup back where the rules are damaged.
+// Does nothing when nothing was changed since the two were equal. What keeps it from that is told as an error in the
+// log and, until it has been done, in the status.
+void refreshRuleBackup() noexcept;
 
-// One line each: the files that lie aside, and what this process found changed by others. For `status`.
+// One line each: the files that lie aside, what this process found changed by others, and a backup that is behind. For
+// `status`.
 std::vector<std::string> databaseRemarks();
 
 // Whether the file may be deleted. The rules and their backup may not: damaged ones have been put aside already, and

@@ -14,6 +14,7 @@
 #include "host/collector.h"
 #include "host/config-file.h"
 #include "host/data-check.h"
+#include "host/databases.h"
 #include "host/documents.h"
 #include "host/door.h"
 #include "host/exception-text.h"
@@ -421,6 +422,8 @@ mavo::rmi::Reply Host::invoke(const std::string &name, const mavo::rmi::MethodCo
     auto reply = mavo::rmi::invokeMethod(guarded, request);
     if (reply.status == mavo::rmi::Status::exception)
         logInfo(name + " ended with an exception: " + reply.error);
+    if (!onlyLooks(name))
+        refreshRuleBackup(); // the caller is told of a failure, as of each error in the log
     reply.errorLines = watch.errorLines();
     const Verdict verdict = onlyLooks(name) ? Verdict() : watch.verdict();
     reply.notInForce = verdict.notInForce;

@@ -109,7 +109,8 @@ void run(const Options &options) {
     host::handleForks({host::ServerLoop::signals(), [&server] { return server.descriptors(); }});
     host::Host host(host::loadPlugin(options.plugin));
     host::watchOverDatabases();
-    host::refreshRuleBackup();
+    if (host::dataProblem().empty()) // else the start says what it is
+        host::refreshRuleBackup();
     host.setPrivilegesProblem(boost::algorithm::join(privileges.problems(), "; "));
     const std::string interruption = host.start();
     server.serve(host, options.socket, privileges, interruption);

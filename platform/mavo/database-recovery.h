@@ -3,6 +3,7 @@
 #ifndef PLATFORM_MAVO_DATABASE_RECOVERY_H
 #define PLATFORM_MAVO_DATABASE_RECOVERY_H
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -38,6 +39,10 @@ __attribute__((visibility("default"))) void tellRecoveriesTo(std::function<void(
 // `path`, with all that this brings. Throws mavo::Exception or Unavailable when it cannot be opened or the backup not
 // be written; the old backup is as it was then.
 __attribute__((visibility("default"))) void refreshBackup(const std::string &path);
+
+// How many transactions that may change this file the process has begun to commit. While the number stays, so does what
+// the process has stored there.
+__attribute__((visibility("default"))) std::uint64_t commitsTo(const std::string &path);
 
 // The files that lie aside of this database and its journal.
 __attribute__((visibility("default"))) std::vector<std::string> filesAside(const std::string &path);

@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <list>
+#include <map>
 #include <mutex>
 #include <sqlite3.h>
 
 #include "mavo/database-digest.h"
 #include "mavo/database-opening.h"
+#include "mavo/database-recovery.h"
 
 namespace mavo {
 namespace database {
@@ -15,6 +17,7 @@ namespace {
 
 struct OpenFile {
     std::string path;
+    std::uint64_t *begunCommits;
     int connections = 0;
     bool beingChanged = false;
     bool distrusted = false;
@@ -30,6 +33,7 @@ std::mutex theMutex;
 // One or two of each. Never destroyed: connections in static objects may outlive this one.
 auto &files = *new std::list<OpenFile>;
 auto &connections = *new std::list<OpenConnection>;
+auto &begunCommits = *new std::map<std::string, std::uint64_t>; // by path
 
 OpenFile *fileAt(const std::string &path) {
     const auto found =
@@ -47,6 +51,7 @@ std::list<OpenConnection>::iterator find(const sqlite3 *handle) {
 int beforeCommit(void *argument) {
     auto *const file = static_cast<OpenFile *>(argument);
     const std::lock_guard<std::mutex> lock(theMutex);
+    ++*file->begunCommits;
     if (!file->beingChanged)
         markBeingChanged(file->path);
     file->beingChanged = true;
@@ -76,7 +81,7 @@ void noteOpened(sqlite3 *handle, const std::string &path) {
     const std::lock_guard<std::mutex> lock(theMutex);
     OpenFile *file = fileAt(path);
     if (file == nullptr)
-        file = &files.emplace_back(OpenFile{path});
+        file = &files.emplace_back(OpenFile{path, &begunCommits[path]});
     connection.front().file = file;
     connections.splice(connections.end(), connection);
     ++file->connections;
@@ -96,6 +101,12 @@ void noteClosing(sqlite3 *handle) noexcept {
     if (file->beingChanged && !file->distrusted)
         leaveDigest(handle, file->path);
     files.remove_if([=](const OpenFile &candidate) { return &candidate == file; });
+}
+
+std::uint64_t commitsTo(const std::string &path) {
+    const std::lock_guard<std::mutex> lock(theMutex);
+    const auto found = begunCommits.find(path);
+    return found != begunCommits.end() ? found->second : 0;
 }
 
 bool isOpen(const std::string &path) {

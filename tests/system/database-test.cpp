@@ -1,6 +1,10 @@
 // Rule and statistics databases that are held, damaged, torn or changed by others, under the running programs.
+#include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <sqlite3.h>
 
@@ -130,6 +134,57 @@ TEST_F(ADatabase, HasItsBackupMadeWholeAtTheStart) {
     ASSERT_TRUE(system.startHost());
     EXPECT_EQ(contentOf(kRuleBackup), contentOf(kRuleDatabase));
     EXPECT_EQ(storedRules(kRuleBackup), kStored);
+}
+
+// While it runs its program file can be renamed, but nobody can write into it, so that the plugin's copy fails.
+class RunningProgram {
+public:
+    explicit RunningProgram(const std::string &path) {
+        std::filesystem::copy_file("/bin/sleep", path, std::filesystem::copy_options::overwrite_existing);
+        child_ = ::fork();
+        if (child_ == 0) {
+            ::execl(path.c_str(), path.c_str(), "100", nullptr);
+            ::_exit(1);
+        }
+        const std::string link = "/proc/" + std::to_string(child_) + "/exe";
+        EXPECT_TRUE(process::waitUntil([&] {
+            std::error_code gone;
+            return std::filesystem::read_symlink(link, gone) == path;
+        }));
+    }
+    ~RunningProgram() {
+        ::kill(child_, SIGKILL);
+        ::waitpid(child_, nullptr, 0);
+    }
+    RunningProgram(const RunningProgram &) = delete;
+    RunningProgram &operator=(const RunningProgram &) = delete;
+
+private:
+    pid_t child_ = -1;
+};
+
+TEST_F(ADatabase, HasItsBackupRenewedWhereThePluginCouldNotWriteIt) {
+    const RunningProgram program(kRuleBackup);
+    for (const char *command : {"ApplyDenyRules", "FlushDenyRules"}) {
+        system.control({"exec", command, "tcp:192.0.2.2:80:in"});
+        EXPECT_EQ(contentOf(kRuleBackup), contentOf(kRuleDatabase)) << command;
+    }
+    EXPECT_THAT(contentOf(kHostLog), HasSubstr("can't do backup"));
+    EXPECT_THAT(storedRules(kRuleBackup), IsEmpty());
+}
+
+TEST_F(ADatabase, SaysSoWhileItsBackupCannotBeRenewed) {
+    ASSERT_EQ(0, ::mount(kRuleBackup, kRuleBackup, nullptr, MS_BIND, nullptr));
+    ASSERT_EQ(0, ::mount(nullptr, kRuleBackup, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr));
+    const auto answer = system.control({"exec", "ApplyDenyRules", "tcp:192.0.2.2:80:in"});
+    const char *const problem = "was not made equal to the rules";
+    EXPECT_THAT(answer.output + answer.errors, HasSubstr(problem));
+    EXPECT_THAT(status(), HasSubstr(problem));
+    EXPECT_EQ(0, ::umount(kRuleBackup));
+    system.control({"exec", "NoSuchCommand"}); // any call will do
+    EXPECT_EQ(storedRules(kRuleBackup).size(), 2U);
+    EXPECT_EQ(contentOf(kRuleBackup), contentOf(kRuleDatabase));
+    EXPECT_THAT(status(), testing::Not(HasSubstr(problem)));
 }
 
 TEST_F(ADatabase, ChangedBySomebodyElseIsUsedAndThatIsSaid) {
