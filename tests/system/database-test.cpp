@@ -14,7 +14,6 @@ namespace {
 
 using network::rulesOf;
 using systemtest::Lines;
-using systemtest::Row;
 using systemtest::Rows;
 using systemtest::storedRules;
 using testing::HasSubstr;
