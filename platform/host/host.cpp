@@ -403,16 +403,32 @@ void Host::announceNames(const std::string &method, const std::string &rules) {
 
 mavo::rmi::Reply Host::invoke(const std::string &name, const mavo::rmi::MethodContext &method,
                               mavo::rmi::Message &request) {
+    if (rebuild_ == nullptr || onlyLooks(name))
+        return carryOut(name, method, request);
+    rebuild_->prepare();
+    auto reply = carryOut(name, method, request);
+    rebuild_->callOff();
+    return reply;
+}
+
+mavo::rmi::Reply Host::carryOut(const std::string &name, const mavo::rmi::MethodContext &method,
+                                mavo::rmi::Message &request) {
     const CallWatch watch;
     const auto *const before = current_;
+    bool lackedMemory = false;
     mavo::rmi::MethodContext guarded;
-    guarded.dispatcher = [this, &name, &method](mavo::rmi::Message &arguments) {
+    guarded.dispatcher = [this, &name, &method, &lackedMemory](mavo::rmi::Message &arguments) {
         const std::string problem = methodProblem(name, arguments.body());
         if (!problem.empty())
             throw mavo::rmi::BadArguments(problem);
         if (name.compare(0, kOfPlugin.size(), kOfPlugin) == 0) // the length before the text ends with a 0
             announceNames(name.substr(kOfPlugin.size()), arguments.body());
-        return guard_.run([&] { return method.dispatcher(arguments); });
+        try {
+            return guard_.run([&] { return method.dispatcher(arguments); });
+        } catch (const std::bad_alloc &) { // stored rules may be changed, and nothing sent
+            lackedMemory = true;
+            throw;
+        }
     };
     if (!ownMethods_.find(name)) // those look by themselves
         guarded.dispatcher = [look = guarded.dispatcher](mavo::rmi::Message &arguments) {
@@ -425,7 +441,9 @@ mavo::rmi::Reply Host::invoke(const std::string &name, const mavo::rmi::MethodCo
     if (!onlyLooks(name))
         refreshRuleBackup(); // the caller is told of a failure, as of each error in the log
     reply.errorLines = watch.errorLines();
-    const Verdict verdict = onlyLooks(name) ? Verdict() : watch.verdict();
+    Verdict verdict = onlyLooks(name) ? Verdict() : watch.verdict();
+    if (lackedMemory && !onlyLooks(name) && verdict.interruption.empty())
+        verdict.interruption = "there was no memory for the operation";
     reply.notInForce = verdict.notInForce;
     orderRebuild(verdict, current_ != before, reply);
     return reply;

@@ -80,14 +80,17 @@ public:
     // The remote method of that name, the host's own or the plugin's, or null. While no plugin has come up each name
     // may be one of the plugin's: it gets a method for callers with the privilege /privilege/vpk.firewall that says so.
     std::shared_ptr<const mavo::rmi::MethodContext> find(const std::string &name) const;
-    // Carries out a remote call. Throws nothing, whatever the plugin throws. When a rebuild follows, `notInForce` of
-    // the reply says so and why. One that is waited for already comes sooner.
+    // Carries out a remote call. Throws std::bad_alloc, whatever the plugin throws; a rebuild follows then, as the call
+    // may have got anywhere, unless it only looked. When one follows otherwise, `notInForce` of the reply says so and
+    // why. One that is waited for already comes sooner.
     mavo::rmi::Reply invoke(const std::string &name, const mavo::rmi::MethodContext &method,
                             mavo::rmi::Message &request);
 
 private:
     struct Instance;
 
+    mavo::rmi::Reply carryOut(const std::string &name, const mavo::rmi::MethodContext &method,
+                              mavo::rmi::Message &request);
     AbstractDPluginProvider &plugin() const;
     std::string whatIsWrong() const;
     void bringUpWith(std::optional<int> applied);

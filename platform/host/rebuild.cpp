@@ -1,6 +1,7 @@
 #include "host/rebuild.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "host/log.h"
@@ -25,7 +26,10 @@ std::string inSeconds(Milliseconds pause) {
 
 Rebuild::Rebuild(support::EventLoop &loop, Attempt attempt) : loop_(loop), attempt_(std::move(attempt)) {}
 
-Rebuild::~Rebuild() { loop_.cancel(timer_); }
+Rebuild::~Rebuild() {
+    loop_.cancel(timer_);
+    loop_.cancel(prepared_);
+}
 
 void Rebuild::want(const std::string &reason) {
     logError("the tables are built anew: " + reason);
@@ -42,6 +46,24 @@ void Rebuild::order(const std::string &reason) {
     since_ = Clock::now();
     loggedProblem_.clear();
     schedule(Milliseconds(0));
+}
+
+void Rebuild::prepare() {
+    callOff();
+    prepared_ = loop_.after(Milliseconds(0), [this] { makeGood(); });
+}
+
+void Rebuild::callOff() { loop_.cancel(std::exchange(prepared_, 0)); }
+
+// In the place of an attempt that may be waited for already.
+void Rebuild::makeGood() {
+    prepared_ = 0;
+    if (timer_ == 0) {
+        since_ = Clock::now();
+        reason_.clear();
+    }
+    loggedProblem_.clear();
+    attempt();
 }
 
 void Rebuild::settle() {
@@ -67,20 +89,36 @@ std::string Rebuild::remark() const {
 }
 
 void Rebuild::schedule(Milliseconds delay) {
-    loop_.cancel(timer_);
+    const auto before = std::exchange(timer_, loop_.after(delay, [this] { attempt(); }));
+    loop_.cancel(before);
     due_ = Clock::now() + delay;
-    timer_ = loop_.after(delay, [this] { attempt(); });
 }
 
+// The next attempt is arranged first: for want of memory this one may end anywhere.
 void Rebuild::attempt() {
-    timer_ = 0;
-    const std::string problem = attempt_();
+    schedule(kShortestPause);
+    try {
+        conclude(tried());
+    } catch (const std::bad_alloc &) { // then it is made
+        lastAttempt_ = Clock::now();
+    }
+}
+
+std::string Rebuild::tried() {
+    if (reason_.empty()) {
+        reason_ = "an operation did not come to its end";
+        logError("the tables are built anew: " + reason_);
+    }
+    return attempt_();
+}
+
+void Rebuild::conclude(std::string problem) {
     lastAttempt_ = Clock::now();
     if (problem.empty()) {
         logInfo("the tables were built anew");
         return settle();
     }
-    reason_ = problem;
+    reason_ = std::move(problem);
     const auto pause = pauseAfter(std::chrono::floor<Milliseconds>(lastAttempt_ - since_));
     logFailure(pause);
     schedule(pause);

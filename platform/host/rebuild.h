@@ -31,6 +31,12 @@ public:
     void want(const std::string &reason);
     // The same where nothing went wrong.
     void follow(const std::string &reason);
+    // What begins now may change stored rules and never come to its end, as when there is no memory for the verdict on
+    // it: unless callOff() follows, the next turn of the loop builds the tables anew. Throws std::bad_alloc, and
+    // nothing has changed.
+    void prepare();
+    // It has come to its end. Needs no memory.
+    void callOff();
     // Somebody else has brought the tables up anew.
     void settle();
     // Brings forward what is waited for, unless the last attempt is younger than a second.
@@ -47,7 +53,10 @@ public:
 private:
     void order(const std::string &reason);
     void schedule(std::chrono::milliseconds delay);
+    void makeGood();
     void attempt();
+    std::string tried();
+    void conclude(std::string problem);
     void logFailure(std::chrono::milliseconds pause);
 
     support::EventLoop &loop_;
@@ -55,6 +64,7 @@ private:
     std::function<void()> settled_;
     std::string reason_;
     support::EventLoop::Timer timer_ = 0;
+    support::EventLoop::Timer prepared_ = 0;
     support::EventLoop::Clock::time_point due_;
     support::EventLoop::Clock::time_point since_; // the tables are as they should not be
     support::EventLoop::Clock::time_point lastAttempt_;

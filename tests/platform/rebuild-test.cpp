@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <functional>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -103,6 +104,47 @@ TEST_F(ARebuild, IsNotTriedWhenSomebodyElseDidIt) {
     loop.after(std::chrono::milliseconds(20), [this] { loop.stop(); });
     loop.run();
     EXPECT_EQ(attempts, 0U);
+}
+
+TEST_F(ARebuild, FollowsAnOperationThatWasPreparedForAndHasNotEnded) {
+    results = {""};
+    rebuild.prepare();
+    loop.run();
+    EXPECT_EQ(attempts, 1U);
+    EXPECT_EQ(rebuild.remark(), "");
+}
+
+TEST_F(ARebuild, DoesNotFollowOneThatWasCalledOff) {
+    results = {"", ""};
+    rebuild.prepare();
+    rebuild.callOff();
+    loop.after(std::chrono::milliseconds(20), [this] { loop.stop(); });
+    loop.run();
+    EXPECT_EQ(attempts, 0U);
+}
+
+TEST_F(ARebuild, StaysWantedWhenOtherThingsAreCalledOff) {
+    results = {""};
+    rebuild.prepare();
+    rebuild.want("a reason");
+    rebuild.callOff();
+    EXPECT_EQ(rebuild.remark(), "next attempt in 0 s: a reason");
+    loop.run();
+    EXPECT_EQ(attempts, 1U);
+}
+
+TEST_F(ARebuild, IsTriedAgainWhenThereWasNoMemoryForIt) {
+    int tries = 0;
+    host::Rebuild failing(loop, [&]() -> std::string {
+        if (++tries == 1)
+            throw std::bad_alloc();
+        loop.stop();
+        return {};
+    });
+    failing.want("a reason");
+    loop.run();
+    EXPECT_EQ(tries, 2);
+    EXPECT_EQ(failing.remark(), "");
 }
 
 } // namespace

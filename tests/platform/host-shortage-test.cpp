@@ -1,0 +1,87 @@
+// Calls of the policy host for which the memory runs out.
+#include <chrono>
+#include <new>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "host/host.h"
+#include "support/failing-allocations.h"
+
+namespace {
+
+using failing_allocations::Shortage;
+using testing::ElementsAre;
+
+constexpr const char *kLongText = "stored, but for what follows there was not enough of everything";
+constexpr int kEnough = 1'000'000;
+
+class AHostWithoutMemory : public testing::Test {
+protected:
+    void SetUp() override { host.setRebuild(&rebuild); }
+
+    // A call that ends with an exception, since when there is memory for so many allocations alone. False when it has
+    // got no reply.
+    template <typename Exception> bool isAnswered(const std::string &method, const Exception &thrown, int spared) {
+        std::optional<Shortage> shortage;
+        mavo::rmi::MethodContext context;
+        context.dispatcher = [&](mavo::rmi::Message &) -> mavo::rmi::Message {
+            shortage.emplace(spared);
+            throw thrown;
+        };
+        mavo::rmi::Message request;
+        try {
+            reply = host.invoke(method, context, request);
+            failed = Shortage::failed();
+            return true;
+        } catch (const std::bad_alloc &) {
+            return false;
+        }
+    }
+    // How many rebuilds follow in the next turn of the loop.
+    int rebuilds() {
+        made = 0;
+        loop.after(std::chrono::milliseconds(5), [this] { loop.stop(); });
+        loop.run();
+        return made;
+    }
+
+    support::EventLoop loop;
+    int made = 0;
+    host::Rebuild rebuild{loop, [this] {
+                              ++made;
+                              return std::string();
+                          }};
+    host::Host host{[](mavo::rmi::Service &) -> AbstractDPluginProvider * { return nullptr; }};
+    mavo::rmi::Reply reply;
+    int failed = 0;
+};
+
+TEST_F(AHostWithoutMemory, BuildsTheTablesAnewWhenNobodyCouldBeToldHowACallEnded) {
+    int unanswered = 0;
+    for (int spared = 0; failed > 0 || reply.error != kLongText; ++spared) {
+        ASSERT_LT(spared, 1000);
+        const bool answered = isAnswered("Test::store", std::runtime_error(kLongText), spared);
+        EXPECT_EQ(rebuilds(), answered ? 0 : 1) << spared;
+        unanswered += answered ? 0 : 1;
+    }
+    EXPECT_GT(unanswered, 0);
+}
+
+TEST_F(AHostWithoutMemory, BuildsTheTablesAnewAfterACallThatLackedItAndSaysSo) {
+    ASSERT_TRUE(isAnswered("Test::store", std::bad_alloc(), kEnough));
+    EXPECT_THAT(reply.notInForce, ElementsAre("rebuild: there was no memory for the operation; the tables are built "
+                                              "anew from the stored rules"));
+    EXPECT_EQ(rebuilds(), 1);
+}
+
+TEST_F(AHostWithoutMemory, LeavesTheTablesAloneWhenACallOnlyLooked) {
+    EXPECT_FALSE(isAnswered("Host::rules", std::runtime_error(kLongText), 0));
+    EXPECT_TRUE(isAnswered("Host::rules", std::bad_alloc(), kEnough));
+    EXPECT_EQ(rebuilds(), 0);
+}
+
+} // namespace
