@@ -26,7 +26,7 @@ RLV_EXPORT int rlv_initialize(rlv_handle *handle);
 // filled again. So what it sent from its first removing command (-F, -D, -X) on is dropped, and the kernel keeps the
 // rules that it had; what was only added stays. A connection counts as interrupted when
 // - it is never closed;
-// - a command on it has got no answer, also for want of memory in this library;
+// - a command on it has got no answer, also for want of memory in this library or in the service;
 // - it has sent a command, and on the closing thread more exceptions are uncaught than were at its opening: it is
 //   closed by a destructor, while an exception leaves the operation;
 // - what its caller reads the rules from has failed meanwhile, where the host has told this library how to know.

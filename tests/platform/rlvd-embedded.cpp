@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <csignal>
 #include <fstream>
+#include <new>
 #include <sstream>
 #include <sys/wait.h>
 #include <system_error>
@@ -37,6 +38,8 @@ public:
         table_->open();
     }
     rlv::Answer apply(const std::vector<rlv::Command> &commands, const std::string &options) override {
+        if (has(Fault::applyLacksMemory))
+            throw std::bad_alloc();
         if (oldest_ == Clock::time_point())
             oldest_ = Clock::now();
         return table_->apply(commands, options);

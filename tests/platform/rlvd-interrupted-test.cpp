@@ -1,4 +1,5 @@
 // Connections that their client closes though not all was sent that should have been.
+#include "rlvd-embedded.h"
 #include "rlvd-process.h"
 
 #include <cerrno>
@@ -218,6 +219,42 @@ TEST_F(AnInterruptedConnection, IsOneWithACommandForWhichThereWasNoMemory) {
     }
     EXPECT_GT(shortages, 0);
     EXPECT_EQ(2U, rulesOf("VPK-DENY")) << "the two of the connection that had enough";
+}
+
+// A connection on which the service has no memory for one command, and has it again for the next. What closing it gave.
+int closedAfterShortage(const std::vector<const char *> &before, const char *during) {
+    rlv_handle handle = 0;
+    EXPECT_EQ(0, rlv_initialize(&handle));
+    for (const char *options : before)
+        EXPECT_EQ(0, rlv_iptables_commit(handle, options, nullptr, nullptr));
+    set(Fault::applyLacksMemory);
+    int code = 0;
+    rlv_iptables_commit(handle, during, nullptr, nullptr);
+    rlv_iptables_commit(handle, "-N VPK-ASKED", &code, nullptr); // the one before may have been sent without asking
+    EXPECT_EQ(4, code);
+    set(Fault::applyLacksMemory, false);
+    rlv_iptables_commit(handle, "-A VPK-DENY -s 10.0.0.7 -j DROP", &code, nullptr);
+    EXPECT_EQ(4, code);
+    const int closed = rlv_deinitialize(handle);
+    EXPECT_EQ(ConnectionEnd::vanished, outcomeOf(lastOpening().number).end);
+    return closed;
+}
+
+TEST(ACommandForWhichTheServiceHasNoMemory, InterruptsItsConnection) {
+    const EmbeddedService service;
+    {
+        Client client;
+        for (const char *options : {"-N VPK-DENY", "-A VPK-DENY -s 10.0.0.1 -j DROP", "-A INPUT -j VPK-DENY"})
+            EXPECT_EQ("0: ", client.commit(options));
+        EXPECT_EQ(0, client.close());
+    }
+    EXPECT_NE(0, closedAfterShortage({}, "-D INPUT -j VPK-DENY"));
+    EXPECT_NE(0, closedAfterShortage({"-F VPK-DENY"}, "-A VPK-DENY -s 10.0.0.2 -j DROP"));
+    EXPECT_NE(
+        0, closedAfterShortage({"-F VPK-DENY", "-A VPK-DENY -s 10.0.0.2 -j DROP"}, "-A VPK-DENY -s 10.0.0.3 -j DROP"));
+    EXPECT_EQ(1U, rulesOf("VPK-DENY"));
+    EXPECT_EQ(1U, rlv::query(0).hooks.size());
+    EXPECT_THAT(service.log(), HasSubstr("is refused: internal error: std::bad_alloc"));
 }
 
 TEST_F(AnInterruptedConnection, NeedsNoMemoryToBeClosed) {

@@ -18,6 +18,7 @@ namespace vpkdtest {
 constexpr const char *kSocket = "/run/vpk/host/socket";
 constexpr const char *kLog = "/run/vpkd.log";
 constexpr const char *kPlugin = NYR_BINARY_DIR "/lib/libtest-plugin.so";
+constexpr const char *kFirewall = NYR_BINARY_DIR "/lib/libnyr-firewall-plugin.so";
 constexpr const char *kNotes = "/run/test-plugin/";
 
 std::string contents(const std::string &file);

@@ -7,6 +7,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "platform/rlvd-embedded.h"
+#include "platform/rlvd-process.h"
 #include "platform/vpkd-fixture.h"
 
 namespace {
@@ -269,6 +271,32 @@ TEST_F(VpkdsRebuild, FollowsAnOperationThatADatabaseFailureInterrupted) {
                 testing::Contains("rebuild: the operation was left by an exception; the tables are built anew from the "
                                   "stored rules"));
     EXPECT_TRUE(becomesDone());
+}
+
+TEST_F(VpkdsRebuild, FollowsACommandForWhichTheServiceHadNoMemory) {
+    const rlvd::EmbeddedService service;
+    start({"--rlv-socket", rlvd::kSocket});
+    rlvd::set(rlvd::Fault::applyLacksMemory);
+    EXPECT_THAT(execute("commit", "-N VPK-A").notInForce,
+                testing::Contains("rebuild: a connection to the traffic-control service broke; the tables are built "
+                                  "anew from the stored rules"));
+    rlvd::set(rlvd::Fault::applyLacksMemory, false);
+    EXPECT_TRUE(becomesDone());
+}
+
+// The firewall plugin, which passes over what is refused while it sets up its chains.
+TEST_F(VpkdsRebuild, FollowsAStartForWhichTheServiceHadNoMemory) {
+    const rlvd::EmbeddedService service;
+    rlvd::set(rlvd::Fault::applyLacksMemory);
+    host_.emplace(std::vector<std::string>{process::built("vpkd"), "--plugin", vpkdtest::kFirewall, "--log-file",
+                                           vpkdtest::kLog, "--rlv-socket", rlvd::kSocket});
+    ASSERT_TRUE(process::waitUntil([] {
+        return count(contents(vpkdtest::kLog), "VPKD: the tables are built anew: ") > 0;
+    })) << contents(vpkdtest::kLog);
+    EXPECT_TRUE(rlv::query(0).hooks.empty());
+    rlvd::set(rlvd::Fault::applyLacksMemory, false);
+    EXPECT_TRUE(becomesDone()) << contents(vpkdtest::kLog);
+    EXPECT_FALSE(rlv::query(0).hooks.empty());
 }
 
 TEST_F(VpkdsRebuild, IsNotNeededWhenADatabaseCannotBeUsedBeforeAnythingWasSent) {

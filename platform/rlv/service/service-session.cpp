@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <exception>
 #include <iterator>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -202,12 +203,21 @@ void Session::names(std::size_t textBytes) {
     connection_.reply({packets.begin(), packets.end()});
 }
 
-// What goes wrong with a command is its answer.
+// A refusal is a command's answer. What the service itself lacks for one (memory, most likely) is none: a client that
+// passes over a refusal, as one may that removes on the off chance, would go on with half of what it means to send.
+// So that is the end of the connection, which counts as interrupted. A command of a list whose trouble is the kernel's
+// has its answer already: it counts as lost.
 template <typename Step> void Session::guarded(Step step) {
+    constexpr const char *kTrouble = "internal error: ";
     try {
         step();
+    } catch (const std::bad_alloc &error) {
+        refuse(ENOMEM, std::string(kTrouble) + error.what());
     } catch (const std::exception &error) {
-        settle({kFailed, std::string("internal error: ") + error.what()});
+        if (request_.kind == protocol::Request::Kind::list)
+            settle({kFailed, std::string(kTrouble) + error.what()});
+        else
+            refuse(EIO, std::string(kTrouble) + error.what());
     }
 }
 
