@@ -48,16 +48,22 @@ void Rebuild::order(const std::string &reason) {
     schedule(Milliseconds(0));
 }
 
+// What an earlier operation has left, a later one of the same turn does not call off.
 void Rebuild::prepare() {
-    callOff();
-    prepared_ = loop_.after(Milliseconds(0), [this] { makeGood(); });
+    isOverdue_ = prepared_ != 0;
+    if (!isOverdue_)
+        prepared_ = loop_.after(Milliseconds(0), [this] { makeGood(); });
 }
 
-void Rebuild::callOff() { loop_.cancel(std::exchange(prepared_, 0)); }
+void Rebuild::callOff() {
+    if (!isOverdue_)
+        loop_.cancel(std::exchange(prepared_, 0));
+}
 
 // In the place of an attempt that may be waited for already.
 void Rebuild::makeGood() {
     prepared_ = 0;
+    isOverdue_ = false;
     if (timer_ == 0) {
         since_ = Clock::now();
         reason_.clear();

@@ -65,6 +65,7 @@ private:
     std::string reason_;
     support::EventLoop::Timer timer_ = 0;
     support::EventLoop::Timer prepared_ = 0;
+    bool isOverdue_ = false; // it was prepared for an operation that has not come to its end
     support::EventLoop::Clock::time_point due_;
     support::EventLoop::Clock::time_point since_; // the tables are as they should not be
     support::EventLoop::Clock::time_point lastAttempt_;

@@ -123,6 +123,15 @@ TEST_F(ARebuild, DoesNotFollowOneThatWasCalledOff) {
     EXPECT_EQ(attempts, 0U);
 }
 
+TEST_F(ARebuild, IsNotCalledOffByTheNextOperation) {
+    results = {""};
+    rebuild.prepare();
+    rebuild.prepare();
+    rebuild.callOff();
+    loop.run();
+    EXPECT_EQ(attempts, 1U);
+}
+
 TEST_F(ARebuild, StaysWantedWhenOtherThingsAreCalledOff) {
     results = {""};
     rebuild.prepare();
