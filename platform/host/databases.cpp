@@ -63,11 +63,11 @@ void refreshRuleBackup() noexcept try {
     const std::string misplaced = pluginFilesProblem();
     if (!misplaced.empty())
         return tellOfBackup(misplaced.c_str());
-    mavo::database::refreshBackup(kRuleDatabase);
+    try {
+        mavo::database::refreshBackup(kRuleDatabase);
+    } catch (const mavo::Exception &) { // there are no rules yet, or none that is left: the plugin begins with none
+    }
     wellAt = commits;
-    backupProblem.clear();
-} catch (const mavo::Exception &) { // there are no rules yet, or none that is left: the plugin begins with none
-    wellAt = mavo::database::commitsTo(kRuleDatabase);
     backupProblem.clear();
 } catch (const mavo::database::Unavailable &problem) {
     tellOfBackup(problem.what());
