@@ -158,7 +158,7 @@ int main(int argc, char **argv) try {
     const std::string folder = std::string(argv[1]) + "/stored-rule";
     std::filesystem::remove_all(folder);
     std::filesystem::create_directories(folder);
-    const int operations = argc > 2 ? std::atoi(argv[2]) : 300;
+    const int operations = argc > 2 ? std::stoi(argv[2]) : 300;
     bool within = measure(folder, 0, operations);
     within = measure(folder, 10'000, operations) && within;
     std::filesystem::remove_all(folder);

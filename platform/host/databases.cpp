@@ -5,6 +5,7 @@
 #include <cstring>
 #include <exception>
 #include <optional>
+#include <unistd.h>
 
 #include "host/log.h"
 #include "host/paths.h"
@@ -16,6 +17,8 @@
 namespace host {
 
 namespace {
+
+constexpr int kReadOnly = 1; // SQLite's open flag
 
 // What the plugin and the host expect of the databases.
 constexpr const char *kRuleSchema = "SELECT protocol, domain, port, direction, is_allowed FROM firewall_rules LIMIT 0";
@@ -46,6 +49,14 @@ void tellOfBackup(const char *problem) noexcept try {
 } catch (...) { // no memory: the next call tries again
 }
 
+// The plugin makes none before the first change of its rules.
+bool needsNoBackup() {
+    if (::access(kRuleDatabaseBackup, F_OK) == 0)
+        return false;
+    mavo::database::Connection connection(kRuleDatabase, kReadOnly, false);
+    return !mavo::database::Statement(connection, "SELECT 1 FROM firewall_rules LIMIT 1").step();
+}
+
 } // namespace
 
 void watchOverDatabases() {
@@ -64,7 +75,8 @@ void refreshRuleBackup() noexcept try {
     if (!misplaced.empty())
         return tellOfBackup(misplaced.c_str());
     try {
-        mavo::database::refreshBackup(kRuleDatabase);
+        if (!needsNoBackup())
+            mavo::database::refreshBackup(kRuleDatabase);
     } catch (const mavo::Exception &) { // there are no rules yet, or none that is left: the plugin begins with none
     }
     wellAt = commits;

@@ -14,8 +14,8 @@ void watchOverDatabases();
 
 // Makes the backup equal to the rules: a host that was killed may have left it behind or torn, and the plugin, which
 // copies the file after each change, looks at no error of that. Brings the backup back where the rules are damaged.
-// Does nothing when nothing was changed since the two were equal. What keeps it from that is told as an error in the
-// log and, until it has been done, in the status.
+// Does nothing when nothing was changed since the two were equal, and makes none before there are rules. What keeps it
+// from that is told as an error in the log and, until it has been done, in the status.
 void refreshRuleBackup() noexcept;
 
 // One line each: the files that lie aside, what this process found changed by others, and a backup that is behind. For
