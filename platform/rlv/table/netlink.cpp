@@ -46,10 +46,16 @@ bool setBufferSize(int fd, int privileged, int plain, int bytes) {
            ::setsockopt(fd, SOL_SOCKET, plain, &bytes, sizeof bytes) == 0;
 }
 
+// As the kernel tells errors; 0 is none.
+int fromNegative(int error) {
+    constexpr int kMaxErrno = 4095; // include/linux/err.h
+    return error <= 0 && error >= -kMaxErrno ? -error : EBADMSG;
+}
+
 // The error that an NLMSG_ERROR carries; 0 is an acknowledgement.
 int errorOf(const nlmsghdr *message) {
     const auto *const error = static_cast<const nlmsgerr *>(mnl_nlmsg_get_payload(message));
-    return message->nlmsg_len < mnl_nlmsg_size(sizeof *error) ? EBADMSG : -error->error;
+    return message->nlmsg_len < mnl_nlmsg_size(sizeof *error) ? EBADMSG : fromNegative(error->error);
 }
 
 // The error with which a dump ended.
@@ -60,7 +66,7 @@ int endErrorOf(const nlmsghdr *message) {
     if (message->nlmsg_len < mnl_nlmsg_size(sizeof error))
         return 0;
     std::memcpy(&error, mnl_nlmsg_get_payload(message), sizeof error);
-    return -error;
+    return fromNegative(error);
 }
 
 // Calls back with each message of a datagram, up to one that is not whole. Not with the library's walk, which takes a
