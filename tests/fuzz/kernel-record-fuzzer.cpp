@@ -81,6 +81,17 @@ std::size_t countOf(const std::string &text, std::string_view part) {
     return count;
 }
 
+// Ports stand behind the addresses.
+bool hasPorts(const std::string &line) {
+    std::size_t at = 0;
+    for (const char *const key : {" SRC=", " DST=", " SPT=", " DPT="}) {
+        at = line.find(key, at);
+        if (at == std::string::npos)
+            return false;
+    }
+    return true;
+}
+
 // Whatever was logged, the plugin can read what it is shown: a line of a packet with ports is one record.
 void checkPlugin(const std::string &text) {
     KLogExtractor extractor{std::string(host::kDropPrefix)};
@@ -91,10 +102,7 @@ void checkPlugin(const std::string &text) {
     } catch (const std::exception &error) {
         fuzz::require(false, error.what(), text);
     }
-    std::size_t withPorts = 0;
-    for (const std::string &line : lines)
-        withPorts +=
-            line.find(" SPT=") != std::string::npos && line.find(" DPT=", line.find(" SPT=")) != std::string::npos;
+    const auto withPorts = static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), hasPorts));
     fuzz::require(parsed.size() >= withPorts, "a packet with ports gives a record", text);
     for (const DbLogRecord &record : parsed) {
         fuzz::require(record.sport >= 0 && record.sport <= 65535 && record.dport >= 0 && record.dport <= 65535,
