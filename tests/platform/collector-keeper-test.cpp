@@ -48,8 +48,10 @@ protected:
         auto lock = host::takeLivenessLock();
         const pid_t process = ::fork();
         if (process == 0) {
-            while (works)
-                ::getppid();
+            if (works) {
+                for (;;) // until somebody ends it
+                    ::getppid();
+            }
             if (lives)
                 ::sleep(86'400);
             ::_exit(0);

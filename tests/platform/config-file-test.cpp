@@ -23,7 +23,6 @@ namespace {
 namespace fs = std::filesystem;
 using testing::AllOf;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 
 const std::string kFile = host::kConfigFile;
