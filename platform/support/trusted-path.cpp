@@ -65,7 +65,7 @@ public:
 private:
     std::string takeName() {
         const std::size_t end = left_.find('/');
-        const std::string name = left_.substr(0, end);
+        std::string name = left_.substr(0, end);
         left_.erase(0, end == std::string::npos ? end : end + 1);
         return name;
     }

@@ -20,7 +20,6 @@ using rlv::Interruption;
 using rlv::protocol::Reply;
 using rlv::protocol::Request;
 using testing::HasSubstr;
-using testing::Not;
 using namespace rlvd;
 
 std::uint64_t failures = 0;

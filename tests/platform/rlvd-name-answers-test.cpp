@@ -31,7 +31,7 @@ using Names = std::vector<std::string>;
 constexpr const char *kFolder = "/run/names";
 constexpr const char *kFile = "/run/names/names";
 constexpr std::chrono::milliseconds kTimeout{5'000};
-constexpr std::int64_t kDay = 24 * 3600;
+constexpr std::int64_t kDay = std::int64_t{24} * 3600;
 constexpr std::uint32_t kOne = 0x0a000001; // 10.0.0.1
 
 std::string hostsWithTooMany() {
