@@ -33,7 +33,7 @@ long long ahead() {
         std::abort();
     ::close(file);
     errno = before;
-    return std::atoll(text.data());
+    return std::strtoll(text.data(), nullptr, 10);
 }
 
 int timer = -1; // of the program that has asked for it

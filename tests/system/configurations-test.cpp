@@ -61,8 +61,10 @@ private:
         return text;
     }
     std::string flipped(std::string text) {
-        for (int i = 0; i < 3; ++i)
-            text[below(text.size())] ^= static_cast<char>(1U << below(8));
+        for (int i = 0; i < 3; ++i) {
+            char &byte = text[below(text.size())];
+            byte = static_cast<char>(static_cast<unsigned char>(byte) ^ (1U << below(8)));
+        }
         return text;
     }
     std::string name() {
