@@ -22,7 +22,6 @@ using read_faults::Plan;
 using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 using testing::SizeIs;
 using wholesystem::contentOf;
 using wholesystem::kHostLog;

@@ -12,7 +12,6 @@ namespace {
 
 using nameserver::NameServer;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 using Clock = std::chrono::steady_clock;
 

@@ -29,7 +29,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::HasSubstr;
-using wholesystem::contentOf;
 
 constexpr std::chrono::seconds kBound{15}; // for an operation of a few milliseconds, on a machine with much to do
 
@@ -417,9 +416,9 @@ class Two : public Neighbours {
 protected:
     // Starts several at once. One goes on, the others end with a line that holds `why`.
     static void expectOne(const std::vector<std::string> &words, const std::string &why) {
-        std::vector<std::unique_ptr<process::Child>> all;
-        for (int i = 0; i < 4; ++i)
-            all.push_back(std::make_unique<process::Child>(words));
+        std::vector<std::unique_ptr<process::Child>> all(4);
+        for (auto &child : all)
+            child = std::make_unique<process::Child>(words);
         const auto running = [&] {
             return std::count_if(all.begin(), all.end(), [](const auto &child) { return child->running(); });
         };
