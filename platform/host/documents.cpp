@@ -18,6 +18,7 @@
 #include "host/collector.h"
 #include "host/config-file.h"
 #include "host/databases.h"
+#include "host/json-document.h"
 #include "host/log.h"
 #include "host/names-in-use.h"
 #include "host/paths.h"
@@ -62,13 +63,6 @@ void forEachStoredRule(const std::function<void(const StoredRule &)> &each) try 
     }
 } catch (const mavo::Exception &error) {
     throw mavo::Exception(std::string(kRuleDatabase) + ": " + error.what());
-}
-
-std::string onOneLine(const Json::Value &document) {
-    Json::StreamWriterBuilder builder;
-    builder["commentStyle"] = "None";
-    builder["indentation"] = "";
-    return Json::writeString(builder, document);
 }
 
 const rlv::ChainState *chainOf(const rlv::ServiceState &state, const char *name) {
@@ -241,7 +235,7 @@ std::string statusDocument(const HostState &state) {
     document["lastReport"] = lastReport();
     document["names"] = namesAsJson(state.names);
     document["families"] = "IPv4 only";
-    return onOneLine(document);
+    return writeJson(document);
 }
 
 // Any number of rules may be stored: only the text of them all is in memory at once.
@@ -287,7 +281,7 @@ std::string reportsDocument() {
     }
     for (const auto &file : ignored)
         document["ignored"].append(file);
-    return onOneLine(document);
+    return writeJson(document);
 }
 
 } // namespace host

@@ -11,6 +11,8 @@
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
+#include "mavo/sqlite-calls.h"
+
 namespace mavo {
 namespace database {
 
@@ -69,20 +71,13 @@ int anyFstat(int descriptor, struct stat *status) {
     return isTooLate(result) ? statLate(descriptor, "", AT_EMPTY_PATH, status) : result;
 }
 
-template <typename Function> void replace(sqlite3_vfs *system, const char *name, Function &own, Function ours) {
-    own = reinterpret_cast<Function>(system->xGetSystemCall(system, name));
-    if (own != nullptr)
-        system->xSetSystemCall(system, name, reinterpret_cast<sqlite3_syscall_ptr>(ours));
-}
-
 bool replaceAll() {
-    constexpr int kHasSystemCalls = 3; // the version from which on they can be replaced
-    sqlite3_vfs *const system = sqlite3_vfs_find(nullptr);
-    if (system == nullptr || system->iVersion < kHasSystemCalls)
+    sqlite3_vfs *const system = replaceableCalls();
+    if (system == nullptr)
         return false;
-    replace<ByPath>(system, "stat", ownStat, anyStat);
-    replace<ByPath>(system, "lstat", ownLstat, anyLstat);
-    replace<ByDescriptor>(system, "fstat", ownFstat, anyFstat);
+    replaceCall<ByPath>(system, "stat", ownStat, anyStat);
+    replaceCall<ByPath>(system, "lstat", ownLstat, anyLstat);
+    replaceCall<ByDescriptor>(system, "fstat", ownFstat, anyFstat);
     return true;
 }
 

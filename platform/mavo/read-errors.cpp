@@ -6,6 +6,8 @@
 #include <sqlite3.h>
 #include <sys/types.h>
 
+#include "mavo/sqlite-calls.h"
+
 namespace mavo {
 namespace database {
 
@@ -37,20 +39,13 @@ ssize_t watchedPread64(int fd, void *buffer, std::size_t count, std::int64_t off
     return noted(ownPread64(fd, buffer, count, offset));
 }
 
-template <typename Function> void watch(sqlite3_vfs *system, const char *name, Function &own, Function watched) {
-    own = reinterpret_cast<Function>(system->xGetSystemCall(system, name));
-    if (own != nullptr)
-        system->xSetSystemCall(system, name, reinterpret_cast<sqlite3_syscall_ptr>(watched));
-}
-
 bool watchAll() {
-    constexpr int kHasSystemCalls = 3; // the version from which on they can be replaced
-    sqlite3_vfs *const system = sqlite3_vfs_find(nullptr);
-    if (system == nullptr || system->iVersion < kHasSystemCalls)
+    sqlite3_vfs *const system = replaceableCalls();
+    if (system == nullptr)
         return false;
-    watch<Read>(system, "read", ownRead, watchedRead);
-    watch<ReadAt>(system, "pread", ownPread, watchedPread);
-    watch<ReadAt>(system, "pread64", ownPread64, watchedPread64);
+    replaceCall<Read>(system, "read", ownRead, watchedRead);
+    replaceCall<ReadAt>(system, "pread", ownPread, watchedPread);
+    replaceCall<ReadAt>(system, "pread64", ownPread64, watchedPread64);
     return true;
 }
 

@@ -43,7 +43,8 @@ protected:
                                timing);
     }
 
-    // What a collector is; with `works` one that is never found asleep.
+    // What a collector is: in the system call in which the host looks for one, until the test ends it, and nobody waits
+    // for that. With `works` one that is never found asleep.
     void begin(bool works = false) {
         auto lock = host::takeLivenessLock();
         const pid_t process = ::fork();
@@ -218,7 +219,7 @@ TEST_F(AKeeper, SaysSoWhereThatOneCannotBeFound) {
     // Shared by a process of another account, which may not be ended.
     const pid_t stranger = ::fork();
     if (stranger == 0) {
-        ::_exit(::setgid(4711) == 0 && ::setuid(4711) == 0 ? static_cast<int>(::sleep(86'400)) : 1);
+        ::_exit(::setgid(4711) == 0 && ::setuid(4711) == 0 ? ::pause() : 1);
     }
     started.push_back(stranger);
     const auto statusHas = [stranger](const std::string &account) {

@@ -15,6 +15,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "support/mapped-plan.h"
 #include "support/netlink-faults.h"
 
 namespace {
@@ -28,14 +29,6 @@ using namespace rlvd;
 using Words = std::vector<std::string>;
 
 constexpr const char *kPlanPath = "/run/netlink-faults";
-
-Plan *makePlan() {
-    const support::UniqueFd fd(::open(kPlanPath, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    void *const mapped = ::ftruncate(fd.get(), sizeof(Plan)) != 0
-                             ? MAP_FAILED
-                             : ::mmap(nullptr, sizeof(Plan), PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
-    return mapped == MAP_FAILED ? nullptr : new (mapped) Plan();
-}
 
 process::Options withFaults() {
     const char *const old = std::getenv("ASAN_OPTIONS");
@@ -108,7 +101,9 @@ Words refilling(const Words &rules) {
 
 class AFaultyNetlink : public testing::Test {
 protected:
-    AFaultyNetlink() : plan(*makePlan()) { service = std::make_unique<Service>(Words{}, withFaults()); }
+    AFaultyNetlink() : plan(*mapped_plan::make<Plan>(kPlanPath)) {
+        service = std::make_unique<Service>(Words{}, withFaults());
+    }
 
     static std::string rules() {
         return process::capture({"iptables", "-S", "VPK-DENY"}).output.substr(std::strlen("-N VPK-DENY\n"));

@@ -17,6 +17,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "support/mapped-plan.h"
+
 namespace {
 
 using netlink_faults::Calls;
@@ -27,19 +29,9 @@ using netlink_faults::Telling;
 constexpr std::uint16_t kUnknownMessage = (NFNL_SUBSYS_NFTABLES << 8) | 0xff;
 constexpr std::uint16_t kNewRule = (NFNL_SUBSYS_NFTABLES << 8) | NFT_MSG_NEWRULE;
 
-Plan *mapPlan() {
-    const char *path = std::getenv(netlink_faults::kPlanVariable);
-    const int fd = path == nullptr ? -1 : ::open(path, O_RDWR | O_CLOEXEC);
-    void *const mapped = fd < 0 ? MAP_FAILED : ::mmap(nullptr, sizeof(Plan), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    ::close(fd);
-    if (mapped == MAP_FAILED)
-        std::abort();
-    return static_cast<Plan *>(mapped);
-}
-
 Plan &plan() {
-    static Plan *const mapped = mapPlan();
-    return *mapped;
+    static Plan &found = mapped_plan::find<Plan>(netlink_faults::kPlanVariable);
+    return found;
 }
 
 template <typename Function> Function *next(const char *name) {

@@ -10,23 +10,15 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "support/mapped-plan.h"
+
 namespace {
 
 using read_faults::Plan;
 
-Plan *mapPlan() {
-    const char *path = std::getenv(read_faults::kPlanVariable);
-    const int fd = path == nullptr ? -1 : ::open(path, O_RDWR | O_CLOEXEC);
-    void *const mapped = fd < 0 ? MAP_FAILED : ::mmap(nullptr, sizeof(Plan), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    ::close(fd);
-    if (mapped == MAP_FAILED)
-        std::abort();
-    return static_cast<Plan *>(mapped);
-}
-
 Plan &plan() {
-    static Plan *const mapped = mapPlan();
-    return *mapped;
+    static Plan &found = mapped_plan::find<Plan>(read_faults::kPlanVariable);
+    return found;
 }
 
 bool isTheFile(int fd) {

@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "support/mapped-plan.h"
 #include "support/read-faults.h"
 
 namespace {
@@ -27,14 +28,6 @@ using wholesystem::contentOf;
 using wholesystem::kHostLog;
 
 constexpr const char *kPlanPath = "/run/read-faults";
-
-Plan *makePlan() {
-    const support::UniqueFd fd(::open(kPlanPath, O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    void *const mapped = ::ftruncate(fd.get(), sizeof(Plan)) != 0
-                             ? MAP_FAILED
-                             : ::mmap(nullptr, sizeof(Plan), PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
-    return mapped == MAP_FAILED ? nullptr : new (mapped) Plan();
-}
 
 wholesystem::System::Options withFaults() {
     const char *const old = std::getenv("ASAN_OPTIONS");
@@ -83,7 +76,7 @@ protected:
     }
     bool isWell() const { return system->control({"status"}).status == 0; }
 
-    Plan *const plan = makePlan();
+    Plan *const plan = mapped_plan::make<Plan>(kPlanPath);
     std::unique_ptr<wholesystem::System> system;
 };
 
