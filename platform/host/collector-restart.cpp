@@ -26,16 +26,16 @@ std::string lastReportAsPolicy(std::chrono::seconds clockSetBy) {
 }
 
 void forgetStatisticsOfOldClock(std::chrono::seconds setBy) {
-    constexpr int kReadWrite = 2;     // SQLite's open flag
-    constexpr std::int64_t kSlack{2}; // the collector rounds the time of the boot
+    constexpr int kReadWrite = 2;   // SQLite's open flag
+    constexpr long long kSlack = 2; // the collector rounds the time of the boot
     if (::access(kStatisticsDatabase, F_OK) != 0)
         return;
-    const std::int64_t boot = (clockOffset() - setBy).count();
-    const std::int64_t now = static_cast<std::int64_t>(std::time(nullptr)) - setBy.count();
+    const long long boot = (clockOffset() - setBy).count();
+    const long long now = std::int64_t{std::time(nullptr)} - setBy.count();
     mavo::database::Connection connection(kStatisticsDatabase, kReadWrite, false);
     mavo::database::Statement statement(connection, "DELETE FROM firewall_stat WHERE ts >= ? AND ts <= ?");
-    statement.bind(1, static_cast<long long>(boot - kSlack));
-    statement.bind(2, static_cast<long long>(now + kSlack));
+    statement.bind(1, boot - kSlack);
+    statement.bind(2, now + kSlack);
     if (!statement.exec())
         throw mavo::Exception(std::string(kStatisticsDatabase) + ": " + statement.getErrorMessage());
 }

@@ -256,9 +256,10 @@ void clearWay() {
         struct stat status {};
         if (::lstat(folder.c_str(), &status) == 0) {
             if (!S_ISDIR(status.st_mode)) {
-                removeAll(folder + ".refused");
-                moveTo(folder, folder + ".refused");
-                logError(folder + ": is no folder: renamed to " + folder + ".refused");
+                const std::string refused = folder + ".refused";
+                removeAll(refused);
+                moveTo(folder, refused);
+                logError(std::string(folder).append(": is no folder: renamed to ").append(refused));
             } else if (status.st_uid == ::geteuid() && (status.st_mode & S_IRWXU) != S_IRWXU) {
                 static_cast<void>(::chmod(folder.c_str(), 0700));
             }
