@@ -1,12 +1,15 @@
 #include "mavo/rmi-server.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <exception>
 #include <fcntl.h>
+#include <limits>
 #include <map>
 #include <optional>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -24,15 +27,23 @@ using support::UniqueFd;
 constexpr int kAcceptsPerTurn = 16;
 constexpr std::chrono::milliseconds kAcceptPause{100};
 
-// Whether the process can open that many more files. Asks number by number and stops at enough, so it costs about as
-// many calls as files are open, and no descriptor of its own.
+// Whether the process can open that many more files. Asks for some dozens of numbers at a time and stops at enough; it
+// costs no descriptor of its own.
 bool descriptorsFree(int wanted) {
+    constexpr int kAtATime = 128;
     rlimit limit{};
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0)
         return false;
-    for (int fd = 0; wanted > 0 && static_cast<rlim_t>(fd) < limit.rlim_cur; ++fd) {
-        if (::fcntl(fd, F_GETFD) < 0)
-            --wanted;
+    const auto end = static_cast<int>(std::min<rlim_t>(limit.rlim_cur, std::numeric_limits<int>::max()));
+    std::array<pollfd, kAtATime> asked{};
+    for (int first = 0; wanted > 0 && first < end; first += kAtATime) {
+        const int count = std::min(kAtATime, end - first);
+        for (int i = 0; i < count; ++i)
+            asked[static_cast<std::size_t>(i)] = {first + i, 0, 0};
+        if (::poll(asked.data(), static_cast<nfds_t>(count), 0) < 0)
+            return false;
+        wanted -= static_cast<int>(std::count_if(asked.begin(), asked.begin() + count,
+                                                 [](const pollfd &one) { return (one.revents & POLLNVAL) != 0; }));
     }
     return wanted <= 0;
 }
