@@ -7,6 +7,7 @@
 #include <iostream>
 #include <limits>
 #include <memory>
+#include <new>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -15,9 +16,11 @@
 #include <gtest/gtest.h>
 
 #include "scripted-store.h"
+#include "support/failing-allocations.h"
 
 namespace {
 
+using failing_allocations::Shortage;
 using rlv::Change;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -609,6 +612,34 @@ TEST_F(AModelledTable, NeedsMemoryForTheOutcomeAndNotForTheCommands) {
     EXPECT_GT(before + 100'000, peakKilobytes());
     std::cout << "VmHWM " << before << " KiB, then " << peakKilobytes() << " KiB" << std::endl;
     EXPECT_EQ(1'000U, table->push().added);
+}
+
+// Wherever the memory runs out, the next connection meets the table as the kernel has it.
+TEST_F(AModelledTable, TakesNothingForTheKernelsForWantOfMemory) {
+    const std::string one("-A VPK-A -s 10.0.0.1 -j DROP");
+    const std::string other("-A VPK-A -s 10.0.0.2 -j DROP");
+    done({"-N VPK-A", "-N VPK-B", "-A INPUT -j VPK-A", one});
+    int sentAllTheSame = 0;
+    for (int spared = 0, failed = 1; failed > 0; ++spared) {
+        SCOPED_TRACE(spared);
+        done({"-F VPK-A", one});
+        table->open();
+        accepted({other, "-A VPK-B -s 10.0.0.3 -j DROP"});
+        {
+            const Shortage shortage(spared);
+            try {
+                table->push();
+                sentAllTheSame += Shortage::failed() > 0 ? 1 : 0;
+            } catch (const std::bad_alloc &) {
+            }
+            failed = Shortage::failed();
+        }
+        table->drop();
+        ASSERT_NO_FATAL_FAILURE(done({"-F VPK-A", "-F VPK-B", other}));
+        ASSERT_THAT(plainRules("VPK-A"), ElementsAre("-s 10.0.0.2/32 -j DROP"));
+        ASSERT_THAT(plainRules("VPK-B"), IsEmpty());
+    }
+    EXPECT_LT(0, sentAllTheSame);
 }
 
 } // namespace

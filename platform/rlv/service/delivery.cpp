@@ -79,7 +79,10 @@ void Delivery::push() {
     } catch (const std::exception &error) {
         RLVD_ERROR("connection %lld: sending failed: %s", ll(number_), error.what());
         hasLost_ = hasUnsent_ = true;
+        const auto lostBefore = context_.history.lostOn(number_);
         drop(std::string("iptables: sending failed: ") + error.what());
+        if (context_.history.lostOn(number_) == lostBefore) // their texts went with what failed
+            context_.history.addLostBeyondList(number_, 1);
     }
 }
 

@@ -42,6 +42,16 @@ void Model::load(Ruleset ruleset) {
     reset();
 }
 
+void Model::forget() noexcept {
+    held_.chains.clear();
+    chains_.clear();
+    count_ = 0;
+    changed_ = false;
+    isBounded_ = true;
+    rebased_.clear();
+    lostNumbers_.clear();
+}
+
 void Model::reset() {
     chains_.clear();
     count_ = 0;

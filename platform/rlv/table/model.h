@@ -26,6 +26,8 @@ public:
 
     // A new ruleset, without a difference.
     void load(Ruleset ruleset);
+    // Nothing: no ruleset and no difference. For a model that cannot be kept up; load() comes next.
+    void forget() noexcept;
     const Ruleset &held() const { return held_; }
 
     // Carries out commands that are the same but for their addresses, all or none. `options` is kept with what comes of

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <chrono>
 #include <map>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -118,11 +119,13 @@ void ModelledTable::open() {
         load();
 }
 
-void ModelledTable::load() {
-    auto [ruleset, isWhole] = readRuleset();
-    model_.load(std::move(ruleset));
+void ModelledTable::load() { load(readRuleset()); }
+
+void ModelledTable::load(Reading reading) {
+    generation_.reset();
+    model_.load(std::move(reading.ruleset));
     generation_ = model_.held().generation;
-    isWhole_ = isWhole;
+    isWhole_ = reading.isWhole;
 }
 
 Answer ModelledTable::apply(const std::vector<Command> &commands, const std::string &options) {
@@ -220,12 +223,24 @@ ModelledTable::Outcome ModelledTable::tryPush(Limits limits, PushReport &report)
         blame(batch, failures, report);
         return Outcome::refused;
     }
-    count(plan, report);
     report.changes = batch.changes.size();
-    if (!batch.changes.empty())
-        generation_ = bound ? std::optional(generationAfter(*generation_)) : std::nullopt;
-    model_.adopt(plan, generation_.value_or(0));
+    adopt(plan, bound || batch.changes.empty(), report);
     return Outcome::sent;
+}
+
+// The kernel has it. Where there is no memory to follow, the model is left empty and the table is read before it is
+// used again: half of it would be taken for the kernel's.
+void ModelledTable::adopt(const Model::Changes &plan, bool isKnown, PushReport &report) {
+    auto generation = std::exchange(generation_, std::nullopt);
+    if (report.changes > 0)
+        generation = isKnown ? std::optional(generationAfter(*generation)) : std::nullopt;
+    try {
+        count(plan, report);
+        model_.adopt(plan, generation.value_or(0));
+        generation_ = generation;
+    } catch (const std::bad_alloc &) {
+        model_.forget();
+    }
 }
 
 // Rules that were sent from here have no handles before somebody needs them.
@@ -430,14 +445,12 @@ void ModelledTable::describe(ServiceState &state) {
     if (generation_ == generation)
         return describe(model_.held(), state);
     if (describedGeneration_ != generation) {
-        auto [ruleset, isWhole] = readRuleset();
-        describe(ruleset, described_);
-        describedGeneration_ = ruleset.generation;
-        if (!model_.isChanged()) {
-            generation_ = ruleset.generation;
-            isWhole_ = isWhole;
-            model_.load(std::move(ruleset));
-        }
+        Reading reading = readRuleset();
+        describedGeneration_.reset();
+        describe(reading.ruleset, described_);
+        describedGeneration_ = reading.ruleset.generation;
+        if (!model_.isChanged())
+            load(std::move(reading));
     }
     state.hooks = described_.hooks;
     state.chains = described_.chains;

@@ -49,6 +49,8 @@ private:
     };
     Reading readRuleset();
     void load();
+    void load(Reading reading);
+    void adopt(const Model::Changes &plan, bool isKnown, PushReport &report);
     void reread(PushReport &report);
     bool fetchHandles(const Model::Changes &plan);
     Batch makeBatch(const Model::Changes &plan) const;
