@@ -176,11 +176,7 @@ bool checkEverything(Attempt &attempt) {
     return false;
 }
 
-bool verify(Attempt &attempt, const std::string &path, int flags, Check check) {
-    if (check == Check::none)
-        return true;
-    if (check == Check::full)
-        return checkEverything(attempt);
+bool compareWithDigest(Attempt &attempt, const std::string &path, int flags) {
     const ReadLock lock(attempt.handle.get());
     if (!succeeded(attempt, lock.result()))
         return false;
@@ -206,6 +202,20 @@ bool verify(Attempt &attempt, const std::string &path, int flags, Check check) {
     if ((flags & SQLITE_OPEN_READONLY) == 0 && (attempt.wasChanged || content.sizeBytes > kSmallBytes))
         writeDigest(path, content);
     return true;
+}
+
+bool verify(Attempt &attempt, const std::string &path, int flags, Check check) {
+    if (check == Check::none)
+        return true;
+    if (check == Check::full)
+        return checkEverything(attempt);
+    if (!compareWithDigest(attempt, path, flags))
+        return false;
+    if (sqlite3_get_autocommit(attempt.handle.get()) != 0)
+        return true;
+    // There was no memory to end the lock's transaction: what is done in it would come to nothing, and nobody be told.
+    fail(attempt, Failure::passing, sqlite3_errmsg(attempt.handle.get()));
+    return false;
 }
 
 bool open(Attempt &attempt, const std::string &path, int flags) {

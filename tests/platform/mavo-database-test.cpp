@@ -1,8 +1,11 @@
 // What is only our own database's; the rest is tests/conformance/.
 #include "mavo/database.h"
 
+#include <new>
 #include <string>
 #include <type_traits>
+
+#include <sqlite3.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -46,6 +49,83 @@ TEST(AStatement, IsCountedWhenItsExecutionFails) {
     Statement tooBig(connection, "SELECT abs(-9223372036854775808)");
     EXPECT_THROW(tooBig.step(), mavo::Exception);
     EXPECT_EQ(mavo::database::failedStatements(), before + 2);
+}
+
+// SQLite's memory, of which one allocation fails.
+class AFailingAllocation {
+public:
+    explicit AFailingAllocation(int number) {
+        countdown = number;
+        sqlite3_shutdown();
+        sqlite3_config(SQLITE_CONFIG_GETMALLOC, &sound);
+        sqlite3_mem_methods failing = sound;
+        failing.xMalloc = [](int bytes) { return --countdown == 0 ? nullptr : sound.xMalloc(bytes); };
+        failing.xRealloc = [](void *memory, int bytes) {
+            return --countdown == 0 ? nullptr : sound.xRealloc(memory, bytes);
+        };
+        EXPECT_EQ(sqlite3_config(SQLITE_CONFIG_MALLOC, &failing), SQLITE_OK);
+    }
+    ~AFailingAllocation() {
+        sqlite3_shutdown();
+        sqlite3_config(SQLITE_CONFIG_MALLOC, &sound);
+    }
+    AFailingAllocation(const AFailingAllocation &) = delete;
+    AFailingAllocation &operator=(const AFailingAllocation &) = delete;
+
+    static bool hasFailed() { return countdown <= 0; }
+
+private:
+    static inline sqlite3_mem_methods sound{};
+    static inline int countdown = 0;
+};
+
+constexpr const char *kForMemory = "/run/memory.db";
+
+int rowsForMemory() {
+    Connection connection(kForMemory, 6, true);
+    Statement count(connection, "SELECT count(*) FROM t");
+    count.step();
+    return count.getColumn(0).getInt();
+}
+
+// Whether the deletion of all rows was told to have gone well.
+bool isToldDeleted() {
+    try {
+        Connection connection(kForMemory, 6, true);
+        Statement deletion(connection, "DELETE FROM t WHERE a = ?");
+        deletion.bind(1, 0);
+        return deletion.exec();
+    } catch (const mavo::Exception &) {
+    } catch (const mavo::database::Unavailable &) {
+    } catch (const std::bad_alloc &) {
+    }
+    return false;
+}
+
+TEST(AStatement, IsNotSaidToHaveBeenExecutedWithoutMemory) {
+    {
+        Connection connection(kForMemory, 6, true);
+        Statement(connection, "CREATE TABLE t (a)").exec();
+    }
+    int untold = 0;
+    for (int number = 1;; ++number) {
+        {
+            Connection connection(kForMemory, 6, true);
+            Statement(connection, "INSERT INTO t VALUES (0)").exec();
+        }
+        bool failed = false;
+        bool told = false;
+        {
+            const AFailingAllocation allocation(number);
+            told = isToldDeleted();
+            failed = AFailingAllocation::hasFailed();
+        }
+        if (!failed)
+            break;
+        untold += told ? 0 : 1;
+        ASSERT_TRUE(!told || rowsForMemory() == 0) << number;
+    }
+    EXPECT_GT(untold, 0);
 }
 
 } // namespace
