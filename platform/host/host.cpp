@@ -435,15 +435,21 @@ mavo::rmi::Reply Host::carryOut(const std::string &name, const mavo::rmi::Method
             requirePluginFiles();
             return look(arguments);
         };
+    const auto failuresBefore = mavo::database::failedStatements();
     auto reply = mavo::rmi::invokeMethod(guarded, request);
+    const bool databaseFailed = mavo::database::failedStatements() != failuresBefore;
     if (reply.status == mavo::rmi::Status::exception)
         logInfo(name + " ended with an exception: " + reply.error);
     if (!onlyLooks(name))
         refreshRuleBackup(); // the caller is told of a failure, as of each error in the log
     reply.errorLines = watch.errorLines();
     Verdict verdict = onlyLooks(name) ? Verdict() : watch.verdict();
-    if (lackedMemory && !onlyLooks(name) && verdict.interruption.empty())
-        verdict.interruption = "there was no memory for the operation";
+    if (!onlyLooks(name) && verdict.interruption.empty()) {
+        if (lackedMemory)
+            verdict.interruption = "there was no memory for the operation";
+        else if (databaseFailed) // it may hold what it said to have refused, and the connection may have sent nothing
+            verdict.interruption = rlv::textOf(rlv::Interruption::databaseFailure);
+    }
     reply.notInForce = verdict.notInForce;
     orderRebuild(verdict, current_ != before, reply);
     return reply;

@@ -9,12 +9,14 @@
 #include <gtest/gtest.h>
 
 #include "host/host.h"
+#include "mavo/database.h"
 #include "support/failing-allocations.h"
 
 namespace {
 
 using failing_allocations::Shortage;
 using testing::ElementsAre;
+using testing::IsEmpty;
 
 constexpr const char *kLongText = "stored, but for what follows there was not enough of everything";
 constexpr int kEnough = 1'000'000;
@@ -75,6 +77,26 @@ TEST_F(AHostWithoutMemory, BuildsTheTablesAnewAfterACallThatLackedItAndSaysSo) {
     ASSERT_TRUE(isAnswered("Test::store", std::bad_alloc(), kEnough));
     EXPECT_THAT(reply.notInForce, ElementsAre("rebuild: there was no memory for the operation; the tables are built "
                                               "anew from the stored rules"));
+    EXPECT_EQ(rebuilds(), 1);
+}
+
+// A commit may fail after it has reached the file: then the rules are stored that were told not to be.
+TEST_F(AHostWithoutMemory, BuildsTheTablesAnewAfterACallInWhichADatabaseFailed) {
+    mavo::database::Connection connection("/run/failing.db", 6, true);
+    mavo::database::Statement(connection, "CREATE TABLE t (a NOT NULL)").exec();
+    mavo::rmi::MethodContext context;
+    const char *value = "1";
+    context.dispatcher = [&](mavo::rmi::Message &) {
+        mavo::database::Statement(connection, std::string("INSERT INTO t VALUES (") + value + ")").exec();
+        return mavo::rmi::Message();
+    };
+    mavo::rmi::Message request;
+    EXPECT_THAT(host.invoke("Test::store", context, request).notInForce, IsEmpty());
+    EXPECT_EQ(rebuilds(), 0);
+    value = "NULL";
+    EXPECT_THAT(host.invoke("Test::store", context, request).notInForce,
+                ElementsAre("rebuild: a database failed during the operation; the tables are built anew from the "
+                            "stored rules"));
     EXPECT_EQ(rebuilds(), 1);
 }
 
