@@ -136,7 +136,7 @@ public:
             endFault();
         outcome_.answered = children::waitUntil([this] { return isOver(); }, deadline);
         if (startsHost())
-            outcome_.told = !installation_.hostServes();
+            outcome_.told = !installation_.hostServes() || tellsOfTrouble();
         else if (outcome_.answered)
             takeAnswer();
         if (!outcome_.told)
@@ -231,6 +231,12 @@ private:
         if (!startsHost())
             return call_->over();
         return !children::runs(installation_.host()) || installation_.hostServes();
+    }
+
+    // A host serves also while its plugin cannot come up, and says so.
+    static bool tellsOfTrouble() {
+        const auto answer = ask("Host::status");
+        return !answer || answer->told || answer->value.find("\"rebuild\":\"\"") == std::string::npos;
     }
 
     void takeAnswer() {
@@ -403,7 +409,13 @@ Points pairsOf(const Points &points, std::size_t count, std::mt19937 &random) {
     return pairs;
 }
 
-Result attempt(const Point &point, milliseconds slack) {
+// For whoever looks into one point.
+void showLogs() {
+    for (const char *log : {wholesystem::kHostLog, wholesystem::kServiceLog, "/run/vpkd.out", "/run/rlvd.out"})
+        std::fprintf(stderr, "---- %s\n%s", log, wholesystem::contentOf(log).c_str());
+}
+
+Result attempt(const Point &point, milliseconds slack, bool logs) {
     Run run(operationOf(point.operation), point.program, point.memory);
     run.begin();
     Fault fault(point);
@@ -420,6 +432,8 @@ Result attempt(const Point &point, milliseconds slack) {
     run.mend(point.second > 0 && point.kind == Point::Kind::kill ? &second : nullptr);
     run.lookAtReports();
     const auto judgement = run.judgeAll(slack);
+    if (logs)
+        showLogs();
     const std::string told = run.outcome().told ? "told: " + run.told() : "success told";
     if (judgement.violation != Violation::none)
         return {Class::violated, nameOf(judgement.violation), judgement.text + " (" + told + ")"};
@@ -431,7 +445,7 @@ Result attempt(const Point &point, milliseconds slack) {
 int usage(const char *problem) {
     std::fprintf(stderr,
                  "faults: %s\nfaults [--seed N] [--points N] [--pairs N] [--workers N] [--seconds N] [--slack MS]"
-                 " [--verbose] [--only POINT]… [--list]\n",
+                 " [--verbose] [--only POINT]… [--logs] [--list]\n",
                  problem);
     return 2;
 }
@@ -469,8 +483,9 @@ int main(int argc, char **argv) try {
             std::puts(nameOf(point).c_str());
         return 0;
     }
-    const auto results =
-        runSpread(work.size(), workers, prepareWorker, [&](std::size_t index) { return attempt(work[index], slack); });
+    const bool logs = arguments.has("--logs");
+    const auto results = runSpread(work.size(), workers, prepareWorker,
+                                   [&](std::size_t index) { return attempt(work[index], slack, logs); });
     return report(
         "faults", results, [&](std::size_t index) { return nameOf(work[index]); }, arguments.has("--verbose"));
 } catch (const std::exception &error) {
