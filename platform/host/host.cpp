@@ -25,6 +25,7 @@
 #include "host/plugin-files.h"
 #include "host/reply-lines.h"
 #include "host/retired-plugin.h"
+#include "host/shortage.h"
 #include "mavo/database-failures.h"
 #include "mavo/database.h"
 #include "mavo/rmi-server.h"
@@ -92,6 +93,7 @@ std::string passingCause(const Verdict &verdict, std::uint64_t failuresBefore) {
 
 Host::Host(PluginFactory factory) : factory_(factory) {
     addHostMethods(ownMethods_, *this);
+    countShortages();
     rlv::setFailureCount(mavo::database::failedStatements);
     PolicyStorage::backend = &storage_;
 }
@@ -436,8 +438,10 @@ mavo::rmi::Reply Host::carryOut(const std::string &name, const mavo::rmi::Method
             return look(arguments);
         };
     const auto failuresBefore = mavo::database::failedStatements();
+    const auto shortagesBefore = shortages();
     auto reply = mavo::rmi::invokeMethod(guarded, request);
     const bool databaseFailed = mavo::database::failedStatements() != failuresBefore;
+    lackedMemory = lackedMemory || shortages() != shortagesBefore;
     if (reply.status == mavo::rmi::Status::exception)
         logInfo(name + " ended with an exception: " + reply.error);
     if (!onlyLooks(name))

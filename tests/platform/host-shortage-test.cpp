@@ -2,6 +2,7 @@
 #include <chrono>
 #include <new>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -75,6 +76,23 @@ TEST_F(AHostWithoutMemory, BuildsTheTablesAnewWhenNobodyCouldBeToldHowACallEnded
 
 TEST_F(AHostWithoutMemory, BuildsTheTablesAnewAfterACallThatLackedItAndSaysSo) {
     ASSERT_TRUE(isAnswered("Test::store", std::bad_alloc(), kEnough));
+    EXPECT_THAT(reply.notInForce, ElementsAre("rebuild: there was no memory for the operation; the tables are built "
+                                              "anew from the stored rules"));
+    EXPECT_EQ(rebuilds(), 1);
+}
+
+TEST_F(AHostWithoutMemory, BuildsTheTablesAnewWhenAStreamHasKeptItToItself) {
+    mavo::rmi::MethodContext context;
+    context.dispatcher = [](mavo::rmi::Message &) {
+        std::istringstream text(kLongText);
+        std::string word;
+        const Shortage shortage;
+        std::getline(text, word);
+        return mavo::rmi::Message();
+    };
+    mavo::rmi::Message request;
+    reply = host.invoke("Test::store", context, request);
+    EXPECT_EQ(reply.status, mavo::rmi::Status::ok);
     EXPECT_THAT(reply.notInForce, ElementsAre("rebuild: there was no memory for the operation; the tables are built "
                                               "anew from the stored rules"));
     EXPECT_EQ(rebuilds(), 1);

@@ -15,6 +15,8 @@ thread_local int failures = 0;
 void *operator new(std::size_t size) {
     if (left == 0) {
         ++failures;
+        if (const std::new_handler handler = std::get_new_handler())
+            handler();
         throw std::bad_alloc();
     }
     left -= left > 0 ? 1 : 0;
