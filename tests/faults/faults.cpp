@@ -154,8 +154,12 @@ public:
     void callAgain() {
         if (!operation_.damagesMain || !outcome_.told || startsHost() || !bringUp() || !installation_.bringServiceUp())
             return;
-        static_cast<void>(ask("Host::reload"));
-        faultEnd_ = Clock::now();
+        const auto isOpened = [this] {
+            const auto answer = ask("Host::reload");
+            faultEnd_ = Clock::now();
+            return answer && !answer->told;
+        };
+        children::waitUntil(isOpened, Clock::now() + kMostWait, milliseconds(100));
     }
 
     // Has whoever died started again, and waits until all agree.

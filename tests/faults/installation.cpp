@@ -23,7 +23,7 @@ using mavo::rmi::Status;
 
 constexpr const char *kKept = "/run/kept-data";
 constexpr const char *kMarker = "/dev/shm/nyr_firewall_sd";
-constexpr std::chrono::seconds kStartDeadline{15};
+constexpr std::chrono::seconds kStartDeadline{60};
 constexpr const char *kBroken = "!";
 constexpr const char *kSetStatus = "Host::setStatus"; // takes a number
 constexpr const char *kLibrary = NYR_BINARY_DIR "/lib/libfailing-memory.so";
