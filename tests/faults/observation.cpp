@@ -1,6 +1,7 @@
 #include "faults/observation.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <sstream>
@@ -31,6 +32,9 @@ std::vector<std::string> split(const std::string &text) {
     return fields;
 }
 
+// As SQLite reads what is damaged without its knowing.
+int numberIn(const std::string &text) { return static_cast<int>(std::strtol(text.c_str(), nullptr, 10)); }
+
 void readInto(const std::string &copy, Stored &stored) {
     // The first reader rolls a journal back, for which it must be allowed to write.
     sqlitefile::execute(copy, "BEGIN IMMEDIATE; ROLLBACK");
@@ -42,7 +46,7 @@ void readInto(const std::string &copy, Stored &stored) {
         const auto fields = split(line);
         if (fields.size() != 5)
             throw std::runtime_error("a row of " + std::to_string(fields.size()) + " fields");
-        stored.rows.push_back({fields[0], fields[1], fields[2], std::stoi(fields[3]), std::stoi(fields[4])});
+        stored.rows.push_back({fields[0], fields[1], fields[2], numberIn(fields[3]), numberIn(fields[4])});
     }
     stored.rows = sorted(std::move(stored.rows));
 }
