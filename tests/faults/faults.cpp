@@ -152,10 +152,12 @@ public:
     // A call that could not open a damaged database leaves it and its backup as they are, and tells: the next one opens
     // it.
     void callAgain() {
-        if (!operation_.damagesMain || !outcome_.told || startsHost() || !bringUp() || !installation_.bringServiceUp())
+        if (!operation_.damagesMain || !outcome_.told || startsHost())
             return;
+        // Nobody may know yet that the service has died of the fault.
         const auto isOpened = [this] {
-            const auto answer = ask("Host::reload");
+            const bool isUp = bringUp() && installation_.bringServiceUp();
+            const auto answer = isUp ? ask("Host::reload") : std::nullopt;
             faultEnd_ = Clock::now();
             return answer && !answer->told;
         };
