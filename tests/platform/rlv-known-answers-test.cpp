@@ -237,7 +237,7 @@ int tryConnection(RandomCommands &commands) {
 TEST_P(EveryKnownAnswer, IsTheServices) {
     RandomCommands commands(GetParam());
     int taken = 0;
-    for (int i = 0; i < 50; ++i)
+    for (int i = 0; i < 60; ++i)
         taken += tryConnection(commands);
     EXPECT_GT(taken, 1000) << "little was tried";
 }
