@@ -45,6 +45,10 @@ void judge(const rlv::ConnectionOutcome &connection, Verdict &verdict) {
     // One that still seems open got no answer to its end: the service will find out that nobody is there.
     if (connection.end != rlv::ConnectionEnd::closed && connection.end != rlv::ConnectionEnd::interrupted)
         verdict.interruption = "a connection to the traffic-control service broke";
+    // Unless its client knows better, see below.
+    if (connection.end == rlv::ConnectionEnd::interrupted)
+        verdict.interruption = "commands were lost for a reason that may pass" +
+                               (connection.lost.empty() ? std::string() : ": " + connection.lost.back().message);
 }
 
 } // namespace

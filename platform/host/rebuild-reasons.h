@@ -10,11 +10,12 @@ namespace host {
 
 struct Verdict;
 
-// Two conditions are reasons for as long as they last: an interruption, and a rebuild in which no plugin comes up
-// (which never gets here: the service is away, a disk is full). Nobody can tell when that ends, and until then the
-// kernel may lack rules. A loss is different: the service was there and the kernel has had its say, so what is lost in
-// the rebuild too would be lost again for ever. Each lost command is a reason once, and once more only after a rebuild
-// in which it was not lost. Refusals reach the caller at once and are never a reason.
+// Two conditions are reasons for as long as they last: an interruption (which the kernel's want of memory counts as),
+// and a rebuild in which no plugin comes up (which never gets here: the service is away, a disk is full). Nobody can
+// tell when that ends, and until then the kernel may lack rules. A loss is different: the service was there and the
+// kernel has had its say, so what is lost in the rebuild too would be lost again for ever. Each lost command is a
+// reason once, and once more only after a rebuild in which it was not lost. Refusals reach the caller at once and are
+// never a reason.
 class RebuildReasons {
 public:
     // Why the tables have to be built anew after an operation; empty when they need not be.

@@ -23,6 +23,7 @@ struct LostCommand {
     bool refusedAtOnce = false; // answered with this code; false: accepted first and lost later
 };
 
+// Interrupted: its client said so at its end, or the service lost commands of it for a reason that may pass.
 enum class ConnectionEnd { open, closed, vanished, interrupted };
 
 // Why what came on a connection may be half of what its client meant, though the client closed it.

@@ -93,6 +93,13 @@ TEST(AConnection, IsAnInterruptionWhenItWasClosedInTheMiddleOfAnOperation) {
     EXPECT_THAT(verdict.notInForce, ElementsAre("-F VPK-DENY: not sent"));
 }
 
+TEST(AConnection, IsAnInterruptionWhenTheServiceLostItsCommandsForAReasonThatMayPass) {
+    const auto state = stateOf({{7, ConnectionEnd::interrupted, {{"-F VPK-DENY", 4, "no memory", false}}, 0}});
+    const auto verdict = host::judge(state, opened({7}));
+    EXPECT_EQ(verdict.interruption, "commands were lost for a reason that may pass: no memory");
+    EXPECT_THAT(verdict.notInForce, ElementsAre("-F VPK-DENY: no memory"));
+}
+
 TEST(AConnection, IsAnInterruptionWhenTheServiceKnowsNothingOfIt) {
     const std::string startedAnew = "the traffic-control service was started anew during the call";
     const auto state = stateOf({{1, ConnectionEnd::closed, {}, 0}, {2, ConnectionEnd::closed, {}, 0}});

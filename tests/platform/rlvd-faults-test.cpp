@@ -149,10 +149,12 @@ protected:
             EXPECT_EQ(after, now);
         } else {
             EXPECT_THAT(now, AnyOf(chainOf(kOld), after));
-            if (outcome.opened == 0)
+            if (outcome.opened == 0) {
                 expectTold(outcome, commands);
-            else
+                EXPECT_EQ(rlv::ConnectionEnd::interrupted, outcomeOf(outcome.number).end);
+            } else {
                 EXPECT_EQ(isMissing ? EIO : error, outcome.opened);
+            }
         }
         EXPECT_TRUE(connect(refilling(kNew)).isGood());
         EXPECT_EQ(chainOf(kNew), rules());
@@ -285,6 +287,7 @@ TEST_F(ARefusingKernel, CostsTheRefusedCommandAlone) {
             refuse("10.0.0.4", error, telling);
             const Outcome outcome = connect(refilling(kNew));
             expectTold(outcome, appending({"10.0.0.4"}));
+            EXPECT_EQ(rlv::ConnectionEnd::closed, outcomeOf(outcome.number).end) << "it would be refused again";
             EXPECT_THAT(service->log(),
                         HasSubstr(std::string("RULE_APPEND failed (") + std::strerror(error) + "): rule in chain"));
             EXPECT_EQ(chainOf({"10.0.0.3", "10.0.0.5"}), rules());
@@ -298,7 +301,9 @@ TEST_F(ARefusingKernel, CostsTheRefusedCommandAlone) {
 TEST_F(ARefusingKernel, CostsTheWholeConnectionWhereItIsShortOfMemory) {
     for (const auto telling : {Telling::byMessage, Telling::asAWhole}) {
         refuse("10.0.0.4", ENOMEM, telling);
-        expectTold(connect(refilling(kNew)), refilling(kNew));
+        const Outcome outcome = connect(refilling(kNew));
+        expectTold(outcome, refilling(kNew));
+        EXPECT_EQ(rlv::ConnectionEnd::interrupted, outcomeOf(outcome.number).end) << "it may pass";
         EXPECT_EQ(chainOf(kOld), rules());
         expectRepaired();
         foreign(kOld);

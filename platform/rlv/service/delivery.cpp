@@ -23,7 +23,7 @@ long long ll(std::uint64_t number) { return static_cast<long long>(number); }
 void Delivery::open(std::uint64_t number) {
     stopTimer();
     number_ = number;
-    isHeld_ = hasUnsent_ = hasLost_ = false;
+    isHeld_ = hasUnsent_ = hasLost_ = lossMayPass_ = false;
     rulesMoved_ = 0;
 }
 
@@ -74,11 +74,12 @@ void Delivery::push() {
     try {
         const PushReport report = context_.table.push();
         rulesMoved_ += report.added + report.removed;
+        lossMayPass_ = lossMayPass_ || report.mayPass;
         log(report);
         loseAll(report);
     } catch (const std::exception &error) {
         RLVD_ERROR("connection %lld: sending failed: %s", ll(number_), error.what());
-        hasLost_ = hasUnsent_ = true;
+        hasLost_ = hasUnsent_ = lossMayPass_ = true;
         const auto lostBefore = context_.history.lostOn(number_);
         drop(std::string("iptables: sending failed: ") + error.what());
         if (context_.history.lostOn(number_) == lostBefore) // their texts went with what failed

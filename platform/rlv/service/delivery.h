@@ -36,6 +36,8 @@ public:
     // End the connection. True when all that was accepted is in force.
     bool close();
     void interrupt(const std::string &why);
+    // Something was lost for a reason that may pass: sent again, it may come into force.
+    bool lossMayPass() const { return lossMayPass_; }
 
 private:
     void end();
@@ -51,6 +53,7 @@ private:
     bool isHeld_ = false; // there has been a removing command
     bool hasUnsent_ = false;
     bool hasLost_ = false;
+    bool lossMayPass_ = false;
     std::size_t rulesMoved_ = 0; // commands taken, rules added and removed
 };
 

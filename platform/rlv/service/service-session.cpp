@@ -163,7 +163,7 @@ void Session::close() {
         code = delivery_.close() ? 0 : EIO;
     }
     const std::uint64_t lost = context_.history.lostOn(number_);
-    finish(isInterrupted ? ConnectionEnd::interrupted : ConnectionEnd::closed);
+    finish(isInterrupted || delivery_.lossMayPass() ? ConnectionEnd::interrupted : ConnectionEnd::closed);
     connection_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::closed, code, lost, {}})});
 }
 

@@ -160,8 +160,10 @@ void ModelledTable::pushAll(PushReport &report) {
     int refusals = 0;
     searchCost_ = 0;
     while (model_.isChanged()) {
-        if (conflicts == kMaxConflicts)
+        if (conflicts == kMaxConflicts) {
+            report.mayPass = true;
             return model_.revert({4, "iptables: the tables change faster than they can be written"}, report.lost);
+        }
         if (refusals == kMaxRefusals)
             return model_.revert({4, "iptables: the kernel refuses too many of the rules"}, report.lost);
         switch (tryPush({conflicts < kBoundAttempts, outruns < kMaxOutruns}, report)) {
@@ -328,8 +330,10 @@ void ModelledTable::blame(const Batch &batch, const std::vector<ChangeFailure> &
         model_.revert(answerTo(refused, failure.error), report.lost);
     };
     const auto shortage = std::find_if(failures.begin(), failures.end(), isShortage);
-    if (shortage != failures.end())
+    if (shortage != failures.end()) {
+        report.mayPass = true;
         return revertFor(*shortage);
+    }
     std::vector<ChangeFailure> located;
     for (const ChangeFailure &failure : failures) {
         if (failure.index)

@@ -24,6 +24,7 @@ struct PushReport {
     std::vector<std::string> refilled; // chains that were emptied and filled anew: all their counters begin at 0
     std::vector<LostCommand> lost;     // accepted, but not in force; `refusedAtOnce` is false
     std::uint64_t lostBeyondList = 0;  // and how many more
+    bool mayPass = false;              // lost for want of memory, or to changes of others: the same may go well later
 };
 
 // A filter table and what one client makes of it. apply() changes a model of the table; push() brings the kernel to
