@@ -323,6 +323,9 @@ void keepConfig() try {
     if (!problem.empty())
         throw std::runtime_error(kFile + ": " + problem);
     syncFile();
+    // What a replacement that failed has left is older, and the next start would let it take the place.
+    if (::unlink(kNew.c_str()) != 0 && errno != ENOENT)
+        fail(kNew);
     syncFolder();
     renewGoodCopy(found.text);
 } catch (const std::runtime_error &error) {

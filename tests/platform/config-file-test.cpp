@@ -223,6 +223,13 @@ TEST_F(TheConfigurationFile, IsNotHeldWhereNobodyKnowsWhatToHold) {
     EXPECT_TRUE(host::ConfigHold().inForce()) << "whoever makes it makes the defaults";
 }
 
+TEST_F(TheConfigurationFile, IsNotReplacedByWhatWasLeftBesideItBeforeItWasKept) {
+    write(kFile + ".new", R"({"send_report_interval":"1"})");
+    keep(kSound);
+    host::healConfig();
+    EXPECT_EQ(contents(kFile), kSound);
+}
+
 TEST_F(TheConfigurationFile, PutsAsideWhatAKillLeftBesideItsSubstitute) {
     write(kFile, "[]");
     write(kFile + ".new", kSound);
