@@ -72,7 +72,9 @@ void chooseLog(const Options &options) {
         vlog::useSystemLog("vpkd");
 }
 
-bool mayComeUp(const std::error_code &error) { return error.value() == ENOENT || error.value() == ECONNREFUSED; }
+// A service that is there may be stopped, busy, about to end, or short of something. One that serves others alone stays
+// so.
+bool mayComeUp(const std::error_code &error) { return error.value() != EACCES && error.value() != EPROTO; }
 
 void requireTrafficControl(const Options &options) {
     using Clock = std::chrono::steady_clock;

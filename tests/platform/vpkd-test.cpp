@@ -1,5 +1,6 @@
 // The policy host: starting, stopping, calls and statuses.
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <sys/socket.h>
@@ -129,6 +130,15 @@ TEST_F(Vpkd, WaitsForTheTrafficControlServiceWhereItIsToldTo) {
     host_.emplace(commandLine({"--service-timeout", "60"}));
     EXPECT_FALSE(host_->wait(std::chrono::milliseconds(500)));
     startService();
+    ASSERT_TRUE(host_->waitReady([] { return exists(vpkdtest::kSocket); })) << host_->errors();
+    EXPECT_EQ(executed("echo", "late"), "late");
+}
+
+TEST_F(Vpkd, WaitsForATrafficControlServiceThatDoesNotAnswer) {
+    ASSERT_EQ(::kill(service_->id(), SIGSTOP), 0);
+    host_.emplace(commandLine({"--service-timeout", "60"}));
+    EXPECT_FALSE(host_->wait(std::chrono::milliseconds(2'500))) << "longer than one question waits";
+    ASSERT_EQ(::kill(service_->id(), SIGCONT), 0);
     ASSERT_TRUE(host_->waitReady([] { return exists(vpkdtest::kSocket); })) << host_->errors();
     EXPECT_EQ(executed("echo", "late"), "late");
 }
