@@ -118,7 +118,7 @@ TEST_F(AnInterruptedConnection, IsNoneWhenTheExceptionPassedAlreadyAtItsOpening)
     };
     int closed = -1;
     try {
-        const AtEnd atEnd{closed};
+        [[maybe_unused]] const AtEnd atEnd{closed};
         throw std::runtime_error("before");
     } catch (const std::runtime_error &) {
         EXPECT_EQ(0, closed);
