@@ -14,6 +14,7 @@
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <thread>
 #include <unistd.h>
 
 #include "host/paths.h"
@@ -100,6 +101,18 @@ bool sleeps(const CollectorProcess &collector) {
     std::istringstream call(contents(directoryOf(collector.number) / "syscall")); // its number, "running", or nothing
     long number = -1;
     return call >> number && isSleepCall(number);
+}
+
+void awaitCollectorsRest(std::chrono::milliseconds within) noexcept try {
+    constexpr std::chrono::milliseconds kPause{5};
+    const auto deadline = std::chrono::steady_clock::now() + within;
+    const auto works = [](const CollectorProcess &one) { return !sleeps(one) && !hasEnded(one, {}); };
+    for (auto all = findCollectors(); std::any_of(all.begin(), all.end(), works); all = findCollectors()) {
+        if (std::chrono::steady_clock::now() >= deadline)
+            return;
+        std::this_thread::sleep_for(kPause);
+    }
+} catch (const std::exception &) { // they cannot be found
 }
 
 bool hasEnded(const CollectorProcess &collector, std::chrono::milliseconds within) {

@@ -21,6 +21,8 @@ std::vector<CollectorProcess> findCollectors();
 
 // True between two of its rounds. False at work, and where there is no telling.
 bool sleeps(const CollectorProcess &collector);
+// Returns when each of them sleeps or has ended, or when there is no telling by then.
+void awaitCollectorsRest(std::chrono::milliseconds within) noexcept;
 bool hasEnded(const CollectorProcess &collector, std::chrono::milliseconds within = {});
 // False, with errno set, when it may not be signalled; true also when it has ended.
 bool signalCollector(const CollectorProcess &collector, int signal);

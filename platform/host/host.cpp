@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/collector-process.h"
 #include "host/collector-restart.h"
 #include "host/collector.h"
 #include "host/config-file.h"
@@ -49,6 +50,10 @@ constexpr std::string_view kOfPlugin = "Firewall::";
 constexpr std::string_view kApply = "Apply";
 constexpr std::string_view kFlush = "Flush";
 
+// How often a change of settings is made again that a collector has overwritten, and how long one may be waited for.
+constexpr int kMostOverwritten = 3;
+constexpr std::chrono::milliseconds kCollectorsWork{1'000};
+
 constexpr const char *kFirewallPrivilege = "/privilege/vpk.firewall";
 
 // No plugin came up, and that may pass.
@@ -78,6 +83,16 @@ bool isStored(const std::string &command, const std::string &data) {
     if (command == "StatCollectorPolicy")
         return data.empty() || holdsChange(configText(), data);
     return !collectorWanted();
+}
+
+// A collector at work writes the configuration whole, as it has read it before the change.
+template <typename IsStored, typename Change> void repeatWhileOverwritten(IsStored isStored, Change change) {
+    for (int i = 0; i < kMostOverwritten && collectorLives(); ++i) {
+        awaitCollectorsRest(kCollectorsWork);
+        if (isStored())
+            return;
+        change();
+    }
 }
 
 // What has happened meanwhile that keeps a plugin from coming up, and may pass; empty when nothing has.
@@ -307,8 +322,11 @@ std::string Host::executeCommand(const std::string &command, const std::string &
         removeDeadMarker();
     }
     announceNames(command, data);
-    std::string result = guard_.run([&, &plugin = plugin()] { return plugin.executeCommand(command, data); });
+    const auto carryOut = [&, &plugin = plugin()] { return plugin.executeCommand(command, data); };
+    std::string result = guard_.run(carryOut);
     if (changesSettings(command)) {
+        if (command != kStartCollector && result.empty())
+            repeatWhileOverwritten([&] { return isStored(command, data); }, [&] { result = guard_.run(carryOut); });
         keepConfig();
         if (result.empty() && !isStored(command, data))
             throw std::runtime_error("the settings were not stored; try again");
@@ -325,7 +343,10 @@ int Host::setStatus(int status) {
     int result = -1;
     {
         const MarkerHold hold;
-        result = guard_.run([&] { return plugin.setStatus(status); });
+        const auto change = [&] { result = guard_.run([&] { return plugin.setStatus(status); }); };
+        change();
+        if (status == 0 && result == 0)
+            repeatWhileOverwritten([] { return !collectorWanted(); }, change);
     }
     if (status == 1)
         startWantedCollector();
@@ -346,7 +367,10 @@ void Host::switchTo(int status) {
         applied_ = status;
     {
         const MarkerHold hold;
-        guard_.run([&] { plugin.applyStatus(status); });
+        const auto change = [&] { guard_.run([&] { plugin.applyStatus(status); }); };
+        change();
+        if (status == 0)
+            repeatWhileOverwritten([] { return !collectorWanted(); }, change);
     }
     if (status == 1)
         startWantedCollector();

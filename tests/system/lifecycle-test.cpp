@@ -6,6 +6,7 @@
 #include <new>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -225,6 +226,25 @@ TEST_F(RunningLifecycle, FloodOfClientsHarmsNoApply) {
     EXPECT_EQ(storedRules().size(), static_cast<std::size_t>(kRules));
     EXPECT_EQ(storedRules(wholesystem::kRuleBackup), storedRules());
     EXPECT_EQ(rulesOf("VPK-DENY").size(), static_cast<std::size_t>(kRules));
+}
+
+// A collector writes the whole configuration as it has read it, so it could bring back what was changed meanwhile.
+TEST_F(RunningLifecycle, AcknowledgedSettingsStayThoughACollectorIsAtWork) {
+    const auto allSleep = [this] {
+        const auto all = wholesystem::processesOf("vpkd");
+        const std::string sleeping = std::to_string(SYS_clock_nanosleep) + " ";
+        return std::all_of(all.begin(), all.end(), [&](pid_t process) {
+            const std::string call = contentOf("/proc/" + std::to_string(process) + "/syscall");
+            return process == system.hostId() || call.compare(0, sleeping.size(), sleeping) == 0;
+        });
+    };
+    for (int i = 0; i < 10; ++i) {
+        system.execute("StatCollectorPolicy", R"({"last_send_report_ts":"1"})"); // a report is due
+        system.execute("EnableStatCollector");
+        EXPECT_EQ(system.execute("DisableStatCollector"), 0);
+        ASSERT_TRUE(process::waitUntil(allSleep));
+        EXPECT_THAT(contentOf(wholesystem::kConfiguration), testing::HasSubstr(R"("enabled":"0")")) << i;
+    }
 }
 
 TEST_F(RunningLifecycle, AccountWithoutPrivilegeMayChangeNothing) {
