@@ -5,6 +5,7 @@
 #include <cstring>
 #include <exception>
 #include <optional>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "host/log.h"
@@ -38,9 +39,39 @@ void tell(const std::string &line) noexcept try {
 } catch (...) { // no memory: the log has it
 }
 
-// The number of commits when there was nothing to do for the backup, none while there is; and what keeps it from being
-// done, as far as there was memory to note it.
-std::optional<std::uint64_t> wellAt;
+// What a file was like when it was looked at; all 0 where there is none.
+struct FileState {
+    ino_t inode = 0;
+    off_t sizeBytes = 0;
+    timespec changed{};
+
+    bool operator==(const FileState &other) const {
+        return inode == other.inode && sizeBytes == other.sizeBytes && changed.tv_sec == other.changed.tv_sec &&
+               changed.tv_nsec == other.changed.tv_nsec;
+    }
+};
+
+FileState stateOf(const char *path) {
+    struct stat status {};
+    if (::lstat(path, &status) != 0)
+        return {};
+    return {status.st_ino, status.st_size, status.st_ctim};
+}
+
+// The rules and their backup. A backup may be torn also where nothing was committed: the plugin writes it all the same.
+struct BackupState {
+    std::uint64_t commits = mavo::database::commitsTo(kRuleDatabase);
+    FileState database = stateOf(kRuleDatabase);
+    FileState backup = stateOf(kRuleDatabaseBackup);
+
+    bool operator==(const BackupState &other) const {
+        return commits == other.commits && database == other.database && backup == other.backup;
+    }
+};
+
+// As it was when there was nothing to do for the backup, none while there is; and what keeps it from being done, as far
+// as there was memory to note it.
+std::optional<BackupState> wellAt;
 std::string backupProblem;
 
 void tellOfBackup(const char *problem) noexcept try {
@@ -67,8 +98,7 @@ void watchOverDatabases() {
 }
 
 void refreshRuleBackup() noexcept try {
-    const std::uint64_t commits = mavo::database::commitsTo(kRuleDatabase);
-    if (wellAt == commits)
+    if (wellAt == BackupState())
         return;
     wellAt.reset();
     const std::string misplaced = pluginFilesProblem();
@@ -79,7 +109,7 @@ void refreshRuleBackup() noexcept try {
             mavo::database::refreshBackup(kRuleDatabase);
     } catch (const mavo::Exception &) { // there are no rules yet, or none that is left: the plugin begins with none
     }
-    wellAt = commits;
+    wellAt = BackupState();
     backupProblem.clear();
 } catch (const mavo::database::Unavailable &problem) {
     tellOfBackup(problem.what());

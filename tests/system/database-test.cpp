@@ -172,6 +172,14 @@ TEST_F(ADatabase, HasItsBackupRenewedWhereThePluginCouldNotWriteIt) {
     EXPECT_THAT(storedRules(kRuleBackup), IsEmpty());
 }
 
+// The plugin writes it after changes that failed, too, and may come to grief at that as well.
+TEST_F(ADatabase, HasItsBackupRenewedAlsoWhereNothingWasCommitted) {
+    ASSERT_EQ(storedRules(kRuleBackup), kStored);
+    write(kRuleBackup, "");
+    EXPECT_EQ(system.control({"apply-status", "1"}).status, 0);
+    EXPECT_EQ(storedRules(kRuleBackup), kStored);
+}
+
 TEST_F(ADatabase, SaysSoWhileItsBackupCannotBeRenewed) {
     ASSERT_EQ(0, ::mount(kRuleBackup, kRuleBackup, nullptr, MS_BIND, nullptr));
     ASSERT_EQ(0, ::mount(nullptr, kRuleBackup, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr));
