@@ -13,7 +13,8 @@ void makeDataDirectories();
 
 // Looks for a way to the data that others could bend, and for what would make the plugin fail to open its rule
 // database, which it takes for damage, or would keep it from loading. Returns one line that names the file, or an empty
-// text when all is well. Changes nothing.
+// text when all is well. Throws mavo::database::Unavailable where nobody can tell now: no descriptor, no memory, an
+// error of the disk. Changes nothing.
 std::string dataProblem();
 
 } // namespace host

@@ -24,6 +24,7 @@
 #include "host/plugin-library.h"
 #include "host/server-loop.h"
 #include "host/single-instance.h"
+#include "mavo/database.h"
 #include "mavo/privileges.h"
 #include "rlv/rlv-query.h"
 #include "support/command-line.h"
@@ -93,6 +94,11 @@ void requireTrafficControl(const Options &options) {
     }
 }
 
+// What is wrong, the start says itself.
+bool isDataWell() try { return host::dataProblem().empty(); } catch (const mavo::database::Unavailable &) {
+    return false;
+}
+
 void run(const Options &options) {
     ::umask(077);
     chooseLog(options);
@@ -111,7 +117,7 @@ void run(const Options &options) {
     host::handleForks({host::ServerLoop::signals(), [&server] { return server.descriptors(); }});
     host::Host host(host::loadPlugin(options.plugin));
     host::watchOverDatabases();
-    if (host::dataProblem().empty()) // else the start says what it is
+    if (isDataWell())
         host::refreshRuleBackup();
     host.setPrivilegesProblem(boost::algorithm::join(privileges.problems(), "; "));
     const std::string interruption = host.start();

@@ -2,6 +2,7 @@
 #include "support/read-faults.h"
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -42,6 +43,21 @@ extern "C" __attribute__((visibility("default"))) ssize_t pread64(int fd, void *
         reinterpret_cast<ssize_t (*)(int, void *, size_t, off64_t)>(::dlsym(RTLD_NEXT, "pread64"));
     if (!fails(fd))
         return real(fd, buffer, size, offset);
+    errno = plan().error;
+    return -1;
+}
+
+extern "C" __attribute__((visibility("default"))) int open64(const char *path, int flags, ...) {
+    static auto *const real = reinterpret_cast<int (*)(const char *, int, mode_t)>(::dlsym(RTLD_NEXT, "open64"));
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    const char *const own = std::getenv(read_faults::kPlanVariable);
+    const bool isPlan = own == nullptr || std::string_view(path) == own; // which is opened to find the plan
+    if (isPlan || plan().opens <= 0 || std::string_view(path) != plan().file.data())
+        return real(path, flags, mode);
+    --plan().opens;
     errno = plan().error;
     return -1;
 }

@@ -1,5 +1,5 @@
 // Faults of a disk: what read-faults.cpp, loaded into a program before its libraries, does to SQLite's reading of one
-// file.
+// file, and to its opening.
 #ifndef TESTS_SUPPORT_READ_FAULTS_H
 #define TESTS_SUPPORT_READ_FAULTS_H
 
@@ -18,6 +18,7 @@ struct Plan {
     std::atomic<int> first;     // the number, from 1 on, of the first call that fails; 0: none does
     std::atomic<int> times;     // how many fail from there on
     std::atomic<int> error;     // with which errno
+    std::atomic<int> opens;     // how many openings of the file, from now on, fail with it
 };
 
 } // namespace read_faults

@@ -116,6 +116,20 @@ TEST_F(AFailingRead, LetsTheFirewallComeUpWhereverItIsInAStart) {
     }
 }
 
+TEST_F(AFailingRead, KeepsNoHostFromStartingWhereTheFileCannotEvenBeOpened) {
+    for (const int error : {ENFILE, EMFILE, ENOMEM, EIO}) {
+        ASSERT_EQ(system->stopHost(), 0);
+        plan->error = error;
+        plan->opens = 1'000'000;
+        ASSERT_TRUE(system->startHost()) << error;
+        EXPECT_FALSE(isWell()) << error;
+        plan->opens = 0;
+        EXPECT_TRUE(process::waitUntil([this] { return isWell(); })) << error;
+        EXPECT_TRUE(isFull()) << error;
+        EXPECT_THAT(storedRules(), SizeIs(3));
+    }
+}
+
 // An opposite rule is stored, and then the chains are filled from what is read.
 TEST_F(AFailingRead, OfAnOppositeRuleIsMendedWithTheNewRule) {
     int told = 0;
