@@ -30,7 +30,7 @@ std::string refusalOf(const std::string &method, const Reply &reply) {
     switch (reply.status) {
     case Status::denied:
         return "the policy host refuses " + method + " to this account" +
-               (reply.error.empty() ? "" : ": " + reply.error);
+               (reply.error.empty() ? "" : ": it " + reply.error + ", which vpkd(8) tells how to give");
     case Status::busy:
         return "the policy host is busy: " + reply.error + "; try again later";
     case Status::unknownMethod:

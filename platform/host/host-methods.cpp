@@ -3,12 +3,12 @@
 #include <string_view>
 
 #include "host/host.h"
+#include "host/privileges.h"
 
 namespace host {
 namespace {
 
-constexpr const char *kAdministrator = "/privilege/vpk.admin";
-
+// Those that change nothing: an observer may call them, and nothing is rebuilt after them.
 constexpr std::array<std::string_view, 4> kLooking = {"Host::getStatus", "Host::status", "Host::rules",
                                                       "Host::reports"};
 
@@ -27,11 +27,11 @@ void addHostMethods(mavo::rmi::Service &service, Host &host) {
                                        [&host](int status) { return host.setStatus(status); });
     service.setMethodHandler<int, int>(kAdministrator, "Host::applyStatus",
                                        [&host](int status) { return applyStatus(host, status); });
-    service.setMethodHandler<int>(kAdministrator, "Host::getStatus", [&host] { return host.getStatus(); });
+    service.setMethodHandler<int>(kObserver, "Host::getStatus", [&host] { return host.getStatus(); });
     service.setMethodHandler<int>(kAdministrator, "Host::reload", [&host] { return host.reload(); });
-    service.setMethodHandler<std::string>(kAdministrator, "Host::status", [&host] { return host.statusDocument(); });
-    service.setMethodHandler<std::string>(kAdministrator, "Host::rules", [&host] { return host.rulesDocument(); });
-    service.setMethodHandler<std::string>(kAdministrator, "Host::reports", [&host] { return host.reportsDocument(); });
+    service.setMethodHandler<std::string>(kObserver, "Host::status", [&host] { return host.statusDocument(); });
+    service.setMethodHandler<std::string>(kObserver, "Host::rules", [&host] { return host.rulesDocument(); });
+    service.setMethodHandler<std::string>(kObserver, "Host::reports", [&host] { return host.reportsDocument(); });
 }
 
 bool onlyLooks(const std::string &method) {

@@ -24,6 +24,7 @@
 #include "host/paths.h"
 #include "host/plugin-config.h"
 #include "host/plugin-files.h"
+#include "host/privileges.h"
 #include "host/reply-lines.h"
 #include "host/retired-plugin.h"
 #include "host/shortage.h"
@@ -53,8 +54,6 @@ constexpr std::string_view kFlush = "Flush";
 // How often a change of settings is made again that a collector has overwritten, and how long one may be waited for.
 constexpr int kMostOverwritten = 3;
 constexpr std::chrono::milliseconds kCollectorsWork{1'000};
-
-constexpr const char *kFirewallPrivilege = "/privilege/vpk.firewall";
 
 // No plugin came up, and that may pass.
 class Passing : public std::runtime_error {

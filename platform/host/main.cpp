@@ -22,10 +22,10 @@
 #include "host/log.h"
 #include "host/paths.h"
 #include "host/plugin-library.h"
+#include "host/privileges.h"
 #include "host/server-loop.h"
 #include "host/single-instance.h"
 #include "mavo/database.h"
-#include "mavo/privileges.h"
 #include "rlv/rlv-query.h"
 #include "support/command-line.h"
 #include "vlog/vlog-sink.h"
@@ -104,7 +104,7 @@ void run(const Options &options) {
     chooseLog(options);
     if (options.endCollector)
         return host::endCollector();
-    const auto privileges = mavo::rmi::Privileges::load(options.privileges);
+    const auto privileges = host::loadPrivileges(options.privileges);
     for (const auto &problem : privileges.problems())
         host::logError(problem);
     host::makeDataDirectories();

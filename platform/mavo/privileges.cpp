@@ -78,15 +78,15 @@ std::vector<gid_t> groupsOf(uid_t uid, gid_t gid) {
     return groups;
 }
 
-std::string pathOf(const std::string &privilege) {
+} // namespace
+
+std::string privilegePath(const std::string &privilege) {
     const std::size_t scheme = privilege.find("://");
     const std::size_t start = privilege.find('/', scheme == std::string::npos ? 0 : scheme + 3);
     if (start == std::string::npos)
         return {};
     return privilege.substr(start, privilege.find_first_of("?#", start) - start);
 }
-
-} // namespace
 
 Privileges Privileges::load(const std::string &file) {
     Privileges privileges;
@@ -126,7 +126,14 @@ void Privileges::addLine(const std::string &line) {
     Holders added;
     for (std::string account; words >> account;)
         addHolder(added, account);
-    Holders &holders = holders_[path];
+    add(added, holders_[path]);
+}
+
+void Privileges::include(const std::string &privilege, const std::string &included) {
+    add(Holders(holders_[privilegePath(privilege)]), holders_[privilegePath(included)]);
+}
+
+void Privileges::add(const Holders &added, Holders &holders) {
     holders.users.insert(added.users.begin(), added.users.end());
     holders.groups.insert(added.groups.begin(), added.groups.end());
 }
@@ -148,7 +155,7 @@ void Privileges::addHolder(Holders &holders, const std::string &account) {
 bool Privileges::holds(uid_t uid, gid_t gid, const std::string &privilege) const {
     if (uid == 0)
         return true;
-    const auto found = holders_.find(pathOf(privilege));
+    const auto found = holders_.find(privilegePath(privilege));
     if (found == holders_.end())
         return false;
     return isAmong(found->second, uid, gid);
@@ -158,10 +165,8 @@ bool Privileges::holdsAny(uid_t uid, gid_t gid) const {
     if (uid == 0)
         return true;
     Holders all;
-    for (const auto &entry : holders_) {
-        all.users.insert(entry.second.users.begin(), entry.second.users.end());
-        all.groups.insert(entry.second.groups.begin(), entry.second.groups.end());
-    }
+    for (const auto &entry : holders_)
+        add(entry.second, all);
     return isAmong(all, uid, gid);
 }
 

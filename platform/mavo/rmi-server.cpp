@@ -124,7 +124,8 @@ private:
         if (!context)
             return Reply{Status::unknownMethod, {}, "no such method", {}, {}};
         if (!privileges_.holds(peer.uid, peer.gid, context->privilege))
-            return Reply{Status::denied, {}, "needs the privilege " + oneLine(context->privilege), {}, {}};
+            return Reply{
+                Status::denied, {}, "needs the privilege " + oneLine(privilegePath(context->privilege)), {}, {}};
         return std::nullopt;
     }
 

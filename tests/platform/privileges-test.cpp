@@ -49,6 +49,15 @@ TEST_F(APrivilegesFile, NamesUsersByNameAndByNumber) {
     EXPECT_FALSE(privileges.holds(500, kNoGroup, "/privilege/vpk.admin"));
 }
 
+TEST_F(APrivilegesFile, GivesWhoeverHoldsAPrivilegeWhatThatIncludes) {
+    Privileges privileges = load("/privilege/large operator\n/privilege/small monitor\n");
+    privileges.include("/privilege/large", "http://vpk/privilege/small");
+    EXPECT_TRUE(privileges.holds(500, kNoGroup, "/privilege/small"));
+    EXPECT_TRUE(privileges.holds(501, kNoGroup, "/privilege/small"));
+    EXPECT_FALSE(privileges.holds(501, kNoGroup, "/privilege/large"));
+    EXPECT_FALSE(privileges.holds(777, kNoGroup, "/privilege/small"));
+}
+
 TEST_F(APrivilegesFile, NamesGroupsWhoseMembersHoldThePrivilege) {
     const Privileges privileges = load("/privilege/x @netdev @700");
     EXPECT_TRUE(privileges.holds(501, 501, "/privilege/x")) << "a member by the account database";

@@ -181,8 +181,7 @@ TEST(AServer, RefusesByTheHeadBeforeTheBodyHasCome) {
                   const RawClient client;
                   client.send(mavo::rmi::encodeRequestHead("Secret", 1000));
                   const Reply reply = client.reply().value_or(Reply());
-                  if (reply.status != Status::denied ||
-                      reply.error != "needs the privilege http://vpk/privilege/secret")
+                  if (reply.status != Status::denied || reply.error != "needs the privilege /privilege/secret")
                       return 1;
                   client.send(std::string(1000, '\xff') + requestBytes("Echo", body("next")));
                   return client.reply().value_or(Reply()).body == body("next") ? 0 : 2;

@@ -252,6 +252,32 @@ TEST_F(Vpkd, RefusesCallersWithoutThePrivilege) {
     EXPECT_EQ(allowed.output, "0\n");
 }
 
+TEST_F(Vpkd, LetsAnObserverSeeEverythingAndChangeNothing) {
+    vpkdtest::write("/run/privileges", "/privilege/vpk.observer 4711\n/privilege/vpk.admin 4712\n");
+    start();
+    const std::string before = noted();
+    const std::string vpkctl = process::builtForEveryone("vpkctl");
+    process::Options observer;
+    observer.user = 4711;
+    process::Options administrator;
+    administrator.user = 4712;
+    for (const char *word : {"status", "rules", "reports"}) {
+        const auto seen = process::capture({vpkctl, word, "--json"}, observer);
+        EXPECT_EQ(seen.output.front(), '{') << word << seen.errors;
+        EXPECT_EQ(process::capture({vpkctl, word, "--json"}, administrator).output, seen.output) << word;
+    }
+    for (const auto &words : std::vector<std::vector<std::string>>{
+             {"exec", "echo", "x"}, {"set-status", "0"}, {"apply-status", "0"}, {"reload"}, {"call", "Test::number"}}) {
+        std::vector<std::string> command{vpkctl};
+        command.insert(command.end(), words.begin(), words.end());
+        const auto refused = process::capture(command, observer);
+        EXPECT_EQ(refused.status, 2) << words.front();
+        EXPECT_THAT(refused.errors, HasSubstr(words.front() == "call" ? "needs the privilege /privilege/vpk.firewall"
+                                                                      : "needs the privilege /privilege/vpk.admin"));
+    }
+    EXPECT_EQ(noted(), before);
+}
+
 TEST_F(Vpkd, StoresStatusesAndAppliesThem) {
     start();
     EXPECT_EQ(number("Host::setStatus", 0), 0);
