@@ -2,17 +2,19 @@
 #include <memory>
 
 #include "cli/session.h"
+#include "cli/status-argument.h"
 
 namespace cli {
 namespace {
 
-void run(int status, Session &session) {
+void run(const std::string &word, Session &session) {
+    const int status = statusFrom(word);
     mavo::rmi::Message request;
     request.write(status);
     const auto reply = session.call("Host::applyStatus", request);
     const int result = intOf(reply);
     if (result != 0)
-        throw Exit(kFailed, "the plugin refuses the status " + std::to_string(status));
+        throw Exit(kFailed, refusedStatus(status));
     session.exitStatus = statusOf(reply, true);
 }
 
@@ -20,7 +22,7 @@ void run(int status, Session &session) {
 
 void addApplyStatus(CLI::App &app, Session &session) {
     auto *command = app.add_subcommand("apply-status", "Enable (1) or disable (0) the plugin until it is loaded again");
-    const auto status = std::make_shared<int>(0); // shared with the callback
+    const auto status = std::make_shared<std::string>(); // shared with the callback
     command->add_option("N", *status, "1 enabled, 0 disabled")->required();
     command->footer("Like set-status, but nothing is stored.");
     command->callback([status, &session] { run(*status, session); });

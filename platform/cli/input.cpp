@@ -38,6 +38,8 @@ std::string dataFrom(const std::string &argument, bool raw, std::istream &standa
     std::string data;
     if (argument == "-")
         data = readAll(standardInput, "standard input");
+    else if (argument == "@")
+        throw Exit(kNotCarriedOut, "\"@\" names no file: @FILE takes the data from FILE, - from standard input");
     else if (argument.substr(0, 1) == "@")
         data = readFile(argument.substr(1));
     else

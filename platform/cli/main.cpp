@@ -2,8 +2,9 @@
 #include <cstdio>
 #include <exception>
 
-#include "cli/printable.h"
 #include "cli/session.h"
+#include "cli/terminal.h"
+#include "cli/usage-errors.h"
 #include "support/command-line.h"
 
 namespace {
@@ -37,8 +38,11 @@ int main(int argc, char **argv) try {
         app.parse(argc, argv);
         if (app.get_subcommands().empty())
             throw CLI::RequiredError("A subcommand");
+    } catch (const CLI::Success &asked) {
+        return app.exit(asked); // help or version
     } catch (const CLI::ParseError &error) {
-        return support::explainParseError(app, error);
+        cli::say(cli::explainUsage(app, error, {argv + 1, argv + argc}));
+        return support::kUsageError;
     }
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0)
         throw cli::Exit(session.exitStatus == cli::kDone ? cli::kFailed
@@ -46,9 +50,9 @@ int main(int argc, char **argv) try {
                         "the result cannot be written to standard output");
     return session.exitStatus;
 } catch (const cli::Exit &exit) {
-    std::fprintf(stderr, "vpkctl: %s\n", cli::printable(exit.what()).c_str());
+    cli::say(exit.what());
     return exit.status();
 } catch (const std::exception &error) {
-    std::fprintf(stderr, "vpkctl: %s\n", error.what());
+    cli::say(error.what());
     return cli::kNotCarriedOut;
 }

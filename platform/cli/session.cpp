@@ -4,7 +4,9 @@
 #include <string_view>
 #include <system_error>
 
+#include "cli/plugin-commands.h"
 #include "cli/printable.h"
+#include "cli/suggestion.h"
 #include "host/reply-lines.h"
 #include "mavo/exception.h"
 #include "mavo/rmi-client.h"
@@ -34,7 +36,7 @@ std::string refusalOf(const std::string &method, const Reply &reply) {
     case Status::busy:
         return "the policy host is busy: " + reply.error + "; try again later";
     case Status::unknownMethod:
-        return "the policy host has no method " + method;
+        return "the policy host has no method " + method + didYouMean(method, namesOf(kMethods));
     default:
         return "the policy host refuses " + method + ": " + reply.error;
     }

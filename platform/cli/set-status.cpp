@@ -2,17 +2,19 @@
 #include <memory>
 
 #include "cli/session.h"
+#include "cli/status-argument.h"
 
 namespace cli {
 namespace {
 
-void run(int status, Session &session) {
+void run(const std::string &word, Session &session) {
+    const int status = statusFrom(word);
     mavo::rmi::Message request;
     request.write(status);
     const auto reply = session.call("Host::setStatus", request);
     const int result = intOf(reply);
     if (result != 0)
-        throw Exit(kFailed, "the plugin refuses the status " + std::to_string(status));
+        throw Exit(kFailed, refusedStatus(status));
     session.exitStatus = statusOf(reply, true);
 }
 
@@ -20,7 +22,7 @@ void run(int status, Session &session) {
 
 void addSetStatus(CLI::App &app, Session &session) {
     auto *command = app.add_subcommand("set-status", "Enable (1) or disable (0) the plugin, and store that");
-    const auto status = std::make_shared<int>(0); // shared with the callback
+    const auto status = std::make_shared<std::string>(); // shared with the callback
     command->add_option("N", *status, "1 enabled, 0 disabled")->required();
     command->footer("A disabled plugin refuses commands and switches its collector off. Its rules stay in force, and "
                     "its remote\nmethods keep working.");
