@@ -3,7 +3,9 @@
 #include <memory>
 #include <optional>
 
+#include "cli/explanations.h"
 #include "cli/session.h"
+#include "cli/terminal.h"
 
 namespace cli {
 namespace {
@@ -13,13 +15,44 @@ struct Arguments {
     std::optional<std::string> argument;
 };
 
+// Why the arguments do not fit; empty when that cannot be told.
+std::string argumentProblem(const Arguments &arguments) {
+    const auto *const method = findIn(kMethods, arguments.method);
+    if (method == nullptr)
+        return arguments.argument ? "" : "; it may need an argument, and got none";
+    if (method->takesRules && !arguments.argument)
+        return " takes rules, and got none: vpkctl call " + arguments.method + " 'tcp:10.0.0.5:80:out'";
+    return !method->takesRules && arguments.argument ? " takes no argument, and removes all rules of its kind" : "";
+}
+
+void explain(const Arguments &arguments, const Session &session) {
+    const auto *const method = findIn(kMethods, arguments.method);
+    if (method == nullptr || !method->takesRules || !arguments.argument)
+        return;
+    const bool allow = method->name == "Firewall::ApplyAllowRules";
+    explainRules(session, {*arguments.argument, "the data", false, allow, !allow,
+                           "xargs -d '\\n' vpkctl call " + arguments.method});
+}
+
 void run(const Arguments &arguments, Session &session) {
     mavo::rmi::Message request;
     if (arguments.argument)
         request.write(*arguments.argument);
-    const auto reply = session.call(arguments.method, request);
+    const auto reply = session.ask(arguments.method, request);
+    const std::string problem = reply.status == mavo::rmi::Status::malformed ? argumentProblem(arguments) : "";
+    if (!problem.empty())
+        throw Exit(kNotCarriedOut, arguments.method + problem);
+    try {
+        requireDone(arguments.method, reply);
+    } catch (const Exit &exit) {
+        say(exit.what());
+        session.exitStatus = exit.status();
+        return explain(arguments, session);
+    }
     const int result = intOf(reply);
     std::printf("%d\n", result);
+    if (result != 0)
+        explain(arguments, session);
     session.exitStatus = statusOf(reply, result == 0);
 }
 

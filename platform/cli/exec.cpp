@@ -4,12 +4,16 @@
 #include <memory>
 #include <unistd.h>
 
+#include "cli/explanations.h"
 #include "cli/input.h"
+#include "cli/policy.h"
 #include "cli/session.h"
+#include "cli/terminal.h"
 
 namespace cli {
 namespace {
 
+constexpr const char *kMethod = "Host::executeCommand";
 constexpr const char *kApplyPolicy = "ApplyPolicy";
 constexpr const char *kFail = "fail"; // the reply to a command that failed
 
@@ -56,6 +60,31 @@ void warnAboutPolicy(bool yes) {
         throw Exit(kNotCarriedOut, "nothing was applied");
 }
 
+// The rules that the command applies.
+SentRules rulesOf(const Arguments &arguments, const std::string &data) {
+    const auto *const command = findIn(kCommands, arguments.command);
+    const bool isFile = arguments.data.size() > 1 && arguments.data.front() == '@';
+    SentRules rules{{}, nameOfSource(arguments.data), isFile, false, false, "vpkctl exec " + arguments.command + " -"};
+    if (command == nullptr)
+        return rules;
+    if (command->data == Data::rules)
+        rules.list = data;
+    else if (command->data == Data::policy)
+        rules.list = rulesOfPolicy(data);
+    rules.asAllow = command->name != "ApplyDenyRules";
+    rules.asDeny = command->name != "ApplyAllowRules";
+    return rules;
+}
+
+// Says why the call was refused or ended, and what that means for the rules.
+void explain(const Exit &exit, const Arguments &arguments, const std::string &data, Session &session) {
+    say(exit.what());
+    const SentRules rules = rulesOf(arguments, data);
+    if (!rules.list.empty())
+        explainRules(session, rules);
+    session.exitStatus = exit.status();
+}
+
 void run(const Arguments &arguments, Session &session) {
     const std::string data = dataFrom(arguments.data, arguments.raw, std::cin);
     if (arguments.command == kApplyPolicy)
@@ -63,15 +92,18 @@ void run(const Arguments &arguments, Session &session) {
     mavo::rmi::Message request;
     request.write(arguments.command);
     request.write(data);
-    const auto reply = session.call("Host::executeCommand", request);
+    const auto reply = session.ask(kMethod, request);
+    try {
+        requireDone(kMethod, reply);
+    } catch (const Exit &exit) {
+        return explain(exit, arguments, data, session);
+    }
     const std::string text = textOf(reply);
     if (!text.empty())
         std::printf("%s\n", text.c_str());
     const bool failed = text == kFail;
-    if (failed && reply.errorLines.empty() && reply.notInForce.empty())
-        std::fputs("vpkctl: the plugin gave no reason: see whether it is disabled (vpkctl status), and whether the "
-                   "command lacks its data\n",
-                   stderr);
+    if (failed)
+        explainFailure(session, arguments.command, data, rulesOf(arguments, data), reply);
     session.exitStatus = statusOf(reply, !failed);
 }
 

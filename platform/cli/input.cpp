@@ -49,4 +49,10 @@ std::string dataFrom(const std::string &argument, bool raw, std::istream &standa
     return data;
 }
 
+std::string nameOfSource(const std::string &argument) {
+    if (argument == "-")
+        return "standard input";
+    return argument.substr(0, 1) == "@" ? argument.substr(1) : "the data";
+}
+
 } // namespace cli

@@ -12,6 +12,9 @@ namespace cli {
 // than a request can.
 std::string dataFrom(const std::string &argument, bool raw, std::istream &standardInput);
 
+// What that argument is to be called in a message: "FILE", "standard input", or "the data".
+std::string nameOfSource(const std::string &argument);
+
 } // namespace cli
 
 #endif

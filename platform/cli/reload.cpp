@@ -5,7 +5,7 @@ namespace cli {
 namespace {
 
 void run(Session &session) {
-    const auto reply = session.call("Host::reload", mavo::rmi::Message());
+    const auto reply = session.call(kReload, mavo::rmi::Message());
     if (intOf(reply) != 0)
         throw Exit(kFailed, "the plugin did not come up; the one before it goes on serving");
     session.exitStatus = statusOf(reply, true);

@@ -1,5 +1,7 @@
 #include "cli/session.h"
 
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <string_view>
 #include <system_error>
@@ -7,6 +9,7 @@
 #include "cli/plugin-commands.h"
 #include "cli/printable.h"
 #include "cli/suggestion.h"
+#include "cli/terminal.h"
 #include "host/reply-lines.h"
 #include "mavo/exception.h"
 #include "mavo/rmi-client.h"
@@ -19,7 +22,7 @@ using mavo::rmi::Status;
 
 void sayWaiting() { std::fputs("vpkctl: the host is at work; waiting for the end of the call ...\n", stderr); }
 
-Reply ask(const std::string &socket, const std::string &method, const mavo::rmi::Message &request) try {
+Reply askHost(const std::string &socket, const std::string &method, const mavo::rmi::Message &request) try {
     mavo::rmi::Client client(socket);
     return client.call(method, request, sayWaiting);
 } catch (const std::system_error &error) {
@@ -53,22 +56,74 @@ std::string remark(const std::string &line) {
     return "not in force: " + line;
 }
 
-void printRemarks(const Reply &reply) {
-    for (const auto &line : reply.errorLines)
-        std::fprintf(stderr, "%s\n", printable(line).c_str());
+// How the plugin logs that a command was refused, before its code; the reason stands behind " : ".
+constexpr std::string_view kRefusedCommand = "VPK: invokeRLVIptablesCommit Iptables ERROR: ";
+
+// What laying out the chains always or now and then runs into, and goes on from, since it ends with what was wanted.
+constexpr std::array<std::string_view, 3> kHarmlessInReload = {
+    "iptables: Chain already exists.", "iptables: No chain/target/match by that name.",
+    "iptables: Bad rule (does a matching rule exist in that chain?)."};
+
+bool isHarmless(const std::string &method, const std::string &reason) {
+    if (reason == kHarmlessInReload.front())
+        return true; // what was wanted stands
+    return method == kReload &&
+           std::find(kHarmlessInReload.begin(), kHarmlessInReload.end(), reason) != kHarmlessInReload.end();
+}
+
+// Whether the remarks hold what the line says, with the command that it is about.
+bool isRepeated(const Reply &reply, const std::string &reason) {
+    const std::string ending = ": " + reason;
+    return std::any_of(reply.notInForce.begin(), reply.notInForce.end(), [&ending](const std::string &line) {
+        return line.size() > ending.size() && line.compare(line.size() - ending.size(), ending.size(), ending) == 0;
+    });
+}
+
+// They stay in the log.
+bool isWorthShowing(const std::string &method, const Reply &reply, const std::string &line) {
+    const std::size_t reason = line.find(" : ");
+    if (!begins(line, kRefusedCommand) || reason == std::string::npos)
+        return true;
+    const std::string text = line.substr(reason + 3);
+    return !isHarmless(method, text) && !isRepeated(reply, text);
+}
+
+void printRemarks(const std::string &method, const Reply &reply) {
+    for (const auto &line : reply.errorLines) {
+        if (isWorthShowing(method, reply, line))
+            show(stderr, printable(line) + "\n", 2);
+    }
     for (const auto &line : reply.notInForce)
-        std::fprintf(stderr, "%s\n", printable(remark(line)).c_str());
+        show(stderr, printable(remark(line)) + "\n", 2);
 }
 
 } // namespace
 
-Reply Session::call(const std::string &method, const mavo::rmi::Message &request) const {
-    Reply reply = ask(socket, method, request);
-    printRemarks(reply);
+Reply Session::ask(const std::string &method, const mavo::rmi::Message &request) const {
+    Reply reply = askHost(socket, method, request);
+    printRemarks(method, reply);
+    return reply;
+}
+
+std::optional<std::string> Session::look(const std::string &method) const try {
+    const Reply reply = askHost(socket, method, mavo::rmi::Message());
+    if (reply.status != Status::ok)
+        return std::nullopt;
+    return textOf(reply);
+} catch (const Exit &) {
+    return std::nullopt;
+}
+
+void requireDone(const std::string &method, const Reply &reply) {
     if (reply.status == Status::exception)
         throw Exit(kException, method + " ended with an exception: " + reply.error);
     if (reply.status != Status::ok)
         throw Exit(kNotCarriedOut, refusalOf(method, reply));
+}
+
+Reply Session::call(const std::string &method, const mavo::rmi::Message &request) const {
+    Reply reply = ask(method, request);
+    requireDone(method, reply);
     return reply;
 }
 

@@ -2,6 +2,7 @@
 #ifndef PLATFORM_CLI_SESSION_H
 #define PLATFORM_CLI_SESSION_H
 
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -14,6 +15,8 @@ namespace cli {
 
 // Exit statuses, as the help explains them.
 enum ExitStatus : int { kDone = 0, kFailed = 1, kNotCarriedOut = 2, kException = 3 };
+
+constexpr const char *kReload = "Host::reload"; // a method
 
 // Ends the program with `status` and one line on standard error.
 class Exit : public std::runtime_error {
@@ -34,7 +37,18 @@ struct Session {
     // the host has to say beside the result goes to standard error. Throws Exit when the host does not run, refuses the
     // call, or lets an exception end it.
     mavo::rmi::Reply call(const std::string &method, const mavo::rmi::Message &request) const;
+
+    // The same, but the reply may be a refusal or tell of an exception: see requireDone(). Throws Exit when the host
+    // does not run.
+    mavo::rmi::Reply ask(const std::string &method, const mavo::rmi::Message &request) const;
+
+    // The text that a method without arguments gives, which only looks; nothing, and nothing is said, when it cannot be
+    // had.
+    std::optional<std::string> look(const std::string &method) const;
 };
+
+// Throws Exit, with the reason, when the reply is a refusal or tells of an exception.
+void requireDone(const std::string &method, const mavo::rmi::Reply &reply);
 
 // The value that a reply carries. Throws Exit when it carries something else.
 int intOf(const mavo::rmi::Reply &reply);

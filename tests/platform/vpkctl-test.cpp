@@ -100,7 +100,7 @@ TEST_F(Vpkctl, FailsWhenThePluginFails) {
     const auto result = run({"exec", "no such command"});
     EXPECT_EQ(result.status, 1);
     EXPECT_EQ(result.output, "fail\n");
-    EXPECT_THAT(result.errors, StartsWith("vpkctl: the plugin gave no reason: "));
+    EXPECT_THAT(result.errors, StartsWith("vpkctl: \"no such command\" is no command of the plugin (commands: "));
 }
 
 TEST_F(Vpkctl, FailsWhenSomethingIsNotInForceAndSaysWhat) {

@@ -1,4 +1,5 @@
 // What vpkctl says where something was refused: what, why, and what would be accepted.
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -51,6 +52,87 @@ TEST_F(Messages, NameAFileThatIsNone) {
               "vpkctl: \"@\" names no file: @FILE takes the data from FILE, - from standard input\n");
     EXPECT_EQ(errors(2, {"exec", "ApplyDenyRules", "@/nowhere"}),
               "vpkctl: cannot read /nowhere: No such file or directory\n");
+}
+
+struct Refused {
+    const char *command;
+    const char *data;
+    const char *why;
+};
+
+TEST_F(Messages, ExplainWhyThePluginHasRefused) {
+    for (const auto &[command, data, why] : std::vector<Refused>{
+             {"applydenyrules", "tcp:192.0.2.1:80", R"(did you mean "ApplyDenyRules"? (commands: ApplyAllowRules, )"},
+             {"xyzzy", "", R"("xyzzy" is no command of the plugin (commands: ApplyAllowRules, )"},
+             {"ApplyDenyRules", "", "ApplyDenyRules needs data, and got none: rules joined by \";\", such as "},
+             {"ApplyPolicy", "", R"(ApplyPolicy needs data, and got none: {"ALLOW":[rules])"},
+             {"ApplyDenyRules", "192.0.2.1", R"("192.0.2.1" has one field; a rule is protocol:address:port or )"},
+             {"ApplyDenyRules", "192.0.2.1", R"(did you mean "*:192.0.2.1:*"?)"},
+             {"ApplyDenyRules", "192.0.2.1:80", R"(has two fields; a rule is protocol:address:port or )"},
+             {"ApplyDenyRules", "tcp:192.0.2.1:http", R"("http" is no port; a number such as 80, a range )"},
+             {"ApplyDenyRules", "tcp:192.0.2.1:80:up", R"("up" is no direction; in, out and bid (both) are)"},
+             {"ApplyDenyRules", "tcp:2001:db8::1:80",
+              R"("tcp:2001:db8::1:80" holds an IPv6 address; rules are about )"},
+             {"ApplyDenyRules", "fe80::1", "may hold an IPv6 address; rules are about IPv4 only"},
+             {"ApplyAllowRules", "tcp:192.0.2.1:80;;udp:*:53", "rule 2 of 3 is refused: it is empty; one \";\" joins"},
+             {"ApplyPolicy", R"({"ALLOW":["tcp:*:80","udp"]})", R"(rule 2 of 2 is refused: "udp" has one field)"}}) {
+        EXPECT_THAT(errors(1, {"exec", command, data}), HasSubstr(why)) << command << " " << data;
+    }
+    EXPECT_EQ(systemtest::storedRules().size(), 0U);
+}
+
+TEST_F(Messages, ExplainWhyARemoteMethodHasRefused) {
+    EXPECT_THAT(
+        errors(2, {"call", "Firewall::ApplyDenyRules"}),
+        HasSubstr("Firewall::ApplyDenyRules takes rules, and got none: vpkctl call Firewall::ApplyDenyRules '"));
+    EXPECT_THAT(errors(2, {"call", "Firewall::FlushDenyRules", "x"}), HasSubstr("takes no argument"));
+    EXPECT_THAT(errors(2, {"call", "firewall::flushdenyrules"}),
+                HasSubstr("did you mean \"Firewall::FlushDenyRules\"?"));
+    EXPECT_THAT(errors(1, {"call", "Firewall::ApplyDenyRules", "192.0.2.1"}), HasSubstr("\"192.0.2.1\" has one field"));
+}
+
+TEST_F(Messages, SayThatThePluginIsDisabled) {
+    ASSERT_EQ(system.control({"set-status", "0"}).status, 0);
+    for (const char *command : {"ApplyDenyRules", "xyzzy"})
+        EXPECT_EQ(errors(1, {"exec", command, "tcp:192.0.2.1:80"}),
+                  "vpkctl: the plugin is disabled and refuses all commands; vpkctl set-status 1 enables it\n");
+}
+
+TEST_F(Messages, NameTheLineOfAFileThatHasARuleOnEach) {
+    std::ofstream("/run/rules") << "tcp:192.0.2.1:80\nudp:*:53;tcp:192.0.2.2\n";
+    const auto said = errors(2, {"exec", "ApplyDenyRules", "@/run/rules"});
+    EXPECT_THAT(said, HasSubstr("/run/rules, line 2: rule 2 of 2 is refused: \"tcp:192.0.2.2\" has two fields; "));
+    EXPECT_THAT(said, HasSubstr("rules are joined by \";\", not by line breaks: grep . /run/rules | paste -sd ';' | "
+                                "vpkctl exec ApplyDenyRules -\n"));
+    EXPECT_THAT(errors(2, {"exec", "ApplyDenyRules", "-"}, "tcp:192.0.2.1:80\nudp:*:\t53\n"),
+                HasSubstr("standard input, line 2: the rule is refused: "));
+}
+
+TEST_F(Messages, TellWhichRulesOfAFailedListAreStored) {
+    const auto said = errors(1, {"exec", "ApplyDenyRules", "tcp:192.0.2.1:80;tcp:192.0.2.2:70000;tcp:192.0.2.3:8-9"});
+    EXPECT_THAT(said, HasSubstr("of the 3 rules of the list, as deny rules stored now: 1; not stored: 2-3\n"));
+    EXPECT_THAT(said, HasSubstr("what is stored is in force\n"));
+    EXPECT_EQ(systemtest::storedRules(), (systemtest::Rows{{"tcp", "192.0.2.1", "80", 0, 0}}));
+    deny("tcp:192.0.2.3:8-9"); // is there before the list fails once more
+    EXPECT_THAT(errors(1, {"exec", "ApplyDenyRules", "tcp:192.0.2.1:80;tcp:192.0.2.2:70000;tcp:192.0.2.3:8-9"}),
+                HasSubstr("as deny rules stored now: 1, 3; not stored: 2\n"));
+    system.killService();
+    EXPECT_THAT(errors(3, {"exec", "ApplyAllowRules", "tcp:192.0.2.4:80;tcp:192.0.2.5:80"}),
+                AllOf(HasSubstr("as allow rules stored now: none; not stored: 1-2\n"),
+                      HasSubstr("what is stored is not known to be in force: see vpkctl status\n")));
+}
+
+TEST_F(Messages, TellARefusalOfTheServiceOnce) {
+    EXPECT_EQ(errors(1, {"exec", "ApplyDenyRules", "tcp:192.0.2.1:70000:in"}),
+              "not in force: -A VPK-DENY -p tcp -s 192.0.2.1 --sport 70000 -j VPK-LOGANDDROP: iptables: bad port "
+              "\"70000\": expected 0 to 65535, or a range first:last of these that is not reversed\n");
+}
+
+TEST_F(Messages, LeaveInTheLogWhatIsNoErrorOfAReload) {
+    EXPECT_EQ(errors(0, {"reload"}), "");
+    network::iptables({"-F"});
+    EXPECT_EQ(errors(0, {"reload"}), "");
+    EXPECT_THAT(wholesystem::contentOf(wholesystem::kHostLog), HasSubstr("iptables: Chain already exists."));
 }
 
 } // namespace

@@ -1,0 +1,14 @@
+// Policy documents, which ApplyPolicy takes.
+#ifndef PLATFORM_CLI_POLICY_H
+#define PLATFORM_CLI_POLICY_H
+
+#include <string>
+
+namespace cli {
+
+// The list of rules that the plugin makes of a policy; empty for one that cannot be read.
+std::string rulesOfPolicy(const std::string &policy);
+
+} // namespace cli
+
+#endif
