@@ -7,7 +7,7 @@ _vpkctl_methods='Firewall::ApplyAllowRules Firewall::ApplyDenyRules Firewall::Fl
 _vpkctl_options() {
     case $1 in
     '') echo '-h --help --socket --version' ;;
-    exec) echo '-h --help --socket --raw --yes' ;;
+    exec) echo '-h --help --socket --raw --yes --as-is' ;;
     status | rules | reports) echo '-h --help --socket --json' ;;
     *) echo '-h --help --socket' ;;
     esac

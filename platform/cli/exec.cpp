@@ -2,8 +2,8 @@
 #include <cstdio>
 #include <iostream>
 #include <memory>
-#include <unistd.h>
 
+#include "cli/data-checks.h"
 #include "cli/explanations.h"
 #include "cli/input.h"
 #include "cli/policy.h"
@@ -14,7 +14,9 @@ namespace cli {
 namespace {
 
 constexpr const char *kMethod = "Host::executeCommand";
-constexpr const char *kApplyPolicy = "ApplyPolicy";
+constexpr const char *kPolicyWarning =
+    "ApplyPolicy applies every ALLOW entry as an allow rule and then as a deny rule: all of them end up denied. DENY "
+    "entries have no effect.";
 constexpr const char *kFail = "fail"; // the reply to a command that failed
 
 constexpr const char *kHelp =
@@ -42,6 +44,7 @@ struct Arguments {
     std::string data;
     bool raw = false;
     bool yes = false;
+    bool asIs = false;
 };
 
 bool personAgrees() {
@@ -51,12 +54,20 @@ bool personAgrees() {
     return std::getline(std::cin, answer) && !answer.empty() && (answer[0] == 'y' || answer[0] == 'Y');
 }
 
-void warnAboutPolicy(bool yes) {
-    std::fputs(
-        "vpkctl: ApplyPolicy applies every ALLOW entry as an allow rule and then as a deny rule: all of them end "
-        "up denied. DENY entries have no effect.\n",
-        stderr);
-    if (!yes && ::isatty(STDIN_FILENO) == 1 && !personAgrees())
+// Throws Exit when the data is not sent: it would have no effect, or the person who is asked does not want it sent.
+void check(const Arguments &arguments, const std::string &data) {
+    const auto *const command = findIn(kCommands, arguments.command);
+    if (command == nullptr)
+        return;
+    const std::string reason = reasonNotToSend(*command, data);
+    if (!reason.empty())
+        throw Exit(kNotCarriedOut, reason);
+    auto warnings = warningsAbout(*command, data);
+    if (command->data == Data::policy)
+        warnings.insert(warnings.begin(), kPolicyWarning);
+    for (const auto &warning : warnings)
+        say(warning);
+    if (!warnings.empty() && !arguments.yes && isTerminal(stdin) && !personAgrees())
         throw Exit(kNotCarriedOut, "nothing was applied");
 }
 
@@ -86,9 +97,9 @@ void explain(const Exit &exit, const Arguments &arguments, const std::string &da
 }
 
 void run(const Arguments &arguments, Session &session) {
-    const std::string data = dataFrom(arguments.data, arguments.raw, std::cin);
-    if (arguments.command == kApplyPolicy)
-        warnAboutPolicy(arguments.yes);
+    const std::string data = dataFrom(arguments.data, arguments.raw || arguments.asIs, std::cin);
+    if (!arguments.asIs)
+        check(arguments, data);
     mavo::rmi::Message request;
     request.write(arguments.command);
     request.write(data);
@@ -115,7 +126,8 @@ void addExec(CLI::App &app, Session &session) {
     exec->add_option("COMMAND", arguments->command, "The command's name")->required();
     exec->add_option("DATA", arguments->data, "Its data: text, @FILE, or - for standard input");
     exec->add_flag("--raw", arguments->raw, "Keep the last line break of @FILE or -");
-    exec->add_flag("--yes", arguments->yes, "Do not ask before ApplyPolicy");
+    exec->add_flag("--yes", arguments->yes, "Do not ask whether to go on");
+    exec->add_flag("--as-is", arguments->asIs, "Send any data as it is, unchecked");
     exec->footer(kHelp);
     exec->callback([arguments, &session] { run(*arguments, session); });
 }

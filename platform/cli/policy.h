@@ -3,11 +3,15 @@
 #define PLATFORM_CLI_POLICY_H
 
 #include <string>
+#include <vector>
 
 namespace cli {
 
 // The list of rules that the plugin makes of a policy; empty for one that cannot be read.
 std::string rulesOfPolicy(const std::string &policy);
+
+// What the plugin would do with it beside what is written there, or instead, a line each.
+std::vector<std::string> policyWarnings(const std::string &policy);
 
 } // namespace cli
 

@@ -10,7 +10,7 @@ namespace cli {
 
 constexpr std::size_t kColumns = 80;
 
-// True when somebody looks at what is written there.
+// True when a person is at its other end.
 bool isTerminal(std::FILE *stream);
 
 // The lines of `text`, broken at spaces so that none has more than kColumns characters; what follows a break is moved

@@ -2,16 +2,13 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <pty.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "platform/vpkd-fixture.h"
-#include "support/emulator.h"
+#include "support/terminal.h"
 
 namespace {
 
@@ -32,30 +29,11 @@ protected:
     }
 };
 
-struct OnTerminal {
-    int status;
-    std::string output;
-};
-
 // Runs vpkctl on a terminal where a person types `answer`.
-OnTerminal runOnTerminal(const std::vector<const char *> &words, const std::string &answer) {
-    int terminal = -1;
-    std::vector<std::string> arguments{process::built("vpkctl")};
-    arguments.insert(arguments.end(), words.begin(), words.end());
-    const pid_t child = ::forkpty(&terminal, nullptr, nullptr, nullptr);
-    if (child == 0) {
-        emulator::execute(arguments);
-        ::_exit(127);
-    }
-    EXPECT_EQ(::write(terminal, answer.data(), answer.size()), static_cast<ssize_t>(answer.size()));
-    std::string output;
-    char buffer[512];
-    for (ssize_t length = 0; (length = ::read(terminal, buffer, sizeof buffer)) > 0;)
-        output.append(buffer, static_cast<std::size_t>(length));
-    int status = -1;
-    ::waitpid(child, &status, 0);
-    ::close(terminal);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, output};
+process::OnTerminal runOnTerminal(const std::vector<std::string> &words, const std::string &answer) {
+    std::vector<std::string> command{process::built("vpkctl")};
+    command.insert(command.end(), words.begin(), words.end());
+    return process::runOnTerminal(command, answer);
 }
 
 TEST_F(Vpkctl, PrintsTheReplyToACommand) {

@@ -150,6 +150,12 @@ process::Result System::control(const std::vector<std::string> &words, const std
     return process::capture(command, options);
 }
 
+process::OnTerminal System::controlOnTerminal(const std::vector<std::string> &words, const std::string &answer) const {
+    std::vector<std::string> command{process::built("vpkctl"), "--socket", kHostSocket};
+    command.insert(command.end(), words.begin(), words.end());
+    return process::runOnTerminal(command, answer);
+}
+
 int System::execute(const std::string &command, const std::string &data) const {
     std::vector<std::string> words{"exec", command};
     if (!data.empty())

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "support/process.h"
+#include "support/terminal.h"
 
 namespace wholesystem {
 
@@ -65,6 +66,8 @@ public:
 
     // Runs vpkctl with these words behind its --socket option.
     process::Result control(const std::vector<std::string> &words, const std::string &input = std::string()) const;
+    // The same on a terminal, where a person types `answer`.
+    process::OnTerminal controlOnTerminal(const std::vector<std::string> &words, const std::string &answer = {}) const;
     // "vpkctl exec": the exit status. A status above 1 is a failure of the test.
     int execute(const std::string &command, const std::string &data = std::string()) const;
 

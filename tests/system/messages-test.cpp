@@ -135,4 +135,83 @@ TEST_F(Messages, LeaveInTheLogWhatIsNoErrorOfAReload) {
     EXPECT_THAT(wholesystem::contentOf(wholesystem::kHostLog), HasSubstr("iptables: Chain already exists."));
 }
 
+TEST_F(Messages, RefuseDataThatACommandWouldPassOver) {
+    deny("tcp:192.0.2.1:80:in");
+    EXPECT_EQ(
+        errors(2, {"exec", "FlushDenyRules", "tcp:192.0.2.1:80:in"}),
+        "vpkctl: FlushDenyRules takes no rules and removes all of them: every deny rule; nothing was done (--as-is "
+        "sends it)\n");
+    for (const char *command : {"FlushAllowRules", "SendReport", "EnableStatCollector", "DisableStatCollector"})
+        EXPECT_THAT(errors(2, {"exec", command, "x"}), HasSubstr(std::string(command) + " takes no ")) << command;
+    EXPECT_EQ(systemtest::storedRules().size(), 1U);
+    EXPECT_EQ(errors(0, {"exec", "FlushDenyRules", ""}), "");
+    deny("tcp:192.0.2.1:80:in");
+    EXPECT_EQ(errors(0, {"exec", "--as-is", "FlushDenyRules", "tcp:192.0.2.1:80:in"}), "");
+    EXPECT_EQ(systemtest::storedRules().size(), 0U);
+}
+
+struct Deceiving {
+    const char *command;
+    const char *data;
+    const char *warning;
+};
+
+const std::vector<Deceiving> &deceiving() {
+    static const std::vector<Deceiving> all = {
+        {"ApplyPolicy", "{}", "all of them end up denied. DENY entries have no effect."},
+        {"ApplyPolicy", "{\"ALLOW\":[\n\"tcp:192.0.2.1:80\"", "is no JSON document from line 2, byte "},
+        {"ApplyPolicy", "garbage", "it is applied as far as it can be read"},
+        {"ApplyPolicy", R"({"allow":["tcp:192.0.2.1:80"]})",
+         R"("allow" is no list of a policy and has no effect; did )"},
+        {"ApplyPolicy", R"({"ALLOW":"tcp:192.0.2.1:80"})", R"("ALLOW" is no array of rules)"},
+        {"ApplyPolicy", "{\"ALLOW\":[] // none\n}", "the policy has comments; beside a rule they become rules"},
+        {"ApplyPolicy", R"({"ALLOW":["*:*:*"]})", R"("*:*:*" denies connections from and to everywhere)"},
+        {"ApplyDenyRules", "tcp:192.0.2.1:80;*:*:*:in", R"("*:*:*:in" denies connections from and to everywhere)"},
+        {"ApplyDenyRules", "tcp:0.0.0.0/0:*", "cuts off whoever is logged in over the network"},
+        {"StatCollectorPolicy", R"({"send_report_interval":"1h"})", R"("1h" is taken for 1 second; a number of )"},
+        {"StatCollectorPolicy", R"({"send_report_interval":"hourly"})",
+         R"("hourly" has no number and is taken for 86400)"},
+        {"StatCollectorPolicy", R"({"send_report_intervall":"60"})",
+         R"(no effect; did you mean "send_report_interval"?)"},
+        {"StatCollectorPolicy", R"({"enabled":"yes"})", R"("yes" switches the collector off; "1" switches it on)"},
+        {"StatCollectorPolicy", R"({"db_max_size":1})", R"("db_max_size": 1 has no effect)"}};
+    return all;
+}
+
+TEST_F(Messages, WarnWhereSuccessDeceivesAndGoOn) {
+    for (const auto &[command, data, warning] : deceiving()) {
+        const auto result = system.control({"exec", command, data});
+        EXPECT_LE(result.status, 1) << data << result.errors;
+        EXPECT_THAT(result.errors, AllOf(HasSubstr(warning), Not(HasSubstr("Go on?")))) << data;
+        const auto asIs = system.control({"exec", "--as-is", command, data});
+        EXPECT_EQ(asIs.status, result.status) << data;
+        EXPECT_THAT(asIs.errors, Not(HasSubstr(warning))) << data;
+    }
+}
+
+// A warning is wrapped there, so only its first words are looked for.
+TEST_F(Messages, AskOnATerminalWhereSuccessDeceives) {
+    for (const auto &one : deceiving()) {
+        const auto refused = system.controlOnTerminal({"exec", one.command, one.data}, "n\n");
+        EXPECT_EQ(refused.status, 2) << one.data;
+        EXPECT_THAT(refused.output, AllOf(HasSubstr("Go on? [y/N]"), HasSubstr("nothing was applied"))) << one.data;
+    }
+    EXPECT_EQ(systemtest::storedRules().size(), 0U);
+    EXPECT_EQ(system.controlOnTerminal({"exec", "ApplyDenyRules", "*:*:*"}, "y\n").status, 0);
+    EXPECT_EQ(systemtest::storedRules().size(), 1U);
+    for (const char *option : {"--yes", "--as-is"})
+        EXPECT_THAT(system.controlOnTerminal({"exec", option, "ApplyDenyRules", "*:*:*"}).output,
+                    Not(HasSubstr("Go on?")));
+}
+
+TEST_F(Messages, SayNothingOfDataThatDoesAsItSays) {
+    for (const auto &[command, data] : std::vector<std::pair<const char *, const char *>>{
+             {"ApplyDenyRules", "tcp:192.0.2.1:*;*:192.0.2.0/24:*;udp:*:*;icmp:*:*;tcp:*:22"},
+             {"ApplyAllowRules", "*:*:*"},
+             {"StatCollectorPolicy", R"({"send_report_interval":"3600","enabled":"0"})"},
+             {"StatCollectorPolicy", R"({"send_report_interval":3600,"last_send_report_ts":"1700000000"})"},
+             {"StatCollectorPolicy", ""}})
+        EXPECT_EQ(errors(0, {"exec", command, data}), "") << data;
+}
+
 } // namespace
