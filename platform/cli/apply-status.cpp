@@ -21,10 +21,10 @@ void run(const std::string &word, Session &session) {
 } // namespace
 
 void addApplyStatus(CLI::App &app, Session &session) {
-    auto *command = app.add_subcommand("apply-status", "Enable (1) or disable (0) the plugin until it is loaded again");
+    auto *command = app.add_subcommand("apply-status", "The same until the plugin is loaded again");
     const auto status = std::make_shared<std::string>(); // shared with the callback
     command->add_option("N", *status, "1 enabled, 0 disabled")->required();
-    command->footer("Like set-status, but nothing is stored.");
+    command->footer("Enables (1) or disables (0) the plugin as set-status does, but stores nothing.");
     command->callback([status, &session] { run(*status, session); });
 }
 

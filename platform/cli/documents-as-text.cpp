@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <memory>
@@ -9,6 +10,7 @@
 
 #include "cli/printable.h"
 #include "cli/session.h"
+#include "cli/terminal.h"
 
 namespace cli {
 namespace {
@@ -147,6 +149,13 @@ Json parseDocument(const std::string &written) {
     if (!document.is_object())
         throw Exit(kNotCarriedOut, "the host's document is not understood");
     return document;
+}
+
+void showDocument(const std::string &document, bool asJson, std::string (*asText)(const Json &), std::size_t indent) {
+    if (asJson)
+        std::printf("%s\n", document.c_str());
+    else
+        show(stdout, asText(parseDocument(document)), indent);
 }
 
 bool wholeInForce(const Json &document) {

@@ -2,6 +2,7 @@
 #ifndef PLATFORM_CLI_DOCUMENTS_AS_TEXT_H
 #define PLATFORM_CLI_DOCUMENTS_AS_TEXT_H
 
+#include <cstddef>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -13,6 +14,11 @@ using Json = nlohmann::json;
 
 // Throws Exit when the text is not a JSON object.
 Json parseDocument(const std::string &written);
+
+// Writes a document to standard output: as it is, on one line, or as text, where broken lines go on at `indent`.
+void showDocument(const std::string &document, bool asJson, std::string (*asText)(const Json &), std::size_t indent);
+
+constexpr std::size_t kStatusIndent = 13; // where the second column of the status begins
 
 std::string statusAsText(const Json &document);
 // True when the status document says that the whole firewall is known to be in force, and that no rebuild is pending.

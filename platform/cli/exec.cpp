@@ -1,4 +1,5 @@
 // vpkctl exec: a command of the plugin.
+#include <algorithm>
 #include <cstdio>
 #include <iostream>
 #include <memory>
@@ -23,21 +24,27 @@ constexpr const char *kHelp =
     R"(Commands and their data:
   ApplyAllowRules, ApplyDenyRules    rules, joined by ";"
   FlushAllowRules, FlushDenyRules    none
-  ApplyPolicy                        {"ALLOW":[rules],"DENY":[rules]} (see the warning below)
+  ApplyPolicy            {"ALLOW":[rules],"DENY":[rules]}, see below
   EnableStatCollector, DisableStatCollector    none
-  StatCollectorPolicy                members for the configuration, {"send_report_interval":"3600"}
-  SendReport                         none
+  StatCollectorPolicy    settings, {"send_report_interval":"3600"}
+  SendReport             none
 
-A rule is protocol:address:port or protocol:address:port:direction. "*" or nothing stands for any; a range of ports
-is 8000-8080; the direction is in, out or bid. Address and port are the other side's: an "in" rule matches the source.
+A rule is protocol:address:port or protocol:address:port:direction. "*" or
+nothing stands for any; a range of ports is 8000-8080; the direction is in, out
+or bid. Address and port are the other side's: an "in" rule matches the source.
   vpkctl exec ApplyDenyRules 'tcp:10.0.0.5:8000-8080:out;udp:*:53'
   vpkctl exec ApplyAllowRules @rules.txt
   echo 'tcp:10.0.0.5:80' | vpkctl exec ApplyDenyRules -
 
-ApplyPolicy applies each ALLOW entry as an allow rule and then as a deny rule, so that all of them end up denied; DENY
-entries have no effect.
+ApplyPolicy applies each ALLOW entry as an allow rule and then as a deny rule,
+so that all of them end up denied; DENY entries have no effect.
 
-Exit status: 0 done, 1 the plugin said "fail" or something is not in force, 2 not carried out, 3 an exception.)";
+Data for a command that takes none is refused. Where a command would succeed
+and do something else than its data seems to say, vpkctl warns, and on a
+terminal asks. --as-is sends anything.
+
+Exit status: 0 done, 1 the plugin said "fail" or something is not in force, 2
+not carried out, 3 an exception.)";
 
 struct Arguments {
     std::string command;
@@ -87,6 +94,15 @@ SentRules rulesOf(const Arguments &arguments, const std::string &data) {
     return rules;
 }
 
+// Counted only: the list may be long, and is read if it is refused.
+std::string workOf(const Arguments &arguments, const std::string &data) {
+    const auto *const command = findIn(kCommands, arguments.command);
+    if (command == nullptr || command->data != Data::rules || data.empty())
+        return arguments.command;
+    const auto joints = std::count(data.begin(), data.end() - 1, ';');
+    return arguments.command + ", rules: " + std::to_string(joints + 1);
+}
+
 // Says why the call was refused or ended, and what that means for the rules.
 void explain(const Exit &exit, const Arguments &arguments, const std::string &data, Session &session) {
     say(exit.what());
@@ -103,7 +119,9 @@ void run(const Arguments &arguments, Session &session) {
     mavo::rmi::Message request;
     request.write(arguments.command);
     request.write(data);
+    session.work = workOf(arguments, data);
     const auto reply = session.ask(kMethod, request);
+    session.work.clear();
     try {
         requireDone(kMethod, reply);
     } catch (const Exit &exit) {

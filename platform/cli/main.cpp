@@ -1,6 +1,7 @@
 // vpkctl, the command line of the policy host.
 #include <cstdio>
 #include <exception>
+#include <sstream>
 
 #include "cli/session.h"
 #include "cli/terminal.h"
@@ -13,8 +14,9 @@ constexpr const char *kFooter = R"(Begin with:
   vpkctl status
   vpkctl exec ApplyDenyRules tcp:10.0.0.5:80:out
   vpkctl rules
-"vpkctl SUBCOMMAND --help" says more. Exit status: 0 done, 1 failed or not in force, 2 not carried out (the host does
-not run or refuses), 3 an exception ended the call. Results go to standard output, all else to standard error.)";
+"vpkctl SUBCOMMAND --help" says more. Exit status: 0 done, 1 failed or not in
+force, 2 not carried out (the host does not run or refuses), 3 an exception
+ended the call. Results go to standard output, all else to standard error.)";
 
 void addSubcommands(CLI::App &app, cli::Session &session) {
     app.require_subcommand(0, 1); // whether there is one is checked later: a word that is none is then named
@@ -23,6 +25,14 @@ void addSubcommands(CLI::App &app, cli::Session &session) {
         add(app, session);
     for (auto *subcommand : app.get_subcommands(nullptr))
         subcommand->fallthrough(); // --socket may stand anywhere
+}
+
+// The help or the version.
+int showWhatWasAsked(const CLI::App &app, const CLI::Success &asked) {
+    std::ostringstream text;
+    const int status = app.exit(asked, text, text);
+    cli::show(stdout, text.str(), 2);
+    return status;
 }
 
 } // namespace
@@ -39,7 +49,7 @@ int main(int argc, char **argv) try {
         if (app.get_subcommands().empty())
             throw CLI::RequiredError("A subcommand");
     } catch (const CLI::Success &asked) {
-        return app.exit(asked); // help or version
+        return showWhatWasAsked(app, asked);
     } catch (const CLI::ParseError &error) {
         cli::say(cli::explainUsage(app, error, {argv + 1, argv + argc}));
         return support::kUsageError;

@@ -15,7 +15,7 @@ void run(Session &session) {
 
 void addReload(CLI::App &app, Session &session) {
     auto *command = app.add_subcommand("reload", "Build all chains anew from the stored rules");
-    command->footer("For when somebody else has flushed the firewall. Stored status and rules stay as they are.");
+    command->footer("For when somebody else has flushed the firewall. Stored status and rules stay\nas they are.");
     command->callback([&session] { run(session); });
 }
 

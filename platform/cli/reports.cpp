@@ -1,5 +1,4 @@
 // vpkctl reports
-#include <cstdio>
 #include <memory>
 
 #include "cli/documents-as-text.h"
@@ -10,8 +9,7 @@ namespace {
 
 void run(bool asJson, Session &session) {
     const std::string document = textOf(session.call("Host::reports", mavo::rmi::Message()));
-    const std::string text = asJson ? document + "\n" : reportsAsText(parseDocument(document));
-    std::fwrite(text.data(), 1, text.size(), stdout);
+    showDocument(document, asJson, reportsAsText, 2);
 }
 
 } // namespace

@@ -1,5 +1,4 @@
 // vpkctl rules
-#include <cstdio>
 #include <memory>
 
 #include "cli/documents-as-text.h"
@@ -10,8 +9,7 @@ namespace {
 
 void run(bool asJson, Session &session) {
     const std::string document = textOf(session.call("Host::rules", mavo::rmi::Message()));
-    const std::string text = asJson ? document + "\n" : rulesAsText(parseDocument(document));
-    std::fwrite(text.data(), 1, text.size(), stdout);
+    showDocument(document, asJson, rulesAsText, 2);
 }
 
 } // namespace

@@ -8,6 +8,7 @@
 
 #include "cli/plugin-commands.h"
 #include "cli/printable.h"
+#include "cli/progress.h"
 #include "cli/suggestion.h"
 #include "cli/terminal.h"
 #include "host/reply-lines.h"
@@ -20,13 +21,14 @@ namespace {
 using mavo::rmi::Reply;
 using mavo::rmi::Status;
 
-void sayWaiting() { std::fputs("vpkctl: the host is at work; waiting for the end of the call ...\n", stderr); }
-
-Reply askHost(const std::string &socket, const std::string &method, const mavo::rmi::Message &request) try {
-    mavo::rmi::Client client(socket);
-    return client.call(method, request, sayWaiting);
+Reply askHost(const Session &session, const std::string &method, const mavo::rmi::Message &request) try {
+    mavo::rmi::Client client(session.socket);
+    Progress progress(session.work.empty() ? method : session.work);
+    return client.call(
+        method, request, [&progress] { progress.goOn(); }, progress.interval());
 } catch (const std::system_error &error) {
-    throw Exit(kNotCarriedOut, "the policy host cannot be reached at " + socket + ": " + error.code().message());
+    throw Exit(kNotCarriedOut,
+               "the policy host cannot be reached at " + session.socket + ": " + error.code().message());
 } catch (const mavo::Exception &error) {
     throw Exit(kNotCarriedOut, "the policy host did not answer: " + std::string(error.what()));
 }
@@ -100,13 +102,13 @@ void printRemarks(const std::string &method, const Reply &reply) {
 } // namespace
 
 Reply Session::ask(const std::string &method, const mavo::rmi::Message &request) const {
-    Reply reply = askHost(socket, method, request);
+    Reply reply = askHost(*this, method, request);
     printRemarks(method, reply);
     return reply;
 }
 
 std::optional<std::string> Session::look(const std::string &method) const try {
-    const Reply reply = askHost(socket, method, mavo::rmi::Message());
+    const Reply reply = askHost(*this, method, mavo::rmi::Message());
     if (reply.status != Status::ok)
         return std::nullopt;
     return textOf(reply);

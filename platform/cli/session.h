@@ -32,6 +32,7 @@ private:
 struct Session {
     std::string socket = "/run/vpk/host/socket";
     int exitStatus = kDone; // set by the subcommand
+    std::string work;       // what a person waits for, where that is more than a method's name
 
     // Calls a remote method and waits for its end, however long that takes; says on standard error that it waits. What
     // the host has to say beside the result goes to standard error. Throws Exit when the host does not run, refuses the

@@ -21,11 +21,11 @@ void run(const std::string &word, Session &session) {
 } // namespace
 
 void addSetStatus(CLI::App &app, Session &session) {
-    auto *command = app.add_subcommand("set-status", "Enable (1) or disable (0) the plugin, and store that");
+    auto *command = app.add_subcommand("set-status", "Enable (1) or disable (0) the plugin, and store it");
     const auto status = std::make_shared<std::string>(); // shared with the callback
     command->add_option("N", *status, "1 enabled, 0 disabled")->required();
-    command->footer("A disabled plugin refuses commands and switches its collector off. Its rules stay in force, and "
-                    "its remote\nmethods keep working.");
+    command->footer("A disabled plugin refuses commands and switches its collector off. Its rules\nstay in force, and "
+                    "its remote methods keep working.");
     command->callback([status, &session] { run(*status, session); });
 }
 

@@ -1,5 +1,4 @@
 // vpkctl status
-#include <cstdio>
 #include <memory>
 
 #include "cli/documents-as-text.h"
@@ -11,8 +10,7 @@ namespace {
 void run(bool asJson, Session &session) {
     const std::string document = textOf(session.call("Host::status", mavo::rmi::Message()));
     const Json parsed = parseDocument(document);
-    const std::string text = asJson ? document + "\n" : statusAsText(parsed);
-    std::fwrite(text.data(), 1, text.size(), stdout);
+    showDocument(document, asJson, statusAsText, kStatusIndent);
     session.exitStatus = wholeInForce(parsed) ? kDone : kFailed;
 }
 

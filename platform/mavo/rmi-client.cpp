@@ -127,15 +127,14 @@ Reply Client::call(const std::string &method, const Message &request, const std:
     checkLimit("request", request.body().size(), kBodyLimitBytes);
     if (!socket_)
         throw Exception("the connection has ended");
-    const auto deadline = Clock::now() + patience;
-    bool waits = waiting != nullptr;
+    auto deadline = Clock::now() + patience;
     // Held here meanwhile: after an exception the connection is out of step, and ends.
     UniqueFd socket = std::move(socket_);
     Exchange exchange(socket.get(), encodeRequestHead(method, request.body().size()) + request.body());
     while (!exchange.over()) {
-        exchange.goOn(waits && !exchange.replied() ? millisecondsUntil(deadline) : -1);
-        if (waits && !exchange.replied() && Clock::now() >= deadline) {
-            waits = false;
+        exchange.goOn(waiting && !exchange.replied() ? millisecondsUntil(deadline) : -1);
+        if (waiting && !exchange.replied() && Clock::now() >= deadline) {
+            deadline += patience;
             waiting();
         }
     }

@@ -19,9 +19,9 @@ public:
     // Throws std::system_error when nobody serves `path` or it may not be used.
     explicit Client(const std::string &path);
 
-    // Sends the request and waits for the reply, however long the call takes. `waiting`, when given, is called once if
-    // the reply has not come after `patience`. Throws mavo::Exception when the connection breaks or the answer is not
-    // understood.
+    // Sends the request and waits for the reply, however long the call takes. `waiting`, when given, is called
+    // whenever `patience` has passed again without the reply. Throws mavo::Exception when the connection breaks or the
+    // answer is not understood.
     Reply call(const std::string &method, const Message &request, const std::function<void()> &waiting = {},
                std::chrono::milliseconds patience = std::chrono::milliseconds(2'000));
 

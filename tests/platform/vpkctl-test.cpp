@@ -1,7 +1,9 @@
 // The command line, with the real policy host.
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <sstream>
 #include <sys/stat.h>
 
 #include <gmock/gmock.h>
@@ -234,6 +236,54 @@ TEST_F(Vpkctl, TeachesItsUse) {
         EXPECT_THAT(run({"--help"}).output, HasSubstr(word));
     }
     EXPECT_EQ(run({"--help"}).status, 0);
+}
+
+// The longest line of what stood on a terminal.
+std::size_t width(const std::string &output) {
+    std::size_t widest = 0;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);)
+        widest = std::max(widest, line.size() - (!line.empty() && line.back() == '\r' ? 1 : 0));
+    return widest;
+}
+
+TEST_F(Vpkctl, FitsATerminalWithItsHelpItsTablesAndItsMessages) {
+    start();
+    for (const char *word : {"exec", "call", "status", "set-status", "apply-status", "reload", "rules", "reports"})
+        EXPECT_LE(width(runOnTerminal({word, "--help"}, "").output), 80U) << word;
+    const std::string longWord(40, 'x');
+    for (const auto &words : std::vector<std::vector<std::string>>{{"--help"},
+                                                                   {"status"},
+                                                                   {"xyzzy"},
+                                                                   {"exec", "xyzzy"},
+                                                                   {"exec", "ApplyPolicy", "garbage", "--yes"},
+                                                                   {"exec", "log-error", longWord + " " + longWord},
+                                                                   {"exec", "commit", "-N X -t " + longWord}}) {
+        const auto shown = runOnTerminal(words, "").output;
+        EXPECT_LE(width(shown), 80U) << shown;
+        EXPECT_THAT(shown, Not(HasSubstr("\x1b")));
+        EXPECT_THAT(shown, Not(testing::IsEmpty()));
+    }
+}
+
+TEST_F(Vpkctl, WritesWholeLinesWhereNobodyLooks) {
+    start();
+    const std::string longWord(50, 'x');
+    EXPECT_EQ(run({"exec", "log-error", longWord + " " + longWord}).errors,
+              "TEST: " + longWord + " " + longWord + "\n");
+}
+
+TEST_F(Vpkctl, ShowsOnATerminalHowLongItWaits) {
+    start();
+    const auto goOnWhenSeen = [](const std::string &seen) {
+        if (seen.find("2 s, at work") != std::string::npos)
+            vpkdtest::write("/run/go-on", "");
+    };
+    const auto waited =
+        process::runOnTerminal({process::built("vpkctl"), "exec", "wait", "/run/go-on"}, "", goOnWhenSeen);
+    EXPECT_EQ(waited.status, 0) << waited.output;
+    EXPECT_THAT(waited.output, AllOf(StartsWith("\rvpkctl: 1 s, at work: wait\rvpkctl: 2 s, at work: wait"),
+                                     testing::EndsWith(" \r"), Not(HasSubstr("\x1b"))));
 }
 
 constexpr const char *kWholeFirewall = R"(-N VPK-ALLOW

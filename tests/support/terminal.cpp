@@ -10,7 +10,8 @@
 
 namespace process {
 
-OnTerminal runOnTerminal(const std::vector<std::string> &arguments, const std::string &answer) {
+OnTerminal runOnTerminal(const std::vector<std::string> &arguments, const std::string &answer,
+                         const std::function<void(const std::string &)> &watch) {
     int terminal = -1;
     winsize size{};
     size.ws_row = 24;
@@ -24,8 +25,11 @@ OnTerminal runOnTerminal(const std::vector<std::string> &arguments, const std::s
         throw std::runtime_error("no terminal to be had");
     std::string output;
     char buffer[512];
-    for (ssize_t length = 0; (length = ::read(terminal, buffer, sizeof buffer)) > 0;)
+    for (ssize_t length = 0; (length = ::read(terminal, buffer, sizeof buffer)) > 0;) {
         output.append(buffer, static_cast<std::size_t>(length));
+        if (watch)
+            watch(output);
+    }
     int status = -1;
     ::waitpid(child, &status, 0);
     ::close(terminal);
