@@ -8,7 +8,6 @@ namespace {
 constexpr std::size_t kRequestHeadBytes = 1 + 8;
 constexpr std::size_t kReplyHeadBytes = 1 + 4 + 8;
 constexpr std::size_t kLengthBytes = 2;
-constexpr std::uint64_t kMoreFollow = 256;
 constexpr std::size_t kMaxNameBytes = 254; // with the root's dot
 
 class Writer {
@@ -139,6 +138,45 @@ std::string flatten(const NamesState &state) {
     return out.take();
 }
 
+void write(Writer &out, const Difference &difference) {
+    out.integer(static_cast<std::uint64_t>(difference.kind), 1);
+    for (const auto *text : {&difference.chain, &difference.rule, &difference.why})
+        out.text(*text);
+}
+
+Difference readDifference(Reader &in) {
+    Difference difference;
+    difference.kind = static_cast<Difference::Kind>(std::min<std::uint64_t>(in.integer(1), kDifferenceKinds - 1));
+    for (auto *text : {&difference.chain, &difference.rule, &difference.why})
+        *text = in.text();
+    return difference;
+}
+
+void write(Writer &out, const ComparedChain &chain) {
+    out.text(chain.name);
+    out.integer(chain.wanted, 8);
+    out.integer(chain.inForce, 8);
+}
+
+ComparedChain readComparedChain(Reader &in) {
+    ComparedChain chain;
+    chain.name = in.text();
+    chain.wanted = in.integer(8);
+    chain.inForce = in.integer(8);
+    return chain;
+}
+
+std::string flatten(const Comparison &comparison) {
+    Writer out;
+    out.flag(comparison.simulated);
+    out.integer(comparison.serviceId, 8);
+    out.list(comparison.chains, [&](const ComparedChain &chain) { write(out, chain); });
+    out.list(comparison.differences, [&](const Difference &difference) { write(out, difference); });
+    for (std::size_t kind = 0; kind < kDifferenceKinds; ++kind)
+        out.integer(comparison.counts.at(kind), 8);
+    return out.take();
+}
+
 std::vector<std::string> inParts(const std::string &text) {
     constexpr std::size_t kPartBytes = kMaxPacketBytes - kReplyHeadBytes;
     std::vector<std::string> packets;
@@ -169,7 +207,7 @@ std::string encode(const Reply &reply) {
 }
 
 bool decodeRequest(std::string_view packet, Request &request) {
-    constexpr std::string_view kKinds = "OCLXQN";
+    constexpr std::string_view kKinds = "OCLXQNM";
     Reader in(packet);
     const char kind = static_cast<char>(in.integer(1));
     request.kind = static_cast<Request::Kind>(kind);
@@ -204,9 +242,13 @@ bool CommandList::add(std::string_view options) {
 }
 
 void CommandList::clear() {
-    packet_.assign(1, static_cast<char>(Request::Kind::list));
+    packet_.assign(1, static_cast<char>(kind_));
     packet_.append(kRequestHeadBytes - 1, '\0');
     count_ = 0;
+}
+
+void CommandList::setNumber(std::uint64_t number) {
+    packet_.replace(0, kRequestHeadBytes, encode(Request{kind_, number, {}}));
 }
 
 std::string_view takeCommand(std::string_view &text) {
@@ -265,6 +307,20 @@ std::optional<NamesState> decodeNamesState(std::string_view text) {
         *number = in.integer(8);
     in.list([&] { state.list.push_back(readName(in)); });
     return in.complete() ? std::make_optional(std::move(state)) : std::nullopt;
+}
+
+std::vector<std::string> encodeState(const Comparison &comparison) { return inParts(flatten(comparison)); }
+
+std::optional<Comparison> decodeComparison(std::string_view text) {
+    Reader in(text);
+    Comparison comparison;
+    comparison.simulated = in.flag();
+    comparison.serviceId = in.integer(8);
+    in.list([&] { comparison.chains.push_back(readComparedChain(in)); });
+    in.list([&] { comparison.differences.push_back(readDifference(in)); });
+    for (auto &count : comparison.counts)
+        count = in.integer(8);
+    return in.complete() ? std::make_optional(std::move(comparison)) : std::nullopt;
 }
 
 std::vector<Request> encodeNamesRequest(NamesRequest::About about, const std::vector<std::string> &names) {

@@ -3,8 +3,9 @@
 // The socket is a SOCK_SEQPACKET one: a packet arrives whole or not at all, so that neither side ever holds half a
 // message of a slow peer, needs a buffer per connection or can lose its place in a stream; a packet that is too long is
 // known by its length, and answered, without being read. A client sends one request and waits for its reply; only a
-// list of commands, of which it knows the answers (see Reply::number), gets none. A request is its kind (1 byte), a
-// number (8 bytes, little endian) and a text; a reply is its kind, a code (4 bytes), a number and a text.
+// list of commands, of which it knows the answers (see Reply::number), gets none, nor does a part of what is to be
+// compared, but for the last. A request is its kind (1 byte), a number (8 bytes, little endian) and a text; a reply is
+// its kind, a code (4 bytes), a number and a text.
 #ifndef PLATFORM_RLV_PROTOCOL_H
 #define PLATFORM_RLV_PROTOCOL_H
 
@@ -27,13 +28,27 @@ constexpr std::size_t kMaxPacketBytes = 32'768;
 constexpr std::size_t kMaxListBytes = 16'384;
 constexpr std::size_t kMaxListedCommands = 512;
 
+// In the number of a request to compare, and of one about names: the text goes on in the next.
+constexpr std::uint64_t kMoreFollow = 256;
+// In that of the last request to compare: what was sent, and not read since, is read.
+constexpr std::uint64_t kReading = 1;
+
 struct Request {
-    enum class Kind : std::uint8_t { open = 'O', commit = 'C', list = 'L', close = 'X', query = 'Q', names = 'N' };
+    enum class Kind : std::uint8_t {
+        open = 'O',
+        commit = 'C',
+        list = 'L',
+        close = 'X',
+        query = 'Q',
+        names = 'N',
+        compare = 'M'
+    };
     Kind kind = Kind::open;
     // open: the client's protocol version; query: tell of connections above this number; names: see NamesRequest;
+    // compare: see kMoreFollow and kReading;
     // close: an Interruption, 0 when all is well. An interrupted connection ends as if the client had vanished.
     std::uint64_t number = 0;
-    // commit: the option text; list: several (see CommandList), which get no reply; names: see NamesRequest
+    // commit: the option text; list, compare: several (see CommandList); names: see NamesRequest
     std::string text;
 };
 
@@ -62,14 +77,18 @@ std::optional<Reply> decodeReply(std::string_view packet);
 // little endian) and the option text.
 class CommandList {
 public:
-    CommandList() { clear(); }
+    // Of the kind list or compare.
+    explicit CommandList(Request::Kind kind = Request::Kind::list) : kind_(kind) { clear(); }
     // False, and nothing is added, when there is no room.
     [[nodiscard]] bool add(std::string_view options);
     std::size_t count() const { return count_; }
     const std::string &packet() const { return packet_; }
     void clear();
+    // Makes this the number of the request, which is 0 otherwise.
+    void setNumber(std::uint64_t number);
 
 private:
+    Request::Kind kind_;
     std::string packet_;
     std::size_t count_ = 0;
 };
@@ -102,6 +121,9 @@ std::optional<ServiceState> decodeState(std::string_view text);
 // The same of a reply to a request about names.
 std::vector<std::string> encodeState(const NamesState &state);
 std::optional<NamesState> decodeNamesState(std::string_view text);
+// The same of a comparison.
+std::vector<std::string> encodeState(const Comparison &comparison);
+std::optional<Comparison> decodeComparison(std::string_view text);
 
 } // namespace rlv::protocol
 

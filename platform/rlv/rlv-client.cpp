@@ -42,6 +42,7 @@ constexpr std::size_t kCollectBytes = 8'192;
 // So that a slow client does not look like a silent one.
 constexpr Milliseconds kCollectTime{1'000};
 constexpr std::size_t kMaxOpenings = 100'000;
+constexpr const char *kService = "traffic-control service";
 
 // The number of handles is bounded by the service, and each is used up once in 2^32 openings.
 class Connections {
@@ -271,9 +272,8 @@ template <class Call> int guarded(Call call) noexcept {
     }
 }
 
-// A state that comes in parts. Stores its text.
-int receiveState(int fd, const Request &request, Clock::time_point deadline, std::string &text) {
-    Outcome part = rlv::client::ask(fd, request, Reply::Kind::state, deadline);
+// The rest of a state that comes in parts, the first of which is given. Stores its text.
+int receiveParts(int fd, Outcome part, Clock::time_point deadline, std::string &text) {
     std::uint64_t partsLeft = part.reply.number;
     text = std::move(part.reply.text);
     while (part.error == 0 && partsLeft > 0) {
@@ -283,6 +283,14 @@ int receiveState(int fd, const Request &request, Clock::time_point deadline, std
         text += part.reply.text;
     }
     return part.error;
+}
+
+template <class State>
+State stateOf(int error, const std::string &text, std::optional<State> (*decode)(std::string_view)) {
+    auto state = error == 0 ? decode(text) : std::nullopt;
+    if (!state)
+        throw std::system_error(error != 0 ? error : EPROTO, std::generic_category(), kService);
+    return *std::move(state);
 }
 
 // On a socket of its own. What comes in answer to the last request counts.
@@ -295,12 +303,31 @@ State askForState(const std::vector<Request> &requests, Milliseconds timeout,
     std::string text;
     for (const Request &request : requests) {
         if (error == 0)
-            error = receiveState(fd.get(), request, deadline, text);
+            error = receiveParts(fd.get(), rlv::client::ask(fd.get(), request, Reply::Kind::state, deadline), deadline,
+                                 text);
     }
-    auto state = error == 0 ? decode(text) : std::nullopt;
-    if (!state)
-        throw std::system_error(error != 0 ? error : EPROTO, std::generic_category(), "traffic-control service");
-    return *std::move(state);
+    return stateOf(error, text, decode);
+}
+
+// What is wanted, in packets: the service reads one while the next is made.
+void tellWanted(int fd, const rlv::WantedCommands &wanted, bool reading, Clock::time_point deadline) {
+    rlv::protocol::CommandList list(Request::Kind::compare);
+    const auto send = [&](std::uint64_t number) {
+        list.setNumber(number);
+        const int error = rlv::client::sendPacket(fd, list.packet(), deadline);
+        if (error != 0)
+            throw std::system_error(rlv::client::reasonOf(error, fd), std::generic_category(), kService);
+        list.clear();
+    };
+    wanted([&](std::string_view options) {
+        // One byte more than is allowed tells the service enough about a text that is too long.
+        const auto text = options.substr(0, rlv::protocol::kMaxOptionsBytes);
+        if (!list.add(text)) {
+            send(rlv::protocol::kMoreFollow);
+            static_cast<void>(list.add(text)); // an empty list has room for the longest
+        }
+    });
+    send(reading ? rlv::protocol::kReading : 0);
 }
 
 using AboutNames = rlv::protocol::NamesRequest::About;
@@ -345,6 +372,21 @@ std::vector<Opening> takeOpenings() { return connections().takeOpenings(); }
 
 ServiceState query(std::uint64_t sinceConnection, std::chrono::milliseconds timeout) {
     return askForState({Request{Request::Kind::query, sinceConnection, {}}}, timeout, protocol::decodeState);
+}
+
+Comparison compare(const WantedCommands &wanted, bool reading, std::chrono::milliseconds timeout) {
+    const auto deadline = Clock::now() + timeout;
+    UniqueFd fd;
+    int error = client::connectTo(connections().path(), deadline, fd);
+    std::string text;
+    if (error == 0) {
+        tellWanted(fd.get(), wanted, reading, deadline);
+        Outcome first = client::receiveReply(fd.get(), deadline);
+        if (first.error == 0 && first.reply.kind != Reply::Kind::state)
+            first.error = EPROTO;
+        error = receiveParts(fd.get(), std::move(first), deadline, text);
+    }
+    return stateOf(error, text, protocol::decodeComparison);
 }
 
 NamesState queryNames(bool withList, std::chrono::milliseconds timeout) {

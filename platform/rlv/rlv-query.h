@@ -5,7 +5,9 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace rlv {
@@ -79,6 +81,49 @@ struct ServiceState {
 // when the service cannot be reached or has not answered within `timeout`.
 ServiceState query(std::uint64_t sinceConnection,
                    std::chrono::milliseconds timeout = std::chrono::milliseconds(10'000));
+
+// What differs between the rules that a client wants and those that stand in the kernel.
+struct Difference {
+    enum class Kind {
+        missing,    // wanted, and not in the kernel
+        foreign,    // in a chain of ours, or a hook, and not wanted
+        changed,    // it stands with another target or at another place than it should, or what it stands in is off
+        twice,      // wanted, and there once more than wanted: the second never meets a packet
+        shadowing,  // a rule of others that decides, or may, before packets come to a hook
+        unanswered, // wanted, but its host name has no address
+    };
+    Kind kind = Kind::missing;
+    std::string chain; // empty: the whole table
+    std::string rule;  // as a client sends it or as iptables shows it, without "-A chain "; empty: the chain itself
+    std::string why;   // missing: why the service would refuse it; changed: what it should be; else empty
+};
+constexpr std::size_t kDifferenceKinds = 6;
+
+struct ComparedChain {
+    std::string name;
+    std::uint64_t wanted = 0;  // rules, one for each address of a host name
+    std::uint64_t inForce = 0; // of those
+};
+
+struct Comparison {
+    bool simulated = false;
+    std::uint64_t serviceId = 0;
+    std::vector<ComparedChain> chains;   // those that are wanted, by name
+    std::vector<Difference> differences; // by chain; of each kind the first 1,000
+    std::vector<std::uint64_t> counts = std::vector<std::uint64_t>(kDifferenceKinds); // of each kind, all
+
+    std::uint64_t count(Difference::Kind kind) const { return counts.at(static_cast<std::size_t>(kind)); }
+};
+
+// Calls `each` with the commands that would make what is wanted, in an empty table: "-N" for each chain, "-A" for each
+// rule and hook. A text that is longer than the service takes is told as missing.
+using WantedCommands = std::function<void(const std::function<void(std::string_view)> &each)>;
+
+// Compares what is wanted with what stands in the kernel. Rules of which the order makes no difference, as all have one
+// target, may stand in any order. Names stand for the addresses that were last given to commands. What is known to be
+// unchanged is not read again; with `reading` that means what was read, and else also what was sent and taken whole.
+// Throws as query() does, and what `wanted` throws.
+Comparison compare(const WantedCommands &wanted, bool reading, std::chrono::milliseconds timeout);
 
 // A host name in use for which the service had no answer when it last asked.
 struct UnansweredName {

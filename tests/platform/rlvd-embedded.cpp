@@ -59,6 +59,9 @@ public:
     }
     rlv::PushReport drop() override { return table_->drop(); }
     void describe(rlv::ServiceState &state) override { table_->describe(state); }
+    void look(bool reading, const std::function<void(const rlv::Ruleset &)> &visit) override {
+        table_->look(reading, visit);
+    }
     rlv::Answer removeAll() override { return table_->removeAll(); }
 
 private:

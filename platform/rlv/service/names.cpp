@@ -389,6 +389,17 @@ NameAnswers Names::answersAfter(const std::string &name, const LookUpResult &res
     return found == entries_.end() ? NameAnswers() : answers(found->second, result.kind);
 }
 
+std::optional<Addresses> Names::applied(const std::string &name, bool allows) const {
+    const auto found = entries_.find(keyOf(name));
+    if (found != entries_.end() && found->second.given.at(allows ? 1 : 0))
+        return found->second.given.at(allows ? 1 : 0);
+    const auto result = standing(name);
+    if (!result)
+        return std::nullopt;
+    const NameAnswers answers = answersAfter(name, *result);
+    return allows ? answers.allowing : answers.denying;
+}
+
 void Names::noteUse(const std::string &name, bool allows, const Addresses &addresses) {
     const auto found = entries_.find(keyOf(name));
     if (found == entries_.end())

@@ -64,6 +64,9 @@ public:
     std::optional<LookUpResult> standing(const std::string &name) const;
     // What the name stands for when a look-up came to `result`.
     NameAnswers answersAfter(const std::string &name, const LookUpResult &result) const;
+    // What the name stood for in the last command of that kind, or would stand for in one now; empty where no look-up
+    // has come to an end since the service was started.
+    std::optional<Addresses> applied(const std::string &name, bool allows) const;
     // A command was given these addresses.
     void noteUse(const std::string &name, bool allows, const Addresses &addresses);
 

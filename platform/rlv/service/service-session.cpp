@@ -98,6 +98,8 @@ void Session::dispatch(std::size_t textBytes) {
         return query();
     if (request_.kind == Kind::names)
         return names(textBytes);
+    if (request_.kind == Kind::compare)
+        return compare(textBytes);
     if ((request_.kind == Kind::open) == isOpen())
         return refuse(EPROTO, isOpen() ? "opened twice" : "not opened");
     switch (request_.kind) {
@@ -200,6 +202,25 @@ void Session::names(std::size_t textBytes) {
     }
     state.serviceId = context_.serviceId;
     const auto packets = protocol::encodeState(state);
+    connection_.reply({packets.begin(), packets.end()});
+}
+
+// What is wanted comes in any number of requests, of which the last is answered.
+void Session::compare(std::size_t textBytes) {
+    if (textBytes != request_.text.size() || !protocol::isCommandList(request_.text))
+        return refuse(EPROTO, "not a list of wanted rules");
+    if (!wanted_)
+        wanted_ = std::make_unique<WantedRules>(context_);
+    for (std::string_view rest = request_.text; !rest.empty();) {
+        if (!wanted_->add(std::string(protocol::takeCommand(rest))))
+            return refuse(EMSGSIZE, "more wanted rules than a table takes");
+    }
+    if ((request_.number & protocol::kMoreFollow) != 0)
+        return connection_.goOn();
+    Comparison comparison = std::exchange(wanted_, nullptr)->compare((request_.number & protocol::kReading) != 0);
+    comparison.simulated = context_.simulated;
+    comparison.serviceId = context_.serviceId;
+    const auto packets = protocol::encodeState(comparison);
     connection_.reply({packets.begin(), packets.end()});
 }
 

@@ -16,6 +16,7 @@
 #include "rlv/service/delivery.h"
 #include "rlv/service/names.h"
 #include "rlv/service/service-context.h"
+#include "rlv/service/wanted-rules.h"
 
 namespace rlv {
 
@@ -47,6 +48,7 @@ private:
     void close();
     void query();
     void names(std::size_t textBytes);
+    void compare(std::size_t textBytes);
     void refuse(int error, const std::string &message);
     void finish(ConnectionEnd how);
 
@@ -84,7 +86,8 @@ private:
     std::map<std::string, KnownName> known_;
     std::chrono::milliseconds lookUpTimeLeft_;
     std::unique_ptr<Names::Wait> lookUp_;
-    std::vector<std::string> announced_; // of an announcement under way
+    std::vector<std::string> announced_;  // of an announcement under way
+    std::unique_ptr<WantedRules> wanted_; // of a comparison under way
     Connection connection_;
 };
 

@@ -63,6 +63,8 @@ struct Command {
 // names the word and what would be accepted for everything else.
 std::variant<Command, Answer> parseCommand(const std::string &options, const std::string &chainPrefix);
 
+// What comes before its "-j", with a blank behind it where there is anything.
+std::string describeMatch(const Rule &rule);
 // The rule as iptables -S shows it, without "-A chain ": "-s 10.0.0.0/8 -p tcp -m tcp --sport 80 -j DROP".
 std::string describe(const Rule &rule);
 

@@ -83,13 +83,15 @@ bool operator==(const Rule &left, const Rule &right) {
 
 bool operator!=(const Rule &left, const Rule &right) { return !(left == right); }
 
-std::string describe(const Rule &rule) {
+std::string describeMatch(const Rule &rule) {
     std::string text;
     if (rule.source)
         text += "-s " + describeNetwork(*rule.source) + " ";
     if (rule.destination)
         text += "-d " + describeNetwork(*rule.destination) + " ";
-    return text + describeProtocol(rule) + "-j " + describeTarget(rule.target);
+    return text + describeProtocol(rule);
 }
+
+std::string describe(const Rule &rule) { return describeMatch(rule) + "-j " + describeTarget(rule.target); }
 
 } // namespace rlv

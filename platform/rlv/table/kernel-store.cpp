@@ -151,6 +151,7 @@ public:
     std::vector<ChangeFailure> dryRun(const Changes &changes) override;
 
 private:
+    [[nodiscard]] bool readTables(Ruleset &ruleset);
     [[nodiscard]] bool readChains(Ruleset &ruleset);
     [[nodiscard]] bool readRules(Ruleset &ruleset);
     [[nodiscard]] bool readRulesOf(const std::string &chain, Ruleset &ruleset);
@@ -188,7 +189,7 @@ std::optional<Ruleset> KernelStore::read() {
     Ruleset ruleset;
     ruleset.generation = netlink_.generation();
     oddHookChains_.clear();
-    if (!readChains(ruleset) || !readRules(ruleset))
+    if (!readTables(ruleset) || !readChains(ruleset) || !readRules(ruleset))
         return std::nullopt;
     finish(ruleset);
     if (netlink_.generation() != ruleset.generation)
@@ -214,9 +215,9 @@ std::optional<Ruleset> KernelStore::readInParts() {
     Ruleset ruleset;
     bool whole = false;
     for (int i = 0; i < kMaxPartReadings && !whole; ++i) {
-        ruleset = {netlink_.generation(), {}};
+        ruleset = {netlink_.generation(), {}, false};
         oddHookChains_.clear();
-        whole = readChains(ruleset);
+        whole = readTables(ruleset) && readChains(ruleset);
     }
     for (const auto &[name, chain] : ruleset.chains)
         whole = whole && readRulesOf(name, ruleset);
@@ -243,6 +244,16 @@ bool KernelStore::readRulesOf(const std::string &chain, Ruleset &ruleset) {
         }
     }
     return false;
+}
+
+bool KernelStore::readTables(Ruleset &ruleset) {
+    return netlink_.dump(
+        NFT_MSG_GETTABLE, [](nlmsghdr *) {},
+        [&](const nlmsghdr *message) {
+            const Attributes table = Attributes::of(message);
+            if (table.text(NFTA_TABLE_NAME) == kTable)
+                ruleset.isDormant = (table.u32(NFTA_TABLE_FLAGS).value_or(0) & NFT_TABLE_F_DORMANT) != 0;
+        });
 }
 
 bool KernelStore::readChains(Ruleset &ruleset) {
@@ -290,8 +301,13 @@ void KernelStore::takeRule(const nlmsghdr *message, Ruleset &ruleset) const {
     chain.usesElsewhere -= std::min<std::size_t>(chain.usesElsewhere, 1);
     for (const std::string &target : jumpsOf(rule))
         ++chain.jumps[target];
-    if (holdsOurRules(name))
-        chain.rules.push_back({rule.u64(NFTA_RULE_HANDLE).value_or(0), decode(rule)});
+    if (!holdsOurRules(name)) {
+        chain.mayDecide = chain.mayDecide || effectOf(rule) == OtherRule::Effect::decides;
+        return;
+    }
+    chain.rules.push_back({rule.u64(NFTA_RULE_HANDLE).value_or(0), decode(rule)});
+    if (!chain.rules.back().rule)
+        chain.others.emplace(chain.rules.back().handle, describeOther(rule));
 }
 
 std::vector<std::uint64_t> KernelStore::dumpHandles(const std::string &chain, bool &whole) {

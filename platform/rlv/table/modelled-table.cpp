@@ -126,6 +126,7 @@ void ModelledTable::load(Reading reading) {
     model_.load(std::move(reading.ruleset));
     generation_ = model_.held().generation;
     isWhole_ = reading.isWhole;
+    isRead_ = true;
 }
 
 Answer ModelledTable::apply(const std::vector<Command> &commands, const std::string &options) {
@@ -139,6 +140,7 @@ void ModelledTable::reread(PushReport &report) {
     model_.rebase(std::move(ruleset), report.lost);
     generation_ = model_.held().generation;
     isWhole_ = isWhole;
+    isRead_ = true;
 }
 
 PushReport ModelledTable::push() {
@@ -226,6 +228,7 @@ ModelledTable::Outcome ModelledTable::tryPush(Limits limits, PushReport &report)
         return Outcome::refused;
     }
     report.changes = batch.changes.size();
+    isRead_ = isRead_ && batch.changes.empty();
     adopt(plan, bound || batch.changes.empty(), report);
     return Outcome::sent;
 }
@@ -458,6 +461,16 @@ void ModelledTable::describe(ServiceState &state) {
     }
     state.hooks = described_.hooks;
     state.chains = described_.chains;
+}
+
+void ModelledTable::look(bool reading, const std::function<void(const Ruleset &)> &visit) {
+    if (generation_ == store_->generation() && (isRead_ || !reading))
+        return visit(model_.held());
+    Reading now = readRuleset();
+    if (model_.isChanged()) // a connection goes on from what it has
+        return visit(now.ruleset);
+    load(std::move(now));
+    visit(model_.held());
 }
 
 Answer ModelledTable::removeAll() {

@@ -30,6 +30,7 @@ public:
     PushReport push() override;
     PushReport drop() override;
     void describe(ServiceState &state) override;
+    void look(bool reading, const std::function<void(const Ruleset &)> &visit) override;
     Answer removeAll() override;
 
 private:
@@ -76,6 +77,7 @@ private:
     Model model_;
     std::vector<LostCommand> unreported_;     // by a push() that threw
     std::optional<std::uint32_t> generation_; // of what the model holds; none: it may be out of date
+    bool isRead_ = true;                      // false: it holds what was sent, and was taken, since
     bool isWhole_ = true;                     // false: the model may be mixed of several generations
     // What describe() read last while a connection had its own model, and at which generation.
     std::optional<std::uint32_t> describedGeneration_;

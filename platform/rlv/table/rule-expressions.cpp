@@ -6,6 +6,7 @@
 #include <endian.h>
 #include <map>
 #include <netinet/in.h>
+#include <set>
 #include <string_view>
 #include <utility>
 
@@ -258,6 +259,10 @@ public:
     }
 
     std::optional<Rule> result() const { return hasTarget_ ? std::optional(rule_) : std::nullopt; }
+    // What was understood so far.
+    const Rule &rule() const { return rule_; }
+    // After an expression that was not understood: what it has loaded is no longer compared.
+    void forget() { loaded_ = Loaded::nothing; }
 
 private:
     enum class Loaded { nothing, protocol, network, transport };
@@ -310,7 +315,10 @@ private:
     bool compare(const Attributes &expression) {
         const std::uint32_t operation = number(expression, NFTA_CMP_OP);
         const Loaded loaded = std::exchange(loaded_, Loaded::nothing);
-        if (number(expression, NFTA_CMP_SREG) != register_)
+        const std::size_t bytes = expression.nested(NFTA_CMP_DATA).bytes(NFTA_DATA_VALUE).size();
+        // One that compares less than was loaded is another rule.
+        const bool isAll = bytes == (loaded == Loaded::protocol ? sizeof(std::uint8_t) : bytes_);
+        if (number(expression, NFTA_CMP_SREG) != register_ || !isAll)
             return false;
         if (loaded == Loaded::transport)
             return comparePorts(expression, operation);
@@ -365,8 +373,8 @@ private:
         const auto first = data<std::uint16_t>(expression, NFTA_RANGE_FROM_DATA);
         const auto last = data<std::uint16_t>(expression, NFTA_RANGE_TO_DATA);
         return std::exchange(loaded_, Loaded::nothing) == Loaded::transport && bytes_ == kPortBytes && first && last &&
-               number(expression, NFTA_RANGE_OP) == NFT_RANGE_EQ && number(expression, NFTA_RANGE_SREG) == register_ &&
-               setPorts(offset_, {ntohs(*first), ntohs(*last)});
+               number(expression, NFTA_RANGE_SREG) == register_ && number(expression, NFTA_RANGE_OP) == NFT_RANGE_EQ &&
+               number(expression, NFTA_RANGE_SREG) == register_ && setPorts(offset_, {ntohs(*first), ntohs(*last)});
     }
 
     bool counter(const Attributes &) { return true; }
@@ -449,6 +457,98 @@ std::optional<Rule> decode(const Attributes &rule) {
         isOfOurKind = isOfOurKind && decoder.step(name, expression);
     });
     return isOfOurKind ? decoder.result() : std::nullopt;
+}
+
+namespace {
+
+using Effect = OtherRule::Effect;
+
+// A target of xtables that lets the packet go on to the next rule.
+bool goesOn(std::string_view target) {
+    static const std::set<std::string_view> names{"LOG",         "NFLOG",  "MARK", "CONNMARK", "SECMARK",
+                                                  "CONNSECMARK", "TRACE",  "SET",  "AUDIT",    "CLASSIFY",
+                                                  "CHECKSUM",    "TCPMSS", "DSCP", "TOS",      "TTL"};
+    return names.count(target) > 0;
+}
+
+// An expression that loads, compares, counts or notes, and gives no verdict.
+bool isHarmless(std::string_view name) {
+    static const std::set<std::string_view> names{"meta",  "payload", "bitwise",   "cmp",    "range",     "counter",
+                                                  "match", "log",     "limit",     "ct",     "byteorder", "rt",
+                                                  "fib",   "socket",  "hash",      "numgen", "exthdr",    "quota",
+                                                  "osf",   "last",    "connlimit", "dup",    "dynset",    "inner"};
+    return names.count(name) > 0;
+}
+
+void takeVerdict(const Attributes &expression, OtherRule &other) {
+    const auto [code, chain] = verdictOf(expression);
+    switch (static_cast<int>(code.value_or(NF_DROP))) {
+    case NFT_CONTINUE:
+        return;
+    case NFT_RETURN:
+        other.effect = Effect::returns;
+        other.text += "-j RETURN";
+        return;
+    case NFT_JUMP:
+        other = {other.text + "-j " + chain, Effect::jumps, chain};
+        return;
+    case NFT_GOTO:
+        other = {other.text + "-g " + chain, Effect::decides, chain};
+        return;
+    case NF_ACCEPT:
+        other = {other.text + "-j ACCEPT", Effect::decides, {}};
+        return;
+    case NF_DROP:
+        other = {other.text + "-j DROP", Effect::decides, {}};
+        return;
+    default:
+        other = {other.text + "-j QUEUE", Effect::decides, {}};
+    }
+}
+
+// What the expression makes of the packet, at the end of the text.
+void takeEffect(std::string_view name, const Attributes &expression, OtherRule &other) {
+    if (name == "immediate" && expression.u32(NFTA_IMMEDIATE_DREG) == NFT_REG_VERDICT)
+        return takeVerdict(expression, other);
+    if (name == "target") {
+        const std::string_view target = expression.text(NFTA_TARGET_NAME);
+        other.text += "-j " + std::string(target);
+        if (!goesOn(target))
+            other.effect = Effect::decides;
+        return;
+    }
+    const bool isMap = name == "lookup" && expression.u32(NFTA_LOOKUP_DREG) == NFT_REG_VERDICT;
+    if (isMap || (name != "lookup" && name != "immediate" && name != "objref" && !isHarmless(name))) {
+        other.text += "-j [" + std::string(name) + "]";
+        other.effect = Effect::decides;
+    }
+}
+
+} // namespace
+
+OtherRule describeOther(const Attributes &rule) {
+    Decoder decoder;
+    std::string rest = rule.has(NFTA_RULE_USERDATA) ? "[comment] " : "";
+    OtherRule other;
+    forEachExpression(rule, [&](std::string_view name, const Attributes &expression) {
+        const std::size_t length = other.text.size();
+        takeEffect(name, expression, other);
+        const bool isTarget = other.text.size() != length || name == "immediate" || name == "target";
+        if (isTarget || decoder.step(name, expression))
+            return;
+        decoder.forget();
+        rest += name == "match" ? "-m " + std::string(expression.text(NFTA_MATCH_NAME)) + " "
+                                : "[" + std::string(name) + "] ";
+    });
+    other.text = describeMatch(decoder.rule()) + rest + other.text;
+    return other;
+}
+
+OtherRule::Effect effectOf(const Attributes &rule) {
+    OtherRule other;
+    forEachExpression(
+        rule, [&](std::string_view name, const Attributes &expression) { takeEffect(name, expression, other); });
+    return other.effect;
 }
 
 std::vector<std::string> jumpsOf(const Attributes &rule) {

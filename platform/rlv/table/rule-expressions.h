@@ -11,6 +11,7 @@
 
 #include "rlv/table/attributes.h"
 #include "rlv/table/command.h"
+#include "rlv/table/ruleset.h"
 
 namespace rlv {
 
@@ -21,6 +22,11 @@ void putRule(nlmsghdr *message, const Rule &rule, const std::string &chain, std:
 // What iptables would show for a rule of the kernel (NFTA_RULE_...), its counters aside; none for rules that a Rule
 // cannot hold.
 std::optional<Rule> decode(const Attributes &rule);
+
+// The same rule where decode() gives none.
+OtherRule describeOther(const Attributes &rule);
+// Its effect alone.
+OtherRule::Effect effectOf(const Attributes &rule);
 
 // The chains to which a rule of the kernel jumps or goes, whatever else it does.
 std::vector<std::string> jumpsOf(const Attributes &rule);

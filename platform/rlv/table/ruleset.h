@@ -19,20 +19,32 @@ struct HeldRule {
     std::optional<Rule> rule; // none where it is no rule of our kind
 };
 
+// A rule of the kernel that a Rule cannot hold, as far as it can be told.
+struct OtherRule {
+    // What becomes of a packet that it matches. `decides` stands for all of which it is not known.
+    enum class Effect { goesOn, jumps, returns, decides };
+    std::string text; // nearly as iptables shows it
+    Effect effect = Effect::goesOn;
+    std::string target; // the chain that it jumps or goes to; empty for none
+};
+
 struct HeldChain {
     // Of the chains that the service may change; empty for others.
     std::vector<HeldRule> rules;
     // False where rules have no handles, because they were sent from here and not read since.
     bool handlesKnown = true;
-    std::map<std::string, std::size_t> jumps; // how many rules jump or go to each chain, those of others included
-    std::size_t usesElsewhere = 0;            // what else refers to the chain: maps of verdicts
-    bool isBase = false;                      // packets enter the table here
+    std::map<std::string, std::size_t> jumps;  // how many rules jump or go to each chain, those of others included
+    std::size_t usesElsewhere = 0;             // what else refers to the chain: maps of verdicts
+    std::map<std::uint64_t, OtherRule> others; // of `rules`, those that are no rule of our kind, by handle
+    bool mayDecide = false;                    // of a chain without `rules`: one of them decides by itself
+    bool isBase = false;                       // packets enter the table here
     int hookError = 0; // the errno with which the kernel refuses to take this chain for INPUT or OUTPUT
 };
 
 struct Ruleset {
     std::uint32_t generation = 0; // the number that changes with every transaction of anybody
     std::map<std::string, HeldChain> chains;
+    bool isDormant = false; // the whole table is switched off
 };
 
 // One message of a transaction. What it points to belongs to the caller and outlives the commit.

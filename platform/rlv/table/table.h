@@ -3,12 +3,14 @@
 #define PLATFORM_RLV_TABLE_TABLE_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "rlv/rlv-query.h"
 #include "rlv/table/command.h"
+#include "rlv/table/ruleset.h"
 
 namespace rlv {
 
@@ -55,6 +57,10 @@ public:
 
     // Fills in `hooks` and `chains` of what stands now in the kernel, whatever the model is.
     virtual void describe(ServiceState &state) = 0;
+
+    // Calls back with what stands in the kernel now, whatever the model is, read anew where it may be another than when
+    // it was read; with `reading` also where it comes from what was sent since.
+    virtual void look(bool reading, const std::function<void(const Ruleset &)> &visit) = 0;
 
     // Takes the hooks to the service's chains out of INPUT and OUTPUT, then the chains themselves. Chains that foreign
     // rules jump to are emptied and stay; the answer names them.
