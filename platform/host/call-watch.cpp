@@ -27,8 +27,12 @@ std::string withoutColours(const std::string &text) {
     return plain;
 }
 
+// What iptables answers to a removal of what is not there, and to the making of a chain that is.
+constexpr int kNothingToDo = 1;
+
+// A refusal because there is nothing to do leaves what was asked for; any other leaves something else.
 bool mayBeThoughtInForce(const rlv::LostCommand &command) {
-    return !command.refusedAtOnce || command.options.compare(0, 3, "-A ") == 0;
+    return !command.refusedAtOnce || command.code != kNothingToDo || command.options.compare(0, 3, "-A ") == 0;
 }
 
 void judge(const rlv::ConnectionOutcome &connection, Verdict &verdict) {

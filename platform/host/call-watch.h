@@ -22,7 +22,8 @@ std::optional<std::string> errorText(const vlog::Line &line);
 
 struct Verdict {
     // What the plugin may think to be in force and is not: an -A that was refused, anything that was accepted and lost
-    // later. Refused -F, -N, -X and -D are none: the plugin sends them on the off chance.
+    // later, any other command that was refused for another reason than that there was nothing to do. The plugin sends
+    // -F, -N, -X and -D on the off chance, and passes over each refusal.
     std::vector<std::string> notInForce;
     // Why a connection did not come to its end, or not all that belongs to it was sent, so that stored rules and the
     // kernel's may differ; empty when all is well.

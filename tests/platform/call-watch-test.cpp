@@ -50,6 +50,13 @@ TEST(ACommand, IsNotCountedWhenItWasSentOnTheOffChance) {
         EXPECT_THAT(judged({options, 1, "no such chain", true}), IsEmpty()) << options;
 }
 
+TEST(ACommand, CountsWhenItWasRefusedThoughThereWasSomethingToDo) {
+    for (const int code : {2, 4}) {
+        for (const char *options : {"-F VPK-DENY", "-N VPK-DENY", "-X VPK-DENY", "-D INPUT -j VPK-DENY"})
+            EXPECT_THAT(judged({options, code, "refused", true}), ElementsAre(std::string(options) + ": refused"));
+    }
+}
+
 TEST(ACommand, IsNotInForceWhenItWasAcceptedAndLost) {
     for (const char *options : {"-A VPK-DENY -j DROP", "-F VPK-DENY", "-N VPK-DENY", "-D INPUT -j VPK-DENY"})
         EXPECT_THAT(judged({options, 4, "lost", false}), ElementsAre(std::string(options) + ": lost"));
