@@ -8,7 +8,8 @@ _vpkctl_options() {
     case $1 in
     '') echo '-h --help --socket --version' ;;
     exec) echo '-h --help --socket --raw --yes --as-is' ;;
-    status | rules | reports) echo '-h --help --socket --json' ;;
+    status | verify) echo '-h --help --socket --json --strict' ;;
+    rules | reports) echo '-h --help --socket --json' ;;
     *) echo '-h --help --socket' ;;
     esac
 }
@@ -41,7 +42,7 @@ _vpkctl_data() {
 # What stands at position $2 after the subcommand $1; $3 is the word before it.
 _vpkctl_positional() {
     case $1.$2 in
-    .0) _vpkctl_words 'exec call status set-status apply-status reload rules reports' ;;
+    .0) _vpkctl_words 'exec call status verify set-status apply-status reload rules reports' ;;
     exec.0) _vpkctl_words "$_vpkctl_commands" ;;
     exec.1) _vpkctl_data "$3" ;;
     call.0) _vpkctl_words "$_vpkctl_methods" ;;

@@ -43,30 +43,6 @@ std::string timeOf(std::int64_t seconds) {
     return text.data();
 }
 
-// Chains, jumps and rules.
-std::vector<std::string> missingParts(const Json &document) {
-    std::vector<std::string> missing;
-    for (const auto &name : part(document, "missing"))
-        missing.push_back(name.get<std::string>());
-    const Json &rules = part(document, "rules");
-    for (const char *kind : {"allow", "deny"}) {
-        if (rules.contains("inForce") && number(rules["inForce"], kind) < number(part(rules, "expected"), kind))
-            missing.push_back(std::string(kind) + " rules");
-    }
-    return missing;
-}
-
-std::string inForceLine(const Json &document) {
-    const std::string problem = text(document, "serviceProblem");
-    if (!problem.empty())
-        return "not known: " + problem;
-    std::string line;
-    for (const auto &name : missingParts(document))
-        line += (line.empty() ? "NOT in force, missing: " : ", ") + name;
-    return (line.empty() ? "in force" : line) +
-           (document.value("simulated", false) ? " (simulated: the kernel is not touched)" : "");
-}
-
 std::string rebuildLine(const std::string &rebuild) { return rebuild.empty() ? "" : "rebuilding   " + rebuild + "\n"; }
 
 std::string databaseLines(const Json &remarks) {
@@ -112,8 +88,7 @@ std::string rulesLine(const Json &rules) {
     if (rules.contains("inForce") && !isKnown)
         line += "; in force " + countsOf(rules["inForce"]);
     else if (rules.contains("inForce"))
-        line += "; in force " + countsOf(rules["inForce"]) + " (at least " + countsOf(part(rules, "expected")) +
-                " expected)";
+        line += "; in force " + countsOf(rules["inForce"]) + " (" + countsOf(part(rules, "expected")) + " expected)";
     return line;
 }
 
@@ -158,16 +133,14 @@ void showDocument(const std::string &document, bool asJson, std::string (*asText
         show(stdout, asText(parseDocument(document)), indent);
 }
 
-bool wholeInForce(const Json &document) {
-    return document.value("inForce", false) && text(document, "serviceProblem").empty() &&
-           missingParts(document).empty() && text(document, "rebuild").empty() &&
-           text(document, "databaseProblem").empty() && part(part(document, "names"), "none").empty();
+int exitStatusOf(const Json &document, bool strict) {
+    return static_cast<int>(document.value(strict ? "strictExitStatus" : "exitStatus", std::int64_t{1}));
 }
 
 std::string statusAsText(const Json &document) {
     return "plugin       " + nameOfStored(document) + " (stored), " + nameOfStatus(number(document, "applied")) +
            " (as last applied)\n" +                                                     //
-           "firewall     " + inForceLine(document) + "\n" +                             //
+           "firewall     " + printable(text(document, "summary")) + "\n" +              //
            rebuildLine(text(document, "rebuild")) +                                     //
            databaseLines(part(document, "databases")) +                                 //
            databaseLine(text(document, "databaseProblem")) +                            //
@@ -178,6 +151,39 @@ std::string statusAsText(const Json &document) {
            problemLine("privileges   ", text(document, "privilegesProblem")) +          //
            "last report  " + lastReportLine(text(document, "lastReport")) + "\n" +      //
            "covers       " + text(document, "families") + "; IPv6 passes unfiltered\n"; //
+}
+
+namespace {
+
+std::string findingLine(const Json &finding) {
+    constexpr std::size_t kKindWidth = 10;
+    constexpr std::size_t kChainWidth = 14;
+    const auto padded = [](std::string word, std::size_t width) {
+        word.resize(std::max(word.size(), width), ' ');
+        return word + "  ";
+    };
+    const std::string chain = text(finding, "chain");
+    const std::string rule = text(finding, "rule");
+    return padded(text(finding, "kind"), kKindWidth) + (chain.empty() ? "" : padded(chain, kChainWidth)) +
+           (rule.empty() ? "" : rule + "  ") + "(" + text(finding, "advice") + ")";
+}
+
+} // namespace
+
+std::string verificationAsText(const Json &document) {
+    std::string lines;
+    std::int64_t shown = 0;
+    for (const auto &finding : part(document, "findings")) {
+        lines += printable(findingLine(finding)) + "\n";
+        ++shown;
+    }
+    std::int64_t all = 0;
+    for (const char *kind : {"differences", "shadowed", "twice", "unanswered"})
+        all += number(document, kind);
+    if (all > shown)
+        lines += "... and " + std::to_string(all - shown) + " more\n";
+    return lines + databaseLine(printable(text(document, "databaseProblem"))) + rebuildLine(text(document, "rebuild")) +
+           namesLines(part(document, "names")) + "firewall     " + printable(text(document, "summary")) + "\n";
 }
 
 std::string rulesAsText(const Json &document) {

@@ -21,8 +21,11 @@ void showDocument(const std::string &document, bool asJson, std::string (*asText
 constexpr std::size_t kStatusIndent = 13; // where the second column of the status begins
 
 std::string statusAsText(const Json &document);
-// True when the status document says that the whole firewall is known to be in force, and that no rebuild is pending.
-bool wholeInForce(const Json &document);
+// One line for each finding, and the summary.
+std::string verificationAsText(const Json &document);
+// What the host says that a program which shows the document ends with. `strict` where rules of others before ours
+// count.
+int exitStatusOf(const Json &document, bool strict);
 // One line for each rule, as the arguments of vpkctl exec: "ApplyDenyRules tcp:10.0.0.5:8000-8080:out".
 std::string rulesAsText(const Json &document);
 std::string reportsAsText(const Json &document);

@@ -20,8 +20,8 @@ ended the call. Results go to standard output, all else to standard error.)";
 
 void addSubcommands(CLI::App &app, cli::Session &session) {
     app.require_subcommand(0, 1); // whether there is one is checked later: a word that is none is then named
-    for (const auto add : {cli::addExec, cli::addCall, cli::addStatus, cli::addSetStatus, cli::addApplyStatus,
-                           cli::addReload, cli::addRules, cli::addReports})
+    for (const auto add : {cli::addExec, cli::addCall, cli::addStatus, cli::addVerify, cli::addSetStatus,
+                           cli::addApplyStatus, cli::addReload, cli::addRules, cli::addReports})
         add(app, session);
     for (auto *subcommand : app.get_subcommands(nullptr))
         subcommand->fallthrough(); // --socket may stand anywhere

@@ -62,6 +62,7 @@ ExitStatus statusOf(const mavo::rmi::Reply &reply, bool wentWell);
 void addExec(CLI::App &app, Session &session);
 void addCall(CLI::App &app, Session &session);
 void addStatus(CLI::App &app, Session &session);
+void addVerify(CLI::App &app, Session &session); // in status.cpp
 void addSetStatus(CLI::App &app, Session &session);
 void addApplyStatus(CLI::App &app, Session &session);
 void addReload(CLI::App &app, Session &session);

@@ -117,6 +117,22 @@ void refreshRuleBackup() noexcept try {
     tellOfBackup(problem.what());
 }
 
+void distrustRuleBackup() noexcept { wellAt.reset(); }
+
+std::string ruleBackupDifference() {
+    if (::access(kRuleDatabase, F_OK) != 0) {
+        return ::access(kRuleDatabaseBackup, F_OK) == 0
+                   ? std::string(kRuleDatabase) + " is missing: vpkctl reload puts the backup in its place"
+                   : std::string();
+    }
+    if (needsNoBackup() || mavo::database::isBackupEqual(kRuleDatabase))
+        return {};
+    distrustRuleBackup();
+    return std::string(kRuleDatabaseBackup) +
+           (::access(kRuleDatabaseBackup, F_OK) == 0 ? " is not equal to the rules" : " is missing") +
+           ": vpkctl reload copies them";
+}
+
 std::vector<std::string> databaseRemarks() try {
     std::vector<std::string> remarks = told;
     if (!backupProblem.empty())

@@ -18,6 +18,14 @@ void watchOverDatabases();
 // from that is told as an error in the log and, until it has been done, in the status.
 void refreshRuleBackup() noexcept;
 
+// The next refreshRuleBackup() looks at both files, whether something was changed here or not.
+void distrustRuleBackup() noexcept;
+
+// What is different about the backup of the rules, in words that say what to do; empty when it is equal to them, or not
+// needed as there are none. Throws mavo::Exception or mavo::database::Unavailable when that cannot be told. No
+// connection to either database may be open.
+std::string ruleBackupDifference();
+
 // One line each: the files that lie aside, what this process found changed by others, and a backup that is behind. For
 // `status`.
 std::vector<std::string> databaseRemarks();

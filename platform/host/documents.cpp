@@ -1,20 +1,19 @@
 #include "host/documents.h"
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
 #include <exception>
-#include <functional>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <unistd.h>
+#include <utility>
 
 #include <json/json.h>
 
-#include "host/call-watch.h"
+#include "host/account.h"
 #include "host/collector.h"
 #include "host/config-file.h"
 #include "host/databases.h"
@@ -24,89 +23,54 @@
 #include "host/paths.h"
 #include "host/plugin-config.h"
 #include "host/status-storage.h"
+#include "host/stored-rules.h"
 #include "mavo/database.h"
 #include "mavo/exception.h"
 #include "nyr-common-client/outbox.h"
-#include "support/safe-open.h"
 
 namespace host {
 namespace {
 
-constexpr int kReadOnly = 1; // SQLite's open flag
-constexpr const char *kAllowChain = "VPK-ALLOW";
-constexpr const char *kDenyChain = "VPK-DENY";
-constexpr const char *kLogAndDropChain = "VPK-LOGANDDROP";
-constexpr std::uint64_t kLogAndDropRules = 2;
+constexpr int kReadOnly = 1;                                            // SQLite's open flag
 constexpr std::size_t kRulesLimitBytes = std::size_t{16} * 1024 * 1024; // about 170,000 rules
 
-struct StoredRule {
-    std::string protocol;
-    std::string domain;
-    std::string port;
-    int direction = 0;
-    bool allowed = false;
-};
+Json::Value countsAsJson(const RuleCounts &counts) {
+    Json::Value json;
+    json["allow"] = static_cast<Json::UInt64>(counts.allow);
+    json["deny"] = static_cast<Json::UInt64>(counts.deny);
+    return json;
+}
 
-// Called between two plugin calls, when nobody writes.
-void forEachStoredRule(const std::function<void(const StoredRule &)> &each) try {
-    const std::string misplaced = support::plainFileProblem(kRuleDatabase);
-    if (!misplaced.empty())
-        throw std::runtime_error(misplaced);
-    if (::access(kRuleDatabase, F_OK) != 0)
-        return;
-    mavo::database::Connection connection(kRuleDatabase, kReadOnly, false);
-    mavo::database::Statement statement(connection,
-                                        "SELECT protocol, domain, port, direction, is_allowed FROM firewall_rules");
-    while (statement.step()) {
-        each({statement.getColumn(0).getText(), statement.getColumn(1).getText(), statement.getColumn(2).getText(),
-              statement.getColumn(3).getInt(), statement.getColumn(4).getInt() != 0});
+Json::Value findingAsJson(const Finding &finding) {
+    Json::Value json;
+    json["kind"] = finding.kind;
+    json["chain"] = finding.chain;
+    json["rule"] = finding.rule;
+    json["advice"] = finding.advice;
+    return json;
+}
+
+void add(const Account &account, Json::Value &document) {
+    document["inForce"] = account.isInForce();
+    document["summary"] = account.summary();
+    document["exitStatus"] = account.exitStatus(false);
+    document["strictExitStatus"] = account.exitStatus(true);
+    document["serviceProblem"] = account.serviceProblem;
+    document["databaseProblem"] = account.databaseProblem;
+    document["simulated"] = account.simulated;
+    document["rules"] = Json::Value(Json::objectValue);
+    for (const auto &[name, counts] :
+         {std::pair{"stored", account.stored}, {"expected", account.expected}, {"inForce", account.inForce}}) {
+        if (counts)
+            document["rules"][name] = countsAsJson(*counts);
     }
-} catch (const mavo::Exception &error) {
-    throw mavo::Exception(std::string(kRuleDatabase) + ": " + error.what());
-}
-
-const rlv::ChainState *chainOf(const rlv::ServiceState &state, const char *name) {
-    const auto found = std::find_if(state.chains.begin(), state.chains.end(),
-                                    [name](const rlv::ChainState &chain) { return chain.name == name; });
-    return found != state.chains.end() ? &*found : nullptr;
-}
-
-Json::UInt64 rulesIn(const rlv::ServiceState &state, const char *name) {
-    const auto *chain = chainOf(state, name);
-    return chain != nullptr ? chain->rules : 0;
-}
-
-Json::Value storedAndExpected() {
-    Json::Value counts;
-    for (const char *kind : {"allow", "deny"}) {
-        counts["stored"][kind] = 0;
-        counts["expected"][kind] = 0;
-    }
-    forEachStoredRule([&counts](const StoredRule &rule) {
-        const char *kind = rule.allowed ? "allow" : "deny";
-        counts["stored"][kind] = counts["stored"][kind].asInt() + 1;
-        // Both directions are a rule each.
-        counts["expected"][kind] =
-            counts["expected"][kind].asInt() + (rule.direction == 1 || rule.direction == 2 ? 1 : 2);
-    });
-    return counts;
-}
-
-void addServiceState(Json::Value &document) {
-    document["missing"] = Json::Value(Json::arrayValue);
-    try {
-        const auto state = rlv::query(0, kQueryTimeout);
-        for (const auto &part : missingParts(state))
-            document["missing"].append(part);
-        document["inForce"] = document["missing"].empty();
-        document["simulated"] = state.simulated;
-        document["rules"]["inForce"]["allow"] = rulesIn(state, kAllowChain);
-        document["rules"]["inForce"]["deny"] = rulesIn(state, kDenyChain);
-        document["serviceProblem"] = "";
-    } catch (const std::exception &error) {
-        document["inForce"] = false;
-        document["serviceProblem"] = error.what();
-    }
+    document["differences"] = static_cast<Json::UInt64>(account.differences);
+    document["shadowed"] = static_cast<Json::UInt64>(account.shadowed);
+    document["twice"] = static_cast<Json::UInt64>(account.twice);
+    document["unanswered"] = static_cast<Json::UInt64>(account.unanswered);
+    document["findings"] = Json::Value(Json::arrayValue);
+    for (const auto &finding : account.findings)
+        document["findings"].append(findingAsJson(finding));
 }
 
 const char *nameOf(rlv::UnansweredName::Problem problem) {
@@ -159,29 +123,6 @@ std::string lastReport() {
 
 } // namespace
 
-std::vector<std::string> missingParts(const rlv::ServiceState &state) {
-    std::vector<std::string> missing;
-    for (const char *name : {kAllowChain, kDenyChain, kLogAndDropChain}) {
-        if (chainOf(state, name) == nullptr)
-            missing.push_back(std::string("chain ") + name);
-    }
-    if (chainOf(state, kLogAndDropChain) != nullptr && rulesIn(state, kLogAndDropChain) < kLogAndDropRules)
-        missing.push_back(std::string("rules of chain ") + kLogAndDropChain);
-    for (const char *builtIn : {"INPUT", "OUTPUT"}) {
-        auto from = state.hooks.begin(); // allow comes before deny
-        for (const char *target : {kAllowChain, kDenyChain}) {
-            const auto hook = std::find_if(from, state.hooks.end(), [&](const rlv::HookState &candidate) {
-                return candidate.chain == builtIn && candidate.target == target;
-            });
-            if (hook == state.hooks.end())
-                missing.push_back(std::string("jump from ") + builtIn + " to " + target);
-            else
-                from = hook;
-        }
-    }
-    return missing;
-}
-
 std::vector<std::string> storedNames() try {
     std::vector<std::string> names;
     if (::access(kRuleDatabase, F_OK) != 0)
@@ -209,18 +150,18 @@ std::string settingsRemark() {
 
 } // namespace
 
-std::string statusDocument(const HostState &state) {
+std::string statusDocument(const HostState &state, bool reading) {
     Json::Value document;
     if (state.stored)
         document["stored"] = *state.stored;
     document["applied"] = state.applied;
-    document["databaseProblem"] = state.databaseProblem;
-    try {
-        document["rules"] = storedAndExpected();
-    } catch (const mavo::database::Unavailable &unavailable) {
-        document["databaseProblem"] = unavailable.what();
-    }
-    addServiceState(document);
+    Account account = takeAccount(reading);
+    if (account.databaseProblem.empty())
+        account.databaseProblem = state.databaseProblem;
+    account.rebuild = state.rebuild;
+    account.lacksNames = std::any_of(state.names.list.begin(), state.names.list.end(),
+                                     [](const auto &name) { return name.addresses == 0; });
+    add(account, document);
     const auto collector = collectorState(collectorWanted());
     // Of a disabled plugin none should run.
     document["collector"] =

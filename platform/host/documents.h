@@ -23,14 +23,19 @@ struct HostState {
 
 // An object:
 //   "stored"    the stored status, -1 where none is; "applied" the flag as last applied
-//   "inForce"   true when all hooks and chains stand; "missing" an array of those that do not
-//   "rules"     {"stored","expected","inForce"}, each {"allow","deny"}: rows, and kernel rules that they make at least
-//               and that stand
+//   "inForce"   true when all that is stored stands in the kernel as it should, and nothing else where only that
+//               should; "summary" the same in a line; "exitStatus" what a program that shows it ends with,
+//               "strictExitStatus" the same where rules of others before ours count
+//   "differences" how many; "shadowed" how many rules of others decide before ours; "twice" how many rules stand once
+//               more than stored; "unanswered" how many have a host name without an address
+//   "findings"  an array of all these, the first 1,000 of each kind: {"kind","chain","rule","advice"} (see Finding)
+//   "rules"     {"stored","expected","inForce"}, each {"allow","deny"}: rows, kernel rules that they make, and those of
+//               them that stand; what is not known is left out
 //   "collector" "off", "running", "stopping" or "dead"; "collectorProblem" one line or empty
 //   "lastReport" seconds since the epoch, as text, empty before the first report: the later of the
 //               configuration's and the newest statistics report's in the outbox
 //   "simulated" true when the traffic-control service only plays; "serviceProblem" why it cannot be asked, or empty:
-//               then "inForce" is false and its rules are left out
+//               then "inForce" is false
 //   "rebuild"   when the tables are built anew by themselves, and why, or "given up: <reason>" when what was lost was
 //               lost again; empty when nothing of the kind is waited for
 //   "settingsProblem" what is wrong with the configuration, or with the stored status, or which was put aside; one line
@@ -44,8 +49,8 @@ struct HostState {
 //               (seconds since the epoch, -1 where that cannot be told), and "allows", false when rules that allow do
 //               not use it
 //   "families"  "IPv4 only"
-// Throws mavo::Exception, which names the file, when the rule database cannot be read.
-std::string statusDocument(const HostState &state);
+// With `reading`, the kernel is read where what stands there is only known from what was sent.
+std::string statusDocument(const HostState &state, bool reading);
 
 // What could be host names in the stored rules, each once, 4096 at most. Throws as above, and what libmavo throws for a
 // database that cannot be opened for a passing reason.
@@ -58,9 +63,6 @@ std::string rulesDocument();
 
 // {"reports":[{"file","type","subtype","time","body"}…],"ignored":[names of files that are no reports]}, oldest first.
 std::string reportsDocument();
-
-// The hooks and chains of the firewall that `state` lacks, or has in the wrong order.
-std::vector<std::string> missingParts(const rlv::ServiceState &state);
 
 } // namespace host
 

@@ -9,7 +9,7 @@ namespace host {
 namespace {
 
 // Those that change nothing: an observer may call them, and nothing is rebuilt after them.
-constexpr std::array<std::string_view, 4> kLooking = {"Host::getStatus", "Host::status", "Host::rules",
+constexpr std::array<std::string_view, 5> kLooking = {"Host::getStatus", "Host::status", "Host::verify", "Host::rules",
                                                       "Host::reports"};
 
 int applyStatus(Host &host, int status) {
@@ -29,7 +29,8 @@ void addHostMethods(mavo::rmi::Service &service, Host &host) {
                                        [&host](int status) { return applyStatus(host, status); });
     service.setMethodHandler<int>(kObserver, "Host::getStatus", [&host] { return host.getStatus(); });
     service.setMethodHandler<int>(kAdministrator, "Host::reload", [&host] { return host.reload(); });
-    service.setMethodHandler<std::string>(kObserver, "Host::status", [&host] { return host.statusDocument(); });
+    service.setMethodHandler<std::string>(kObserver, "Host::status", [&host] { return host.statusDocument(false); });
+    service.setMethodHandler<std::string>(kObserver, "Host::verify", [&host] { return host.statusDocument(true); });
     service.setMethodHandler<std::string>(kObserver, "Host::rules", [&host] { return host.rulesDocument(); });
     service.setMethodHandler<std::string>(kObserver, "Host::reports", [&host] { return host.reportsDocument(); });
 }

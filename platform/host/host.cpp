@@ -269,6 +269,7 @@ std::string Host::whatIsWrong() const {
 }
 
 int Host::reload() try {
+    distrustRuleBackup();
     bringUp();
     return 0;
 } catch (...) {
@@ -379,7 +380,7 @@ int Host::getStatus() {
     return guard_.run([&plugin = plugin()] { return plugin.getStatus(); });
 }
 
-std::string Host::statusDocument() {
+std::string Host::statusDocument(bool reading) {
     HostState state;
     state.applied = applied_;
     state.collectorProblem = removeDeadMarker();
@@ -398,7 +399,7 @@ std::string Host::statusDocument() {
     } catch (const mavo::database::Unavailable &unavailable) {
         state.databaseProblem = unavailable.what();
     }
-    return host::statusDocument(state);
+    return host::statusDocument(state, reading);
 }
 
 std::string Host::rulesDocument() const { return host::rulesDocument(); }

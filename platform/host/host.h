@@ -73,7 +73,8 @@ public:
     int reload();
 
     // The documents that vpkctl shows, as JSON. Throw when they cannot be had.
-    std::string statusDocument();
+    // `reading` as in documents.h.
+    std::string statusDocument(bool reading);
     std::string rulesDocument() const;
     std::string reportsDocument() const;
 

@@ -87,6 +87,17 @@ bool areEvidentlyEqual(const std::string &path, const std::string &backup) {
 
 } // namespace
 
+bool isBackupEqual(const std::string &path) {
+    const std::string *const backup = backupOf(path);
+    if (backup == nullptr)
+        throw Exception(path + ": has no backup");
+    if (areEvidentlyEqual(path, *backup))
+        return true;
+    if (isHot(path + "-journal") || sizeOf(path + "-wal") > 0)
+        throw Unavailable(path + ": part of it lies in " + path + (sizeOf(path + "-wal") > 0 ? "-wal" : "-journal"));
+    return false;
+}
+
 void refreshBackup(const std::string &path) {
     const std::string *const backup = backupOf(path);
     if (backup == nullptr)

@@ -40,6 +40,11 @@ __attribute__((visibility("default"))) void tellRecoveriesTo(std::function<void(
 // be written; the old backup is as it was then.
 __attribute__((visibility("default"))) void refreshBackup(const std::string &path);
 
+// Whether the backup of a protected file holds the same bytes as it, read now; false for one that is missing. Opens no
+// database, and may not be called while this process has one of the two open. Throws Unavailable where what the files
+// hold is not all there is: a transaction was cut off or lies in a log.
+__attribute__((visibility("default"))) bool isBackupEqual(const std::string &path);
+
 // How many transactions that may change this file the process has begun to commit. While the number stays, so does what
 // the process has stored there.
 __attribute__((visibility("default"))) std::uint64_t commitsTo(const std::string &path);

@@ -18,18 +18,9 @@
 
 namespace {
 
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::StartsWith;
-
-rlv::ServiceState wholeFirewall() {
-    rlv::ServiceState state;
-    state.hooks = {{"INPUT", "VPK-ALLOW"}, {"INPUT", "VPK-DENY"}, {"OUTPUT", "VPK-ALLOW"}, {"OUTPUT", "VPK-DENY"}};
-    state.chains = {{"VPK-ALLOW", 0}, {"VPK-DENY", 3}, {"VPK-LOGANDDROP", 2}};
-    return state;
-}
 
 class TheDocuments : public testing::Test {
 protected:
@@ -44,26 +35,6 @@ protected:
         ASSERT_TRUE(insert.exec()) << insert.getErrorMessage();
     }
 };
-
-TEST(MissingParts, AreNoneOfAWholeFirewall) { EXPECT_THAT(host::missingParts(wholeFirewall()), IsEmpty()); }
-
-TEST(MissingParts, AreChainsAndTheirRules) {
-    auto state = wholeFirewall();
-    state.chains = {{"VPK-ALLOW", 0}, {"VPK-LOGANDDROP", 1}};
-    EXPECT_THAT(host::missingParts(state), ElementsAre("chain VPK-DENY", "rules of chain VPK-LOGANDDROP"));
-}
-
-TEST(MissingParts, AreJumps) {
-    auto state = wholeFirewall();
-    state.hooks = {{"INPUT", "VPK-ALLOW"}, {"OUTPUT", "VPK-DENY"}};
-    EXPECT_THAT(host::missingParts(state), ElementsAre("jump from INPUT to VPK-DENY", "jump from OUTPUT to VPK-ALLOW"));
-}
-
-TEST(MissingParts, AreDenyRulesThatComeBeforeTheAllowRules) {
-    auto state = wholeFirewall();
-    std::swap(state.hooks[0], state.hooks[1]);
-    EXPECT_THAT(host::missingParts(state), ElementsAre("jump from INPUT to VPK-DENY"));
-}
 
 TEST_F(TheDocuments, HoldTheStoredRules) {
     storeRules("('tcp', '10.0.0.5', '8000:8080', 2, 0), ('', 'a\"b', '', 5, 7)");
@@ -101,7 +72,7 @@ TEST_F(TheDocuments, HoldTheReports) {
 
 TEST_F(TheDocuments, CountStoredAndExpectedRules) {
     storeRules("('tcp', 'a', '', 1, 0), ('tcp', 'b', '', 0, 0), ('tcp', 'c', '', 2, 1)");
-    const auto rules = cli::parseDocument(host::statusDocument({1, 1, {}, {}, {}, {}, {}}))["rules"];
+    const auto rules = cli::parseDocument(host::statusDocument({1, 1, {}, {}, {}, {}, {}}, false))["rules"];
     EXPECT_EQ(rules["stored"]["deny"].get<int>(), 2);
     EXPECT_EQ(rules["expected"]["deny"].get<int>(), 3);
     EXPECT_EQ(rules["stored"]["allow"].get<int>(), 1);
@@ -109,7 +80,7 @@ TEST_F(TheDocuments, CountStoredAndExpectedRules) {
 }
 
 std::string lastReport() {
-    return cli::parseDocument(host::statusDocument({1, 1, {}, {}, {}, {}, {}}))["lastReport"].get<std::string>();
+    return cli::parseDocument(host::statusDocument({1, 1, {}, {}, {}, {}, {}}, false))["lastReport"].get<std::string>();
 }
 
 void configureLastReport(const std::string &text) {
@@ -132,7 +103,7 @@ TEST_F(TheDocuments, TellTheLaterOfTheNewestReportAndTheConfiguredOne) {
 }
 
 TEST_F(TheDocuments, SayWhenTheServiceCannotBeAsked) {
-    const auto document = cli::parseDocument(host::statusDocument({-1, 1, "a marker stands", {}, {}, {}, {}}));
+    const auto document = cli::parseDocument(host::statusDocument({-1, 1, "a marker stands", {}, {}, {}, {}}, false));
     EXPECT_FALSE(document["serviceProblem"].get<std::string>().empty());
     const std::string text = cli::statusAsText(document);
     EXPECT_THAT(text, HasSubstr("plugin       none (stored), enabled (as last applied)\n"));
@@ -155,26 +126,20 @@ TEST(TheRulesAsText, CanBeFedBack) {
 // A status document of a firewall that is whole, with this member instead.
 cli::Json wholeBut(const std::string &member, const cli::Json &value) {
     auto document = cli::parseDocument(
-        R"({"stored":1,"applied":1,"inForce":true,"missing":[],"simulated":false,"serviceProblem":"","collector":"off",)"
+        R"({"stored":1,"applied":1,"inForce":true,"summary":"in force","exitStatus":0,"strictExitStatus":1,)"
+        R"("simulated":false,"serviceProblem":"","collector":"off",)"
         R"("collectorProblem":"","lastReport":"","families":"IPv4 only","rebuild":"","rules":{)"
-        R"("stored":{"allow":1,"deny":2},"expected":{"allow":1,"deny":4},"inForce":{"allow":1,"deny":5}}})");
+        R"("stored":{"allow":1,"deny":2},"expected":{"allow":1,"deny":4},"inForce":{"allow":1,"deny":4}}})");
     document[member] = value;
     return document;
 }
 
-TEST(TheStatus, IsThatAllIsInForce) {
-    EXPECT_TRUE(cli::wholeInForce(wholeBut("stored", 0)));
+TEST(TheStatus, IsWhatTheHostSays) {
+    EXPECT_EQ(cli::exitStatusOf(wholeBut("stored", 0), false), 0);
+    EXPECT_EQ(cli::exitStatusOf(wholeBut("stored", 0), true), 1);
+    EXPECT_EQ(cli::exitStatusOf(wholeBut("exitStatus", 1), false), 1);
+    EXPECT_EQ(cli::exitStatusOf(cli::Json::object(), false), 1) << "of a host that says nothing";
     EXPECT_THAT(cli::statusAsText(wholeBut("stored", 0)), HasSubstr("firewall     in force\nrules  "));
-}
-
-TEST(TheStatus, IsThatNotAllIsInForceOrKnown) {
-    EXPECT_FALSE(cli::wholeInForce(wholeBut("inForce", false)));
-    EXPECT_FALSE(cli::wholeInForce(wholeBut("serviceProblem", "gone")));
-    EXPECT_FALSE(cli::wholeInForce(wholeBut("rebuild", "next attempt in 4 s: gone")));
-    auto rules = wholeBut("stored", 1)["rules"];
-    rules["inForce"]["deny"] = 3;
-    EXPECT_FALSE(cli::wholeInForce(wholeBut("rules", rules)));
-    EXPECT_THAT(cli::statusAsText(wholeBut("rules", rules)), HasSubstr("NOT in force, missing: deny rules\n"));
 }
 
 TEST(TheStatusAsText, TellsOfARebuild) {
@@ -187,33 +152,44 @@ TEST(TheStatusAsText, SaysWhatIsNotKnownWhileADatabaseCannotBeRead) {
     document.erase("stored");
     document["rules"].erase("stored");
     document["rules"].erase("expected");
-    EXPECT_FALSE(cli::wholeInForce(document));
     const std::string text = cli::statusAsText(document);
     EXPECT_THAT(text, HasSubstr("plugin       not known (stored), enabled (as last applied)\n"));
     EXPECT_THAT(text, HasSubstr("\ndatabase     /opt/data/vpk/db/.firewall.db: held by another program\n"));
-    EXPECT_THAT(text, HasSubstr("\nrules        not known what is stored; in force 1 allow, 5 deny\n"));
+    EXPECT_THAT(text, HasSubstr("\nrules        not known what is stored; in force 1 allow, 4 deny\n"));
 }
 
 TEST_F(TheDocuments, SayWhyTheStatusIsNotKnown) {
-    const auto document = cli::parseDocument(host::statusDocument({std::nullopt, 1, {}, {}, "no descriptor", {}, {}}));
+    const auto document =
+        cli::parseDocument(host::statusDocument({std::nullopt, 1, {}, {}, "no descriptor", {}, {}}, false));
     EXPECT_FALSE(document.contains("stored"));
     EXPECT_EQ(document["databaseProblem"].get<std::string>(), "no descriptor");
     EXPECT_TRUE(document["rules"].contains("stored"));
 }
 
-TEST(TheStatusAsText, NamesWhatIsMissing) {
-    const auto document = cli::parseDocument(
-        R"({"stored":0,"applied":0,"inForce":false,"missing":["chain VPK-DENY","jump from INPUT to VPK-DENY"],)"
-        R"("simulated":true,"serviceProblem":"","collector":"dead","collectorProblem":"","lastReport":"17",)"
-        R"("families":"IPv4 only","rules":{"stored":{"allow":1,"deny":2},"expected":{"allow":1,"deny":4},)"
-        R"("inForce":{"allow":0,"deny":3}}})");
+TEST(TheStatusAsText, CountsWhatStands) {
+    auto document = wholeBut("summary", "NOT in force: 1 difference (vpkctl verify shows them)");
+    document["rules"]["inForce"]["deny"] = 3;
+    document["lastReport"] = "17";
     const std::string text = cli::statusAsText(document);
-    EXPECT_THAT(text, HasSubstr("NOT in force, missing: chain VPK-DENY, jump from INPUT to VPK-DENY, allow rules, "
-                                "deny rules (simulated"));
-    EXPECT_THAT(text,
-                HasSubstr("1 allow, 2 deny stored; in force 0 allow, 3 deny (at least 1 allow, 4 deny expected)"));
-    EXPECT_THAT(text, HasSubstr("disabled (stored), disabled (as last applied)"));
+    EXPECT_THAT(text, HasSubstr("firewall     NOT in force: 1 difference (vpkctl verify shows them)\n"));
+    EXPECT_THAT(text, HasSubstr("1 allow, 2 deny stored; in force 1 allow, 3 deny (1 allow, 4 deny expected)"));
+    EXPECT_THAT(text, HasSubstr("enabled (stored), enabled (as last applied)"));
     EXPECT_THAT(text, HasSubstr("last report  19"));
+}
+
+TEST(TheVerificationAsText, HasALineForEachFinding) {
+    auto document = wholeBut("summary", "NOT in force: 1003 differences (vpkctl verify shows them)");
+    document["findings"] =
+        cli::parseDocument(R"({"f":[{"kind":"MISSING","chain":"VPK-DENY","rule":"-j DROP","advice":"stored"},)"
+                           R"({"kind":"UNANSWERED","chain":"INPUT","rule":"","advice":"a\nb"},)"
+                           R"({"kind":"DIFFERS","chain":"","rule":"","advice":"the backup"}]})")["f"];
+    document["differences"] = 1003;
+    EXPECT_EQ(cli::verificationAsText(document), "MISSING     VPK-DENY        -j DROP  (stored)\n"
+                                                 "UNANSWERED  INPUT           (a\\x0ab)\n"
+                                                 "DIFFERS     (the backup)\n"
+                                                 "... and 1000 more\n"
+                                                 "firewall     NOT in force: 1003 differences (vpkctl verify shows "
+                                                 "them)\n");
 }
 
 } // namespace

@@ -204,7 +204,7 @@ TEST_F(Vpkctl, ShowsDocumentsAsTextOrAsTheyAre) {
     EXPECT_EQ(run({"reports", "--json"}).output, "{\"ignored\":[],\"reports\":[]}\n");
     EXPECT_THAT(run({"status", "--json"}).output, AllOf(StartsWith("{"), HasSubstr("\"families\":\"IPv4 only\"")));
     EXPECT_THAT(run({"status"}).output,
-                AllOf(HasSubstr("collector    off\n"), HasSubstr("NOT in force, missing: "), HasSubstr("simulated")));
+                AllOf(HasSubstr("collector    off\n"), HasSubstr("NOT in force: "), HasSubstr("simulated")));
 }
 
 TEST_F(Vpkctl, SaysWhatAPolicyDoesBeforeItIsApplied) {

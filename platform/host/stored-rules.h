@@ -1,0 +1,25 @@
+// The rules as the plugin has stored them.
+#ifndef PLATFORM_HOST_STORED_RULES_H
+#define PLATFORM_HOST_STORED_RULES_H
+
+#include <functional>
+#include <string>
+
+namespace host {
+
+struct StoredRule {
+    std::string protocol; // empty for any, as the others
+    std::string domain;
+    std::string port;  // a range has ':' between its bounds
+    int direction = 0; // 1 in, 2 out, anything else both
+    bool allowed = false;
+};
+
+// In the database's order; none where there is no database. To be called between two plugin calls, when nobody writes.
+// Throws mavo::Exception, which names the file, when the database cannot be read, mavo::database::Unavailable when that
+// may pass, std::runtime_error when something else lies in its place, and what `each` throws.
+void forEachStoredRule(const std::function<void(const StoredRule &)> &each);
+
+} // namespace host
+
+#endif
