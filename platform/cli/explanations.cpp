@@ -93,8 +93,9 @@ std::string inForceRemark(const Session &session) {
     const auto status = session.look("Host::status");
     if (!status)
         return "whether what is stored is in force cannot be seen";
-    return wholeInForce(parseDocument(*status)) ? "what is stored is in force"
-                                                : "what is stored is not known to be in force: see vpkctl status";
+    return exitStatusOf(parseDocument(*status), false) == 0
+               ? "what is stored is in force"
+               : "what is stored is not known to be in force: see vpkctl status";
 }
 
 void sayWhatIsStored(const Session &session, const SentRules &sent, const std::vector<ReadRule> &rules) {
