@@ -4,6 +4,7 @@
 #include <array>
 #include <chrono>
 #include <exception>
+#include <limits>
 #include <system_error>
 
 #include "host/call-watch.h"
@@ -20,6 +21,7 @@ using Kind = rlv::Difference::Kind;
 
 // For a small device with all the rules that there may be.
 constexpr std::chrono::milliseconds kCompareTimeout{10'000};
+constexpr std::uint64_t kNoConnections = std::numeric_limits<std::uint64_t>::max();
 
 std::string numbered(std::uint64_t count, const char *one, const char *many) {
     return std::to_string(count) + " " + (count == 1 ? one : many);
@@ -125,8 +127,7 @@ void takeOver(const rlv::Comparison &comparison, Account &account) {
 }
 
 // Where nobody knows what should stand, the number of what does is all that can be told.
-void countWhatStands(Account &account) {
-    const auto state = rlv::query(0, kQueryTimeout);
+void countWhatStands(const rlv::ServiceState &state, Account &account) {
     account.simulated = state.simulated;
     RuleCounts standing;
     for (const auto &chain : state.chains) {
@@ -137,6 +138,8 @@ void countWhatStands(Account &account) {
 }
 
 void compareRules(bool reading, Account &account) {
+    // A service that hangs is found out sooner than one that is slow.
+    const auto state = rlv::query(kNoConnections, kQueryTimeout);
     const auto comparison = rlv::compare(
         [&](const EachCommand &each) {
             forEachLayoutCommand(each);
@@ -146,7 +149,7 @@ void compareRules(bool reading, Account &account) {
     if (account.databaseProblem.empty())
         takeOver(comparison, account);
     else
-        countWhatStands(account);
+        countWhatStands(state, account);
 }
 
 void compareBackup(Account &account) {
