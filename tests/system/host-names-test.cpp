@@ -73,6 +73,11 @@ TEST_F(HostNames, OfOneStalledServerKeepNoOthersOutOfForce) {
     EXPECT_EQ("n0.stalled.example", document["names"]["none"][0]["name"].asString());
     EXPECT_THAT(statusText(), HasSubstr("n0.stalled.example: NOT in force, no name server answers\n"));
     EXPECT_EQ(1, system_->control({"status"}).status);
+    const auto verified = system_->control({"verify"});
+    EXPECT_EQ(1, verified.status);
+    EXPECT_THAT(verified.output,
+                HasSubstr("UNANSWERED  VPK-DENY        -s n0.stalled.example -j VPK-LOGANDDROP  (no "));
+    EXPECT_THAT(verified.output, testing::Not(HasSubstr("MISSING")));
 }
 
 TEST_F(HostNames, ComeIntoForceWhenTheyAreAnsweredLater) {
@@ -94,7 +99,8 @@ TEST_F(HostNames, FollowWhatIsAnswered) {
     server_.set("one.example", nameserver::addresses({"10.0.0.1", "10.0.0.2", "10.0.0.3"}));
     EXPECT_TRUE(process::waitUntil([&] { return denyRules() == 3; }));
     server_.set("one.example", nameserver::addresses({"10.0.0.3"}));
-    EXPECT_TRUE(process::waitUntil([&] { return denyRules() == 1; }));
+    EXPECT_TRUE(process::waitUntil([&] { return denyRules() == 1 && system_->control({"status"}).status == 0; }))
+        << "and no others stand";
 }
 
 TEST_F(HostNames, StayInForceOnTheLastAnswerOverAStart) {
