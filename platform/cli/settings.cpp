@@ -69,7 +69,8 @@ std::string warningAbout(const std::string &name, const Json &value) {
         if (setting.name != name)
             continue;
         const std::string warning = setting.warning(value);
-        return warning.empty() ? warning : "\"" + name + "\": " + value.dump() + warning;
+        return warning.empty() ? warning
+                               : std::string("\"").append(name).append("\": ").append(value.dump()).append(warning);
     }
     return "\"" + name + "\" is no setting: it is kept and has no effect" + didYouMean(name, known);
 }
