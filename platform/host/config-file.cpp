@@ -1,6 +1,7 @@
 #include "host/config-file.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -35,6 +36,7 @@ constexpr int kRefusedKept = 10;
 
 // One byte more than is accepted: enough to tell that it is too much.
 constexpr std::size_t kReadLimitBytes = kConfigLimitBytes + 1;
+constexpr std::size_t kBlockBytes = 1'024;
 
 struct Found {
     bool there = false;
@@ -47,20 +49,18 @@ struct Found {
 std::string textOfError(int error) { return std::strerror(error); }
 
 std::string read(const UniqueFd &file) {
-    std::string text(kReadLimitBytes, '\0');
-    std::size_t size = 0;
-    while (size < text.size()) {
-        const ssize_t got = ::read(file.get(), &text[size], text.size() - size);
+    std::array<char, kBlockBytes> block{}; // files are hardly ever longer
+    std::string text;
+    while (text.size() < kReadLimitBytes) {
+        const ssize_t got = ::read(file.get(), block.data(), std::min(block.size(), kReadLimitBytes - text.size()));
         if (got < 0 && errno == EINTR)
             continue;
         if (got < 0)
             throw std::system_error(errno, std::generic_category());
         if (got == 0)
             break;
-        size += static_cast<std::size_t>(got);
+        text.append(block.data(), static_cast<std::size_t>(got));
     }
-    text.resize(size);
-    text.shrink_to_fit();
     return text;
 }
 
