@@ -25,6 +25,7 @@ namespace {
 // A digest is one line of this length, so that a new one overwrites the old one in place.
 constexpr std::size_t kLineBytes = 128;
 using Line = std::array<char, kLineBytes + 1>;
+constexpr const char *kBeingChanged = "being changed";
 constexpr std::size_t kBootIdBytes = 36;
 using BootId = std::array<char, kBootIdBytes + 1>;
 
@@ -79,6 +80,16 @@ std::optional<Digest> parse(const Line &line) {
     return digest;
 }
 
+std::optional<Line> readLine(const std::string &database) {
+    Line line{};
+    const support::UniqueFd file = openFile(digestOf(database), O_RDONLY);
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size != kLineBytes ||
+        ::pread(file.get(), line.data(), kLineBytes, 0) != kLineBytes)
+        return std::nullopt;
+    return line;
+}
+
 } // namespace
 
 int readContent(sqlite3 *handle, Content &content) {
@@ -105,13 +116,16 @@ int readContent(sqlite3 *handle, Content &content) {
 }
 
 std::optional<Digest> readDigest(const std::string &database) {
-    Line line{};
-    const support::UniqueFd file = openFile(digestOf(database), O_RDONLY);
+    const auto line = readLine(database);
+    return line ? parse(*line) : std::nullopt;
+}
+
+bool isDigestGarbled(const std::string &database) {
     struct stat status {};
-    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size != kLineBytes ||
-        ::pread(file.get(), line.data(), kLineBytes, 0) != kLineBytes)
-        return std::nullopt;
-    return parse(line);
+    if (::lstat(digestOf(database).c_str(), &status) != 0)
+        return false;
+    const auto line = readLine(database);
+    return !line || (*line != lineOf(kBeingChanged) && !parse(*line));
 }
 
 void writeDigest(const std::string &database, const Content &content) noexcept try {
@@ -134,7 +148,7 @@ void markBeingChanged(const std::string &database) noexcept try {
     const support::UniqueFd file = openFile(digestOf(database), O_WRONLY);
     if (!file && errno == ENOENT)
         return;
-    if (!file || !overwrite(file.get(), lineOf("being changed")))
+    if (!file || !overwrite(file.get(), lineOf(kBeingChanged)))
         removeDigest(database);
 } catch (...) {
     removeDigest(database);

@@ -35,6 +35,8 @@ struct Digest {
 
 // None where there is no digest, or the database was being changed, or what stands there is not understood.
 std::optional<Digest> readDigest(const std::string &database);
+// Whether something stands there that nobody here has written: then nobody can tell what the database was like.
+bool isDigestGarbled(const std::string &database);
 
 // None of these throws or tells of a failure: where the digest cannot be written it is removed, and a missing one costs
 // a check at the next opening.

@@ -195,8 +195,8 @@ bool compareWithDigest(Attempt &attempt, const std::string &path, int flags) {
         return true;
     if (!checkEverything(attempt))
         return false;
-    attempt.wasChanged = digest.has_value();
-    attempt.mayBeOurs = digest && !digest->ofThisStart;
+    attempt.wasChanged = digest.has_value() || isDigestGarbled(path);
+    attempt.mayBeOurs = !digest || !digest->ofThisStart;
     // To check a small file again costs no more than to write its digest; but what was said of it is not said twice.
     constexpr std::int64_t kSmallBytes = 65'536;
     if ((flags & SQLITE_OPEN_READONLY) == 0 && (attempt.wasChanged || content.sizeBytes > kSmallBytes))
@@ -311,7 +311,8 @@ Failure failureOf(sqlite3 *handle, int result) {
         return failureOfIo(handle, result);
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
-    case SQLITE_ERROR: // such as a format that this SQLite does not know
+    case SQLITE_TOOBIG: // a length that nobody can have written
+    case SQLITE_ERROR:  // such as a format that this SQLite does not know
         return error != 0 ? failureOfReading(error) : Failure::damaged;
     default:
         return Failure::passing;

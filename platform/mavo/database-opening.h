@@ -41,8 +41,8 @@ struct Attempt {
     Handle handle; // none after a failure
     Failure failure = Failure::none;
     std::string text;        // of the failure, for a person
-    bool wasChanged = false; // sound, but not as its digest says that we left it
-    bool mayBeOurs = false;  // that digest is of before the machine was started
+    bool wasChanged = false; // sound, but not as its digest says that we left it, or that is garbled
+    bool mayBeOurs = false;  // that digest is of before the machine was started, or garbled
 };
 
 // Opens the file with SQLite's flags, plays back its journal and makes it fit for use. Three attempts for an error on

@@ -197,7 +197,7 @@ void prepareOpening(const std::string &path) {
 
 void tellOfChange(const std::string &path, bool mayBeOurs) {
     tell(path + ": is sound, but not as this system left it: another program has changed it" +
-         (mayBeOurs ? ", or the power went just after a change" : "") + "; it is used as it is");
+         (mayBeOurs ? " or its digest, or the power went just after a change" : "") + "; it is used as it is");
 }
 
 bool replaceRefused(const std::string &path, int flags, Failure failure, const std::string &why) {

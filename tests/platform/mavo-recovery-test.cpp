@@ -516,9 +516,12 @@ TEST_F(AProtectedDatabase, HasADigestOfItsLastStateAfterTwoConnections) {
 
 TEST_F(AProtectedDatabase, IsCheckedWhenItsDigestIsNotUnderstood) {
     for (const std::string &text : {std::string(), std::string("left"), std::string(128, 'x'), digest() + "more"}) {
+        told.clear();
         write(kMain + "-digest", text);
         EXPECT_EQ("one,two", rows());
+        EXPECT_THAT(told, ElementsAre(HasSubstr("another program has changed it or its digest"))) << text;
     }
+    told.clear();
     fs::remove(kMain + "-digest");
     damageIndexOf(kMain);
     EXPECT_EQ("one,two", rows());
