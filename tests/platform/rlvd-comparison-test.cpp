@@ -15,7 +15,6 @@ namespace {
 using namespace rlvd;
 using rlv::Comparison;
 using rlv::Difference;
-using rlv::protocol::CommandList;
 using rlv::protocol::Reply;
 using rlv::protocol::Request;
 using testing::ElementsAre;

@@ -252,13 +252,14 @@ TEST_F(Vpkctl, FitsATerminalWithItsHelpItsTablesAndItsMessages) {
     for (const char *word : {"exec", "call", "status", "set-status", "apply-status", "reload", "rules", "reports"})
         EXPECT_LE(width(runOnTerminal({word, "--help"}, "").output), 80U) << word;
     const std::string longWord(40, 'x');
-    for (const auto &words : std::vector<std::vector<std::string>>{{"--help"},
-                                                                   {"status"},
-                                                                   {"xyzzy"},
-                                                                   {"exec", "xyzzy"},
-                                                                   {"exec", "ApplyPolicy", "garbage", "--yes"},
-                                                                   {"exec", "log-error", longWord + " " + longWord},
-                                                                   {"exec", "commit", "-N X -t " + longWord}}) {
+    for (const auto &words : std::vector<std::vector<std::string>>{
+             {"--help"},
+             {"status"},
+             {"xyzzy"},
+             {"exec", "xyzzy"},
+             {"exec", "ApplyPolicy", "garbage", "--yes"},
+             {"exec", "log-error", std::string(longWord).append(" ").append(longWord)},
+             {"exec", "commit", "-N X -t " + longWord}}) {
         const auto shown = runOnTerminal(words, "").output;
         EXPECT_LE(width(shown), 80U) << shown;
         EXPECT_THAT(shown, Not(HasSubstr("\x1b")));
@@ -269,7 +270,7 @@ TEST_F(Vpkctl, FitsATerminalWithItsHelpItsTablesAndItsMessages) {
 TEST_F(Vpkctl, WritesWholeLinesWhereNobodyLooks) {
     start();
     const std::string longWord(50, 'x');
-    EXPECT_EQ(run({"exec", "log-error", longWord + " " + longWord}).errors,
+    EXPECT_EQ(run({"exec", "log-error", std::string(longWord).append(" ").append(longWord)}).errors,
               "TEST: " + longWord + " " + longWord + "\n");
 }
 

@@ -51,6 +51,7 @@ extern "C" __attribute__((visibility("default"))) int open64(const char *path, i
     static auto *const real = reinterpret_cast<int (*)(const char *, int, mode_t)>(::dlsym(RTLD_NEXT, "open64"));
     va_list arguments;
     va_start(arguments, flags);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): it has just been started
     const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
     va_end(arguments);
     const char *const own = std::getenv(read_faults::kPlanVariable);
