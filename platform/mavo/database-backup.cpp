@@ -85,13 +85,18 @@ bool areEvidentlyEqual(const std::string &path, const std::string &backup) {
     }
 }
 
-} // namespace
-
-bool isBackupEqual(const std::string &path) {
+const std::string &requireBackupOf(const std::string &path) {
     const std::string *const backup = backupOf(path);
     if (backup == nullptr)
         throw Exception(path + ": has no backup");
-    if (areEvidentlyEqual(path, *backup))
+    return *backup;
+}
+
+} // namespace
+
+bool isBackupEqual(const std::string &path) {
+    const std::string &backup = requireBackupOf(path);
+    if (areEvidentlyEqual(path, backup))
         return true;
     if (isHot(path + "-journal") || sizeOf(path + "-wal") > 0)
         throw Unavailable(path + ": part of it lies in " + path + (sizeOf(path + "-wal") > 0 ? "-wal" : "-journal"));
@@ -99,19 +104,17 @@ bool isBackupEqual(const std::string &path) {
 }
 
 void refreshBackup(const std::string &path) {
-    const std::string *const backup = backupOf(path);
-    if (backup == nullptr)
-        throw Exception(path + ": has no backup");
-    if (areEvidentlyEqual(path, *backup))
+    const std::string &backup = requireBackupOf(path);
+    if (areEvidentlyEqual(path, backup))
         return;
     const Handle handle = openForUse(path, SQLITE_OPEN_READWRITE, true);
     const ReadLock lock(handle.get());
     if (lock.result() != SQLITE_OK)
         throw Unavailable(path + ": " + sqlite3_errmsg(handle.get()));
     const Source source(handle.get());
-    if (areEqual(source, *backup))
+    if (areEqual(source, backup))
         return;
-    Replacement copy(*backup, kPrivate);
+    Replacement copy(backup, kPrivate);
     source.forEachBlock([&](const char *bytes, std::size_t count) {
         copy.write(bytes, count);
         return true;
