@@ -3,10 +3,12 @@
 #ifndef PLATFORM_RLV_TABLE_ATTRIBUTES_H
 #define PLATFORM_RLV_TABLE_ATTRIBUTES_H
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string_view>
+#include <vector>
 
 #include <libmnl/libmnl.h>
 
@@ -46,6 +48,20 @@ private:
     const char *from_ = nullptr;
     std::size_t size_ = 0;
 };
+
+// Calls back with each message of a datagram, up to one that is not whole. Not with the library's walk, which takes a
+// length above INT_MAX for a small one.
+template <typename Callback>
+void forEachMessage(const std::vector<char> &bytes, std::size_t sizeBytes, Callback callback) {
+    std::size_t offset = 0;
+    while (sizeBytes - offset >= sizeof(nlmsghdr)) {
+        const auto *const message = reinterpret_cast<const nlmsghdr *>(bytes.data() + offset);
+        if (message->nlmsg_len < sizeof(nlmsghdr) || message->nlmsg_len > sizeBytes - offset)
+            return;
+        callback(message);
+        offset += std::min<std::size_t>(NLMSG_ALIGN(message->nlmsg_len), sizeBytes - offset);
+    }
+}
 
 } // namespace rlv
 

@@ -18,6 +18,7 @@
 #include "rlv/table/netlink.h"
 #include "rlv/table/rule-expressions.h"
 #include "rlv/table/rule-words.h"
+#include "rlv/table/ruleset-watch.h"
 #include "rlv/table/ruleset.h"
 
 namespace rlv {
@@ -27,6 +28,11 @@ namespace {
 constexpr const char *kTable = "filter";
 // How often a part of the table may be changed while it is read.
 constexpr int kMaxPartReadings = 20;
+// A notice of our own change costs about as much as leaving the group and joining it again for a hundred.
+constexpr std::size_t kMaxHeardChanges = 64;
+
+// Every transaction counts the generation up by one and leaves 0 out.
+std::uint32_t generationAfter(std::uint32_t generation) { return generation + 1 == 0 ? 1 : generation + 1; }
 
 struct HookChain {
     const char *name;
@@ -149,8 +155,12 @@ public:
     std::optional<std::vector<std::uint64_t>> readHandles(const std::string &chain, std::uint32_t generation) override;
     std::vector<ChangeFailure> commit(const Changes &changes, std::optional<std::uint32_t> generation) override;
     std::vector<ChangeFailure> dryRun(const Changes &changes) override;
+    std::optional<int> listen() override;
+    Disturbance takeDisturbance() override;
+    bool isUntouched(std::uint32_t since, std::uint32_t now) override;
 
 private:
+    std::vector<BatchFailure> commitUnheard(Batch batch, std::optional<std::uint32_t> generation);
     [[nodiscard]] bool readTables(Ruleset &ruleset);
     [[nodiscard]] bool readChains(Ruleset &ruleset);
     [[nodiscard]] bool readRules(Ruleset &ruleset);
@@ -166,6 +176,7 @@ private:
 
     std::string chainPrefix_;
     Netlink netlink_;
+    std::optional<RulesetWatch> watch_;      // from listen() on
     std::vector<std::string> oddHookChains_; // met in the reading under way
 };
 
@@ -178,7 +189,50 @@ std::vector<ChangeFailure> failuresOf(const std::vector<BatchFailure> &failures)
 }
 
 std::vector<ChangeFailure> KernelStore::commit(const Changes &changes, std::optional<std::uint32_t> generation) {
-    return failuresOf(netlink_.commit(Encoder().encode(changes), generation));
+    Batch batch = Encoder().encode(changes);
+    const bool isHeard = !watch_ || changes.size() <= kMaxHeardChanges;
+    return failuresOf(isHeard ? netlink_.commit(std::move(batch), generation)
+                              : commitUnheard(std::move(batch), generation));
+}
+
+// Where nobody listens the kernel writes no notices. What others did meanwhile shows in the generation.
+std::vector<BatchFailure> KernelStore::commitUnheard(Batch batch, std::optional<std::uint32_t> generation) {
+    watch_->pause();
+    std::vector<BatchFailure> failures;
+    try {
+        failures = netlink_.commit(std::move(batch), generation);
+    } catch (...) {
+        watch_->goOn();
+        watch_->sieve().lose();
+        throw;
+    }
+    watch_->goOn();
+    const std::uint32_t now = netlink_.generation();
+    if (generation && now == (failures.empty() ? generationAfter(*generation) : *generation))
+        watch_->sieve().skipTo(now);
+    else
+        watch_->sieve().lose();
+    return failures;
+}
+
+std::optional<int> KernelStore::listen() {
+    if (!watch_)
+        watch_.emplace(chainPrefix_, netlink_.port());
+    return watch_->descriptor();
+}
+
+Disturbance KernelStore::takeDisturbance() {
+    if (!watch_)
+        return {};
+    watch_->drain();
+    return watch_->sieve().takeDisturbance();
+}
+
+bool KernelStore::isUntouched(std::uint32_t since, std::uint32_t now) {
+    if (!watch_)
+        return false;
+    watch_->drain();
+    return watch_->sieve().isUntouched(since, now);
 }
 
 std::vector<ChangeFailure> KernelStore::dryRun(const Changes &changes) {

@@ -23,6 +23,9 @@ constexpr std::chrono::milliseconds kMaxReadingTime{500};
 // that one may fail.
 constexpr int kBoundAttempts = 10;
 constexpr int kMaxConflicts = 100;
+// How often what others have changed is put back in one go while they change it again.
+constexpr int kMaxMendings = 20;
+constexpr std::size_t kMaxTexts = 10;
 // How often a refusal may be taken for what somebody else did, before it is the kernel's own.
 constexpr int kMaxOutruns = 3;
 // The kernel names thousands of refused changes at once, but perhaps not all.
@@ -113,17 +116,33 @@ ModelledTable::Reading ModelledTable::readRuleset() {
     throw std::system_error(EAGAIN, std::generic_category(), "the tables change faster than they can be read");
 }
 
+// True when the model holds what the kernel does. Others may change what is not in it as often as they like.
+bool ModelledTable::isCurrent() {
+    if (!isWhole_ || !generation_)
+        return false;
+    const std::uint32_t now = store_->generation();
+    if (now != *generation_ && !store_->isUntouched(*generation_, now))
+        return false;
+    generation_ = now;
+    return true;
+}
+
 void ModelledTable::open() {
     unreported_.clear();
-    if (!isWhole_ || generation_ != store_->generation())
+    if (standing_ || !isCurrent())
         load();
 }
 
-void ModelledTable::load() { load(readRuleset()); }
+void ModelledTable::load() { load(readMended()); }
 
 void ModelledTable::load(Reading reading) {
     generation_.reset();
-    model_.load(std::move(reading.ruleset));
+    try {
+        model_.load(std::move(reading.ruleset));
+    } catch (const std::bad_alloc &) {
+        loseTrack();
+        throw;
+    }
     generation_ = model_.held().generation;
     isWhole_ = reading.isWhole;
     isRead_ = true;
@@ -136,10 +155,15 @@ Answer ModelledTable::apply(const std::vector<Command> &commands, const std::str
 }
 
 void ModelledTable::reread(PushReport &report) {
-    auto [ruleset, isWhole] = readRuleset();
-    model_.rebase(std::move(ruleset), report.lost);
+    Reading reading = readMended();
+    try {
+        model_.rebase(std::move(reading.ruleset), report.lost);
+    } catch (const std::bad_alloc &) {
+        loseTrack();
+        throw;
+    }
     generation_ = model_.held().generation;
-    isWhole_ = isWhole;
+    isWhole_ = reading.isWhole;
     isRead_ = true;
 }
 
@@ -204,7 +228,7 @@ std::vector<ChangeFailure> ModelledTable::commit(const Changes &changes, bool bo
 }
 
 ModelledTable::Outcome ModelledTable::tryPush(Limits limits, PushReport &report) {
-    if (!generation_)
+    if (!generation_ || standing_)
         reread(report);
     const bool bound = limits.mayBind && isWhole_;
     const Model::Changes plan = model_.plan(bound);
@@ -220,7 +244,8 @@ ModelledTable::Outcome ModelledTable::tryPush(Limits limits, PushReport &report)
         failures.push_back({std::nullopt, ERESTART});
     const bool isOutrun = !bound && wasFaster(batch, failures, limits.mayBeOutrun);
     if (isOutrun || isConflict(failures)) {
-        reread(report);
+        if (isOutrun || !isCurrent())
+            reread(report);
         return isOutrun ? Outcome::outrun : Outcome::otherGeneration;
     }
     if (!failures.empty()) {
@@ -230,22 +255,31 @@ ModelledTable::Outcome ModelledTable::tryPush(Limits limits, PushReport &report)
     report.changes = batch.changes.size();
     isRead_ = isRead_ && batch.changes.empty();
     adopt(plan, bound || batch.changes.empty(), report);
+    standing_.reset(); // it was made out of what others have left
     return Outcome::sent;
 }
 
 // The kernel has it. Where there is no memory to follow, the model is left empty and the table is read before it is
 // used again: half of it would be taken for the kernel's.
-void ModelledTable::adopt(const Model::Changes &plan, bool isKnown, PushReport &report) {
+void ModelledTable::adopt(const Model::Changes &plan, bool isExact, PushReport &report) {
     auto generation = std::exchange(generation_, std::nullopt);
     if (report.changes > 0)
-        generation = isKnown ? std::optional(generationAfter(*generation)) : std::nullopt;
+        generation = isExact ? std::optional(generationAfter(*generation)) : std::nullopt;
     try {
         count(plan, report);
         model_.adopt(plan, generation.value_or(0));
         generation_ = generation;
     } catch (const std::bad_alloc &) {
-        model_.forget();
+        loseTrack();
     }
+}
+
+// Half of what stands would be taken for all that should.
+void ModelledTable::loseTrack() noexcept {
+    model_.forget();
+    generation_.reset();
+    isKnown_ = false;
+    standing_.reset();
 }
 
 // Rules that were sent from here have no handles before somebody needs them.
@@ -448,15 +482,16 @@ void ModelledTable::describe(const Ruleset &ruleset, ServiceState &state) const 
 }
 
 void ModelledTable::describe(ServiceState &state) {
-    const std::uint32_t generation = store_->generation();
-    if (generation_ == generation)
+    if (isCurrent())
         return describe(model_.held(), state);
+    const std::uint32_t generation = store_->generation();
     if (describedGeneration_ != generation) {
         Reading reading = readRuleset();
         describedGeneration_.reset();
         describe(reading.ruleset, described_);
         describedGeneration_ = reading.ruleset.generation;
-        if (!model_.isChanged())
+        // Where it is known what should stand, the model is what tells it.
+        if (!model_.isChanged() && !isKnown_)
             load(std::move(reading));
     }
     state.hooks = described_.hooks;
@@ -464,13 +499,94 @@ void ModelledTable::describe(ServiceState &state) {
 }
 
 void ModelledTable::look(bool reading, const std::function<void(const Ruleset &)> &visit) {
-    if (generation_ == store_->generation() && (isRead_ || !reading))
+    if (isCurrent() && (isRead_ || !reading))
         return visit(model_.held());
     Reading now = readRuleset();
-    if (model_.isChanged()) // a connection goes on from what it has
+    // A connection goes on from what it has, and where it is known what should stand, the model is what tells it.
+    if (model_.isChanged() || isKnown_)
         return visit(now.ruleset);
     load(std::move(now));
     visit(model_.held());
+}
+
+void ModelledTable::remember() {
+    // What others have put in between our rules before we knew of it goes now.
+    if (!std::exchange(isKnown_, true) && holdsForeignRules(model_.held(), chainPrefix_))
+        standing_ = standingIn(model_.held(), chainPrefix_);
+}
+
+void ModelledTable::forget() {
+    isKnown_ = false;
+    standing_.reset();
+    mended_ = {};
+}
+
+MendReport ModelledTable::mend() {
+    if (isKnown_ && (standing_ || !isCurrent())) {
+        PushReport report;
+        if (model_.isChanged())
+            reread(report);
+        else
+            load();
+        unreported_.insert(unreported_.end(), report.lost.begin(), report.lost.end());
+    }
+    return std::exchange(mended_, {});
+}
+
+ModelledTable::Reading ModelledTable::readMended() {
+    Reading reading = readRuleset();
+    if (!isKnown_)
+        return reading;
+    if (!standing_)
+        standing_ = standingIn(model_.held(), chainPrefix_);
+    return restoreFrom(std::move(reading));
+}
+
+// Only what is read afterwards proves that all is as it was.
+ModelledTable::Reading ModelledTable::restoreFrom(Reading reading) {
+    for (int i = 0; i < kMaxMendings; ++i) {
+        const Restoration restoration = restore(*standing_, reading.ruleset, reading.isWhole);
+        if (restoration.differences == 0) {
+            standing_.reset();
+            mended_.problem.clear();
+            return reading;
+        }
+        std::string problem =
+            isMending_ ? send(restoration, reading, i < kBoundAttempts) : "not put back (--no-repair)";
+        if (!problem.empty()) {
+            note(restoration, std::move(problem));
+            return reading;
+        }
+        reading = readRuleset();
+    }
+    note({}, "others change the tables again as fast as it is put back");
+    return reading;
+}
+
+// Empty, or why it was refused. Somebody else may have been faster: then nothing has come of it, and what he did shows.
+std::string ModelledTable::send(const Restoration &restoration, const Reading &reading, bool mayBind) {
+    const bool bound = mayBind && reading.isWhole;
+    generation_.reset(); // until it is read again
+    const auto failures =
+        store_->commit(restoration.changes, bound ? std::optional(reading.ruleset.generation) : std::nullopt);
+    if (failures.empty()) {
+        note(restoration, "");
+        mended_.changes += restoration.changes.size();
+        return {};
+    }
+    if (isConflict(failures) || store_->generation() != reading.ruleset.generation)
+        return {};
+    const ChangeFailure &first = failures.front();
+    return answerTo(restoration.changes[first.index.value_or(0)], first.error).message;
+}
+
+void ModelledTable::note(const Restoration &restoration, std::string problem) {
+    mended_.differences += restoration.differences;
+    const std::size_t room = kMaxTexts - std::min(kMaxTexts, mended_.texts.size());
+    mended_.texts.insert(mended_.texts.end(), restoration.texts.begin(),
+                         restoration.texts.begin() +
+                             static_cast<std::ptrdiff_t>(std::min(room, restoration.texts.size())));
+    mended_.problem = std::move(problem);
 }
 
 Answer ModelledTable::removeAll() {

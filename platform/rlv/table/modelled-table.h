@@ -9,6 +9,7 @@
 
 #include "rlv/table/model.h"
 #include "rlv/table/ruleset.h"
+#include "rlv/table/standing.h"
 #include "rlv/table/table.h"
 
 namespace rlv {
@@ -31,6 +32,13 @@ public:
     PushReport drop() override;
     void describe(ServiceState &state) override;
     void look(bool reading, const std::function<void(const Ruleset &)> &visit) override;
+    void remember() override;
+    void forget() override;
+    bool remembers() const override { return isKnown_; }
+    void setMending(bool isMending) override { isMending_ = isMending; }
+    MendReport mend() override;
+    std::optional<int> listen() override { return store_->listen(); }
+    Disturbance takeDisturbance() override { return store_->takeDisturbance(); }
     Answer removeAll() override;
 
 private:
@@ -49,9 +57,15 @@ private:
         bool isWhole = false;
     };
     Reading readRuleset();
+    Reading readMended();
+    Reading restoreFrom(Reading reading);
+    std::string send(const Restoration &restoration, const Reading &reading, bool mayBind);
+    void note(const Restoration &restoration, std::string problem);
+    bool isCurrent();
     void load();
     void load(Reading reading);
-    void adopt(const Model::Changes &plan, bool isKnown, PushReport &report);
+    void adopt(const Model::Changes &plan, bool isExact, PushReport &report);
+    void loseTrack() noexcept;
     void reread(PushReport &report);
     bool fetchHandles(const Model::Changes &plan);
     Batch makeBatch(const Model::Changes &plan) const;
@@ -75,10 +89,16 @@ private:
     std::size_t maxSearchCost_;
     std::size_t searchCost_ = 0; // of the push under way
     Model model_;
-    std::vector<LostCommand> unreported_;     // by a push() that threw
+    std::vector<LostCommand> unreported_;     // by a push() that threw, or by mend()
     std::optional<std::uint32_t> generation_; // of what the model holds; none: it may be out of date
     bool isRead_ = true;                      // false: it holds what was sent, and was taken, since
     bool isWhole_ = true;                     // false: the model may be mixed of several generations
+    // What should stand is known: it is what the model holds, or, where that is what others have left and could not be
+    // put right, what is in `standing_`.
+    bool isKnown_ = false;
+    bool isMending_ = true;
+    std::optional<Standing> standing_;
+    MendReport mended_; // not told of yet
     // What describe() read last while a connection had its own model, and at which generation.
     std::optional<std::uint32_t> describedGeneration_;
     ServiceState described_;

@@ -69,19 +69,6 @@ int endErrorOf(const nlmsghdr *message) {
     return fromNegative(error);
 }
 
-// Calls back with each message of a datagram, up to one that is not whole. Not with the library's walk, which takes a
-// length above INT_MAX for a small one.
-template <typename Callback> void forEachMessage(std::vector<char> &bytes, std::size_t size, Callback callback) {
-    std::size_t offset = 0;
-    while (size - offset >= sizeof(nlmsghdr)) {
-        const nlmsghdr *const message = headerAt(bytes, offset);
-        if (message->nlmsg_len < sizeof(nlmsghdr) || message->nlmsg_len > size - offset)
-            return;
-        callback(message);
-        offset += std::min<std::size_t>(NLMSG_ALIGN(message->nlmsg_len), size - offset);
-    }
-}
-
 } // namespace
 
 void Batch::add(std::uint16_t type, std::uint16_t flags, const std::function<void(nlmsghdr *)> &fill) {
@@ -191,6 +178,14 @@ void Netlink::beginOperation() {
         }
     }
     isUnfinished_ = true;
+}
+
+std::uint32_t Netlink::port() const {
+    sockaddr_nl address{};
+    socklen_t length = sizeof address;
+    if (::getsockname(socket_.get(), reinterpret_cast<sockaddr *>(&address), &length) != 0)
+        fail("netlink address");
+    return address.nl_pid;
 }
 
 std::uint32_t Netlink::generation() {

@@ -44,6 +44,9 @@ public:
     // Binds to the network namespace of the caller, for good.
     Netlink();
 
+    // By which the kernel names this socket to others.
+    std::uint32_t port() const;
+
     // The number that changes with every transaction of anybody.
     std::uint32_t generation();
 

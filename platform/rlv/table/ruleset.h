@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "rlv/table/command.h"
+#include "rlv/table/disturbance.h"
 
 namespace rlv {
 
@@ -86,6 +87,15 @@ public:
     // The refusals that commit() would have met, without changing anything. Some are only met at the end of a
     // transaction (jumps that go too far) and not here.
     virtual std::vector<ChangeFailure> dryRun(const Changes &changes) = 0;
+
+    // Hears of what others do from now on. The descriptor is readable when there may be something to take; it stays the
+    // store's. Throws std::system_error where that cannot be had. None where there are no others.
+    virtual std::optional<int> listen() { return std::nullopt; }
+    // What others have done since the last call, as far as it was heard of. Blocks on nothing.
+    virtual Disturbance takeDisturbance() { return {}; }
+    // Sure to be true only where it says so: in the transactions after `since` up to `now` nobody else has changed
+    // anything that read() gives, but for the generation.
+    virtual bool isUntouched(std::uint32_t /*since*/, std::uint32_t /*now*/) { return false; }
 };
 
 // Over netlink, in the network namespace of the caller, for good. Rules are read of chains that begin with

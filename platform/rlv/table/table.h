@@ -5,11 +5,13 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "rlv/rlv-query.h"
 #include "rlv/table/command.h"
+#include "rlv/table/disturbance.h"
 #include "rlv/table/ruleset.h"
 
 namespace rlv {
@@ -27,6 +29,14 @@ struct PushReport {
     std::vector<LostCommand> lost;     // accepted, but not in force; `refusedAtOnce` is false
     std::uint64_t lostBeyondList = 0;  // and how many more
     bool mayPass = false;              // lost for want of memory, or to changes of others: the same may go well later
+};
+
+// What others have done to the service's own chains and to the hooks that lead there, and what became of it.
+struct MendReport {
+    std::vector<std::string> texts; // "VPK-DENY: missing: -s 10.0.0.1/32 -j DROP"; the first ten
+    std::size_t differences = 0;    // of them all
+    std::size_t changes = 0;        // messages that were sent to put an end to them
+    std::string problem;            // why some are left; empty when all is as it was
 };
 
 // A filter table and what one client makes of it. apply() changes a model of the table; push() brings the kernel to
@@ -61,6 +71,24 @@ public:
     // Calls back with what stands in the kernel now, whatever the model is, read anew where it may be another than when
     // it was read; with `reading` also where it comes from what was sent since.
     virtual void look(bool reading, const std::function<void(const Ruleset &)> &visit) = 0;
+
+    // What stands now in the service's own chains and hooks is as it should be: from now on, before anything else is
+    // made of what others have left of it, it is put back, in a transaction of its own. What push() sends joins it.
+    virtual void remember() {}
+    // Nothing is known of what should stand, until remember() is called again.
+    virtual void forget() {}
+    virtual bool remembers() const { return false; }
+    // False: what others do is found and told of, but not put back. True at first.
+    virtual void setMending(bool /*isMending*/) {}
+    // Compares the kernel with what should stand, where that is known and the kernel may be another, and puts it back,
+    // also in the middle of a connection, of which the commands then follow. Tells of all that was found and put back
+    // since the last call, in the other operations too.
+    virtual MendReport mend() { return {}; }
+
+    // See RulesetStore. What other operations take in of the notices is kept for takeDisturbance(), but the descriptor
+    // is not readable for it.
+    virtual std::optional<int> listen() { return std::nullopt; }
+    virtual Disturbance takeDisturbance() { return {}; }
 
     // Takes the hooks to the service's chains out of INPUT and OUTPUT, then the chains themselves. Chains that foreign
     // rules jump to are emptied and stay; the answer names them.

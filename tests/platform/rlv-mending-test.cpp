@@ -1,0 +1,312 @@
+// What others change in the service's own chains and hooks is put back.
+#include "rlv/table/modelled-table.h"
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "scripted-store.h"
+
+namespace {
+
+using rlv::Change;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using Kind = Change::Kind;
+using Texts = std::vector<std::string>;
+
+rlv::Command parsed(const std::string &options) { return std::get<rlv::Command>(rlv::parseCommand(options, "VPK-")); }
+
+// A rule of somebody else's, also in chains that the service would not touch.
+rlv::Rule jumpTo(const std::string &chain) {
+    rlv::Rule rule;
+    rule.target = {rlv::Target::Kind::jump, chain};
+    return rule;
+}
+
+rlv::Rule from(std::uint32_t address, rlv::Target::Kind target = rlv::Target::Kind::accept) {
+    rlv::Rule rule;
+    rule.source = rlv::Network{address, 32};
+    rule.target = {target, ""};
+    return rule;
+}
+
+class AMendingTable : public testing::Test {
+protected:
+    AMendingTable() {
+        auto owned = std::make_unique<scripted::Store>();
+        store = owned.get();
+        table = std::make_unique<rlv::ModelledTable>(std::move(owned), "VPK-");
+        done({"-N VPK-A", "-N VPK-D", "-A VPK-A -s 10.0.0.1 -j ACCEPT", "-A VPK-D -s 10.0.0.2 -j DROP",
+              "-A VPK-D -s 10.0.0.3 -j DROP", "-A VPK-D -s 10.0.0.4 -j DROP", "-A INPUT -j VPK-A",
+              "-A INPUT -j VPK-D"});
+        table->remember();
+        before = picture();
+    }
+
+    void accepted(const Texts &commands) {
+        for (const std::string &options : commands)
+            EXPECT_EQ("", table->apply({parsed(options)}, options).message) << options;
+    }
+    void done(const Texts &commands) {
+        table->open();
+        accepted(commands);
+        EXPECT_THAT(table->push().lost, IsEmpty());
+    }
+
+    // All chains with their rules, with handles where they are asked for.
+    Texts picture(bool withHandles = false) {
+        Texts lines;
+        const rlv::Ruleset truth = store->truth();
+        for (const auto &[name, chain] : truth.chains) {
+            lines.push_back("chain " + name);
+            for (const rlv::HeldRule &held : chain.rules)
+                lines.push_back(name + " " + describe(*held.rule) +
+                                (withHandles ? " #" + std::to_string(held.handle) : ""));
+        }
+        return lines;
+    }
+
+    std::uint64_t handleOf(const std::string &chain, const std::string &text) {
+        const rlv::Ruleset truth = store->truth();
+        for (const rlv::HeldRule &held : truth.chains.at(chain).rules) {
+            if (describe(*held.rule) == text)
+                return held.handle;
+        }
+        ADD_FAILURE() << chain << " has no " << text;
+        return 0;
+    }
+    void remove(const std::string &chain, const std::string &text) {
+        EXPECT_TRUE(store->edit({Kind::deleteRule, &chain, nullptr, handleOf(chain, text)}));
+    }
+    void insert(const std::string &chain, const rlv::Rule &rule, const std::string &before_) {
+        EXPECT_TRUE(store->edit({Kind::insertRule, &chain, &rule, handleOf(chain, before_)}));
+    }
+    void flush(const std::string &chain) { EXPECT_TRUE(store->edit({Kind::flushChain, &chain, nullptr, 0})); }
+    void removeChain(const std::string &chain) {
+        EXPECT_TRUE(store->edit({Kind::deleteChain, &chain, nullptr, 0})) << chain;
+    }
+    void flushAll() {
+        for (const char *const chain : {"INPUT", "VPK-A", "VPK-D"})
+            flush(chain);
+        removeChain("VPK-A");
+        removeChain("VPK-D");
+        removeChain("INPUT");
+    }
+
+    scripted::Store *store = nullptr;
+    std::unique_ptr<rlv::ModelledTable> table;
+    Texts before;
+};
+
+TEST_F(AMendingTable, PutsEverythingBackAfterAFlushOfAllInOneTransaction) {
+    flushAll();
+    EXPECT_THAT(picture(), IsEmpty());
+    const std::size_t commits = store->commits;
+    const auto report = table->mend();
+    EXPECT_EQ(before, picture());
+    EXPECT_EQ(commits + 1, store->commits);
+    EXPECT_EQ("", report.problem);
+    EXPECT_EQ(9U, report.differences) << "three chains, four rules, two hooks";
+    EXPECT_THAT(report.texts, testing::Contains("VPK-D: missing: -s 10.0.0.2/32 -j DROP"));
+}
+
+TEST_F(AMendingTable, SendsNothingWhileNobodyHasChangedAnything) {
+    const std::size_t readings = store->readings;
+    const auto report = table->mend();
+    EXPECT_EQ(0U, report.differences);
+    EXPECT_EQ(readings, store->readings);
+}
+
+TEST_F(AMendingTable, TakesForeignRulesOutOfItsChainsAndKeepsTheHandlesOfItsOwn) {
+    const Texts all = picture(true);
+    insert("VPK-D", from(0x0a000009), "-s 10.0.0.3/32 -j DROP");
+    EXPECT_TRUE(store->append("VPK-A", from(0x0a000008, rlv::Target::Kind::drop)));
+    const auto report = table->mend();
+    EXPECT_EQ(all, picture(true));
+    EXPECT_THAT(report.texts,
+                ElementsAre("VPK-A: foreign: -s 10.0.0.8/32 -j DROP", "VPK-D: foreign: -s 10.0.0.9/32 -j ACCEPT"));
+}
+
+TEST_F(AMendingTable, TakesOutRulesThatItDoesNotUnderstand) {
+    EXPECT_TRUE(store->append("VPK-D", from(0x0a000009)));
+    store->opaque.insert(handleOf("VPK-D", "-s 10.0.0.9/32 -j ACCEPT"));
+    EXPECT_THAT(table->mend().texts, ElementsAre("VPK-D: foreign: a rule of another kind"));
+    EXPECT_EQ(before, picture());
+}
+
+TEST_F(AMendingTable, PutsARuleBackWhereItStood) {
+    remove("VPK-D", "-s 10.0.0.3/32 -j DROP");
+    EXPECT_THAT(table->mend().texts, ElementsAre("VPK-D: missing: -s 10.0.0.3/32 -j DROP"));
+    EXPECT_EQ(before, picture());
+}
+
+TEST_F(AMendingTable, SetsTheOrderOfRulesRight) {
+    remove("VPK-D", "-s 10.0.0.2/32 -j DROP");
+    EXPECT_TRUE(store->append("VPK-D", from(0x0a000002, rlv::Target::Kind::drop)));
+    EXPECT_THAT(table->mend().texts, ElementsAre("VPK-D: the rules are in another order"));
+    EXPECT_EQ(before, picture());
+}
+
+TEST_F(AMendingTable, LeavesTheRulesOfOthersElsewhereWhereTheyAre) {
+    EXPECT_TRUE(store->make("OTHER"));
+    EXPECT_TRUE(store->append("OTHER", from(1)));
+    insert("INPUT", from(2), "-j VPK-A");
+    insert("INPUT", from(3), "-j VPK-D");
+    EXPECT_TRUE(store->append("INPUT", from(4)));
+    const Texts all = picture(true);
+    EXPECT_EQ(0U, table->mend().differences);
+    EXPECT_EQ(all, picture(true));
+}
+
+// Whether it is the first or the last of them.
+TEST_F(AMendingTable, PutsAHookBackBetweenTheRulesOfOthers) {
+    insert("INPUT", from(2), "-j VPK-A");
+    insert("INPUT", from(3), "-j VPK-D");
+    EXPECT_TRUE(store->append("INPUT", from(4)));
+    static_cast<void>(table->mend());
+    const Texts all = picture();
+    remove("INPUT", "-j VPK-D");
+    EXPECT_THAT(table->mend().texts, ElementsAre("INPUT: missing: -j VPK-D"));
+    EXPECT_EQ(all, picture());
+    remove("INPUT", "-j VPK-A");
+    EXPECT_THAT(table->mend().texts, ElementsAre("INPUT: missing: -j VPK-A"));
+    EXPECT_EQ(all, picture());
+    remove("INPUT", "-j VPK-A");
+    remove("INPUT", "-j VPK-D");
+    remove("INPUT", "-s 0.0.0.4/32 -j ACCEPT");
+    EXPECT_THAT(table->mend().texts, ElementsAre("INPUT: missing: -j VPK-A", "INPUT: missing: -j VPK-D"));
+    Texts wanted = all;
+    wanted.erase(std::find(wanted.begin(), wanted.end(), "INPUT -s 0.0.0.4/32 -j ACCEPT"));
+    EXPECT_EQ(wanted, picture());
+}
+
+TEST_F(AMendingTable, LetsAHookStandOnceAndInItsPlace) {
+    EXPECT_TRUE(store->append("INPUT", jumpTo("VPK-A")));
+    EXPECT_THAT(table->mend().texts, ElementsAre("INPUT: twice or at another place: -j VPK-A"));
+    EXPECT_EQ(before, picture());
+    remove("INPUT", "-j VPK-A");
+    EXPECT_TRUE(store->append("INPUT", jumpTo("VPK-A")));
+    EXPECT_THAT(table->mend().texts,
+                ElementsAre("INPUT: missing: -j VPK-A", "INPUT: twice or at another place: -j VPK-A"));
+    EXPECT_EQ(before, picture());
+}
+
+TEST_F(AMendingTable, KnowsNothingBeforeTheFirstConnectionHasEndedNorAfterItIsToldToForget) {
+    table->forget();
+    flushAll();
+    EXPECT_EQ(0U, table->mend().differences);
+    EXPECT_THAT(picture(), IsEmpty());
+    EXPECT_FALSE(table->remembers());
+}
+
+TEST_F(AMendingTable, OnlyTellsWhereItIsNotToMend) {
+    table->setMending(false);
+    remove("VPK-D", "-s 10.0.0.3/32 -j DROP");
+    const Texts after = picture();
+    const auto report = table->mend();
+    EXPECT_EQ("not put back (--no-repair)", report.problem);
+    EXPECT_THAT(report.texts, ElementsAre("VPK-D: missing: -s 10.0.0.3/32 -j DROP"));
+    EXPECT_EQ(after, picture());
+    EXPECT_EQ(1U, table->mend().differences) << "for as long as it is so";
+}
+
+TEST_F(AMendingTable, PutsBackInTheMiddleOfAConnectionWhatItsCommandsBuildOn) {
+    table->open();
+    accepted({"-A VPK-D -s 10.0.0.5 -j DROP"});
+    flushAll();
+    EXPECT_THAT(table->push().lost, IsEmpty());
+    Texts wanted = before;
+    wanted.insert(std::find(wanted.begin(), wanted.end(), "VPK-D -s 10.0.0.4/32 -j DROP") + 1,
+                  "VPK-D -s 10.0.0.5/32 -j DROP");
+    EXPECT_EQ(wanted, picture());
+    const auto report = table->mend();
+    EXPECT_EQ("", report.problem);
+    EXPECT_EQ(9U, report.differences);
+}
+
+TEST_F(AMendingTable, KeepsWhatWasSentBeforeOthersCameInTheMiddleOfAConnection) {
+    table->open();
+    accepted({"-A VPK-D -s 10.0.0.5 -j DROP"});
+    EXPECT_THAT(table->push().lost, IsEmpty());
+    const Texts wanted = picture();
+    accepted({"-F VPK-D"});
+    flush("VPK-D");
+    EXPECT_EQ(4U, table->mend().differences);
+    EXPECT_EQ(wanted, picture()) << "the flush is not sent before the connection ends";
+    accepted({"-A VPK-D -s 10.0.0.6 -j DROP"});
+    EXPECT_THAT(table->push().lost, IsEmpty());
+    EXPECT_THAT(picture(), testing::Contains("VPK-D -s 10.0.0.6/32 -j DROP"));
+    EXPECT_THAT(picture(), testing::Not(testing::Contains("VPK-D -s 10.0.0.5/32 -j DROP")));
+}
+
+TEST_F(AMendingTable, TellsWhatTheKernelDoesNotTakeBack) {
+    remove("VPK-D", "-s 10.0.0.3/32 -j DROP");
+    store->refuse = [](const Change &change) { return change.rule != nullptr ? EINVAL : 0; };
+    EXPECT_THAT(table->mend().problem, HasSubstr("Invalid argument"));
+    store->refuse = nullptr;
+    EXPECT_EQ("", table->mend().problem) << "and tries again";
+    EXPECT_EQ(before, picture());
+}
+
+TEST_F(AMendingTable, IsNotOutrunByOthersWhoChangeTheTablesAllTheTime) {
+    flush("VPK-D");
+    std::uint32_t address = 0;
+    store->beforeCommit = [&] { EXPECT_TRUE(store->append("INPUT", from(++address))); };
+    EXPECT_EQ("", table->mend().problem);
+    store->beforeCommit = nullptr;
+    EXPECT_THAT(picture(), testing::Contains("VPK-D -s 10.0.0.3/32 -j DROP"));
+}
+
+TEST_F(AMendingTable, FillsAChainThatOthersEmptyBeforeEachTransaction) {
+    flush("VPK-D");
+    store->beforeCommit = [&] { flush("VPK-D"); };
+    EXPECT_EQ("", table->mend().problem) << "an unbound transaction fills the chain whatever stands in it";
+    EXPECT_EQ(before, picture());
+}
+
+TEST_F(AMendingTable, KeepsInMindWhatItCouldNotRead) {
+    flush("VPK-D");
+    store->failuresToCome = 2;
+    EXPECT_THROW(static_cast<void>(table->mend()), std::system_error);
+    store->failuresToCome = 0;
+    EXPECT_EQ(3U, table->mend().differences);
+    EXPECT_EQ(before, picture());
+}
+
+TEST_F(AMendingTable, TakesBackAChainThatSomebodyHasMadeABaseChain) {
+    flushAll();
+    const std::string chain = "VPK-D";
+    EXPECT_TRUE(store->edit({Kind::addBaseChain, &chain, nullptr, 0}));
+    EXPECT_EQ("", table->mend().problem);
+    EXPECT_EQ(before, picture());
+    EXPECT_FALSE(store->truth().chains.at("VPK-D").isBase);
+}
+
+// A description is what stands, not what should.
+TEST_F(AMendingTable, StillKnowsWhatShouldStandAfterADescription) {
+    flush("VPK-D");
+    rlv::ServiceState state;
+    table->describe(state);
+    ASSERT_EQ(2U, state.chains.size());
+    EXPECT_EQ(0U, state.chains[1].rules);
+    EXPECT_EQ(3U, table->mend().differences);
+    EXPECT_EQ(before, picture());
+}
+
+TEST_F(AMendingTable, TakesOutForeignRulesThatStoodBeforeItKnew) {
+    table->forget();
+    EXPECT_TRUE(store->append("VPK-D", from(0x0a000009)));
+    store->opaque.insert(handleOf("VPK-D", "-s 10.0.0.9/32 -j ACCEPT"));
+    table->open();
+    table->remember();
+    EXPECT_EQ(1U, table->mend().differences);
+    EXPECT_EQ(before, picture());
+}
+
+} // namespace
