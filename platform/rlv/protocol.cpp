@@ -84,6 +84,32 @@ LostCommand readLost(Reader &in) {
     return lost;
 }
 
+void write(Writer &out, const DriftState &drift) {
+    out.flag(drift.isMending);
+    out.flag(drift.isKnown);
+    out.integer(drift.repairs, 8);
+    out.list(drift.texts, [&](const std::string &text) { out.text(text); });
+    out.integer(drift.differences, 8);
+    out.text(drift.processName);
+    out.integer(drift.process, 4);
+    out.text(drift.problem);
+    out.integer(static_cast<std::uint64_t>(drift.nextAttemptSeconds), 8);
+}
+
+DriftState readDrift(Reader &in) {
+    DriftState drift;
+    drift.isMending = in.flag();
+    drift.isKnown = in.flag();
+    drift.repairs = in.integer(8);
+    in.list([&] { drift.texts.push_back(in.text()); });
+    drift.differences = in.integer(8);
+    drift.processName = in.text();
+    drift.process = static_cast<std::uint32_t>(in.integer(4));
+    drift.problem = in.text();
+    drift.nextAttemptSeconds = static_cast<std::int64_t>(in.integer(8));
+    return drift;
+}
+
 void write(Writer &out, const ConnectionOutcome &outcome) {
     out.integer(outcome.number, 8);
     out.integer(static_cast<std::uint64_t>(outcome.end), 1);
@@ -108,6 +134,7 @@ std::string flatten(const ServiceState &state) {
     out.list(state.hooks, [&](const HookState &hook) { out.text(hook.chain), out.text(hook.target); });
     out.list(state.chains, [&](const ChainState &chain) { out.text(chain.name), out.integer(chain.rules, 8); });
     out.list(state.connections, [&](const ConnectionOutcome &outcome) { write(out, outcome); });
+    write(out, state.drift);
     return out.take();
 }
 
@@ -207,7 +234,7 @@ std::string encode(const Reply &reply) {
 }
 
 bool decodeRequest(std::string_view packet, Request &request) {
-    constexpr std::string_view kKinds = "OCLXQNM";
+    constexpr std::string_view kKinds = "OCLXQNMWR";
     Reader in(packet);
     const char kind = static_cast<char>(in.integer(1));
     request.kind = static_cast<Request::Kind>(kind);
@@ -217,7 +244,7 @@ bool decodeRequest(std::string_view packet, Request &request) {
 }
 
 std::optional<Reply> decodeReply(std::string_view packet) {
-    constexpr std::string_view kKinds = "ocxqr";
+    constexpr std::string_view kKinds = "ocxqrw";
     Reader in(packet);
     Reply reply;
     const char kind = static_cast<char>(in.integer(1));
@@ -295,6 +322,7 @@ std::optional<ServiceState> decodeState(std::string_view text) {
         state.chains.push_back(std::move(chain));
     });
     in.list([&] { state.connections.push_back(readOutcome(in)); });
+    state.drift = readDrift(in);
     if (!in.complete())
         return std::nullopt;
     return state;

@@ -33,6 +33,9 @@ constexpr std::uint64_t kMoreFollow = 256;
 // In that of the last request to compare: what was sent, and not read since, is read.
 constexpr std::uint64_t kReading = 1;
 
+// `remove` takes hooks and chains out of the kernel, and what should stand is forgotten: it is what rlvd
+// --remove-tables says to a service that runs, for root and the service's own account alone. The reply is as to a
+// command.
 struct Request {
     enum class Kind : std::uint8_t {
         open = 'O',
@@ -41,7 +44,9 @@ struct Request {
         close = 'X',
         query = 'Q',
         names = 'N',
-        compare = 'M'
+        compare = 'M',
+        watch = 'W',
+        remove = 'R'
     };
     Kind kind = Kind::open;
     // open: the client's protocol version; query: tell of connections above this number; names: see NamesRequest;
@@ -54,10 +59,19 @@ struct Request {
 
 struct Reply {
     // refused ends the connection and may come at any time; its code is an errno value.
-    enum class Kind : std::uint8_t { opened = 'o', committed = 'c', closed = 'x', state = 'q', refused = 'r' };
+    enum class Kind : std::uint8_t {
+        opened = 'o',
+        committed = 'c',
+        closed = 'x',
+        state = 'q',
+        watched = 'w',
+        refused = 'r'
+    };
     Kind kind = Kind::refused;
     // committed: iptables' exit status; closed, refused: an errno value, ECANCELED for an interrupted connection.
     std::int32_t code = 0;
+    // watched: the service's identifier (ServiceState::serviceId). It comes at once in answer to a request to watch,
+    // and with the code 1 whenever others have changed the tables and the service does not know what should stand.
     // opened: the connection's number; closed: how many of its commands were refused or lost; state: how many parts
     // follow; committed: how many more rules the table takes. So
     // many commands of the forms (see command-form.h) that were accepted so far are sure to be accepted, until one

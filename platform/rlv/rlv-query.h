@@ -67,6 +67,21 @@ struct HookState {
     std::string target;
 };
 
+// What others have done to the service's own chains and to the hooks that lead there, and what the service does about
+// it.
+struct DriftState {
+    bool isMending = true;     // false: others' changes are only told of (--no-repair)
+    bool isKnown = false;      // what should stand: there has been a whole connection since the service was started
+    std::uint64_t repairs = 0; // how often others' changes were put back
+    std::vector<std::string>
+        texts;                     // of what was found last, the first ten: "VPK-DENY: missing: -s 10.0.0.1/32 -j DROP"
+    std::uint64_t differences = 0; // of them all
+    std::string processName;       // who did that; empty where the kernel did not tell
+    std::uint32_t process = 0;
+    std::string problem;                  // why not all is as it should be; empty when it is, as far as is known
+    std::int64_t nextAttemptSeconds = -1; // until when it is given up, because somebody fights back; -1: it is not
+};
+
 struct ServiceState {
     bool simulated = false;
     std::uint64_t serviceId = 0;      // another one after each start of the service
@@ -74,6 +89,7 @@ struct ServiceState {
     std::vector<HookState> hooks;     // in the kernel's order
     std::vector<ChainState> chains;   // the service's own, by name
     std::vector<ConnectionOutcome> connections;
+    DriftState drift;
 };
 
 // Asks the service for what stands in the kernel and how the asker's connections (same user and process) with numbers

@@ -101,15 +101,19 @@ Words refilling(const Words &rules) {
 
 class AFaultyNetlink : public testing::Test {
 protected:
-    AFaultyNetlink() : plan(*mapped_plan::make<Plan>(kPlanPath)) {
+    AFaultyNetlink() : plan(*mapped_plan::make<Plan>(kPlanPath)) { startAnew(); }
+    void startAnew() {
+        service.reset();
         service = std::make_unique<Service>(Words{}, withFaults());
     }
 
     static std::string rules() {
         return process::capture({"iptables", "-S", "VPK-DENY"}).output.substr(std::strlen("-N VPK-DENY\n"));
     }
-    // As somebody else, so that the service has to read.
-    static void foreign(const Words &rules, int many = 0) {
+    // As somebody else, so that the service has to read. It does not know yet what should stand, or it would put that
+    // back.
+    void foreign(const Words &rules, int many = 0) {
+        startAnew();
         process::Options how;
         how.input = "*filter\n:VPK-DENY -\n-F VPK-DENY\n" + chainOf(rules);
         for (int i = 0; i < many; ++i)

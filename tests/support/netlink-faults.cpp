@@ -38,10 +38,17 @@ template <typename Function> Function *next(const char *name) {
     return reinterpret_cast<Function *>(::dlsym(RTLD_NEXT, name));
 }
 
+// Notices come whenever they like: which call they fail would be anybody's guess.
+bool isListening(int fd) {
+    std::uint32_t groups = 0;
+    socklen_t size = sizeof groups;
+    return ::getsockopt(fd, SOL_NETLINK, NETLINK_LIST_MEMBERSHIPS, &groups, &size) == 0 && groups != 0;
+}
+
 bool isNetlink(int fd) {
     int domain = 0;
     socklen_t size = sizeof domain;
-    return ::getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain == AF_NETLINK;
+    return ::getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain == AF_NETLINK && !isListening(fd);
 }
 
 bool isMet(Calls &calls) {

@@ -1,5 +1,6 @@
 // Faults between a program and the kernel's netlink: what netlink-faults.cpp, loaded into the program before its
-// libraries, does to its AF_NETLINK sockets. All other sockets are left alone.
+// libraries, does to its AF_NETLINK sockets. All other sockets are left alone, and those that only
+// listen.
 #ifndef TESTS_SUPPORT_NETLINK_FAULTS_H
 #define TESTS_SUPPORT_NETLINK_FAULTS_H
 

@@ -47,6 +47,7 @@ void Delivery::accepted() {
 
 bool Delivery::close() {
     push();
+    compare(true);
     end();
     return !hasLost_;
 }
@@ -56,7 +57,16 @@ void Delivery::interrupt(const std::string &why) {
         drop("iptables: not sent: " + why);
     else
         push();
+    compare(false);
     end();
+}
+
+// What others have done meanwhile, and could not be put right, is lost to this connection.
+void Delivery::compare(bool isClosed) {
+    const bool isWhole = isClosed && !hasLost_ && rulesMoved_ > 0;
+    const std::string problem = context_.drift.endConnection(isWhole);
+    if (!problem.empty())
+        lose({"what others have changed", 4, "not put right: " + problem, false});
 }
 
 // The client has its answer first.

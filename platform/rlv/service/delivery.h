@@ -40,6 +40,7 @@ public:
     bool lossMayPass() const { return lossMayPass_; }
 
 private:
+    void compare(bool isClosed);
     void end();
     void push();
     void drop(const std::string &why);

@@ -19,6 +19,7 @@
 #include <sys/signalfd.h>
 #include <sys/stat.h>
 
+#include "rlv/client-socket.h"
 #include "rlv/rlv-query.h"
 #include "rlv/service/service-log.h"
 #include "rlv/service/service-socket.h"
@@ -47,6 +48,9 @@ constexpr const char *kExamples =
     "SIGTERM and SIGINT end the service; the rules stay in force. Started by a service manager, it reports\n"
     "READY=1 to $NOTIFY_SOCKET when clients can connect.";
 
+// The connection that is open when it is told ends first.
+constexpr std::chrono::seconds kRemovalTimeout{30};
+
 struct Arguments {
     std::string socket = rlv::kDefaultSocketPath;
     std::vector<std::string> clientUsers;
@@ -56,6 +60,7 @@ struct Arguments {
     bool logSyslog = false;
     bool noResolve = false;
     bool removeTables = false;
+    bool noRepair = false;
     long idleSeconds = 600;
     long refreshSeconds = 300;
     rlv::ServiceOptions service;
@@ -111,8 +116,12 @@ void addTableOptions(CLI::App &app, Arguments &arguments) {
         ->check(CLI::Range(1, 86'400))
         ->capture_default_str();
     app.add_flag("--simulate", arguments.service.simulated, "Keep the chains in memory; the kernel is not touched");
-    app.add_flag("--remove-tables", arguments.removeTables,
-                 "Take the hooks and the chains with the prefix out of the kernel, and exit");
+    app.add_flag("--no-repair", arguments.noRepair,
+                 "Only tell of what others change in the chains and hooks, do not put it back");
+    app.add_flag(
+        "--remove-tables", arguments.removeTables,
+        "Take the hooks and the chains with the prefix out of the kernel, and exit; a service that runs forgets "
+        "them");
 }
 
 void addLogOptions(CLI::App &app, Arguments &arguments) {
@@ -175,8 +184,26 @@ std::unique_ptr<rlv::Table> openTable(const rlv::ServiceOptions &options) {
     return options.simulated ? rlv::makeSimulatedTable(options.chainPrefix) : rlv::openKernelTable(options.chainPrefix);
 }
 
-int removeTables(const rlv::ServiceOptions &options) {
-    const rlv::Answer answer = openTable(options)->removeAll();
+// One that runs would put everything back: it is to forget, and takes out what it has made. An older one does not
+// understand that, and puts nothing back.
+void tellRunningService(const std::string &socket) {
+    const auto deadline = rlv::client::Clock::now() + kRemovalTimeout;
+    support::UniqueFd fd;
+    int error = rlv::client::connectTo(socket, deadline, fd);
+    if (error == ENOENT || error == ECONNREFUSED)
+        return;
+    if (error == 0) {
+        const rlv::protocol::Request request{rlv::protocol::Request::Kind::remove, 0, {}};
+        error = rlv::client::ask(fd.get(), request, rlv::protocol::Reply::Kind::committed, deadline).error;
+    }
+    if (error != 0 && error != EPROTO)
+        throw std::system_error(error, std::generic_category(),
+                                "the service that runs at " + socket + " cannot be told to take them out");
+}
+
+int removeTables(const Arguments &arguments) {
+    tellRunningService(arguments.socket);
+    const rlv::Answer answer = openTable(arguments.service)->removeAll();
     RLVD_INFO("hooks and chains taken out: %s", answer.code == 0 ? "all" : answer.message.c_str());
     if (answer.code == 0)
         return EXIT_SUCCESS;
@@ -235,11 +262,12 @@ void fillStandardStreams() {
 int run(Arguments &arguments) {
     try {
         arguments.service.resolveNames = !arguments.noResolve;
+        arguments.service.isMending = !arguments.noRepair;
         arguments.service.maxIdle = std::chrono::seconds(arguments.idleSeconds);
         arguments.service.names.refresh = std::chrono::seconds(arguments.refreshSeconds);
         arguments.service.patience = std::min(arguments.service.patience, arguments.service.maxIdle);
         chooseLog(arguments);
-        return arguments.removeTables ? removeTables(arguments.service) : serve(arguments);
+        return arguments.removeTables ? removeTables(arguments) : serve(arguments);
     } catch (const std::exception &error) {
         std::fprintf(stderr, "rlvd: %s\n", error.what());
         if (!arguments.logStderr)

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "rlv/service/connection-history.h"
+#include "rlv/service/drift.h"
 #include "rlv/service/names.h"
 #include "rlv/service/table-turns.h"
 #include "rlv/table/table.h"
@@ -21,6 +22,7 @@ struct ServiceContext {
     TableTurns turns;
     ConnectionHistory history;
     Names names;
+    Drift drift;
     std::string chainPrefix;
     std::chrono::milliseconds maxWait; // for a turn
     bool resolveNames = true;

@@ -7,6 +7,7 @@
 #include <iterator>
 #include <new>
 #include <system_error>
+#include <unistd.h>
 #include <utility>
 
 #include "rlv/command-form.h"
@@ -100,6 +101,10 @@ void Session::dispatch(std::size_t textBytes) {
         return names(textBytes);
     if (request_.kind == Kind::compare)
         return compare(textBytes);
+    if (request_.kind == Kind::watch && !isOpen())
+        return watch();
+    if (request_.kind == Kind::remove && !isOpen())
+        return wait();
     if ((request_.kind == Kind::open) == isOpen())
         return refuse(EPROTO, isOpen() ? "opened twice" : "not opened");
     switch (request_.kind) {
@@ -123,7 +128,10 @@ void Session::refuse(int error, const std::string &message) {
 
 // Until its turn comes, the client is in the middle of a request, and nothing more is read from it.
 void Session::wait() {
-    if (request_.number != protocol::kVersion)
+    const bool isRemoval = request_.kind == protocol::Request::Kind::remove;
+    if (isRemoval && asker_.user != 0 && asker_.user != ::geteuid())
+        return refuse(EACCES, "only root may have the tables taken out");
+    if (!isRemoval && request_.number != protocol::kVersion)
         return refuse(EPROTONOSUPPORT, "another version of the protocol");
     waitTimer_ = context_.loop.after(context_.maxWait, [this] {
         waitTimer_ = 0;
@@ -135,7 +143,10 @@ void Session::wait() {
 void Session::haveTurn() {
     context_.loop.cancel(std::exchange(waitTimer_, 0));
     try {
-        open();
+        if (request_.kind == protocol::Request::Kind::remove)
+            remove();
+        else
+            open();
     } catch (const std::system_error &error) {
         refuse(error.code().value(), error.what());
     } catch (const std::exception &error) {
@@ -151,6 +162,29 @@ void Session::open() {
     lookUpTimeLeft_ = kLookUpTime;
     RLVD_INFO("connection %lld of user %u, process %d: opened", ll(number_), asker_.user, asker_.process);
     connection_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::opened, 0, number_, {}})});
+}
+
+// The client is the next one's turn away from taking them out itself, should this fail.
+void Session::remove() {
+    context_.drift.forget();
+    const Answer answer = context_.table.removeAll();
+    context_.turns.leave(*this);
+    RLVD_INFO("hooks and chains taken out for user %u, process %d: %s", asker_.user, asker_.process,
+              answer.code == 0 ? "all" : answer.message.c_str());
+    connection_.reply(
+        {protocol::encode(protocol::Reply{protocol::Reply::Kind::committed, answer.code, 0, answer.message})});
+}
+
+void Session::watch() {
+    isWatching_ = true;
+    connection_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::watched, 0, context_.serviceId, {}})});
+}
+
+// One who does not read what he was told before is cut off soon, and asks again.
+void Session::tellUnjudged() {
+    if (isWatching_ && !connection_.stuck())
+        connection_.reply(
+            {protocol::encode(protocol::Reply{protocol::Reply::Kind::watched, 1, context_.serviceId, {}})});
 }
 
 void Session::close() {
@@ -176,6 +210,8 @@ void Session::query() {
     state.serviceId = context_.serviceId;
     state.lastConnection = context_.history.lastNumber();
     state.connections = context_.history.of(asker_, request_.number);
+    context_.drift.takeNotices();
+    state.drift = context_.drift.state();
     const auto packets = protocol::encodeState(state);
     connection_.reply({packets.begin(), packets.end()});
 }

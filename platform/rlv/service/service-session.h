@@ -34,6 +34,10 @@ public:
     // A connection (rather than a client that has only asked, or said nothing yet, or waits for its turn).
     bool isOpen() const { return number_ != 0; }
     const Connection &connection() const { return connection_; }
+    // A client that waits to be told what the service cannot judge.
+    bool isWatching() const { return isWatching_; }
+    // Others have changed the tables, and it is not known what should stand.
+    void tellUnjudged();
     // Ends it as if the client had vanished, for the reason that the log gets.
     void end(const char *reason);
 
@@ -47,6 +51,8 @@ private:
     void open();
     void close();
     void query();
+    void watch();
+    void remove();
     void names(std::size_t textBytes);
     void compare(std::size_t textBytes);
     void refuse(int error, const std::string &message);
@@ -71,6 +77,7 @@ private:
     Asker asker_;
     std::function<void()> ended_;
     std::uint64_t number_ = 0;
+    bool isWatching_ = false;
     support::EventLoop::Timer waitTimer_ = 0;
     Delivery delivery_;
     protocol::Request request_; // the one under way

@@ -39,7 +39,8 @@ Service::Service(support::EventLoop &loop, Table &table, support::UniqueFd liste
                                                table,
                                                TableTurns(loop),
                                                ConnectionHistory(),
-                                               Names(loop, options.names),
+                                               {loop, options.names},
+                                               {loop, table, options.isMending},
                                                options.chainPrefix,
                                                options.maxWait,
                                                options.resolveNames,
@@ -47,6 +48,7 @@ Service::Service(support::EventLoop &loop, Table &table, support::UniqueFd liste
                                                options.simulated,
                                                newServiceId()},
       listener_(std::move(listener)) {
+    context_.drift.onUnjudged([this] { tellWatchers(); });
     loop_.watch(listener_.get(), EPOLLIN, [this](std::uint32_t) { accept(); });
 }
 
@@ -125,11 +127,16 @@ void Service::bury(const Session *session) {
         });
 }
 
+void Service::tellWatchers() {
+    for (const auto &session : sessions_)
+        session->tellUnjudged();
+}
+
 const char *Service::faultOf(const Session &session) const {
     const auto silence = support::EventLoop::Clock::now() - session.connection().lastActivity();
     if (session.connection().stuck())
         return silence > options_.patience ? "it does not read its reply" : nullptr;
-    if (session.connection().busy())
+    if (session.connection().busy() || session.isWatching())
         return nullptr;
     if (session.isOpen() && context_.turns.isWaitedFor() && silence > options_.maxIdleWhileWaitedFor)
         return "it has been silent for too long while others wait";

@@ -22,6 +22,7 @@ struct ServiceOptions {
     NameOptions names;
     bool logAccepted = false;
     bool simulated = false;
+    bool isMending = true; // what others change in the service's own chains and hooks is put back
     std::size_t maxClients = 128;
     std::size_t maxClientsPerUser = 32;
     // How long a client may take with its first word, and with reading a reply.
@@ -53,6 +54,7 @@ private:
     void bury(const Session *session);
     void sweep();
     const char *faultOf(const Session &session) const;
+    void tellWatchers();
 
     support::EventLoop &loop_;
     ServiceOptions options_;
