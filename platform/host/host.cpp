@@ -233,8 +233,11 @@ std::string Host::start() try { return bringUpAndJudge(std::nullopt); } catch (c
 }
 
 std::string Host::rebuild() try {
-    static_cast<void>(rlv::query(kNoConnections, kQueryTimeout)); // the plugin would wait longer for one that hangs
-    return bringUpAndJudge(current_ != nullptr ? std::optional<int>(applied_) : std::nullopt);
+    const auto service = rlv::query(kNoConnections, kQueryTimeout); // the plugin would wait longer for one that hangs
+    std::string problem = bringUpAndJudge(current_ != nullptr ? std::optional<int>(applied_) : std::nullopt);
+    if (problem.empty())
+        builtBy_ = service.serviceId;
+    return problem;
 } catch (...) {
     return textOfException();
 }

@@ -3,6 +3,7 @@
 #define PLATFORM_HOST_HOST_H
 
 #include <chrono>
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -37,6 +38,11 @@ public:
     void setRebuild(Rebuild *rebuild) { rebuild_ = rebuild; }
     // The host names of the rules, for whoever has the loop.
     NamesInUse &names() { return names_; }
+
+    // The traffic-control service (ServiceState::serviceId) to which all stored rules were sent last, as far as is
+    // known.
+    std::uint64_t builtBy() const { return builtBy_; }
+    void setBuiltBy(std::uint64_t serviceId) { builtBy_ = serviceId; }
 
     // Asked for the collector's state from now on; null ends it. Must outlive all calls.
     void setCollectorKeeper(CollectorKeeper *keeper) { keeper_ = keeper; }
@@ -113,6 +119,7 @@ private:
     mavo::rmi::Service ownMethods_;
     const Instance *current_ = nullptr; // kept until another takes its place
     int applied_ = -1;                  // the status last applied, -1 before the first
+    std::uint64_t builtBy_ = 0;
     Rebuild *rebuild_ = nullptr;
     CollectorKeeper *keeper_ = nullptr;
     RebuildReasons reasons_;

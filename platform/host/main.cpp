@@ -1,6 +1,7 @@
 // vpkd, the policy host: loads the firewall plugin and serves it.
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
@@ -77,15 +78,15 @@ void chooseLog(const Options &options) {
 // so.
 bool mayComeUp(const std::error_code &error) { return error.value() != EACCES && error.value() != EPROTO; }
 
-void requireTrafficControl(const Options &options) {
+// Gives back which service it is that answers.
+std::uint64_t requireTrafficControl(const Options &options) {
     using Clock = std::chrono::steady_clock;
     constexpr std::chrono::milliseconds kPause{100};
     rlv::setSocketPath(options.rlvSocket);
     for (const auto deadline = Clock::now() + std::chrono::seconds(options.serviceTimeout);;
          std::this_thread::sleep_for(kPause)) {
         try {
-            rlv::query(0, host::kQueryTimeout);
-            return;
+            return rlv::query(0, host::kQueryTimeout).serviceId;
         } catch (const std::system_error &error) {
             if (!mayComeUp(error.code()) || Clock::now() >= deadline)
                 throw std::runtime_error("the traffic-control service does not answer at " + options.rlvSocket + ": " +
@@ -111,11 +112,12 @@ void run(const Options &options) {
     auto lock = host::takeHostLock();
     if (!lock)
         throw std::runtime_error(std::string("already running: another process holds ") + host::kHostLock);
-    requireTrafficControl(options);
+    const std::uint64_t serviceId = requireTrafficControl(options);
 
     host::ServerLoop server(std::move(lock));
     host::handleForks({host::ServerLoop::signals(), [&server] { return server.descriptors(); }});
     host::Host host(host::loadPlugin(options.plugin));
+    host.setBuiltBy(serviceId);
     host::watchOverDatabases();
     if (isDataWell())
         host::refreshRuleBackup();

@@ -44,6 +44,8 @@ public:
     // Called from now on whenever nothing is waited for any more.
     void onSettled(std::function<void()> settled) { settled_ = std::move(settled); }
 
+    // An attempt is waited for.
+    bool isWanted() const { return timer_ != 0; }
     // What is waited for and why; empty when nothing is.
     std::string remark() const;
 

@@ -86,6 +86,12 @@ void ServerLoop::serve(Host &host, const std::string &socket, const mavo::rmi::P
                                         [&host](auto clockSetBy) { host.startCollectorAgain(clockSetBy); }});
     host.setCollectorKeeper(keeper_.get());
     keeper_->look();
+    watch_ = std::make_unique<ServiceWatch>(
+        loop_, [&host] { return host.builtBy(); },
+        [&rebuild](const std::string &reason) {
+            if (!rebuild.isWanted())
+                rebuild.follow(reason);
+        });
     host.names().follow(&loop_, [&rebuild](const std::string &reason) { rebuild.follow(reason); });
     logInfo("serving at " + socket);
     if (interruption.empty()) {
@@ -97,6 +103,7 @@ void ServerLoop::serve(Host &host, const std::string &socket, const mavo::rmi::P
     }
     loop_.run();
     host.names().follow(nullptr, {});
+    watch_.reset();
     host.setRebuild(nullptr);
     host.setCollectorKeeper(nullptr);
     keeper_.reset();
@@ -132,6 +139,8 @@ std::vector<int> ServerLoop::descriptors() const {
         const auto ofServer = server_->descriptors();
         all.insert(all.end(), ofServer.begin(), ofServer.end());
     }
+    if (watch_ && watch_->descriptor() >= 0)
+        all.push_back(watch_->descriptor());
     if (keeper_) {
         const auto ofKeeper = keeper_->descriptors();
         all.insert(all.end(), ofKeeper.begin(), ofKeeper.end());

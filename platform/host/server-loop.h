@@ -9,6 +9,7 @@
 
 #include "host/collector-keeper.h"
 #include "host/host.h"
+#include "host/service-watch.h"
 #include "mavo/privileges.h"
 #include "mavo/rmi-server.h"
 #include "support/event-loop.h"
@@ -26,8 +27,9 @@ public:
     // Listens at `socket` (0666, as privileges decide; a missing directory is made, 0755) and serves. Removes the
     // socket at the end. Builds the tables anew by itself after operations that were interrupted, with `interruption`
     // for one that already was, or for a plugin that has not come up yet: the service manager is then told that the
-    // host is ready when that is mended, after 30 s at the latest. Keeps a collector that is switched on alive. Throws
-    // std::system_error when it cannot listen.
+    // host is ready when that is mended, after 30 s at the latest. So it does when the traffic-control service is
+    // another one than that by which the host has built them, or cannot know what should stand. Keeps a collector that
+    // is switched on alive. Throws std::system_error when it cannot listen.
     void serve(Host &host, const std::string &socket, const mavo::rmi::Privileges &privileges,
                const std::string &interruption);
 
@@ -46,6 +48,7 @@ private:
     support::UniqueFd signals_;
     std::unique_ptr<mavo::rmi::Server> server_;
     std::unique_ptr<CollectorKeeper> keeper_; // while it serves
+    std::unique_ptr<ServiceWatch> watch_;     // likewise
     support::EventLoop::Timer ready_ = 0;
     bool isReady_ = false;
     support::EventLoop::Timer trimLater_ = 0;

@@ -4,6 +4,7 @@
 #include "rlv/rlv.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +14,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <sys/socket.h>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -43,6 +45,8 @@ constexpr std::size_t kCollectBytes = 8'192;
 constexpr Milliseconds kCollectTime{1'000};
 constexpr std::size_t kMaxOpenings = 100'000;
 constexpr const char *kService = "traffic-control service";
+// Longer than a notice; of a refusal the beginning is enough.
+constexpr std::size_t kNoticeBytes = 256;
 
 // The number of handles is bounded by the service, and each is used up once in 2^32 openings.
 class Connections {
@@ -387,6 +391,30 @@ Comparison compare(const WantedCommands &wanted, bool reading, std::chrono::mill
         error = receiveParts(fd.get(), std::move(first), deadline, text);
     }
     return stateOf(error, text, protocol::decodeComparison);
+}
+
+support::UniqueFd openWatch(std::chrono::milliseconds timeout) {
+    const auto deadline = Clock::now() + timeout;
+    UniqueFd fd;
+    int error = client::connectTo(connections().path(), deadline, fd);
+    if (error == 0)
+        error = client::sendPacket(fd.get(), protocol::encode(Request{Request::Kind::watch, 0, {}}), deadline);
+    if (error != 0)
+        throw std::system_error(error, std::generic_category(), kService);
+    return fd;
+}
+
+std::optional<WatchNotice> receiveNotice(int watch) {
+    std::array<char, kNoticeBytes> packet{};
+    const ssize_t size = ::recv(watch, packet.data(), packet.size(), MSG_DONTWAIT);
+    if (size < 0 && (errno == EAGAIN || errno == EINTR))
+        return std::nullopt;
+    WatchNotice notice;
+    const auto reply = size > 0 ? protocol::decodeReply({packet.data(), static_cast<std::size_t>(size)}) : std::nullopt;
+    notice.isEnd = !reply || reply->kind != Reply::Kind::watched;
+    notice.serviceId = notice.isEnd ? 0 : reply->number;
+    notice.isUnjudged = !notice.isEnd && reply->code != 0;
+    return notice;
 }
 
 NamesState queryNames(bool withList, std::chrono::milliseconds timeout) {

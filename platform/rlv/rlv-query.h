@@ -6,9 +6,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "support/unique-fd.h"
 
 namespace rlv {
 
@@ -140,6 +143,21 @@ using WantedCommands = std::function<void(const std::function<void(std::string_v
 // unchanged is not read again; with `reading` that means what was read, and else also what was sent and taken whole.
 // Throws as query() does, and what `wanted` throws.
 Comparison compare(const WantedCommands &wanted, bool reading, std::chrono::milliseconds timeout);
+
+// What the service tells one who watches.
+struct WatchNotice {
+    bool isEnd = false; // nothing more will come
+    std::uint64_t serviceId = 0;
+    // Others have changed the tables, and the service does not know what should stand. The first notice of a watch says
+    // only who the service is.
+    bool isUnjudged = false;
+};
+
+// Connects to the service, which tells on this socket from now on. Throws as query() does, but does not wait for the
+// first notice.
+support::UniqueFd openWatch(std::chrono::milliseconds timeout);
+// The next notice, when one is there. Blocks on nothing.
+std::optional<WatchNotice> receiveNotice(int watch);
 
 // A host name in use for which the service had no answer when it last asked.
 struct UnansweredName {

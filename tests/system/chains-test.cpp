@@ -170,15 +170,31 @@ TEST_F(RunningChains, HoldTheAllowListOfAPolicyDocumentAsDenyRules) {
     EXPECT_EQ(storedRules(), (Rows{{"tcp", "192.0.2.1", "80", 1, 0}}));
 }
 
-TEST_F(RunningChains, ComeBackAfterAForeignFlushWhenReloaded) {
+TEST_F(RunningChains, ComeBackByThemselvesAfterAForeignFlush) {
     allow("tcp:192.0.2.1:80:in");
     deny("tcp:192.0.2.2:80:in");
     const Lines before = network::listRules();
-    network::iptables({"-F", "VPK-DENY"});
-    network::iptables({"-F", "INPUT"});
+    network::iptables({"-F"});
+    EXPECT_TRUE(process::waitUntil([&] { return network::listRules() == before; }, process::Duration(1'000)));
+}
+
+// The service cannot know what stood, but the host does.
+TEST_F(RunningChains, ComeBackWhenTheyWereFlushedWhileTheServiceWasAway) {
+    allow("tcp:192.0.2.1:80:in");
+    deny("tcp:192.0.2.2:80:in");
+    const Lines before = network::listRules();
+    system.killService();
+    network::iptables({"-F"});
     ASSERT_NE(network::listRules(), before);
-    EXPECT_EQ(system.control({"reload"}).status, 0);
-    EXPECT_EQ(network::listRules(), before);
+    ASSERT_TRUE(system.startService());
+    EXPECT_TRUE(process::waitUntil([&] { return network::listRules() == before; }));
+    EXPECT_TRUE(process::waitUntil([] {
+        return wholesystem::contentOf(wholesystem::kHostLog).find("the traffic-control service was started anew") !=
+               std::string::npos;
+    }));
+    network::iptables({"-F"});
+    EXPECT_TRUE(process::waitUntil([&] { return network::listRules() == before; }, process::Duration(1'000)))
+        << "and the service knows again";
 }
 
 } // namespace

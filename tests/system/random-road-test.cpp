@@ -171,6 +171,7 @@ protected:
 
     void start(bool simulate) {
         wholesystem::System::Options options;
+        options.serviceArguments = {"--no-repair"}; // the neighbour's flushes stay for as long as the road says
         options.simulate = simulate;
         system.emplace(options);
         ASSERT_TRUE(system->start());
