@@ -45,6 +45,20 @@ std::string timeOf(std::int64_t seconds) {
 
 std::string rebuildLine(const std::string &rebuild) { return rebuild.empty() ? "" : "rebuilding   " + rebuild + "\n"; }
 
+// What others have done to the tables, and what became of it.
+std::string othersLine(const Json &others) {
+    const auto repairs = number(others, "repairs");
+    const std::string problem = printable(text(others, "problem"));
+    const auto seconds = number(others, "nextAttemptSeconds");
+    if (repairs <= 0 && problem.empty())
+        return "";
+    const std::string name = printable(text(others, "processName"));
+    std::string line = "others       changed the tables, put back " + std::to_string(repairs) + " times";
+    line += name.empty() ? "" : "; last " + name + " (process " + std::to_string(number(others, "process")) + ")";
+    line += problem.empty() ? "" : "; " + problem;
+    return line + (seconds > 0 ? "; fights back: given up for " + std::to_string(seconds) + " s" : "") + "\n";
+}
+
 std::string databaseLines(const Json &remarks) {
     std::string lines;
     for (const auto &remark : remarks)
@@ -142,6 +156,7 @@ std::string statusAsText(const Json &document) {
            " (as last applied)\n" +                                                     //
            "firewall     " + printable(text(document, "summary")) + "\n" +              //
            rebuildLine(text(document, "rebuild")) +                                     //
+           othersLine(part(document, "others")) +                                       //
            databaseLines(part(document, "databases")) +                                 //
            databaseLine(text(document, "databaseProblem")) +                            //
            "rules        " + rulesLine(part(document, "rules")) + "\n" +                //

@@ -146,6 +146,7 @@ void compareRules(bool reading, Account &account) {
             tellExpectedUnlessUnreadable(account, each);
         },
         reading, kCompareTimeout);
+    account.drift = state.drift;
     if (account.databaseProblem.empty())
         takeOver(comparison, account);
     else
@@ -190,7 +191,7 @@ std::string Account::summary() const {
 }
 
 int Account::exitStatus(bool strict) const {
-    return isInForce() && rebuild.empty() && (!strict || shadowed == 0) ? 0 : 1;
+    return isInForce() && rebuild.empty() && drift.problem.empty() && (!strict || shadowed == 0) ? 0 : 1;
 }
 
 Account takeAccount(bool reading) {

@@ -41,6 +41,21 @@ Json::Value countsAsJson(const RuleCounts &counts) {
     return json;
 }
 
+Json::Value driftAsJson(const rlv::DriftState &drift) {
+    Json::Value written;
+    written["repairs"] = Json::UInt64(drift.repairs);
+    written["isRepairing"] = drift.isMending;
+    written["problem"] = drift.problem;
+    written["nextAttemptSeconds"] = Json::Int64(drift.nextAttemptSeconds);
+    written["processName"] = drift.processName;
+    written["process"] = drift.process;
+    written["differences"] = Json::UInt64(drift.differences);
+    written["last"] = Json::Value(Json::arrayValue);
+    for (const auto &text : drift.texts)
+        written["last"].append(text);
+    return written;
+}
+
 Json::Value findingAsJson(const Finding &finding) {
     Json::Value json;
     json["kind"] = finding.kind;
@@ -58,6 +73,7 @@ void add(const Account &account, Json::Value &document) {
     document["serviceProblem"] = account.serviceProblem;
     document["databaseProblem"] = account.databaseProblem;
     document["simulated"] = account.simulated;
+    document["others"] = driftAsJson(account.drift);
     document["rules"] = Json::Value(Json::objectValue);
     for (const auto &[name, counts] :
          {std::pair{"stored", account.stored}, {"expected", account.expected}, {"inForce", account.inForce}}) {
