@@ -191,7 +191,7 @@ std::string Account::summary() const {
 }
 
 int Account::exitStatus(bool strict) const {
-    return isInForce() && rebuild.empty() && drift.problem.empty() && (!strict || shadowed == 0) ? 0 : 1;
+    return isInForce() && rebuild.empty() && (!strict || shadowed == 0) ? 0 : 1;
 }
 
 Account takeAccount(bool reading) {

@@ -31,7 +31,7 @@ struct Account {
     std::string serviceProblem;
     std::string databaseProblem;
     bool simulated = false;
-    rlv::DriftState drift; // what others have done to the tables
+    rlv::DriftState drift;              // what others have done to the tables
     std::optional<RuleCounts> stored;   // rows
     std::optional<RuleCounts> expected; // kernel rules that they make: one for each direction and address
     std::optional<RuleCounts> inForce;  // of those, that stand

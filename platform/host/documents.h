@@ -36,6 +36,10 @@ struct HostState {
 //               configuration's and the newest statistics report's in the outbox
 //   "simulated" true when the traffic-control service only plays; "serviceProblem" why it cannot be asked, or empty:
 //               then "inForce" is false
+//   "others"    what other programs have done to our part of the tables: {"repairs" how often it was put back,
+//               "isRepairing" false where it is only told of, "problem" why not all is as it was, or empty,
+//               "nextAttemptSeconds" where somebody fights back, else -1, "processName" and "process" who did it last
+//               as far as the kernel tells, "differences" how many there were then, "last" an array of the first ten}
 //   "rebuild"   when the tables are built anew by themselves, and why, or "given up: <reason>" when what was lost was
 //               lost again; empty when nothing of the kind is waited for
 //   "settingsProblem" what is wrong with the configuration, or with the stored status, or which was put aside; one line

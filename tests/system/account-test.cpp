@@ -21,8 +21,17 @@ void shell(const std::string &command) {
     ASSERT_EQ(result.status, 0) << command << "\n" << result.errors;
 }
 
+// Nobody puts back what the tests change.
+wholesystem::System::Options withoutRepair() {
+    wholesystem::System::Options options;
+    options.serviceArguments = {"--no-repair"};
+    return options;
+}
+
 class TheAccount : public systemtest::RunningSystemTest {
 protected:
+    TheAccount() : RunningSystemTest(withoutRepair()) {}
+
     void SetUp() override {
         RunningSystemTest::SetUp();
         if (IsSkipped() || HasFatalFailure())

@@ -35,6 +35,8 @@ inline Rows storedRules(const std::string &database = wholesystem::kRuleDatabase
 // A test with the whole system, not yet started.
 class SystemTest : public testing::Test {
 protected:
+    explicit SystemTest(const wholesystem::System::Options &options = {}) : system(options) {}
+
     void SetUp() override {
         if (const auto listing = process::capture({"iptables", "-w", "-S"}); listing.status != 0)
             GTEST_SKIP() << "no packet filter to be had: " << listing.errors;
@@ -50,6 +52,8 @@ protected:
 // The same, started.
 class RunningSystemTest : public SystemTest {
 protected:
+    using SystemTest::SystemTest;
+
     void SetUp() override {
         SystemTest::SetUp();
         if (!IsSkipped()) {
