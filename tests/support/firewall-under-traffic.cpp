@@ -109,6 +109,13 @@ std::uint64_t changesSent(std::streamoff offset) {
 
 std::streamoff sizeOfServiceLog() { return std::ifstream(wholesystem::kServiceLog, std::ios::ate).tellg(); }
 
+// What is measured is the re-initialisation alone: nobody puts back before it what was disturbed.
+wholesystem::System::Options withoutRepair() {
+    wholesystem::System::Options options;
+    options.serviceArguments = {"--no-repair"};
+    return options;
+}
+
 } // namespace
 
 // The ways to disturb.
@@ -162,7 +169,7 @@ const std::vector<Disturbances::Kind> Disturbances::kinds{
 std::size_t Firewall::kindsOfDisturbance() { return Disturbances::kinds.size(); }
 
 Firewall::Firewall(std::size_t rules)
-    : destinations_{pair_.addFarAddress(), pair_.addFarAddress()},
+    : system_(withoutRepair()), destinations_{pair_.addFarAddress(), pair_.addFarAddress()},
       denied_(fillers((rules - kMeasuredRules) / 2, "10.1.")),
       allowed_(fillers(rules - kMeasuredRules - denied_.size(), "10.2.")) {
     require(rules >= kMeasuredRules, "too few rules");

@@ -20,8 +20,17 @@ Json::Value parseJson(const std::string &text) {
     return value;
 }
 
+// Nobody puts back what the tests change.
+wholesystem::System::Options withoutRepair() {
+    wholesystem::System::Options options;
+    options.serviceArguments = {"--no-repair"};
+    return options;
+}
+
 class CommandLine : public systemtest::RunningSystemTest {
 protected:
+    CommandLine() : RunningSystemTest(withoutRepair()) {}
+
     // Output of a command that must succeed.
     std::string show(const std::vector<std::string> &words) const {
         const auto result = system.control(words);
