@@ -9,6 +9,7 @@
 #include "cli/documents-as-text.h"
 #include "cli/rule-list.h"
 #include "cli/terminal.h"
+#include "host/remarks.h"
 
 namespace cli {
 namespace {
@@ -150,7 +151,7 @@ void explainFailure(const Session &session, const std::string &command, const st
                     const mavo::rmi::Reply &reply) {
     const Command other{command, Data::none, ""};
     const auto *const known = findIn(kCommands, command);
-    const bool isSilent = reply.errorLines.empty() && reply.notInForce.empty();
+    const bool isSilent = host::decodeRemarks(reply.remarks).isEmpty();
     if (isSilent && (known != nullptr || isDisabled(session)))
         return explainSilence(session, known != nullptr ? *known : other, data);
     if (known == nullptr)

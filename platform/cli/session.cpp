@@ -1,9 +1,6 @@
 #include "cli/session.h"
 
-#include <algorithm>
-#include <array>
 #include <cstdio>
-#include <string_view>
 #include <system_error>
 
 #include "cli/plugin-commands.h"
@@ -11,7 +8,7 @@
 #include "cli/progress.h"
 #include "cli/suggestion.h"
 #include "cli/terminal.h"
-#include "host/reply-lines.h"
+#include "host/remarks.h"
 #include "mavo/exception.h"
 #include "mavo/rmi-client.h"
 
@@ -47,63 +44,19 @@ std::string refusalOf(const std::string &method, const Reply &reply) {
     }
 }
 
-bool begins(const std::string &line, std::string_view with) { return line.compare(0, with.size(), with) == 0; }
-
-// A command that is not in force, or what else the host says about that.
-std::string remark(const std::string &line) {
-    if (begins(line, host::kNotKnown))
-        return "whether all is in force is not known: " + line.substr(host::kNotKnown.size());
-    if (begins(line, host::kRebuild))
-        return line.substr(host::kRebuild.size());
-    return "not in force: " + line;
-}
-
-// How the plugin logs that a command was refused, before its code; the reason stands behind " : ".
-constexpr std::string_view kRefusedCommand = "VPK: invokeRLVIptablesCommit Iptables ERROR: ";
-
-// What laying out the chains always or now and then runs into, and goes on from, since it ends with what was wanted.
-constexpr std::array<std::string_view, 3> kHarmlessInReload = {
-    "iptables: Chain already exists.", "iptables: No chain/target/match by that name.",
-    "iptables: Bad rule (does a matching rule exist in that chain?)."};
-
-bool isHarmless(const std::string &method, const std::string &reason) {
-    if (reason == kHarmlessInReload.front())
-        return true; // what was wanted stands
-    return method == kReload &&
-           std::find(kHarmlessInReload.begin(), kHarmlessInReload.end(), reason) != kHarmlessInReload.end();
-}
-
-// Whether the remarks hold what the line says, with the command that it is about.
-bool isRepeated(const Reply &reply, const std::string &reason) {
-    const std::string ending = ": " + reason;
-    return std::any_of(reply.notInForce.begin(), reply.notInForce.end(), [&ending](const std::string &line) {
-        return line.size() > ending.size() && line.compare(line.size() - ending.size(), ending.size(), ending) == 0;
-    });
-}
-
-// They stay in the log.
-bool isWorthShowing(const std::string &method, const Reply &reply, const std::string &line) {
-    const std::size_t reason = line.find(" : ");
-    if (!begins(line, kRefusedCommand) || reason == std::string::npos)
-        return true;
-    const std::string text = line.substr(reason + 3);
-    return !isHarmless(method, text) && !isRepeated(reply, text);
-}
-
-void printRemarks(const std::string &method, const Reply &reply) {
-    for (const auto &line : reply.errorLines) {
-        if (isWorthShowing(method, reply, line))
+void printRemarks(const Reply &reply) {
+    const host::Remarks remarks = host::decodeRemarks(reply.remarks);
+    for (const auto *lines : {&remarks.errorLines, &remarks.notes}) {
+        for (const auto &line : *lines)
             show(stderr, printable(line) + "\n", 2);
     }
-    for (const auto &line : reply.notInForce)
-        show(stderr, printable(remark(line)) + "\n", 2);
 }
 
 } // namespace
 
 Reply Session::ask(const std::string &method, const mavo::rmi::Message &request) const {
     Reply reply = askHost(*this, method, request);
-    printRemarks(method, reply);
+    printRemarks(reply);
     return reply;
 }
 
@@ -149,7 +102,7 @@ int intOf(const Reply &reply) { return valueOf<int>(reply); }
 std::string textOf(const Reply &reply) { return valueOf<std::string>(reply); }
 
 ExitStatus statusOf(const Reply &reply, bool wentWell) {
-    return wentWell && reply.notInForce.empty() ? kDone : kFailed;
+    return wentWell && host::decodeRemarks(reply.remarks).notes.empty() ? kDone : kFailed;
 }
 
 } // namespace cli

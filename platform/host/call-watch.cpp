@@ -4,8 +4,9 @@
 #include <cstdint>
 #include <exception>
 #include <limits>
+#include <string_view>
+#include <utility>
 
-#include "host/reply-lines.h"
 #include "vlog/vlog.h"
 
 namespace host {
@@ -27,6 +28,10 @@ std::string withoutColours(const std::string &text) {
     return plain;
 }
 
+// How the plugin logs that a command was refused: this, the code, this, the reason.
+constexpr std::string_view kRefusedCommand = "VPK: invokeRLVIptablesCommit Iptables ERROR: ";
+constexpr std::string_view kBeforeReason = " : ";
+
 // What iptables answers to a removal of what is not there, and to the making of a chain that is.
 constexpr int kNothingToDo = 1;
 
@@ -39,7 +44,9 @@ void judge(const rlv::ConnectionOutcome &connection, Verdict &verdict) {
     for (const auto &command : connection.lost) {
         if (mayBeThoughtInForce(command))
             verdict.notInForce.push_back(command.options + ": " + command.message);
-        if (!command.refusedAtOnce)
+        if (command.refusedAtOnce)
+            verdict.refusals.insert(command.message);
+        else
             verdict.lost.push_back(command.options);
     }
     if (connection.lostBeyondList > 0)
@@ -88,6 +95,21 @@ Verdict judge(const rlv::ServiceState &after, const std::vector<rlv::Opening> &o
     return verdict;
 }
 
+Remarks remarksOn(const Verdict &verdict, std::vector<std::string> errorLines) {
+    const auto isKnownRefusal = [&verdict](const std::string &line) {
+        const std::size_t reason = line.find(kBeforeReason);
+        return line.compare(0, kRefusedCommand.size(), kRefusedCommand) == 0 && reason != std::string::npos &&
+               verdict.refusals.count(line.substr(reason + kBeforeReason.size())) != 0;
+    };
+    errorLines.erase(std::remove_if(errorLines.begin(), errorLines.end(), isKnownRefusal), errorLines.end());
+    Remarks remarks{std::move(errorLines), {}};
+    for (const auto &line : verdict.notInForce)
+        remarks.notes.push_back("not in force: " + line);
+    if (!verdict.unknown.empty())
+        remarks.notes.push_back("whether all is in force is not known: " + verdict.unknown);
+    return remarks;
+}
+
 CallWatch::CallWatch() {
     static_cast<void>(rlv::takeOpenings());
     vlog::setObserver([this](const vlog::Line &line) {
@@ -119,7 +141,7 @@ Verdict CallWatch::verdict() const {
         return judge(rlv::query(first - 1, kQueryTimeout), openings);
     } catch (const std::exception &error) {
         Verdict verdict;
-        verdict.notInForce.push_back(std::string(kNotKnown) + error.what());
+        verdict.unknown = error.what();
         const bool wasUsed =
             std::any_of(openings.begin(), openings.end(), [](const auto &one) { return one.number != 0; });
         if (wasUsed)

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "host/account.h"
 #include "host/collector-process.h"
 #include "host/collector-restart.h"
 #include "host/collector.h"
@@ -25,7 +26,6 @@
 #include "host/plugin-config.h"
 #include "host/plugin-files.h"
 #include "host/privileges.h"
-#include "host/reply-lines.h"
 #include "host/retired-plugin.h"
 #include "host/shortage.h"
 #include "mavo/database-failures.h"
@@ -243,16 +243,15 @@ std::string Host::rebuild() try {
 }
 
 // The caller learns of it in its reply: the rebuild begins when that is on its way.
-void Host::orderRebuild(const Verdict &verdict, bool broughtUp, mavo::rmi::Reply &reply) {
+void Host::orderRebuild(const Verdict &verdict, bool broughtUp, Remarks &remarks) {
     const std::string reason = broughtUp ? reasons_.afterBringUp(verdict) : reasons_.afterCall(verdict);
     if (rebuild_ == nullptr)
         return;
-    const std::string remark(kRebuild);
     if (!reason.empty()) {
-        reply.notInForce.push_back(remark + reason + "; the tables are built anew from the stored rules");
+        remarks.notes.push_back(reason + "; the tables are built anew from the stored rules");
         rebuild_->want(reason);
     } else if (!verdict.lost.empty()) {
-        reply.notInForce.push_back(remark + "the tables were built anew for this already, and are not again");
+        remarks.notes.emplace_back("the tables were built anew for this already, and are not again");
     }
     if (reason.empty() && broughtUp)
         rebuild_->settle();
@@ -272,6 +271,7 @@ std::string Host::whatIsWrong() const {
 }
 
 int Host::reload() try {
+    mayChangeAllRules_ = true;
     distrustRuleBackup();
     bringUp();
     return 0;
@@ -428,6 +428,7 @@ void Host::announceNames(const std::string &method, const std::string &rules) {
         names_.announceIn(rules);
     else if (method.compare(0, kFlush.size(), kFlush) == 0)
         names_.rulesMayBeGone();
+    mayChangeAllRules_ = mayChangeAllRules_ || method.compare(0, kFlush.size(), kFlush) == 0;
 }
 
 mavo::rmi::Reply Host::invoke(const std::string &name, const mavo::rmi::MethodContext &method,
@@ -466,24 +467,47 @@ mavo::rmi::Reply Host::carryOut(const std::string &name, const mavo::rmi::Method
         };
     const auto failuresBefore = mavo::database::failedStatements();
     const auto shortagesBefore = shortages();
+    mayChangeAllRules_ = false;
     auto reply = mavo::rmi::invokeMethod(guarded, request);
     const bool databaseFailed = mavo::database::failedStatements() != failuresBefore;
     lackedMemory = lackedMemory || shortages() != shortagesBefore;
     if (reply.status == mavo::rmi::Status::exception)
         logInfo(name + " ended with an exception: " + reply.error);
-    if (!onlyLooks(name))
+    Verdict verdict;
+    if (!onlyLooks(name)) {
         refreshRuleBackup(); // the caller is told of a failure, as of each error in the log
-    reply.errorLines = watch.errorLines();
-    Verdict verdict = onlyLooks(name) ? Verdict() : watch.verdict();
+        verdict = watch.verdict();
+    }
     if (!onlyLooks(name) && verdict.interruption.empty()) {
         if (lackedMemory)
             verdict.interruption = "there was no memory for the operation";
         else if (databaseFailed) // it may hold what it said to have refused, and the connection may have sent nothing
             verdict.interruption = rlv::textOf(rlv::Interruption::databaseFailure);
     }
-    reply.notInForce = verdict.notInForce;
-    orderRebuild(verdict, current_ != before, reply);
+    Remarks remarks = remarksOn(verdict, watch.errorLines());
+    addAccount(verdict, remarks);
+    orderRebuild(verdict, current_ != before, remarks);
+    reply.remarks = encode(remarks);
     return reply;
+}
+
+// A call for rules of its own that went well has touched nothing else, and the service has said of each of its commands
+// what the kernel made of it. For any other only a look at everything tells what it has come to.
+void Host::addAccount(const Verdict &verdict, Remarks &remarks) const {
+    const bool isClean = verdict.notInForce.empty() && verdict.interruption.empty();
+    if ((isClean && !mayChangeAllRules_) || !verdict.unknown.empty())
+        return;
+    std::string unknown;
+    try {
+        const Account account = takeAccount(false);
+        if (account.serviceProblem.empty() && !account.isInForce())
+            remarks.notes.push_back(account.summary());
+        unknown = account.serviceProblem;
+    } catch (...) { // what the call has done, it has done
+        unknown = textOfException();
+    }
+    if (!unknown.empty())
+        remarks.notes.push_back("whether all is in force is not known: " + unknown);
 }
 
 } // namespace host

@@ -16,6 +16,7 @@
 #include "host/plugin-library.h"
 #include "host/rebuild-reasons.h"
 #include "host/rebuild.h"
+#include "host/remarks.h"
 #include "host/status-storage.h"
 #include "mavo/rmi-protocol.h"
 #include "mavo/rmi.h"
@@ -88,8 +89,8 @@ public:
     // may be one of the plugin's: it gets a method for callers with the privilege /privilege/vpk.firewall that says so.
     std::shared_ptr<const mavo::rmi::MethodContext> find(const std::string &name) const;
     // Carries out a remote call. Throws std::bad_alloc, whatever the plugin throws; a rebuild follows then, as the call
-    // may have got anywhere, unless it only looked. When one follows otherwise, `notInForce` of the reply says so and
-    // why. One that is waited for already comes sooner.
+    // may have got anywhere, unless it only looked. When one follows otherwise, the remarks of the reply (see
+    // remarks.h) say so and why. One that is waited for already comes sooner.
     mavo::rmi::Reply invoke(const std::string &name, const mavo::rmi::MethodContext &method,
                             mavo::rmi::Message &request);
 
@@ -103,7 +104,8 @@ private:
     void bringUpWith(std::optional<int> applied);
     void replaceBy(std::unique_ptr<Instance> instance);
     std::string bringUpAndJudge(std::optional<int> applied);
-    void orderRebuild(const Verdict &verdict, bool broughtUp, mavo::rmi::Reply &reply);
+    void orderRebuild(const Verdict &verdict, bool broughtUp, Remarks &remarks);
+    void addAccount(const Verdict &verdict, Remarks &remarks) const;
     int storedStatus();
     void announceNames(const std::string &method, const std::string &rules);
     void keepDisabled(AbstractDPluginProvider &plugin);
@@ -122,6 +124,7 @@ private:
     std::uint64_t builtBy_ = 0;
     Rebuild *rebuild_ = nullptr;
     CollectorKeeper *keeper_ = nullptr;
+    bool mayChangeAllRules_ = false; // the remote call that is under way
     RebuildReasons reasons_;
     std::string privilegesProblem_;
     NamesInUse names_;

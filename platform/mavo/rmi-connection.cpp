@@ -143,7 +143,7 @@ void Connection::requestRead() {
 
 void Connection::inputEnded() {
     if (insideRequest())
-        answer({Status::malformed, {}, "request ends early", {}, {}});
+        answer({Status::malformed, {}, "request ends early", {}});
     input_ = Input::none;
     ending_ = true;
     over_ = !hasOutput();
@@ -156,12 +156,12 @@ bool Connection::insideRequest() const {
 void Connection::answer(const Reply &reply) {
     output_ = encodeReply(reply);
     if (output_.size() > kReplyHeadBytes + kReplyLimitBytes)
-        output_ = encodeReply({Status::exception, {}, "the reply is too large", {}, {}});
+        output_ = encodeReply({Status::exception, {}, "the reply is too large", {}});
     written_ = 0;
 }
 
 void Connection::endWith(const std::string &error) {
-    answer({Status::malformed, {}, error, {}, {}});
+    answer({Status::malformed, {}, error, {}});
     ending_ = true;
     expect(Input::drain, kDrainLimitBytes);
 }
@@ -209,7 +209,7 @@ void Connection::timerExpired() {
     if (waited.count() > 0)
         return startTimer(waited);
     if (insideRequest()) {
-        answer({Status::malformed, {}, "request not complete in time", {}, {}});
+        answer({Status::malformed, {}, "request not complete in time", {}});
         writeSome();
     }
     over_ = true;

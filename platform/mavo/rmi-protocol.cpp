@@ -19,12 +19,6 @@ void appendString(std::string &bytes, const std::string &value) {
     bytes += value;
 }
 
-void appendList(std::string &bytes, const std::vector<std::string> &values) {
-    appendWord(bytes, values.size());
-    for (const auto &value : values)
-        appendString(bytes, value);
-}
-
 // Reads words and strings one after another; once something is missing, it has failed and gives empty values.
 class Reader {
 public:
@@ -45,13 +39,6 @@ public:
             return {};
         position_ += length;
         return bytes_.substr(position_ - length, length);
-    }
-    std::vector<std::string> list() {
-        std::vector<std::string> values;
-        // Nothing is reserved by the count: it is the other side's word.
-        for (std::size_t count = word(); count > 0 && !failed_; --count)
-            values.push_back(string());
-        return values;
     }
     bool succeededToTheEnd() const { return !failed_ && position_ == bytes_.size(); }
 
@@ -96,15 +83,14 @@ std::optional<RequestHead> decodeRequestHead(const std::string &bytes) {
 
 std::string encodeReply(const Reply &reply) {
     std::string bytes;
-    bytes.reserve(kReplyHeadBytes + 3 * kWordBytes + reply.body.size() +
-                  reply.error.size()); // a large one is not moved
+    bytes.reserve(kReplyHeadBytes + 4 * kWordBytes + reply.body.size() + reply.error.size() +
+                  reply.remarks.size()); // a large one is not moved
     appendWord(bytes, kReplyMagic);
     appendWord(bytes, 0); // the length, which comes last
     appendWord(bytes, static_cast<std::uint32_t>(reply.status));
     appendString(bytes, reply.body);
     appendString(bytes, reply.error);
-    appendList(bytes, reply.errorLines);
-    appendList(bytes, reply.notInForce);
+    appendString(bytes, reply.remarks);
     std::string length;
     appendWord(length, bytes.size() - kReplyHeadBytes);
     return bytes.replace(kWordBytes, kWordBytes, length);
@@ -126,8 +112,7 @@ std::optional<Reply> decodeReply(const std::string &bytes) {
     reply.status = static_cast<Status>(status);
     reply.body = reader.string();
     reply.error = reader.string();
-    reply.errorLines = reader.list();
-    reply.notInForce = reader.list();
+    reply.remarks = reader.string();
     if (!reader.succeededToTheEnd() || status > static_cast<std::uint32_t>(Status::busy))
         return std::nullopt;
     return reply;

@@ -3,8 +3,7 @@
 // A request is a head and a body. The head is three 32-bit little endian words, kRequestMagic, the length of the
 // method's name and the length of the body, and then the method's name. A reply is two such words, kReplyMagic and the
 // length of what follows, then the status as a word and the fields of Reply in order: strings as a length word and
-// their bytes, lists as a count word and their strings. A connection carries any number of requests, each answered
-// before the next is read.
+// their bytes. A connection carries any number of requests, each answered before the next is read.
 #ifndef PLATFORM_MAVO_RMI_PROTOCOL_H
 #define PLATFORM_MAVO_RMI_PROTOCOL_H
 
@@ -12,7 +11,6 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace mavo {
 namespace rmi {
@@ -42,10 +40,8 @@ struct Reply {
     Status status = Status::ok;
     std::string body;  // as mavo::rmi::Message writes it
     std::string error; // one line
-    // ERROR lines logged during the call, uncoloured, from the tag on.
-    std::vector<std::string> errorLines;
-    // Commands that are stored but not in force, each with the reason.
-    std::vector<std::string> notInForce;
+    // What the server says beside that, in a form between it and its clients; nothing here looks at it.
+    std::string remarks;
 };
 
 struct RequestHead {

@@ -50,7 +50,7 @@ bool descriptorsFree(int wanted) {
 
 // Its end of life is the socket's, whose buffer is empty yet: one small frame always fits.
 void refuseAsBusy(const UniqueFd &socket, const char *why) {
-    const std::string frame = encodeReply({Status::busy, {}, why, {}, {}});
+    const std::string frame = encodeReply({Status::busy, {}, why, {}});
     [[maybe_unused]] const ssize_t sent = ::send(socket.get(), frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
@@ -97,7 +97,7 @@ public:
     std::optional<Reply> refusal(const Peer &peer, const std::string &method, std::size_t bodyBytes) override {
         auto refused = refusal(peer, find_(method));
         if (!refused && !hasRoomFor(peer, bodyBytes))
-            refused = Reply{Status::busy, {}, "too many large requests under way", {}, {}};
+            refused = Reply{Status::busy, {}, "too many large requests under way", {}};
         return refused;
     }
 
@@ -107,7 +107,7 @@ public:
         if (const auto refused = refusal(peer, context))
             return *refused;
         if (!hasRoomForReply(peer))
-            return Reply{Status::busy, {}, "too many large replies are not read yet", {}, {}};
+            return Reply{Status::busy, {}, "too many large replies are not read yet", {}};
         Message request(std::move(body));
         const auto start = support::EventLoop::Clock::now();
         Reply reply = invoke_(method, *context, request);
@@ -122,10 +122,9 @@ public:
 private:
     std::optional<Reply> refusal(const Peer &peer, const std::shared_ptr<const MethodContext> &context) const {
         if (!context)
-            return Reply{Status::unknownMethod, {}, "no such method", {}, {}};
+            return Reply{Status::unknownMethod, {}, "no such method", {}};
         if (!privileges_.holds(peer.uid, peer.gid, context->privilege))
-            return Reply{
-                Status::denied, {}, "needs the privilege " + oneLine(privilegePath(context->privilege)), {}, {}};
+            return Reply{Status::denied, {}, "needs the privilege " + oneLine(privilegePath(context->privilege)), {}};
         return std::nullopt;
     }
 
@@ -255,15 +254,15 @@ Reply invokeMethod(const MethodContext &method, Message &request) {
     try {
         reply.body = method.dispatcher(request).body();
     } catch (const BadArguments &exception) {
-        reply = {Status::malformed, {}, oneLine(exception.what()), {}, {}};
+        reply = {Status::malformed, {}, oneLine(exception.what()), {}};
     } catch (const std::exception &exception) {
         const char *text = exception.what();
         const bool says = text != nullptr && *text != '\0';
-        reply = {Status::exception, {}, oneLine(says ? text : "unknown exception"), {}, {}};
+        reply = {Status::exception, {}, oneLine(says ? text : "unknown exception"), {}};
     } catch (const database::Unavailable &unavailable) {
-        reply = {Status::exception, {}, oneLine(unavailable.what()), {}, {}};
+        reply = {Status::exception, {}, oneLine(unavailable.what()), {}};
     } catch (...) {
-        reply = {Status::exception, {}, "unknown exception", {}, {}};
+        reply = {Status::exception, {}, "unknown exception", {}};
     }
     return reply;
 }

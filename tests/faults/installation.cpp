@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "faults/failing-memory.h"
+#include "host/remarks.h"
 #include "mavo/rmi-client.h"
 #include "support/process.h"
 #include "support/unique-fd.h"
@@ -69,8 +70,9 @@ Answer understand(const std::string &method, const Reply &reply) {
     if (reply.status != Status::ok)
         return {true, reply.error, {}};
     Answer answer;
-    answer.told = saysFailure(method, reply, answer.value) || !reply.notInForce.empty();
-    for (const auto *lines : {&reply.errorLines, &reply.notInForce}) {
+    const host::Remarks remarks = host::decodeRemarks(reply.remarks);
+    answer.told = saysFailure(method, reply, answer.value) || !remarks.notes.empty();
+    for (const auto *lines : {&remarks.errorLines, &remarks.notes}) {
         for (const auto &line : *lines)
             answer.text += line + "; ";
     }

@@ -55,7 +55,7 @@ public:
         fuzz::require(method.size() <= kMethodNameLimitBytes && bodyBytes <= kBodyLimitBytes, "limits hold", method);
         if (methods().find(method))
             return std::nullopt;
-        return Reply{Status::unknownMethod, {}, "no such method", {}, {}};
+        return Reply{Status::unknownMethod, {}, "no such method", {}};
     }
 
     Reply carryOut(const Peer &, const std::string &method, std::string body) override {

@@ -84,6 +84,45 @@ TEST(ACommand, IsLostOnlyWhenItWasAcceptedFirst) {
     EXPECT_THAT(lostOf(true), IsEmpty());
 }
 
+TEST(ARemark, IsMadeOfWhatIsNotInForce) {
+    const LostCommand lost{"-A VPK-DENY -j DROP", 4, "lost", false};
+    const auto verdict = host::judge(stateOf({{7, ConnectionEnd::closed, {lost}, 0}}), opened({7}));
+    EXPECT_THAT(host::remarksOn(verdict, {}).notes, ElementsAre("not in force: -A VPK-DENY -j DROP: lost"));
+    host::Verdict unknown;
+    unknown.unknown = "it is away";
+    EXPECT_THAT(host::remarksOn(unknown, {}).notes, ElementsAre("whether all is in force is not known: it is away"));
+    EXPECT_TRUE(host::remarksOn({}, {}).isEmpty());
+}
+
+TEST(ARemark, LeavesRefusalsInTheLogThatTheVerdictKnows) {
+    const LostCommand refused{"-N VPK-DENY", 1, "iptables: Chain already exists.", true};
+    const auto verdict = host::judge(stateOf({{7, ConnectionEnd::closed, {refused}, 0}}), opened({7}));
+    const std::string known = "VPK: invokeRLVIptablesCommit Iptables ERROR: 1 : iptables: Chain already exists.";
+    const std::string other = "VPK: invokeRLVIptablesCommit Iptables ERROR: 4 : no answer";
+    const std::string alike = "VPK: something else : iptables: Chain already exists.";
+    EXPECT_THAT(host::remarksOn(verdict, {known, other, alike}).errorLines, ElementsAre(other, alike));
+    EXPECT_THAT(host::remarksOn({}, {known}).errorLines, ElementsAre(known)) << "nobody has told of it";
+}
+
+TEST(Remarks, AreReadAsTheyWereWritten) {
+    for (const host::Remarks &written :
+         {host::Remarks{}, host::Remarks{{"one", "", "a\nb"}, {}}, host::Remarks{{}, {std::string("n\0te", 4)}},
+          host::Remarks{{"line"}, {"note", "note"}}}) {
+        const auto read = host::decodeRemarks(host::encode(written));
+        EXPECT_EQ(read.errorLines, written.errorLines);
+        EXPECT_EQ(read.notes, written.notes);
+    }
+}
+
+TEST(Remarks, OfAnotherFormAreANoteThatSaysSo) {
+    const std::string sound = host::encode({{"line"}, {"note"}});
+    for (std::size_t bytes = 1; bytes < sound.size(); ++bytes)
+        EXPECT_THAT(host::decodeRemarks(sound.substr(0, bytes)).notes,
+                    ElementsAre(testing::StartsWith("what the policy host says beside the result cannot be read: ")))
+            << bytes;
+    EXPECT_EQ(host::decodeRemarks(sound + '\0').notes.size(), 1U);
+}
+
 TEST(AConnection, IsAnInterruptionWhenItDidNotComeToItsEnd) {
     const auto interruption = [](ConnectionEnd end) {
         return host::judge(stateOf({{7, end, {}, 0}}), opened({7})).interruption;

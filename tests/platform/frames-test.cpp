@@ -132,7 +132,7 @@ TEST(AMessageOfARemoteMethod, KeepsNumbersAtAnyAddress) {
 
 TEST(AReplyOfTheHost, KeepsItsFieldsAtAnyAddress) {
     for (std::size_t length = 0; length < 9; ++length) {
-        const mavo::rmi::Reply sent{mavo::rmi::Status::exception, std::string(length, 'b'), "e", {"l", ""}, {"n"}};
+        const mavo::rmi::Reply sent{mavo::rmi::Status::exception, std::string(length, 'b'), "e", "r"};
         const std::string frame = mavo::rmi::encodeReply(sent);
         const auto size = mavo::rmi::decodeReplyHead(frame.substr(0, mavo::rmi::kReplyHeadBytes));
         ASSERT_EQ(frame.size() - mavo::rmi::kReplyHeadBytes, size);
@@ -140,8 +140,8 @@ TEST(AReplyOfTheHost, KeepsItsFieldsAtAnyAddress) {
         ASSERT_TRUE(reply) << length;
         EXPECT_EQ(sent.status, reply->status);
         EXPECT_EQ(sent.body, reply->body);
-        EXPECT_EQ(sent.errorLines, reply->errorLines);
-        EXPECT_EQ(sent.notInForce, reply->notInForce);
+        EXPECT_EQ(sent.error, reply->error);
+        EXPECT_EQ(sent.remarks, reply->remarks);
     }
 }
 

@@ -16,7 +16,7 @@
 namespace {
 
 using failing_allocations::Shortage;
-using testing::ElementsAre;
+using testing::Contains;
 using testing::IsEmpty;
 
 constexpr const char *kLongText = "stored, but for what follows there was not enough of everything";
@@ -76,8 +76,9 @@ TEST_F(AHostWithoutMemory, BuildsTheTablesAnewWhenNobodyCouldBeToldHowACallEnded
 
 TEST_F(AHostWithoutMemory, BuildsTheTablesAnewAfterACallThatLackedItAndSaysSo) {
     ASSERT_TRUE(isAnswered("Test::store", std::bad_alloc(), kEnough));
-    EXPECT_THAT(reply.notInForce, ElementsAre("rebuild: there was no memory for the operation; the tables are built "
-                                              "anew from the stored rules"));
+    EXPECT_THAT(host::decodeRemarks(reply.remarks).notes,
+                Contains("there was no memory for the operation; the tables are built "
+                         "anew from the stored rules"));
     EXPECT_EQ(rebuilds(), 1);
 }
 
@@ -93,8 +94,9 @@ TEST_F(AHostWithoutMemory, BuildsTheTablesAnewWhenAStreamHasKeptItToItself) {
     mavo::rmi::Message request;
     reply = host.invoke("Test::store", context, request);
     EXPECT_EQ(reply.status, mavo::rmi::Status::ok);
-    EXPECT_THAT(reply.notInForce, ElementsAre("rebuild: there was no memory for the operation; the tables are built "
-                                              "anew from the stored rules"));
+    EXPECT_THAT(host::decodeRemarks(reply.remarks).notes,
+                Contains("there was no memory for the operation; the tables are built "
+                         "anew from the stored rules"));
     EXPECT_EQ(rebuilds(), 1);
 }
 
@@ -109,12 +111,12 @@ TEST_F(AHostWithoutMemory, BuildsTheTablesAnewAfterACallInWhichADatabaseFailed) 
         return mavo::rmi::Message();
     };
     mavo::rmi::Message request;
-    EXPECT_THAT(host.invoke("Test::store", context, request).notInForce, IsEmpty());
+    EXPECT_THAT(host::decodeRemarks(host.invoke("Test::store", context, request).remarks).notes, IsEmpty());
     EXPECT_EQ(rebuilds(), 0);
     value = "NULL";
-    EXPECT_THAT(host.invoke("Test::store", context, request).notInForce,
-                ElementsAre("rebuild: a database failed during the operation; the tables are built anew from the "
-                            "stored rules"));
+    EXPECT_THAT(host::decodeRemarks(host.invoke("Test::store", context, request).remarks).notes,
+                Contains("a database failed during the operation; the tables are built anew from the "
+                         "stored rules"));
     EXPECT_EQ(rebuilds(), 1);
 }
 

@@ -9,11 +9,11 @@ namespace {
 using host::Verdict;
 
 const Verdict kClean;
-const Verdict kRefused{{"-A VPK-DENY -s nowhere -j DROP: host not found"}, "", {}};
-const Verdict kBroken{{}, "it broke", {}};
-const Verdict kLost{{}, "", {"-A VPK-DENY -j DROP"}};
-const Verdict kOthersLost{{}, "", {"-A VPK-ALLOW -j ACCEPT", "-F VPK-ALLOW"}};
-const Verdict kBrokenAndLost{{}, "it broke", {"-A VPK-DENY -j DROP"}};
+const Verdict kRefused{{"-A VPK-DENY -s nowhere -j DROP: host not found"}, "", {}, false, {}, {}};
+const Verdict kBroken{{}, "it broke", {}, false, {}, {}};
+const Verdict kLost{{}, "", {"-A VPK-DENY -j DROP"}, false, {}, {}};
+const Verdict kOthersLost{{}, "", {"-A VPK-ALLOW -j ACCEPT", "-F VPK-ALLOW"}, false, {}, {}};
+const Verdict kBrokenAndLost{{}, "it broke", {"-A VPK-DENY -j DROP"}, false, {}, {}};
 
 constexpr const char *kLostText = "accepted commands were lost: -A VPK-DENY -j DROP";
 constexpr const char *kOthersLostText = "accepted commands were lost: -A VPK-ALLOW -j ACCEPT and 1 more";

@@ -72,7 +72,7 @@ int errorOf(const std::function<void()> &action) {
 }
 
 TEST(AReply, IsReadAsItWasWritten) {
-    const Reply written{Status::exception, std::string("b\0dy", 4), "error", {"one", "", "three"}, {"-A VPK-DENY"}};
+    const Reply written{Status::exception, std::string("b\0dy", 4), "error", std::string("r\0marks", 7)};
     const std::string frame = encodeReply(written);
     const auto length = mavo::rmi::decodeReplyHead(frame.substr(0, mavo::rmi::kReplyHeadBytes));
     ASSERT_EQ(frame.size() - mavo::rmi::kReplyHeadBytes, length.value_or(0));
@@ -81,13 +81,12 @@ TEST(AReply, IsReadAsItWasWritten) {
     EXPECT_EQ(written.status, read->status);
     EXPECT_EQ(written.body, read->body);
     EXPECT_EQ(written.error, read->error);
-    EXPECT_EQ(written.errorLines, read->errorLines);
-    EXPECT_EQ(written.notInForce, read->notInForce);
+    EXPECT_EQ(written.remarks, read->remarks);
 }
 
 TEST(AReply, IsNotReadFromMoreOrLessThanItself) {
     const std::string content =
-        encodeReply({Status::ok, "body", "error", {"one"}, {"two"}}).substr(mavo::rmi::kReplyHeadBytes);
+        encodeReply({Status::ok, "body", "error", "remarks"}).substr(mavo::rmi::kReplyHeadBytes);
     for (std::size_t size = 0; size < content.size(); ++size)
         EXPECT_FALSE(mavo::rmi::decodeReply(content.substr(0, size))) << size;
     EXPECT_FALSE(mavo::rmi::decodeReply(content + '\0'));
@@ -120,7 +119,7 @@ TEST(AClient, ThrowsWhenTheAnswerIsNoReply) {
 }
 
 TEST(AClient, ReadsAReplyThatComesBeforeItsRequestIsTaken) {
-    const FakeServer server(encodeReply({Status::busy, {}, "later", {}, {}}));
+    const FakeServer server(encodeReply({Status::busy, {}, "later", {}}));
     const Reply reply = Client(kPath).call("Echo", Message(std::string(4'000'000, 'x')));
     EXPECT_EQ(Status::busy, reply.status);
     EXPECT_EQ("later", reply.error);

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "host/remarks.h"
 #include "mavo/rmi-client.h"
 
 namespace vpkdtest {
@@ -98,6 +99,14 @@ std::optional<int> AHost::stop() { return host_->terminate(); }
 
 mavo::rmi::Reply AHost::call(const std::string &method, const mavo::rmi::Message &request) {
     return mavo::rmi::Client(kSocket).call(method, request);
+}
+
+std::vector<std::string> AHost::notesOf(const mavo::rmi::Reply &reply) {
+    return host::decodeRemarks(reply.remarks).notes;
+}
+
+std::vector<std::string> AHost::errorLinesOf(const mavo::rmi::Reply &reply) {
+    return host::decodeRemarks(reply.remarks).errorLines;
 }
 
 mavo::rmi::Reply AHost::execute(const std::string &command, const std::string &data) {

@@ -48,6 +48,9 @@ protected:
     // Remote calls. The value is a note when there is none.
     static mavo::rmi::Reply call(const std::string &method, const mavo::rmi::Message &request = mavo::rmi::Message());
     static mavo::rmi::Reply execute(const std::string &command, const std::string &data = {});
+    // What a reply says beside its result.
+    static std::vector<std::string> notesOf(const mavo::rmi::Reply &reply);
+    static std::vector<std::string> errorLinesOf(const mavo::rmi::Reply &reply);
     static std::string executed(const std::string &command, const std::string &data = {});
     static int number(const std::string &method);
     static int number(const std::string &method, int argument);

@@ -108,16 +108,17 @@ TEST_F(VpkdsRebuild, ComesAtOnceWhenTheServiceHasBeenStartedAnewDuringTheCall) {
 TEST_F(VpkdsRebuild, DoesNotFollowACallThatNeverReachedTheService) {
     start();
     service_->kill();
-    EXPECT_THAT(execute("commit", "-N VPK-A").notInForce, ElementsAre(StartsWith("not known: ")));
+    EXPECT_THAT(notesOf(execute("commit", "-N VPK-A")),
+                ElementsAre(StartsWith("whether all is in force is not known: ")));
     EXPECT_THAT(text("Host::status"), HasSubstr(kNonePending));
 }
 
 TEST_F(VpkdsRebuild, DoesNotFollowRefusals) {
     start();
-    EXPECT_THAT(execute("commit", "-N VPK-A\n-A VPK-A -s 1.2.3 -j DROP\n-X VPK-NONE\n-t nat -A VPK-A\n-A VPK-B -j DROP")
-                    .notInForce,
-                AllOf(Not(IsEmpty()), Each(Not(StartsWith("rebuild: ")))));
-    EXPECT_THAT(execute("throw").notInForce, IsEmpty());
+    EXPECT_THAT(notesOf(execute("commit",
+                                "-N VPK-A\n-A VPK-A -s 1.2.3 -j DROP\n-X VPK-NONE\n-t nat -A VPK-A\n-A VPK-B -j DROP")),
+                AllOf(Not(IsEmpty()), Each(Not(HasSubstr("built anew")))));
+    EXPECT_THAT(notesOf(execute("throw")), IsEmpty());
     EXPECT_THAT(text("Host::status"), HasSubstr(kNonePending));
     EXPECT_EQ(factoryCalls(), 1U);
 }
@@ -141,7 +142,7 @@ TEST_F(VpkdsRebuild, LetsOtherOperationsBeServed) {
     start();
     interruptAnOperation();
     startService();
-    EXPECT_THAT(execute("commit", "-N VPK-B\n-A VPK-B -j DROP").notInForce, IsEmpty());
+    EXPECT_THAT(notesOf(execute("commit", "-N VPK-B\n-A VPK-B -j DROP")), IsEmpty());
     EXPECT_TRUE(becomesDone());
 }
 
@@ -267,8 +268,8 @@ TEST_F(AnAbsentPlugin, StaysDisabledWhereThatIsStored) {
 
 TEST_F(VpkdsRebuild, FollowsAnOperationThatADatabaseFailureInterrupted) {
     start();
-    EXPECT_THAT(execute("commit-and-fail", "-N VPK-A\n-F VPK-A").notInForce,
-                testing::Contains("rebuild: the operation was left by an exception; the tables are built anew from the "
+    EXPECT_THAT(notesOf(execute("commit-and-fail", "-N VPK-A\n-F VPK-A")),
+                testing::Contains("the operation was left by an exception; the tables are built anew from the "
                                   "stored rules"));
     EXPECT_TRUE(becomesDone());
 }
@@ -277,8 +278,8 @@ TEST_F(VpkdsRebuild, FollowsACommandForWhichTheServiceHadNoMemory) {
     const rlvd::EmbeddedService service;
     start({"--rlv-socket", rlvd::kSocket});
     rlvd::set(rlvd::Fault::applyLacksMemory);
-    EXPECT_THAT(execute("commit", "-N VPK-A").notInForce,
-                testing::Contains("rebuild: a connection to the traffic-control service broke; the tables are built "
+    EXPECT_THAT(notesOf(execute("commit", "-N VPK-A")),
+                testing::Contains("a connection to the traffic-control service broke; the tables are built "
                                   "anew from the stored rules"));
     rlvd::set(rlvd::Fault::applyLacksMemory, false);
     EXPECT_TRUE(becomesDone());
@@ -304,7 +305,7 @@ TEST_F(VpkdsRebuild, IsNotNeededWhenADatabaseCannotBeUsedBeforeAnythingWasSent) 
     const auto reply = execute("throw-unavailable");
     EXPECT_EQ(reply.status, mavo::rmi::Status::exception);
     EXPECT_EQ(reply.error, kUnavailable);
-    EXPECT_THAT(reply.notInForce, IsEmpty());
+    EXPECT_THAT(notesOf(reply), IsEmpty());
     EXPECT_THAT(text("Host::status"), HasSubstr(kNonePending));
 }
 

@@ -202,8 +202,8 @@ TEST_F(Vpkd, RefusesArgumentsThatDoNotFit) {
 
 TEST_F(Vpkd, TellsTheErrorLinesOfACallWithoutColours) {
     start();
-    EXPECT_THAT(execute("log-error", "something is wrong").errorLines, ElementsAre("TEST: something is wrong"));
-    EXPECT_THAT(execute("echo", "x").errorLines, IsEmpty());
+    EXPECT_THAT(errorLinesOf(execute("log-error", "something is wrong")), ElementsAre("TEST: something is wrong"));
+    EXPECT_THAT(errorLinesOf(execute("echo", "x")), IsEmpty());
     EXPECT_THAT(contents(vpkdtest::kLog), HasSubstr("something is wrong"));
 }
 
@@ -211,15 +211,16 @@ TEST_F(Vpkd, TellsWhichRulesAreNotInForce) {
     start();
     const auto reply =
         execute("commit", "-F VPK-NONE\n-X VPK-NONE\n-N VPK-A\n-A VPK-A -j ACCEPT\n-A VPK-A -s 1.2.3 -j DROP");
-    EXPECT_THAT(reply.notInForce, ElementsAre(StartsWith("-A VPK-A -s 1.2.3 -j DROP: ")));
-    EXPECT_THAT(execute("commit", "-A VPK-A -j ACCEPT").notInForce, IsEmpty());
+    EXPECT_THAT(notesOf(reply), ElementsAre(StartsWith("not in force: -A VPK-A -s 1.2.3 -j DROP: "),
+                                            StartsWith("NOT in force: 11 differences (vpkctl verify shows them)")));
+    EXPECT_THAT(notesOf(execute("commit", "-A VPK-A -j ACCEPT")), IsEmpty());
 }
 
 TEST_F(Vpkd, SaysWhenItCannotKnowWhatIsInForce) {
     start();
     service_->terminate();
     const auto reply = execute("commit", "-N VPK-A");
-    EXPECT_THAT(reply.notInForce, ElementsAre(StartsWith("not known: ")));
+    EXPECT_THAT(notesOf(reply), ElementsAre(StartsWith("whether all is in force is not known: ")));
     EXPECT_EQ(reply.status, Status::ok);
 }
 
@@ -391,7 +392,7 @@ TEST_F(Vpkd, KeepsThePluginThatItHasWhenAReloadFails) {
         int result = 0;
         mavo::rmi::Message(reply.body).read(result);
         EXPECT_EQ(result, -1) << action;
-        EXPECT_THAT(reply.errorLines, ElementsAre(StartsWith("VPKD: reload: "))) << action;
+        EXPECT_THAT(errorLinesOf(reply), ElementsAre(StartsWith("VPKD: reload: "))) << action;
         EXPECT_EQ(number("Test::number"), 1);
     }
     EXPECT_THAT(noted(), Not(HasSubstr("destroyed")));

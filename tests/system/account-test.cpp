@@ -341,4 +341,35 @@ TEST_F(TheAccount, SaysWhatToDo) {
               "firewall     NOT in force: 3 differences (vpkctl verify shows them)\n");
 }
 
+TEST_F(TheAccount, IsMadeAfterACallThatMayChangeAllRules) {
+    network::iptables({"-A", "VPK-ALLOW", "-j", "ACCEPT"});
+    for (const char *command : {"exec", "call"}) {
+        const auto flushed =
+            system.control({command, command[0] == 'e' ? "FlushDenyRules" : "Firewall::FlushDenyRules"});
+        EXPECT_EQ(flushed.status, 1) << command;
+        EXPECT_EQ(flushed.errors, "NOT in force: 1 difference (vpkctl verify shows them)\n") << command;
+    }
+    restoreTable();
+    EXPECT_EQ(system.control({"reload"}).errors, "");
+    network::iptables({"-A", "INPUT", "-j", "VPK-DENY"});
+    const auto reloaded = system.control({"reload"});
+    EXPECT_EQ(reloaded.status, 1) << "the plugin takes out one of the two, and puts it back";
+    EXPECT_EQ(reloaded.errors, "NOT in force: 2 differences (vpkctl verify shows them)\n");
+}
+
+TEST_F(TheAccount, IsMadeAfterACallThatWasPartlyRefused) {
+    const auto denied = system.control({"exec", "ApplyDenyRules", "tcp:192.0.2.300:80:in"});
+    EXPECT_EQ(denied.status, 1);
+    EXPECT_THAT(denied.errors, HasSubstr("not in force: -A VPK-DENY -p tcp -s 192.0.2.300"));
+    EXPECT_THAT(denied.errors, HasSubstr(system.control({"status"}).status == 1 ? "NOT in force: " : "not in force"));
+}
+
+// Of what others do elsewhere meanwhile the status tells.
+TEST_F(TheAccount, IsNotMadeAfterACallForRulesOfItsOwnThatWentWell) {
+    network::iptables({"-A", "VPK-ALLOW", "-j", "ACCEPT"});
+    const auto denied = system.control({"exec", "ApplyDenyRules", "tcp:192.0.2.9:80:in"});
+    EXPECT_EQ(denied.status, 0);
+    EXPECT_EQ(denied.errors, "");
+}
+
 } // namespace
