@@ -197,6 +197,75 @@ TEST_F(AMendingTable, LetsAHookStandOnceAndInItsPlace) {
     EXPECT_EQ(before, picture());
 }
 
+// Behind a rule of others that accepts, ours would decide nothing.
+TEST_F(AMendingTable, KeepsTheHookThatStoodThereWhenAnotherIsAddedBehindTheRulesOfOthers) {
+    EXPECT_TRUE(store->append("INPUT", from(4)));
+    static_cast<void>(table->mend());
+    const Texts all = picture(true);
+    EXPECT_TRUE(store->append("INPUT", jumpTo("VPK-D")));
+    EXPECT_THAT(table->mend().texts, ElementsAre("INPUT: twice or at another place: -j VPK-D"));
+    EXPECT_EQ(all, picture(true));
+    insert("INPUT", from(5), "-j VPK-A");
+    const Texts withFirst = picture(true);
+    insert("INPUT", jumpTo("VPK-A"), "-s 0.0.0.5/32 -j ACCEPT");
+    EXPECT_THAT(table->mend().texts, ElementsAre("INPUT: twice or at another place: -j VPK-A"));
+    EXPECT_EQ(withFirst, picture(true));
+}
+
+TEST_F(AMendingTable, BringsAHookBackThatSomebodyHasMovedBehindTheRulesOfOthers) {
+    EXPECT_TRUE(store->append("INPUT", from(4)));
+    static_cast<void>(table->mend());
+    const Texts all = picture();
+    remove("INPUT", "-j VPK-D");
+    EXPECT_TRUE(store->append("INPUT", jumpTo("VPK-D")));
+    EXPECT_THAT(table->mend().texts,
+                ElementsAre("INPUT: missing: -j VPK-D", "INPUT: twice or at another place: -j VPK-D"));
+    EXPECT_EQ(all, picture());
+}
+
+TEST_F(AMendingTable, LetsOthersMoveTheirOwnRules) {
+    insert("INPUT", from(3), "-j VPK-D");
+    EXPECT_TRUE(store->append("INPUT", from(4)));
+    static_cast<void>(table->mend());
+    remove("INPUT", "-s 0.0.0.4/32 -j ACCEPT");
+    insert("INPUT", from(4), "-j VPK-A");
+    const Texts all = picture(true);
+    EXPECT_EQ(0U, table->mend().differences);
+    EXPECT_EQ(all, picture(true));
+}
+
+// As when a saved table is loaded in the place of this one.
+TEST_F(AMendingTable, PutsHooksThatStoodFirstBeforeTheRulesThatOthersPutInTheirPlace) {
+    flush("INPUT");
+    EXPECT_TRUE(store->append("INPUT", from(4)));
+    EXPECT_EQ(2U, table->mend().differences);
+    Texts wanted = before;
+    wanted.insert(std::find(wanted.begin(), wanted.end(), "INPUT -j VPK-D") + 1, "INPUT -s 0.0.0.4/32 -j ACCEPT");
+    EXPECT_EQ(wanted, picture());
+}
+
+TEST_F(AMendingTable, PutsHooksThatDidNotStandFirstBehindTheRulesThatOthersPutInTheirPlace) {
+    insert("INPUT", from(3), "-j VPK-A");
+    static_cast<void>(table->mend());
+    flush("INPUT");
+    EXPECT_TRUE(store->append("INPUT", from(4)));
+    EXPECT_EQ(2U, table->mend().differences);
+    Texts wanted = before;
+    wanted.insert(std::find(wanted.begin(), wanted.end(), "INPUT -j VPK-A"), "INPUT -s 0.0.0.4/32 -j ACCEPT");
+    EXPECT_EQ(wanted, picture());
+}
+
+// Taking one out of two takes out the first, and the two that are added then stand behind the one that is left.
+TEST_F(AMendingTable, TakesOutHooksThatWereDoubledBeforeItKnew) {
+    table->forget();
+    insert("INPUT", jumpTo("VPK-D"), "-j VPK-A");
+    done({"-D INPUT -j VPK-A", "-D INPUT -j VPK-D", "-A INPUT -j VPK-A", "-A INPUT -j VPK-D"});
+    EXPECT_NE(before, picture());
+    table->remember();
+    EXPECT_THAT(table->mend().texts, testing::Contains("INPUT: twice or at another place: -j VPK-D"));
+    EXPECT_EQ(before, picture());
+}
+
 TEST_F(AMendingTable, KnowsNothingBeforeTheFirstConnectionHasEndedNorAfterItIsToldToForget) {
     table->forget();
     flushAll();

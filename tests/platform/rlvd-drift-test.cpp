@@ -119,6 +119,38 @@ TEST_F(TheServiceAmongOthers, LeavesWhatTheyDoElsewhere) {
     EXPECT_TRUE(becomes(before)) << listing() << service.log();
 }
 
+// Behind a rule of others that accepts, ours would decide nothing.
+TEST_F(TheServiceAmongOthers, KeepsItsHooksBeforeTheRulesBeforeWhichTheyStood) {
+    Service service({});
+    makeTables();
+    others("iptables -A INPUT -s 10.9.0.1 -j ACCEPT");
+    const std::string before = listing();
+    for (const std::string &command :
+         {std::string("iptables -A INPUT -j VPK-DENY"), atOnce("-D INPUT -j VPK-ALLOW\\n-A INPUT -j VPK-ALLOW")}) {
+        others(command);
+        EXPECT_TRUE(becomes(before)) << command << "\n" << listing() << service.log();
+    }
+    others("printf '*filter\\n:INPUT ACCEPT\\n-A INPUT -s 10.9.0.1 -j ACCEPT\\nCOMMIT\\n' | iptables-restore");
+    EXPECT_TRUE(becomes(before)) << listing() << service.log();
+}
+
+TEST_F(TheServiceAmongOthers, LetsEachHookStandOnceThoughOthersDoubledThemBeforeItsStart) {
+    {
+        Service earlier({});
+        makeTables();
+    }
+    const std::string before = listing();
+    others("iptables -I INPUT -j VPK-DENY && iptables -A OUTPUT -j VPK-ALLOW");
+    Service service({});
+    Client client;
+    for (const char *const command :
+         {"-D INPUT -j VPK-ALLOW", "-D INPUT -j VPK-DENY", "-D OUTPUT -j VPK-ALLOW", "-D OUTPUT -j VPK-DENY",
+          "-A INPUT -j VPK-ALLOW", "-A OUTPUT -j VPK-ALLOW", "-A INPUT -j VPK-DENY", "-A OUTPUT -j VPK-DENY"})
+        EXPECT_EQ("0: ", client.commit(command)) << command;
+    EXPECT_EQ(0, client.close());
+    EXPECT_EQ(before, listing()) << service.log();
+}
+
 TEST_F(TheServiceAmongOthers, DoesNotLookAtWhatDoesNotConcernIt) {
     Service service({"--verbose"});
     makeTables();

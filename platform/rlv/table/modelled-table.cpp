@@ -510,9 +510,9 @@ void ModelledTable::look(bool reading, const std::function<void(const Ruleset &)
 }
 
 void ModelledTable::remember() {
-    // What others have put in between our rules before we knew of it goes now.
-    if (!std::exchange(isKnown_, true) && holdsForeignRules(model_.held(), chainPrefix_))
-        standing_ = standingIn(model_.held(), chainPrefix_);
+    // What others have put in between our rules and hooks before we knew of it goes now.
+    if (!std::exchange(isKnown_, true) && isDisturbed(model_.held(), chainPrefix_))
+        standing_ = firstStandingIn(model_.held(), chainPrefix_);
 }
 
 void ModelledTable::forget() {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <limits>
 #include <set>
 #include <unordered_map>
 
@@ -38,6 +39,21 @@ std::vector<Standing::Place> placesIn(const HeldChain &chain, const std::string 
     return places;
 }
 
+// True when there were others, which are gone.
+bool leaveLastHooks(std::vector<Standing::Place> &places) {
+    std::set<std::string> seen;
+    const auto end = std::remove_if(places.rbegin(), places.rend(), [&](const Standing::Place &place) {
+        return !place.hook.empty() && !seen.insert(place.hook).second;
+    });
+    const bool isAny = end != places.rend();
+    places.erase(places.begin(), end.base());
+    return isAny;
+}
+
+bool isHookChain(const std::string &name) {
+    return std::find(kHookChains.begin(), kHookChains.end(), name) != kHookChains.end();
+}
+
 bool hasHooks(const std::vector<Standing::Place> &places) {
     return std::any_of(places.begin(), places.end(), [](const auto &place) { return !place.hook.empty(); });
 }
@@ -72,7 +88,9 @@ public:
 
 private:
     using Places = std::vector<Standing::Place>;
-    using Kept = std::vector<const HeldRule *>; // for each place the rule that is still there, or null
+    // For each place the position in the chain at which its rule still stands, or kGone. Positions rise.
+    using Kept = std::vector<std::size_t>;
+    static constexpr std::size_t kGone = std::numeric_limits<std::size_t>::max();
 
     void tell(const std::string &chain, const std::string &what) {
         ++result_.differences;
@@ -166,77 +184,112 @@ private:
             tell(name, "the rules are in another order");
     }
 
-    // The rules that are hooks of ours, in order. What leads to chains that did not stand is not.
-    std::vector<const HeldRule *> ourHooks(const std::string &name) const {
-        std::vector<const HeldRule *> hooks;
-        for (const HeldRule &held : chainIn(ruleset_, name).rules) {
-            const std::string *const target = hookTarget(held);
+    // Where hooks of ours stand. What leads to chains that did not stand is none.
+    std::vector<std::size_t> ourHooks(const HeldChain &chain) const {
+        std::vector<std::size_t> hooks;
+        for (std::size_t position = 0; position < chain.rules.size(); ++position) {
+            const std::string *const target = hookTarget(chain.rules[position]);
             if (target != nullptr && standing_.chains.count(*target) > 0)
-                hooks.push_back(&held);
+                hooks.push_back(position);
         }
         return hooks;
     }
 
-    // From behind, so that of two equal hooks the later stays: that is the one which was appended with the others.
-    static Kept keep(const Places &places, const std::vector<const HeldRule *> &hooks, const HeldChain &chain) {
-        std::unordered_map<std::uint64_t, const HeldRule *> others;
-        for (const HeldRule &held : chain.rules)
-            others.emplace(held.handle, &held);
-        Kept kept(places.size(), nullptr);
-        std::size_t left = hooks.size();
-        for (std::size_t i = places.size(); i > 0; --i) {
-            const Standing::Place &place = places[i - 1];
-            if (place.hook.empty()) {
-                const auto found = others.find(place.handle);
-                kept[i - 1] = found == others.end() ? nullptr : found->second;
+    // The places of others of which the rules are still there. Where their owner has put them into another order, those
+    // that have kept the old one among themselves, as many as there are.
+    static Kept keepOthers(const Places &places, const HeldChain &chain) {
+        std::unordered_map<std::uint64_t, std::size_t> positions;
+        for (std::size_t position = 0; position < chain.rules.size(); ++position)
+            positions.emplace(chain.rules[position].handle, position);
+        Kept found(places.size(), kGone);
+        std::vector<std::size_t>
+            rowEnds; // by the length of a rising row, the place of the lowest position that ends one
+        std::vector<std::size_t> before(places.size(), kGone); // the place before it in its row
+        for (std::size_t i = 0; i < places.size(); ++i) {
+            const auto position = places[i].hook.empty() ? positions.find(places[i].handle) : positions.end();
+            if (position == positions.end())
                 continue;
+            found[i] = position->second;
+            const auto row = std::lower_bound(rowEnds.begin(), rowEnds.end(), found[i],
+                                              [&](std::size_t place, std::size_t at) { return found[place] < at; });
+            before[i] = row == rowEnds.begin() ? kGone : *(row - 1);
+            if (row == rowEnds.end())
+                rowEnds.push_back(i);
+            else
+                *row = i;
+        }
+        Kept kept(places.size(), kGone);
+        for (std::size_t i = rowEnds.empty() ? kGone : rowEnds.back(); i != kGone; i = before[i])
+            kept[i] = found[i];
+        return kept;
+    }
+
+    // What is kept rises, and goes on doing so with this position at this place.
+    static bool fits(const Kept &kept, std::size_t place, std::size_t position) {
+        const auto isKept = [](std::size_t one) { return one != kGone; };
+        const auto behind = std::find_if(kept.begin() + static_cast<std::ptrdiff_t>(place) + 1, kept.end(), isKept);
+        const auto before = std::find_if(kept.rend() - static_cast<std::ptrdiff_t>(place), kept.rend(), isKept);
+        return (behind == kept.end() || position < *behind) && (before == kept.rend() || *before < position);
+    }
+
+    // The oldest hooks first: when somebody has added one that stands there already, or has moved one by adding it
+    // again, the one that was there before is the one that is where it should be.
+    static Kept keep(const Places &places, std::vector<std::size_t> hooks, const HeldChain &chain) {
+        Kept kept = keepOthers(places, chain);
+        std::sort(hooks.begin(), hooks.end(), [&](std::size_t left, std::size_t right) {
+            return chain.rules[left].handle < chain.rules[right].handle;
+        });
+        for (const std::size_t position : hooks) {
+            for (std::size_t i = 0; i < places.size(); ++i) {
+                if (kept[i] != kGone || places[i].hook != *hookTarget(chain.rules[position]) ||
+                    !fits(kept, i, position))
+                    continue;
+                kept[i] = position;
+                break;
             }
-            std::size_t at = left;
-            while (at > 0 && *hookTarget(*hooks[at - 1]) != place.hook)
-                --at;
-            if (at == 0)
-                continue;
-            kept[i - 1] = hooks[at - 1];
-            left = at - 1;
         }
         return kept;
     }
 
     // The handle of the rule before which a missing hook comes back: the first that is left of those behind it, else
-    // the one after the last that is left of those before it; 0 for the end.
-    static std::uint64_t behind(const Kept &kept, std::size_t place, const HeldChain &chain) {
+    // the one after the last that is left of those before it. Where none is left, a hook before which there was nothing
+    // of others comes first, as it did. 0 for the end.
+    static std::uint64_t behind(const Places &places, const Kept &kept, std::size_t place, const HeldChain &chain) {
+        const auto handleAt = [&](std::size_t position) {
+            return position < chain.rules.size() ? chain.rules[position].handle : 0;
+        };
         for (std::size_t i = place + 1; i < kept.size(); ++i) {
-            if (kept[i] != nullptr)
-                return kept[i]->handle;
+            if (kept[i] != kGone)
+                return handleAt(kept[i]);
         }
         for (std::size_t i = place; i > 0; --i) {
-            if (kept[i - 1] == nullptr)
-                continue;
-            const auto after = static_cast<std::size_t>(kept[i - 1] - chain.rules.data()) + 1;
-            return after < chain.rules.size() ? chain.rules[after].handle : 0;
+            if (kept[i - 1] != kGone)
+                return handleAt(kept[i - 1] + 1);
         }
-        return 0;
+        const bool wasFirst = std::none_of(places.begin(), places.begin() + static_cast<std::ptrdiff_t>(place),
+                                           [](const auto &one) { return one.hook.empty(); });
+        return wasFirst ? handleAt(0) : 0;
     }
 
     // What goes, goes last: something may have to come back before it.
     void setHooks(const std::string &name, const Places &places) {
         const HeldChain &chain = chainIn(ruleset_, name);
-        const auto hooks = ourHooks(name);
+        const auto hooks = ourHooks(chain);
         const Kept kept = keep(places, hooks, chain);
         for (std::size_t i = 0; i < places.size(); ++i) {
-            if (places[i].hook.empty() || kept[i] != nullptr)
+            if (places[i].hook.empty() || kept[i] != kGone)
                 continue;
             tell(name, "missing: -j " + places[i].hook);
-            const std::uint64_t before = behind(kept, i, chain);
+            const std::uint64_t before = behind(places, kept, i, chain);
             Rule &rule = result_.hooks.emplace_back();
             rule.target = {Target::Kind::jump, places[i].hook};
             add(before == 0 ? Kind::appendRule : Kind::insertRule, &name, &rule, before);
         }
-        for (const HeldRule *const hook : hooks) {
+        for (const std::size_t hook : hooks) {
             if (std::find(kept.begin(), kept.end(), hook) != kept.end())
                 continue;
-            tell(name, "twice or at another place: " + textOf(*hook));
-            add(Kind::deleteRule, &name, nullptr, hook->handle);
+            tell(name, "twice or at another place: " + textOf(chain.rules[hook]));
+            add(Kind::deleteRule, &name, nullptr, chain.rules[hook].handle);
         }
     }
 
@@ -252,7 +305,7 @@ private:
 Standing standingIn(const Ruleset &ruleset, const std::string &chainPrefix) {
     Standing standing;
     for (const auto &[name, chain] : ruleset.chains) {
-        if (std::find(kHookChains.begin(), kHookChains.end(), name) != kHookChains.end())
+        if (isHookChain(name))
             standing.hookChains[name] = placesIn(chain, chainPrefix);
         if (!isOwnChain(name, chainPrefix) || chain.isBase)
             continue;
@@ -266,11 +319,22 @@ Standing standingIn(const Ruleset &ruleset, const std::string &chainPrefix) {
     return standing;
 }
 
-bool holdsForeignRules(const Ruleset &ruleset, const std::string &chainPrefix) {
+Standing firstStandingIn(const Ruleset &ruleset, const std::string &chainPrefix) {
+    Standing standing = standingIn(ruleset, chainPrefix);
+    for (auto &[name, places] : standing.hookChains)
+        leaveLastHooks(places);
+    return standing;
+}
+
+bool isDisturbed(const Ruleset &ruleset, const std::string &chainPrefix) {
     return std::any_of(ruleset.chains.begin(), ruleset.chains.end(), [&](const auto &entry) {
-        const auto &rules = entry.second.rules;
-        return isOwnChain(entry.first, chainPrefix) &&
-               std::any_of(rules.begin(), rules.end(), [](const HeldRule &held) { return !held.rule; });
+        const auto &[name, chain] = entry;
+        if (isHookChain(name)) {
+            auto places = placesIn(chain, chainPrefix);
+            return leaveLastHooks(places);
+        }
+        return isOwnChain(name, chainPrefix) &&
+               std::any_of(chain.rules.begin(), chain.rules.end(), [](const HeldRule &held) { return !held.rule; });
     });
 }
 

@@ -27,8 +27,13 @@ struct Standing {
 // Rules of others in own chains are left out.
 Standing standingIn(const Ruleset &ruleset, const std::string &chainPrefix);
 
-// True where an own chain has rules that none of our commands can have made.
-bool holdsForeignRules(const Ruleset &ruleset, const std::string &chainPrefix);
+// The same for a ruleset of which it is not known what stood before, when all rules have just been sent: each hook
+// stands once, at the last of its places, since that is where it was appended.
+Standing firstStandingIn(const Ruleset &ruleset, const std::string &chainPrefix);
+
+// True where none of our commands can have made of it what it is: own chains with rules of another kind, hooks that
+// stand twice.
+bool isDisturbed(const Ruleset &ruleset, const std::string &chainPrefix);
 
 // How a ruleset differs, for people, and the changes that put an end to it.
 struct Restoration {
