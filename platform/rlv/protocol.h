@@ -34,8 +34,8 @@ constexpr std::uint64_t kMoreFollow = 256;
 constexpr std::uint64_t kReading = 1;
 
 // `remove` takes hooks and chains out of the kernel, and what should stand is forgotten: it is what rlvd
-// --remove-tables says to a service that runs, for root and the service's own account alone. The reply is as to a
-// command.
+// --remove-tables says to a service that runs, for root and the service's own account alone. Its text and number name
+// the tables (see service/served-tables.h); a service of others refuses with ENOENT. The reply is as to a command.
 struct Request {
     enum class Kind : std::uint8_t {
         open = 'O',

@@ -194,6 +194,21 @@ TEST_F(TheServiceAmongOthers, ForgetsWhenItsTablesAreRemoved) {
     EXPECT_TRUE(becomes(before)) << "a later connection is put back again";
 }
 
+TEST_F(TheServiceAmongOthers, KeepsItsTablesWhenOthersAreRemoved) {
+    Service service({});
+    makeTables();
+    const std::string before = listing();
+    const auto elsewhere = words({"--remove-tables"});
+    std::vector<std::string> inAnotherNetwork{"unshare", "--net"};
+    inAnotherNetwork.insert(inAnotherNetwork.end(), elsewhere.begin(), elsewhere.end());
+    for (const auto &result : {ended({"--remove-tables", "--chain-prefix", "TEST-"}),
+                               ended({"--remove-tables", "--simulate"}), process::capture(inAnotherNetwork)}) {
+        EXPECT_EQ(0, result.status) << result.errors;
+        EXPECT_EQ(before, listing()) << result.errors;
+        EXPECT_TRUE(drift().isKnown);
+    }
+}
+
 TEST_F(TheServiceAmongOthers, ForgetsForRootAlone) {
     const SimulatedService service({"--client-user", "1"});
     process::Options how;

@@ -21,6 +21,7 @@
 
 #include "rlv/client-socket.h"
 #include "rlv/rlv-query.h"
+#include "rlv/service/served-tables.h"
 #include "rlv/service/service-log.h"
 #include "rlv/service/service-socket.h"
 #include "rlv/service/service.h"
@@ -184,25 +185,26 @@ std::unique_ptr<rlv::Table> openTable(const rlv::ServiceOptions &options) {
     return options.simulated ? rlv::makeSimulatedTable(options.chainPrefix) : rlv::openKernelTable(options.chainPrefix);
 }
 
-// One that runs would put everything back: it is to forget, and takes out what it has made. An older one does not
-// understand that, and puts nothing back.
-void tellRunningService(const std::string &socket) {
+// One that runs would put everything back: it is to forget, and takes out what it has made. One that serves others is
+// none of ours. An older one does not understand that, and puts nothing back.
+void tellRunningService(const std::string &socket, const rlv::ServedTables &tables) {
     const auto deadline = rlv::client::Clock::now() + kRemovalTimeout;
     support::UniqueFd fd;
     int error = rlv::client::connectTo(socket, deadline, fd);
     if (error == ENOENT || error == ECONNREFUSED)
         return;
     if (error == 0) {
-        const rlv::protocol::Request request{rlv::protocol::Request::Kind::remove, 0, {}};
-        error = rlv::client::ask(fd.get(), request, rlv::protocol::Reply::Kind::committed, deadline).error;
+        const auto kind = rlv::protocol::Reply::Kind::committed;
+        error = rlv::client::ask(fd.get(), rlv::removalOf(tables), kind, deadline).error;
     }
-    if (error != 0 && error != EPROTO)
+    if (error != 0 && error != EPROTO && error != ENOENT)
         throw std::system_error(error, std::generic_category(),
                                 "the service that runs at " + socket + " cannot be told to take them out");
 }
 
 int removeTables(const Arguments &arguments) {
-    tellRunningService(arguments.socket);
+    const auto &service = arguments.service;
+    tellRunningService(arguments.socket, rlv::ServedTables::here(service.chainPrefix, service.simulated));
     const rlv::Answer answer = openTable(arguments.service)->removeAll();
     RLVD_INFO("hooks and chains taken out: %s", answer.code == 0 ? "all" : answer.message.c_str());
     if (answer.code == 0)

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "rlv/command-form.h"
+#include "rlv/service/served-tables.h"
 #include "rlv/service/service-log.h"
 
 namespace rlv {
@@ -131,6 +132,8 @@ void Session::wait() {
     const bool isRemoval = request_.kind == protocol::Request::Kind::remove;
     if (isRemoval && asker_.user != 0 && asker_.user != ::geteuid())
         return refuse(EACCES, "only root may have the tables taken out");
+    if (isRemoval && !asksFor(request_, ServedTables::here(context_.chainPrefix, context_.simulated)))
+        return refuse(ENOENT, "these tables are not served here");
     if (!isRemoval && request_.number != protocol::kVersion)
         return refuse(EPROTONOSUPPORT, "another version of the protocol");
     waitTimer_ = context_.loop.after(context_.maxWait, [this] {
