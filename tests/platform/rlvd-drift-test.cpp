@@ -236,6 +236,25 @@ TEST_F(TheServiceAmongOthers, DoesNotFightForEver) {
     EXPECT_TRUE(process::waitUntil([&] { return listing() == before; })) << service.log();
 }
 
+// Its pause is over with the connection, which has looked.
+TEST_F(TheServiceAmongOthers, PutsBackAtOnceAgainAfterAConnectionHasEndedAFight) {
+    Service service({});
+    makeTables();
+    const std::string before = listing();
+    {
+        const process::Child fighter({"sh", "-c",
+                                      "while :; do iptables -C VPK-DENY -s 10.0.0.2 -j VPK-LOGANDDROP 2>/dev/null && "
+                                      "iptables -F VPK-DENY; done"});
+        ASSERT_TRUE(process::waitUntil([] { return drift().nextAttemptSeconds >= 4; })) << service.log();
+    }
+    Client client;
+    EXPECT_EQ(0, client.close());
+    EXPECT_EQ(before, listing());
+    EXPECT_EQ(-1, drift().nextAttemptSeconds);
+    others("iptables -F VPK-DENY");
+    EXPECT_TRUE(becomes(before)) << listing() << service.log();
+}
+
 TEST_F(TheServiceAmongOthers, TellsWhoWatchesOfWhatItCannotJudge) {
     Service service({});
     others("iptables -N VPK-DENY");

@@ -135,6 +135,7 @@ std::string Drift::endConnection(bool isWhole) {
     }
     take(report);
     repairsInARow_ = 0;
+    loop_.cancel(std::exchange(look_, 0)); // it may have been put off by the row
     if (isAttempting_ && isMending_)
         arrangeLook(kLongestGap);
     return isMending_ && isCompared ? report.problem : "";
