@@ -255,6 +255,40 @@ TEST_F(TheServiceAmongOthers, PutsBackAtOnceAgainAfterAConnectionHasEndedAFight)
     EXPECT_TRUE(becomes(before)) << listing() << service.log();
 }
 
+// The hooks lead to the chain under its new name, which no notice would show for ours.
+TEST_F(TheServiceAmongOthers, MakesAChainAgainThatSomebodyHasRenamed) {
+    Service service({});
+    makeTables();
+    others("iptables -E VPK-DENY OTHER");
+    ASSERT_TRUE(process::waitUntil([] { return drift().repairs == 1; }, kMended)) << listing() << service.log();
+    EXPECT_THAT(listing(), HasSubstr("-A VPK-DENY -s 10.0.0.2/32 -j VPK-LOGANDDROP"));
+    EXPECT_THAT(listing(), HasSubstr("-A INPUT -j VPK-ALLOW\n-A INPUT -j VPK-DENY\n"));
+}
+
+bool isDormant() {
+    return process::capture({"nft", "list", "table", "ip", "filter"}).output.find("dormant") != std::string::npos;
+}
+
+// Then no rule of it is in force.
+TEST_F(TheServiceAmongOthers, SwitchesOnATableThatSomebodyHasSwitchedOff) {
+    Service service({});
+    makeTables();
+    const std::string before = listing();
+    others("nft 'add table ip filter { flags dormant; }'");
+    EXPECT_TRUE(process::waitUntil([] { return !isDormant(); }, kMended)) << service.log();
+    EXPECT_THAT(service.log(), HasSubstr("filter: the table is switched off (dormant)"));
+    others("nft 'add table ip filter { flags dormant; }; flush chain ip filter INPUT; delete chain ip filter INPUT'");
+    EXPECT_TRUE(process::waitUntil([&] { return !isDormant() && listing() == before; }, kMended)) << service.log();
+    EXPECT_EQ("", drift().problem);
+}
+
+TEST_F(TheServiceAmongOthers, SwitchesOnATableThatWasSwitchedOffBeforeItsStart) {
+    others("nft 'add table ip filter { flags dormant; }'");
+    Service service({});
+    makeTables();
+    EXPECT_FALSE(isDormant()) << service.log();
+}
+
 TEST_F(TheServiceAmongOthers, TellsWhoWatchesOfWhatItCannotJudge) {
     Service service({});
     others("iptables -N VPK-DENY");

@@ -79,7 +79,9 @@ private:
     void add(const Change &change) {
         switch (change.kind) {
         case Change::Kind::addTable:
-            return addTable();
+            return addTable(false);
+        case Change::Kind::wakeTable:
+            return addTable(true);
         case Change::Kind::addBaseChain:
             return addBaseChain(*change.chain);
         case Change::Kind::addChain:
@@ -96,7 +98,8 @@ private:
         }
     }
 
-    void addTable() {
+    // Without flags, one that is there keeps its own.
+    void addTable(bool isAwake) {
         struct FreeTable {
             void operator()(nftnl_table *table) const { nftnl_table_free(table); }
         };
@@ -104,6 +107,8 @@ private:
         if (!table)
             throw std::bad_alloc();
         nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, kTable);
+        if (isAwake)
+            nftnl_table_set_u32(table.get(), NFTNL_TABLE_FLAGS, 0);
         batch_.add(NFT_MSG_NEWTABLE, NLM_F_CREATE,
                    [&](nlmsghdr *message) { nftnl_table_nlmsg_build_payload(message, table.get()); });
     }

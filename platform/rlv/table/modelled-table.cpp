@@ -46,6 +46,7 @@ struct ChangeWords {
 ChangeWords wordsOf(Kind kind) {
     static const std::map<Kind, ChangeWords> words{
         {Kind::addTable, {"TABLE_ADD", "table"}},
+        {Kind::wakeTable, {"TABLE_ADD", "table"}},
         {Kind::addBaseChain, {"CHAIN_ADD", "chain"}},
         {Kind::addChain, {"CHAIN_USER_ADD", "chain"}},
         {Kind::deleteRule, {"RULE_DELETE", "rule in chain"}},

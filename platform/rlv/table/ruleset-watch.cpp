@@ -52,6 +52,12 @@ bool holds(const nlmsghdr *message, std::string_view word) {
 
 bool isHookChain(std::string_view name) { return name == "INPUT" || name == "OUTPUT"; }
 
+// A chain that is renamed shows under its new name alone, which is anybody's. But where our chains are in use, it is
+// too, which one that somebody has just made is only if he has filled it in the same breath.
+bool mayBeRenamed(const Attributes &chain) {
+    return !chain.has(NFTA_CHAIN_HOOK) && chain.u32(NFTA_CHAIN_USE).value_or(1) > 0;
+}
+
 // Whoever gives himself a name writes it into our log.
 std::string printable(std::string_view name) {
     std::string text(name);
@@ -79,6 +85,8 @@ void NoticeSieve::note(const nlmsghdr *message) {
         touchesOurs_ = true;
         break;
     case NFT_MSG_NEWCHAIN:
+        touchesOurs_ = touchesOurs_ || mayBeRenamed(Attributes::of(message));
+        [[fallthrough]];
     case NFT_MSG_DELCHAIN:
         touchesOurs_ =
             touchesOurs_ || holds(message, chainPrefix_) || isHookChain(Attributes::of(message).text(NFTA_CHAIN_NAME));

@@ -50,9 +50,19 @@ struct Ruleset {
 
 // One message of a transaction. What it points to belongs to the caller and outlives the commit.
 struct Change {
-    enum class Kind { addTable, addBaseChain, addChain, deleteRule, flushChain, appendRule, insertRule, deleteChain };
+    enum class Kind {
+        addTable,
+        wakeTable, // one that is there, and dormant; base chains cannot be added after it
+        addBaseChain,
+        addChain,
+        deleteRule,
+        flushChain,
+        appendRule,
+        insertRule,
+        deleteChain
+    };
     Kind kind = Kind::addTable;
-    const std::string *chain = nullptr; // none for addTable
+    const std::string *chain = nullptr; // none for addTable and wakeTable
     const Rule *rule = nullptr;         // of appendRule and insertRule
     std::uint64_t handle = 0;           // deleteRule: the rule; insertRule: the rule that it comes to stand before
 };

@@ -119,6 +119,7 @@ int SimulatedStore::addRule(const Change &change, HeldChain &chain, Draft &draft
 int SimulatedStore::change(const Change &change, Draft &draft) {
     switch (change.kind) {
     case Change::Kind::addTable:
+    case Change::Kind::wakeTable: // it never sleeps
         return 0;
     case Change::Kind::addBaseChain:
     case Change::Kind::addChain:

@@ -83,6 +83,7 @@ public:
             fillChain(name, rules);
         for (const auto &[name, places] : standing_.hookChains)
             setHooks(name, places);
+        wake();
         return std::move(result_);
     }
 
@@ -128,6 +129,14 @@ private:
         tell(name, "the chain is missing, or packets do not enter the table through it");
         addTable();
         add(Kind::addBaseChain, &name);
+    }
+
+    // Last, because the kernel lets no base chain come after it.
+    void wake() {
+        if (!ruleset_.isDormant)
+            return;
+        tell("filter", "the table is switched off (dormant)");
+        add(Kind::wakeTable, nullptr);
     }
 
     void fillChain(const std::string &name, const std::vector<Rule> &rules) {
@@ -327,15 +336,15 @@ Standing firstStandingIn(const Ruleset &ruleset, const std::string &chainPrefix)
 }
 
 bool isDisturbed(const Ruleset &ruleset, const std::string &chainPrefix) {
-    return std::any_of(ruleset.chains.begin(), ruleset.chains.end(), [&](const auto &entry) {
-        const auto &[name, chain] = entry;
-        if (isHookChain(name)) {
-            auto places = placesIn(chain, chainPrefix);
-            return leaveLastHooks(places);
-        }
-        return isOwnChain(name, chainPrefix) &&
-               std::any_of(chain.rules.begin(), chain.rules.end(), [](const HeldRule &held) { return !held.rule; });
-    });
+    return ruleset.isDormant || std::any_of(ruleset.chains.begin(), ruleset.chains.end(), [&](const auto &entry) {
+               const auto &[name, chain] = entry;
+               if (isHookChain(name)) {
+                   auto places = placesIn(chain, chainPrefix);
+                   return leaveLastHooks(places);
+               }
+               return isOwnChain(name, chainPrefix) && std::any_of(chain.rules.begin(), chain.rules.end(),
+                                                                   [](const HeldRule &held) { return !held.rule; });
+           });
 }
 
 Restoration restore(const Standing &standing, const Ruleset &ruleset, bool isWhole) {

@@ -32,7 +32,7 @@ Standing standingIn(const Ruleset &ruleset, const std::string &chainPrefix);
 Standing firstStandingIn(const Ruleset &ruleset, const std::string &chainPrefix);
 
 // True where none of our commands can have made of it what it is: own chains with rules of another kind, hooks that
-// stand twice.
+// stand twice, a table that is dormant.
 bool isDisturbed(const Ruleset &ruleset, const std::string &chainPrefix);
 
 // How a ruleset differs, for people, and the changes that put an end to it.
@@ -45,7 +45,8 @@ struct Restoration {
 };
 
 // The chains of `standing` are filled as they were: what is foreign goes, what stays keeps its handle and counters.
-// Hooks come back where they were, hooks that are there twice or in another order are set right. Everything else stays
+// Hooks come back where they were, hooks that are there twice or in another order are set right, and a dormant table is
+// switched on. Everything else stays
 // as it is and where it is, own chains included that did not stand. Where the ruleset may be mixed of several
 // generations (`isWhole` is false), no rule of an own chain is counted on. What comes back points into `standing`.
 Restoration restore(const Standing &standing, const Ruleset &ruleset, bool isWhole);
