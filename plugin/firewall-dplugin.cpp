@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <sstream>
@@ -184,23 +185,6 @@ std::string DPlugin::executeCommand(const std::string &command, const std::strin
     return output != nullptr ? std::string(characters(output), static_cast<std::size_t>(outputLength)) : "";
 }
 
-int DPlugin::executeCommandInternal(const unsigned char *command, int commandLength, const unsigned char *data,
-                                    int dataLength, unsigned char **, int *outputLength) {
-    NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "### firewall: enter: DPlugin::ExecuteCommandInternal ###");
-    *outputLength = 0;
-    if (gFirewallDPluginEnabled == 0) {
-        NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "### firewall: exit: Firewall disabled ###");
-        return -1;
-    }
-    if (commandLength == 0 || command == nullptr) {
-        NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "### firewall: exit: Empty command ###");
-        return -1;
-    }
-    const std::string name(characters(command), static_cast<std::size_t>(commandLength));
-    std::string text(characters(data), static_cast<std::size_t>(dataLength));
-    return dispatch(name, text);
-}
-
 // What a command does without data: nothing and fail, nothing and succeed, or the same as with data.
 enum class WithoutData { fail, succeed, run };
 
@@ -233,24 +217,43 @@ const DPlugin::Command DPlugin::COMMANDS[] = {
      [](DPlugin &plugin, std::string &data) { return plugin.statDaemon.handleStatCollectorPolicy(data); }},
 };
 
-int DPlugin::dispatch(const std::string &command, std::string &data) {
-    for (const Command &known : COMMANDS) {
-        if (command == known.name)
-            return run(known, data);
+int DPlugin::executeCommandInternal(const unsigned char *command, int commandLength, const unsigned char *data,
+                                    int dataLength, unsigned char **, int *outputLength) {
+    NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "### firewall: enter: DPlugin::ExecuteCommandInternal ###");
+    *outputLength = 0;
+    if (gFirewallDPluginEnabled == 0) {
+        NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "### firewall: exit: Firewall disabled ###");
+        return -1;
     }
-    NYR_LOG_ERROR(NYR_LOG_TAG_PLUGIN, "### firewall: exit: Unknown Plugin command ###");
-    return -1;
+    if (commandLength == 0 || command == nullptr) {
+        NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "### firewall: exit: Empty command ###");
+        return -1;
+    }
+    const std::string name(characters(command), static_cast<std::size_t>(commandLength));
+    std::string text(characters(data), static_cast<std::size_t>(dataLength));
+    const Command *const known = find(name);
+    if (known == nullptr) {
+        NYR_LOG_ERROR(NYR_LOG_TAG_PLUGIN, "### firewall: exit: Unknown Plugin command ###");
+        return -1;
+    }
+    if (known->before != nullptr)
+        NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "%s", known->before);
+    const int result = run(*known, text);
+    if (known->logsExit)
+        NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "### firewall: exit: %s: %d ###", known->name, result);
+    return result;
+}
+
+const DPlugin::Command *DPlugin::find(const std::string &name) {
+    const auto *const known = std::find_if(std::begin(COMMANDS), std::end(COMMANDS),
+                                           [&name](const Command &each) { return name == each.name; });
+    return known != std::end(COMMANDS) ? known : nullptr;
 }
 
 int DPlugin::run(const Command &command, std::string &data) {
-    if (command.before != nullptr)
-        NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "%s", command.before);
-    int result = command.withoutData == WithoutData::fail ? -1 : 0;
-    if (!data.empty() || command.withoutData == WithoutData::run)
-        result = command.action(*this, data);
-    if (command.logsExit)
-        NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "### firewall: exit: %s: %d ###", command.name, result);
-    return result;
+    if (data.empty() && command.withoutData != WithoutData::run)
+        return command.withoutData == WithoutData::fail ? -1 : 0;
+    return command.action(*this, data);
 }
 
 int DPlugin::sendReport() {

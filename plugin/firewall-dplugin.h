@@ -79,7 +79,8 @@ private:
     struct Command;
     static const Command COMMANDS[];
 
-    int dispatch(const std::string &command, std::string &data);
+    // Null when there is no such command.
+    static const Command *find(const std::string &name);
     int run(const Command &command, std::string &data);
     int sendReport();
 

@@ -85,21 +85,21 @@ int Firewall::InitTables() {
 
 int Firewall::ApplyAllowRules(std::string &rules) {
     NYR_LOG_INFO(NYR_LOG_TAG_ENGINE, "Firewall::ApplyAllowRules");
-    return run([&](FirewallStorage &storage) {
+    return run(__func__, [&](FirewallStorage &storage) {
         return applyRules(storage, FirewallRuleParser(rules, kAccept).rules, kAllowChain, kAccept);
     });
 }
 
 int Firewall::ApplyDenyRules(std::string &rules) {
     NYR_LOG_INFO(NYR_LOG_TAG_ENGINE, "Firewall::ApplyDenyRules: %s", rules.c_str());
-    return run([&](FirewallStorage &storage) {
+    return run(__func__, [&](FirewallStorage &storage) {
         return applyRules(storage, FirewallRuleParser(rules, kLogAndDropChain).rules, kDenyChain, kDrop);
     });
 }
 
 int Firewall::FlushAllowRules() {
     NYR_LOG_INFO(NYR_LOG_TAG_ENGINE, "Firewall::FlushAllowRules");
-    return run([this](FirewallStorage &storage) {
+    return run(__func__, [this](FirewallStorage &storage) {
         storage.flushAllowRules();
         return m_iptables->flushChain(kAllowChain);
     });
@@ -107,15 +107,15 @@ int Firewall::FlushAllowRules() {
 
 int Firewall::FlushDenyRules() {
     NYR_LOG_INFO(NYR_LOG_TAG_ENGINE, "Firewall::FlushDenyRules");
-    return run([this](FirewallStorage &storage) {
+    return run(__func__, [this](FirewallStorage &storage) {
         storage.flushDenyRules();
         return m_iptables->flushChain(kDenyChain);
     });
 }
 
-int Firewall::run(const std::function<int(FirewallStorage &)> &operation) {
+int Firewall::run(const char *name, const std::function<int(FirewallStorage &)> &operation) {
     if (!m_initialized && InitTables() == 0) {
-        NYR_LOG_ERROR(NYR_LOG_TAG_ENGINE, "Failed to initialize Firewall");
+        NYR_LOG_ERROR_OF(name, NYR_LOG_TAG_ENGINE, "Failed to initialize Firewall");
         return -1;
     }
     try {
@@ -123,7 +123,7 @@ int Firewall::run(const std::function<int(FirewallStorage &)> &operation) {
         FirewallStorage storage;
         return operation(storage);
     } catch (const mavo::Exception &exception) {
-        NYR_LOG_ERROR(NYR_LOG_TAG_ENGINE, "%s", exception.what());
+        NYR_LOG_ERROR_OF(name, NYR_LOG_TAG_ENGINE, "%s", exception.what());
         return -1;
     }
 }

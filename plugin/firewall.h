@@ -42,8 +42,9 @@ public:
     void ReapplyRules();
 
 private:
-    // What the four rule operations have in common: the chains, the connections, and the errors that they catch.
-    int run(const std::function<int(FirewallStorage &)> &operation);
+    // What the four rule operations have in common: the chains, the connections, and the errors that they catch, which
+    // are logged under the operation's name.
+    int run(const char *name, const std::function<int(FirewallStorage &)> &operation);
     int applyRules(FirewallStorage &storage, const std::vector<FirewallRule> &rules, const std::string &chain,
                    const std::string &storedTarget);
     int applyRule(const std::string &chain, const FirewallRule &rule);

@@ -29,15 +29,14 @@ constexpr int REPORT_SUBTYPE = 1;
 
 constexpr long long DEFAULT_INTERVAL = 86400;
 
-// Leaves the caller's session and what stood open on its terminal.
-void detach() {
+// Leaves the caller's session and what stood open on its terminal. False when there is no session of its own to be had.
+bool detach() {
     umask(0);
-    if (setsid() < 0) {
-        NYR_LOG_ERROR(NYR_LOG_TAG_PLUGIN, "### firewall: DPlugin::startStatDaemon: setsid failure ###");
-        _exit(1);
-    }
+    if (setsid() < 0)
+        return false;
     for (const int descriptor : {0, 1, 2})
         close(descriptor);
+    return true;
 }
 
 // Seconds since the epoch; now, when the uptime is unknown.
@@ -80,7 +79,6 @@ void collect(KLogExtractor &extractor, FirewallStatStorage &storage) {
 }
 
 void report(FirewallStatStorage &storage, Config &config, Schedule &schedule, long long now) {
-    NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "### firewall: DPlugin::startStatDaemon: SEND_REPORT");
     const auto from = static_cast<std::uint32_t>(now) - static_cast<std::uint32_t>(schedule.intervalInSeconds);
     std::vector<DbLogRecord> records;
     storage.getLogRecords(records, from, 0);
@@ -121,27 +119,27 @@ bool StatDaemon::isDaemonWorking() {
 
 int StatDaemon::startStatDaemon() {
     NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "### firewall: DPlugin::startStatDaemon() ###");
-    const std::string enabled = config.get("enabled", false);
+    std::string enabled = config.get("enabled", false);
     NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "### firewall: startStatDaemon: enabled: %s ###", enabled.c_str());
     if (enabled != "1") {
         NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "### firewall: startStatDaemon: daemon disabled ###");
         return 0;
     }
     const pid_t daemon = fork();
-    if (daemon < 0)
-        return -1;
-    return daemon > 0 ? 0 : runDaemon();
-}
-
-int StatDaemon::runDaemon() {
-    detach();
+    if (daemon != 0)
+        return daemon > 0 ? 0 : -1;
+    // From here on this is the collector.
+    if (!detach()) {
+        NYR_LOG_ERROR(NYR_LOG_TAG_PLUGIN, "### firewall: DPlugin::startStatDaemon: setsid failure ###");
+        _exit(1);
+    }
     KLogExtractor extractor(logPrefix);
     FirewallStatStorage storage;
     storage.tsOffset = bootTime();
     Schedule schedule(config);
     for (;;) {
         NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "### firewall: DPlugin::startStatDaemon: new iteration");
-        const std::string enabled = config.get("enabled", true);
+        enabled = config.get("enabled", true);
         NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "### firewall: startStatDaemon: enabled: %s ###", enabled.c_str());
         if (enabled != "1") {
             NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "### firewall: StatDaemon: daemon disabled ###");
@@ -152,8 +150,10 @@ int StatDaemon::runDaemon() {
         NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN,
                      "### firewall: DPlugin::startStatDaemon: lastReportTS:%lld intervalInSeconds:%lld t:%lld ###",
                      schedule.lastReportTS, schedule.intervalInSeconds, now);
-        if (schedule.due(now))
+        if (schedule.due(now)) {
+            NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "### firewall: DPlugin::startStatDaemon: SEND_REPORT");
             report(storage, config, schedule, now);
+        }
         sleep(static_cast<unsigned int>(schedule.intervalInSeconds));
     }
 }

@@ -30,8 +30,6 @@ public:
     int handleStatCollectorPolicy(std::string &input);
 
 private:
-    int runDaemon();
-
     Config config;
     std::string logPrefix = "IPTables-Dropped:";
 };

@@ -35,6 +35,7 @@ void writeAccount(const std::string &end) {
     ownAccount["messages"] = array(fakevlog::messages());
     ownAccount["trace"] = array(fakemavo::trace());
     ownAccount["reports"] = Json::Value(Json::arrayValue);
+    ownAccount["functions"] = array(fakevlog::functions("stat-daemon.cpp"));
     for (const fakenyr::Report &report : fakenyr::reports)
         ownAccount["reports"].append(std::to_string(report.type) + " " + std::to_string(report.subtype) + " " +
                                      report.body);

@@ -42,3 +42,4 @@ std::vector<std::string> strings(const Json::Value &array);
 } // namespace collector
 
 #endif
+//   "functions" that those of stat-daemon.cpp name

@@ -52,6 +52,17 @@ std::string message(const Line &line) { return split(line).message; }
 
 std::string place(const Line &line) { return split(line).place; }
 
+std::vector<std::string> functions(const std::string &file) {
+    const std::string begin = file + ": ";
+    std::vector<std::string> result;
+    for (const Line &line : kept) {
+        const std::string named = place(line);
+        if (named.compare(0, begin.size(), begin) == 0)
+            result.push_back(named.substr(begin.size()));
+    }
+    return result;
+}
+
 std::vector<std::string> messages() {
     std::vector<std::string> result;
     for (const Line &line : kept) {

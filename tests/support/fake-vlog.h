@@ -28,6 +28,8 @@ void onLine(const std::function<void(const Line &line)> &callback);
 std::string message(const Line &line);
 // The source file and the function that the line names: "config.cpp: update".
 std::string place(const Line &line);
+// The functions that the lines of one source file name, oldest first.
+std::vector<std::string> functions(const std::string &file);
 
 // All messages, each with "I " or "E " in front, after checking of each line that it went to the main log and is well
 // formed; a line that is not stands as "malformed: …".

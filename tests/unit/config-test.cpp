@@ -65,7 +65,31 @@ TEST(Config, LogsItsConstructionWithoutAFile) {
     EXPECT_THAT(logOf([&] { config.emplace(); }),
                 ElementsAre("I NYR_FIREWALL: firewall: Enter Config()", "I NYR_FIREWALL: firewall: readConfigFile",
                             "I NYR_FIREWALL: firewall: Config: createDefaultConfig"));
-    EXPECT_EQ(fakevlog::place(fakevlog::lines().at(0)), "config.cpp: Config");
+}
+
+TEST(Config, LogsUnderTheNamesOfItsOperations) {
+    std::optional<Config> config(std::in_place);
+    config->update("enabled", config->get("enabled", true));
+    EXPECT_THAT(fakevlog::functions("config.cpp"),
+                ElementsAre("Config", "readConfigFile", "createDefaultConfig", "get", "readConfigFile", "update",
+                            "update", "writeConfigFile"));
+    fakevlog::clear();
+    config.reset();
+    EXPECT_THAT(fakevlog::functions("config.cpp"), ElementsAre("writeConfigFile", "~Config"));
+}
+
+TEST(Config, LogsFailuresUnderTheNamesOfItsOperations) {
+    Config config;
+    makeFileALoop();
+    fakevlog::clear();
+    config.readConfigFile();
+    config.writeConfigFile();
+    std::filesystem::remove_all("/opt/data");
+    textfile::write("/opt/data", "a file");
+    config.createDefaultConfig();
+    EXPECT_THAT(fakevlog::functions("config.cpp"),
+                ElementsAre("readConfigFile", "readConfigFile", "writeConfigFile", "writeConfigFile",
+                            "createDefaultConfig", "createDefaultConfig"));
 }
 
 TEST(Config, LogsItsConstructionWithAFile) {

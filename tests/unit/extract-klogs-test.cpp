@@ -74,7 +74,19 @@ TEST(KLogExtractor, LogsAReading) {
                                                   "I NYR_FIREWALL: KLogExtractor::extractLogs: read " +
                                                       std::to_string(kFirst.size() + 1) + " chars from klog",
                                                   "I NYR_FIREWALL: KLogExtractor::extractLogs: exit: normal"));
-    EXPECT_EQ(fakevlog::place(fakevlog::lines().at(0)), "extract-klogs.cpp: extractLogs");
+}
+
+TEST(KLogExtractor, LogsUnderTheNamesOfItsOperations) {
+    fakeklog::content = kFirst + "\n";
+    fakeklog::size = 0;
+    KLogExtractor logs = extractor();
+    logs.updateLogs();
+    logs.getAsJson();
+    fakeklog::readResult = -1;
+    logs.extractLogs();
+    EXPECT_THAT(fakevlog::functions("extract-klogs.cpp"),
+                ElementsAre("updateLogs", "extractLogs", "extractLogs", "extractLogs", "extractLogs", "getAsJson",
+                            "extractLogs", "extractLogs", "extractLogs"));
 }
 
 TEST(KLogExtractor, LogsEachStepWhenItIsThere) {

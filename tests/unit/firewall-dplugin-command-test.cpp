@@ -15,6 +15,7 @@
 #include "unit/firewall-dplugin-fixture.h"
 
 using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -59,6 +60,7 @@ TEST_P(PluginRuleCommand, ReachesTheEngine) {
     EXPECT_THAT(fakerlv::commands(), ElementsAre(GetParam().command));
     EXPECT_THAT(frameLog(), ElementsAre(kFrame + "enter: DPlugin::ExecuteCommandInternal ###",
                                         kFrame + "exit: " + GetParam().name + ": 0 ###"));
+    EXPECT_THAT(frameFunctions(), Each("executeCommandInternal"));
 }
 
 TEST_P(PluginRuleCommand, FailsWithAPositiveResultToo) {
@@ -100,6 +102,7 @@ TEST_P(PluginDisabled, FailsEveryCommand) {
     EXPECT_EQ(execute(GetParam(), "tcp:10.0.0.5:80:in"), "fail");
     EXPECT_THAT(fakevlog::messages(), ElementsAre(kFrame + "enter: DPlugin::ExecuteCommandInternal ###",
                                                   kFrame + "exit: Firewall disabled ###"));
+    EXPECT_THAT(frameFunctions(), Each("executeCommandInternal"));
     EXPECT_THAT(fakerlv::calls(), IsEmpty());
     EXPECT_FALSE(marked());
 }
@@ -146,6 +149,7 @@ INSTANTIATE_TEST_SUITE_P(Commands, PluginUnknown,
                          testing::Values("applyAllowRules", "FLUSHDENYRULES", "SendReport ", "ApplyPolic", "x"));
 
 TEST_F(Plugin, TakesACommandByItsLength) {
+    EXPECT_THAT(frameFunctions(), Each("executeCommandInternal"));
     create();
     unsigned char *output = nullptr;
     int length = 17;
@@ -194,6 +198,7 @@ TEST_F(Plugin, FailsWithTheReportClientsResult) {
     create();
     fakenyr::result = 9;
     EXPECT_EQ(execute("SendReport"), "fail");
+    EXPECT_THAT(frameFunctions(), Each("executeCommandInternal"));
     EXPECT_EQ(fakevlog::messages().back(), kFrame + "exit: SendReport: 9 ###");
 }
 

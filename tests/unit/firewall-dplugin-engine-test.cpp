@@ -91,6 +91,8 @@ protected:
     std::unique_ptr<AbstractDPluginProvider> plugin;
 };
 
+std::vector<std::string> functions() { return fakevlog::functions("firewall-dplugin.cpp"); }
+
 // The ERROR lines.
 std::vector<std::string> errors() {
     std::vector<std::string> all;
@@ -127,6 +129,7 @@ TEST_F(PluginOnEngine, IsConstructedWithoutAnEngine) {
                 ElementsAre(kFrame + "enter: DPlugin::DPlugin() ###", kError + "100%s lost",
                             kError + "### firewall: Exception during firewall initialization ###",
                             kFrame + "exit: DPlugin::DPlugin() ###"));
+    EXPECT_THAT(functions(), ElementsAre("DPluginEnable", "DPluginEnable", "DPlugin", "DPlugin", "DPlugin", "DPlugin"));
 }
 
 TEST_F(PluginOnEngine, LetsOtherExceptionsOfTheEnginesConstructionOut) {

@@ -36,6 +36,9 @@ inline std::vector<std::string> frameLog() {
     return all;
 }
 
+// The functions that the frame's own lines name.
+inline std::vector<std::string> frameFunctions() { return fakevlog::functions("firewall-dplugin.cpp"); }
+
 inline bool marked() { return std::filesystem::exists(kMarker); }
 
 class Plugin : public testing::Test {

@@ -75,6 +75,12 @@ const std::vector<std::string> kDisabling =
 const std::vector<std::string> kDeletion =
     sequence(kFrame + "enter: DPlugin::~DPlugin deinitialize ###", kConfigEnds, kConfigEnds);
 
+// No more than the last `count` of them.
+std::vector<std::string> lastOf(std::vector<std::string> texts, std::size_t count) {
+    texts.erase(texts.begin(), texts.end() - static_cast<std::ptrdiff_t>(std::min(count, texts.size())));
+    return texts;
+}
+
 template <typename Error> void throwAtLine(const std::string &text) {
     fakevlog::onLine([text](const fakevlog::Line &line) {
         if (line.text.find(text) != std::string::npos) {
@@ -92,7 +98,9 @@ TEST_F(Plugin, IsCreatedEnabledAndStored) {
     EXPECT_THAT(frameLog(), ElementsAreArray(sequence(kConstruction, kFrame + "exit: DPlugin::exposeFirewallAPI() ###",
                                                       kFrame + "enter: DPlugin::setStatus(): 1", kEnabling,
                                                       kFrame + "Successfully created")));
-    EXPECT_EQ(fakevlog::place(fakevlog::lines().at(0)), "firewall-dplugin.cpp: DPluginFactory");
+    EXPECT_THAT(frameFunctions(),
+                ElementsAre("DPluginFactory", "DPluginEnable", "DPluginEnable", "DPlugin", "DPlugin",
+                            "exposeFirewallAPI", "exposeFirewallAPI", "setStatus", "apply", "DPluginFactory"));
     EXPECT_EQ(gFirewallDPluginEnabled, 1);
     EXPECT_THAT(storage.calls, ElementsAre("store nyr-firewall-plugin 1"));
     EXPECT_FALSE(marked());
@@ -118,6 +126,7 @@ TEST_F(Plugin, LeavesFlagChainsAndCollectorWhenItIsDeleted) {
     EXPECT_THAT(fakevlog::messages(), ElementsAreArray(kDeletion));
     EXPECT_EQ(gFirewallDPluginEnabled, 1);
     EXPECT_THAT(fakerlv::calls(), IsEmpty());
+    EXPECT_THAT(frameFunctions(), ElementsAre("~DPlugin"));
     EXPECT_TRUE(marked());
     EXPECT_EQ(collector::account()["end"], "asleep");
 }
@@ -134,6 +143,9 @@ TEST_F(Plugin, IsNotCreatedWhenTheTablesCannotBeMade) {
     EXPECT_EQ(service.find("Firewall::ApplyAllowRules"), nullptr);
 }
 
+    EXPECT_THAT(frameFunctions(), ElementsAre("DPluginFactory", "DPluginEnable", "DPluginEnable", "DPlugin", "DPlugin",
+                                              "exposeFirewallAPI", "exposeFirewallAPI", "exposeFirewallAPI",
+                                              "DPluginFactory", "~DPlugin"));
 TEST_F(Plugin, IsNotCreatedWhenTheStatusCannotBeStored) {
     storage.storeResult = 1;
     EXPECT_EQ(DPluginFactory(service), nullptr);
@@ -146,6 +158,8 @@ TEST_F(Plugin, IsNotCreatedWhenTheStatusCannotBeStored) {
 }
 
 TEST_F(Plugin, IsNotCreatedTwiceOnOneService) {
+    EXPECT_THAT(lastOf(frameFunctions(), 5),
+                ElementsAre("setStatus", "apply", "setStatus", "DPluginFactory", "~DPlugin"));
     create();
     EXPECT_EQ(DPluginFactory(service), nullptr);
     EXPECT_THAT(frameLog(),
@@ -158,6 +172,8 @@ TEST_F(Plugin, IsNotCreatedTwiceOnOneService) {
 TEST_F(Plugin, LeavesTheMethodsRegisteredBeforeAFailure) {
     service.setMethodHandler<int>("", "Firewall::FlushAllowRules", [] { return 0; });
     EXPECT_EQ(DPluginFactory(service), nullptr);
+    EXPECT_THAT(lastOf(frameFunctions(), 6), ElementsAre("exposeFirewallAPI", "exposeFirewallAPI", "exposeFirewallAPI",
+                                                         "exposeFirewallAPI", "DPluginFactory", "~DPlugin"));
     EXPECT_NE(service.find("Firewall::ApplyAllowRules"), nullptr);
     EXPECT_NE(service.find("Firewall::ApplyDenyRules"), nullptr);
     EXPECT_EQ(service.find("Firewall::FlushDenyRules"), nullptr);
@@ -178,9 +194,7 @@ TEST_F(Plugin, RegistersItsMethodsInOrder) {
 TEST_F(Plugin, IsDiscardedByAnExceptionOfTheLibraryInTheFactory) {
     throwAtLine<mavo::Exception>("Successfully created");
     EXPECT_EQ(DPluginFactory(service), nullptr);
-    const auto messages = frameLog();
-    ASSERT_GT(messages.size(), 7u);
-    EXPECT_THAT(std::vector<std::string>(messages.end() - 7, messages.end()),
+    EXPECT_THAT(lastOf(frameLog(), 7),
                 ElementsAreArray(
                     sequence(kFrame + "Successfully created", kError + "### firewall: Exceprion caused", kDeletion)));
 }
@@ -188,6 +202,7 @@ TEST_F(Plugin, IsDiscardedByAnExceptionOfTheLibraryInTheFactory) {
 TEST_F(Plugin, IsNotDestroyedWhenAnExceptionOfTheLibraryLeftItsConstructor) {
     throwAtLine<mavo::Exception>("enter: DPlugin::DPlugin()");
     EXPECT_EQ(DPluginFactory(service), nullptr);
+    EXPECT_THAT(lastOf(frameFunctions(), 3), ElementsAre("DPluginFactory", "DPluginFactory", "~DPlugin"));
     EXPECT_THAT(frameLog(), Not(Contains(HasSubstr("deinitialize"))));
     EXPECT_EQ(frameLog().back(), kError + "### firewall: Exceprion caused");
 }
@@ -222,6 +237,7 @@ TEST_F(Plugin, DisablesAndStores) {
     EXPECT_THAT(textfile::read(kConfig), HasSubstr(R"("enabled":"0")"));
 }
 
+    EXPECT_THAT(frameFunctions(), ElementsAre("setStatus", "apply", "apply", "apply"));
 TEST_F(Plugin, RefusesAnyOtherStatus) {
     create();
     textfile::write(kMarker, "");
@@ -375,6 +391,7 @@ TEST_F(Plugin, CatchesAnExceptionOfTheLibraryWhileApplying) {
 
 TEST_F(Plugin, LetsOtherExceptionsOutOfTheStatusOperations) {
     create();
+    EXPECT_THAT(lastOf(frameFunctions(), 2), ElementsAre("setStatus", "setStatus"));
     storage.onStore = [] { throw std::runtime_error("odd"); };
     EXPECT_THROW(plugin->setStatus(0), std::runtime_error);
     throwAtLine<mavo::Exception>("apply(DISABLE)");
@@ -426,7 +443,9 @@ TEST_F(Plugin, GivesTheStoredStatusUnchanged) {
     storage.statuses["nyr-firewall-plugin"] = 42;
     EXPECT_EQ(plugin->getStatus(), 42);
     EXPECT_THAT(storage.calls, ElementsAre("read nyr-firewall-plugin"));
+    EXPECT_THAT(frameFunctions(), ElementsAre("applyStatus", "apply", "apply", "apply"));
     EXPECT_THAT(fakevlog::messages(), ElementsAre(kFrame + "enter: DPlugin::getStatus"));
 }
 
 } // namespace
+    EXPECT_THAT(frameFunctions(), ElementsAre("getStatus"));

@@ -68,7 +68,7 @@ TEST(StatStorageOpening, OpensItsFileAndPreparesTheTable) {
                 ElementsAre("open " + kFile + " 6 verify", "prepare " + kCreate, "exec done", "finalize"));
     EXPECT_THAT(fakevlog::messages(), ElementsAre(kTag + "### firewall: FirewallStatStorage::prepareStorage: enter",
                                                   kTag + "### firewall: FirewallStatStorage::prepareStorage: exit"));
-    EXPECT_EQ(fakevlog::place(fakevlog::lines().at(0)), "firewall-stat-storage.cpp: prepareStorage");
+    EXPECT_THAT(fakevlog::functions("firewall-stat-storage.cpp"), ElementsAre("prepareStorage", "prepareStorage"));
 }
 
 TEST(StatStorageOpening, ThrowsWithoutTheFolder) { EXPECT_THROW(FirewallStatStorage(), mavo::Exception); }
@@ -117,6 +117,7 @@ TEST_F(StatStorage, LogsAndThrowsWhenARecordCannotBeInserted) {
         EXPECT_STREQ(error.what(), "insert failure");
     }
     EXPECT_THAT(fakevlog::messages(), ElementsAre(kTag + "saveRecord: enter", kTag + "disk I/O error"));
+    EXPECT_THAT(fakevlog::functions("firewall-stat-storage.cpp"), ElementsAre("saveRecord", "saveRecord"));
 }
 
 TEST_F(StatStorage, KeepsTheLaterOfTwoRecordsOfOneSecond) {
@@ -131,6 +132,17 @@ TEST_F(StatStorage, SavesManyInOrder) {
     EXPECT_THAT(fakevlog::messages(),
                 ElementsAre(kTag + "saveRecords: enter", kTag + "saveRecord: enter", kTag + "saveRecord: exit",
                             kTag + "saveRecord: enter", kTag + "saveRecord: exit"));
+}
+
+TEST_F(StatStorage, LogsUnderTheNamesOfItsOperations) {
+    std::vector<DbLogRecord> records{at(1)};
+    storage->saveRecords(records);
+    storage->getLogRecords(records, 0, 0);
+    std::string report;
+    storage->prepareStatistic(records, report);
+    EXPECT_THAT(fakevlog::functions("firewall-stat-storage.cpp"),
+                ElementsAre("saveRecords", "saveRecord", "saveRecord", "getLogRecords", "getLogRecords",
+                            "prepareStatistic", "prepareStatistic"));
 }
 
 TEST_F(StatStorage, KeepsWhatItSavedBeforeAFailure) {

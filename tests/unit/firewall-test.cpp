@@ -218,6 +218,7 @@ protected:
         forget();
     }
     const std::string entry = "I VPK: Firewall::" + GetParam().entry;
+    const std::string name = GetParam().entry.substr(0, GetParam().entry.find(':'));
 };
 
 int applyAllow(Firewall &firewall) {
@@ -247,8 +248,7 @@ TEST_P(AnOperation, LogsItsEntryBeforeItBuildsTheTables) {
     run();
     EXPECT_EQ(fakevlog::messages()[0], entry);
     EXPECT_EQ(fakevlog::messages()[1], "I VPK: RlvHandler constructor");
-    const std::string name = GetParam().entry.substr(0, GetParam().entry.find(':'));
-    EXPECT_EQ(fakevlog::place(fakevlog::lines()[0]), "firewall.cpp: " + name);
+    EXPECT_THAT(fakevlog::functions("firewall.cpp"), ElementsAre(name, "InitTables"));
 }
 
 TEST_P(AnOperation, BuildsTheTablesOnlyOnce) {
@@ -273,6 +273,7 @@ TEST_P(AnOperation, OpensNothingWhenTheTablesCannotBeBuilt) {
     EXPECT_THAT(fakevlog::messages(),
                 ElementsAre(entry, "E VPK: Firewall::InitTables failed: Failed to initialize RLV: 0x6f",
                             "E VPK: Failed to initialize Firewall"));
+    EXPECT_THAT(fakevlog::functions("firewall.cpp"), ElementsAre(name, "InitTables", name));
     EXPECT_THAT(fakerlv::calls(), ElementsAre("initialize failed"));
     EXPECT_THAT(fakemavo::trace(), IsEmpty());
 }
@@ -299,6 +300,7 @@ TEST_P(AnOperation, LogsWhatTheDatabaseSaysAsItStands) {
     EXPECT_EQ(run(), -1);
     EXPECT_THAT(fakevlog::messages(),
                 ElementsAre(entry, "I VPK: RlvHandler constructor", "I VPK: RlvHandler destructor", "E VPK: 100%s"));
+    EXPECT_THAT(fakevlog::functions("firewall.cpp"), ElementsAre(name, name));
 }
 
 TEST_P(AnOperation, PassesOnThatTheServiceIsGone) {

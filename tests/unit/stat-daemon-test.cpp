@@ -24,6 +24,7 @@
 
 using collector::strings;
 using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -140,7 +141,7 @@ TEST_F(StatDaemonTest, RemovesTheMarkerOnce) {
     EXPECT_EQ(daemon->stopStatDaemon(), 0);
     EXPECT_THAT(fakevlog::messages(),
                 ElementsAre(kTag + "### firewall: mark removed, 1", kTag + "### firewall: mark removed, 0"));
-    EXPECT_EQ(fakevlog::place(fakevlog::lines().at(0)), "stat-daemon.cpp: stopStatDaemon");
+    EXPECT_THAT(fakevlog::functions("stat-daemon.cpp"), ElementsAre("stopStatDaemon", "stopStatDaemon"));
 }
 
 TEST_F(StatDaemonTest, DisablesByConfigurationAndMarker) {
@@ -166,6 +167,7 @@ TEST_F(StatDaemonTest, EnablesByConfigurationMarkerAndFork) {
                     kTag + "firewall: update key/value: enabled 1", kTag + "firewall: update common",
                     kTag + "firewall: Config: writeConfigFile", kTag + "### firewall: DPlugin::startStatDaemon() ###",
                     kTag + "Config::get: configPath: enabled", kTag + "### firewall: startStatDaemon: enabled: 1 ###"));
+    EXPECT_THAT(fakevlog::functions("stat-daemon.cpp"), ElementsAre("enable", "startStatDaemon", "startStatDaemon"));
     EXPECT_EQ(collector::account()["end"], "asleep");
 }
 
@@ -175,6 +177,7 @@ TEST_F(StatDaemonTest, EnabledTwiceForksOnce) {
     fakevlog::clear();
     EXPECT_EQ(collector::run([this] { return daemon->enable(); }), 0);
     EXPECT_EQ(fakevlog::messages().back(), kTag + "### firewall: already inited ###");
+    EXPECT_THAT(fakevlog::functions("stat-daemon.cpp"), ElementsAre("enable", "enable"));
     EXPECT_THAT(fakevlog::messages(), SizeIs(5));
     EXPECT_THAT(collector::accounts(), SizeIs(1));
 }
@@ -201,6 +204,8 @@ TEST_P(StatDaemonNotEnabled, ForksNothing) {
     EXPECT_EQ(fakevlog::messages()[0], kTag + "### firewall: DPlugin::startStatDaemon() ###");
     EXPECT_EQ(fakevlog::messages()[1], kTag + "Config::get: configPath: enabled");
     EXPECT_EQ(fakevlog::messages()[3], kTag + "### firewall: startStatDaemon: daemon disabled ###");
+    EXPECT_THAT(fakevlog::functions("stat-daemon.cpp"),
+                ElementsAre("startStatDaemon", "startStatDaemon", "startStatDaemon"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Values, StatDaemonNotEnabled,
@@ -229,6 +234,7 @@ TEST_F(StatDaemonTest, EndsTheNewProcessWhenItGetsNoSession) {
     EXPECT_EQ(account["status"], 1);
     EXPECT_THAT(strings(account["messages"]),
                 ElementsAre("E NYR_FIREWALL: ### firewall: DPlugin::startStatDaemon: setsid failure ###"));
+    EXPECT_THAT(strings(account["functions"]), ElementsAre("startStatDaemon"));
     EXPECT_TRUE(marked());
 }
 
@@ -286,6 +292,8 @@ TEST_F(StatDaemonTest, LogsAnIterationWithARecordAndAReport) {
             kTag + "firewall: update common",
             kTag + "firewall: Config: writeConfigFile",
         }));
+    EXPECT_THAT(strings(account["functions"]),
+                ElementsAre("startStatDaemon", "startStatDaemon", "startStatDaemon", "startStatDaemon"));
     EXPECT_THAT(strings(account["reports"]), ElementsAre("10007 1 " + body));
     EXPECT_EQ(account["sleeps"][0].asUInt(), 3600u);
 }
@@ -560,7 +568,8 @@ INSTANTIATE_TEST_SUITE_P(Files, StatDaemonSwitchedOff,
 
 TEST_F(StatDaemonTest, LogsTheValueThatSwitchesItOff) {
     collector::watch(5, [] { textfile::write(kConfig, R"({"enabled":"off"})"); });
-    const auto messages = strings(accountWith(R"("enabled":"1")")["messages"]);
+    const Json::Value account = accountWith(R"("enabled":"1")");
+    const auto messages = strings(account["messages"]);
     ASSERT_GE(messages.size(), 5u);
     EXPECT_THAT(std::vector<std::string>(messages.end() - 5, messages.end()),
                 ElementsAre(kTag + "### firewall: DPlugin::startStatDaemon: new iteration",
@@ -588,6 +597,7 @@ TEST_F(StatDaemonTest, LetsAFailedInsertionEndTheCollector) {
 // A collector sleeps until it is woken.
 class Bedroom {
 public:
+    EXPECT_THAT(strings(account["functions"]), Each("startStatDaemon"));
     Bedroom() { EXPECT_TRUE(pipe(asleep) == 0 && pipe(awake) == 0); }
     ~Bedroom() {
         for (const int descriptor : {asleep[0], asleep[1], awake[0], awake[1]})
@@ -678,6 +688,8 @@ TEST_F(StatDaemonTest, LogsAPolicyThatCannotBeMerged) {
 
 TEST_F(StatDaemonTest, LogsAPolicyThatTheParserRefusesToRead) {
     std::string policy(2000, '[');
+    EXPECT_THAT(fakevlog::functions("stat-daemon.cpp"),
+                ElementsAre("handleStatCollectorPolicy", "handleStatCollectorPolicy"));
     fakevlog::clear();
     EXPECT_EQ(daemon->handleStatCollectorPolicy(policy), 0);
     EXPECT_THAT(fakevlog::messages(),
