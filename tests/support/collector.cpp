@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <fcntl.h>
+#include <poll.h>
 #include <sstream>
 #include <stdexcept>
 #include <sys/stat.h>
@@ -18,6 +19,7 @@ namespace collector {
 namespace {
 
 constexpr int kEnded = 99;
+constexpr int kDeadlineMs = 30'000;
 
 Json::Value ownAccount;
 
@@ -33,9 +35,9 @@ Json::Value array(const std::vector<std::string> &texts) {
 void writeAccount(const std::string &end) {
     ownAccount["end"] = end;
     ownAccount["messages"] = array(fakevlog::messages());
+    ownAccount["functions"] = array(fakevlog::functions("stat-daemon.cpp"));
     ownAccount["trace"] = array(fakemavo::trace());
     ownAccount["reports"] = Json::Value(Json::arrayValue);
-    ownAccount["functions"] = array(fakevlog::functions("stat-daemon.cpp"));
     for (const fakenyr::Report &report : fakenyr::reports)
         ownAccount["reports"].append(std::to_string(report.type) + " " + std::to_string(report.subtype) + " " +
                                      report.body);
@@ -88,6 +90,34 @@ void watch(int sleeps, const std::function<void()> &asleep) {
     fakeprocess::orders().now = 1700000000;
     fakeprocess::orders().uptime = 1000;
     fakeprocess::orders().inChild = [asleep, sleeps] { beginAccount(asleep, sleeps); };
+}
+
+Bedroom::Bedroom() {
+    if (pipe(asleep) != 0 || pipe(awake) != 0)
+        throw std::runtime_error("no pipe");
+}
+
+Bedroom::~Bedroom() {
+    for (const int descriptor : {asleep[0], asleep[1], awake[0], awake[1]})
+        close(descriptor);
+}
+
+void Bedroom::sleep() const {
+    char byte = 'z';
+    if (write(asleep[1], &byte, 1) != 1 || read(awake[0], &byte, 1) != 1)
+        _exit(3);
+}
+
+void Bedroom::waitForOne() const {
+    pollfd readable{asleep[0], POLLIN, 0};
+    char byte = '\0';
+    if (poll(&readable, 1, kDeadlineMs) != 1 || read(asleep[0], &byte, 1) != 1)
+        throw std::runtime_error("no collector sleeps");
+}
+
+void Bedroom::wakeOne() const {
+    if (write(awake[1], "!", 1) != 1)
+        throw std::runtime_error("no collector wakes");
 }
 
 int run(const std::function<int()> &call) {

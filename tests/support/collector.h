@@ -15,6 +15,27 @@ namespace collector {
 // `asleep` is called in it at each sleep before.
 void watch(int sleeps = 1, const std::function<void()> &asleep = {});
 
+// Where a collector sleeps until it is woken. What it is given to watch() as: [&] { bedroom.sleep(); }.
+class Bedroom {
+public:
+    // Throws std::runtime_error when there are no pipes to be had.
+    Bedroom();
+    ~Bedroom();
+    Bedroom(const Bedroom &) = delete;
+    Bedroom &operator=(const Bedroom &) = delete;
+
+    // In the collector: returns when it is woken.
+    void sleep() const;
+    // In the test. Throw std::runtime_error when no collector has gone to sleep in half a minute, and when none can be
+    // woken.
+    void waitForOne() const;
+    void wakeOne() const;
+
+private:
+    int asleep[2];
+    int awake[2];
+};
+
 // Runs `call`. When it returns or throws in a process forked meanwhile, that process ends.
 int run(const std::function<int()> &call);
 
@@ -26,6 +47,7 @@ void awaitEnds();
 //   "end"       "asleep", "returned N", "threw TEXT" or "exit N"
 //   "status"    the exit status, 99 for those that were ended
 //   "messages"  of the log, since the fork
+//   "functions" that those of stat-daemon.cpp name
 //   "trace"     of the database library, since the fork
 //   "reports"   as "TYPE SUBTYPE BODY"
 //   "sleeps"    their lengths
@@ -42,4 +64,3 @@ std::vector<std::string> strings(const Json::Value &array);
 } // namespace collector
 
 #endif
-//   "functions" that those of stat-daemon.cpp name

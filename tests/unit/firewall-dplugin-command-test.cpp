@@ -125,6 +125,12 @@ TEST_F(Plugin, FailsAnEmptyCommand) {
     EXPECT_EQ(execute("", "data"), "fail");
     EXPECT_THAT(fakevlog::messages(),
                 ElementsAre(kFrame + "enter: DPlugin::ExecuteCommandInternal ###", kFrame + "exit: Empty command ###"));
+    EXPECT_THAT(frameFunctions(), Each("executeCommandInternal"));
+    unsigned char *output = nullptr;
+    int length = 17;
+    EXPECT_EQ(executeInternal("", "data", &output, &length), -1);
+    EXPECT_EQ(output, nullptr);
+    EXPECT_EQ(length, 0);
 }
 
 TEST_F(Plugin, FailsACommandThatIsNowhere) {
@@ -143,13 +149,13 @@ TEST_P(PluginUnknown, FailsWithAnError) {
     EXPECT_EQ(execute(GetParam(), "tcp:10.0.0.5:80:in"), "fail");
     EXPECT_THAT(fakevlog::messages(), ElementsAre(kFrame + "enter: DPlugin::ExecuteCommandInternal ###",
                                                   kError + "### firewall: exit: Unknown Plugin command ###"));
+    EXPECT_THAT(frameFunctions(), Each("executeCommandInternal"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Commands, PluginUnknown,
                          testing::Values("applyAllowRules", "FLUSHDENYRULES", "SendReport ", "ApplyPolic", "x"));
 
 TEST_F(Plugin, TakesACommandByItsLength) {
-    EXPECT_THAT(frameFunctions(), Each("executeCommandInternal"));
     create();
     unsigned char *output = nullptr;
     int length = 17;
@@ -192,13 +198,13 @@ TEST_F(Plugin, SendsTheKernelLogAtOnce) {
                             kTag + "KLogExtractor::extractLogs: read 40 chars from klog",
                             kTag + "KLogExtractor::extractLogs: exit: normal",
                             kTag + "KLogExtractor::getAsJson: " + body, kFrame + "exit: SendReport: 0 ###"));
+    EXPECT_THAT(frameFunctions(), Each("executeCommandInternal"));
 }
 
 TEST_F(Plugin, FailsWithTheReportClientsResult) {
     create();
     fakenyr::result = 9;
     EXPECT_EQ(execute("SendReport"), "fail");
-    EXPECT_THAT(frameFunctions(), Each("executeCommandInternal"));
     EXPECT_EQ(fakevlog::messages().back(), kFrame + "exit: SendReport: 9 ###");
 }
 

@@ -237,6 +237,19 @@ TEST_F(PluginOnEngine, AppliesWhatWasReadOfAPolicyThatTheParserRefusesAndFails) 
                             kError + "firewall: handlePolicy: input parse failure: Exceeded stackLimit in readValue().",
                             kFrame + "allow string: ", kFrame + "deny string: ",
                             kFrame + "exit: DPlugin::handlePolicy: -1  ###", kFrame + "exit: ApplyPolicy: -1 ###"));
+    EXPECT_THAT(functions(), ElementsAre("executeCommandInternal", "handlePolicy", "handlePolicy", "handlePolicy",
+                                         "handlePolicy", "handlePolicy", "executeCommandInternal"));
+}
+
+TEST_F(PluginOnEngine, GivesTheEnginesResultForGarbage) {
+    engine.allow = [] { return 3; };
+    engine.deny = [] { return 4; };
+    EXPECT_EQ(apply("no json"), "fail");
+    EXPECT_THAT(engine.calls, ElementsAre("allow []", "deny []"));
+    EXPECT_THAT(errors(), IsEmpty());
+    EXPECT_EQ(fakevlog::messages().back(), kFrame + "exit: ApplyPolicy: 7 ###");
+    std::string garbage = "no json";
+    EXPECT_EQ(dynamic_cast<DPlugin &>(*plugin).handlePolicy(garbage), 7);
 }
 
 TEST_F(PluginOnEngine, LetsADocumentThatIsNoObjectOut) {

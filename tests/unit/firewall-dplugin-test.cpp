@@ -116,19 +116,24 @@ TEST_F(Plugin, ConstructsItsEngineBetweenItsOwnLines) {
 }
 
 TEST_F(Plugin, LeavesFlagChainsAndCollectorWhenItIsDeleted) {
+    const collector::Bedroom bedroom;
+    collector::watch(2, [&bedroom] { bedroom.sleep(); });
     textfile::write(kConfig, R"({"enabled":"1"})");
     collector::run([this] {
         create();
         return 0;
     });
-    collector::awaitEnds();
+    bedroom.waitForOne();
     plugin.reset();
     EXPECT_THAT(fakevlog::messages(), ElementsAreArray(kDeletion));
+    EXPECT_THAT(frameFunctions(), ElementsAre("~DPlugin"));
     EXPECT_EQ(gFirewallDPluginEnabled, 1);
     EXPECT_THAT(fakerlv::calls(), IsEmpty());
-    EXPECT_THAT(frameFunctions(), ElementsAre("~DPlugin"));
     EXPECT_TRUE(marked());
-    EXPECT_EQ(collector::account()["end"], "asleep");
+    bedroom.wakeOne();
+    const Json::Value account = collector::account();
+    EXPECT_EQ(account["end"], "asleep") << "after one more iteration";
+    EXPECT_THAT(account["sleeps"], SizeIs(2));
 }
 
 TEST_F(Plugin, IsNotCreatedWhenTheTablesCannotBeMade) {
@@ -138,14 +143,14 @@ TEST_F(Plugin, IsNotCreatedWhenTheTablesCannotBeMade) {
                                 kConstruction, kError + "### firewall: Failed initialization firewall tables ###",
                                 kFrame + "exit: DPlugin::exposeFirewallAPI() ###",
                                 kError + "### firewall: Failed to exposeFirewallAPI", kDeletion)));
+    EXPECT_THAT(frameFunctions(), ElementsAre("DPluginFactory", "DPluginEnable", "DPluginEnable", "DPlugin", "DPlugin",
+                                              "exposeFirewallAPI", "exposeFirewallAPI", "exposeFirewallAPI",
+                                              "DPluginFactory", "~DPlugin"));
     EXPECT_EQ(gFirewallDPluginEnabled, 0);
     EXPECT_THAT(storage.calls, IsEmpty());
     EXPECT_EQ(service.find("Firewall::ApplyAllowRules"), nullptr);
 }
 
-    EXPECT_THAT(frameFunctions(), ElementsAre("DPluginFactory", "DPluginEnable", "DPluginEnable", "DPlugin", "DPlugin",
-                                              "exposeFirewallAPI", "exposeFirewallAPI", "exposeFirewallAPI",
-                                              "DPluginFactory", "~DPlugin"));
 TEST_F(Plugin, IsNotCreatedWhenTheStatusCannotBeStored) {
     storage.storeResult = 1;
     EXPECT_EQ(DPluginFactory(service), nullptr);
@@ -153,13 +158,13 @@ TEST_F(Plugin, IsNotCreatedWhenTheStatusCannotBeStored) {
                                                       kFrame + "enter: DPlugin::setStatus(): 1", kEnabling,
                                                       kFrame + "exit: DPlugin::setStatus(-1)",
                                                       kError + "### firewall: Failed to setStatus", kDeletion)));
+    EXPECT_THAT(lastOf(frameFunctions(), 5),
+                ElementsAre("setStatus", "apply", "setStatus", "DPluginFactory", "~DPlugin"));
     EXPECT_EQ(gFirewallDPluginEnabled, 1);
     EXPECT_NE(service.find("Firewall::ApplyAllowRules"), nullptr);
 }
 
 TEST_F(Plugin, IsNotCreatedTwiceOnOneService) {
-    EXPECT_THAT(lastOf(frameFunctions(), 5),
-                ElementsAre("setStatus", "apply", "setStatus", "DPluginFactory", "~DPlugin"));
     create();
     EXPECT_EQ(DPluginFactory(service), nullptr);
     EXPECT_THAT(frameLog(),
@@ -167,13 +172,13 @@ TEST_F(Plugin, IsNotCreatedTwiceOnOneService) {
                                           kError + "### firewall: Exception during firewall tables initialization ###",
                                           kFrame + "exit: DPlugin::exposeFirewallAPI() ###",
                                           kError + "### firewall: Failed to exposeFirewallAPI", kDeletion)));
+    EXPECT_THAT(lastOf(frameFunctions(), 6), ElementsAre("exposeFirewallAPI", "exposeFirewallAPI", "exposeFirewallAPI",
+                                                         "exposeFirewallAPI", "DPluginFactory", "~DPlugin"));
 }
 
 TEST_F(Plugin, LeavesTheMethodsRegisteredBeforeAFailure) {
     service.setMethodHandler<int>("", "Firewall::FlushAllowRules", [] { return 0; });
     EXPECT_EQ(DPluginFactory(service), nullptr);
-    EXPECT_THAT(lastOf(frameFunctions(), 6), ElementsAre("exposeFirewallAPI", "exposeFirewallAPI", "exposeFirewallAPI",
-                                                         "exposeFirewallAPI", "DPluginFactory", "~DPlugin"));
     EXPECT_NE(service.find("Firewall::ApplyAllowRules"), nullptr);
     EXPECT_NE(service.find("Firewall::ApplyDenyRules"), nullptr);
     EXPECT_EQ(service.find("Firewall::FlushDenyRules"), nullptr);
@@ -197,12 +202,12 @@ TEST_F(Plugin, IsDiscardedByAnExceptionOfTheLibraryInTheFactory) {
     EXPECT_THAT(lastOf(frameLog(), 7),
                 ElementsAreArray(
                     sequence(kFrame + "Successfully created", kError + "### firewall: Exceprion caused", kDeletion)));
+    EXPECT_THAT(lastOf(frameFunctions(), 3), ElementsAre("DPluginFactory", "DPluginFactory", "~DPlugin"));
 }
 
 TEST_F(Plugin, IsNotDestroyedWhenAnExceptionOfTheLibraryLeftItsConstructor) {
     throwAtLine<mavo::Exception>("enter: DPlugin::DPlugin()");
     EXPECT_EQ(DPluginFactory(service), nullptr);
-    EXPECT_THAT(lastOf(frameFunctions(), 3), ElementsAre("DPluginFactory", "DPluginFactory", "~DPlugin"));
     EXPECT_THAT(frameLog(), Not(Contains(HasSubstr("deinitialize"))));
     EXPECT_EQ(frameLog().back(), kError + "### firewall: Exceprion caused");
 }
@@ -232,14 +237,17 @@ TEST_F(Plugin, DisablesAndStores) {
     EXPECT_EQ(plugin->setStatus(0), 0);
     EXPECT_THAT(fakevlog::messages(),
                 ElementsAreArray(sequence(kFrame + "enter: DPlugin::setStatus(): 0", kDisabling)));
+    EXPECT_THAT(frameFunctions(), ElementsAre("setStatus", "apply", "apply", "apply"));
     EXPECT_EQ(gFirewallDPluginEnabled, 0);
     EXPECT_THAT(storage.calls, ElementsAre("store nyr-firewall-plugin 0"));
     EXPECT_THAT(textfile::read(kConfig), HasSubstr(R"("enabled":"0")"));
 }
 
-    EXPECT_THAT(frameFunctions(), ElementsAre("setStatus", "apply", "apply", "apply"));
-TEST_F(Plugin, RefusesAnyOtherStatus) {
+class PluginOfStatus : public Plugin, public testing::WithParamInterface<int> {};
+
+TEST_P(PluginOfStatus, RefusesAnyOtherStatus) {
     create();
+    plugin->setStatus(GetParam());
     textfile::write(kMarker, "");
     for (const int status : {2, -1}) {
         forget();
@@ -250,12 +258,16 @@ TEST_F(Plugin, RefusesAnyOtherStatus) {
                         kFrame + "enter: DPluginEnable::apply(" + std::to_string(status) + ") ###", kConfigBegins,
                         kConfigEnds, kFrame + "another status ###", kFrame + "exit: DPluginEnable::apply(false) ###",
                         kFrame + "exit: DPlugin::setStatus(-1)")));
+        EXPECT_THAT(frameFunctions(), ElementsAre("setStatus", "apply", "apply", "apply", "setStatus"));
+        EXPECT_EQ(gFirewallDPluginEnabled, GetParam());
+        EXPECT_TRUE(marked());
+        EXPECT_THAT(storage.calls, IsEmpty());
     }
-    EXPECT_EQ(gFirewallDPluginEnabled, 1);
-    EXPECT_TRUE(marked());
-    EXPECT_THAT(storage.calls, IsEmpty());
+    EXPECT_EQ(storage.statuses["nyr-firewall-plugin"], GetParam());
     EXPECT_THAT(fakeprocess::children(), IsEmpty());
 }
+
+INSTANTIATE_TEST_SUITE_P(Statuses, PluginOfStatus, testing::Values(0, 1));
 
 class PluginCollectorOff : public Plugin, public testing::WithParamInterface<const char *> {};
 
@@ -379,6 +391,7 @@ TEST_F(Plugin, LogsAnExceptionOfTheLibraryWhileStoring) {
     EXPECT_THAT(fakevlog::messages(),
                 ElementsAreArray(sequence(kFrame + "enter: DPlugin::setStatus(): 0", kDisabling, kError + "100%s full",
                                           kFrame + "exit: DPlugin::setStatus(-1)")));
+    EXPECT_THAT(lastOf(frameFunctions(), 2), ElementsAre("setStatus", "setStatus"));
     EXPECT_EQ(plugin->getStatus(), 1) << "the lock was released";
 }
 
@@ -391,7 +404,6 @@ TEST_F(Plugin, CatchesAnExceptionOfTheLibraryWhileApplying) {
 
 TEST_F(Plugin, LetsOtherExceptionsOutOfTheStatusOperations) {
     create();
-    EXPECT_THAT(lastOf(frameFunctions(), 2), ElementsAre("setStatus", "setStatus"));
     storage.onStore = [] { throw std::runtime_error("odd"); };
     EXPECT_THROW(plugin->setStatus(0), std::runtime_error);
     throwAtLine<mavo::Exception>("apply(DISABLE)");
@@ -431,6 +443,7 @@ TEST_F(Plugin, AppliesAStatusWithoutStoringIt) {
     create();
     plugin->applyStatus(0);
     EXPECT_THAT(fakevlog::messages(), ElementsAreArray(sequence(kFrame + "enter: DPlugin::applyStatus", kDisabling)));
+    EXPECT_THAT(frameFunctions(), ElementsAre("applyStatus", "apply", "apply", "apply"));
     EXPECT_EQ(gFirewallDPluginEnabled, 0);
     EXPECT_THAT(storage.calls, IsEmpty());
     EXPECT_EQ(plugin->getStatus(), 1);
@@ -443,9 +456,8 @@ TEST_F(Plugin, GivesTheStoredStatusUnchanged) {
     storage.statuses["nyr-firewall-plugin"] = 42;
     EXPECT_EQ(plugin->getStatus(), 42);
     EXPECT_THAT(storage.calls, ElementsAre("read nyr-firewall-plugin"));
-    EXPECT_THAT(frameFunctions(), ElementsAre("applyStatus", "apply", "apply", "apply"));
     EXPECT_THAT(fakevlog::messages(), ElementsAre(kFrame + "enter: DPlugin::getStatus"));
+    EXPECT_THAT(frameFunctions(), ElementsAre("getStatus"));
 }
 
 } // namespace
-    EXPECT_THAT(frameFunctions(), ElementsAre("getStatus"));

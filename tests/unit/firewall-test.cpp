@@ -361,6 +361,17 @@ TEST_F(AReadyEngine, AppliesAllowRulesByTheirDirection) {
     EXPECT_THAT(stored(), ElementsAre("tcp|a|1|0|1", "tcp|b|2|1|1", "udp|c|3:4|2|1"));
 }
 
+TEST_F(AReadyEngine, StoresAnAllowRuleOfBothDirectionsOnce) {
+    watch();
+    EXPECT_EQ(allow("tcp:a:1:bid"), 0);
+    EXPECT_THAT(events,
+                ElementsAre("initialize", "open", "CREATE", "SELECT",
+                            "commit -A VPK-ALLOW -p tcp -s a --sport 1 -j ACCEPT",
+                            "commit -A VPK-ALLOW -p tcp -d a --dport 1 -j ACCEPT", "INSERT", "close", "deinitialize"));
+    EXPECT_THAT(fakemavo::trace("exec"), ElementsAre("exec done", "exec done")) << "the table's and the rule's";
+    EXPECT_THAT(stored(), ElementsAre("tcp|a|1|0|1"));
+}
+
 TEST_F(AReadyEngine, AppliesDenyRulesWithTheLoggingTargetAndStoresThemAsDropped) {
     EXPECT_EQ(deny("tcp:a:1;tcp:b:2:in;udp:c:3-4:out"), 0);
     EXPECT_THAT(fakerlv::calls(),

@@ -60,6 +60,18 @@ TEST(KLogParser, WarnsOfRecordsAlreadyThereAndKeepsThem) {
     EXPECT_EQ(text(records[1]), "1234 10.0.0.2:5353 10.0.0.1:53");
     EXPECT_EQ(fakevlog::messages().at(1), "I NYR_FIREWALL: KLogParser::parse warning: \"output\" is not empty");
     EXPECT_EQ(fakevlog::messages().back(), "I NYR_FIREWALL: KLogParser::parse final output size: 2");
+    EXPECT_THAT(fakevlog::functions("parser-klogs.h"), ElementsAre("parse", "parse", "parse", "parse", "parse"));
+}
+
+TEST(KLogParser, AppendsNothingForNoLinesToRecordsAlreadyThere) {
+    std::vector<DbLogRecord> records{{7, "a", 1, "b", 2}, {8, "c", 3, "d", 4}};
+    KLogParser::parse({}, records);
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(text(records[0]), "7 a:1 b:2");
+    EXPECT_EQ(text(records[1]), "8 c:3 d:4");
+    EXPECT_THAT(fakevlog::messages(), ElementsAre("I NYR_FIREWALL: KLogParser::parse",
+                                                  "I NYR_FIREWALL: KLogParser::parse warning: \"output\" is not empty",
+                                                  "I NYR_FIREWALL: KLogParser::parse final output size: 2"));
 }
 
 TEST(KLogParser, KeepsTheOrderOfTheLines) {

@@ -525,17 +525,38 @@ TEST_F(StatDaemonTest, RecordsTheReportBeforeItEmpties) {
     EXPECT_THAT(textfile::read(kConfig), HasSubstr(R"("last_send_report_ts":"1700000000")"));
 }
 
+// What each iteration logged of its schedule.
+std::vector<std::string> schedules(const Json::Value &account) {
+    std::vector<std::string> all;
+    for (const std::string &message : strings(account["messages"])) {
+        if (message.find("lastReportTS:") != std::string::npos)
+            all.push_back(message.substr(message.find("lastReportTS:")));
+    }
+    return all;
+}
+
+// Without an interval the collector never rests: only the clock tells one iteration from the next.
+TEST_F(StatDaemonTest, ReportsWithoutAnIntervalWheneverTheClockHasMoved) {
+    collector::watch(4, [seconds = std::vector<int>{1, 0, 2}]() mutable {
+        *fakeprocess::orders().now += seconds.front();
+        seconds.erase(seconds.begin());
+    });
+    const Json::Value account = accountWith(R"("enabled":"1","send_report_interval":"0","last_send_report_ts":"5")");
+    EXPECT_THAT(schedules(account), ElementsAre("lastReportTS:5 intervalInSeconds:0 t:1700000000 ###",
+                                                "lastReportTS:1700000000 intervalInSeconds:0 t:1700000001 ###",
+                                                "lastReportTS:1700000001 intervalInSeconds:0 t:1700000001 ###",
+                                                "lastReportTS:1700000001 intervalInSeconds:0 t:1700000003 ###"));
+    EXPECT_THAT(account["reports"], SizeIs(3));
+    EXPECT_THAT(strings(account["sleeps"]), ElementsAre("0", "0", "0", "0"));
+    EXPECT_THAT(textfile::read(kConfig), HasSubstr(R"("last_send_report_ts":"1700000003")"));
+}
+
 TEST_F(StatDaemonTest, ReportsEverySecondIntervalByItsOwnClock) {
     collector::watch(3);
     const Json::Value account = accountWith(R"("enabled":"1","send_report_interval":"60")");
-    std::vector<std::string> schedule;
-    for (const std::string &message : strings(account["messages"])) {
-        if (message.find("lastReportTS:") != std::string::npos)
-            schedule.push_back(message.substr(message.find("lastReportTS:")));
-    }
-    EXPECT_THAT(schedule, ElementsAre("lastReportTS:0 intervalInSeconds:60 t:1700000000 ###",
-                                      "lastReportTS:1700000000 intervalInSeconds:60 t:1700000060 ###",
-                                      "lastReportTS:1700000000 intervalInSeconds:60 t:1700000120 ###"));
+    EXPECT_THAT(schedules(account), ElementsAre("lastReportTS:0 intervalInSeconds:60 t:1700000000 ###",
+                                                "lastReportTS:1700000000 intervalInSeconds:60 t:1700000060 ###",
+                                                "lastReportTS:1700000000 intervalInSeconds:60 t:1700000120 ###"));
     EXPECT_EQ(account["reports"].size(), 2u);
     EXPECT_EQ(account["sleeps"].size(), 3u);
 }
@@ -576,6 +597,7 @@ TEST_F(StatDaemonTest, LogsTheValueThatSwitchesItOff) {
                             kTag + "Config::get: configPath: enabled", kTag + "firewall: readConfigFile",
                             kTag + "### firewall: startStatDaemon: enabled: off ###",
                             kTag + "### firewall: StatDaemon: daemon disabled ###"));
+    EXPECT_THAT(strings(account["functions"]), Each("startStatDaemon"));
 }
 
 TEST_F(StatDaemonTest, LetsTheErrorOfAnUnreadableLineEndTheCollector) {
@@ -594,36 +616,8 @@ TEST_F(StatDaemonTest, LetsAFailedInsertionEndTheCollector) {
     EXPECT_EQ(accountWith(R"("enabled":"1")")["end"], "threw insert failure");
 }
 
-// A collector sleeps until it is woken.
-class Bedroom {
-public:
-    EXPECT_THAT(strings(account["functions"]), Each("startStatDaemon"));
-    Bedroom() { EXPECT_TRUE(pipe(asleep) == 0 && pipe(awake) == 0); }
-    ~Bedroom() {
-        for (const int descriptor : {asleep[0], asleep[1], awake[0], awake[1]})
-            close(descriptor);
-    }
-    Bedroom(const Bedroom &) = delete;
-    Bedroom &operator=(const Bedroom &) = delete;
-
-    void sleep() const {
-        char byte = 'z';
-        if (write(asleep[1], &byte, 1) != 1 || read(awake[0], &byte, 1) != 1)
-            _exit(3);
-    }
-    void waitForOne() const {
-        char byte = '\0';
-        EXPECT_EQ(read(asleep[0], &byte, 1), 1);
-    }
-    void wakeOne() const { EXPECT_EQ(write(awake[1], "!", 1), 1); }
-
-private:
-    int asleep[2] = {-1, -1};
-    int awake[2] = {-1, -1};
-};
-
 TEST_F(StatDaemonTest, RunsTwiceWhenDisabledAndEnabledWithinOneInterval) {
-    const Bedroom bedroom;
+    const collector::Bedroom bedroom;
     collector::watch(2, [&bedroom] { bedroom.sleep(); });
     EXPECT_EQ(collector::run([this] { return daemon->enable(); }), 0);
     bedroom.waitForOne();
@@ -640,7 +634,7 @@ TEST_F(StatDaemonTest, RunsTwiceWhenDisabledAndEnabledWithinOneInterval) {
 }
 
 TEST_F(StatDaemonTest, IsNotStoppedByDisablingBeforeItsNextIteration) {
-    const Bedroom bedroom;
+    const collector::Bedroom bedroom;
     collector::watch(2, [&bedroom] { bedroom.sleep(); });
     collector::run([this] { return daemon->enable(); });
     bedroom.waitForOne();
@@ -688,14 +682,14 @@ TEST_F(StatDaemonTest, LogsAPolicyThatCannotBeMerged) {
 
 TEST_F(StatDaemonTest, LogsAPolicyThatTheParserRefusesToRead) {
     std::string policy(2000, '[');
-    EXPECT_THAT(fakevlog::functions("stat-daemon.cpp"),
-                ElementsAre("handleStatCollectorPolicy", "handleStatCollectorPolicy"));
     fakevlog::clear();
     EXPECT_EQ(daemon->handleStatCollectorPolicy(policy), 0);
     EXPECT_THAT(fakevlog::messages(),
                 ElementsAre(kTag + "### firewall: enter: DPlugin::handleStatCollectorPolicy ###",
                             "E NYR_FIREWALL: firewall: handleStatCollectorPolicy: input parse failure: Exceeded "
                             "stackLimit in readValue()."));
+    EXPECT_THAT(fakevlog::functions("stat-daemon.cpp"),
+                ElementsAre("handleStatCollectorPolicy", "handleStatCollectorPolicy"));
 }
 
 } // namespace
