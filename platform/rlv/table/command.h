@@ -57,8 +57,9 @@ struct Command {
 };
 
 // Understands an option text: "-F chain", "-N chain", "-X chain", "-A chain rule" and "-D chain rule", where a rule is
-// [-p protocol] [-s address] [-d address] [--sport ports] [--dport ports] -j target, and a target is ACCEPT, DROP, a
-// chain's name, or LOG -v --log-prefix=text. Words are separated by single blanks. Chains must begin with
+// [-p protocol] [-s address] [--sport ports] -j target, or the same with -d and --dport: it is about one side of a
+// packet's way, though a Rule, which the kernel may hold, can be about both. The order is this one. A target is ACCEPT,
+// DROP, a chain's name, or LOG -v --log-prefix=text. Words are separated by single blanks. Chains must begin with
 // `chainPrefix`, but for a bare jump to such a chain in INPUT and OUTPUT. Gives iptables' code 2 and a message that
 // names the word and what would be accepted for everything else.
 std::variant<Command, Answer> parseCommand(const std::string &options, const std::string &chainPrefix);
