@@ -26,6 +26,10 @@ State &state() {
     return *one;
 }
 
+// Nobody calls this, nor inParent() and inChild(). The plugin forks its collector in the middle of a call, somewhere
+// below Host::executeCommand(); the C library runs this first, still in the host, and then the other two, one in each
+// process, before fork() returns there. Who asks afterwards whether a collector lives so finds the lock taken, however
+// late the child begins.
 void beforeFork() {
     if (!state().active)
         return;

@@ -48,7 +48,9 @@ void Rebuild::order(const std::string &reason) {
     schedule(Milliseconds(0));
 }
 
-// What an earlier operation has left, a later one of the same turn does not call off.
+// What an earlier operation has left, a later one of the same turn does not call off: A's call ends in want of memory,
+// so that callOff() never comes; B's request is served before the timer runs out, and ends well. B's prepare() finds
+// A's timer and leaves it, and B's callOff() must do so, too.
 void Rebuild::prepare() {
     isOverdue_ = prepared_ != 0;
     if (!isOverdue_)
@@ -60,7 +62,8 @@ void Rebuild::callOff() {
         loop_.cancel(std::exchange(prepared_, 0));
 }
 
-// In the place of an attempt that may be waited for already.
+// In the place of an attempt that may be waited for already: since an hour the disk is full, the next attempt is due in
+// a minute, and now an operation has not come to its end. That minute is over, and the pauses go on from that hour.
 void Rebuild::makeGood() {
     prepared_ = 0;
     isOverdue_ = false;
@@ -78,6 +81,7 @@ void Rebuild::settle() {
         settled_();
 }
 
+// A monitor may ask for the status ten times a second, and each attempt may take seconds.
 void Rebuild::hasten() {
     if (timer_ != 0 && due_ > Clock::now() && Clock::now() - lastAttempt_ >= kHastenAfter)
         schedule(Milliseconds(0));
@@ -94,6 +98,7 @@ std::string Rebuild::remark() const {
     return "next attempt " + inSeconds(std::max(left, Milliseconds(0))) + ": " + reason_;
 }
 
+// The new timer before the old one goes: where there is no memory for it, the old one still stands.
 void Rebuild::schedule(Milliseconds delay) {
     const auto before = std::exchange(timer_, loop_.after(delay, [this] { attempt(); }));
     loop_.cancel(before);

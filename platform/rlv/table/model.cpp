@@ -301,6 +301,8 @@ Model::Changes Model::plan(bool isCurrent) const {
         for (const Appended &rule : chain.appended)
             appended.push_back(&rule.rule);
         PlanLimits limits;
+        // A deletes rule r and appends it again, so it could stay. Unless nobody can come in between, B may have
+        // deleted it by then, and it would stand nowhere: then it is deleted and made.
         limits.mayMatch = isCurrent;
         // Others put their rules into base chains at any time.
         limits.mayRefill = (held == nullptr || !held->isBase) && (isCurrent || chain.flushed.number != 0);
@@ -373,7 +375,9 @@ void Model::adopt(const Changes &changes, std::uint32_t generation) {
         HeldChain &held = held_.chains[name];
         if (change.make)
             held.isBase = isHookChain(name);
-        std::vector<std::uint64_t> handles(chain.appended.size(), 0); // of the appended rules that stood already
+        // A rule that was given up and appended again is the kernel's old one where the plan has let it stay, and keeps
+        // its handle.
+        std::vector<std::uint64_t> handles(chain.appended.size(), 0);
         for (const ChainPlan::Match &match : change.plan.matches)
             handles[match.appended] = held.rules[match.held].handle;
         removeGivenUp(held.rules, chain.givenUp);
@@ -432,6 +436,7 @@ Answer Model::carryOutAgain(const std::vector<Command> &commands, const Origin &
 
 void Model::lose(const Origin &origin, const Answer &answer, std::vector<LostCommand> &lost) {
     lost.push_back({origin.options, answer.code, answer.message, false});
+    // Told once: the next rebase() begins with the same commands, and must not carry it out after all.
     if (!rebased_.empty())
         lostNumbers_.insert(origin.number);
 }
@@ -443,6 +448,8 @@ void Model::rebase(Ruleset ruleset, std::vector<LostCommand> &lost) {
     const std::size_t lostBefore = lost.size();
     const auto hookChains = madeHookChains();
     load(std::move(ruleset));
+    // A deletes rule r, and B has deleted it first: on B's ruleset nothing is left to do. B puts r back before we send,
+    // we read again, and now A's command has to delete it. So all commands are kept, not what they came to.
     rebased_ = std::move(all);
     // The bound is on the outcome: a removal that made room on the way there may be missing, as a later one took its
     // place.

@@ -117,7 +117,9 @@ ModelledTable::Reading ModelledTable::readRuleset() {
     throw std::system_error(EAGAIN, std::generic_category(), "the tables change faster than they can be read");
 }
 
-// True when the model holds what the kernel does. Others may change what is not in it as often as they like.
+// True when the model holds what the kernel does. Others may change what is not in it as often as they like: a
+// container's manager rewrites its own table, the generation is another one, and no notice in between was about the
+// table filter.
 bool ModelledTable::isCurrent() {
     if (!isWhole_ || !generation_)
         return false;
@@ -209,9 +211,10 @@ void ModelledTable::pushAll(PushReport &report) {
     }
 }
 
-// True where a refusal may only say that somebody else made or removed something meanwhile. What is missing for good, a
-// match that the kernel does not have, gives the same errors: unless `mayBeOutrun`, these are the kernel's own where
-// they have a command to blame.
+// True where a refusal may only say that somebody else made or removed something meanwhile: we delete a rule by its
+// handle, B flushes the chain before we have sent, and the kernel knows no such rule. What is missing for good, a match
+// that the kernel does not have, gives the same errors: unless `mayBeOutrun`, these are the kernel's own where they
+// have a command to blame.
 bool ModelledTable::wasFaster(const Batch &batch, const std::vector<ChangeFailure> &failures, bool mayBeOutrun) {
     const bool mayBe = std::any_of(failures.begin(), failures.end(), [&](const ChangeFailure &failure) {
         const bool isOfOthers = failure.error == ENOENT || failure.error == EEXIST || failure.error == EBUSY;
@@ -241,10 +244,12 @@ ModelledTable::Outcome ModelledTable::tryPush(Limits limits, PushReport &report)
     std::vector<ChangeFailure> failures;
     if (!batch.changes.empty())
         failures = commit(batch.changes, bound);
+    // Nothing to send says that all stands already. B may have flushed since we read, so that is looked at, too.
     else if (bound && store_->generation() != generation_)
         failures.push_back({std::nullopt, ERESTART});
     const bool isOutrun = !bound && wasFaster(batch, failures, limits.mayBeOutrun);
     if (isOutrun || isConflict(failures)) {
+        // B has changed another table: the same goes once more, bound to the generation that isCurrent() has noted.
         if (isOutrun || !isCurrent())
             reread(report);
         return isOutrun ? Outcome::outrun : Outcome::otherGeneration;
@@ -260,8 +265,10 @@ ModelledTable::Outcome ModelledTable::tryPush(Limits limits, PushReport &report)
     return Outcome::sent;
 }
 
-// The kernel has it. Where there is no memory to follow, the model is left empty and the table is read before it is
-// used again: half of it would be taken for the kernel's.
+// The kernel has it. The generation is known only of a transaction that was bound: after another one B may have
+// committed between our reading and our sending, and the number would stand for his changes as well. Where there is no
+// memory to follow, the model is left empty and the table is read before it is used again: half of it would be taken
+// for the kernel's.
 void ModelledTable::adopt(const Model::Changes &plan, bool isExact, PushReport &report) {
     auto generation = std::exchange(generation_, std::nullopt);
     if (report.changes > 0)
@@ -283,7 +290,8 @@ void ModelledTable::loseTrack() noexcept {
     standing_.reset();
 }
 
-// Rules that were sent from here have no handles before somebody needs them.
+// Rules that were sent from here have no handles before somebody needs them. False where they are not what the model
+// has: B has changed the chain since it was sent, and its handles in our order would name other rules.
 bool ModelledTable::fetchHandles(const Model::Changes &plan) {
     for (const auto &[name, change] : plan) {
         const auto held = model_.held().chains.find(name);
@@ -538,6 +546,9 @@ ModelledTable::Reading ModelledTable::readMended() {
     Reading reading = readRuleset();
     if (!isKnown_)
         return reading;
+    // The model holds what should stand until what was read takes its place. B flushes, and putting back fails: then
+    // the model comes to hold what B has left, and only `standing_`, kept from before, still knows what should be there
+    // when the next one reads.
     if (!standing_)
         standing_ = standingIn(model_.held(), chainPrefix_);
     return restoreFrom(std::move(reading));
