@@ -19,6 +19,8 @@ KLogExtractor::KLogExtractor(std::string filterText)
 
 int KLogExtractor::extractLogs() {
     NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "KLogExtractor::extractLogs: enter");
+    // Where the kernel's lines are not in the dialect that the parser reads, this and the reading below land in a
+    // klogctl of the host's: a program's own symbols come before the C library's.
     int size = klogctl(sizeQueryAction, nullptr, 0);
     if (size < 1) {
         NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "KLogExtractor::extractLogs: set buf size to MAX_KLOG_BUFFER_SIZE");

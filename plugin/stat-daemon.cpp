@@ -125,6 +125,8 @@ int StatDaemon::startStatDaemon() {
         NYR_LOG_INFO(NYR_LOG_TAG_PLUGIN, "### firewall: startStatDaemon: daemon disabled ###");
         return 0;
     }
+    // The child is the host, forked in the middle of a call into the plugin. What the host has registered with
+    // pthread_atfork(3) runs within this line, in both; and when the child returns from here, it returns into the host.
     const pid_t daemon = fork();
     if (daemon != 0)
         return daemon > 0 ? 0 : -1;
