@@ -53,7 +53,8 @@ std::string othersLine(const Json &others) {
     if (repairs <= 0 && problem.empty())
         return "";
     const std::string name = printable(text(others, "processName"));
-    std::string line = "others       changed the tables, put back " + std::to_string(repairs) + " times";
+    std::string line =
+        "others       changed the tables, put back " + (repairs == 1 ? "once" : std::to_string(repairs) + " times");
     line += name.empty() ? "" : "; last " + name + " (process " + std::to_string(number(others, "process")) + ")";
     line += problem.empty() ? "" : "; " + problem;
     return line + (seconds > 0 ? "; fights back: given up for " + std::to_string(seconds) + " s" : "") + "\n";

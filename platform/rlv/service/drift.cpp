@@ -178,7 +178,8 @@ void Drift::take(const MendReport &report) {
 void Drift::log(const MendReport &report) {
     const std::string who = textOf(by_);
     if (report.differences > 0)
-        RLVD_ERROR("%s has changed the tables: %zu differences", who.c_str(), report.differences);
+        RLVD_ERROR("%s has changed the tables: %zu difference%s", who.c_str(), report.differences,
+                   report.differences == 1 ? "" : "s");
     for (const std::string &text : report.texts)
         RLVD_ERROR("%s", text.c_str());
     if (report.differences > report.texts.size())
@@ -186,7 +187,7 @@ void Drift::log(const MendReport &report) {
     if (!report.problem.empty())
         RLVD_ERROR("not all is as it was: %s", report.problem.c_str());
     else
-        RLVD_INFO("all was put back with %zu changes", report.changes);
+        RLVD_INFO("all was put back with %zu change%s", report.changes, report.changes == 1 ? "" : "s");
     if (const auto next = pauseAfter(repairsInARow_); next.count() > 0)
         RLVD_ERROR("%s fights back: what comes now is put back in %lld s", who.c_str(),
                    static_cast<long long>(next.count() / 1000));
