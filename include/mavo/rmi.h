@@ -50,9 +50,10 @@ private:
     std::size_t position; // never beyond the content
 };
 
-// What the service keeps for one method. The dispatcher reads the arguments from the request and returns the reply; it
-// throws BadArguments, without calling the handler, when the request is not exactly the arguments, and lets the
-// handler's exceptions through.
+// What the service keeps for one method. The dispatcher reads the arguments from the request, calls the handler and
+// returns the reply. It throws BadArguments, without calling the handler, when the request ends before the arguments,
+// and lets the handler's exceptions through. What stands behind the arguments it leaves unread: whoever wants such a
+// request refused refuses it before.
 struct MethodContext {
     std::string privilege;
     std::function<Message(Message &)> dispatcher;
@@ -93,8 +94,6 @@ void Service::setMethodHandler(const std::string &privilege, const std::string &
         Message reply = request.createReplyMessage();
         std::tuple<Args...> arguments;
         std::apply([&request](auto &...argument) { (request.read(argument), ...); }, arguments);
-        if (!request.atEnd())
-            throw BadArguments("Message goes on after the arguments");
         reply.write(std::apply(handler, arguments));
         return reply;
     };

@@ -7,6 +7,7 @@
 #include "host/config-file.h"
 #include "host/json-document.h"
 #include "host/plugin-config.h"
+#include "mavo/rmi.h"
 
 namespace host {
 namespace {
@@ -108,7 +109,62 @@ const Command &find(const std::string &name) {
     return found != kCommands.end() ? *found : kOther;
 }
 
-constexpr std::array<std::string_view, 2> kMethodsWithRules = {"Firewall::ApplyAllowRules", "Firewall::ApplyDenyRules"};
+enum class Arguments { none, rules, number, twoTexts };
+
+struct Method {
+    std::string_view name;
+    Arguments takes;
+};
+
+constexpr std::array<Method, 13> kMethods = {{{"Firewall::ApplyAllowRules", Arguments::rules},
+                                              {"Firewall::ApplyDenyRules", Arguments::rules},
+                                              {"Firewall::FlushAllowRules", Arguments::none},
+                                              {"Firewall::FlushDenyRules", Arguments::none},
+                                              {"Host::executeCommand", Arguments::twoTexts},
+                                              {"Host::setStatus", Arguments::number},
+                                              {"Host::applyStatus", Arguments::number},
+                                              {"Host::getStatus", Arguments::none},
+                                              {"Host::reload", Arguments::none},
+                                              {"Host::status", Arguments::none},
+                                              {"Host::verify", Arguments::none},
+                                              {"Host::rules", Arguments::none},
+                                              {"Host::reports", Arguments::none}}};
+
+const char *describe(Arguments arguments) {
+    switch (arguments) {
+    case Arguments::none:
+        return "no argument";
+    case Arguments::rules:
+        return "one text";
+    case Arguments::number:
+        return "one number";
+    case Arguments::twoTexts:
+        return "two texts";
+    }
+    return "";
+}
+
+// Throws mavo::rmi::BadArguments when the message ends too early.
+void readArguments(Arguments arguments, mavo::rmi::Message &message) {
+    int number = 0;
+    std::string text;
+    if (arguments == Arguments::number)
+        message.read(number);
+    if (arguments == Arguments::rules || arguments == Arguments::twoTexts)
+        message.read(text);
+    if (arguments == Arguments::twoTexts)
+        message.read(text);
+}
+
+bool goesOnBehind(Arguments arguments, const std::string &body) {
+    mavo::rmi::Message message(body);
+    try {
+        readArguments(arguments, message);
+    } catch (const mavo::rmi::BadArguments &) {
+        return false;
+    }
+    return !message.atEnd();
+}
 
 } // namespace
 
@@ -117,8 +173,13 @@ std::string commandProblem(const std::string &command, const std::string &data) 
 bool changesSettings(const std::string &command) { return find(command).changesSettings; }
 
 std::string methodProblem(const std::string &method, const std::string &body) {
-    if (std::find(kMethodsWithRules.begin(), kMethodsWithRules.end(), method) == kMethodsWithRules.end() ||
-        body.size() < kLengthBytes)
+    const auto *const known =
+        std::find_if(kMethods.begin(), kMethods.end(), [&method](const Method &each) { return each.name == method; });
+    if (known == kMethods.end())
+        return {};
+    if (goesOnBehind(known->takes, body))
+        return method + " is refused with more than its arguments: it takes " + describe(known->takes);
+    if (known->takes != Arguments::rules || body.size() < kLengthBytes)
         return {};
     return ruleListProblem(std::string_view(body).substr(kLengthBytes));
 }

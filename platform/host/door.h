@@ -20,7 +20,9 @@ constexpr int kDocumentLimitNesting = 8; // objects and arrays within each other
 // accepted. Empty when it may pass. Reads the configuration that settings are to be merged into.
 std::string commandProblem(const std::string &command, const std::string &data);
 
-// The same for a method of the plugin and the body of its request. A body that is none is left to the method.
+// The same for a remote method, the host's own included, and the body of its request. A body that ends before the
+// method's arguments do is left to the method. One that goes on behind them is refused: the method would not look
+// there, and whoever has sent "Firewall::FlushDenyRules" a rule does not want all of them removed.
 std::string methodProblem(const std::string &method, const std::string &body);
 
 // Whether the command may write the configuration.

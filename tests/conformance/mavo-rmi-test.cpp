@@ -82,16 +82,31 @@ TEST(AService, ServesMethodsWithoutArguments) {
     EXPECT_EQ(std::string(4, '\xff'), service.find("Flush")->dispatcher(request).body());
 }
 
-TEST(AService, DoesNotCallTheHandlerWhenTheRequestIsNotExactlyTheArguments) {
+TEST(AService, DoesNotCallTheHandlerWhenTheRequestEndsBeforeTheArguments) {
     Service service;
     int calls = 0;
     service.setMethodHandler<int, std::string>("p", "Apply", [&calls](std::string &) { return ++calls; });
     const auto method = service.find("Apply");
-    for (const std::string &body : {std::string(), std::string("\2\0\0\0a", 5), std::string("\1\0\0\0ab", 6)}) {
+    for (const std::string &body : {std::string(), std::string("\2\0\0\0a", 5)}) {
         Message request(body);
         EXPECT_THROW(method->dispatcher(request), BadArguments);
     }
     EXPECT_EQ(0, calls);
+}
+
+TEST(AService, CallsTheHandlerWhateverStandsBehindTheArguments) {
+    Service service;
+    std::string got;
+    service.setMethodHandler<int, std::string>("p", "Apply", [&got](std::string &text) {
+        got = text;
+        return 5;
+    });
+    service.setMethodHandler<int>("p", "Flush", [] { return 6; });
+    Message longer(std::string("\1\0\0\0ab", 6));
+    EXPECT_EQ(std::string("\5\0\0\0", 4), service.find("Apply")->dispatcher(longer).body());
+    EXPECT_EQ("a", got);
+    Message any("b");
+    EXPECT_EQ(std::string("\6\0\0\0", 4), service.find("Flush")->dispatcher(any).body());
 }
 
 TEST(AService, LetsTheHandlersExceptionThrough) {

@@ -62,6 +62,39 @@ TEST(ARuleList, IsRefusedAsTheArgumentOfAMethodToo) {
     EXPECT_EQ(host::methodProblem("Firewall::FlushDenyRules", ""), "");
 }
 
+// A method, a request that is just right for it, and what it takes.
+struct Request {
+    const char *method;
+    std::string body;
+    const char *takes;
+};
+
+TEST(ARequest, IsRefusedWithMoreThanTheArgumentsOfItsMethod) {
+    const std::string number(4, '\1');
+    for (const Request &request :
+         {Request{"Firewall::ApplyAllowRules", bodyOf("tcp:10.0.0.5:80"), "one text"},
+          Request{"Firewall::ApplyDenyRules", bodyOf(""), "one text"},
+          Request{"Firewall::FlushAllowRules", "", "no argument"},
+          Request{"Firewall::FlushDenyRules", "", "no argument"},
+          Request{"Host::executeCommand", bodyOf("a") + bodyOf("b"), "two texts"},
+          Request{"Host::setStatus", number, "one number"}, Request{"Host::applyStatus", number, "one number"},
+          Request{"Host::getStatus", "", "no argument"}, Request{"Host::reload", "", "no argument"},
+          Request{"Host::status", "", "no argument"}, Request{"Host::verify", "", "no argument"},
+          Request{"Host::rules", "", "no argument"}, Request{"Host::reports", "", "no argument"}}) {
+        EXPECT_EQ(host::methodProblem(request.method, request.body), "");
+        EXPECT_EQ(host::methodProblem(request.method, request.body + "x"),
+                  std::string(request.method) + " is refused with more than its arguments: it takes " + request.takes);
+    }
+}
+
+TEST(ARequest, ThatEndsBeforeTheArgumentsIsLeftToItsMethod) {
+    EXPECT_EQ(host::methodProblem("Firewall::ApplyDenyRules", "\x09"), "");
+    EXPECT_EQ(host::methodProblem("Host::setStatus", "\x09"), "");
+    EXPECT_EQ(host::methodProblem("Host::executeCommand", bodyOf("a") + "\x09"), "");
+}
+
+TEST(ARequest, ForAMethodOfAnotherPluginIsNotJudged) { EXPECT_EQ(host::methodProblem("Test::number", "x"), ""); }
+
 TEST(ADocument, IsBoundedInSizeAndNesting) {
     for (const char *command : {"ApplyPolicy", "StatCollectorPolicy"}) {
         const std::string deepest = R"({"x":)" + std::string(7, '[') + "1" + std::string(7, ']') + "}";
