@@ -13,7 +13,10 @@
 
 namespace {
 
+using namespace std::string_literals;
+
 constexpr std::uint64_t kLarge = 0x8123456789abcdefU;
+const std::string kLargeBytes = "\xef\xcd\xab\x89\x67\x45\x23\x81";
 
 // `frame` at an address that is `offset` bytes beyond one of any alignment.
 class At {
@@ -61,6 +64,22 @@ TEST(AReplyOfTheTrafficControlService, IsReadAtAnyAddress) {
     }
 }
 
+TEST(AListOfCommands, HasTheseBytes) {
+    rlv::protocol::CommandList list(rlv::protocol::Request::Kind::compare);
+    ASSERT_TRUE(list.add("-F"));
+    ASSERT_TRUE(list.add(std::string(0x102, 'x')));
+    list.setNumber(kLarge);
+    EXPECT_EQ("M" + kLargeBytes + "\2\0-F\2\1"s + std::string(0x102, 'x'), list.packet());
+}
+
+TEST(AListOfCommands, IsNoneWhenALengthIsTornOrTooLarge) {
+    for (const std::string &text : {"\2"s, "\2\0-"s, "\1\0-F"s, "\xff\xff-F"s})
+        EXPECT_FALSE(rlv::protocol::isCommandList(text)) << text;
+    std::string_view torn("\2", 1);
+    EXPECT_EQ("", rlv::protocol::takeCommand(torn));
+    EXPECT_EQ("", torn);
+}
+
 TEST(AListOfCommands, IsReadAtAnyAddress) {
     rlv::protocol::CommandList list;
     for (const char *command : {"-A", "-A V", "-A VPK-DENY -j DROP", "-F"})
@@ -76,6 +95,58 @@ TEST(AListOfCommands, IsReadAtAnyAddress) {
             commands.emplace_back(rlv::protocol::takeCommand(left));
         EXPECT_EQ((std::vector<std::string>{"-A", "-A V", "-A VPK-DENY -j DROP", "-F"}), commands);
     }
+}
+
+template <class State> std::string bytesOf(const State &state) {
+    return rlv::protocol::decodeReply(rlv::protocol::encodeState(state).at(0))->text;
+}
+
+const std::string kEight = std::string(7, '\0'); // behind the lowest byte of a number of 8
+
+TEST(AStateOfTheTrafficControlService, HasTheseBytes) {
+    rlv::ServiceState state;
+    state.simulated = true;
+    state.serviceId = kLarge;
+    state.lastConnection = 2;
+    state.hooks = {{"INPUT", "VPK-IN"}};
+    state.chains = {{"VPK-IN", 3}};
+    state.connections = {{4, rlv::ConnectionEnd::closed, {{"-F", -2, "no", true}}, 5}};
+    state.drift.repairs = 6;
+    state.drift.texts = {"t"};
+    state.drift.differences = 7;
+    state.drift.processName = "ufw";
+    state.drift.process = 0x80000001U;
+    state.drift.problem = "p";
+    EXPECT_EQ("\1" + kLargeBytes + "\2" + kEight + "\1\0\0\0\5\0\0\0INPUT\6\0\0\0VPK-IN"s +
+                  "\1\0\0\0\6\0\0\0VPK-IN\3"s + kEight + "\1\0\0\0\4"s + kEight +
+                  "\1\1\0\0\0\2\0\0\0-F\xfe\xff\xff\xff\2\0\0\0no\1\5"s + kEight + "\1\0\6"s + kEight +
+                  "\1\0\0\0\1\0\0\0t\7"s + kEight + "\3\0\0\0ufw\1\0\0\x80\1\0\0\0p"s + std::string(8, '\xff'),
+              bytesOf(state));
+}
+
+TEST(AStateOfNames, HasTheseBytes) {
+    rlv::NamesState state;
+    state.serviceId = kLarge;
+    state.generation = 1;
+    state.inUse = 2;
+    state.unanswered = 3;
+    state.refreshSeconds = 4;
+    state.list = {{"a.b", rlv::UnansweredName::Problem::tooMany, 5, -1, true}};
+    EXPECT_EQ(kLargeBytes + "\1" + kEight + "\2" + kEight + "\3" + kEight + "\4" + kEight + "\1\0\0\0\3\0\0\0a.b\2\5"s +
+                  kEight + std::string(8, '\xff') + "\1",
+              bytesOf(state));
+}
+
+TEST(AComparison, HasTheseBytes) {
+    rlv::Comparison comparison;
+    comparison.serviceId = kLarge;
+    comparison.chains = {{"VPK-IN", 1, 2}};
+    comparison.differences = {{rlv::Difference::Kind::shadowing, "INPUT", "-j X", "w"}};
+    comparison.counts.at(4) = 1;
+    const std::string none(8, '\0');
+    EXPECT_EQ("\0"s + kLargeBytes + "\1\0\0\0\6\0\0\0VPK-IN\1"s + kEight + "\2" + kEight +
+                  "\1\0\0\0\4\5\0\0\0INPUT\4\0\0\0-j X\1\0\0\0w"s + none + none + none + none + "\1" + kEight + none,
+              bytesOf(comparison));
 }
 
 // Names of each length put the numbers after them at each address.
@@ -110,6 +181,53 @@ TEST(AStateOfTheTrafficControlService, IsNoneWhenALengthIsLargerThanMemory) {
     ASSERT_NE(std::string::npos, name);
     for (const char *length : {"\xff\xff\xff\xff", "\xff\xff\xff\x7f", "\x05\x00\x00\x80"})
         EXPECT_FALSE(rlv::protocol::decodeState(text.replace(name - 4, 4, length, 4)));
+}
+
+TEST(ARequestToTheHost, HasTheseBytes) {
+    EXPECT_EQ("RMI1\4\0\0\0\3\2\1\0Echo"s, mavo::rmi::encodeRequestHead("Echo", 0x10203));
+    const auto head = mavo::rmi::decodeRequestHead("RMI1\4\0\0\0\3\2\1\0"s);
+    ASSERT_TRUE(head);
+    EXPECT_EQ(4U, head->nameBytes);
+    EXPECT_EQ(0x10203U, head->bodyBytes);
+}
+
+TEST(ARequestToTheHost, IsNoneWithOtherBytesInFrontOrWithTooMany) {
+    for (const std::string &bytes : {"RMI1\4\0\0\0\3\2\1"s, "RMI1\4\0\0\0\3\2\1\0E"s, "RMP1\4\0\0\0\3\2\1\0"s,
+                                     "RMI1\1\1\0\0\3\2\1\0"s, "RMI1\4\0\0\0\xff\xff\xff\xff"s})
+        EXPECT_FALSE(mavo::rmi::decodeRequestHead(bytes)) << bytes;
+    for (const char *const bytes : {"", "R", "RMI", "RMI1", "RMI1\4"})
+        EXPECT_TRUE(mavo::rmi::beginsRequest(bytes)) << bytes;
+    for (const char *const bytes : {"X", "RMX", "RMP1", "RMI2"})
+        EXPECT_FALSE(mavo::rmi::beginsRequest(bytes)) << bytes;
+}
+
+TEST(AReplyOfTheHost, HasTheseBytes) {
+    const std::string body(0x102, 'b');
+    const std::string content = "\3\0\0\0\2\1\0\0"s + body + "\1\0\0\0e\2\0\0\0rm"s;
+    EXPECT_EQ("RMP1\x15\1\0\0"s + content, mavo::rmi::encodeReply({mavo::rmi::Status::denied, body, "e", "rm"}));
+}
+
+TEST(AMessageOfARemoteMethod, HasTheseBytes) {
+    mavo::rmi::Message message;
+    message.write(-2);
+    message.write("ab"s);
+    EXPECT_EQ("\xfe\xff\xff\xff\2\0\0\0ab"s, message.body());
+}
+
+// What ends before a value does is not read, and the values before it can be.
+TEST(AMessageOfARemoteMethod, ReadsNothingOfWhatIsTorn) {
+    for (const std::string &body : {"\2\0\0\0a"s, "\xff\xff\xff\xff"s, "\2\0\0"s}) {
+        mavo::rmi::Message message(body);
+        std::string text = "before";
+        EXPECT_THROW(message.read(text), mavo::rmi::BadArguments);
+        EXPECT_EQ("before", text);
+        int number = 7;
+        if (body.size() >= 4)
+            message.read(number);
+        else
+            EXPECT_THROW(message.read(number), mavo::rmi::BadArguments);
+        EXPECT_EQ(body.size() < 4 ? 7 : body[0] == 2 ? 2 : -1, number);
+    }
 }
 
 TEST(AMessageOfARemoteMethod, KeepsNumbersAtAnyAddress) {

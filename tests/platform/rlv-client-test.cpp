@@ -106,6 +106,13 @@ TEST(AClient, CannotOpenAPathThatIsTooLong) {
     EXPECT_EQ(ENAMETOOLONG, rlv_initialize(&handle));
 }
 
+TEST(AClient, FindsNobodyWhereThereIsNoPath) {
+    rlv::setSocketPath("");
+    rlv_handle handle = 7;
+    EXPECT_EQ(ECONNREFUSED, rlv_initialize(&handle));
+    EXPECT_EQ(0U, handle);
+}
+
 TEST(AClient, IsToldThatItsAccountIsNotServed) {
     ScriptedService service([](Peer &peer) {
         peer.receive();

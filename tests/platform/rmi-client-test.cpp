@@ -165,6 +165,23 @@ TEST(AClient, GoesOnAfterSignals) {
     ::setitimer(ITIMER_REAL, &never, nullptr);
 }
 
+TEST(AListeningSocket, SaysWhichPathItCannotHave) {
+    const auto textOf = [](const std::string &path) {
+        try {
+            listenAt(path, 0600);
+        } catch (const std::system_error &error) {
+            return std::string(error.what());
+        }
+        return std::string();
+    };
+    const std::string longest = "/run/" + std::string(102, 'x');
+    EXPECT_EQ("", textOf(longest));
+    EXPECT_EQ(longest + "x: File name too long", textOf(longest + "x"));
+    EXPECT_EQ(": Invalid argument", textOf(""));
+    EXPECT_EQ(EINVAL, errorOf([] { listenAt(std::string("/run/a\0b", 8), 0600); }));
+    EXPECT_EQ(EINVAL, errorOf([] { const Client client(""); }));
+}
+
 TEST(AListeningSocket, HasExactlyTheModeWhateverTheUmask) {
     for (const mode_t mask : {0U, 0077U, 0777U}) {
         ::umask(mask);
