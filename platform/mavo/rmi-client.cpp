@@ -10,7 +10,7 @@
 #include <system_error>
 
 #include "mavo/exception.h"
-#include "mavo/unix-address.h"
+#include "support/unix-socket.h"
 
 namespace mavo {
 namespace rmi {
@@ -111,14 +111,11 @@ void checkLimit(const char *what, std::size_t size, std::size_t limit) {
 } // namespace
 
 Client::Client(const std::string &path) {
-    const sockaddr_un address = unixAddress(path);
-    socket_ = support::aboveStandardStreams(UniqueFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)));
-    if (!socket_)
+    const auto address = support::UnixAddress::ofPath(path);
+    if (address)
+        socket_ = support::newUnixSocket(SOCK_STREAM);
+    if (!socket_ || !support::connectSocket(socket_, *address))
         throw std::system_error(errno, std::generic_category(), path);
-    while (::connect(socket_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0) {
-        if (errno != EINTR)
-            throw std::system_error(errno, std::generic_category(), path);
-    }
 }
 
 Reply Client::call(const std::string &method, const Message &request, const std::function<void()> &waiting,

@@ -1,13 +1,12 @@
 #include <cerrno>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <system_error>
 #include <unistd.h>
 
 #include "mavo/rmi-server.h"
-#include "mavo/unix-address.h"
 #include "support/safe-open.h"
+#include "support/unix-socket.h"
 
 namespace mavo {
 namespace rmi {
@@ -15,19 +14,19 @@ namespace rmi {
 namespace {
 
 using support::UniqueFd;
+using support::UnixAddress;
 
 [[noreturn]] void fail(int error, const std::string &path) {
     throw std::system_error(error, std::generic_category(), path);
 }
 
 // Nothing but a connection that is refused proves that nobody serves the socket.
-bool isDeadSocket(const sockaddr_un &address) {
+bool isDeadSocket(const UnixAddress &address) {
     struct stat status {};
-    if (::lstat(address.sun_path, &status) != 0 || !S_ISSOCK(status.st_mode))
+    if (::lstat(address.path(), &status) != 0 || !S_ISSOCK(status.st_mode))
         return false;
-    const UniqueFd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    return probe && ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) != 0 &&
-           errno == ECONNREFUSED;
+    const UniqueFd probe = support::newUnixSocket(SOCK_STREAM | SOCK_NONBLOCK);
+    return probe && !support::connectSocket(probe, address) && errno == ECONNREFUSED;
 }
 
 // Empty for a socket, which somebody serves.
@@ -38,26 +37,22 @@ std::string whatLiesAt(const std::string &path) {
     return ": is " + support::describe(found) + ", where the socket should be";
 }
 
-bool bindTo(const UniqueFd &socket, const sockaddr_un &address) {
-    return ::bind(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0;
-}
-
 } // namespace
 
 UniqueFd listenAt(const std::string &path, mode_t mode) {
-    const sockaddr_un address = unixAddress(path);
-    UniqueFd socket =
-        support::aboveStandardStreams(UniqueFd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)));
+    const auto address = UnixAddress::ofPath(path);
+    if (!address)
+        fail(errno, path);
+    UniqueFd socket = support::newUnixSocket(SOCK_STREAM | SOCK_NONBLOCK);
     if (!socket)
         fail(errno, path);
-    bool bound = bindTo(socket, address);
+    bool bound = support::bindSocket(socket, *address);
     if (!bound && errno == EADDRINUSE) {
-        if (!isDeadSocket(address))
+        if (!isDeadSocket(*address))
             fail(EADDRINUSE, path + whatLiesAt(path));
-        bound = ::unlink(path.c_str()) == 0 && bindTo(socket, address);
+        bound = ::unlink(path.c_str()) == 0 && support::bindSocket(socket, *address);
     }
-    // Nobody can connect before listen(), so the mode that bind() gave was never of use to anybody.
-    if (!bound || ::chmod(path.c_str(), mode) != 0 || ::listen(socket.get(), SOMAXCONN) != 0)
+    if (!bound || !support::startListening(socket, *address, {mode}))
         fail(errno, path);
     return socket;
 }

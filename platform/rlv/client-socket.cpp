@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <poll.h>
 #include <string_view>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <utility>
+
+#include "support/unix-socket.h"
 
 namespace rlv::client {
 
@@ -92,12 +92,10 @@ Outcome ask(int fd, const Request &request, Reply::Kind expected, Clock::time_po
 }
 
 int connectTo(const std::string &path, Clock::time_point deadline, UniqueFd &connected) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path)
-        return ENAMETOOLONG;
-    std::memcpy(address.sun_path, path.data(), path.size());
-    UniqueFd fd = support::aboveStandardStreams(UniqueFd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0)));
+    const auto address = support::UnixAddress::ofPath(path);
+    if (!address) // nobody serves what is no path
+        return errno == EINVAL ? ECONNREFUSED : errno;
+    UniqueFd fd = support::newUnixSocket(SOCK_SEQPACKET);
     if (!fd)
         return errno;
     // connect() blocks, for this long at most, while the service has not yet accepted those before.
@@ -105,10 +103,8 @@ int connectTo(const std::string &path, Clock::time_point deadline, UniqueFd &con
     const timeval timeout{left / 1000, left % 1000 * 1000L};
     if (::setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout) != 0)
         return errno;
-    while (::connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
-        if (errno != EINTR)
-            return errno == EAGAIN ? ETIMEDOUT : errno;
-    }
+    if (!support::connectSocket(fd, *address))
+        return errno == EAGAIN ? ETIMEDOUT : errno;
     connected = std::move(fd);
     return 0;
 }

@@ -2,15 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <string_view>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <system_error>
 #include <vector>
 
-#include "support/unique-fd.h"
+#include "support/unix-socket.h"
 #include "vlog/line.h"
 
 // Not syslog(3): its descriptor gets the lowest free number, which may be one of the standard streams, and is lost with
@@ -46,14 +44,17 @@ std::vector<std::string_view> split(std::string_view text, std::size_t room) {
     return pieces;
 }
 
+support::UnixAddress addressOf(const std::string &path) {
+    const auto address = support::UnixAddress::ofPath(path);
+    if (!address)
+        throw std::system_error(errno, std::generic_category(), "system log " + path);
+    return *address;
+}
+
 class SystemLog : public Sink {
 public:
-    SystemLog(const std::string &ident, const std::string &path) : ident_(ident.substr(0, kIdentBytes)) {
-        if (path.size() >= sizeof address_.sun_path)
-            throw std::system_error(ENAMETOOLONG, std::generic_category(), "system log " + path);
-        address_.sun_family = AF_UNIX;
-        path.copy(address_.sun_path, path.size());
-    }
+    SystemLog(const std::string &ident, const std::string &path)
+        : ident_(ident.substr(0, kIdentBytes)), address_(addressOf(path)) {}
 
     bool write(int priority, const std::string &text) override {
         const std::string header = systemLogHeader(priority, ident_);
@@ -69,11 +70,11 @@ public:
 
 private:
     bool connect() {
-        UniqueFd socket = support::aboveStandardStreams(UniqueFd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)));
+        UniqueFd socket = support::newUnixSocket(SOCK_DGRAM);
         const timeval patience{kSendSeconds, 0};
         if (!socket || ::setsockopt(socket.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience) != 0)
             return false;
-        if (::connect(socket.get(), reinterpret_cast<const sockaddr *>(&address_), sizeof address_) != 0)
+        if (!support::connectSocket(socket, address_))
             return false;
         socket_ = std::move(socket);
         return true;
@@ -105,7 +106,7 @@ private:
     }
 
     const std::string ident_;
-    sockaddr_un address_{};
+    const support::UnixAddress address_;
     UniqueFd socket_;
     bool stalled_ = false;
 };

@@ -19,7 +19,7 @@
 
 #include "mavo/rmi-client.h"
 #include "mavo/rmi-server.h"
-#include "mavo/unix-address.h"
+#include "support/unix-socket.h"
 
 namespace rmitest {
 
@@ -148,8 +148,7 @@ std::size_t ServerProcess::dataBytes() const {
 int ServerProcess::calls() const { return *calls_; }
 
 RawClient::RawClient() : socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    const sockaddr_un address = mavo::rmi::unixAddress(kPath);
-    EXPECT_EQ(0, ::connect(socket_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)));
+    EXPECT_TRUE(support::connectSocket(socket_, support::UnixAddress::ofPath(kPath).value()));
 }
 
 bool RawClient::send(const std::string &bytes) const {

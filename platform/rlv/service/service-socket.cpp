@@ -7,11 +7,11 @@
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 #include <utility>
 
 #include "support/safe-open.h"
+#include "support/unix-socket.h"
 
 namespace rlv {
 namespace {
@@ -21,30 +21,26 @@ constexpr mode_t kSocketMode = 0660;
 
 [[noreturn]] void failWith(const std::string &what) { throw std::runtime_error(what + ": " + std::strerror(errno)); }
 
-sockaddr_un addressOf(const std::string &path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof address.sun_path)
+support::UnixAddress addressOf(const std::string &path) {
+    const auto address = support::UnixAddress::ofPath(path);
+    if (!address)
         throw std::runtime_error("socket path \"" + path + "\": must have 1 to " +
-                                 std::to_string(sizeof address.sun_path - 1) + " bytes");
-    std::memcpy(address.sun_path, path.data(), path.size());
-    return address;
+                                 std::to_string(support::UnixAddress::kMaxBytes) + " bytes");
+    return *address;
 }
 
 support::UniqueFd newSocket() {
-    auto fd = support::aboveStandardStreams(
-        support::UniqueFd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)));
+    auto fd = support::newUnixSocket(SOCK_SEQPACKET | SOCK_NONBLOCK);
     if (!fd)
         failWith("socket");
     return fd;
 }
 
 bool somebodyListens(const std::string &path) {
-    const sockaddr_un address = addressOf(path);
+    const auto address = addressOf(path);
     const auto fd = newSocket();
     // EPROTOTYPE: of another kind, but somebody's. EAGAIN: somebody who is busy.
-    return ::connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) == 0 || errno == EAGAIN ||
-           errno == EPROTOTYPE;
+    return support::connectSocket(fd, address) || errno == EAGAIN || errno == EPROTOTYPE;
 }
 
 } // namespace
@@ -82,15 +78,13 @@ void ServiceSocket::removeLeftOver() const {
         failWith(path_);
 }
 
-// Nobody can connect before it listens, and then it has its mode.
 void ServiceSocket::bindAndListen(gid_t group) {
-    const sockaddr_un address = addressOf(path_);
+    const auto address = addressOf(path_);
     listener_ = newSocket();
-    if (::bind(listener_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
+    if (!support::bindSocket(listener_, address))
         failWith(path_);
     bound_ = true;
-    if (::chown(path_.c_str(), static_cast<uid_t>(-1), group) != 0 || ::chmod(path_.c_str(), kSocketMode) != 0 ||
-        ::listen(listener_.get(), kBacklog) != 0) {
+    if (!support::startListening(listener_, address, {kSocketMode, kBacklog, group})) {
         const int error = errno;
         ::unlink(path_.c_str());
         errno = error;
