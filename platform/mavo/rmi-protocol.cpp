@@ -2,118 +2,76 @@
 
 #include <algorithm>
 
+#include "support/little-endian.h"
+
 namespace mavo {
 namespace rmi {
 
 namespace {
 
+using support::FieldReader;
+using support::FieldWriter;
+
 constexpr std::size_t kWordBytes = 4;
-
-void appendWord(std::string &bytes, std::size_t value) {
-    for (std::size_t i = 0; i < kWordBytes; ++i)
-        bytes += static_cast<char>((value >> (8 * i)) & 0xffU);
-}
-
-void appendString(std::string &bytes, const std::string &value) {
-    appendWord(bytes, value.size());
-    bytes += value;
-}
-
-// Reads words and strings one after another; once something is missing, it has failed and gives empty values.
-class Reader {
-public:
-    explicit Reader(const std::string &bytes) : bytes_(bytes) {}
-
-    std::uint32_t word() {
-        if (!has(kWordBytes))
-            return 0;
-        std::uint32_t value = 0;
-        for (std::size_t i = 0; i < kWordBytes; ++i)
-            value |= std::uint32_t{static_cast<unsigned char>(bytes_[position_ + i])} << (8 * i);
-        position_ += kWordBytes;
-        return value;
-    }
-    std::string string() {
-        const std::size_t length = word();
-        if (!has(length))
-            return {};
-        position_ += length;
-        return bytes_.substr(position_ - length, length);
-    }
-    bool succeededToTheEnd() const { return !failed_ && position_ == bytes_.size(); }
-
-private:
-    bool has(std::size_t length) {
-        failed_ = failed_ || bytes_.size() - position_ < length;
-        return !failed_;
-    }
-
-    const std::string &bytes_;
-    std::size_t position_ = 0;
-    bool failed_ = false;
-};
 
 } // namespace
 
 std::string encodeRequestHead(const std::string &method, std::size_t bodyBytes) {
-    std::string bytes;
-    appendWord(bytes, kRequestMagic);
-    appendWord(bytes, method.size());
-    appendWord(bytes, bodyBytes);
-    return bytes + method;
+    FieldWriter head;
+    head.reserve(kRequestHeadBytes + method.size());
+    for (const std::size_t word : {std::size_t{kRequestMagic}, method.size(), bodyBytes})
+        head.integer(word, kWordBytes);
+    head.rest(method);
+    return head.take();
 }
 
 bool beginsRequest(const std::string &bytes) {
     std::string magic;
-    appendWord(magic, kRequestMagic);
+    support::appendLittleEndian(magic, kRequestMagic, kWordBytes);
     return bytes.compare(0, kWordBytes, magic, 0, std::min(bytes.size(), kWordBytes)) == 0;
 }
 
 std::optional<RequestHead> decodeRequestHead(const std::string &bytes) {
-    Reader reader(bytes);
-    if (reader.word() != kRequestMagic)
+    FieldReader in(bytes);
+    if (in.word() != kRequestMagic)
         return std::nullopt;
     RequestHead head;
-    head.nameBytes = reader.word();
-    head.bodyBytes = reader.word();
-    if (!reader.succeededToTheEnd() || head.nameBytes > kMethodNameLimitBytes || head.bodyBytes > kBodyLimitBytes)
+    head.nameBytes = in.word();
+    head.bodyBytes = in.word();
+    if (!in.complete() || head.nameBytes > kMethodNameLimitBytes || head.bodyBytes > kBodyLimitBytes)
         return std::nullopt;
     return head;
 }
 
 std::string encodeReply(const Reply &reply) {
-    std::string bytes;
-    bytes.reserve(kReplyHeadBytes + 4 * kWordBytes + reply.body.size() + reply.error.size() +
-                  reply.remarks.size()); // a large one is not moved
-    appendWord(bytes, kReplyMagic);
-    appendWord(bytes, 0); // the length, which comes last
-    appendWord(bytes, static_cast<std::uint32_t>(reply.status));
-    appendString(bytes, reply.body);
-    appendString(bytes, reply.error);
-    appendString(bytes, reply.remarks);
-    std::string length;
-    appendWord(length, bytes.size() - kReplyHeadBytes);
-    return bytes.replace(kWordBytes, kWordBytes, length);
+    const std::size_t length = 4 * kWordBytes + reply.body.size() + reply.error.size() + reply.remarks.size();
+    FieldWriter frame;
+    frame.reserve(kReplyHeadBytes + length); // a large one is not moved
+    frame.integer(kReplyMagic, kWordBytes);
+    frame.integer(length, kWordBytes);
+    frame.integer(static_cast<std::uint32_t>(reply.status), kWordBytes);
+    for (const auto *text : {&reply.body, &reply.error, &reply.remarks})
+        frame.text(*text);
+    return frame.take();
 }
 
 std::optional<std::size_t> decodeReplyHead(const std::string &bytes) {
-    Reader reader(bytes);
-    const bool known = reader.word() == kReplyMagic;
-    const std::size_t length = reader.word();
-    if (!known || !reader.succeededToTheEnd() || length > kReplyLimitBytes)
+    FieldReader in(bytes);
+    const bool known = in.word() == kReplyMagic;
+    const std::size_t length = in.word();
+    if (!known || !in.complete() || length > kReplyLimitBytes)
         return std::nullopt;
     return length;
 }
 
 std::optional<Reply> decodeReply(const std::string &bytes) {
-    Reader reader(bytes);
-    const std::uint32_t status = reader.word();
+    FieldReader in(bytes);
+    const std::uint32_t status = in.word();
     Reply reply;
     reply.status = static_cast<Status>(status);
-    reply.body = reader.string();
-    reply.error = reader.string();
-    reply.remarks = reader.string();
-    if (!reader.succeededToTheEnd() || status > static_cast<std::uint32_t>(Status::busy))
+    for (auto *text : {&reply.body, &reply.error, &reply.remarks})
+        *text = in.text();
+    if (!in.complete() || status > static_cast<std::uint32_t>(Status::busy))
         return std::nullopt;
     return reply;
 }

@@ -2,6 +2,9 @@
 
 #include <climits>
 #include <cstdint>
+#include <string_view>
+
+#include "support/little-endian.h"
 
 namespace mavo {
 namespace rmi {
@@ -22,9 +25,7 @@ Message::Message(std::string body) : content(std::move(body)), position(0) {}
 Message Message::createReplyMessage() const { return {}; }
 
 void Message::write(int value) {
-    const auto bits = static_cast<std::uint32_t>(value);
-    for (std::size_t i = 0; i < kIntSizeBytes; ++i)
-        content += static_cast<char>((bits >> (8 * i)) & 0xffU);
+    support::appendLittleEndian(content, static_cast<std::uint32_t>(value), kIntSizeBytes);
 }
 
 void Message::write(const std::string &value) {
@@ -37,11 +38,9 @@ void Message::write(const std::string &value) {
 void Message::read(int &value) {
     if (content.size() - position < kIntSizeBytes)
         throw BadArguments("Message ends before an integer");
-    std::uint32_t bits = 0;
-    for (std::size_t i = 0; i < kIntSizeBytes; ++i)
-        bits |= std::uint32_t{static_cast<unsigned char>(content[position + i])} << (8 * i);
+    const auto bits = support::fromLittleEndian(std::string_view(content).substr(position, kIntSizeBytes));
     position += kIntSizeBytes;
-    value = static_cast<int>(bits);
+    value = static_cast<int>(static_cast<std::uint32_t>(bits));
 }
 
 void Message::read(std::string &value) {

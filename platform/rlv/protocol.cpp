@@ -2,89 +2,40 @@
 
 #include <algorithm>
 
+#include "support/little-endian.h"
+
 namespace rlv::protocol {
 namespace {
+
+using support::appendLittleEndian;
+using support::FieldReader;
+using support::FieldWriter;
+using support::fromLittleEndian;
 
 constexpr std::size_t kRequestHeadBytes = 1 + 8;
 constexpr std::size_t kReplyHeadBytes = 1 + 4 + 8;
 constexpr std::size_t kLengthBytes = 2;
 constexpr std::size_t kMaxNameBytes = 254; // with the root's dot
 
-class Writer {
-public:
-    void integer(std::uint64_t value, std::size_t bytes) {
-        for (std::size_t i = 0; i < bytes; ++i)
-            out_.push_back(static_cast<char>((value >> (8 * i)) & 0xff));
-    }
-    void flag(bool value) { integer(value ? 1 : 0, 1); }
-    void text(const std::string &value) {
-        integer(value.size(), 4);
-        out_ += value;
-    }
-    template <class List, class Element> void list(const List &values, Element element) {
-        integer(values.size(), 4);
-        for (const auto &value : values)
-            element(value);
-    }
-    void rest(std::string_view value) { out_ += value; }
-    std::string take() { return std::move(out_); }
+int codeOf(FieldReader &in) { return static_cast<std::int32_t>(in.word()); }
 
-private:
-    std::string out_;
-};
-
-// After a read beyond the end everything reads as 0 and good() is false.
-class Reader {
-public:
-    explicit Reader(std::string_view in) : in_(in) {}
-    std::uint64_t integer(std::size_t bytes) {
-        const std::string_view raw = take(bytes);
-        std::uint64_t value = 0;
-        for (std::size_t i = raw.size(); i > 0; --i)
-            value = value << 8 | static_cast<unsigned char>(raw[i - 1]);
-        return value;
-    }
-    int code() { return static_cast<int>(static_cast<std::int32_t>(integer(4))); }
-    bool flag() { return integer(1) != 0; }
-    std::string text() { return std::string(take(count())); }
-    // Element by element: a count that lies ends at the end of the text and reserves nothing before.
-    template <class Element> void list(Element element) {
-        for (auto left = count(); left > 0 && good_; --left)
-            element();
-    }
-    std::string_view rest() { return take(in_.size()); }
-    bool good() const { return good_; }
-    bool complete() const { return good_ && in_.empty(); }
-
-private:
-    std::uint32_t count() { return static_cast<std::uint32_t>(integer(4)); }
-    std::string_view take(std::size_t bytes) {
-        good_ = good_ && bytes <= in_.size();
-        const auto taken = in_.substr(0, good_ ? bytes : 0);
-        in_.remove_prefix(taken.size());
-        return taken;
-    }
-    std::string_view in_;
-    bool good_ = true;
-};
-
-void write(Writer &out, const LostCommand &lost) {
+void write(FieldWriter &out, const LostCommand &lost) {
     out.text(lost.options);
     out.integer(static_cast<std::uint32_t>(lost.code), 4);
     out.text(lost.message);
     out.flag(lost.refusedAtOnce);
 }
 
-LostCommand readLost(Reader &in) {
+LostCommand readLost(FieldReader &in) {
     LostCommand lost;
     lost.options = in.text();
-    lost.code = in.code();
+    lost.code = codeOf(in);
     lost.message = in.text();
     lost.refusedAtOnce = in.flag();
     return lost;
 }
 
-void write(Writer &out, const DriftState &drift) {
+void write(FieldWriter &out, const DriftState &drift) {
     out.flag(drift.isMending);
     out.flag(drift.isKnown);
     out.integer(drift.repairs, 8);
@@ -96,7 +47,7 @@ void write(Writer &out, const DriftState &drift) {
     out.integer(static_cast<std::uint64_t>(drift.nextAttemptSeconds), 8);
 }
 
-DriftState readDrift(Reader &in) {
+DriftState readDrift(FieldReader &in) {
     DriftState drift;
     drift.isMending = in.flag();
     drift.isKnown = in.flag();
@@ -104,20 +55,20 @@ DriftState readDrift(Reader &in) {
     in.list([&] { drift.texts.push_back(in.text()); });
     drift.differences = in.integer(8);
     drift.processName = in.text();
-    drift.process = static_cast<std::uint32_t>(in.integer(4));
+    drift.process = in.word();
     drift.problem = in.text();
     drift.nextAttemptSeconds = static_cast<std::int64_t>(in.integer(8));
     return drift;
 }
 
-void write(Writer &out, const ConnectionOutcome &outcome) {
+void write(FieldWriter &out, const ConnectionOutcome &outcome) {
     out.integer(outcome.number, 8);
     out.integer(static_cast<std::uint64_t>(outcome.end), 1);
     out.list(outcome.lost, [&](const LostCommand &lost) { write(out, lost); });
     out.integer(outcome.lostBeyondList, 8);
 }
 
-ConnectionOutcome readOutcome(Reader &in) {
+ConnectionOutcome readOutcome(FieldReader &in) {
     ConnectionOutcome outcome;
     outcome.number = in.integer(8);
     outcome.end = static_cast<ConnectionEnd>(std::min<std::uint64_t>(in.integer(1), 3));
@@ -127,7 +78,7 @@ ConnectionOutcome readOutcome(Reader &in) {
 }
 
 std::string flatten(const ServiceState &state) {
-    Writer out;
+    FieldWriter out;
     out.flag(state.simulated);
     out.integer(state.serviceId, 8);
     out.integer(state.lastConnection, 8);
@@ -138,7 +89,7 @@ std::string flatten(const ServiceState &state) {
     return out.take();
 }
 
-void write(Writer &out, const UnansweredName &name) {
+void write(FieldWriter &out, const UnansweredName &name) {
     out.text(name.name);
     out.integer(static_cast<std::uint64_t>(name.problem), 1);
     out.integer(name.addresses, 8);
@@ -146,7 +97,7 @@ void write(Writer &out, const UnansweredName &name) {
     out.flag(name.allows);
 }
 
-UnansweredName readName(Reader &in) {
+UnansweredName readName(FieldReader &in) {
     UnansweredName name;
     name.name = in.text();
     name.problem = static_cast<UnansweredName::Problem>(std::min<std::uint64_t>(in.integer(1), 2));
@@ -157,7 +108,7 @@ UnansweredName readName(Reader &in) {
 }
 
 std::string flatten(const NamesState &state) {
-    Writer out;
+    FieldWriter out;
     for (const std::uint64_t number :
          {state.serviceId, state.generation, state.inUse, state.unanswered, state.refreshSeconds})
         out.integer(number, 8);
@@ -165,13 +116,13 @@ std::string flatten(const NamesState &state) {
     return out.take();
 }
 
-void write(Writer &out, const Difference &difference) {
+void write(FieldWriter &out, const Difference &difference) {
     out.integer(static_cast<std::uint64_t>(difference.kind), 1);
     for (const auto *text : {&difference.chain, &difference.rule, &difference.why})
         out.text(*text);
 }
 
-Difference readDifference(Reader &in) {
+Difference readDifference(FieldReader &in) {
     Difference difference;
     difference.kind = static_cast<Difference::Kind>(std::min<std::uint64_t>(in.integer(1), kDifferenceKinds - 1));
     for (auto *text : {&difference.chain, &difference.rule, &difference.why})
@@ -179,13 +130,13 @@ Difference readDifference(Reader &in) {
     return difference;
 }
 
-void write(Writer &out, const ComparedChain &chain) {
+void write(FieldWriter &out, const ComparedChain &chain) {
     out.text(chain.name);
     out.integer(chain.wanted, 8);
     out.integer(chain.inForce, 8);
 }
 
-ComparedChain readComparedChain(Reader &in) {
+ComparedChain readComparedChain(FieldReader &in) {
     ComparedChain chain;
     chain.name = in.text();
     chain.wanted = in.integer(8);
@@ -194,7 +145,7 @@ ComparedChain readComparedChain(Reader &in) {
 }
 
 std::string flatten(const Comparison &comparison) {
-    Writer out;
+    FieldWriter out;
     out.flag(comparison.simulated);
     out.integer(comparison.serviceId, 8);
     out.list(comparison.chains, [&](const ComparedChain &chain) { write(out, chain); });
@@ -217,7 +168,7 @@ std::vector<std::string> inParts(const std::string &text) {
 } // namespace
 
 std::string encode(const Request &request) {
-    Writer out;
+    FieldWriter out;
     out.integer(static_cast<std::uint64_t>(request.kind), 1);
     out.integer(request.number, 8);
     out.rest(request.text);
@@ -225,7 +176,7 @@ std::string encode(const Request &request) {
 }
 
 std::string encode(const Reply &reply) {
-    Writer out;
+    FieldWriter out;
     out.integer(static_cast<std::uint64_t>(reply.kind), 1);
     out.integer(static_cast<std::uint32_t>(reply.code), 4);
     out.integer(reply.number, 8);
@@ -235,7 +186,7 @@ std::string encode(const Reply &reply) {
 
 bool decodeRequest(std::string_view packet, Request &request) {
     constexpr std::string_view kKinds = "OCLXQNMWR";
-    Reader in(packet);
+    FieldReader in(packet);
     const char kind = static_cast<char>(in.integer(1));
     request.kind = static_cast<Request::Kind>(kind);
     request.number = in.integer(8);
@@ -245,11 +196,11 @@ bool decodeRequest(std::string_view packet, Request &request) {
 
 std::optional<Reply> decodeReply(std::string_view packet) {
     constexpr std::string_view kKinds = "ocxqrw";
-    Reader in(packet);
+    FieldReader in(packet);
     Reply reply;
     const char kind = static_cast<char>(in.integer(1));
     reply.kind = static_cast<Reply::Kind>(kind);
-    reply.code = in.code();
+    reply.code = codeOf(in);
     reply.number = in.integer(8);
     reply.text = in.rest();
     if (!in.good() || kKinds.find(kind) == std::string_view::npos)
@@ -261,8 +212,7 @@ bool CommandList::add(std::string_view options) {
     if (count_ == kMaxListedCommands || options.size() > kMaxOptionsBytes ||
         packet_.size() - kRequestHeadBytes + kLengthBytes + options.size() > kMaxListBytes)
         return false;
-    packet_.push_back(static_cast<char>(options.size() & 0xff));
-    packet_.push_back(static_cast<char>(options.size() >> 8));
+    appendLittleEndian(packet_, options.size(), kLengthBytes);
     packet_.append(options);
     ++count_;
     return true;
@@ -279,7 +229,7 @@ void CommandList::setNumber(std::uint64_t number) {
 }
 
 std::string_view takeCommand(std::string_view &text) {
-    const auto bytes = static_cast<std::size_t>(Reader(text.substr(0, kLengthBytes)).integer(kLengthBytes));
+    const auto bytes = static_cast<std::size_t>(fromLittleEndian(text.substr(0, kLengthBytes)));
     const std::string_view command = text.substr(std::min(kLengthBytes, text.size())).substr(0, bytes);
     text.remove_prefix(std::min(kLengthBytes + bytes, text.size()));
     return command;
@@ -291,7 +241,7 @@ bool isCommandList(std::string_view text) {
         return false;
     for (; !text.empty(); ++count) {
         const std::size_t left = text.size();
-        const auto bytes = static_cast<std::size_t>(Reader(text.substr(0, kLengthBytes)).integer(kLengthBytes));
+        const auto bytes = static_cast<std::size_t>(fromLittleEndian(text.substr(0, kLengthBytes)));
         if (left < kLengthBytes || bytes > kMaxOptionsBytes || bytes > left - kLengthBytes)
             return false;
         text.remove_prefix(kLengthBytes + bytes);
@@ -304,7 +254,7 @@ std::vector<std::string> encodeState(const ServiceState &state) { return inParts
 std::vector<std::string> encodeState(const NamesState &state) { return inParts(flatten(state)); }
 
 std::optional<ServiceState> decodeState(std::string_view text) {
-    Reader in(text);
+    FieldReader in(text);
     ServiceState state;
     state.simulated = in.flag();
     state.serviceId = in.integer(8);
@@ -329,7 +279,7 @@ std::optional<ServiceState> decodeState(std::string_view text) {
 }
 
 std::optional<NamesState> decodeNamesState(std::string_view text) {
-    Reader in(text);
+    FieldReader in(text);
     NamesState state;
     for (auto *number : {&state.serviceId, &state.generation, &state.inUse, &state.unanswered, &state.refreshSeconds})
         *number = in.integer(8);
@@ -340,7 +290,7 @@ std::optional<NamesState> decodeNamesState(std::string_view text) {
 std::vector<std::string> encodeState(const Comparison &comparison) { return inParts(flatten(comparison)); }
 
 std::optional<Comparison> decodeComparison(std::string_view text) {
-    Reader in(text);
+    FieldReader in(text);
     Comparison comparison;
     comparison.simulated = in.flag();
     comparison.serviceId = in.integer(8);
