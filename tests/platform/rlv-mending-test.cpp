@@ -323,6 +323,22 @@ TEST_F(AMendingTable, TellsWhatTheKernelDoesNotTakeBack) {
     EXPECT_EQ(before, picture());
 }
 
+// Somebody may look between the sending and the end: the connection has to be told all the same.
+TEST_F(AMendingTable, TellsUntilTheNextConnectionWhatACommandWasSentWithout) {
+    flush("VPK-D");
+    store->refuse = [](const Change &change) {
+        return change.rule != nullptr && change.rule->target.kind == rlv::Target::Kind::drop ? EINVAL : 0;
+    };
+    table->open();
+    accepted({"-A VPK-A -s 10.0.0.7 -j ACCEPT"});
+    EXPECT_THAT(table->push().lost, IsEmpty());
+    EXPECT_THAT(table->mend().problem, HasSubstr("Invalid argument"));
+    EXPECT_THAT(table->mend().problem, HasSubstr("Invalid argument"));
+    store->refuse = nullptr;
+    table->open();
+    EXPECT_EQ("", table->mend().problem);
+}
+
 TEST_F(AMendingTable, IsNotOutrunByOthersWhoChangeTheTablesAllTheTime) {
     flush("VPK-D");
     std::uint32_t address = 0;

@@ -132,6 +132,7 @@ bool ModelledTable::isCurrent() {
 
 void ModelledTable::open() {
     unreported_.clear();
+    givenUp_.clear();
     if (standing_ || !isCurrent())
         load();
 }
@@ -261,7 +262,9 @@ ModelledTable::Outcome ModelledTable::tryPush(Limits limits, PushReport &report)
     report.changes = batch.changes.size();
     isRead_ = isRead_ && batch.changes.empty();
     adopt(plan, bound || batch.changes.empty(), report);
-    standing_.reset(); // it was made out of what others have left
+    // It was made out of what others have left.
+    if (std::exchange(standing_, std::nullopt) && isMending_)
+        givenUp_ = mended_.problem;
     return Outcome::sent;
 }
 
@@ -527,6 +530,7 @@ void ModelledTable::remember() {
 void ModelledTable::forget() {
     isKnown_ = false;
     standing_.reset();
+    givenUp_.clear();
     mended_ = {};
 }
 
@@ -539,7 +543,10 @@ MendReport ModelledTable::mend() {
             load();
         unreported_.insert(unreported_.end(), report.lost.begin(), report.lost.end());
     }
-    return std::exchange(mended_, {});
+    MendReport report = std::exchange(mended_, {});
+    if (report.problem.empty())
+        report.problem = givenUp_;
+    return report;
 }
 
 ModelledTable::Reading ModelledTable::readMended() {

@@ -98,7 +98,8 @@ private:
     bool isKnown_ = false;
     bool isMending_ = true;
     std::optional<Standing> standing_;
-    MendReport mended_; // not told of yet
+    MendReport mended_;   // not told of yet
+    std::string givenUp_; // why what was sent last had to do without some of what should stand; told until open()
     // What describe() read last while a connection had its own model, and at which generation.
     std::optional<std::uint32_t> describedGeneration_;
     ServiceState described_;

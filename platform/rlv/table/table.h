@@ -82,7 +82,8 @@ public:
     virtual void setMending(bool /*isMending*/) {}
     // Compares the kernel with what should stand, where that is known and the kernel may be another, and puts it back,
     // also in the middle of a connection, of which the commands then follow. Tells of all that was found and put back
-    // since the last call, in the other operations too.
+    // since the last call, in the other operations too. When push() had to do without something that was not put back,
+    // each call says so until the next open().
     virtual MendReport mend() { return {}; }
 
     // See RulesetStore. What other operations take in of the notices is kept for takeDisturbance(), but the descriptor
