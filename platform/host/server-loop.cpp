@@ -89,7 +89,9 @@ void ServerLoop::serve(Host &host, const std::string &socket, const mavo::rmi::P
     watch_ = std::make_unique<ServiceWatch>(
         loop_, [&host] { return host.builtBy(); },
         [&rebuild](const std::string &reason) {
-            if (!rebuild.isWanted())
+            if (rebuild.isWanted())
+                rebuild.hasten(); // its pause may be that of a service which was away for long
+            else
                 rebuild.follow(reason);
         });
     host.names().follow(&loop_, [&rebuild](const std::string &reason) { rebuild.follow(reason); });

@@ -1,5 +1,6 @@
 #include "host/service-watch.h"
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <sys/epoll.h>
@@ -12,11 +13,12 @@ namespace {
 
 constexpr std::chrono::milliseconds kPause{500};
 constexpr std::chrono::milliseconds kConnectTimeout{100};
+constexpr std::chrono::milliseconds kLongestPause{30'000};
 
 } // namespace
 
 ServiceWatch::ServiceWatch(support::EventLoop &loop, ServiceId builtBy, Changed changed)
-    : loop_(loop), builtBy_(std::move(builtBy)), changed_(std::move(changed)) {
+    : loop_(loop), builtBy_(std::move(builtBy)), changed_(std::move(changed)), pauseAfterRefusal_(kPause) {
     timer_ = loop_.after(std::chrono::milliseconds(0), [this] { connect(); });
 }
 
@@ -26,7 +28,7 @@ ServiceWatch::~ServiceWatch() {
         loop_.unwatch(fd_.get());
 }
 
-// Its first word tells which service it is. One that does not serve, or not us, is looked for again.
+// Its first word tells which service it is.
 void ServiceWatch::connect() {
     timer_ = 0;
     try {
@@ -51,10 +53,17 @@ void ServiceWatch::receive() {
 void ServiceWatch::lose() {
     loop_.unwatch(fd_.get());
     fd_.reset();
-    timer_ = loop_.after(std::chrono::milliseconds(kPause / 10), [this] { connect(); });
+    auto pause = kPause / 10;
+    if (!std::exchange(isServed_, false)) {
+        pause = pauseAfterRefusal_;
+        pauseAfterRefusal_ = std::min(pause * 2, kLongestPause);
+    }
+    timer_ = loop_.after(pause, [this] { connect(); });
 }
 
 void ServiceWatch::judge(const rlv::WatchNotice &notice) {
+    isServed_ = true;
+    pauseAfterRefusal_ = kPause;
     if (notice.serviceId != builtBy_())
         changed_("the traffic-control service was started anew");
     else if (notice.isUnjudged)

@@ -2,6 +2,7 @@
 #ifndef PLATFORM_HOST_SERVICE_WATCH_H
 #define PLATFORM_HOST_SERVICE_WATCH_H
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -14,7 +15,8 @@ namespace host {
 
 // Keeps a connection to the service, and says when the tables have to be built anew from the stored rules because the
 // service cannot know what should stand: it was started anew, or others have changed the tables before it knew. While
-// the service is away it is looked for twice a second. Never blocks for longer than a tenth of a second.
+// the service is away it is looked for twice a second; one that refuses is asked less and less often, down to twice a
+// minute. Never blocks for longer than a tenth of a second.
 class ServiceWatch {
 public:
     using Changed = std::function<void(const std::string &reason)>;
@@ -40,6 +42,8 @@ private:
     Changed changed_;
     support::UniqueFd fd_;
     support::EventLoop::Timer timer_ = 0;
+    bool isServed_ = false; // on this connection
+    std::chrono::milliseconds pauseAfterRefusal_;
 };
 
 } // namespace host
