@@ -20,6 +20,9 @@
 namespace sandbox {
 namespace {
 
+using Body = std::function<int()>;
+using Afterwards = std::function<int(int)>;
+
 int skipped(const char *what) {
     // ctest counts a test as skipped by the first words of this line.
     std::printf("[  SKIPPED ] no private namespaces here: %s: %s\n", what, std::strerror(errno));
@@ -75,8 +78,14 @@ int waitFor(pid_t wanted) {
     }
 }
 
+void endAllOthers() {
+    ::kill(-1, SIGKILL);
+    while (::waitpid(-1, nullptr, 0) > 0 || errno == EINTR) {
+    }
+}
+
 // The first process of the new process-id namespace: when it ends, the kernel kills all that is left in there.
-int runAsInit(const std::function<int()> &body) {
+int runAsInit(const Body &body, const Afterwards &afterwards) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (!coverDirectories())
         return skipped("mount");
@@ -85,10 +94,16 @@ int runAsInit(const std::function<int()> &body) {
     const pid_t child = ::fork();
     if (child == 0)
         std::exit(body());
-    return child < 0 ? skipped("fork") : waitFor(child);
+    if (child < 0)
+        return skipped("fork");
+    const int status = waitFor(child);
+    if (!afterwards)
+        return status;
+    endAllOthers();
+    return afterwards(status);
 }
 
-int enterAndRun(const std::function<int()> &body) {
+int enterAndRun(const Body &body, const Afterwards &afterwards) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (::geteuid() != 0 && !becomeRootOfUserNamespace())
         return skipped("user namespace");
@@ -96,7 +111,7 @@ int enterAndRun(const std::function<int()> &body) {
         return skipped("unshare");
     const pid_t init = ::fork();
     if (init == 0) {
-        const int status = runAsInit(body);
+        const int status = runAsInit(body, afterwards);
         std::fflush(nullptr);
         ::_exit(status);
     }
@@ -105,13 +120,13 @@ int enterAndRun(const std::function<int()> &body) {
 
 } // namespace
 
-int run(const std::function<int()> &body) {
+int run(const Body &body, const Afterwards &afterwards) {
     std::fflush(nullptr);
     // The caller itself stays where it is: after unshare(CLONE_NEWPID) and the end of the first process, a process can
     // start no other any more.
     const pid_t gate = ::fork();
     if (gate == 0) {
-        const int status = enterAndRun(body);
+        const int status = enterAndRun(body, afterwards);
         std::fflush(nullptr);
         ::_exit(status);
     }
