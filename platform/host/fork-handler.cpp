@@ -8,6 +8,7 @@
 
 #include "host/collector.h"
 #include "host/log.h"
+#include "support/signals.h"
 #include "support/unique-fd.h"
 #include "vlog/vlog-sink.h"
 
@@ -43,9 +44,7 @@ void inParent() { state().lock.reset(); }
 void restoreSignals(const std::vector<int> &signals) {
     for (const int signal : signals)
         ::signal(signal, SIG_DFL);
-    sigset_t none;
-    ::sigemptyset(&none);
-    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    support::unblockAllSignals();
 }
 
 void inChild() {

@@ -29,7 +29,7 @@
 #include "mavo/database.h"
 #include "rlv/rlv-query.h"
 #include "support/command-line.h"
-#include "vlog/vlog-sink.h"
+#include "support/log-options.h"
 
 namespace {
 
@@ -38,9 +38,7 @@ struct Options {
     std::string rlvSocket = rlv::kDefaultSocketPath;
     std::string plugin = host::defaultPluginPath();
     std::string privileges = "/etc/vpk/privileges.conf";
-    std::string logFile;
-    bool logStderr = false;
-    bool logSyslog = false;
+    support::LogOptions log;
     bool endCollector = false;
     int serviceTimeout = 0; // seconds
 };
@@ -55,23 +53,10 @@ void addOptions(CLI::App &app, Options &options) {
                    "How many seconds to wait for a traffic-control service that does not serve yet")
         ->check(CLI::Range(0, 3600))
         ->capture_default_str();
-    auto *file = app.add_option("--log-file", options.logFile, "Log to this file");
-    auto *standardError = app.add_flag("--log-stderr", options.logStderr, "Log to standard error");
-    auto *systemLog = app.add_flag("--log-syslog", options.logSyslog, "Log to the system log (the default)");
-    file->excludes(standardError, systemLog);
-    standardError->excludes(systemLog);
+    support::addLogOptions(app, options.log);
     app.add_flag("--end-collector", options.endCollector,
                  "End the collector, also one of an earlier host, take its marker away, and exit; no host may run");
     app.footer("Runs until SIGTERM. Rules and collector stay as they are when it ends. Its data is in /opt/data/vpk.");
-}
-
-void chooseLog(const Options &options) {
-    if (!options.logFile.empty())
-        vlog::useFile({options.logFile});
-    else if (options.logStderr)
-        vlog::useStandardError();
-    else
-        vlog::useSystemLog("vpkd");
 }
 
 // A service that is there may be stopped, busy, about to end, or short of something. One that serves others alone stays
@@ -102,7 +87,7 @@ bool isDataWell() try { return host::dataProblem().empty(); } catch (const mavo:
 
 void run(const Options &options) {
     ::umask(077);
-    chooseLog(options);
+    support::chooseLog(options.log, "vpkd");
     if (options.endCollector)
         return host::endCollector();
     const auto privileges = host::loadPrivileges(options.privileges);

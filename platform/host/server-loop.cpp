@@ -8,9 +8,7 @@
 #include <filesystem>
 #include <malloc.h>
 #include <sys/epoll.h>
-#include <sys/signalfd.h>
 #include <sys/wait.h>
-#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -18,6 +16,7 @@
 #include "host/log.h"
 #include "support/directories.h"
 #include "support/readiness.h"
+#include "support/signals.h"
 
 namespace host {
 namespace {
@@ -26,17 +25,9 @@ namespace {
 constexpr std::chrono::seconds kReadyAnyway{30};
 
 support::UniqueFd openSignals() {
-    sigset_t set;
-    ::sigemptyset(&set);
-    for (const int signal : {SIGTERM, SIGINT, SIGCHLD})
-        ::sigaddset(&set, signal);
-    ::sigprocmask(SIG_BLOCK, &set, nullptr);
     ::signal(SIGPIPE, SIG_IGN);
     ::signal(SIGXFSZ, SIG_IGN); // writing beyond a limit of the file size fails instead, with EFBIG
-    auto fd = support::aboveStandardStreams(support::UniqueFd(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK)));
-    if (!fd)
-        throw std::system_error(errno, std::generic_category(), "signalfd");
-    return fd;
+    return support::receiveSignals({SIGTERM, SIGINT, SIGCHLD});
 }
 
 // The only children of the host are collectors.
@@ -56,9 +47,8 @@ ServerLoop::ServerLoop(support::UniqueFd lock) : lock_(std::move(lock)), signals
 }
 
 void ServerLoop::handleSignal() {
-    signalfd_siginfo info{};
-    while (::read(signals_.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
-        if (info.ssi_signo != SIGCHLD)
+    while (const int signal = support::takeSignal(signals_)) {
+        if (signal != SIGCHLD)
             loop_.stop();
         else if (reapCollectors() && keeper_)
             keeper_->look();

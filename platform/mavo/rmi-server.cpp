@@ -16,6 +16,7 @@
 
 #include "mavo/database.h"
 #include "mavo/rmi-connection.h"
+#include "support/peer-credentials.h"
 
 namespace mavo {
 namespace rmi {
@@ -55,11 +56,10 @@ void refuseAsBusy(const UniqueFd &socket, const char *why) {
 }
 
 std::optional<Peer> peerOf(const UniqueFd &socket, const Privileges &privileges) {
-    ucred credentials{};
-    socklen_t size = sizeof(credentials);
-    if (::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0)
+    const auto credentials = support::credentialsOfPeer(socket);
+    if (!credentials)
         return std::nullopt;
-    return Peer{credentials.uid, credentials.gid, privileges.holdsAny(credentials.uid, credentials.gid)};
+    return Peer{credentials->uid, credentials->gid, privileges.holdsAny(credentials->uid, credentials->gid)};
 }
 
 std::string oneLine(std::string text) {

@@ -18,6 +18,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include "support/signals.h"
+
 namespace rlv {
 namespace {
 
@@ -106,9 +108,7 @@ void answerAll(Work &work) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     ::dup2(answers, STDIN_FILENO);
     ::close_range(STDERR_FILENO + 1, ~0U, 0);
-    sigset_t none;
-    ::sigemptyset(&none);
-    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    support::unblockAllSignals();
     try {
         Work work{names};
         answerAll(work);

@@ -16,7 +16,6 @@
 #include <pwd.h>
 #include <stdexcept>
 #include <sys/epoll.h>
-#include <sys/signalfd.h>
 #include <sys/stat.h>
 
 #include "rlv/client-socket.h"
@@ -27,8 +26,9 @@
 #include "rlv/service/service.h"
 #include "support/command-line.h"
 #include "support/directories.h"
+#include "support/log-options.h"
 #include "support/readiness.h"
-#include "vlog/vlog-sink.h"
+#include "support/signals.h"
 
 namespace {
 
@@ -56,9 +56,7 @@ struct Arguments {
     std::string socket = rlv::kDefaultSocketPath;
     std::vector<std::string> clientUsers;
     std::string socketGroup;
-    std::string logFile;
-    bool logStderr = false;
-    bool logSyslog = false;
+    support::LogOptions log;
     bool noResolve = false;
     bool removeTables = false;
     bool noRepair = false;
@@ -125,25 +123,9 @@ void addTableOptions(CLI::App &app, Arguments &arguments) {
         "them");
 }
 
-void addLogOptions(CLI::App &app, Arguments &arguments) {
-    auto *file = app.add_option("--log-file", arguments.logFile, "Log to this file instead of the system log");
-    auto *err = app.add_flag("--log-stderr", arguments.logStderr, "Log to standard error instead of the system log");
-    auto *syslog = app.add_flag("--log-syslog", arguments.logSyslog, "Log to the system log (this is the default)");
-    err->excludes(file)->excludes(syslog);
-    syslog->excludes(file);
+void addLoggingOptions(CLI::App &app, Arguments &arguments) {
+    support::addLogOptions(app, arguments.log);
     app.add_flag("--verbose", arguments.service.logAccepted, "Log accepted commands too, not only refused ones");
-}
-
-void chooseLog(const Arguments &arguments) {
-    if (!arguments.logFile.empty()) {
-        vlog::FileSink file;
-        file.path = arguments.logFile;
-        vlog::useFile(file);
-    } else if (arguments.logStderr) {
-        vlog::useStandardError();
-    } else {
-        vlog::useSystemLog("rlvd");
-    }
 }
 
 // A number that is too large is another account's when it is cut off.
@@ -213,22 +195,9 @@ int removeTables(const Arguments &arguments) {
     return EXIT_FAILURE;
 }
 
-// The signals that end the service, as a descriptor. Blocked from now on.
-support::UniqueFd stopSignals() {
-    sigset_t signals;
-    ::sigemptyset(&signals);
-    for (const int number : {SIGTERM, SIGINT, SIGHUP})
-        ::sigaddset(&signals, number);
-    ::sigprocmask(SIG_BLOCK, &signals, nullptr);
-    support::UniqueFd fd(::signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-    if (!fd)
-        throw std::system_error(errno, std::generic_category(), "signalfd");
-    return fd;
-}
-
 int serve(Arguments &arguments) {
     const gid_t group = resolveAccounts(arguments);
-    const support::UniqueFd signals = stopSignals();
+    const support::UniqueFd stopSignals = support::receiveSignals({SIGTERM, SIGINT, SIGHUP});
     if (arguments.socket == rlv::kDefaultSocketPath)
         support::makeDirectory(arguments.socket.substr(0, arguments.socket.find_last_of('/')), 0755);
     const auto table = openTable(arguments.service);
@@ -238,10 +207,8 @@ int serve(Arguments &arguments) {
     support::EventLoop loop;
     const rlv::Service service(loop, *table, socket.takeListener(), arguments.service);
     int signalNumber = 0;
-    loop.watch(signals.get(), EPOLLIN, [&](std::uint32_t) {
-        signalfd_siginfo received{};
-        if (::read(signals.get(), &received, sizeof received) == static_cast<ssize_t>(sizeof received))
-            signalNumber = static_cast<int>(received.ssi_signo);
+    loop.watch(stopSignals.get(), EPOLLIN, [&](std::uint32_t) {
+        signalNumber = support::takeSignal(stopSignals);
         loop.stop();
     });
     RLVD_INFO("serving %s, chains %s*%s", arguments.socket.c_str(), arguments.service.chainPrefix.c_str(),
@@ -268,11 +235,11 @@ int run(Arguments &arguments) {
         arguments.service.maxIdle = std::chrono::seconds(arguments.idleSeconds);
         arguments.service.names.refresh = std::chrono::seconds(arguments.refreshSeconds);
         arguments.service.patience = std::min(arguments.service.patience, arguments.service.maxIdle);
-        chooseLog(arguments);
+        support::chooseLog(arguments.log, "rlvd");
         return arguments.removeTables ? removeTables(arguments) : serve(arguments);
     } catch (const std::exception &error) {
         std::fprintf(stderr, "rlvd: %s\n", error.what());
-        if (!arguments.logStderr)
+        if (!arguments.log.toStandardError)
             RLVD_ERROR("ended: %s", error.what());
         return EXIT_FAILURE;
     }
@@ -285,7 +252,7 @@ int parseAndRun(int argc, char **argv) {
     app.set_version_flag("--version", "rlvd " NYR_VERSION);
     addServingOptions(app, arguments);
     addTableOptions(app, arguments);
-    addLogOptions(app, arguments);
+    addLoggingOptions(app, arguments);
     const auto ended = support::parseCommandLine(app, argc, argv);
     return ended ? *ended : run(arguments);
 }

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "rlv/service/service-log.h"
+#include "support/peer-credentials.h"
 
 namespace rlv {
 namespace {
@@ -21,15 +22,6 @@ std::uint64_t newServiceId() {
     std::random_device device;
     const std::uint64_t high = device();
     return (high << 32 | device()) | 1; // never 0
-}
-
-bool askerOf(int fd, Asker &asker) {
-    ucred credentials{};
-    socklen_t size = sizeof credentials;
-    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0)
-        return false;
-    asker = {credentials.uid, credentials.pid};
-    return true;
 }
 
 } // namespace
@@ -81,9 +73,10 @@ void Service::pauseAccepting() {
 }
 
 void Service::admit(support::UniqueFd fd) {
-    Asker asker;
-    if (!askerOf(fd.get(), asker))
+    const auto credentials = support::credentialsOfPeer(fd);
+    if (!credentials)
         return;
+    const Asker asker{credentials->uid, credentials->pid};
     const auto [error, why] = refusalFor(asker);
     if (error == 0)
         return serve(std::move(fd), asker);
