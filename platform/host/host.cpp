@@ -237,6 +237,7 @@ std::string Host::rebuild() try {
     std::string problem = bringUpAndJudge(current_ != nullptr ? std::optional<int>(applied_) : std::nullopt);
     if (problem.empty())
         builtBy_ = service.serviceId;
+    refreshRuleBackup(); // the plugin may have copied the rules in the middle of what came to nothing
     return problem;
 } catch (...) {
     return textOfException();

@@ -1,6 +1,7 @@
 // The traffic-control service is killed while it is needed: what was stored comes into force all the same.
 #include "system/system-test.h"
 
+#include <fstream>
 #include <optional>
 
 namespace {
@@ -89,6 +90,15 @@ TEST_F(AnInterruptedOperation, IsNoneWhenTheServiceMerelyRefusesARule) {
     system.control({"exec", "ApplyDenyRules", "tcp:198.51.100.300:80:in"});
     EXPECT_EQ(system.execute("ApplyDenyRules", "nonsense:1.2.3.4:1"), 1);
     EXPECT_FALSE(logHas("built anew"));
+}
+
+// It may have been copied in the middle of what came to nothing.
+TEST_F(AnInterruptedOperation, IsMadeGoodInTheBackupToo) {
+    std::ofstream(wholesystem::kRuleBackup) << "torn";
+    system.killService();
+    ASSERT_TRUE(system.startService());
+    EXPECT_TRUE(process::waitUntil([] { return logHas("the tables were built anew"); }));
+    EXPECT_EQ(contentOf(wholesystem::kRuleBackup), contentOf(wholesystem::kRuleDatabase));
 }
 
 TEST_F(AnInterruptedOperation, IsNoneWhenTheServiceIsStartedAnewBetweenTwo) {
