@@ -10,9 +10,7 @@
 namespace {
 
 using testing::AllOf;
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 using namespace rlvd;
 
