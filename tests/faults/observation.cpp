@@ -126,7 +126,7 @@ Kernel kernelOf(const Rows &rows) {
     Kernel kernel;
     for (const auto &row : rows) {
         for (const bool inbound : {true, false}) {
-            const bool covered = row.direction == 0 || row.direction == (inbound ? 1 : 2);
+            const bool covered = row.direction != (inbound ? 2 : 1); // any number but these two is both
             const auto rule = model::kernelRule(row, inbound, row.isAllowed != 0 ? "ACCEPT" : "VPK-LOGANDDROP");
             if (covered && rule)
                 (row.isAllowed != 0 ? kernel.allow : kernel.deny).push_back(*rule);
