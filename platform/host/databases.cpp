@@ -7,10 +7,12 @@
 #include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 #include "host/log.h"
 #include "host/paths.h"
 #include "host/plugin-files.h"
+#include "host/rebuild.h"
 #include "mavo/database-recovery.h"
 #include "mavo/database.h"
 #include "mavo/exception.h"
@@ -74,10 +76,50 @@ struct BackupState {
 std::optional<BackupState> wellAt;
 std::string backupProblem;
 
+// The next attempt.
+using Clock = support::EventLoop::Clock;
+support::EventLoop *retryLoop = nullptr;
+support::EventLoop::Timer retry = 0;
+std::optional<Clock::time_point> failsSince;
+bool isRetrying = false;
+
+void cancelRetry() {
+    if (retryLoop != nullptr)
+        retryLoop->cancel(std::exchange(retry, 0));
+}
+
+void arrangeRetry() {
+    if (retryLoop == nullptr)
+        return;
+    const auto now = Clock::now();
+    failsSince = failsSince.value_or(now);
+    cancelRetry();
+    const auto failing = std::chrono::duration_cast<std::chrono::milliseconds>(now - *failsSince);
+    retry = retryLoop->after(Rebuild::pauseAfter(failing), [] {
+        retry = 0;
+        isRetrying = true;
+        refreshRuleBackup();
+        isRetrying = false;
+    });
+}
+
+// Whoever calls is told each time, the log of a retry only what is new.
 void tellOfBackup(const char *problem) noexcept try {
-    backupProblem = std::string(kRuleDatabaseBackup) + ": was not made equal to the rules: " + problem;
+    arrangeRetry();
+    std::string line = std::string(kRuleDatabaseBackup) + ": was not made equal to the rules: " + problem;
+    if (isRetrying && line == backupProblem)
+        return;
+    backupProblem = std::move(line);
     logError(backupProblem);
 } catch (...) { // no memory: the next call tries again
+}
+
+void backupIsWell() {
+    wellAt = BackupState();
+    if (!std::exchange(backupProblem, {}).empty())
+        logInfo(std::string(kRuleDatabaseBackup) + ": is equal to the rules again");
+    failsSince.reset();
+    cancelRetry();
 }
 
 // The plugin makes none before the first change of its rules.
@@ -109,12 +151,18 @@ void refreshRuleBackup() noexcept try {
             mavo::database::refreshBackup(kRuleDatabase);
     } catch (const mavo::Exception &) { // there are no rules yet, or none that is left: the plugin begins with none
     }
-    wellAt = BackupState();
-    backupProblem.clear();
+    backupIsWell();
 } catch (const mavo::database::Unavailable &problem) {
     tellOfBackup(problem.what());
 } catch (const std::exception &problem) {
     tellOfBackup(problem.what());
+}
+
+void retryRuleBackupIn(support::EventLoop *loop) {
+    cancelRetry();
+    retryLoop = loop;
+    if (!backupProblem.empty())
+        arrangeRetry();
 }
 
 void distrustRuleBackup() noexcept { wellAt.reset(); }

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "support/event-loop.h"
+
 namespace host {
 
 // Says which file is the backup of the rules, and that statistics and statuses may be started anew. From then on the
@@ -15,8 +17,13 @@ void watchOverDatabases();
 // Makes the backup equal to the rules: a host that was killed may have left it behind or torn, and the plugin, which
 // copies the file after each change, looks at no error of that. Brings the backup back where the rules are damaged.
 // Does nothing when nothing was changed since the two were equal, and makes none before there are rules. What keeps it
-// from that is told as an error in the log and, until it has been done, in the status.
+// from that is told as an error in the log and, until it has been done, in the status; where a loop was given, it is
+// tried again and again, with the pauses of Rebuild.
 void refreshRuleBackup() noexcept;
+
+// What could not be done for the backup is tried again in this loop from now on; null ends it. It must outlive all
+// calls.
+void retryRuleBackupIn(support::EventLoop *loop);
 
 // The next refreshRuleBackup() looks at both files, whether something was changed here or not.
 void distrustRuleBackup() noexcept;

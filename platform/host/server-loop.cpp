@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "host/collector.h"
+#include "host/databases.h"
 #include "host/log.h"
 #include "support/directories.h"
 #include "support/readiness.h"
@@ -71,6 +72,7 @@ void ServerLoop::serve(Host &host, const std::string &socket, const mavo::rmi::P
         });
     Rebuild rebuild(loop_, [&host] { return host.rebuild(); });
     host.setRebuild(&rebuild);
+    retryRuleBackupIn(&loop_);
     keeper_ = std::make_unique<CollectorKeeper>(
         loop_, CollectorKeeper::Actions{[&host] { return host.wantsCollector(); },
                                         [&host](auto clockSetBy) { host.startCollectorAgain(clockSetBy); }});
@@ -96,6 +98,7 @@ void ServerLoop::serve(Host &host, const std::string &socket, const mavo::rmi::P
     loop_.run();
     host.names().follow(nullptr, {});
     watch_.reset();
+    retryRuleBackupIn(nullptr);
     host.setRebuild(nullptr);
     host.setCollectorKeeper(nullptr);
     keeper_.reset();

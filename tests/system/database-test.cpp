@@ -194,6 +194,19 @@ TEST_F(ADatabase, SaysSoWhileItsBackupCannotBeRenewed) {
     EXPECT_THAT(status(), testing::Not(HasSubstr(problem)));
 }
 
+TEST_F(ADatabase, HasItsBackupRenewedBeforeAnybodyCallsAgain) {
+    ASSERT_EQ(0, ::mount(kRuleBackup, kRuleBackup, nullptr, MS_BIND, nullptr));
+    ASSERT_EQ(0, ::mount(nullptr, kRuleBackup, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr));
+    const auto answer = system.control({"exec", "ApplyDenyRules", "tcp:192.0.2.2:80:in"});
+    ASSERT_THAT(answer.output + answer.errors, HasSubstr("was not made equal to the rules"));
+    ASSERT_EQ(0, ::umount(kRuleBackup));
+    EXPECT_TRUE(process::waitUntil([] { return contentOf(kRuleBackup) == contentOf(kRuleDatabase); }));
+    EXPECT_EQ(storedRules(kRuleBackup).size(), 2U);
+    EXPECT_TRUE(process::waitUntil(
+        [] { return contentOf(kHostLog).find("is equal to the rules again") != std::string::npos; }));
+    EXPECT_THAT(status(), testing::Not(HasSubstr("was not made equal")));
+}
+
 TEST_F(ADatabase, ChangedBySomebodyElseIsUsedAndThatIsSaid) {
     ASSERT_EQ(system.stopHost(), 0);
     EXPECT_EQ(0, process::capture({"sqlite3", kRuleDatabase, "DELETE FROM firewall_rules"}).status);
