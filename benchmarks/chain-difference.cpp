@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "rlv/table/chain-plan.h"
-#include "rlv/table/ruleset.h"
+#include "rlv/table/ruleset-backend.h"
 
 namespace {
 
@@ -30,9 +30,9 @@ Rule ruleNumber(std::uint32_t number) {
     return rule;
 }
 
-double commitMilliseconds(rlv::RulesetStore &store, const Changes &changes) {
+double commitMilliseconds(rlv::RulesetBackend &backend, const Changes &changes) {
     const auto start = Clock::now();
-    const auto failures = store.commit(changes, std::nullopt);
+    const auto failures = backend.commit(changes, std::nullopt);
     const std::chrono::duration<double, std::milli> taken = Clock::now() - start;
     if (!failures.empty()) {
         std::fprintf(stderr, "refused: errno %d\n", failures.front().error);
@@ -48,14 +48,15 @@ Changes refill(const std::vector<Rule> &rules) {
     return changes;
 }
 
-Changes bySteps(const rlv::ChainPlan &plan, const std::vector<rlv::HeldRule> &held, const std::vector<Rule> &rules) {
+Changes bySteps(const rlv::ChainPlan &plan, const std::vector<rlv::StandingRule> &standing,
+                const std::vector<Rule> &rules) {
     Changes changes;
     for (const std::size_t place : plan.deletions)
-        changes.push_back({Change::Kind::deleteRule, &kChain, nullptr, held[place].handle});
+        changes.push_back({Change::Kind::deleteRule, &kChain, nullptr, standing[place].handle});
     for (const auto &insertion : plan.insertions) {
         const bool atTheEnd = insertion.before == rlv::ChainPlan::kAtTheEnd;
         changes.push_back({atTheEnd ? Change::Kind::appendRule : Change::Kind::insertRule, &kChain,
-                           &rules[insertion.appended], atTheEnd ? 0 : held[insertion.before].handle});
+                           &rules[insertion.appended], atTheEnd ? 0 : standing[insertion.before].handle});
     }
     return changes;
 }
@@ -66,7 +67,7 @@ double median(std::vector<double> values) {
 }
 
 // Every `every`-th rule gives way to another, or, where `onlyDelete`, to none.
-void compare(rlv::RulesetStore &store, std::uint32_t count, std::uint32_t every, bool onlyDelete) {
+void compare(rlv::RulesetBackend &backend, std::uint32_t count, std::uint32_t every, bool onlyDelete) {
     std::vector<Rule> before;
     std::vector<Rule> after;
     for (std::uint32_t i = 0; i < count; ++i) {
@@ -85,14 +86,15 @@ void compare(rlv::RulesetStore &store, std::uint32_t count, std::uint32_t every,
     const std::vector<bool> all(count, true);
     const char *chosen = "";
     for (int i = 0; i < kRepetitions; ++i) {
-        commitMilliseconds(store, refill(before));
-        refills.push_back(commitMilliseconds(store, refill(after)));
-        commitMilliseconds(store, refill(before));
-        const auto held = store.read()->chains.at(kChain).rules;
+        commitMilliseconds(backend, refill(before));
+        refills.push_back(commitMilliseconds(backend, refill(after)));
+        commitMilliseconds(backend, refill(before));
+        const auto standing = backend.read()->chains.at(kChain).rules;
         rlv::PlanLimits noRefill;
         noRefill.mayRefill = false;
-        steps.push_back(commitMilliseconds(store, bySteps(rlv::planChain(held, all, wanted, noRefill), held, after)));
-        chosen = rlv::planChain(held, all, wanted).refill ? "refill" : "steps";
+        steps.push_back(
+            commitMilliseconds(backend, bySteps(rlv::planChain(standing, all, wanted, noRefill), standing, after)));
+        chosen = rlv::planChain(standing, all, wanted).refill ? "refill" : "steps";
     }
     std::printf("%8u %7.1f %% %-8s %10.1f %10.1f %8.2f   %s\n", count, 100.0 / every, onlyDelete ? "gone" : "changed",
                 median(steps), median(refills), median(steps) / median(refills), chosen);
@@ -102,16 +104,16 @@ void compare(rlv::RulesetStore &store, std::uint32_t count, std::uint32_t every,
 } // namespace
 
 int main() {
-    const auto store = rlv::openKernelStore("VPK-");
-    commitMilliseconds(*store,
+    const auto backend = rlv::openKernelBackend("VPK-");
+    commitMilliseconds(*backend,
                        {{Change::Kind::addTable, nullptr, nullptr, 0}, {Change::Kind::addChain, &kChain, nullptr, 0}});
     std::printf("   rules     share          steps, ms  refill, ms    ratio   chosen\n");
     for (const std::uint32_t count : {1'000U, 10'000U, 40'000U}) {
         for (const std::uint32_t every : {100U, 20U, 10U, 5U, 2U}) {
             if (count == 40'000U && every < 10)
                 continue;
-            compare(*store, count, every, true);
-            compare(*store, count, every, false);
+            compare(*backend, count, every, true);
+            compare(*backend, count, every, false);
         }
     }
     return EXIT_SUCCESS;

@@ -26,7 +26,7 @@
 #include "fuzz/input.h"
 #include "fuzz/require.h"
 #include "rlv/table/rule-expressions.h"
-#include "rlv/table/ruleset.h"
+#include "rlv/table/ruleset-backend.h"
 
 namespace {
 
@@ -256,14 +256,15 @@ std::optional<rlv::Rule> writtenAndRead(const rlv::Rule &rule) {
 // What is taken for a rule of ours is one: written by us it reads the same.
 void checkRuleset(const rlv::Ruleset &ruleset) {
     for (const auto &[name, chain] : ruleset.chains) {
-        for (const rlv::HeldRule &held : chain.rules) {
-            if (held.rule)
-                fuzz::require(writtenAndRead(*held.rule) == held.rule, "a rule that is read can be written", name);
+        for (const rlv::StandingRule &standing : chain.rules) {
+            if (standing.rule)
+                fuzz::require(writtenAndRead(*standing.rule) == standing.rule, "a rule that is read can be written",
+                              name);
         }
     }
 }
 
-void commitSome(rlv::RulesetStore &store, bool isDryRun) {
+void commitSome(rlv::RulesetBackend &backend, bool isDryRun) {
     const std::string chain = "VPK-A";
     const std::string base = "INPUT";
     rlv::Rule rule;
@@ -273,30 +274,30 @@ void commitSome(rlv::RulesetStore &store, bool isDryRun) {
                                {Kind::addChain, &chain, nullptr, 0},   {Kind::flushChain, &chain, nullptr, 0},
                                {Kind::insertRule, &chain, &rule, 7},   {Kind::appendRule, &chain, &rule, 0},
                                {Kind::deleteRule, &chain, nullptr, 9}, {Kind::deleteChain, &chain, nullptr, 0}};
-    const auto failures = isDryRun ? store.dryRun(changes) : store.commit(changes, 1);
+    const auto failures = isDryRun ? backend.dryRun(changes) : backend.commit(changes, 1);
     for (const rlv::ChangeFailure &failure : failures)
         fuzz::require((!failure.index || *failure.index < changes.size()) && failure.error != 0,
                       "a refusal is one of a change");
 }
 
-void operate(rlv::RulesetStore &store, unsigned operation) {
+void operate(rlv::RulesetBackend &backend, unsigned operation) {
     switch (operation % 8) {
     case 0:
-        store.generation();
+        backend.generation();
         return;
     case 1:
-        store.readHandles("VPK-A", 1);
+        backend.readHandles("VPK-A", 1);
         return;
     case 2:
-        return commitSome(store, true);
+        return commitSome(backend, true);
     case 3:
-        return commitSome(store, false);
+        return commitSome(backend, false);
     case 4:
-        if (const auto ruleset = store.readInParts())
+        if (const auto ruleset = backend.readInParts())
             checkRuleset(*ruleset);
         return;
     default:
-        if (const auto ruleset = store.read())
+        if (const auto ruleset = backend.read())
             checkRuleset(*ruleset);
         return;
     }
@@ -309,10 +310,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     const unsigned operations = input.byte();
     kernel = Kernel();
     kernel.answers = Script(input).answers();
-    const auto store = rlv::openKernelStore("VPK-");
+    const auto backend = rlv::openKernelBackend("VPK-");
     for (const unsigned operation : {operations & 0xfU, operations >> 4}) {
         try {
-            operate(*store, operation);
+            operate(*backend, operation);
         } catch (const std::system_error &) {
             // The kernel is not understood, or gives no answer; the next operation begins anew.
         }

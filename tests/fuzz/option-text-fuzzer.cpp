@@ -10,7 +10,7 @@
 #include "fuzz/require.h"
 #include "rlv/command-form.h"
 #include "rlv/known-answers.h"
-#include "rlv/table/model.h"
+#include "rlv/table/pending-ruleset.h"
 
 namespace {
 
@@ -22,7 +22,7 @@ rlv::Ruleset startingRuleset() {
     ruleset.chains["INPUT"].isBase = true;
     ruleset.chains["OUTPUT"].isBase = true;
     ruleset.chains["VPK-A"];
-    rlv::HeldRule foreign;
+    rlv::StandingRule foreign;
     foreign.handle = 7;
     ruleset.chains["VPK-B"].rules.push_back(foreign);
     return ruleset;
@@ -36,17 +36,17 @@ void resolve(std::string &name, std::optional<rlv::Network> &network) {
     name.clear();
 }
 
-// One connection: the service's model of the table, and the client's knowledge.
+// One connection: what the service makes of the table, and the client's knowledge.
 class Dialogue {
 public:
-    Dialogue() : model_(kMaxRules) { model_.load(startingRuleset()); }
+    Dialogue() : pending_(kMaxRules) { pending_.load(startingRuleset()); }
 
     void say(const std::string &options) {
         const bool isKnown = known_.take(options);
         const bool isAccepted = carryOut(options);
         fuzz::require(isAccepted || !isKnown, "what the client knows is what the service answers", options);
         if (!isKnown)
-            known_.learn(options, isAccepted, rlv::isAppending(options) ? model_.room() : 0);
+            known_.learn(options, isAccepted, rlv::isAppending(options) ? pending_.room() : 0);
     }
 
 private:
@@ -56,13 +56,13 @@ private:
             return false;
         resolve(command->sourceName, command->rule.source);
         resolve(command->destinationName, command->rule.destination);
-        const auto answer = model_.apply({*command}, options);
+        const auto answer = pending_.apply({*command}, options);
         fuzz::require((answer.code == 0) == answer.message.empty(), "a refusal, and no other answer, says why",
                       options);
         return answer.code == 0;
     }
 
-    rlv::Model model_;
+    rlv::PendingRuleset pending_;
     rlv::KnownAnswers known_;
 };
 

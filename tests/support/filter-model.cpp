@@ -271,7 +271,7 @@ Connection::Outcome Connection::push(const Table &now, const Refusals &refusals)
     return outcome;
 }
 
-std::vector<std::string> Connection::drop() {
+std::vector<std::string> Connection::discard() {
     std::set<std::uint64_t> numbers;
     for (const Entry &entry : log_)
         numbers.insert(entry.number);

@@ -70,7 +70,7 @@ public:
     // What comes of sending to a table that is `now` this. The connection goes on with it.
     Outcome push(const Table &now, const Refusals &refusals = Refusals());
     // What is forgotten. The connection goes on with the table that it knows.
-    std::vector<std::string> drop();
+    std::vector<std::string> discard();
 
 private:
     // A command that is still to be sent, or one rule of it.

@@ -102,7 +102,7 @@ void Delivery::drop(const std::string &why) {
     if (!std::exchange(hasUnsent_, false))
         return;
     try {
-        PushReport report = context_.table.drop();
+        PushReport report = context_.table.discard();
         for (LostCommand &lost : report.lost)
             lost.message = why;
         loseAll(report);

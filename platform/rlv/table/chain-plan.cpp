@@ -4,13 +4,15 @@
 #include <cstdint>
 #include <unordered_map>
 
+#include "rlv/table/longest-increasing-subsequence.h"
+
 namespace rlv {
 
 namespace {
 
 // Measured on Linux 6.18 by benchmarks/chain-difference.
 constexpr double kMakeMicroseconds = 5;      // a rule made
-constexpr double kDropMicroseconds = 0.2;    // a rule that goes with its chain's emptying
+constexpr double kFlushMicroseconds = 0.2;   // a rule that goes with its chain's emptying
 constexpr double kMessageMicroseconds = 1.5; // a rule deleted, the way to it aside
 
 // So many pairs of equal rules are looked at: where a chain has more, not all of its rules that could stay do.
@@ -38,58 +40,38 @@ struct Equal {
     bool operator()(const Rule *left, const Rule *right) const { return *left == *right; }
 };
 
-// The places of `candidates` at which, of all selections that rise, a longest one stands.
-std::vector<std::size_t> longestRising(const std::vector<std::size_t> &values) {
-    std::vector<std::size_t> ends; // by length: the place of the smallest value that a run of this length can end with
-    std::vector<std::size_t> before(values.size(), ChainPlan::kAtTheEnd);
-    for (std::size_t i = 0; i < values.size(); ++i) {
-        const auto end = std::lower_bound(ends.begin(), ends.end(), values[i],
-                                          [&](std::size_t place, std::size_t value) { return values[place] < value; });
-        if (end != ends.begin())
-            before[i] = *(end - 1);
-        if (end == ends.end())
-            ends.push_back(i);
-        else
-            *end = i;
-    }
-    std::vector<std::size_t> run(ends.size());
-    for (std::size_t i = ends.size(), place = ends.empty() ? 0 : ends.back(); i > 0; place = before[place])
-        run[--i] = place;
-    return run;
-}
-
 class Planner {
 public:
-    Planner(const std::vector<HeldRule> &held, const std::vector<bool> &givenUp,
+    Planner(const std::vector<StandingRule> &standing, const std::vector<bool> &doomed,
             const std::vector<const Rule *> &appended)
-        : held_(held), givenUp_(givenUp), appended_(appended) {
-        tail_ = held.size();
+        : standing_(standing), doomed_(doomed), appended_(appended) {
+        tail_ = standing.size();
         while (tail_ > 0 && goes(tail_ - 1))
             --tail_;
     }
 
     void match() {
         std::size_t front = 0;
-        while (front < appended_.size() && tail_ + front < held_.size() && equals(tail_ + front, front)) {
+        while (front < appended_.size() && tail_ + front < standing_.size() && equals(tail_ + front, front)) {
             plan_.matches.push_back({tail_ + front, front});
             ++front;
         }
-        std::size_t heldEnd = held_.size();
+        std::size_t standingEnd = standing_.size();
         std::size_t appendedEnd = appended_.size();
-        while (heldEnd > tail_ + front && appendedEnd > front && equals(heldEnd - 1, appendedEnd - 1)) {
-            --heldEnd;
+        while (standingEnd > tail_ + front && appendedEnd > front && equals(standingEnd - 1, appendedEnd - 1)) {
+            --standingEnd;
             --appendedEnd;
         }
-        matchBetween({tail_ + front, heldEnd}, {front, appendedEnd});
-        for (; heldEnd < held_.size(); ++heldEnd, ++appendedEnd)
-            plan_.matches.push_back({heldEnd, appendedEnd});
+        matchBetween({tail_ + front, standingEnd}, {front, appendedEnd});
+        for (; standingEnd < standing_.size(); ++standingEnd, ++appendedEnd)
+            plan_.matches.push_back({standingEnd, appendedEnd});
     }
 
     ChainPlan finish(PlanLimits limits) {
         listDeletions();
         listInsertions();
         const bool everyRuleGoes = tail_ == 0;
-        const bool isCheaper = !held_.empty() && refillCost() < stepsCost();
+        const bool isCheaper = !standing_.empty() && refillCost() < stepsCost();
         if (limits.mayRefill && everyRuleGoes && (isCheaper || !limits.mayMatch)) {
             plan_.refill = true;
             plan_.matchesLost = plan_.matches.size();
@@ -102,10 +84,10 @@ public:
     }
 
 private:
-    bool goes(std::size_t place) const { return !givenUp_.empty() && givenUp_[place]; }
+    bool goes(std::size_t place) const { return !doomed_.empty() && doomed_[place]; }
 
-    bool equals(std::size_t held, std::size_t appended) const {
-        return held_[held].rule && *held_[held].rule == *appended_[appended];
+    bool equals(std::size_t standing, std::size_t appended) const {
+        return standing_[standing].rule && *standing_[standing].rule == *appended_[appended];
     }
 
     using Places = std::unordered_map<const Rule *, std::vector<std::size_t>, Hash, Equal>;
@@ -115,23 +97,23 @@ private:
     };
 
     // As many stay as can without a change of order.
-    void matchBetween(Range held, Range appended) {
-        if (held.begin == held.end || appended.begin == appended.end)
+    void matchBetween(Range standing, Range appended) {
+        if (standing.begin == standing.end || appended.begin == appended.end)
             return;
         Places places; // of each rule, falling
-        for (std::size_t i = held.end; i > held.begin; --i) {
-            if (held_[i - 1].rule)
-                places[&*held_[i - 1].rule].push_back(i - 1);
+        for (std::size_t i = standing.end; i > standing.begin; --i) {
+            if (standing_[i - 1].rule)
+                places[&*standing_[i - 1].rule].push_back(i - 1);
         }
-        const std::size_t mostPairs = kPairsPerRule * (held.end - held.begin + appended.end - appended.begin);
+        const std::size_t mostPairs = kPairsPerRule * (standing.end - standing.begin + appended.end - appended.begin);
         auto pairs = allPairs(places, appended, mostPairs);
         if (pairs.size() > mostPairs)
             pairs = onePairEach(places, appended);
         std::vector<std::size_t> values;
         values.reserve(pairs.size());
         for (const ChainPlan::Match &pair : pairs)
-            values.push_back(pair.held);
-        for (const std::size_t place : longestRising(values))
+            values.push_back(pair.standing);
+        for (const std::size_t place : longestIncreasingSubsequence(values))
             plan_.matches.push_back(pairs[place]);
     }
 
@@ -164,8 +146,8 @@ private:
 
     void listDeletions() {
         auto match = plan_.matches.begin();
-        for (std::size_t i = 0; i < held_.size(); ++i) {
-            if (match != plan_.matches.end() && match->held == i)
+        for (std::size_t i = 0; i < standing_.size(); ++i) {
+            if (match != plan_.matches.end() && match->standing == i)
                 ++match;
             else if (goes(i))
                 plan_.deletions.push_back(i);
@@ -178,12 +160,12 @@ private:
             if (match != plan_.matches.end() && match->appended == i)
                 ++match;
             else
-                plan_.insertions.push_back({i, match == plan_.matches.end() ? ChainPlan::kAtTheEnd : match->held});
+                plan_.insertions.push_back({i, match == plan_.matches.end() ? ChainPlan::kAtTheEnd : match->standing});
         }
     }
 
     double stepsCost() const {
-        const double step = stepMicroseconds(held_.size());
+        const double step = stepMicroseconds(standing_.size());
         double cost = static_cast<double>(plan_.insertions.size()) * kMakeMicroseconds;
         for (const std::size_t place : plan_.deletions)
             cost += kMessageMicroseconds + static_cast<double>(place) * step;
@@ -195,12 +177,12 @@ private:
     }
 
     double refillCost() const {
-        return static_cast<double>(held_.size()) * kDropMicroseconds +
+        return static_cast<double>(standing_.size()) * kFlushMicroseconds +
                static_cast<double>(appended_.size()) * kMakeMicroseconds;
     }
 
-    const std::vector<HeldRule> &held_;
-    const std::vector<bool> &givenUp_;
+    const std::vector<StandingRule> &standing_;
+    const std::vector<bool> &doomed_;
     const std::vector<const Rule *> &appended_;
     std::size_t tail_ = 0; // from here on no rule has to stay
     ChainPlan plan_;
@@ -208,9 +190,9 @@ private:
 
 } // namespace
 
-ChainPlan planChain(const std::vector<HeldRule> &held, const std::vector<bool> &givenUp,
+ChainPlan planChain(const std::vector<StandingRule> &standing, const std::vector<bool> &doomed,
                     const std::vector<const Rule *> &appended, PlanLimits limits) {
-    Planner planner(held, givenUp, appended);
+    Planner planner(standing, doomed, appended);
     if (limits.mayMatch)
         planner.match();
     return planner.finish(limits);

@@ -102,15 +102,13 @@ const ActionWord &parseAction(std::string_view word) {
     return *found;
 }
 
-bool isHookChain(std::string_view chain) { return chain == "INPUT" || chain == "OUTPUT"; }
-
 std::string ownChains(const std::string &prefix) {
     return "a chain that begins with \"" + prefix + "\", at most " + std::to_string(kMaxChainLength) +
            " letters, digits and -_.";
 }
 
 std::string parseChain(std::string_view word, bool hasRule, const std::string &prefix) {
-    if (!isOwnChain(word, prefix) && !(hasRule && isHookChain(word)))
+    if (!isOwnChain(word, prefix) && !(hasRule && isBuiltInChain(word)))
         refuse("bad chain", word, ownChains(prefix) + (hasRule ? ", or INPUT or OUTPUT" : ""));
     return std::string(word);
 }
@@ -143,7 +141,7 @@ void parsePortsWord(std::string_view option, std::string_view word, bool isSourc
     if (!ports)
         refuse("bad port", word, "0 to 65535, or a range first:last of these that is not reversed");
     const bool full = ports->first == 0 && ports->last == UINT16_MAX;
-    (isSource || (full && dropsFullPortRange(*rule.protocol)) ? rule.sourcePorts : rule.destinationPorts) = ports;
+    (isSource || (full && foldsFullPortRange(*rule.protocol)) ? rule.sourcePorts : rule.destinationPorts) = ports;
 }
 
 Target parseLogTarget(Words &words) {
@@ -190,7 +188,7 @@ void parseSide(Words &words, Command &command) {
 }
 
 void parseRule(Words &words, const std::string &prefix, Command &command) {
-    const bool isHook = isHookChain(command.chain);
+    const bool isHook = isBuiltInChain(command.chain);
     if (!isHook && words.takeIf("-p"))
         command.rule.protocol = parseProtocolWord(words.take([] { return "a protocol"; }));
     if (!isHook)

@@ -7,6 +7,8 @@
 #include <unordered_map>
 #include <utility>
 
+#include "rlv/table/rule-words.h"
+
 namespace rlv {
 
 namespace {
@@ -54,8 +56,6 @@ struct SameMatch {
     }
 };
 
-bool isHookChain(const std::string &name) { return name == "INPUT" || name == "OUTPUT"; }
-
 // Where the rules of a chain do the same to a packet, none of them matters beside another, nor does their order.
 bool isOrdered(const std::vector<Rule> &rules) {
     return std::any_of(rules.begin(), rules.end(), [&](const Rule &rule) {
@@ -63,20 +63,21 @@ bool isOrdered(const std::vector<Rule> &rules) {
     });
 }
 
-const OtherRule &otherOf(const HeldChain &chain, const HeldRule &held) {
+const OtherRule &otherOf(const StandingChain &chain, const StandingRule &standing) {
     static const OtherRule unknown{"[a rule of another kind]", Effect::decides, {}};
-    const auto found = chain.others.find(held.handle);
+    const auto found = chain.others.find(standing.handle);
     return found == chain.others.end() ? unknown : found->second;
 }
 
-std::string textOf(const HeldChain &chain, const HeldRule &held) {
-    return held.rule ? describe(*held.rule) : otherOf(chain, held).text;
+std::string textOf(const StandingChain &chain, const StandingRule &standing) {
+    return standing.rule ? describe(*standing.rule) : otherOf(chain, standing).text;
 }
 
 // One chain that is wholly ours.
 class OwnChain {
 public:
-    OwnChain(const std::string &name, const HeldChain &chain, const std::vector<Rule> &wanted, Comparison &comparison)
+    OwnChain(const std::string &name, const StandingChain &chain, const std::vector<Rule> &wanted,
+             Comparison &comparison)
         : name_(name), chain_(chain), wanted_(wanted), comparison_(comparison) {}
 
     // Gives back how many of the wanted rules stand.
@@ -103,12 +104,12 @@ private:
         for (const Rule &rule : wanted_)
             ++counts[&rule].left;
         for (std::size_t place = 0; place < chain_.rules.size(); ++place) {
-            const auto &held = chain_.rules[place].rule;
-            const auto found = held ? counts.find(&*held) : counts.end();
+            const auto &standing = chain_.rules[place].rule;
+            const auto found = standing ? counts.find(&*standing) : counts.end();
             if (found == counts.end() || (ordered && found->second.left == 0)) {
                 foreign_.push_back(place);
             } else if (found->second.left == 0) {
-                add(comparison_, {Kind::twice, name_, describe(*held), {}});
+                add(comparison_, {Kind::twice, name_, describe(*standing), {}});
             } else {
                 --found->second.left;
                 ++inForce_;
@@ -136,8 +137,8 @@ private:
             byMatch.emplace(&wanted_[place], place);
         std::set<std::size_t> found;
         const auto isChanged = [&](std::size_t place) {
-            const auto &held = chain_.rules[place].rule;
-            auto wanted = held ? byMatch.find(&*held) : byMatch.end();
+            const auto &standing = chain_.rules[place].rule;
+            auto wanted = standing ? byMatch.find(&*standing) : byMatch.end();
             if (wanted == byMatch.end() && ordered)
                 wanted =
                     std::find_if(byMatch.begin(), byMatch.end(), [&](const auto &one) { return one.second == place; });
@@ -162,8 +163,8 @@ private:
     // All wanted rules stand: do they one after another?
     void compareOrder() {
         std::size_t next = 0;
-        for (const HeldRule &held : chain_.rules) {
-            if (next < wanted_.size() && held.rule && *held.rule == wanted_[next])
+        for (const StandingRule &standing : chain_.rules) {
+            if (next < wanted_.size() && standing.rule && *standing.rule == wanted_[next])
                 ++next;
         }
         if (next < wanted_.size())
@@ -172,7 +173,7 @@ private:
     }
 
     const std::string &name_;
-    const HeldChain &chain_;
+    const StandingChain &chain_;
     const std::vector<Rule> &wanted_;
     Comparison &comparison_;
     std::vector<std::size_t> foreign_; // places of rules that stand
@@ -182,9 +183,9 @@ private:
 };
 
 // INPUT or OUTPUT, where only some jumps are ours.
-class HookChain {
+class BuiltInChain {
 public:
-    HookChain(const std::string &name, const Ruleset &ruleset, const WantedChains &wanted, Comparison &comparison)
+    BuiltInChain(const std::string &name, const Ruleset &ruleset, const WantedChains &wanted, Comparison &comparison)
         : name_(name), ruleset_(ruleset), wantedChains_(wanted), chain_(ruleset.chains.at(name)),
           wanted_(wanted.at(name)), comparison_(comparison), places_(wanted_.size()) {}
 
@@ -192,7 +193,7 @@ public:
     std::size_t compare() {
         if (!chain_.isBase)
             add(comparison_, {Kind::changed, name_, {}, "wanted: a base chain, no packet enters this one"});
-        else if (chain_.hookError != 0)
+        else if (chain_.baseChainError != 0)
             add(comparison_, {Kind::changed, name_, {}, "wanted: a base chain of type filter at the hook of its name"});
         findHooks();
         findChangedHooks();
@@ -205,14 +206,14 @@ public:
 private:
     void findHooks() {
         for (std::size_t place = 0; place < chain_.rules.size(); ++place) {
-            const auto &held = chain_.rules[place].rule;
-            const auto hook = held ? std::find(wanted_.begin(), wanted_.end(), *held) : wanted_.end();
+            const auto &standing = chain_.rules[place].rule;
+            const auto hook = standing ? std::find(wanted_.begin(), wanted_.end(), *standing) : wanted_.end();
             if (hook == wanted_.end())
                 continue;
             ours_.insert(place);
             auto &first = places_[static_cast<std::size_t>(hook - wanted_.begin())];
             if (first)
-                add(comparison_, {Kind::foreign, name_, describe(*held), "it stands there once already"});
+                add(comparison_, {Kind::foreign, name_, describe(*standing), "it stands there once already"});
             else
                 first = place;
         }
@@ -220,10 +221,10 @@ private:
 
     // Which chain a rule leads to, however.
     std::string targetOf(std::size_t place) const {
-        const HeldRule &held = chain_.rules[place];
-        if (!held.rule)
-            return otherOf(chain_, held).target;
-        return held.rule->target.kind == Target::Kind::jump ? held.rule->target.text : std::string();
+        const StandingRule &standing = chain_.rules[place];
+        if (!standing.rule)
+            return otherOf(chain_, standing).target;
+        return standing.rule->target.kind == Target::Kind::jump ? standing.rule->target.text : std::string();
     }
 
     void findChangedHooks() {
@@ -261,13 +262,13 @@ private:
         }
     }
 
-    bool mayDecide(const HeldChain &in, const HeldRule &held, bool isBase) const {
-        if (!held.rule) {
-            const OtherRule &other = otherOf(in, held);
+    bool mayDecide(const StandingChain &in, const StandingRule &standing, bool isBase) const {
+        if (!standing.rule) {
+            const OtherRule &other = otherOf(in, standing);
             return other.effect == Effect::decides || (other.effect == Effect::returns && isBase) ||
                    (other.effect == Effect::jumps && mayDecide(other.target));
         }
-        const Target &target = held.rule->target;
+        const Target &target = standing.rule->target;
         if (target.kind == Target::Kind::jump)
             return mayDecide(target.text);
         return target.kind != Target::Kind::log;
@@ -278,10 +279,10 @@ private:
         const auto found = ruleset_.chains.find(name);
         if (found == ruleset_.chains.end() || wantedChains_.count(name) > 0)
             return true;
-        const HeldChain &chain = found->second;
+        const StandingChain &chain = found->second;
         return chain.mayDecide ||
                std::any_of(chain.rules.begin(), chain.rules.end(),
-                           [&](const HeldRule &held) { return mayDecide(chain, held, false); }) ||
+                           [&](const StandingRule &standing) { return mayDecide(chain, standing, false); }) ||
                std::any_of(chain.jumps.begin(), chain.jumps.end(),
                            [&](const auto &jump) { return jump.second > 0 && mayDecide(jump.first); });
     }
@@ -289,23 +290,23 @@ private:
     const std::string &name_;
     const Ruleset &ruleset_;
     const WantedChains &wantedChains_;
-    const HeldChain &chain_;
+    const StandingChain &chain_;
     const std::vector<Rule> &wanted_;
     Comparison &comparison_;
     std::vector<std::optional<std::size_t>> places_; // of the wanted jumps
     std::set<std::size_t> ours_;                     // places of rules that are, or should be, such a jump
 };
 
-std::size_t compareChain(const std::string &name, const Ruleset &standing, const WantedChains &wanted,
+std::size_t compareChain(const std::string &name, const Ruleset &ruleset, const WantedChains &wanted,
                          Comparison &comparison) {
-    const auto found = standing.chains.find(name);
-    if (found == standing.chains.end()) {
-        static const HeldChain none;
+    const auto found = ruleset.chains.find(name);
+    if (found == ruleset.chains.end()) {
+        static const StandingChain none;
         add(comparison, {Kind::missing, name, {}, {}});
         return OwnChain(name, none, wanted.at(name), comparison).compare();
     }
-    if (isHookChain(name))
-        return HookChain(name, standing, wanted, comparison).compare();
+    if (isBuiltInChain(name))
+        return BuiltInChain(name, ruleset, wanted, comparison).compare();
     if (found->second.isBase)
         add(comparison, {Kind::changed, name, {}, "wanted: a chain that packets enter by our jumps alone"});
     return OwnChain(name, found->second, wanted.at(name), comparison).compare();
@@ -318,12 +319,12 @@ void add(Comparison &comparison, Difference difference) {
         comparison.differences.push_back(std::move(difference));
 }
 
-void compareChains(const Ruleset &standing, const WantedChains &wanted, Comparison &comparison) {
-    if (standing.isDormant)
+void compareChains(const Ruleset &ruleset, const WantedChains &wanted, Comparison &comparison) {
+    if (ruleset.isDormant)
         add(comparison, {Kind::changed, {}, {}, "wanted: the table filter switched on, it is dormant"});
     for (const auto &[name, rules] : wanted) {
-        const std::size_t inForce = compareChain(name, standing, wanted, comparison);
-        comparison.chains.push_back({name, rules.size(), standing.isDormant ? 0 : inForce});
+        const std::size_t inForce = compareChain(name, ruleset, wanted, comparison);
+        comparison.chains.push_back({name, rules.size(), ruleset.isDormant ? 0 : inForce});
     }
 }
 

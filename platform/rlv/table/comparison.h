@@ -19,7 +19,7 @@ void add(Comparison &comparison, Difference difference);
 
 // Adds the chains and what differs in them. In INPUT and OUTPUT only the wanted jumps are wanted, and all else is of
 // others; in every other wanted chain nothing else is.
-void compareChains(const Ruleset &standing, const WantedChains &wanted, Comparison &comparison);
+void compareChains(const Ruleset &ruleset, const WantedChains &wanted, Comparison &comparison);
 
 } // namespace rlv
 

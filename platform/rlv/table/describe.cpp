@@ -20,7 +20,7 @@ std::string describeNetwork(const Network &network) {
 bool isFull(const PortRange &ports) { return ports.first == 0 && ports.last == UINT16_MAX; }
 
 std::string describePorts(const char *option, const std::optional<PortRange> &ports, std::uint8_t protocol) {
-    if (!ports || (isFull(*ports) && dropsFullPortRange(protocol)))
+    if (!ports || (isFull(*ports) && foldsFullPortRange(protocol)))
         return "";
     std::string text = std::string(option) + " " + std::to_string(ports->first);
     if (ports->first != ports->last)

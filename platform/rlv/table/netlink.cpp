@@ -217,14 +217,14 @@ std::uint32_t Netlink::askGeneration() {
     return *generation;
 }
 
-std::vector<BatchFailure> Netlink::commit(Batch batch, std::optional<std::uint32_t> generation) {
-    return sendBatch(batch, generation, false);
+std::vector<BatchFailure> Netlink::commitBatch(Batch batch, std::optional<std::uint32_t> generation) {
+    return exchangeBatch(batch, generation, false);
 }
 
 // A batch without its end is carried out and then taken back.
-std::vector<BatchFailure> Netlink::dryRun(Batch batch) { return sendBatch(batch, std::nullopt, true); }
+std::vector<BatchFailure> Netlink::dryRun(Batch batch) { return exchangeBatch(batch, std::nullopt, true); }
 
-std::vector<BatchFailure> Netlink::sendBatch(Batch &batch, std::optional<std::uint32_t> generation, bool isDryRun) {
+std::vector<BatchFailure> Netlink::exchangeBatch(Batch &batch, std::optional<std::uint32_t> generation, bool isDryRun) {
     if (batch.size() == 0)
         return {};
     const std::uint32_t first = sequence_ + 1;

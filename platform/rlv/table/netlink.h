@@ -53,8 +53,8 @@ public:
     // Commits the messages, all of them or none: none when anything comes back. With a generation, only if nothing has
     // changed since. More messages may have been refused than are told of, but not without any being told of. When it
     // throws, the messages may have been committed all the same.
-    std::vector<BatchFailure> commit(Batch batch, std::optional<std::uint32_t> generation = std::nullopt);
-    // What commit() would give back, but for refusals that only the end of a transaction meets.
+    std::vector<BatchFailure> commitBatch(Batch batch, std::optional<std::uint32_t> generation = std::nullopt);
+    // What commitBatch() would give back, but for refusals that only the end of a transaction meets.
     std::vector<BatchFailure> dryRun(Batch batch);
 
     // Calls back with every message that a dump request of this type gives. What was seen may be mixed from several
@@ -72,7 +72,7 @@ private:
     std::size_t receiveAnswer();
     std::optional<std::size_t> receiveIfAny();
     std::optional<std::size_t> receive();
-    std::vector<BatchFailure> sendBatch(Batch &batch, std::optional<std::uint32_t> generation, bool isDryRun);
+    std::vector<BatchFailure> exchangeBatch(Batch &batch, std::optional<std::uint32_t> generation, bool isDryRun);
     struct BatchAnswer {
         std::vector<BatchFailure> failures;
         bool isAcknowledged = false;

@@ -81,6 +81,6 @@ bool hasPorts(std::uint8_t protocol) {
     return protocol == IPPROTO_TCP || protocol == IPPROTO_UDP || protocol == IPPROTO_SCTP || protocol == IPPROTO_DCCP;
 }
 
-bool dropsFullPortRange(std::uint8_t protocol) { return protocol == IPPROTO_TCP || protocol == IPPROTO_UDP; }
+bool foldsFullPortRange(std::uint8_t protocol) { return protocol == IPPROTO_TCP || protocol == IPPROTO_UDP; }
 
 } // namespace rlv

@@ -20,7 +20,7 @@ std::string protocolName(std::uint8_t number);
 bool hasPorts(std::uint8_t protocol);
 
 // True when iptables keeps a full range of this protocol's ports as a match without a port.
-bool dropsFullPortRange(std::uint8_t protocol);
+bool foldsFullPortRange(std::uint8_t protocol);
 
 } // namespace rlv
 

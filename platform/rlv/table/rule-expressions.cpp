@@ -128,7 +128,7 @@ private:
         if (!source_.protocol || (!source_.sourcePorts && !source_.destinationPorts))
             return;
         const std::uint8_t protocol = *source_.protocol;
-        if (dropsFullPortRange(protocol) && !isFull(source_.sourcePorts) && !isFull(source_.destinationPorts))
+        if (foldsFullPortRange(protocol) && !isFull(source_.sourcePorts) && !isFull(source_.destinationPorts))
             addPlainPorts();
         else
             addPortsMatch(protocol);

@@ -66,6 +66,10 @@ bool isChainName(std::string_view word) {
     return !word.empty() && word.size() <= kMaxChainLength && kOfChains.makeUp(word) && word.front() != '-';
 }
 
+bool isBuiltInChain(std::string_view word) {
+    return std::find(kBuiltInChains.begin(), kBuiltInChains.end(), word) != kBuiltInChains.end();
+}
+
 bool isReservedChain(std::string_view word) {
     constexpr std::array<std::string_view, 10> kReserved{"INPUT",  "OUTPUT", "FORWARD", "PREROUTING", "POSTROUTING",
                                                          "ACCEPT", "DROP",   "RETURN",  "QUEUE",      "LOG"};

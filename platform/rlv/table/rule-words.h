@@ -3,6 +3,7 @@
 #ifndef PLATFORM_RLV_TABLE_RULE_WORDS_H
 #define PLATFORM_RLV_TABLE_RULE_WORDS_H
 
+#include <array>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,6 +18,10 @@ constexpr std::size_t kMaxHostNameLength = 253;
 
 // True when every character may stand in a chain's name and its length is one that iptables takes.
 bool isChainName(std::string_view word);
+
+// The chains by which packets enter the table, as far as the service has anything to do with them.
+constexpr std::array<std::string_view, 2> kBuiltInChains{"INPUT", "OUTPUT"};
+bool isBuiltInChain(std::string_view word);
 
 // True for names that mean something of their own to iptables: built-in chains and targets.
 bool isReservedChain(std::string_view word);

@@ -13,6 +13,7 @@
 #include <linux/netfilter/nfnetlink.h>
 
 #include "rlv/table/attributes.h"
+#include "rlv/table/rule-words.h"
 
 namespace rlv {
 
@@ -50,8 +51,6 @@ bool holds(const nlmsghdr *message, std::string_view word) {
     return std::search(all.begin(), all.end(), word.begin(), word.end()) != all.end();
 }
 
-bool isHookChain(std::string_view name) { return name == "INPUT" || name == "OUTPUT"; }
-
 // A chain that is renamed shows under its new name alone, which is anybody's. But where our chains are in use, it is
 // too, which one that somebody has just made is only if he has filled it in the same breath.
 bool mayBeRenamed(const Attributes &chain) {
@@ -88,8 +87,8 @@ void NoticeSieve::note(const nlmsghdr *message) {
         touchesOurs_ = touchesOurs_ || mayBeRenamed(Attributes::of(message));
         [[fallthrough]];
     case NFT_MSG_DELCHAIN:
-        touchesOurs_ =
-            touchesOurs_ || holds(message, chainPrefix_) || isHookChain(Attributes::of(message).text(NFTA_CHAIN_NAME));
+        touchesOurs_ = touchesOurs_ || holds(message, chainPrefix_) ||
+                       isBuiltInChain(Attributes::of(message).text(NFTA_CHAIN_NAME));
         break;
     case NFT_MSG_NEWRULE:
     case NFT_MSG_DELRULE:

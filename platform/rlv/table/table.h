@@ -39,36 +39,37 @@ struct MendReport {
     std::string problem;            // why some are left; empty when all is as it was
 };
 
-// A filter table and what one client makes of it. apply() changes a model of the table; push() brings the kernel to
-// the model, in one transaction. All operations block for as long as the kernel takes. When the kernel cannot be read
+// A filter table and what one client makes of it. apply() changes a pending ruleset; push() brings the kernel
+// to it, in one transaction. All operations block for as long as the kernel takes. When the kernel cannot be read
 // they throw std::system_error, and nothing has changed (but see push()).
 class Table {
 public:
     virtual ~Table() = default;
 
-    // Begins a connection: the model is what the kernel holds.
+    // Begins a connection: the pending ruleset is what stands in the kernel.
     virtual void open() = 0;
 
-    // Carries out one command on the model, wholly or not at all, and answers as iptables would. It is given as itself,
-    // or as one for each address of its host names, which are the same but for that. `options` is its text, by which it
-    // is named when it is lost later.
+    // Carries out one command on the pending ruleset, wholly or not at all, and answers as iptables would. It is given
+    // as itself, or as one for each address of its host names, which are the same but for that. `options` is its text,
+    // by which it is named when it is lost later.
     virtual Answer apply(const std::vector<Command> &commands, const std::string &options) = 0;
 
     // How many rules can be appended before the answer is that the table is full.
     virtual std::size_t room() const = 0;
 
-    // Sends the difference between the kernel and the model, whatever others have changed meanwhile; what the kernel
-    // refuses is left out and reported. Afterwards the model is what the kernel holds. When it throws, the kernel may
-    // hold all or nothing of what was to be sent; drop() then tells what that was.
+    // Sends the difference between the kernel and the pending ruleset, whatever others have changed meanwhile; what the
+    // kernel refuses is left out and reported. Afterwards the pending ruleset is what stands in the kernel. When it
+    // throws, the kernel may hold all or nothing of what was to be sent; discard() then tells what that was.
     virtual PushReport push() = 0;
 
-    // Forgets what was not sent: afterwards the model is what the kernel holds. The report has what was lost.
-    virtual PushReport drop() = 0;
+    // Discards what was not sent: afterwards the pending ruleset is what stands in the kernel. The report has what was
+    // lost.
+    virtual PushReport discard() = 0;
 
-    // Fills in `hooks` and `chains` of what stands now in the kernel, whatever the model is.
+    // Fills in `hooks` and `chains` of what stands now in the kernel, whatever is pending.
     virtual void describe(ServiceState &state) = 0;
 
-    // Calls back with what stands in the kernel now, whatever the model is, read anew where it may be another than when
+    // Calls back with what stands in the kernel now, whatever is pending, read anew where it may be another than when
     // it was read; with `reading` also where it comes from what was sent since.
     virtual void look(bool reading, const std::function<void(const Ruleset &)> &visit) = 0;
 
@@ -86,8 +87,8 @@ public:
     // each call says so until the next open().
     virtual MendReport mend() { return {}; }
 
-    // See RulesetStore. What other operations take in of the notices is kept for takeDisturbance(), but the descriptor
-    // is not readable for it.
+    // See RulesetBackend. What other operations take in of the notices is kept for takeDisturbance(), but the
+    // descriptor is not readable for it.
     virtual std::optional<int> listen() { return std::nullopt; }
     virtual Disturbance takeDisturbance() { return {}; }
 

@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "rlv/command-form.h"
-#include "rlv/table/modelled-table.h"
+#include "rlv/table/transactional-table.h"
 
 namespace {
 
@@ -213,7 +213,7 @@ class EveryKnownAnswer : public testing::TestWithParam<unsigned> {};
 
 // Of how many commands the answer was known. The table is small, so that it gets full.
 int tryConnection(RandomCommands &commands) {
-    rlv::ModelledTable table(rlv::makeSimulatedStore(), "VPK-", 60);
+    rlv::TransactionalTable table(rlv::makeSimulatedBackend(), "VPK-", 60);
     KnownAnswers known;
     table.open();
     for (const char *made : {"-N VPK-A", "-N VPK-B", "-N VPK-C"})

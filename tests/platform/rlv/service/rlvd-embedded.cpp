@@ -57,7 +57,7 @@ public:
             report.lostBeyondList = kBeyondList;
         return report;
     }
-    rlv::PushReport drop() override { return table_->drop(); }
+    rlv::PushReport discard() override { return table_->discard(); }
     void describe(rlv::ServiceState &state) override { table_->describe(state); }
     void look(bool reading, const std::function<void(const rlv::Ruleset &)> &visit) override {
         table_->look(reading, visit);

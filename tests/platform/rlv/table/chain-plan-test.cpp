@@ -13,7 +13,7 @@
 namespace {
 
 using rlv::ChainPlan;
-using rlv::HeldRule;
+using rlv::StandingRule;
 
 constexpr char kOpaque = '?';
 
@@ -25,14 +25,14 @@ rlv::Rule ruleNamed(char name) {
 
 // A chain as a word, one letter for each rule; capitals are given up, '?' is no rule of our kind.
 struct Case {
-    std::string held;
+    std::string standing;
     std::string appended;
 
     static char nameOf(char letter) { return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter + 32) : letter; }
 
-    std::vector<HeldRule> heldRules() const {
-        std::vector<HeldRule> rules;
-        for (const char letter : held) {
+    std::vector<StandingRule> standingRules() const {
+        std::vector<StandingRule> rules;
+        for (const char letter : standing) {
             rules.push_back({100 + rules.size(), std::nullopt});
             if (letter != kOpaque && letter != '!')
                 rules.back().rule = ruleNamed(nameOf(letter));
@@ -41,10 +41,10 @@ struct Case {
     }
 
     // '!' is a given up rule that is not of our kind.
-    std::vector<bool> givenUp() const {
+    std::vector<bool> doomed() const {
         std::vector<bool> gone;
-        gone.reserve(held.size());
-        for (const char letter : held)
+        gone.reserve(standing.size());
+        for (const char letter : standing)
             gone.push_back((letter >= 'A' && letter <= 'Z') || letter == '!');
         return gone;
     }
@@ -62,33 +62,33 @@ struct Case {
         pointers.reserve(rules.size());
         for (const rlv::Rule &rule : rules)
             pointers.push_back(&rule);
-        return rlv::planChain(heldRules(), givenUp(), pointers, limits);
+        return rlv::planChain(standingRules(), doomed(), pointers, limits);
     }
 
     std::string wanted() const {
         std::string kept;
-        for (const char letter : held)
+        for (const char letter : standing)
             kept += (letter >= 'A' && letter <= 'Z') || letter == '!' ? "" : std::string(1, letter);
         return kept + appended;
     }
 };
 
 std::ostream &operator<<(std::ostream &stream, const Case &one) {
-    return stream << '"' << one.held << "\" and then \"" << one.appended << '"';
+    return stream << '"' << one.standing << "\" and then \"" << one.appended << '"';
 }
 
 // A rule in the chain while the plan is carried out: where it comes from, and its letter.
-struct Standing {
+struct Place {
     static constexpr std::size_t kNew = ChainPlan::kAtTheEnd;
-    std::size_t held = kNew;
+    std::size_t standing = kNew;
     char letter = 0;
 };
 
 class Chain {
 public:
     explicit Chain(const Case &given) : given_(given) {
-        for (std::size_t i = 0; i < given.held.size(); ++i)
-            rules_.push_back({i, given.held[i]});
+        for (std::size_t i = 0; i < given.standing.size(); ++i)
+            rules_.push_back({i, given.standing[i]});
     }
 
     void carryOut(const ChainPlan &plan) {
@@ -98,51 +98,52 @@ public:
             rules_.erase(find(place));
         for (const auto &insertion : plan.insertions) {
             const auto before = insertion.before == ChainPlan::kAtTheEnd ? rules_.end() : find(insertion.before);
-            rules_.insert(before, {Standing::kNew, given_.appended.at(insertion.appended)});
+            rules_.insert(before, {Place::kNew, given_.appended.at(insertion.appended)});
         }
     }
 
     std::string letters() const {
         std::string text;
-        for (const Standing &rule : rules_)
+        for (const Place &rule : rules_)
             text += Case::nameOf(rule.letter);
         return text;
     }
 
-    // The held rules that still stand, in their order in the chain now.
+    // The rules that stood before and still do, in their order in the chain now.
     std::vector<std::size_t> kept() const {
         std::vector<std::size_t> places;
-        for (const Standing &rule : rules_) {
-            if (rule.held != Standing::kNew)
-                places.push_back(rule.held);
+        for (const Place &rule : rules_) {
+            if (rule.standing != Place::kNew)
+                places.push_back(rule.standing);
         }
         return places;
     }
 
 private:
-    std::vector<Standing>::iterator find(std::size_t held) {
+    std::vector<Place>::iterator find(std::size_t standing) {
         const auto found =
-            std::find_if(rules_.begin(), rules_.end(), [&](const Standing &rule) { return rule.held == held; });
+            std::find_if(rules_.begin(), rules_.end(), [&](const Place &rule) { return rule.standing == standing; });
         if (found == rules_.end())
             throw std::out_of_range("no rule with that handle");
         return found;
     }
 
     Case given_;
-    std::vector<Standing> rules_;
+    std::vector<Place> rules_;
 };
 
 // The most given up rules that can stay: behind the last one that has to, the longest common subsequence.
 std::size_t mostThatCanStay(const Case &given) {
-    std::size_t begin = given.held.size();
-    const auto gone = given.givenUp();
+    std::size_t begin = given.standing.size();
+    const auto gone = given.doomed();
     while (begin > 0 && gone[begin - 1])
         --begin;
-    std::vector<std::vector<std::size_t>> best(given.held.size() + 1,
+    std::vector<std::vector<std::size_t>> best(given.standing.size() + 1,
                                                std::vector<std::size_t>(given.appended.size() + 1, 0));
-    for (std::size_t i = given.held.size(); i > begin; --i) {
+    for (std::size_t i = given.standing.size(); i > begin; --i) {
         for (std::size_t j = given.appended.size(); j > 0; --j) {
-            const bool same = given.held[i - 1] != '!' && Case::nameOf(given.held[i - 1]) == given.appended[j - 1];
+            const bool same =
+                given.standing[i - 1] != '!' && Case::nameOf(given.standing[i - 1]) == given.appended[j - 1];
             best[i - 1][j - 1] = same ? best[i][j] + 1 : std::max(best[i][j - 1], best[i - 1][j]);
         }
     }
@@ -157,7 +158,7 @@ void expectSound(const Case &given, const rlv::PlanLimits &limits = {}) {
     EXPECT_EQ(given.wanted(), chain.letters());
     const auto kept = chain.kept();
     EXPECT_TRUE(std::is_sorted(kept.begin(), kept.end()));
-    const auto gone = given.givenUp();
+    const auto gone = given.doomed();
     std::size_t matched = 0;
     for (std::size_t i = 0; i < gone.size(); ++i) {
         const bool stands = std::find(kept.begin(), kept.end(), i) != kept.end();
@@ -166,7 +167,7 @@ void expectSound(const Case &given, const rlv::PlanLimits &limits = {}) {
     }
     EXPECT_EQ(plan.matches.size(), matched);
     for (std::size_t i = 1; i < plan.matches.size(); ++i) {
-        EXPECT_LT(plan.matches[i - 1].held, plan.matches[i].held);
+        EXPECT_LT(plan.matches[i - 1].standing, plan.matches[i].standing);
         EXPECT_LT(plan.matches[i - 1].appended, plan.matches[i].appended);
     }
     EXPECT_TRUE(std::is_sorted(plan.deletions.begin(), plan.deletions.end()));
@@ -174,7 +175,7 @@ void expectSound(const Case &given, const rlv::PlanLimits &limits = {}) {
     EXPECT_TRUE(!plan.refill || (limits.mayRefill && everyRuleGoes));
     if (!limits.mayMatch) {
         EXPECT_EQ(0U, plan.matches.size() + plan.matchesLost);
-    } else if (given.held.size() < 100) {
+    } else if (given.standing.size() < 100) {
         EXPECT_EQ(mostThatCanStay(given), plan.refill ? plan.matchesLost : plan.matches.size());
     }
 }
@@ -208,7 +209,7 @@ TEST(AChainPlan, KeepsAsManyOfEqualRulesAsCanStay) {
 TEST(AChainPlan, IsSoundForThousandsOfEqualRules) {
     Case given;
     for (int i = 0; i < 3'000; ++i) {
-        given.held += "AB";
+        given.standing += "AB";
         given.appended += i % 3 == 0 ? "ba" : "bba";
     }
     rlv::PlanLimits limits;
@@ -258,12 +259,12 @@ TEST(AChainPlan, CountsOnNothingThatMayBeOutOfDate) {
 
 // Half of 10,000 rules changed is far beyond the share from which on a new chain costs the kernel less.
 TEST(AChainPlan, RefillsALongChainWhereMuchOfItChanges) {
-    std::vector<HeldRule> held;
+    std::vector<StandingRule> standing;
     std::vector<rlv::Rule> rules;
     for (std::uint32_t i = 0; i < 10'000; ++i) {
         rlv::Rule rule;
         rule.source = rlv::Network{0x0a000000U + i, 32};
-        held.push_back({i + 1, rule});
+        standing.push_back({i + 1, rule});
         rules.push_back(rule);
     }
     const auto planWith = [&](std::size_t changed) {
@@ -274,7 +275,7 @@ TEST(AChainPlan, RefillsALongChainWhereMuchOfItChanges) {
         pointers.reserve(rules.size());
         for (const rlv::Rule &rule : wanted)
             pointers.push_back(&rule);
-        return rlv::planChain(held, std::vector<bool>(held.size(), true), pointers);
+        return rlv::planChain(standing, std::vector<bool>(standing.size(), true), pointers);
     };
     EXPECT_FALSE(planWith(10).refill);
     EXPECT_EQ(9'990U, planWith(10).matches.size());
@@ -290,13 +291,13 @@ Case randomCase(std::mt19937 &random) {
     for (unsigned i = upTo(16); i > 0; --i) {
         const bool goes = upTo(99) < goingPercent;
         if (upTo(9) == 0)
-            given.held += goes ? '!' : kOpaque;
+            given.standing += goes ? '!' : kOpaque;
         else
-            given.held += static_cast<char>((goes ? 'A' : 'a') + upTo(kinds));
+            given.standing += static_cast<char>((goes ? 'A' : 'a') + upTo(kinds));
     }
     if (upTo(1) == 0) {
         // Much the same again.
-        for (const char letter : given.held) {
+        for (const char letter : given.standing) {
             if (letter >= 'A' && letter <= 'Z' && upTo(7) != 0)
                 given.appended += Case::nameOf(letter);
             if (upTo(7) == 0)

@@ -64,8 +64,7 @@ protected:
 
     Words differences(bool reading = true) {
         Comparison comparison;
-        table->look(reading,
-                    [&](const rlv::Ruleset &standing) { compareChains(standing, wantedChains(), comparison); });
+        table->look(reading, [&](const rlv::Ruleset &ruleset) { compareChains(ruleset, wantedChains(), comparison); });
         std::vector<std::string> texts;
         std::transform(comparison.differences.begin(), comparison.differences.end(), std::back_inserter(texts), textOf);
         return texts;
@@ -193,7 +192,7 @@ TEST_F(AComparison, NamesATableThatIsOff) {
     EXPECT_THAT(after("nft add table ip filter '{ }'"), IsEmpty());
 }
 
-TEST_F(AComparison, NamesAHookChainThatNoPacketEnters) {
+TEST_F(AComparison, NamesABuiltInChainThatNoPacketEnters) {
     EXPECT_THAT(after("nft delete chain ip filter INPUT; nft add chain ip filter INPUT;"
                       "nft add rule ip filter INPUT jump VPK-ALLOW; nft add rule ip filter INPUT jump VPK-DENY"),
                 testing::Contains("CHANGED INPUT  (wanted: a base chain, no packet enters this one)"));
@@ -203,7 +202,7 @@ TEST_F(AComparison, CountsWhatItDoesNotList) {
     host.must("iptables-save > /run/saved; for i in $(seq 1500); do echo \"-A VPK-ALLOW -s 10.9.$((i/250)).$((i%250)) "
               "-j DROP\"; done > /run/more; (echo '*filter'; cat /run/more; echo COMMIT) | iptables-restore -n");
     Comparison comparison;
-    table->look(true, [&](const rlv::Ruleset &standing) { compareChains(standing, wantedChains(), comparison); });
+    table->look(true, [&](const rlv::Ruleset &ruleset) { compareChains(ruleset, wantedChains(), comparison); });
     EXPECT_EQ(comparison.differences.size(), 1000U);
     EXPECT_EQ(comparison.count(Difference::Kind::foreign), 1500U);
 }

@@ -13,7 +13,7 @@
 
 #include "kernel-host.h"
 #include "random-connections.h"
-#include "rlv/table/ruleset.h"
+#include "rlv/table/ruleset-backend.h"
 #include "rlv/table/table.h"
 #include "support/filter-model.h"
 #include "support/process.h"
@@ -145,8 +145,8 @@ protected:
     }
     std::string listing() const { return host.listing(); }
     std::string ruleset() const { return host.run({"nft", "-a", "list", "ruleset"}).output; }
-    std::unique_ptr<rlv::RulesetStore> openStore() const {
-        return host.visit([] { return rlv::openKernelStore("VPK-"); });
+    std::unique_ptr<rlv::RulesetBackend> openBackend() const {
+        return host.visit([] { return rlv::openKernelBackend("VPK-"); });
     }
 
     Host host;
@@ -206,9 +206,9 @@ TEST_F(AKernelTransaction, NamesWhatATableWithAnOwnerRefuses) {
 
 TEST_F(AKernelTransaction, IsToldOfEachRefusalInADryRunThatChangesNothing) {
     ASSERT_THAT(sent({"-N VPK-A", "-A VPK-A -j ACCEPT"}).lost, IsEmpty());
-    const auto store = openStore();
+    const auto backend = openBackend();
     const std::string before = ruleset();
-    const auto generation = store->generation();
+    const auto generation = backend->generation();
     const std::string present = "VPK-A";
     const std::string absent = "VPK-B";
     const rlv::Rule rule = parsed("-A VPK-A -s 10.0.0.1 -j DROP").rule;
@@ -217,27 +217,27 @@ TEST_F(AKernelTransaction, IsToldOfEachRefusalInADryRunThatChangesNothing) {
                                {Kind::appendRule, &absent, &rule, 0},     {Kind::appendRule, &present, &jump, 0},
                                {Kind::deleteRule, &present, nullptr, 99}, {Kind::deleteChain, &present, nullptr, 0}};
     std::vector<std::pair<std::size_t, int>> refused;
-    for (const auto &failure : store->dryRun(changes))
+    for (const auto &failure : backend->dryRun(changes))
         refused.emplace_back(failure.index.value_or(99), failure.error);
     using Pair = std::pair<std::size_t, int>;
     EXPECT_THAT(refused,
                 ElementsAre(Pair{0, EEXIST}, Pair{2, ENOENT}, Pair{3, ENOENT}, Pair{4, ENOENT}, Pair{5, EBUSY}));
-    EXPECT_THAT(store->dryRun({{Kind::flushChain, &present, nullptr, 0}, {Kind::appendRule, &present, &rule, 0}}),
+    EXPECT_THAT(backend->dryRun({{Kind::flushChain, &present, nullptr, 0}, {Kind::appendRule, &present, &rule, 0}}),
                 IsEmpty());
-    EXPECT_EQ(generation, store->generation());
+    EXPECT_EQ(generation, backend->generation());
     EXPECT_EQ(before, ruleset());
 }
 
 TEST_F(AKernelTransaction, RaisesTheGenerationByOne) {
     ASSERT_THAT(sent({"-N VPK-A"}).lost, IsEmpty());
-    const auto store = openStore();
+    const auto backend = openBackend();
     const std::string chain = "VPK-A";
     const rlv::Rule rule = parsed("-A VPK-A -s 10.0.0.1 -j DROP").rule;
     for (int i = 0; i < 3; ++i) {
-        const auto generation = store->generation();
-        EXPECT_THAT(store->commit({{Kind::appendRule, &chain, &rule, 0}}, generation), IsEmpty());
-        EXPECT_EQ(generation + 1, store->generation());
-        const auto late = store->commit({{Kind::appendRule, &chain, &rule, 0}}, generation);
+        const auto generation = backend->generation();
+        EXPECT_THAT(backend->commit({{Kind::appendRule, &chain, &rule, 0}}, generation), IsEmpty());
+        EXPECT_EQ(generation + 1, backend->generation());
+        const auto late = backend->commit({{Kind::appendRule, &chain, &rule, 0}}, generation);
         ASSERT_EQ(1U, late.size());
         EXPECT_EQ(ERESTART, late.front().error);
     }
@@ -246,11 +246,11 @@ TEST_F(AKernelTransaction, RaisesTheGenerationByOne) {
 // Refusals beyond what the socket holds are found all the same.
 TEST_F(AKernelTransaction, FindsThousandsOfRefusals) {
     ASSERT_THAT(sent({"-N VPK-A"}).lost, IsEmpty());
-    const auto store = openStore();
+    const auto backend = openBackend();
     const std::string absent = "VPK-B";
     const rlv::Rule rule = parsed("-A VPK-A -s 10.0.0.1 -j DROP").rule;
     const rlv::Changes changes(20'000, {Kind::appendRule, &absent, &rule, 0});
-    const auto refused = store->commit(changes, store->generation());
+    const auto refused = backend->commit(changes, backend->generation());
     EXPECT_LT(1'000U, refused.size());
     EXPECT_GE(changes.size(), refused.size());
     for (const auto &failure : refused)

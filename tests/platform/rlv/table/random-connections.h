@@ -149,7 +149,7 @@ protected:
             if (oneIn(8) && connection_->hasUnsent())
                 describe_();
             if (oneIn(8))
-                drop();
+                discard();
             else
                 push();
         }
@@ -279,11 +279,11 @@ protected:
         return list;
     }
 
-    void drop() {
+    void discard() {
         history_ += "drop\n";
         const auto before = dump(truth());
-        const auto lost = optionsOf(table_->drop());
-        EXPECT_EQ(sorted(connection_->drop()), sorted(lost));
+        const auto lost = optionsOf(table_->discard());
+        EXPECT_EQ(sorted(connection_->discard()), sorted(lost));
         EXPECT_EQ(before, dump(truth()));
     }
 

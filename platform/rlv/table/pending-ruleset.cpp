@@ -1,4 +1,4 @@
-#include "rlv/table/model.h"
+#include "rlv/table/pending-ruleset.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -19,13 +19,11 @@ using Action = Command::Action;
 
 bool isJump(const Rule &rule) { return rule.target.kind == Target::Kind::jump; }
 
-bool isHookChain(const std::string &name) { return name == "INPUT" || name == "OUTPUT"; }
-
-void removeGivenUp(std::vector<HeldRule> &rules, const std::vector<bool> &givenUp) {
-    if (givenUp.empty())
+void removeDoomed(std::vector<StandingRule> &rules, const std::vector<bool> &doomed) {
+    if (doomed.empty())
         return;
     std::size_t place = 0;
-    rules.erase(std::remove_if(rules.begin(), rules.end(), [&](const HeldRule &) { return givenUp[place++]; }),
+    rules.erase(std::remove_if(rules.begin(), rules.end(), [&](const StandingRule &) { return doomed[place++]; }),
                 rules.end());
 }
 
@@ -37,13 +35,13 @@ bool isAimMissed(Action action, const Answer &answer) {
 
 } // namespace
 
-void Model::load(Ruleset ruleset) {
-    held_ = std::move(ruleset);
+void PendingRuleset::load(Ruleset ruleset) {
+    standing_ = std::move(ruleset);
     reset();
 }
 
-void Model::forget() noexcept {
-    held_.chains.clear();
+void PendingRuleset::clear() noexcept {
+    standing_.chains.clear();
     chains_.clear();
     count_ = 0;
     changed_ = false;
@@ -52,12 +50,12 @@ void Model::forget() noexcept {
     lostNumbers_.clear();
 }
 
-void Model::reset() {
+void PendingRuleset::reset() {
     chains_.clear();
     count_ = 0;
-    for (const auto &[name, held] : held_.chains) {
-        chains_[name].jumps = held.jumps;
-        count_ += 1 + held.rules.size();
+    for (const auto &[name, standing] : standing_.chains) {
+        chains_[name].jumps = standing.jumps;
+        count_ += 1 + standing.rules.size();
     }
     changed_ = false;
     isBounded_ = true;
@@ -65,34 +63,34 @@ void Model::reset() {
     lostNumbers_.clear();
 }
 
-Model::Chain *Model::find(const std::string &name) {
+PendingRuleset::Chain *PendingRuleset::find(const std::string &name) {
     const auto found = chains_.find(name);
     return found == chains_.end() || !found->second.exists || isForeign(name) ? nullptr : &found->second;
 }
 
-const HeldChain *Model::heldChain(const std::string &name) const {
-    const auto found = held_.chains.find(name);
-    return found == held_.chains.end() ? nullptr : &found->second;
+const StandingChain *PendingRuleset::standingChain(const std::string &name) const {
+    const auto found = standing_.chains.find(name);
+    return found == standing_.chains.end() ? nullptr : &found->second;
 }
 
 // A chain by which somebody lets packets enter is not there for iptables, unless iptables itself would have made it.
-bool Model::isForeign(const std::string &name) const {
-    const HeldChain *const held = heldChain(name);
-    return held != nullptr && held->isBase && !isHookChain(name);
+bool PendingRuleset::isForeign(const std::string &name) const {
+    const StandingChain *const standing = standingChain(name);
+    return standing != nullptr && standing->isBase && !isBuiltInChain(name);
 }
 
-std::size_t Model::heldCount(const std::string &name) const {
-    const HeldChain *const held = heldChain(name);
-    return held == nullptr ? 0 : held->rules.size();
+std::size_t PendingRuleset::standingCount(const std::string &name) const {
+    const StandingChain *const standing = standingChain(name);
+    return standing == nullptr ? 0 : standing->rules.size();
 }
 
-Answer Model::apply(const std::vector<Command> &commands, const std::string &options) {
+Answer PendingRuleset::apply(const std::vector<Command> &commands, const std::string &options) {
     rebased_.clear();
     lostNumbers_.clear();
     return commands.empty() ? Answer() : carryOut(commands, {++lastOrigin_, options});
 }
 
-Answer Model::carryOut(const std::vector<Command> &commands, const Origin &origin) {
+Answer PendingRuleset::carryOut(const std::vector<Command> &commands, const Origin &origin) {
     const Command &first = commands.front();
     switch (first.action) {
     case Action::flushChain:
@@ -109,14 +107,14 @@ Answer Model::carryOut(const std::vector<Command> &commands, const Origin &origi
     return deleteRules(commands, origin);
 }
 
-Answer Model::flushChain(const std::string &name, const Origin &origin) {
+Answer PendingRuleset::flushChain(const std::string &name, const Origin &origin) {
     Chain *const chain = find(name);
     if (chain == nullptr)
         return noSuchChain();
-    const std::size_t held = heldCount(name);
-    count_ -= held - chain->givenUpCount + chain->appended.size();
-    chain->givenUp.assign(held, true);
-    chain->givenUpCount = held;
+    const std::size_t standing = standingCount(name);
+    count_ -= standing - chain->doomedCount + chain->appended.size();
+    chain->doomed.assign(standing, true);
+    chain->doomedCount = standing;
     chain->appended.clear();
     chain->deleted.clear();
     chain->jumps.clear();
@@ -127,7 +125,7 @@ Answer Model::flushChain(const std::string &name, const Origin &origin) {
     return {};
 }
 
-Answer Model::makeChain(const std::string &name, const Origin &origin) {
+Answer PendingRuleset::makeChain(const std::string &name, const Origin &origin) {
     if (isForeign(name))
         return kernelRefused("CHAIN_USER_ADD", EEXIST, "chain", name);
     if (find(name) != nullptr)
@@ -142,32 +140,32 @@ Answer Model::makeChain(const std::string &name, const Origin &origin) {
     return {};
 }
 
-Answer Model::removeChain(const std::string &name, const Origin &origin) {
+Answer PendingRuleset::removeChain(const std::string &name, const Origin &origin) {
     Chain *const chain = find(name);
     if (chain == nullptr)
         return noSuchChain();
-    const bool isFilled = chain->givenUpCount < heldCount(name) || !chain->appended.empty();
+    const bool isFilled = chain->doomedCount < standingCount(name) || !chain->appended.empty();
     if (isFilled || isReferenced(name))
         return kernelRefused("CHAIN_DEL", EBUSY, "chain", name);
     --count_;
     changed_ = true;
     chain->exists = false;
     chain->removed = origin;
-    if (heldChain(name) == nullptr)
+    if (standingChain(name) == nullptr)
         chains_.erase(name);
     return {};
 }
 
-Answer Model::appendRules(const std::vector<Command> &commands, const Origin &origin) {
+Answer PendingRuleset::appendRules(const std::vector<Command> &commands, const Origin &origin) {
     const std::string &name = commands.front().chain;
     const Rule &first = commands.front().rule; // all have its target
     if (isJump(first) && find(first.target.text) == nullptr)
         return noSuchTarget(first.target.text);
-    const HeldChain *const held = heldChain(name);
-    if (held != nullptr && held->hookError != 0)
-        return kernelRefused("CHAIN_ADD", held->hookError, "chain", name);
+    const StandingChain *const standing = standingChain(name);
+    if (standing != nullptr && standing->baseChainError != 0)
+        return kernelRefused("CHAIN_ADD", standing->baseChainError, "chain", name);
     Chain *chain = find(name);
-    if (chain == nullptr && !isHookChain(name))
+    if (chain == nullptr && !isBuiltInChain(name))
         return noSuchChain();
     if (isBounded_ && room() < commands.size() + (chain == nullptr ? 1 : 0))
         return tooManyRules(maxRules_);
@@ -194,7 +192,7 @@ Answer Model::appendRules(const std::vector<Command> &commands, const Origin &or
 }
 
 // The first rule that equals each command's; two commands are two rules.
-Answer Model::deleteRules(const std::vector<Command> &commands, const Origin &origin) {
+Answer PendingRuleset::deleteRules(const std::vector<Command> &commands, const Origin &origin) {
     const std::string &name = commands.front().chain;
     const Rule &first = commands.front().rule;
     if (isJump(first) && find(first.target.text) == nullptr)
@@ -202,17 +200,17 @@ Answer Model::deleteRules(const std::vector<Command> &commands, const Origin &or
     Chain *const chain = find(name);
     if (chain == nullptr)
         return noSuchRule();
-    static const std::vector<HeldRule> none;
-    const HeldChain *const held = heldChain(name);
-    const std::vector<HeldRule> &rules = held == nullptr ? none : held->rules;
-    std::vector<std::size_t> places; // those of appended rules come after the held ones
+    static const std::vector<StandingRule> none;
+    const StandingChain *const standing = standingChain(name);
+    const std::vector<StandingRule> &rules = standing == nullptr ? none : standing->rules;
+    std::vector<std::size_t> places; // those of appended rules come after the standing ones
     const auto isFree = [&](std::size_t place) {
         return std::find(places.begin(), places.end(), place) == places.end();
     };
     const auto equals = [&](std::size_t place, const Rule &rule) {
         if (place >= rules.size())
             return chain->appended[place - rules.size()].rule == rule;
-        return (chain->givenUp.empty() || !chain->givenUp[place]) && rules[place].rule == rule;
+        return (chain->doomed.empty() || !chain->doomed[place]) && rules[place].rule == rule;
     };
     for (const Command &command : commands) {
         std::size_t place = 0;
@@ -226,11 +224,11 @@ Answer Model::deleteRules(const std::vector<Command> &commands, const Origin &or
     std::sort(places.rbegin(), places.rend());
     for (const std::size_t place : places) {
         if (place < rules.size()) {
-            giveUp(name, *chain, place);
+            doom(name, *chain, place);
             chain->deleted.push_back({place, origin});
         } else {
             const auto appended = chain->appended.begin() + static_cast<std::ptrdiff_t>(place - rules.size());
-            dropJump(*chain, appended->rule);
+            uncountJump(*chain, appended->rule);
             chain->appended.erase(appended);
             --count_;
         }
@@ -239,40 +237,40 @@ Answer Model::deleteRules(const std::vector<Command> &commands, const Origin &or
     return {};
 }
 
-void Model::giveUp(const std::string &name, Chain &chain, std::size_t place) {
-    const auto &rules = held_.chains.at(name).rules;
-    chain.givenUp.resize(rules.size(), false);
-    chain.givenUp[place] = true;
-    ++chain.givenUpCount;
+void PendingRuleset::doom(const std::string &name, Chain &chain, std::size_t place) {
+    const auto &rules = standing_.chains.at(name).rules;
+    chain.doomed.resize(rules.size(), false);
+    chain.doomed[place] = true;
+    ++chain.doomedCount;
     --count_;
-    dropJump(chain, *rules[place].rule);
+    uncountJump(chain, *rules[place].rule);
 }
 
-void Model::dropJump(Chain &chain, const Rule &rule) {
+void PendingRuleset::uncountJump(Chain &chain, const Rule &rule) {
     if (isJump(rule) && --chain.jumps[rule.target.text] == 0)
         chain.jumps.erase(rule.target.text);
 }
 
-bool Model::isReferenced(const std::string &name) const {
-    const HeldChain *const held = heldChain(name);
-    if (held != nullptr && held->usesElsewhere > 0)
+bool PendingRuleset::isReferenced(const std::string &name) const {
+    const StandingChain *const standing = standingChain(name);
+    if (standing != nullptr && standing->usesElsewhere > 0)
         return true;
     return std::any_of(chains_.begin(), chains_.end(),
                        [&](const auto &chain) { return chain.second.jumps.count(name) > 0; });
 }
 
 // Like the kernel, looks only at what can be reached from a base chain: elsewhere even loops may stand.
-bool Model::jumpsTooFar() const {
+bool PendingRuleset::jumpsTooFar() const {
     std::map<std::string, int> seen;
     return std::any_of(chains_.begin(), chains_.end(), [&](const auto &chain) {
-        const HeldChain *const held = heldChain(chain.first);
-        const bool isBase = held == nullptr ? isHookChain(chain.first) : held->isBase;
+        const StandingChain *const standing = standingChain(chain.first);
+        const bool isBase = standing == nullptr ? isBuiltInChain(chain.first) : standing->isBase;
         return isBase && jumpsTooFarFrom(chain.first, 0, seen);
     });
 }
 
 // `seen` has for each chain the longest way to it that was already followed.
-bool Model::jumpsTooFarFrom(const std::string &name, int jumps, std::map<std::string, int> &seen) const {
+bool PendingRuleset::jumpsTooFarFrom(const std::string &name, int jumps, std::map<std::string, int> &seen) const {
     if (jumps > kMaxJumps)
         return true;
     const auto [known, isNew] = seen.emplace(name, jumps);
@@ -285,17 +283,17 @@ bool Model::jumpsTooFarFrom(const std::string &name, int jumps, std::map<std::st
                        [&](const auto &jump) { return jumpsTooFarFrom(jump.first, jumps + 1, seen); });
 }
 
-Model::Changes Model::plan(bool isCurrent) const {
-    Changes changes;
+RulesetPlan PendingRuleset::plan(bool isCurrent) const {
+    RulesetPlan plan;
     std::vector<const Rule *> appended;
-    static const std::vector<HeldRule> none;
+    static const std::vector<StandingRule> none;
     for (const auto &[name, chain] : chains_) {
-        const HeldChain *const held = heldChain(name);
-        if (held != nullptr && chain.exists && chain.givenUpCount == 0 && chain.appended.empty() &&
+        const StandingChain *const standing = standingChain(name);
+        if (standing != nullptr && chain.exists && chain.doomedCount == 0 && chain.appended.empty() &&
             chain.flushed.number == 0)
             continue;
-        ChainChange &change = changes[name];
-        change.make = held == nullptr;
+        PlannedChain &change = plan[name];
+        change.make = standing == nullptr;
         change.remove = !chain.exists;
         appended.clear();
         for (const Appended &rule : chain.appended)
@@ -305,25 +303,25 @@ Model::Changes Model::plan(bool isCurrent) const {
         // deleted it by then, and it would stand nowhere: then it is deleted and made.
         limits.mayMatch = isCurrent;
         // Others put their rules into base chains at any time.
-        limits.mayRefill = (held == nullptr || !held->isBase) && (isCurrent || chain.flushed.number != 0);
-        change.plan = planChain(held == nullptr ? none : held->rules, chain.givenUp, appended, limits);
+        limits.mayRefill = (standing == nullptr || !standing->isBase) && (isCurrent || chain.flushed.number != 0);
+        change.plan = planChain(standing == nullptr ? none : standing->rules, chain.doomed, appended, limits);
     }
-    return changes;
+    return plan;
 }
 
-const Rule &Model::appendedRule(const std::string &chain, std::size_t place) const {
+const Rule &PendingRuleset::appendedRule(const std::string &chain, std::size_t place) const {
     return chains_.at(chain).appended[place].rule;
 }
 
-void Model::setHandles(const std::string &chain, const std::vector<std::uint64_t> &handles) {
-    HeldChain &held = held_.chains.at(chain);
-    for (std::size_t i = 0; i < held.rules.size(); ++i)
-        held.rules[i].handle = handles[i];
-    held.handlesKnown = true;
+void PendingRuleset::setHandles(const std::string &chain, const std::vector<std::uint64_t> &handles) {
+    StandingChain &standing = standing_.chains.at(chain);
+    for (std::size_t i = 0; i < standing.rules.size(); ++i)
+        standing.rules[i].handle = handles[i];
+    standing.handlesKnown = true;
 }
 
-void Model::loseAppended(const std::string &chain, const std::vector<RefusedRule> &refused,
-                         std::vector<LostCommand> &lost) {
+void PendingRuleset::loseAppended(const std::string &chain, const std::vector<RefusedRule> &refused,
+                                  std::vector<LostCommand> &lost) {
     Chain &from = chains_.at(chain);
     std::set<std::uint64_t> numbers;
     for (const RefusedRule &rule : refused) {
@@ -334,22 +332,22 @@ void Model::loseAppended(const std::string &chain, const std::vector<RefusedRule
     const auto isLost = [&](const Appended &rule) { return numbers.count(rule.origin.number) > 0; };
     for (const Appended &rule : from.appended) {
         if (isLost(rule))
-            dropJump(from, rule.rule);
+            uncountJump(from, rule.rule);
     }
     const auto kept = std::remove_if(from.appended.begin(), from.appended.end(), isLost);
     count_ -= static_cast<std::size_t>(from.appended.end() - kept);
     from.appended.erase(kept, from.appended.end());
     // INPUT and OUTPUT are made for their first rule alone.
-    if (from.appended.empty() && isHookChain(chain) && heldChain(chain) == nullptr) {
+    if (from.appended.empty() && isBuiltInChain(chain) && standingChain(chain) == nullptr) {
         chains_.erase(chain);
         --count_;
     }
 }
 
-void Model::loseChain(const std::string &chain, const Answer &answer, std::vector<LostCommand> &lost) {
+void PendingRuleset::loseChain(const std::string &chain, const Answer &answer, std::vector<LostCommand> &lost) {
     const Chain &from = chains_.at(chain);
     lose(from.made, answer, lost);
-    std::uint64_t last = from.made.number; // a hook chain comes of its first rule's command
+    std::uint64_t last = from.made.number; // a built-in chain comes of its first rule's command
     for (const Appended &rule : from.appended) {
         if (rule.origin.number != std::exchange(last, rule.origin.number))
             lose(rule.origin, answer, lost);
@@ -358,67 +356,67 @@ void Model::loseChain(const std::string &chain, const Answer &answer, std::vecto
     chains_.erase(chain);
 }
 
-void Model::loseRemoval(const std::string &chain, const Answer &answer, std::vector<LostCommand> &lost) {
+void PendingRuleset::loseRemoval(const std::string &chain, const Answer &answer, std::vector<LostCommand> &lost) {
     Chain &from = chains_.at(chain);
     lose(from.removed, answer, lost);
     from.exists = true;
     ++count_;
 }
 
-void Model::adopt(const Changes &changes, std::uint32_t generation) {
-    for (const auto &[name, change] : changes) {
+void PendingRuleset::adopt(const RulesetPlan &plan, std::uint32_t generation) {
+    for (const auto &[name, change] : plan) {
         if (change.remove) {
-            held_.chains.erase(name);
+            standing_.chains.erase(name);
             continue;
         }
         Chain &chain = chains_.at(name);
-        HeldChain &held = held_.chains[name];
+        StandingChain &standing = standing_.chains[name];
         if (change.make)
-            held.isBase = isHookChain(name);
-        // A rule that was given up and appended again is the kernel's old one where the plan has let it stay, and keeps
+            standing.isBase = isBuiltInChain(name);
+        // A rule that was doomed and appended again is the kernel's old one where the plan has let it stay, and keeps
         // its handle.
         std::vector<std::uint64_t> handles(chain.appended.size(), 0);
         for (const ChainPlan::Match &match : change.plan.matches)
-            handles[match.appended] = held.rules[match.held].handle;
-        removeGivenUp(held.rules, chain.givenUp);
+            handles[match.appended] = standing.rules[match.standing].handle;
+        removeDoomed(standing.rules, chain.doomed);
         for (std::size_t i = 0; i < chain.appended.size(); ++i)
-            held.rules.push_back({handles[i], std::move(chain.appended[i].rule)});
+            standing.rules.push_back({handles[i], std::move(chain.appended[i].rule)});
         const bool hasNew = change.plan.matches.size() < chain.appended.size();
-        held.handlesKnown = held.rules.empty() || (held.handlesKnown && !hasNew);
-        held.jumps = chain.jumps;
+        standing.handlesKnown = standing.rules.empty() || (standing.handlesKnown && !hasNew);
+        standing.jumps = chain.jumps;
     }
-    held_.generation = generation;
+    standing_.generation = generation;
     reset();
 }
 
-std::vector<Model::Pending> Model::pending() const {
-    std::vector<Pending> all;
+std::vector<PendingRuleset::PendingCommand> PendingRuleset::commands() const {
+    std::vector<PendingCommand> all;
     for (const auto &[name, chain] : chains_) {
         const auto add = [&, &chainName = name](Action action, const Origin &origin, const Rule &rule = Rule()) {
             if (origin.number != 0)
                 all.push_back({{action, chainName, rule, "", ""}, origin});
         };
-        // A hook's first rule makes INPUT or OUTPUT. One that is held was removed before, and somebody may have done
-        // so.
-        if (chain.exists && !isHookChain(name))
+        // A hook's first rule makes INPUT or OUTPUT. One that stands was removed before, and somebody may have
+        // done so.
+        if (chain.exists && !isBuiltInChain(name))
             add(Action::makeChain, chain.made);
         add(Action::flushChain, chain.flushed);
         for (const Deleted &deleted : chain.deleted)
-            add(Action::deleteRule, deleted.origin, *held_.chains.at(name).rules[deleted.place].rule);
+            add(Action::deleteRule, deleted.origin, *standing_.chains.at(name).rules[deleted.place].rule);
         for (const Appended &appended : chain.appended)
             add(Action::appendRule, appended.origin, appended.rule);
         if (!chain.exists)
             add(Action::removeChain, chain.removed);
     }
-    std::stable_sort(all.begin(), all.end(), [](const Pending &left, const Pending &right) {
+    std::stable_sort(all.begin(), all.end(), [](const PendingCommand &left, const PendingCommand &right) {
         return left.origin.number < right.origin.number;
     });
     return all;
 }
 
-void Model::revert(const Answer &answer, std::vector<LostCommand> &lost) {
+void PendingRuleset::discard(const Answer &answer, std::vector<LostCommand> &lost) {
     std::uint64_t last = 0; // several rules may come of one command
-    for (const Pending &command : pending()) {
+    for (const PendingCommand &command : commands()) {
         if (command.origin.number != std::exchange(last, command.origin.number))
             lose(command.origin, answer, lost);
     }
@@ -426,7 +424,7 @@ void Model::revert(const Answer &answer, std::vector<LostCommand> &lost) {
 }
 
 // One command's rules, where somebody else may have removed some of them already.
-Answer Model::carryOutAgain(const std::vector<Command> &commands, const Origin &origin) {
+Answer PendingRuleset::carryOutAgain(const std::vector<Command> &commands, const Origin &origin) {
     if (commands.front().action != Action::deleteRule)
         return carryOut(commands, origin);
     for (const Command &command : commands)
@@ -434,19 +432,19 @@ Answer Model::carryOutAgain(const std::vector<Command> &commands, const Origin &
     return {};
 }
 
-void Model::lose(const Origin &origin, const Answer &answer, std::vector<LostCommand> &lost) {
+void PendingRuleset::lose(const Origin &origin, const Answer &answer, std::vector<LostCommand> &lost) {
     lost.push_back({origin.options, answer.code, answer.message, false});
     // Told once: the next rebase() begins with the same commands, and must not carry it out after all.
     if (!rebased_.empty())
         lostNumbers_.insert(origin.number);
 }
 
-void Model::rebase(Ruleset ruleset, std::vector<LostCommand> &lost) {
-    std::vector<Pending> all = rebased_.empty() ? pending() : std::move(rebased_);
-    const auto isLost = [&](const Pending &one) { return lostNumbers_.count(one.origin.number) > 0; };
+void PendingRuleset::rebase(Ruleset ruleset, std::vector<LostCommand> &lost) {
+    std::vector<PendingCommand> all = rebased_.empty() ? commands() : std::move(rebased_);
+    const auto isLost = [&](const PendingCommand &one) { return lostNumbers_.count(one.origin.number) > 0; };
     all.erase(std::remove_if(all.begin(), all.end(), isLost), all.end());
     const std::size_t lostBefore = lost.size();
-    const auto hookChains = madeHookChains();
+    const auto builtInChains = madeBuiltInChains();
     load(std::move(ruleset));
     // A deletes rule r, and B has deleted it first: on B's ruleset nothing is left to do. B puts r back before we send,
     // we read again, and now A's command has to delete it. So all commands are kept, not what they came to.
@@ -455,7 +453,7 @@ void Model::rebase(Ruleset ruleset, std::vector<LostCommand> &lost) {
     // place.
     isBounded_ = false;
     carryOutAgain(lost);
-    makeAgain(hookChains);
+    makeAgain(builtInChains);
     isBounded_ = true;
     if (count_ > maxRules_) {
         lost.resize(lostBefore);
@@ -463,23 +461,23 @@ void Model::rebase(Ruleset ruleset, std::vector<LostCommand> &lost) {
         reset();
         rebased_ = std::move(all);
         carryOutAgain(lost);
-        makeAgain(hookChains);
+        makeAgain(builtInChains);
     }
     changed_ = true; // if only to find that nothing is left to be sent
 }
 
 // INPUT and OUTPUT stay once a rule has made them, also when that rule is gone again: no command tells of them then.
-std::vector<std::pair<std::string, Model::Origin>> Model::madeHookChains() const {
+std::vector<std::pair<std::string, PendingRuleset::Origin>> PendingRuleset::madeBuiltInChains() const {
     std::vector<std::pair<std::string, Origin>> made;
     for (const auto &[name, chain] : chains_) {
-        if (isHookChain(name) && chain.made.number != 0 && chain.appended.empty())
+        if (isBuiltInChain(name) && chain.made.number != 0 && chain.appended.empty())
             made.emplace_back(name, chain.made);
     }
     return made;
 }
 
-void Model::makeAgain(const std::vector<std::pair<std::string, Origin>> &hookChains) {
-    for (const auto &[name, origin] : hookChains) {
+void PendingRuleset::makeAgain(const std::vector<std::pair<std::string, Origin>> &builtInChains) {
+    for (const auto &[name, origin] : builtInChains) {
         if (find(name) != nullptr || room() == 0)
             continue;
         chains_[name].made = origin;
@@ -487,7 +485,7 @@ void Model::makeAgain(const std::vector<std::pair<std::string, Origin>> &hookCha
     }
 }
 
-void Model::carryOutAgain(std::vector<LostCommand> &lost) {
+void PendingRuleset::carryOutAgain(std::vector<LostCommand> &lost) {
     for (auto next = rebased_.begin(); next != rebased_.end();) {
         std::vector<Command> commands;
         const Origin &origin = next->origin;

@@ -18,8 +18,8 @@
 #include "rlv/table/netlink.h"
 #include "rlv/table/rule-expressions.h"
 #include "rlv/table/rule-words.h"
+#include "rlv/table/ruleset-backend.h"
 #include "rlv/table/ruleset-watch.h"
-#include "rlv/table/ruleset.h"
 
 namespace rlv {
 
@@ -31,20 +31,17 @@ constexpr int kMaxPartReadings = 20;
 // A notice of our own change costs about as much as leaving the group and joining it again for a hundred.
 constexpr std::size_t kMaxHeardChanges = 64;
 
-// Every transaction counts the generation up by one and leaves 0 out.
-std::uint32_t generationAfter(std::uint32_t generation) { return generation + 1 == 0 ? 1 : generation + 1; }
-
-struct HookChain {
+struct BaseChain {
     const char *name;
     std::uint32_t hook;
 };
 
-constexpr std::array kHookChains{HookChain{"INPUT", NF_INET_LOCAL_IN}, HookChain{"OUTPUT", NF_INET_LOCAL_OUT}};
+constexpr std::array kBaseChains{BaseChain{"INPUT", NF_INET_LOCAL_IN}, BaseChain{"OUTPUT", NF_INET_LOCAL_OUT}};
 
-const HookChain *hookChain(const std::string &name) {
-    const auto *const found = std::find_if(kHookChains.begin(), kHookChains.end(),
-                                           [&](const HookChain &known) { return name == known.name; });
-    return found == kHookChains.end() ? nullptr : found;
+const BaseChain *baseChain(const std::string &name) {
+    const auto *const found = std::find_if(kBaseChains.begin(), kBaseChains.end(),
+                                           [&](const BaseChain &known) { return name == known.name; });
+    return found == kBaseChains.end() ? nullptr : found;
 }
 
 struct FreeChain {
@@ -116,7 +113,7 @@ private:
     // Priority 0 and the policy accept, as iptables makes it.
     void addBaseChain(const std::string &name) {
         const NftnlChain base = chainNamed(name);
-        nftnl_chain_set_u32(base.get(), NFTNL_CHAIN_HOOKNUM, hookChain(name)->hook);
+        nftnl_chain_set_u32(base.get(), NFTNL_CHAIN_HOOKNUM, baseChain(name)->hook);
         nftnl_chain_set_s32(base.get(), NFTNL_CHAIN_PRIO, 0);
         nftnl_chain_set_u32(base.get(), NFTNL_CHAIN_POLICY, NF_ACCEPT);
         nftnl_chain_set_str(base.get(), NFTNL_CHAIN_TYPE, "filter");
@@ -150,9 +147,9 @@ void takeHandle(const nlmsghdr *message, std::vector<std::uint64_t> &handles) {
         handles.push_back(*handle);
 }
 
-class KernelStore : public RulesetStore {
+class KernelBackend : public RulesetBackend {
 public:
-    explicit KernelStore(std::string chainPrefix) : chainPrefix_(std::move(chainPrefix)) {}
+    explicit KernelBackend(std::string chainPrefix) : chainPrefix_(std::move(chainPrefix)) {}
 
     std::uint32_t generation() override { return netlink_.generation(); }
     std::optional<Ruleset> read() override;
@@ -176,13 +173,13 @@ private:
     void takeChain(const nlmsghdr *message, Ruleset &ruleset);
     void takeRule(const nlmsghdr *message, Ruleset &ruleset) const;
     bool holdsOurRules(const std::string &name) const {
-        return isOwnChain(name, chainPrefix_) || hookChain(name) != nullptr;
+        return isOwnChain(name, chainPrefix_) || baseChain(name) != nullptr;
     }
 
     std::string chainPrefix_;
     Netlink netlink_;
     std::optional<RulesetWatch> watch_;      // from listen() on
-    std::vector<std::string> oddHookChains_; // met in the reading under way
+    std::vector<std::string> oddBaseChains_; // met in the reading under way
 };
 
 std::vector<ChangeFailure> failuresOf(const std::vector<BatchFailure> &failures) {
@@ -193,19 +190,19 @@ std::vector<ChangeFailure> failuresOf(const std::vector<BatchFailure> &failures)
     return result;
 }
 
-std::vector<ChangeFailure> KernelStore::commit(const Changes &changes, std::optional<std::uint32_t> generation) {
+std::vector<ChangeFailure> KernelBackend::commit(const Changes &changes, std::optional<std::uint32_t> generation) {
     Batch batch = Encoder().encode(changes);
     const bool isHeard = !watch_ || changes.size() <= kMaxHeardChanges;
-    return failuresOf(isHeard ? netlink_.commit(std::move(batch), generation)
+    return failuresOf(isHeard ? netlink_.commitBatch(std::move(batch), generation)
                               : commitUnheard(std::move(batch), generation));
 }
 
 // Where nobody listens the kernel writes no notices. What others did meanwhile shows in the generation.
-std::vector<BatchFailure> KernelStore::commitUnheard(Batch batch, std::optional<std::uint32_t> generation) {
+std::vector<BatchFailure> KernelBackend::commitUnheard(Batch batch, std::optional<std::uint32_t> generation) {
     watch_->pause();
     std::vector<BatchFailure> failures;
     try {
-        failures = netlink_.commit(std::move(batch), generation);
+        failures = netlink_.commitBatch(std::move(batch), generation);
     } catch (...) {
         watch_->goOn();
         watch_->sieve().lose();
@@ -220,34 +217,34 @@ std::vector<BatchFailure> KernelStore::commitUnheard(Batch batch, std::optional<
     return failures;
 }
 
-std::optional<int> KernelStore::listen() {
+std::optional<int> KernelBackend::listen() {
     if (!watch_)
         watch_.emplace(chainPrefix_, netlink_.port());
     return watch_->descriptor();
 }
 
-Disturbance KernelStore::takeDisturbance() {
+Disturbance KernelBackend::takeDisturbance() {
     if (!watch_)
         return {};
     watch_->drain();
     return watch_->sieve().takeDisturbance();
 }
 
-bool KernelStore::isUntouched(std::uint32_t since, std::uint32_t now) {
+bool KernelBackend::isUntouched(std::uint32_t since, std::uint32_t now) {
     if (!watch_)
         return false;
     watch_->drain();
     return watch_->sieve().isUntouched(since, now);
 }
 
-std::vector<ChangeFailure> KernelStore::dryRun(const Changes &changes) {
+std::vector<ChangeFailure> KernelBackend::dryRun(const Changes &changes) {
     return failuresOf(netlink_.dryRun(Encoder().encode(changes)));
 }
 
-std::optional<Ruleset> KernelStore::read() {
+std::optional<Ruleset> KernelBackend::read() {
     Ruleset ruleset;
     ruleset.generation = netlink_.generation();
-    oddHookChains_.clear();
+    oddBaseChains_.clear();
     if (!readTables(ruleset) || !readChains(ruleset) || !readRules(ruleset))
         return std::nullopt;
     finish(ruleset);
@@ -256,7 +253,7 @@ std::optional<Ruleset> KernelStore::read() {
     return ruleset;
 }
 
-void KernelStore::finish(Ruleset &ruleset) {
+void KernelBackend::finish(Ruleset &ruleset) {
     // What is neither a rule in the chain nor a rule's jump to it refers to it all the same.
     for (const auto &[name, chain] : ruleset.chains) {
         for (const auto &[target, count] : chain.jumps) {
@@ -264,18 +261,18 @@ void KernelStore::finish(Ruleset &ruleset) {
                 found->second.usesElsewhere -= std::min(found->second.usesElsewhere, count);
         }
     }
-    for (const std::string &name : oddHookChains_) {
+    for (const std::string &name : oddBaseChains_) {
         const auto refused = dryRun({{Change::Kind::addBaseChain, &name, nullptr, 0}});
-        ruleset.chains[name].hookError = refused.empty() ? 0 : refused.front().error;
+        ruleset.chains[name].baseChainError = refused.empty() ? 0 : refused.front().error;
     }
 }
 
-std::optional<Ruleset> KernelStore::readInParts() {
+std::optional<Ruleset> KernelBackend::readInParts() {
     Ruleset ruleset;
     bool whole = false;
     for (int i = 0; i < kMaxPartReadings && !whole; ++i) {
         ruleset = {netlink_.generation(), {}, false};
-        oddHookChains_.clear();
+        oddBaseChains_.clear();
         whole = readTables(ruleset) && readChains(ruleset);
     }
     for (const auto &[name, chain] : ruleset.chains)
@@ -288,7 +285,7 @@ std::optional<Ruleset> KernelStore::readInParts() {
 
 // The kernel continues a dump by counting, within the chain where one is given: what happens in other chains does not
 // disturb it, and what happens in this one shows when its handles are dumped again.
-bool KernelStore::readRulesOf(const std::string &chain, Ruleset &ruleset) {
+bool KernelBackend::readRulesOf(const std::string &chain, Ruleset &ruleset) {
     for (int i = 0; i < kMaxPartReadings; ++i) {
         Ruleset part;
         part.chains[chain] = ruleset.chains.at(chain);
@@ -305,7 +302,7 @@ bool KernelStore::readRulesOf(const std::string &chain, Ruleset &ruleset) {
     return false;
 }
 
-bool KernelStore::readTables(Ruleset &ruleset) {
+bool KernelBackend::readTables(Ruleset &ruleset) {
     return netlink_.dump(
         NFT_MSG_GETTABLE, [](nlmsghdr *) {},
         [&](const nlmsghdr *message) {
@@ -315,30 +312,30 @@ bool KernelStore::readTables(Ruleset &ruleset) {
         });
 }
 
-bool KernelStore::readChains(Ruleset &ruleset) {
+bool KernelBackend::readChains(Ruleset &ruleset) {
     return netlink_.dump(
         NFT_MSG_GETCHAIN, [](nlmsghdr *) {}, [&](const nlmsghdr *message) { takeChain(message, ruleset); });
 }
 
-void KernelStore::takeChain(const nlmsghdr *message, Ruleset &ruleset) {
+void KernelBackend::takeChain(const nlmsghdr *message, Ruleset &ruleset) {
     const Attributes chain = Attributes::of(message);
     const std::string name(chain.text(NFTA_CHAIN_NAME));
     if (name.empty() || chain.text(NFTA_CHAIN_TABLE) != kTable)
         return;
     const Attributes hook = chain.nested(NFTA_CHAIN_HOOK);
-    HeldChain &held = ruleset.chains[name];
-    held.usesElsewhere = chain.u32(NFTA_CHAIN_USE).value_or(0);
-    held.isBase = hook.has(NFTA_HOOK_HOOKNUM);
-    const HookChain *const known = hookChain(name);
+    StandingChain &standing = ruleset.chains[name];
+    standing.usesElsewhere = chain.u32(NFTA_CHAIN_USE).value_or(0);
+    standing.isBase = hook.has(NFTA_HOOK_HOOKNUM);
+    const BaseChain *const known = baseChain(name);
     if (known == nullptr)
         return;
     const bool isPlain = chain.text(NFTA_CHAIN_TYPE) == "filter" && hook.u32(NFTA_HOOK_PRIORITY).value_or(0) == 0 &&
                          hook.u32(NFTA_HOOK_HOOKNUM) == known->hook;
     if (!isPlain)
-        oddHookChains_.push_back(name);
+        oddBaseChains_.push_back(name);
 }
 
-bool KernelStore::dumpRules(const std::string &chain, const std::function<void(const nlmsghdr *)> &seen) {
+bool KernelBackend::dumpRules(const std::string &chain, const std::function<void(const nlmsghdr *)> &seen) {
     const auto ask = [&](nlmsghdr *request) {
         mnl_attr_put_strz(request, NFTA_RULE_TABLE, kTable);
         if (!chain.empty())
@@ -347,16 +344,16 @@ bool KernelStore::dumpRules(const std::string &chain, const std::function<void(c
     return netlink_.dump(NFT_MSG_GETRULE, ask, seen);
 }
 
-bool KernelStore::readRules(Ruleset &ruleset) {
+bool KernelBackend::readRules(Ruleset &ruleset) {
     return dumpRules("", [&](const nlmsghdr *message) { takeRule(message, ruleset); });
 }
 
-void KernelStore::takeRule(const nlmsghdr *message, Ruleset &ruleset) const {
+void KernelBackend::takeRule(const nlmsghdr *message, Ruleset &ruleset) const {
     const Attributes rule = Attributes::of(message);
     const std::string name(rule.text(NFTA_RULE_CHAIN));
     if (name.empty())
         return;
-    HeldChain &chain = ruleset.chains[name];
+    StandingChain &chain = ruleset.chains[name];
     chain.usesElsewhere -= std::min<std::size_t>(chain.usesElsewhere, 1);
     for (const std::string &target : jumpsOf(rule))
         ++chain.jumps[target];
@@ -369,13 +366,14 @@ void KernelStore::takeRule(const nlmsghdr *message, Ruleset &ruleset) const {
         chain.others.emplace(chain.rules.back().handle, describeOther(rule));
 }
 
-std::vector<std::uint64_t> KernelStore::dumpHandles(const std::string &chain, bool &whole) {
+std::vector<std::uint64_t> KernelBackend::dumpHandles(const std::string &chain, bool &whole) {
     std::vector<std::uint64_t> handles;
     whole = dumpRules(chain, [&](const nlmsghdr *message) { takeHandle(message, handles); });
     return handles;
 }
 
-std::optional<std::vector<std::uint64_t>> KernelStore::readHandles(const std::string &chain, std::uint32_t generation) {
+std::optional<std::vector<std::uint64_t>> KernelBackend::readHandles(const std::string &chain,
+                                                                     std::uint32_t generation) {
     bool whole = false;
     auto handles = dumpHandles(chain, whole);
     if (!whole || netlink_.generation() != generation)
@@ -385,8 +383,8 @@ std::optional<std::vector<std::uint64_t>> KernelStore::readHandles(const std::st
 
 } // namespace
 
-std::unique_ptr<RulesetStore> openKernelStore(const std::string &chainPrefix) {
-    return std::make_unique<KernelStore>(chainPrefix);
+std::unique_ptr<RulesetBackend> openKernelBackend(const std::string &chainPrefix) {
+    return std::make_unique<KernelBackend>(chainPrefix);
 }
 
 } // namespace rlv

@@ -1,5 +1,5 @@
-// The table over a store that refuses, fails and is changed by others at the worst moments.
-#include "rlv/table/modelled-table.h"
+// The table over a backend that refuses, fails and is changed by others at the worst moments.
+#include "rlv/table/transactional-table.h"
 
 #include <cerrno>
 #include <fstream>
@@ -15,7 +15,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "scripted-store.h"
+#include "scripted-backend.h"
 #include "support/failing-allocations.h"
 
 namespace {
@@ -33,12 +33,12 @@ bool isFor(const Change &change, const std::string &text) {
     return change.rule != nullptr && describe(*change.rule) == text;
 }
 
-class AModelledTable : public testing::Test {
+class ATransactionalTable : public testing::Test {
 protected:
-    explicit AModelledTable(std::size_t limit = rlv::kMaxRules) {
-        auto owned = std::make_unique<scripted::Store>();
-        store = owned.get();
-        table = std::make_unique<rlv::ModelledTable>(std::move(owned), "VPK-", limit);
+    explicit ATransactionalTable(std::size_t limit = rlv::kMaxRules) {
+        auto owned = std::make_unique<scripted::Backend>();
+        backend = owned.get();
+        table = std::make_unique<rlv::TransactionalTable>(std::move(owned), "VPK-", limit);
     }
 
     void accepted(const Texts &commands) {
@@ -62,35 +62,35 @@ protected:
     }
 
     void refuseRule(const std::string &text, int error = EINVAL) {
-        store->refuse = [text, error](const Change &change) { return isFor(change, text) ? error : 0; };
+        backend->refuse = [text, error](const Change &change) { return isFor(change, text) ? error : 0; };
     }
     void refuseKind(Kind kind, int error) {
-        store->refuse = [kind, error](const Change &change) { return change.kind == kind ? error : 0; };
+        backend->refuse = [kind, error](const Change &change) { return change.kind == kind ? error : 0; };
     }
 
     // The chain's rules, with their handles.
     Texts rules(const std::string &chain) {
         Texts texts;
-        const rlv::Ruleset truth = store->truth();
-        for (const rlv::HeldRule &held : truth.chains.at(chain).rules)
-            texts.push_back(describe(*held.rule) + " #" + std::to_string(held.handle));
+        const rlv::Ruleset truth = backend->truth();
+        for (const rlv::StandingRule &standing : truth.chains.at(chain).rules)
+            texts.push_back(describe(*standing.rule) + " #" + std::to_string(standing.handle));
         return texts;
     }
     Texts plainRules(const std::string &chain) {
         Texts texts;
-        const rlv::Ruleset truth = store->truth();
-        for (const rlv::HeldRule &held : truth.chains.at(chain).rules)
-            texts.push_back(describe(*held.rule));
+        const rlv::Ruleset truth = backend->truth();
+        for (const rlv::StandingRule &standing : truth.chains.at(chain).rules)
+            texts.push_back(describe(*standing.rule));
         return texts;
     }
-    bool stands(const std::string &chain) { return store->truth().chains.count(chain) > 0; }
+    bool stands(const std::string &chain) { return backend->truth().chains.count(chain) > 0; }
 
     void foreignAppend(const std::string &chain, const std::string &rule) {
-        EXPECT_TRUE(store->append(chain, parsed("-A VPK-A " + rule).rule));
+        EXPECT_TRUE(backend->append(chain, parsed("-A VPK-A " + rule).rule));
     }
     void foreignRemoveAll(const std::string &chain) {
-        EXPECT_TRUE(store->edit({Kind::flushChain, &chain, nullptr, 0}));
-        EXPECT_TRUE(store->edit({Kind::deleteChain, &chain, nullptr, 0}));
+        EXPECT_TRUE(backend->edit({Kind::flushChain, &chain, nullptr, 0}));
+        EXPECT_TRUE(backend->edit({Kind::deleteChain, &chain, nullptr, 0}));
     }
 
     static Texts namesOf(const rlv::PushReport &report) {
@@ -100,14 +100,14 @@ protected:
         return names;
     }
 
-    scripted::Store *store = nullptr;
-    std::unique_ptr<rlv::ModelledTable> table;
+    scripted::Backend *backend = nullptr;
+    std::unique_ptr<rlv::TransactionalTable> table;
 };
 
 const std::string kBadRule = " (4, iptables: RULE_APPEND failed (Invalid argument): rule in chain VPK-A)";
 const std::string kUnsent = " (4, iptables: not sent: the connection ended before)";
 
-TEST_F(AModelledTable, SendsNothingWhereNothingChanges) {
+TEST_F(ATransactionalTable, SendsNothingWhereNothingChanges) {
     const Texts filling{"-F VPK-A", "-A VPK-A -s 10.0.0.1 -j DROP", "-A VPK-A -s 10.0.0.2 -j DROP"};
     done({"-N VPK-A", "-A INPUT -j VPK-A"});
     done(filling);
@@ -121,55 +121,55 @@ TEST_F(AModelledTable, SendsNothingWhereNothingChanges) {
     EXPECT_EQ(before, rules("VPK-A"));
 }
 
-TEST_F(AModelledTable, SendsAConnectionAsOneTransaction) {
+TEST_F(ATransactionalTable, SendsAConnectionAsOneTransaction) {
     table->open();
     accepted({"-N VPK-A", "-N VPK-B", "-A VPK-A -j VPK-B", "-A INPUT -j VPK-A", "-A VPK-B -j DROP"});
     const auto report = table->push();
-    EXPECT_EQ(1U, store->commits);
-    EXPECT_THAT(store->lastKinds, ElementsAre(Kind::addTable, Kind::addBaseChain, Kind::addChain, Kind::addChain,
-                                              Kind::appendRule, Kind::appendRule, Kind::appendRule));
+    EXPECT_EQ(1U, backend->commits);
+    EXPECT_THAT(backend->lastKinds, ElementsAre(Kind::addTable, Kind::addBaseChain, Kind::addChain, Kind::addChain,
+                                                Kind::appendRule, Kind::appendRule, Kind::appendRule));
     EXPECT_EQ(7U, report.changes);
     EXPECT_EQ(3U, report.added);
 }
 
-TEST_F(AModelledTable, NamesEachRefusedCommandAndSendsTheRest) {
+TEST_F(ATransactionalTable, NamesEachRefusedCommandAndSendsTheRest) {
     done({"-N VPK-A"});
     for (const bool tellsIndexes : {true, false}) {
         table->open();
         accepted({"-F VPK-A", "-A VPK-A -s 10.0.0.1 -j DROP", "-A VPK-A -s 10.0.0.2 -j DROP",
                   "-A VPK-A -s 10.0.0.3 -j DROP", "-A VPK-A -s 10.0.0.2 -j DROP", "-A VPK-A -s 10.0.0.4 -j ACCEPT"});
         refuseRule("-s 10.0.0.2/32 -j DROP");
-        store->tellsIndexes = tellsIndexes;
+        backend->tellsIndexes = tellsIndexes;
         EXPECT_THAT(namesOf(table->push()),
                     ElementsAre("-A VPK-A -s 10.0.0.2 -j DROP" + kBadRule, "-A VPK-A -s 10.0.0.2 -j DROP" + kBadRule));
         EXPECT_THAT(plainRules("VPK-A"),
                     ElementsAre("-s 10.0.0.1/32 -j DROP", "-s 10.0.0.3/32 -j DROP", "-s 10.0.0.4/32 -j ACCEPT"));
-        store->refuse = nullptr;
+        backend->refuse = nullptr;
         done({"-F VPK-A"});
     }
 }
 
-TEST_F(AModelledTable, LosesACommandOfSeveralAddressesWhollyAndOnce) {
+TEST_F(ATransactionalTable, LosesACommandOfSeveralAddressesWhollyAndOnce) {
     done({"-N VPK-A"});
     for (const bool tellsIndexes : {true, false}) {
         table->open();
         EXPECT_EQ(0, applyToHosts("-A VPK-A -s ", {"10.0.0.1", "10.0.0.2", "10.0.0.3"}, " -j DROP").code);
         accepted({"-A VPK-A -s 10.0.0.2 -j ACCEPT"});
-        store->refuse = [](const Change &change) {
+        backend->refuse = [](const Change &change) {
             return isFor(change, "-s 10.0.0.2/32 -j DROP") || isFor(change, "-s 10.0.0.3/32 -j DROP") ? EINVAL : 0;
         };
-        store->tellsIndexes = tellsIndexes;
+        backend->tellsIndexes = tellsIndexes;
         EXPECT_THAT(namesOf(table->push()), ElementsAre("-A VPK-A -s name -j DROP" + kBadRule));
         EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-s 10.0.0.2/32 -j ACCEPT"));
-        store->refuse = nullptr;
+        backend->refuse = nullptr;
         done({"-F VPK-A"});
     }
 }
 
-TEST_F(AModelledTable, LosesAChainThatCannotBeMadeWithAllThatNeedsIt) {
+TEST_F(ATransactionalTable, LosesAChainThatCannotBeMadeWithAllThatNeedsIt) {
     for (const bool tellsIndexes : {true, false}) {
-        store->tellsIndexes = tellsIndexes;
-        store->refuse = [](const Change &change) {
+        backend->tellsIndexes = tellsIndexes;
+        backend->refuse = [](const Change &change) {
             return change.kind == Kind::addChain && *change.chain == "VPK-B" ? EPERM : 0;
         };
         table->open();
@@ -181,12 +181,12 @@ TEST_F(AModelledTable, LosesAChainThatCannotBeMadeWithAllThatNeedsIt) {
         EXPECT_THAT(lost, testing::UnorderedElementsAre("-N VPK-B", "-A VPK-A -j VPK-B", "-A VPK-B -j DROP"));
         EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-j DROP"));
         EXPECT_FALSE(stands("VPK-B"));
-        store->refuse = nullptr;
+        backend->refuse = nullptr;
         done({"-F VPK-A", "-X VPK-A"});
     }
 }
 
-TEST_F(AModelledTable, LosesTheCommandThatWouldMakeAHookChainOnce) {
+TEST_F(ATransactionalTable, LosesTheCommandThatWouldMakeABuiltInChainOnce) {
     done({"-N VPK-A"});
     refuseKind(Kind::addBaseChain, EOPNOTSUPP);
     table->open();
@@ -195,11 +195,11 @@ TEST_F(AModelledTable, LosesTheCommandThatWouldMakeAHookChainOnce) {
     EXPECT_THAT(namesOf(table->push()), ElementsAre("-A INPUT -j VPK-A" + why, "-A INPUT -j VPK-A" + why));
 }
 
-TEST_F(AModelledTable, KeepsAChainWhoseRemovalIsRefusedAndSendsTheRest) {
+TEST_F(ATransactionalTable, KeepsAChainWhoseRemovalIsRefusedAndSendsTheRest) {
     done({"-N VPK-A", "-N VPK-B", "-A VPK-A -j DROP"});
     refuseKind(Kind::deleteChain, EBUSY);
     for (const bool tellsIndexes : {true, false}) {
-        store->tellsIndexes = tellsIndexes;
+        backend->tellsIndexes = tellsIndexes;
         table->open();
         accepted({"-F VPK-A", "-X VPK-A", "-A VPK-B -j DROP"});
         EXPECT_THAT(namesOf(table->push()),
@@ -209,12 +209,12 @@ TEST_F(AModelledTable, KeepsAChainWhoseRemovalIsRefusedAndSendsTheRest) {
     EXPECT_THAT(plainRules("VPK-B"), ElementsAre("-j DROP", "-j DROP"));
 }
 
-TEST_F(AModelledTable, LosesEverythingWhereTheRefusalIsFoundNowhere) {
+TEST_F(ATransactionalTable, LosesEverythingWhereTheRefusalIsFoundNowhere) {
     done({"-N VPK-A", "-A VPK-A -j ACCEPT"});
     const auto before = rules("VPK-A");
     refuseRule("-s 10.0.0.2/32 -j DROP", EMLINK);
-    store->tellsIndexes = false;
-    store->refusesAtTheEndOnly = true;
+    backend->tellsIndexes = false;
+    backend->refusesAtTheEndOnly = true;
     table->open();
     accepted({"-F VPK-A", "-A VPK-A -s 10.0.0.1 -j DROP"});
     EXPECT_EQ(0, applyToHosts("-A VPK-A -s ", {"10.0.0.2", "10.0.0.3"}, " -j DROP").code);
@@ -222,16 +222,16 @@ TEST_F(AModelledTable, LosesEverythingWhereTheRefusalIsFoundNowhere) {
     EXPECT_THAT(namesOf(table->push()),
                 ElementsAre("-F VPK-A" + why, "-A VPK-A -s 10.0.0.1 -j DROP" + why, "-A VPK-A -s name -j DROP" + why));
     EXPECT_EQ(before, rules("VPK-A"));
-    EXPECT_GE(2U, store->dryRuns);
+    EXPECT_GE(2U, backend->dryRuns);
     done({"-A VPK-A -j DROP"});
 }
 
 // A kernel that is short of memory has nothing against the rules that it names, nor for those that it does not.
-TEST_F(AModelledTable, LosesEverythingWhereTheKernelIsShortOfMemory) {
+TEST_F(ATransactionalTable, LosesEverythingWhereTheKernelIsShortOfMemory) {
     done({"-N VPK-A", "-A VPK-A -j ACCEPT"});
     for (const int error : {ENOMEM, ENOBUFS}) {
         for (const bool tellsIndexes : {true, false}) {
-            store->tellsIndexes = tellsIndexes;
+            backend->tellsIndexes = tellsIndexes;
             refuseRule("-s 10.0.0.2/32 -j DROP", error);
             table->open();
             accepted({"-F VPK-A", "-A VPK-A -s 10.0.0.1 -j DROP", "-A VPK-A -s 10.0.0.2 -j DROP"});
@@ -239,10 +239,10 @@ TEST_F(AModelledTable, LosesEverythingWhereTheKernelIsShortOfMemory) {
             EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-j ACCEPT")) << error;
         }
     }
-    EXPECT_EQ(0U, store->dryRuns);
+    EXPECT_EQ(0U, backend->dryRuns);
 }
 
-TEST_F(AModelledTable, LosesEverythingWhereARemovalOfRulesIsRefused) {
+TEST_F(ATransactionalTable, LosesEverythingWhereARemovalOfRulesIsRefused) {
     done({"-N VPK-A", "-A VPK-A -j ACCEPT", "-A VPK-A -j DROP"});
     const auto before = rules("VPK-A");
     refuseKind(Kind::flushChain, EINVAL);
@@ -252,30 +252,30 @@ TEST_F(AModelledTable, LosesEverythingWhereARemovalOfRulesIsRefused) {
     EXPECT_EQ(before, rules("VPK-A"));
 }
 
-TEST_F(AModelledTable, FindsOneRefusalAmongThousandsInFewDryRuns) {
+TEST_F(ATransactionalTable, FindsOneRefusalAmongThousandsInFewDryRuns) {
     done({"-N VPK-A"});
     refuseRule("-s 10.0.7.208/32 -j DROP");
-    store->tellsIndexes = false;
+    backend->tellsIndexes = false;
     table->open();
     for (int i = 0; i < 4'096; ++i)
         accepted({"-A VPK-A -s 10.0." + std::to_string(i / 256) + "." + std::to_string(i % 256) + " -j DROP"});
     EXPECT_THAT(namesOf(table->push()), ElementsAre("-A VPK-A -s 10.0.7.208 -j DROP" + kBadRule));
     EXPECT_EQ(4'095U, rules("VPK-A").size());
-    EXPECT_GT(40U, store->dryRuns);
+    EXPECT_GT(40U, backend->dryRuns);
 }
 
 // Refused and good ones in turn cost two dry runs each, with all that is good so far.
-TEST_F(AModelledTable, LosesEverythingWhereTheSearchForRefusalsTakesTooLong) {
+TEST_F(ATransactionalTable, LosesEverythingWhereTheSearchForRefusalsTakesTooLong) {
     constexpr std::size_t kCost = 50'000;
-    auto owned = std::make_unique<scripted::Store>();
-    store = owned.get();
-    table = std::make_unique<rlv::ModelledTable>(std::move(owned), "VPK-", rlv::kMaxRules, kCost);
+    auto owned = std::make_unique<scripted::Backend>();
+    backend = owned.get();
+    table = std::make_unique<rlv::TransactionalTable>(std::move(owned), "VPK-", rlv::kMaxRules, kCost);
     done({"-N VPK-A", "-A VPK-A -j ACCEPT"});
     const auto before = rules("VPK-A");
-    store->refuse = [](const Change &change) {
+    backend->refuse = [](const Change &change) {
         return change.rule != nullptr && change.rule->target.kind == rlv::Target::Kind::drop ? EINVAL : 0;
     };
-    store->tellsIndexes = false;
+    backend->tellsIndexes = false;
     const std::string why = " (4, iptables: the kernel refuses some of 257 changes (Invalid argument), and to find out "
                             "which takes too long)";
     Texts commands{"-F VPK-A"};
@@ -287,8 +287,8 @@ TEST_F(AModelledTable, LosesEverythingWhereTheSearchForRefusalsTakesTooLong) {
     table->open();
     accepted(commands);
     EXPECT_EQ(expected, namesOf(table->push()));
-    EXPECT_LT(20U, store->dryRuns);
-    EXPECT_GE(kCost, store->triedMessages + store->dryRuns * rlv::kDryRunCost);
+    EXPECT_LT(20U, backend->dryRuns);
+    EXPECT_GE(kCost, backend->triedMessages + backend->dryRuns * rlv::kDryRunCost);
     EXPECT_EQ(before, rules("VPK-A"));
     // The bound is for one push.
     table->open();
@@ -297,25 +297,25 @@ TEST_F(AModelledTable, LosesEverythingWhereTheSearchForRefusalsTakesTooLong) {
     EXPECT_EQ(2U, rules("VPK-A").size());
 }
 
-TEST_F(AModelledTable, SendsAgainWhenSomebodyWasFaster) {
+TEST_F(ATransactionalTable, SendsAgainWhenSomebodyWasFaster) {
     done({"-N VPK-A", "-A INPUT -j VPK-A"});
     int left = 9;
-    store->beforeCommit = [&] {
+    backend->beforeCommit = [&] {
         if (left-- > 0)
             foreignAppend("INPUT", "-s 10.9.9.9 -j DROP");
     };
     done({"-D INPUT -j VPK-A", "-A INPUT -j VPK-A", "-A VPK-A -j DROP"});
-    EXPECT_EQ(0U, store->unbound);
+    EXPECT_EQ(0U, backend->unbound);
     EXPECT_EQ("-j VPK-A", plainRules("INPUT").back());
     EXPECT_EQ(10U, plainRules("INPUT").size());
     EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-j DROP"));
 }
 
 // What one reading of the table makes needless, the next may need.
-TEST_F(AModelledTable, ForgetsNoCommandHoweverOftenItReadsTheTableAgain) {
+TEST_F(ATransactionalTable, ForgetsNoCommandHoweverOftenItReadsTheTableAgain) {
     done({"-N VPK-A", "-N VPK-B"});
     const auto edit = [&](Change::Kind kind, const std::string &chain) {
-        ASSERT_TRUE(store->edit({kind, &chain, nullptr, 0})) << chain;
+        ASSERT_TRUE(backend->edit({kind, &chain, nullptr, 0})) << chain;
     };
     const std::vector<std::function<void()>> edits{
         [&] { edit(Change::Kind::deleteChain, "VPK-B"); },
@@ -325,38 +325,38 @@ TEST_F(AModelledTable, ForgetsNoCommandHoweverOftenItReadsTheTableAgain) {
         },
     };
     auto next = edits.begin();
-    store->beforeCommit = [&] {
+    backend->beforeCommit = [&] {
         if (next != edits.end())
             (*next++)();
     };
     done({"-X VPK-A", "-N VPK-A", "-A VPK-A -j DROP", "-X VPK-B"});
     EXPECT_EQ(edits.end(), next);
     EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-j DROP"));
-    EXPECT_EQ(0U, store->truth().chains.count("VPK-B"));
+    EXPECT_EQ(0U, backend->truth().chains.count("VPK-B"));
 }
 
-TEST_F(AModelledTable, KeepsAHookChainWhoseRuleIsGoneAlsoWhenItReadsTheTableAgain) {
+TEST_F(ATransactionalTable, KeepsABuiltInChainWhoseRuleIsGoneAlsoWhenItReadsTheTableAgain) {
     done({"-N VPK-A"});
     const std::string other = "OTHER";
-    store->beforeCommit = [&] { store->make(other); };
+    backend->beforeCommit = [&] { backend->make(other); };
     done({"-A OUTPUT -j VPK-A", "-D OUTPUT -j VPK-A"});
-    EXPECT_EQ(1U, store->truth().chains.count(other));
-    EXPECT_EQ(1U, store->truth().chains.count("OUTPUT"));
+    EXPECT_EQ(1U, backend->truth().chains.count(other));
+    EXPECT_EQ(1U, backend->truth().chains.count("OUTPUT"));
 }
 
 // One who changes something before each of our transactions.
-TEST_F(AModelledTable, SendsWhateverHappensAfterTenConflictsAndKeepsToItsOwnRules) {
+TEST_F(ATransactionalTable, SendsWhateverHappensAfterTenConflictsAndKeepsToItsOwnRules) {
     done({"-N VPK-A", "-A VPK-A -j ACCEPT", "-A INPUT -j VPK-A"});
     foreignAppend("INPUT", "-s 10.9.9.1 -j DROP");
-    store->beforeCommit = [&] { foreignAppend("INPUT", "-s 10.9.9.9 -j DROP"); };
+    backend->beforeCommit = [&] { foreignAppend("INPUT", "-s 10.9.9.9 -j DROP"); };
     const auto before = rules("INPUT");
     table->open();
     accepted({"-D INPUT -j VPK-A", "-F VPK-A", "-A VPK-A -j DROP", "-A INPUT -j VPK-A", "-A OUTPUT -j VPK-A"});
     const auto report = table->push();
-    store->beforeCommit = nullptr;
+    backend->beforeCommit = nullptr;
     EXPECT_THAT(report.lost, IsEmpty());
-    EXPECT_EQ(10U, store->boundRefusals);
-    EXPECT_EQ(1U, store->unbound);
+    EXPECT_EQ(10U, backend->boundRefusals);
+    EXPECT_EQ(1U, backend->unbound);
     auto foreign = rules("INPUT");
     EXPECT_EQ(1U + 11U + 1U, foreign.size());
     EXPECT_EQ(before[1], foreign[0]);
@@ -368,42 +368,42 @@ TEST_F(AModelledTable, SendsWhateverHappensAfterTenConflictsAndKeepsToItsOwnRule
     EXPECT_EQ(12U, rules("INPUT").size());
 }
 
-TEST_F(AModelledTable, SendsWithoutAGenerationWhatItReadInParts) {
+TEST_F(ATransactionalTable, SendsWithoutAGenerationWhatItReadInParts) {
     done({"-N VPK-A", "-A VPK-A -j ACCEPT", "-A INPUT -j VPK-A"});
-    store->isNeverWhole = true;
+    backend->isNeverWhole = true;
     foreignAppend("INPUT", "-s 10.9.9.1 -j DROP");
     const auto before = rules("INPUT");
     done({"-F VPK-A", "-A VPK-A -j DROP", "-D INPUT -j VPK-A", "-A INPUT -j VPK-A"});
-    EXPECT_EQ(1U, store->unbound);
-    EXPECT_EQ(0U, store->boundRefusals);
+    EXPECT_EQ(1U, backend->unbound);
+    EXPECT_EQ(0U, backend->boundRefusals);
     EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-j DROP"));
     EXPECT_EQ(before[1], rules("INPUT")[0]);
     EXPECT_EQ("-j VPK-A", plainRules("INPUT").at(1));
     // As soon as it can be read as a whole, it is sent as one that is known.
-    store->isNeverWhole = false;
+    backend->isNeverWhole = false;
     done({"-A VPK-A -j ACCEPT"});
-    EXPECT_EQ(1U, store->unbound);
+    EXPECT_EQ(1U, backend->unbound);
 }
 
-TEST_F(AModelledTable, TakesAChainThatAppearsBeforeAnUnboundTransaction) {
+TEST_F(ATransactionalTable, TakesAChainThatAppearsBeforeAnUnboundTransaction) {
     int commits = 0;
-    store->beforeCommit = [&] {
+    backend->beforeCommit = [&] {
         if (++commits == 11)
-            store->make("VPK-A");
+            backend->make("VPK-A");
     };
-    store->conflictsToCome = 10;
+    backend->conflictsToCome = 10;
     done({"-N VPK-A", "-A VPK-A -j DROP"});
     EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-j DROP"));
 }
 
-TEST_F(AModelledTable, SaysWhatIsLostWhereAChainVanishesBeforeAnUnboundTransaction) {
+TEST_F(ATransactionalTable, SaysWhatIsLostWhereAChainVanishesBeforeAnUnboundTransaction) {
     done({"-N VPK-A", "-N VPK-B"});
     int commits = 0;
-    store->beforeCommit = [&] {
+    backend->beforeCommit = [&] {
         if (++commits == 11)
             foreignRemoveAll("VPK-A");
     };
-    store->conflictsToCome = 10;
+    backend->conflictsToCome = 10;
     table->open();
     accepted({"-F VPK-A", "-A VPK-A -j DROP", "-F VPK-B", "-A VPK-B -j DROP"});
     EXPECT_THAT(namesOf(table->push()),
@@ -411,17 +411,17 @@ TEST_F(AModelledTable, SaysWhatIsLostWhereAChainVanishesBeforeAnUnboundTransacti
     EXPECT_THAT(plainRules("VPK-B"), ElementsAre("-j DROP"));
 }
 
-TEST_F(AModelledTable, DeletesTheRestOfACommandsRulesWhereSomebodyDeletedSome) {
+TEST_F(ATransactionalTable, DeletesTheRestOfACommandsRulesWhereSomebodyDeletedSome) {
     done({"-N VPK-A", "-A VPK-A -s 10.0.0.1 -j DROP", "-A VPK-A -s 10.0.0.2 -j DROP"});
     table->open();
     EXPECT_EQ(0, applyToHosts("-D VPK-A -s ", {"10.0.0.1", "10.0.0.2"}, " -j DROP").code);
     const std::string chain = "VPK-A";
-    EXPECT_TRUE(store->edit({Kind::deleteRule, &chain, nullptr, store->truth().chains.at(chain).rules[0].handle}));
+    EXPECT_TRUE(backend->edit({Kind::deleteRule, &chain, nullptr, backend->truth().chains.at(chain).rules[0].handle}));
     EXPECT_THAT(table->push().lost, IsEmpty());
     EXPECT_THAT(rules("VPK-A"), IsEmpty());
 }
 
-TEST_F(AModelledTable, RenewsAChainThatVanishedMeanwhile) {
+TEST_F(ATransactionalTable, RenewsAChainThatVanishedMeanwhile) {
     done({"-N VPK-A", "-A VPK-A -j DROP"});
     table->open();
     accepted({"-F VPK-A", "-X VPK-A", "-N VPK-A", "-A VPK-A -j ACCEPT"});
@@ -430,7 +430,7 @@ TEST_F(AModelledTable, RenewsAChainThatVanishedMeanwhile) {
     EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-j ACCEPT"));
 }
 
-TEST_F(AModelledTable, RenewsAChainThatTheKernelHoldsByEmptyingIt) {
+TEST_F(ATransactionalTable, RenewsAChainThatTheKernelHoldsByEmptyingIt) {
     done({"-N VPK-A", "-A VPK-A -j DROP", "-N VPK-B"});
     table->open();
     accepted({"-F VPK-A", "-X VPK-A", "-N VPK-A", "-X VPK-B", "-N VPK-B"});
@@ -439,7 +439,7 @@ TEST_F(AModelledTable, RenewsAChainThatTheKernelHoldsByEmptyingIt) {
     EXPECT_TRUE(stands("VPK-B"));
 }
 
-TEST_F(AModelledTable, DeletesTheHeldOneOfTwoEqualRulesFirst) {
+TEST_F(ATransactionalTable, DeletesTheStandingOneOfTwoEqualRulesFirst) {
     done({"-N VPK-A", "-A VPK-A -j DROP", "-A VPK-A -j ACCEPT"});
     const auto before = rules("VPK-A");
     table->open();
@@ -453,66 +453,66 @@ TEST_F(AModelledTable, DeletesTheHeldOneOfTwoEqualRulesFirst) {
     EXPECT_THAT(rules("VPK-A"), ElementsAre(before[1]));
 }
 
-TEST_F(AModelledTable, KeepsChainsThatAMapRefersTo) {
+TEST_F(ATransactionalTable, KeepsChainsThatAMapRefersTo) {
     done({"-N VPK-A"});
-    store->pinned.insert("VPK-A");
-    ASSERT_TRUE(store->make("OTHER"));
+    backend->pinned.insert("VPK-A");
+    ASSERT_TRUE(backend->make("OTHER"));
     table->open();
     EXPECT_EQ("iptables: CHAIN_DEL failed (Device or resource busy): chain VPK-A",
               table->apply({parsed("-X VPK-A")}, "-X VPK-A").message);
     EXPECT_EQ("iptables: emptied, but kept because rules of others jump to it: VPK-A", table->removeAll().message);
 }
 
-TEST_F(AModelledTable, NamesOnceWhatWasLostBeforeAnException) {
+TEST_F(ATransactionalTable, NamesOnceWhatWasLostBeforeAnException) {
     done({"-N VPK-A"});
     refuseRule("-s 10.0.0.2/32 -j DROP");
     int commits = 0;
-    store->beforeCommit = [&] { store->failuresToCome = ++commits == 1 ? 1 : 0; };
+    backend->beforeCommit = [&] { backend->failuresToCome = ++commits == 1 ? 1 : 0; };
     table->open();
     accepted({"-A VPK-A -s 10.0.0.1 -j DROP", "-A VPK-A -s 10.0.0.2 -j DROP"});
     EXPECT_THROW(table->push(), std::system_error);
-    store->beforeCommit = nullptr;
-    EXPECT_THAT(namesOf(table->drop()),
+    backend->beforeCommit = nullptr;
+    EXPECT_THAT(namesOf(table->discard()),
                 ElementsAre("-A VPK-A -s 10.0.0.2 -j DROP" + kBadRule, "-A VPK-A -s 10.0.0.1 -j DROP" + kUnsent));
-    EXPECT_THAT(table->drop().lost, IsEmpty());
+    EXPECT_THAT(table->discard().lost, IsEmpty());
     EXPECT_THAT(rules("VPK-A"), IsEmpty());
 }
 
-TEST_F(AModelledTable, CanSendAgainAfterAnException) {
+TEST_F(ATransactionalTable, CanSendAgainAfterAnException) {
     done({"-N VPK-A"});
     table->open();
     accepted({"-A VPK-A -j DROP"});
-    store->failuresToCome = 1;
+    backend->failuresToCome = 1;
     EXPECT_THROW(table->push(), std::system_error);
     EXPECT_THAT(table->push().lost, IsEmpty());
     EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-j DROP"));
 }
 
-TEST_F(AModelledTable, ReadsWhatTheKernelHoldsWhenItsAnswerWasLost) {
+TEST_F(ATransactionalTable, ReadsWhatTheKernelHoldsWhenItsAnswerWasLost) {
     done({"-N VPK-A"});
-    store->answersToLose = 1;
+    backend->answersToLose = 1;
     table->open();
     accepted({"-A VPK-A -j DROP"});
     EXPECT_THROW(table->push(), std::system_error);
-    EXPECT_THAT(namesOf(table->drop()), ElementsAre("-A VPK-A -j DROP" + kUnsent));
+    EXPECT_THAT(namesOf(table->discard()), ElementsAre("-A VPK-A -j DROP" + kUnsent));
     accepted({"-D VPK-A -j DROP", "-A VPK-A -j ACCEPT"});
     EXPECT_THAT(table->push().lost, IsEmpty());
     EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-j ACCEPT"));
 }
 
-TEST_F(AModelledTable, DropsEverythingThatWasNotSent) {
+TEST_F(ATransactionalTable, DiscardsEverythingThatWasNotSent) {
     done({"-N VPK-A", "-A VPK-A -j DROP"});
     table->open();
     accepted({"-N VPK-B", "-F VPK-A", "-A VPK-A -j VPK-B"});
     EXPECT_EQ(0, applyToHosts("-A VPK-B -s ", {"10.0.0.1", "10.0.0.2"}, " -j DROP").code);
-    EXPECT_THAT(namesOf(table->drop()),
+    EXPECT_THAT(namesOf(table->discard()),
                 ElementsAre("-N VPK-B" + kUnsent, "-F VPK-A" + kUnsent, "-A VPK-A -j VPK-B" + kUnsent,
                             "-A VPK-B -s name -j DROP" + kUnsent));
     EXPECT_EQ(0U, table->push().changes);
     EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-j DROP"));
 }
 
-TEST_F(AModelledTable, DescribesTheKernelWhileAConnectionHasChanges) {
+TEST_F(ATransactionalTable, DescribesTheKernelWhileAConnectionHasChanges) {
     done({"-N VPK-A"});
     table->open();
     accepted({"-N VPK-B", "-A VPK-A -j DROP", "-A INPUT -j VPK-A"});
@@ -530,30 +530,30 @@ TEST_F(AModelledTable, DescribesTheKernelWhileAConnectionHasChanges) {
     EXPECT_EQ(2U, state.chains[0].rules);
 }
 
-TEST_F(AModelledTable, ReadsOnlyWhatSomebodyElseChanged) {
+TEST_F(ATransactionalTable, ReadsOnlyWhatSomebodyElseChanged) {
     done({"-N VPK-A", "-A VPK-A -j DROP"});
-    const auto before = store->readings;
+    const auto before = backend->readings;
     done({"-A VPK-A -j ACCEPT"});
     done({"-D VPK-A -j DROP"});
-    EXPECT_EQ(before, store->readings);
+    EXPECT_EQ(before, backend->readings);
     foreignAppend("VPK-A", "-j DROP");
     done({"-D VPK-A -j DROP"});
-    EXPECT_EQ(before + 1, store->readings);
+    EXPECT_EQ(before + 1, backend->readings);
 }
 
-TEST_F(AModelledTable, OutlivesTheEndOfTheGenerationsNumbers) {
-    store->generationShift = std::numeric_limits<std::uint32_t>::max() - 2;
+TEST_F(ATransactionalTable, OutlivesTheEndOfTheGenerationsNumbers) {
+    backend->generationShift = std::numeric_limits<std::uint32_t>::max() - 2;
     done({"-N VPK-A"});
-    const auto readings = store->readings;
+    const auto readings = backend->readings;
     for (int i = 0; i < 6; ++i)
         done({"-A VPK-A -j DROP"});
-    EXPECT_EQ(readings, store->readings);
+    EXPECT_EQ(readings, backend->readings);
     EXPECT_EQ(6U, rules("VPK-A").size());
 }
 
-class AFullTable : public AModelledTable {
+class AFullTable : public ATransactionalTable {
 protected:
-    AFullTable() : AModelledTable(10) {}
+    AFullTable() : ATransactionalTable(10) {}
     const std::string kFull = "iptables: too many rules: the chains may come to 10 together";
 };
 
@@ -577,9 +577,9 @@ TEST_F(AFullTable, RefusesWhatExceedsItAndGoesOn) {
 TEST_F(AFullTable, NamesWhatNoLongerFitsWhenOthersFilledItMeanwhile) {
     table->open();
     accepted({"-N VPK-A", "-N VPK-B", "-A VPK-A -j DROP", "-A VPK-B -j DROP"});
-    ASSERT_TRUE(store->make("OTHER"));
+    ASSERT_TRUE(backend->make("OTHER"));
     for (const std::string name : {"VPK-1", "VPK-2", "VPK-3", "VPK-4", "VPK-5", "VPK-6", "VPK-7"})
-        ASSERT_TRUE(store->make(name));
+        ASSERT_TRUE(backend->make(name));
     const std::string why = " (4, " + kFull + ")";
     EXPECT_THAT(namesOf(table->push()), ElementsAre("-A VPK-A -j DROP" + why, "-A VPK-B -j DROP" + why));
     EXPECT_TRUE(stands("VPK-B"));
@@ -594,7 +594,7 @@ std::size_t peakKilobytes() {
     return 0;
 }
 
-TEST_F(AModelledTable, NeedsMemoryForTheOutcomeAndNotForTheCommands) {
+TEST_F(ATransactionalTable, NeedsMemoryForTheOutcomeAndNotForTheCommands) {
     done({"-N VPK-A"});
     table->open();
     const auto command = parsed("-A VPK-A -p tcp -s 10.0.0.1 --sport 80 -j DROP");
@@ -615,7 +615,7 @@ TEST_F(AModelledTable, NeedsMemoryForTheOutcomeAndNotForTheCommands) {
 }
 
 // Wherever the memory runs out, the next connection meets the table as the kernel has it.
-TEST_F(AModelledTable, TakesNothingForTheKernelsForWantOfMemory) {
+TEST_F(ATransactionalTable, TakesNothingForTheKernelsForWantOfMemory) {
     const std::string one("-A VPK-A -s 10.0.0.1 -j DROP");
     const std::string other("-A VPK-A -s 10.0.0.2 -j DROP");
     done({"-N VPK-A", "-N VPK-B", "-A INPUT -j VPK-A", one});
@@ -634,7 +634,7 @@ TEST_F(AModelledTable, TakesNothingForTheKernelsForWantOfMemory) {
             }
             failed = Shortage::failed();
         }
-        table->drop();
+        table->discard();
         ASSERT_NO_FATAL_FAILURE(done({"-F VPK-A", "-F VPK-B", other}));
         ASSERT_THAT(plainRules("VPK-A"), ElementsAre("-s 10.0.0.2/32 -j DROP"));
         ASSERT_THAT(plainRules("VPK-B"), IsEmpty());

@@ -3,13 +3,13 @@
 #include <cerrno>
 #include <utility>
 
-#include "rlv/table/ruleset.h"
+#include "rlv/table/ruleset-backend.h"
 
 namespace rlv {
 
 namespace {
 
-class SimulatedStore : public RulesetStore {
+class SimulatedBackend : public RulesetBackend {
 public:
     std::uint32_t generation() override { return ruleset_.generation; }
     std::optional<Ruleset> read() override { return ruleset_; }
@@ -20,14 +20,14 @@ public:
 
 private:
     // The chains that a transaction touches, as they will be; none where one goes.
-    using Draft = std::map<std::string, std::optional<HeldChain>>;
+    using Draft = std::map<std::string, std::optional<StandingChain>>;
 
     std::vector<ChangeFailure> makeDraft(const Changes &changes, Draft &draft);
     int change(const Change &change, Draft &draft);
     int addChain(const Change &change, Draft &draft) const;
     int deleteChain(const Change &change, Draft &draft) const;
-    int addRule(const Change &change, HeldChain &chain, Draft &draft);
-    std::optional<HeldChain> *touch(const std::string &name, Draft &draft) const;
+    int addRule(const Change &change, StandingChain &chain, Draft &draft);
+    std::optional<StandingChain> *touch(const std::string &name, Draft &draft) const;
     bool stands(const std::string &name, const Draft &draft) const;
     bool isReferenced(const std::string &name, const Draft &draft) const;
 
@@ -35,29 +35,30 @@ private:
     std::uint64_t lastHandle_ = 0;
 };
 
-bool isJump(const HeldRule &held) { return held.rule && held.rule->target.kind == Target::Kind::jump; }
+bool isJump(const StandingRule &standing) { return standing.rule && standing.rule->target.kind == Target::Kind::jump; }
 
-void dropJump(HeldChain &chain, const HeldRule &held) {
-    if (isJump(held) && --chain.jumps[held.rule->target.text] == 0)
-        chain.jumps.erase(held.rule->target.text);
+void uncountJump(StandingChain &chain, const StandingRule &standing) {
+    if (isJump(standing) && --chain.jumps[standing.rule->target.text] == 0)
+        chain.jumps.erase(standing.rule->target.text);
 }
 
-auto withHandle(std::vector<HeldRule> &rules, std::uint64_t handle) {
-    return std::find_if(rules.begin(), rules.end(), [&](const HeldRule &held) { return held.handle == handle; });
+auto withHandle(std::vector<StandingRule> &rules, std::uint64_t handle) {
+    return std::find_if(rules.begin(), rules.end(),
+                        [&](const StandingRule &standing) { return standing.handle == handle; });
 }
 
-std::optional<std::vector<std::uint64_t>> SimulatedStore::readHandles(const std::string &chain,
-                                                                      std::uint32_t generation) {
+std::optional<std::vector<std::uint64_t>> SimulatedBackend::readHandles(const std::string &chain,
+                                                                        std::uint32_t generation) {
     const auto found = ruleset_.chains.find(chain);
     if (generation != ruleset_.generation || found == ruleset_.chains.end())
         return std::nullopt;
     std::vector<std::uint64_t> handles;
-    for (const HeldRule &held : found->second.rules)
-        handles.push_back(held.handle);
+    for (const StandingRule &standing : found->second.rules)
+        handles.push_back(standing.handle);
     return handles;
 }
 
-std::optional<HeldChain> *SimulatedStore::touch(const std::string &name, Draft &draft) const {
+std::optional<StandingChain> *SimulatedBackend::touch(const std::string &name, Draft &draft) const {
     const auto touched = draft.find(name);
     if (touched != draft.end())
         return touched->second ? &touched->second : nullptr;
@@ -65,13 +66,13 @@ std::optional<HeldChain> *SimulatedStore::touch(const std::string &name, Draft &
     return standing == ruleset_.chains.end() ? nullptr : &(draft[name] = standing->second);
 }
 
-bool SimulatedStore::stands(const std::string &name, const Draft &draft) const {
+bool SimulatedBackend::stands(const std::string &name, const Draft &draft) const {
     const auto touched = draft.find(name);
     return touched != draft.end() ? touched->second.has_value() : ruleset_.chains.count(name) > 0;
 }
 
-bool SimulatedStore::isReferenced(const std::string &name, const Draft &draft) const {
-    const auto refers = [&](const HeldChain &chain) { return chain.jumps.count(name) > 0; };
+bool SimulatedBackend::isReferenced(const std::string &name, const Draft &draft) const {
+    const auto refers = [&](const StandingChain &chain) { return chain.jumps.count(name) > 0; };
     const bool fromTouched = std::any_of(draft.begin(), draft.end(),
                                          [&](const auto &entry) { return entry.second && refers(*entry.second); });
     return fromTouched || std::any_of(ruleset_.chains.begin(), ruleset_.chains.end(), [&](const auto &entry) {
@@ -79,17 +80,17 @@ bool SimulatedStore::isReferenced(const std::string &name, const Draft &draft) c
            });
 }
 
-int SimulatedStore::addChain(const Change &change, Draft &draft) const {
+int SimulatedBackend::addChain(const Change &change, Draft &draft) const {
     const bool isBase = change.kind == Change::Kind::addBaseChain;
     if (stands(*change.chain, draft))
         return isBase ? 0 : EEXIST;
-    HeldChain chain;
+    StandingChain chain;
     chain.isBase = isBase;
     draft[*change.chain] = std::move(chain);
     return 0;
 }
 
-int SimulatedStore::deleteChain(const Change &change, Draft &draft) const {
+int SimulatedBackend::deleteChain(const Change &change, Draft &draft) const {
     const auto *const chain = touch(*change.chain, draft);
     if (chain == nullptr)
         return ENOENT;
@@ -99,8 +100,8 @@ int SimulatedStore::deleteChain(const Change &change, Draft &draft) const {
     return 0;
 }
 
-int SimulatedStore::addRule(const Change &change, HeldChain &chain, Draft &draft) {
-    const HeldRule added{++lastHandle_, *change.rule};
+int SimulatedBackend::addRule(const Change &change, StandingChain &chain, Draft &draft) {
+    const StandingRule added{++lastHandle_, *change.rule};
     if (isJump(added) && !stands(added.rule->target.text, draft))
         return ENOENT;
     auto place = chain.rules.end();
@@ -116,7 +117,7 @@ int SimulatedStore::addRule(const Change &change, HeldChain &chain, Draft &draft
 }
 
 // 0 or an errno.
-int SimulatedStore::change(const Change &change, Draft &draft) {
+int SimulatedBackend::change(const Change &change, Draft &draft) {
     switch (change.kind) {
     case Change::Kind::addTable:
     case Change::Kind::wakeTable: // it never sleeps
@@ -132,7 +133,7 @@ int SimulatedStore::change(const Change &change, Draft &draft) {
     auto *const touched = touch(*change.chain, draft);
     if (touched == nullptr)
         return ENOENT;
-    HeldChain &chain = **touched;
+    StandingChain &chain = **touched;
     if (change.kind == Change::Kind::flushChain) {
         chain.rules.clear();
         chain.jumps.clear();
@@ -143,12 +144,12 @@ int SimulatedStore::change(const Change &change, Draft &draft) {
     const auto found = withHandle(chain.rules, change.handle);
     if (found == chain.rules.end())
         return ENOENT;
-    dropJump(chain, *found);
+    uncountJump(chain, *found);
     chain.rules.erase(found);
     return 0;
 }
 
-std::vector<ChangeFailure> SimulatedStore::makeDraft(const Changes &changes, Draft &draft) {
+std::vector<ChangeFailure> SimulatedBackend::makeDraft(const Changes &changes, Draft &draft) {
     std::vector<ChangeFailure> failures;
     for (std::size_t i = 0; i < changes.size(); ++i) {
         if (const int error = change(changes[i], draft))
@@ -157,12 +158,12 @@ std::vector<ChangeFailure> SimulatedStore::makeDraft(const Changes &changes, Dra
     return failures;
 }
 
-std::vector<ChangeFailure> SimulatedStore::dryRun(const Changes &changes) {
+std::vector<ChangeFailure> SimulatedBackend::dryRun(const Changes &changes) {
     Draft draft;
     return makeDraft(changes, draft);
 }
 
-std::vector<ChangeFailure> SimulatedStore::commit(const Changes &changes, std::optional<std::uint32_t> generation) {
+std::vector<ChangeFailure> SimulatedBackend::commit(const Changes &changes, std::optional<std::uint32_t> generation) {
     if (generation && *generation != ruleset_.generation)
         return {{std::nullopt, ERESTART}};
     Draft draft;
@@ -175,12 +176,12 @@ std::vector<ChangeFailure> SimulatedStore::commit(const Changes &changes, std::o
         else
             ruleset_.chains.erase(name);
     }
-    ruleset_.generation = ruleset_.generation + 1 == 0 ? 1 : ruleset_.generation + 1;
+    ruleset_.generation = generationAfter(ruleset_.generation);
     return {};
 }
 
 } // namespace
 
-std::unique_ptr<RulesetStore> makeSimulatedStore() { return std::make_unique<SimulatedStore>(); }
+std::unique_ptr<RulesetBackend> makeSimulatedBackend() { return std::make_unique<SimulatedBackend>(); }
 
 } // namespace rlv

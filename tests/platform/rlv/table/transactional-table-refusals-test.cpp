@@ -1,5 +1,5 @@
 // What the kernel refuses of a table that a foreign program changes before every transaction.
-#include "rlv/table/modelled-table.h"
+#include "rlv/table/transactional-table.h"
 
 #include <cerrno>
 #include <memory>
@@ -10,7 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "scripted-store.h"
+#include "scripted-backend.h"
 
 namespace {
 
@@ -24,11 +24,11 @@ rlv::Command parsed(const std::string &options) { return std::get<rlv::Command>(
 class ATableThatNeverRests : public testing::Test {
 protected:
     ATableThatNeverRests() {
-        auto owned = std::make_unique<scripted::Store>();
-        store = owned.get();
-        table = std::make_unique<rlv::ModelledTable>(std::move(owned), "VPK-");
+        auto owned = std::make_unique<scripted::Backend>();
+        backend = owned.get();
+        table = std::make_unique<rlv::TransactionalTable>(std::move(owned), "VPK-");
         done({"-N VPK-A", "-A VPK-A -s 10.0.0.1 -j DROP", "-A INPUT -j VPK-A"});
-        store->beforeCommit = [this] { store->append("INPUT", parsed("-A VPK-A -s 10.9.9.9 -j DROP").rule); };
+        backend->beforeCommit = [this] { backend->append("INPUT", parsed("-A VPK-A -s 10.9.9.9 -j DROP").rule); };
     }
 
     Texts done(const Texts &commands) {
@@ -42,21 +42,21 @@ protected:
     }
 
     void refuseRule(const std::string &text, int error) {
-        store->refuse = [text, error](const Change &change) {
+        backend->refuse = [text, error](const Change &change) {
             return change.rule != nullptr && describe(*change.rule) == text ? error : 0;
         };
     }
 
     Texts rules(const std::string &chain) {
         Texts texts;
-        const rlv::Ruleset truth = store->truth();
-        for (const rlv::HeldRule &held : truth.chains.at(chain).rules)
-            texts.push_back(describe(*held.rule));
+        const rlv::Ruleset truth = backend->truth();
+        for (const rlv::StandingRule &standing : truth.chains.at(chain).rules)
+            texts.push_back(describe(*standing.rule));
         return texts;
     }
 
-    scripted::Store *store = nullptr;
-    std::unique_ptr<rlv::ModelledTable> table;
+    scripted::Backend *backend = nullptr;
+    std::unique_ptr<rlv::TransactionalTable> table;
 };
 
 // A match that the kernel does not have gives ENOENT, just as a chain does that somebody has removed.
@@ -73,13 +73,13 @@ TEST_F(ATableThatNeverRests, LosesTheRefusedRuleAlone) {
 
 TEST_F(ATableThatNeverRests, FindsTheRefusedRuleInFewReadings) {
     refuseRule("-p dccp -m dccp --sport 80 -j DROP", ENOENT);
-    const std::size_t before = store->readings;
+    const std::size_t before = backend->readings;
     done({"-F VPK-A", "-A VPK-A -p dccp --sport 80 -j DROP"});
-    EXPECT_LT(store->readings - before, 25U);
+    EXPECT_LT(backend->readings - before, 25U);
 }
 
 TEST_F(ATableThatNeverRests, KeepsAllOthersWhereEachOfManyRulesIsRefused) {
-    store->refuse = [](const Change &change) {
+    backend->refuse = [](const Change &change) {
         return change.rule != nullptr && change.rule->protocol == 33 ? ENOENT : 0;
     };
     Texts commands{"-F VPK-A", "-A VPK-A -s 10.0.0.2 -j DROP"};
@@ -92,12 +92,12 @@ TEST_F(ATableThatNeverRests, KeepsAllOthersWhereEachOfManyRulesIsRefused) {
 // Somebody who deletes one of our rules again and again is no refusal of ours.
 TEST_F(ATableThatNeverRests, LosesNothingWhereSomebodyTakesAwayWhatIsToBeDeleted) {
     int left = 13;
-    store->beforeCommit = [&] {
-        const auto held = store->truth().chains.at("VPK-A").rules;
+    backend->beforeCommit = [&] {
+        const auto standing = backend->truth().chains.at("VPK-A").rules;
         const std::string chain = "VPK-A";
-        store->append(chain, parsed("-A VPK-A -s 10.0.0.1 -j DROP").rule);
+        backend->append(chain, parsed("-A VPK-A -s 10.0.0.1 -j DROP").rule);
         if (left-- > 0) {
-            EXPECT_TRUE(store->edit({Change::Kind::deleteRule, &chain, nullptr, held.front().handle}));
+            EXPECT_TRUE(backend->edit({Change::Kind::deleteRule, &chain, nullptr, standing.front().handle}));
         }
     };
     EXPECT_THAT(done({"-D VPK-A -s 10.0.0.1 -j DROP", "-A VPK-A -s 10.0.0.2 -j DROP"}), IsEmpty());

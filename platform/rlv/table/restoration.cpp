@@ -1,94 +1,58 @@
-#include "rlv/table/standing.h"
+#include "rlv/table/restoration.h"
 
 #include <algorithm>
-#include <array>
 #include <limits>
 #include <set>
 #include <unordered_map>
 
 #include "rlv/table/chain-plan.h"
-#include "rlv/table/rule-words.h"
+#include "rlv/table/longest-increasing-subsequence.h"
 
 namespace rlv {
 
 namespace {
 
-constexpr std::array kHookChains{"INPUT", "OUTPUT"};
 constexpr std::size_t kMaxTexts = 10;
 
 using Kind = Change::Kind;
 
-// The chain that a bare jump leads to; null for every other rule.
-const std::string *hookTarget(const HeldRule &held) {
-    if (!held.rule || held.rule->target.kind != Target::Kind::jump)
-        return nullptr;
-    Rule bare;
-    bare.target = held.rule->target;
-    return *held.rule == bare ? &held.rule->target.text : nullptr;
-}
-
-std::vector<Standing::Place> placesIn(const HeldChain &chain, const std::string &chainPrefix) {
-    std::vector<Standing::Place> places;
-    for (const HeldRule &held : chain.rules) {
-        const std::string *const target = hookTarget(held);
-        if (target != nullptr && isOwnChain(*target, chainPrefix))
-            places.push_back({*target, 0});
-        else
-            places.push_back({"", held.handle});
-    }
-    return places;
-}
-
-// True when there were others, which are gone.
-bool leaveLastHooks(std::vector<Standing::Place> &places) {
-    std::set<std::string> seen;
-    const auto end = std::remove_if(places.rbegin(), places.rend(), [&](const Standing::Place &place) {
-        return !place.hook.empty() && !seen.insert(place.hook).second;
-    });
-    const bool isAny = end != places.rend();
-    places.erase(places.begin(), end.base());
-    return isAny;
-}
-
-bool isHookChain(const std::string &name) {
-    return std::find(kHookChains.begin(), kHookChains.end(), name) != kHookChains.end();
-}
-
-bool hasHooks(const std::vector<Standing::Place> &places) {
+bool hasHooks(const std::vector<DesiredState::Place> &places) {
     return std::any_of(places.begin(), places.end(), [](const auto &place) { return !place.hook.empty(); });
 }
 
-const HeldChain &chainIn(const Ruleset &ruleset, const std::string &name) {
-    static const HeldChain none;
+const StandingChain &chainIn(const Ruleset &ruleset, const std::string &name) {
+    static const StandingChain none;
     const auto found = ruleset.chains.find(name);
     return found == ruleset.chains.end() ? none : found->second;
 }
 
-std::string textOf(const HeldRule &held) { return held.rule ? describe(*held.rule) : "a rule of another kind"; }
+std::string textOf(const StandingRule &standing) {
+    return standing.rule ? describe(*standing.rule) : "a rule of another kind";
+}
 
 class Restorer {
 public:
-    Restorer(const Standing &standing, const Ruleset &ruleset, bool isWhole)
-        : standing_(standing), ruleset_(ruleset), isWhole_(isWhole) {}
+    Restorer(const DesiredState &desired, const Ruleset &ruleset, bool isWhole)
+        : desired_(desired), ruleset_(ruleset), isWhole_(isWhole) {}
 
     // New chains first, so that rules may jump to them.
     Restoration make() {
-        for (const auto &[name, rules] : standing_.chains)
+        for (const auto &[name, rules] : desired_.chains)
             makeChain(name);
-        for (const auto &[name, places] : standing_.hookChains) {
+        for (const auto &[name, places] : desired_.builtInChains) {
             if (hasHooks(places) && !chainIn(ruleset_, name).isBase)
                 makeHookChain(name);
         }
-        for (const auto &[name, rules] : standing_.chains)
+        for (const auto &[name, rules] : desired_.chains)
             fillChain(name, rules);
-        for (const auto &[name, places] : standing_.hookChains)
+        for (const auto &[name, places] : desired_.builtInChains)
             setHooks(name, places);
         wake();
         return std::move(result_);
     }
 
 private:
-    using Places = std::vector<Standing::Place>;
+    using Places = std::vector<DesiredState::Place>;
     // For each place the position in the chain at which its rule still stands, or kGone. Positions rise.
     using Kept = std::vector<std::size_t>;
     static constexpr std::size_t kGone = std::numeric_limits<std::size_t>::max();
@@ -110,11 +74,11 @@ private:
 
     // One of which somebody has made a base chain is taken away first: nothing can jump to it.
     void makeChain(const std::string &name) {
-        const auto held = ruleset_.chains.find(name);
-        if (held != ruleset_.chains.end() && !held->second.isBase)
+        const auto standing = ruleset_.chains.find(name);
+        if (standing != ruleset_.chains.end() && !standing->second.isBase)
             return;
         addTable();
-        if (held == ruleset_.chains.end()) {
+        if (standing == ruleset_.chains.end()) {
             tell(name, "the chain is missing");
         } else {
             tell(name, "packets enter the table through this chain");
@@ -140,42 +104,43 @@ private:
     }
 
     void fillChain(const std::string &name, const std::vector<Rule> &rules) {
-        const std::vector<HeldRule> none;
-        const auto &held = made_.count(name) > 0 ? none : chainIn(ruleset_, name).rules;
-        const auto isSame = [](const Rule &rule, const HeldRule &other) { return other.rule == rule; };
-        if (std::equal(rules.begin(), rules.end(), held.begin(), held.end(), isSame))
+        const std::vector<StandingRule> none;
+        const auto &standing = made_.count(name) > 0 ? none : chainIn(ruleset_, name).rules;
+        const auto isSame = [](const Rule &rule, const StandingRule &other) { return other.rule == rule; };
+        if (std::equal(rules.begin(), rules.end(), standing.begin(), standing.end(), isSame))
             return;
         tellOfRules(name, rules, chainIn(ruleset_, name).rules);
         std::vector<const Rule *> appended;
         appended.reserve(rules.size());
         for (const Rule &rule : rules)
             appended.push_back(&rule);
-        ChainPlan plan = planChain(held, std::vector<bool>(held.size(), true), appended, {isWhole_, true});
+        ChainPlan plan = planChain(standing, std::vector<bool>(standing.size(), true), appended, {isWhole_, true});
         if (!isWhole_ && !plan.refill) { // handles may be gone already
             plan.refill = true;
             plan.deletions.clear();
         }
-        addRules(name, held, appended, plan);
+        addRules(name, standing, appended, plan);
     }
 
-    void addRules(const std::string &name, const std::vector<HeldRule> &held, const std::vector<const Rule *> &rules,
-                  const ChainPlan &plan) {
+    void addRules(const std::string &name, const std::vector<StandingRule> &standing,
+                  const std::vector<const Rule *> &rules, const ChainPlan &plan) {
         if (plan.refill)
             add(Kind::flushChain, &name);
         for (const std::size_t place : plan.deletions)
-            add(Kind::deleteRule, &name, nullptr, held[place].handle);
+            add(Kind::deleteRule, &name, nullptr, standing[place].handle);
         for (const auto &insertion : plan.insertions) {
             if (insertion.before == ChainPlan::kAtTheEnd)
                 add(Kind::appendRule, &name, rules[insertion.appended]);
             else
-                add(Kind::insertRule, &name, rules[insertion.appended], held[insertion.before].handle);
+                add(Kind::insertRule, &name, rules[insertion.appended], standing[insertion.before].handle);
         }
     }
 
-    void tellOfRules(const std::string &name, const std::vector<Rule> &rules, const std::vector<HeldRule> &held) {
+    void tellOfRules(const std::string &name, const std::vector<Rule> &rules,
+                     const std::vector<StandingRule> &standing) {
         const std::size_t before = result_.differences;
         std::unordered_map<std::string, std::size_t> here;
-        for (const HeldRule &rule : held)
+        for (const StandingRule &rule : standing)
             ++here[textOf(rule)];
         for (const Rule &rule : rules) {
             const std::string text = describe(rule);
@@ -184,7 +149,7 @@ private:
             else
                 tell(name, "missing: " + text);
         }
-        for (const HeldRule &rule : held) {
+        for (const StandingRule &rule : standing) {
             const std::string text = textOf(rule);
             if (here[text] > 0 && here[text]-- > 0)
                 tell(name, "foreign: " + text);
@@ -194,11 +159,11 @@ private:
     }
 
     // Where hooks of ours stand. What leads to chains that did not stand is none.
-    std::vector<std::size_t> ourHooks(const HeldChain &chain) const {
+    std::vector<std::size_t> ourHooks(const StandingChain &chain) const {
         std::vector<std::size_t> hooks;
         for (std::size_t position = 0; position < chain.rules.size(); ++position) {
-            const std::string *const target = hookTarget(chain.rules[position]);
-            if (target != nullptr && standing_.chains.count(*target) > 0)
+            const std::string *const target = bareJumpTarget(chain.rules[position]);
+            if (target != nullptr && desired_.chains.count(*target) > 0)
                 hooks.push_back(position);
         }
         return hooks;
@@ -206,30 +171,22 @@ private:
 
     // The places of others of which the rules are still there. Where their owner has put them into another order, those
     // that have kept the old one among themselves, as many as there are.
-    static Kept keepOthers(const Places &places, const HeldChain &chain) {
+    static Kept keepOthers(const Places &places, const StandingChain &chain) {
         std::unordered_map<std::uint64_t, std::size_t> positions;
         for (std::size_t position = 0; position < chain.rules.size(); ++position)
             positions.emplace(chain.rules[position].handle, position);
-        Kept found(places.size(), kGone);
-        std::vector<std::size_t>
-            rowEnds; // by the length of a rising row, the place of the lowest position that ends one
-        std::vector<std::size_t> before(places.size(), kGone); // the place before it in its row
+        std::vector<std::size_t> left;  // the places of which the rules are there
+        std::vector<std::size_t> where; // they are
         for (std::size_t i = 0; i < places.size(); ++i) {
             const auto position = places[i].hook.empty() ? positions.find(places[i].handle) : positions.end();
             if (position == positions.end())
                 continue;
-            found[i] = position->second;
-            const auto row = std::lower_bound(rowEnds.begin(), rowEnds.end(), found[i],
-                                              [&](std::size_t place, std::size_t at) { return found[place] < at; });
-            before[i] = row == rowEnds.begin() ? kGone : *(row - 1);
-            if (row == rowEnds.end())
-                rowEnds.push_back(i);
-            else
-                *row = i;
+            left.push_back(i);
+            where.push_back(position->second);
         }
         Kept kept(places.size(), kGone);
-        for (std::size_t i = rowEnds.empty() ? kGone : rowEnds.back(); i != kGone; i = before[i])
-            kept[i] = found[i];
+        for (const std::size_t i : longestIncreasingSubsequence(where))
+            kept[left[i]] = where[i];
         return kept;
     }
 
@@ -243,14 +200,14 @@ private:
 
     // The oldest hooks first: when somebody has added one that stands there already, or has moved one by adding it
     // again, the one that was there before is the one that is where it should be.
-    static Kept keep(const Places &places, std::vector<std::size_t> hooks, const HeldChain &chain) {
+    static Kept keep(const Places &places, std::vector<std::size_t> hooks, const StandingChain &chain) {
         Kept kept = keepOthers(places, chain);
         std::sort(hooks.begin(), hooks.end(), [&](std::size_t left, std::size_t right) {
             return chain.rules[left].handle < chain.rules[right].handle;
         });
         for (const std::size_t position : hooks) {
             for (std::size_t i = 0; i < places.size(); ++i) {
-                if (kept[i] != kGone || places[i].hook != *hookTarget(chain.rules[position]) ||
+                if (kept[i] != kGone || places[i].hook != *bareJumpTarget(chain.rules[position]) ||
                     !fits(kept, i, position))
                     continue;
                 kept[i] = position;
@@ -263,7 +220,7 @@ private:
     // The handle of the rule before which a missing hook comes back: the first that is left of those behind it, else
     // the one after the last that is left of those before it. Where none is left, a hook before which there was nothing
     // of others comes first, as it did. 0 for the end.
-    static std::uint64_t behind(const Places &places, const Kept &kept, std::size_t place, const HeldChain &chain) {
+    static std::uint64_t behind(const Places &places, const Kept &kept, std::size_t place, const StandingChain &chain) {
         const auto handleAt = [&](std::size_t position) {
             return position < chain.rules.size() ? chain.rules[position].handle : 0;
         };
@@ -282,7 +239,7 @@ private:
 
     // What goes, goes last: something may have to come back before it.
     void setHooks(const std::string &name, const Places &places) {
-        const HeldChain &chain = chainIn(ruleset_, name);
+        const StandingChain &chain = chainIn(ruleset_, name);
         const auto hooks = ourHooks(chain);
         const Kept kept = keep(places, hooks, chain);
         for (std::size_t i = 0; i < places.size(); ++i) {
@@ -302,7 +259,7 @@ private:
         }
     }
 
-    const Standing &standing_;
+    const DesiredState &desired_;
     const Ruleset &ruleset_;
     bool isWhole_;
     Restoration result_;
@@ -311,44 +268,8 @@ private:
 
 } // namespace
 
-Standing standingIn(const Ruleset &ruleset, const std::string &chainPrefix) {
-    Standing standing;
-    for (const auto &[name, chain] : ruleset.chains) {
-        if (isHookChain(name))
-            standing.hookChains[name] = placesIn(chain, chainPrefix);
-        if (!isOwnChain(name, chainPrefix) || chain.isBase)
-            continue;
-        std::vector<Rule> &rules = standing.chains[name];
-        rules.reserve(chain.rules.size());
-        for (const HeldRule &held : chain.rules) {
-            if (held.rule)
-                rules.push_back(*held.rule);
-        }
-    }
-    return standing;
-}
-
-Standing firstStandingIn(const Ruleset &ruleset, const std::string &chainPrefix) {
-    Standing standing = standingIn(ruleset, chainPrefix);
-    for (auto &[name, places] : standing.hookChains)
-        leaveLastHooks(places);
-    return standing;
-}
-
-bool isDisturbed(const Ruleset &ruleset, const std::string &chainPrefix) {
-    return ruleset.isDormant || std::any_of(ruleset.chains.begin(), ruleset.chains.end(), [&](const auto &entry) {
-               const auto &[name, chain] = entry;
-               if (isHookChain(name)) {
-                   auto places = placesIn(chain, chainPrefix);
-                   return leaveLastHooks(places);
-               }
-               return isOwnChain(name, chainPrefix) && std::any_of(chain.rules.begin(), chain.rules.end(),
-                                                                   [](const HeldRule &held) { return !held.rule; });
-           });
-}
-
-Restoration restore(const Standing &standing, const Ruleset &ruleset, bool isWhole) {
-    return Restorer(standing, ruleset, isWhole).make();
+Restoration restore(const DesiredState &desired, const Ruleset &ruleset, bool isWhole) {
+    return Restorer(desired, ruleset, isWhole).make();
 }
 
 } // namespace rlv

@@ -11,8 +11,8 @@
 #include <gtest/gtest.h>
 
 #include "random-connections.h"
-#include "rlv/table/modelled-table.h"
-#include "scripted-store.h"
+#include "rlv/table/transactional-table.h"
+#include "scripted-backend.h"
 #include "support/random-seed.h"
 
 namespace {
@@ -31,14 +31,14 @@ struct Settings {
 class Simulated : public RandomConnections {
 public:
     Simulated(unsigned seed, const Settings &settings) : RandomConnections(seed, settings.limit), settings_(settings) {
-        auto store = std::make_unique<scripted::Store>();
-        store_ = store.get();
-        table_ = std::make_unique<rlv::ModelledTable>(std::move(store), "VPK-", settings.limit);
+        auto backend = std::make_unique<scripted::Backend>();
+        backend_ = backend.get();
+        table_ = std::make_unique<rlv::TransactionalTable>(std::move(backend), "VPK-", settings.limit);
         hasForeigners_ = settings.hasForeigners;
         hasPoison_ = settings.hasRefusals;
         if (settings.hasRefusals)
-            store_->refuse = [this](const Change &change) { return refuse(change); };
-        store_->beforeCommit = [this] {
+            backend_->refuse = [this](const Change &change) { return refuse(change); };
+        backend_->beforeCommit = [this] {
             if (editsDuringPush_ > 0) {
                 --editsDuringPush_;
                 editRandomly();
@@ -51,18 +51,18 @@ private:
         if (settings_.hasConflicts && oneIn(6))
             editsDuringPush_ = static_cast<int>(upTo(3));
         if (settings_.hasConflicts && oneIn(15))
-            store_->conflictsToCome = static_cast<int>(upTo(20));
+            backend_->conflictsToCome = static_cast<int>(upTo(20));
         if (settings_.hasRefusals)
-            store_->tellsIndexes = !oneIn(3);
-        const auto commits = store_->commits;
-        const auto unbound = store_->unbound;
-        store_->beforeLastCommit.reset();
+            backend_->tellsIndexes = !oneIn(3);
+        const auto commits = backend_->commits;
+        const auto unbound = backend_->unbound;
+        backend_->beforeLastCommit.reset();
         Sent sent;
         sent.report = table_->push();
-        editsDuringPush_ = store_->conflictsToCome = 0;
-        sent.commits = store_->commits - commits;
-        sent.wasBound = store_->unbound == unbound;
-        sent.before = store_->beforeLastCommit ? tableOf(*store_->beforeLastCommit) : truth();
+        editsDuringPush_ = backend_->conflictsToCome = 0;
+        sent.commits = backend_->commits - commits;
+        sent.wasBound = backend_->unbound == unbound;
+        sent.before = backend_->beforeLastCommit ? tableOf(*backend_->beforeLastCommit) : truth();
         return sent;
     }
 
@@ -79,7 +79,7 @@ private:
         return all;
     }
 
-    bool isOpaque(std::uint64_t handle) const override { return store_->opaque.count(handle) > 0; }
+    bool isOpaque(std::uint64_t handle) const override { return backend_->opaque.count(handle) > 0; }
 
     static int refuse(const Change &change) {
         if (change.rule != nullptr) {
@@ -95,17 +95,17 @@ private:
 
     filter::Table tableOf(const rlv::Ruleset &ruleset) const {
         filter::Table table;
-        for (const auto &[name, held] : ruleset.chains) {
+        for (const auto &[name, standing] : ruleset.chains) {
             filter::Chain &chain = table[name];
-            chain.isBase = held.isBase;
-            chain.isPinned = store_->pinned.count(name) > 0;
-            for (const rlv::HeldRule &rule : held.rules)
+            chain.isBase = standing.isBase;
+            chain.isPinned = backend_->pinned.count(name) > 0;
+            for (const rlv::StandingRule &rule : standing.rules)
                 chain.lines.push_back(
-                    {rule.handle, (store_->opaque.count(rule.handle) > 0 ? "-i lo " : "") + describe(*rule.rule)});
+                    {rule.handle, (backend_->opaque.count(rule.handle) > 0 ? "-i lo " : "") + describe(*rule.rule)});
         }
         return table;
     }
-    filter::Table truth() override { return tableOf(store_->truth()); }
+    filter::Table truth() override { return tableOf(backend_->truth()); }
 
     void editRandomly() override {
         rlv::Rule rule;
@@ -137,10 +137,10 @@ private:
             return;
         if (oneIn(20)) {
             // A map of verdicts comes or goes.
-            if (chain != table.end() && isOwn(name) && store_->pinned.erase(name) == 0)
-                store_->pinned.insert(name);
+            if (chain != table.end() && isOwn(name) && backend_->pinned.erase(name) == 0)
+                backend_->pinned.insert(name);
             const std::string other = "OTHER2";
-            store_->make(other) || store_->edit({Kind::deleteChain, &other, nullptr, 0});
+            backend_->make(other) || backend_->edit({Kind::deleteChain, &other, nullptr, 0});
             history_ += "foreign: pins or frees " + name + "\n";
             return;
         }
@@ -148,7 +148,7 @@ private:
     }
 
     void makeEdit(const Change &change, const std::string &name, const std::string &text) {
-        if (change.kind == Kind::deleteChain && store_->pinned.count(name) > 0)
+        if (change.kind == Kind::deleteChain && backend_->pinned.count(name) > 0)
             return;
         const auto jumps = filter::jumpOf(text);
         if (change.kind == Kind::appendRule || change.kind == Kind::insertRule) {
@@ -161,19 +161,19 @@ private:
         std::set<std::uint64_t> before;
         for (const filter::Line &line : linesOf(name))
             before.insert(line.handle);
-        if (!store_->edit(change))
+        if (!backend_->edit(change))
             return;
         ++edits;
         history_ += "foreign: " + std::to_string(static_cast<int>(change.kind)) + " " + name + " " + text + "\n";
         const bool isOpaque = oneIn(3);
         for (const filter::Line &line : linesOf(name)) {
             if (isOpaque && before.count(line.handle) == 0)
-                store_->opaque.insert(line.handle);
+                backend_->opaque.insert(line.handle);
         }
     }
 
     Settings settings_;
-    scripted::Store *store_ = nullptr;
+    scripted::Backend *backend_ = nullptr;
     int editsDuringPush_ = 0;
 };
 

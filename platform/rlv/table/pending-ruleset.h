@@ -1,6 +1,6 @@
 // A ruleset, and what the commands of one connection make of it before anything is sent.
-#ifndef PLATFORM_RLV_TABLE_MODEL_H
-#define PLATFORM_RLV_TABLE_MODEL_H
+#ifndef PLATFORM_RLV_TABLE_PENDING_RULESET_H
+#define PLATFORM_RLV_TABLE_PENDING_RULESET_H
 
 #include <cstddef>
 #include <cstdint>
@@ -19,16 +19,16 @@ namespace rlv {
 
 // Answers commands as iptables would and keeps what they come to as a difference from the ruleset: its size goes with
 // the rules of the outcome, never with the number of commands.
-class Model {
+class PendingRuleset {
 public:
     // At most so many rules and chains, those of others in the chains that hold rules of ours included.
-    explicit Model(std::size_t maxRules) : maxRules_(maxRules) {}
+    explicit PendingRuleset(std::size_t maxRules) : maxRules_(maxRules) {}
 
     // A new ruleset, without a difference.
     void load(Ruleset ruleset);
-    // Nothing: no ruleset and no difference. For a model that cannot be kept up; load() comes next.
-    void forget() noexcept;
-    const Ruleset &held() const { return held_; }
+    // Nothing: no ruleset and no difference. Where it cannot be kept up: load() comes next.
+    void clear() noexcept;
+    const Ruleset &standing() const { return standing_; }
 
     // Carries out commands that are the same but for their addresses, all or none. `options` is kept with what comes of
     // them.
@@ -38,15 +38,8 @@ public:
     // True when there is anything to be sent, if only to find that it comes to nothing.
     bool isChanged() const { return changed_; }
 
-    // What the difference comes to for one chain.
-    struct ChainChange {
-        bool make = false;
-        bool remove = false;
-        ChainPlan plan;
-    };
-    using Changes = std::map<std::string, ChainChange>;
     // Of the chains that were touched. Unless `isCurrent`, it holds for whatever others have made of the ruleset since.
-    Changes plan(bool isCurrent) const;
+    RulesetPlan plan(bool isCurrent) const;
     const Rule &appendedRule(const std::string &chain, std::size_t place) const;
     void setHandles(const std::string &chain, const std::vector<std::uint64_t> &handles);
 
@@ -61,10 +54,10 @@ public:
     void loseChain(const std::string &chain, const Answer &answer, std::vector<LostCommand> &lost);
     void loseRemoval(const std::string &chain, const Answer &answer, std::vector<LostCommand> &lost);
 
-    // The ruleset is now what the model is, by these plans.
-    void adopt(const Changes &changes, std::uint32_t generation);
-    // The model is the ruleset again. What is forgotten is in `lost`, in the order in which it was sent.
-    void revert(const Answer &answer, std::vector<LostCommand> &lost);
+    // The ruleset is now what the commands have made of it, by this plan.
+    void adopt(const RulesetPlan &plan, std::uint32_t generation);
+    // No command has come: what is discarded is in `lost`, in the order in which it was sent.
+    void discard(const Answer &answer, std::vector<LostCommand> &lost);
     // Brings the difference to another ruleset. Commands of which the aim cannot be reached there are added to `lost`.
     // What one ruleset makes needless is not forgotten: the next may need it.
     void rebase(Ruleset ruleset, std::vector<LostCommand> &lost);
@@ -80,21 +73,21 @@ private:
         Origin origin;
     };
     struct Deleted {
-        std::size_t place = 0; // in the held rules
+        std::size_t place = 0; // in the standing rules
         Origin origin;
     };
     struct Chain {
         bool exists = true;
         std::map<std::string, std::size_t> jumps;
-        std::vector<bool> givenUp; // of the held rules; empty when none is
-        std::size_t givenUpCount = 0;
+        std::vector<bool> doomed; // of the standing rules; empty when none is
+        std::size_t doomedCount = 0;
         std::vector<Appended> appended;
         std::vector<Deleted> deleted;
         Origin made;
-        Origin flushed; // once flushed, no held rule is left
+        Origin flushed; // once flushed, no standing rule is left
         Origin removed;
     };
-    struct Pending {
+    struct PendingCommand {
         Command command;
         Origin origin;
     };
@@ -107,30 +100,30 @@ private:
     Answer deleteRules(const std::vector<Command> &commands, const Origin &origin);
     Answer carryOutAgain(const std::vector<Command> &commands, const Origin &origin);
     void carryOutAgain(std::vector<LostCommand> &lost);
-    std::vector<std::pair<std::string, Origin>> madeHookChains() const;
-    void makeAgain(const std::vector<std::pair<std::string, Origin>> &hookChains);
+    std::vector<std::pair<std::string, Origin>> madeBuiltInChains() const;
+    void makeAgain(const std::vector<std::pair<std::string, Origin>> &builtInChains);
     void lose(const Origin &origin, const Answer &answer, std::vector<LostCommand> &lost);
 
     Chain *find(const std::string &name);
-    const HeldChain *heldChain(const std::string &name) const;
+    const StandingChain *standingChain(const std::string &name) const;
     bool isForeign(const std::string &name) const;
-    std::size_t heldCount(const std::string &name) const;
+    std::size_t standingCount(const std::string &name) const;
     void reset();
-    void giveUp(const std::string &name, Chain &chain, std::size_t place);
-    static void dropJump(Chain &chain, const Rule &rule);
+    void doom(const std::string &name, Chain &chain, std::size_t place);
+    static void uncountJump(Chain &chain, const Rule &rule);
     bool isReferenced(const std::string &name) const;
     bool jumpsTooFar() const;
     bool jumpsTooFarFrom(const std::string &name, int jumps, std::map<std::string, int> &seen) const;
-    std::vector<Pending> pending() const;
+    std::vector<PendingCommand> commands() const;
 
     std::size_t maxRules_;
-    Ruleset held_;
+    Ruleset standing_;
     std::map<std::string, Chain> chains_;
     std::size_t count_ = 0;
     std::uint64_t lastOrigin_ = 0;
     bool changed_ = false;
     bool isBounded_ = true;               // by maxRules_
-    std::vector<Pending> rebased_;        // what the last rebase() carried out; empty when commands came since
+    std::vector<PendingCommand> rebased_; // what the last rebase() carried out; empty when commands came since
     std::set<std::uint64_t> lostNumbers_; // of rebased_
 };
 

@@ -1,4 +1,4 @@
-#include "scripted-store.h"
+#include "scripted-backend.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -17,7 +17,7 @@ bool isShown(const std::string &chain) { return chain == "INPUT" || chain == "OU
 
 } // namespace
 
-void Store::failIfTold() {
+void Backend::failIfTold() {
     if (failuresToCome > 0) {
         --failuresToCome;
         throw std::system_error(EIO, std::generic_category(), "scripted");
@@ -25,19 +25,19 @@ void Store::failIfTold() {
 }
 
 // As in the kernel, 0 is left out.
-std::uint32_t Store::shown(std::uint32_t generation) const {
+std::uint32_t Backend::shown(std::uint32_t generation) const {
     const std::uint32_t sum = generation + generationShift;
     return sum < generationShift ? sum + 1 : sum;
 }
 
-std::uint32_t Store::generation() {
+std::uint32_t Backend::generation() {
     failIfTold();
     return shown(inner_->generation());
 }
 
-std::optional<rlv::Ruleset> Store::read() { return isNeverWhole ? std::nullopt : readInParts(); }
+std::optional<rlv::Ruleset> Backend::read() { return isNeverWhole ? std::nullopt : readInParts(); }
 
-std::optional<rlv::Ruleset> Store::readInParts() {
+std::optional<rlv::Ruleset> Backend::readInParts() {
     failIfTold();
     ++readings;
     rlv::Ruleset ruleset = truth();
@@ -46,22 +46,22 @@ std::optional<rlv::Ruleset> Store::readInParts() {
         chain.usesElsewhere = pinned.count(name);
         if (!isShown(name))
             chain.rules.clear();
-        for (rlv::HeldRule &held : chain.rules) {
-            if (opaque.count(held.handle) > 0)
-                held.rule.reset();
+        for (rlv::StandingRule &standing : chain.rules) {
+            if (opaque.count(standing.handle) > 0)
+                standing.rule.reset();
         }
     }
     return ruleset;
 }
 
-std::optional<std::vector<std::uint64_t>> Store::readHandles(const std::string &chain, std::uint32_t generation) {
+std::optional<std::vector<std::uint64_t>> Backend::readHandles(const std::string &chain, std::uint32_t generation) {
     failIfTold();
     const std::uint32_t now = inner_->generation();
     return generation == shown(now) ? inner_->readHandles(chain, now) : std::nullopt;
 }
 
 // A kernel goes on with the messages behind a refused one.
-std::vector<ChangeFailure> Store::refusals(const Changes &changes, bool areOwnMet) {
+std::vector<ChangeFailure> Backend::refusals(const Changes &changes, bool areOwnMet) {
     std::vector<ChangeFailure> failures;
     Changes others;
     std::vector<std::size_t> places;
@@ -84,7 +84,7 @@ std::vector<ChangeFailure> Store::refusals(const Changes &changes, bool areOwnMe
     return failures;
 }
 
-std::vector<ChangeFailure> Store::commit(const Changes &changes, std::optional<std::uint32_t> generation) {
+std::vector<ChangeFailure> Backend::commit(const Changes &changes, std::optional<std::uint32_t> generation) {
     failIfTold();
     if (beforeCommit)
         beforeCommit();
@@ -117,19 +117,19 @@ std::vector<ChangeFailure> Store::commit(const Changes &changes, std::optional<s
     return {};
 }
 
-std::vector<ChangeFailure> Store::dryRun(const Changes &changes) {
+std::vector<ChangeFailure> Backend::dryRun(const Changes &changes) {
     failIfTold();
     ++dryRuns;
     triedMessages += changes.size();
     return refusals(changes, !refusesAtTheEndOnly);
 }
 
-bool Store::edit(const Change &change) { return inner_->commit({change}, std::nullopt).empty(); }
+bool Backend::edit(const Change &change) { return inner_->commit({change}, std::nullopt).empty(); }
 
-bool Store::append(const std::string &chain, const rlv::Rule &rule) {
+bool Backend::append(const std::string &chain, const rlv::Rule &rule) {
     return edit({Change::Kind::appendRule, &chain, &rule, 0});
 }
 
-bool Store::make(const std::string &chain) { return edit({Change::Kind::addChain, &chain, nullptr, 0}); }
+bool Backend::make(const std::string &chain) { return edit({Change::Kind::addChain, &chain, nullptr, 0}); }
 
 } // namespace scripted

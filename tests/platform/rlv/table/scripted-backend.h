@@ -1,6 +1,6 @@
 // A simulated kernel that does what a test tells it to.
-#ifndef TESTS_PLATFORM_RLV_TABLE_SCRIPTED_STORE_H
-#define TESTS_PLATFORM_RLV_TABLE_SCRIPTED_STORE_H
+#ifndef TESTS_PLATFORM_RLV_TABLE_SCRIPTED_BACKEND_H
+#define TESTS_PLATFORM_RLV_TABLE_SCRIPTED_BACKEND_H
 
 #include <cstdint>
 #include <functional>
@@ -11,13 +11,13 @@
 #include <string>
 #include <vector>
 
-#include "rlv/table/ruleset.h"
+#include "rlv/table/ruleset-backend.h"
 
 namespace scripted {
 
-// Over the simulated store: refuses, fails and is changed by others at the moments that a test asks for. Like the
+// Over the simulated backend: refuses, fails and is changed by others at the moments that a test asks for. Like the
 // kernel's it does not show the rules of chains that are neither INPUT or OUTPUT nor begin with "VPK-".
-class Store : public rlv::RulesetStore {
+class Backend : public rlv::RulesetBackend {
 public:
     std::uint32_t generation() override;
     std::optional<rlv::Ruleset> read() override;
@@ -63,7 +63,7 @@ private:
     std::vector<rlv::ChangeFailure> refusals(const rlv::Changes &changes, bool areOwnMet);
     std::uint32_t shown(std::uint32_t generation) const;
 
-    std::unique_ptr<rlv::RulesetStore> inner_ = rlv::makeSimulatedStore();
+    std::unique_ptr<rlv::RulesetBackend> inner_ = rlv::makeSimulatedBackend();
 };
 
 } // namespace scripted

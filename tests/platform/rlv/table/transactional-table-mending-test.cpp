@@ -1,5 +1,5 @@
 // What others change in the service's own chains and hooks is put back.
-#include "rlv/table/modelled-table.h"
+#include "rlv/table/transactional-table.h"
 
 #include <algorithm>
 #include <memory>
@@ -9,7 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "scripted-store.h"
+#include "scripted-backend.h"
 
 namespace {
 
@@ -39,9 +39,9 @@ rlv::Rule from(std::uint32_t address, rlv::Target::Kind target = rlv::Target::Ki
 class AMendingTable : public testing::Test {
 protected:
     AMendingTable() {
-        auto owned = std::make_unique<scripted::Store>();
-        store = owned.get();
-        table = std::make_unique<rlv::ModelledTable>(std::move(owned), "VPK-");
+        auto owned = std::make_unique<scripted::Backend>();
+        backend = owned.get();
+        table = std::make_unique<rlv::TransactionalTable>(std::move(owned), "VPK-");
         done({"-N VPK-A", "-N VPK-D", "-A VPK-A -s 10.0.0.1 -j ACCEPT", "-A VPK-D -s 10.0.0.2 -j DROP",
               "-A VPK-D -s 10.0.0.3 -j DROP", "-A VPK-D -s 10.0.0.4 -j DROP", "-A INPUT -j VPK-A",
               "-A INPUT -j VPK-D"});
@@ -62,34 +62,34 @@ protected:
     // All chains with their rules, with handles where they are asked for.
     Texts picture(bool withHandles = false) {
         Texts lines;
-        const rlv::Ruleset truth = store->truth();
+        const rlv::Ruleset truth = backend->truth();
         for (const auto &[name, chain] : truth.chains) {
             lines.push_back("chain " + name);
-            for (const rlv::HeldRule &held : chain.rules)
-                lines.push_back(name + " " + describe(*held.rule) +
-                                (withHandles ? " #" + std::to_string(held.handle) : ""));
+            for (const rlv::StandingRule &standing : chain.rules)
+                lines.push_back(name + " " + describe(*standing.rule) +
+                                (withHandles ? " #" + std::to_string(standing.handle) : ""));
         }
         return lines;
     }
 
     std::uint64_t handleOf(const std::string &chain, const std::string &text) {
-        const rlv::Ruleset truth = store->truth();
-        for (const rlv::HeldRule &held : truth.chains.at(chain).rules) {
-            if (describe(*held.rule) == text)
-                return held.handle;
+        const rlv::Ruleset truth = backend->truth();
+        for (const rlv::StandingRule &standing : truth.chains.at(chain).rules) {
+            if (describe(*standing.rule) == text)
+                return standing.handle;
         }
         ADD_FAILURE() << chain << " has no " << text;
         return 0;
     }
     void remove(const std::string &chain, const std::string &text) {
-        EXPECT_TRUE(store->edit({Kind::deleteRule, &chain, nullptr, handleOf(chain, text)}));
+        EXPECT_TRUE(backend->edit({Kind::deleteRule, &chain, nullptr, handleOf(chain, text)}));
     }
     void insert(const std::string &chain, const rlv::Rule &rule, const std::string &before_) {
-        EXPECT_TRUE(store->edit({Kind::insertRule, &chain, &rule, handleOf(chain, before_)}));
+        EXPECT_TRUE(backend->edit({Kind::insertRule, &chain, &rule, handleOf(chain, before_)}));
     }
-    void flush(const std::string &chain) { EXPECT_TRUE(store->edit({Kind::flushChain, &chain, nullptr, 0})); }
+    void flush(const std::string &chain) { EXPECT_TRUE(backend->edit({Kind::flushChain, &chain, nullptr, 0})); }
     void removeChain(const std::string &chain) {
-        EXPECT_TRUE(store->edit({Kind::deleteChain, &chain, nullptr, 0})) << chain;
+        EXPECT_TRUE(backend->edit({Kind::deleteChain, &chain, nullptr, 0})) << chain;
     }
     void flushAll() {
         for (const char *const chain : {"INPUT", "VPK-A", "VPK-D"})
@@ -99,34 +99,34 @@ protected:
         removeChain("INPUT");
     }
 
-    scripted::Store *store = nullptr;
-    std::unique_ptr<rlv::ModelledTable> table;
+    scripted::Backend *backend = nullptr;
+    std::unique_ptr<rlv::TransactionalTable> table;
     Texts before;
 };
 
 TEST_F(AMendingTable, PutsEverythingBackAfterAFlushOfAllInOneTransaction) {
     flushAll();
     EXPECT_THAT(picture(), IsEmpty());
-    const std::size_t commits = store->commits;
+    const std::size_t commits = backend->commits;
     const auto report = table->mend();
     EXPECT_EQ(before, picture());
-    EXPECT_EQ(commits + 1, store->commits);
+    EXPECT_EQ(commits + 1, backend->commits);
     EXPECT_EQ("", report.problem);
     EXPECT_EQ(9U, report.differences) << "three chains, four rules, two hooks";
     EXPECT_THAT(report.texts, testing::Contains("VPK-D: missing: -s 10.0.0.2/32 -j DROP"));
 }
 
 TEST_F(AMendingTable, SendsNothingWhileNobodyHasChangedAnything) {
-    const std::size_t readings = store->readings;
+    const std::size_t readings = backend->readings;
     const auto report = table->mend();
     EXPECT_EQ(0U, report.differences);
-    EXPECT_EQ(readings, store->readings);
+    EXPECT_EQ(readings, backend->readings);
 }
 
 TEST_F(AMendingTable, TakesForeignRulesOutOfItsChainsAndKeepsTheHandlesOfItsOwn) {
     const Texts all = picture(true);
     insert("VPK-D", from(0x0a000009), "-s 10.0.0.3/32 -j DROP");
-    EXPECT_TRUE(store->append("VPK-A", from(0x0a000008, rlv::Target::Kind::drop)));
+    EXPECT_TRUE(backend->append("VPK-A", from(0x0a000008, rlv::Target::Kind::drop)));
     const auto report = table->mend();
     EXPECT_EQ(all, picture(true));
     EXPECT_THAT(report.texts,
@@ -134,8 +134,8 @@ TEST_F(AMendingTable, TakesForeignRulesOutOfItsChainsAndKeepsTheHandlesOfItsOwn)
 }
 
 TEST_F(AMendingTable, TakesOutRulesThatItDoesNotUnderstand) {
-    EXPECT_TRUE(store->append("VPK-D", from(0x0a000009)));
-    store->opaque.insert(handleOf("VPK-D", "-s 10.0.0.9/32 -j ACCEPT"));
+    EXPECT_TRUE(backend->append("VPK-D", from(0x0a000009)));
+    backend->opaque.insert(handleOf("VPK-D", "-s 10.0.0.9/32 -j ACCEPT"));
     EXPECT_THAT(table->mend().texts, ElementsAre("VPK-D: foreign: a rule of another kind"));
     EXPECT_EQ(before, picture());
 }
@@ -148,17 +148,17 @@ TEST_F(AMendingTable, PutsARuleBackWhereItStood) {
 
 TEST_F(AMendingTable, SetsTheOrderOfRulesRight) {
     remove("VPK-D", "-s 10.0.0.2/32 -j DROP");
-    EXPECT_TRUE(store->append("VPK-D", from(0x0a000002, rlv::Target::Kind::drop)));
+    EXPECT_TRUE(backend->append("VPK-D", from(0x0a000002, rlv::Target::Kind::drop)));
     EXPECT_THAT(table->mend().texts, ElementsAre("VPK-D: the rules are in another order"));
     EXPECT_EQ(before, picture());
 }
 
 TEST_F(AMendingTable, LeavesTheRulesOfOthersElsewhereWhereTheyAre) {
-    EXPECT_TRUE(store->make("OTHER"));
-    EXPECT_TRUE(store->append("OTHER", from(1)));
+    EXPECT_TRUE(backend->make("OTHER"));
+    EXPECT_TRUE(backend->append("OTHER", from(1)));
     insert("INPUT", from(2), "-j VPK-A");
     insert("INPUT", from(3), "-j VPK-D");
-    EXPECT_TRUE(store->append("INPUT", from(4)));
+    EXPECT_TRUE(backend->append("INPUT", from(4)));
     const Texts all = picture(true);
     EXPECT_EQ(0U, table->mend().differences);
     EXPECT_EQ(all, picture(true));
@@ -168,7 +168,7 @@ TEST_F(AMendingTable, LeavesTheRulesOfOthersElsewhereWhereTheyAre) {
 TEST_F(AMendingTable, PutsAHookBackBetweenTheRulesOfOthers) {
     insert("INPUT", from(2), "-j VPK-A");
     insert("INPUT", from(3), "-j VPK-D");
-    EXPECT_TRUE(store->append("INPUT", from(4)));
+    EXPECT_TRUE(backend->append("INPUT", from(4)));
     static_cast<void>(table->mend());
     const Texts all = picture();
     remove("INPUT", "-j VPK-D");
@@ -187,11 +187,11 @@ TEST_F(AMendingTable, PutsAHookBackBetweenTheRulesOfOthers) {
 }
 
 TEST_F(AMendingTable, LetsAHookStandOnceAndInItsPlace) {
-    EXPECT_TRUE(store->append("INPUT", jumpTo("VPK-A")));
+    EXPECT_TRUE(backend->append("INPUT", jumpTo("VPK-A")));
     EXPECT_THAT(table->mend().texts, ElementsAre("INPUT: twice or at another place: -j VPK-A"));
     EXPECT_EQ(before, picture());
     remove("INPUT", "-j VPK-A");
-    EXPECT_TRUE(store->append("INPUT", jumpTo("VPK-A")));
+    EXPECT_TRUE(backend->append("INPUT", jumpTo("VPK-A")));
     EXPECT_THAT(table->mend().texts,
                 ElementsAre("INPUT: missing: -j VPK-A", "INPUT: twice or at another place: -j VPK-A"));
     EXPECT_EQ(before, picture());
@@ -199,10 +199,10 @@ TEST_F(AMendingTable, LetsAHookStandOnceAndInItsPlace) {
 
 // Behind a rule of others that accepts, ours would decide nothing.
 TEST_F(AMendingTable, KeepsTheHookThatStoodThereWhenAnotherIsAddedBehindTheRulesOfOthers) {
-    EXPECT_TRUE(store->append("INPUT", from(4)));
+    EXPECT_TRUE(backend->append("INPUT", from(4)));
     static_cast<void>(table->mend());
     const Texts all = picture(true);
-    EXPECT_TRUE(store->append("INPUT", jumpTo("VPK-D")));
+    EXPECT_TRUE(backend->append("INPUT", jumpTo("VPK-D")));
     EXPECT_THAT(table->mend().texts, ElementsAre("INPUT: twice or at another place: -j VPK-D"));
     EXPECT_EQ(all, picture(true));
     insert("INPUT", from(5), "-j VPK-A");
@@ -213,11 +213,11 @@ TEST_F(AMendingTable, KeepsTheHookThatStoodThereWhenAnotherIsAddedBehindTheRules
 }
 
 TEST_F(AMendingTable, BringsAHookBackThatSomebodyHasMovedBehindTheRulesOfOthers) {
-    EXPECT_TRUE(store->append("INPUT", from(4)));
+    EXPECT_TRUE(backend->append("INPUT", from(4)));
     static_cast<void>(table->mend());
     const Texts all = picture();
     remove("INPUT", "-j VPK-D");
-    EXPECT_TRUE(store->append("INPUT", jumpTo("VPK-D")));
+    EXPECT_TRUE(backend->append("INPUT", jumpTo("VPK-D")));
     EXPECT_THAT(table->mend().texts,
                 ElementsAre("INPUT: missing: -j VPK-D", "INPUT: twice or at another place: -j VPK-D"));
     EXPECT_EQ(all, picture());
@@ -225,7 +225,7 @@ TEST_F(AMendingTable, BringsAHookBackThatSomebodyHasMovedBehindTheRulesOfOthers)
 
 TEST_F(AMendingTable, LetsOthersMoveTheirOwnRules) {
     insert("INPUT", from(3), "-j VPK-D");
-    EXPECT_TRUE(store->append("INPUT", from(4)));
+    EXPECT_TRUE(backend->append("INPUT", from(4)));
     static_cast<void>(table->mend());
     remove("INPUT", "-s 0.0.0.4/32 -j ACCEPT");
     insert("INPUT", from(4), "-j VPK-A");
@@ -237,7 +237,7 @@ TEST_F(AMendingTable, LetsOthersMoveTheirOwnRules) {
 // As when a saved table is loaded in the place of this one.
 TEST_F(AMendingTable, PutsHooksThatStoodFirstBeforeTheRulesThatOthersPutInTheirPlace) {
     flush("INPUT");
-    EXPECT_TRUE(store->append("INPUT", from(4)));
+    EXPECT_TRUE(backend->append("INPUT", from(4)));
     EXPECT_EQ(2U, table->mend().differences);
     Texts wanted = before;
     wanted.insert(std::find(wanted.begin(), wanted.end(), "INPUT -j VPK-D") + 1, "INPUT -s 0.0.0.4/32 -j ACCEPT");
@@ -248,7 +248,7 @@ TEST_F(AMendingTable, PutsHooksThatDidNotStandFirstBehindTheRulesThatOthersPutIn
     insert("INPUT", from(3), "-j VPK-A");
     static_cast<void>(table->mend());
     flush("INPUT");
-    EXPECT_TRUE(store->append("INPUT", from(4)));
+    EXPECT_TRUE(backend->append("INPUT", from(4)));
     EXPECT_EQ(2U, table->mend().differences);
     Texts wanted = before;
     wanted.insert(std::find(wanted.begin(), wanted.end(), "INPUT -j VPK-A"), "INPUT -s 0.0.0.4/32 -j ACCEPT");
@@ -316,9 +316,9 @@ TEST_F(AMendingTable, KeepsWhatWasSentBeforeOthersCameInTheMiddleOfAConnection) 
 
 TEST_F(AMendingTable, TellsWhatTheKernelDoesNotTakeBack) {
     remove("VPK-D", "-s 10.0.0.3/32 -j DROP");
-    store->refuse = [](const Change &change) { return change.rule != nullptr ? EINVAL : 0; };
+    backend->refuse = [](const Change &change) { return change.rule != nullptr ? EINVAL : 0; };
     EXPECT_THAT(table->mend().problem, HasSubstr("Invalid argument"));
-    store->refuse = nullptr;
+    backend->refuse = nullptr;
     EXPECT_EQ("", table->mend().problem) << "and tries again";
     EXPECT_EQ(before, picture());
 }
@@ -326,7 +326,7 @@ TEST_F(AMendingTable, TellsWhatTheKernelDoesNotTakeBack) {
 // Somebody may look between the sending and the end: the connection has to be told all the same.
 TEST_F(AMendingTable, TellsUntilTheNextConnectionWhatACommandWasSentWithout) {
     flush("VPK-D");
-    store->refuse = [](const Change &change) {
+    backend->refuse = [](const Change &change) {
         return change.rule != nullptr && change.rule->target.kind == rlv::Target::Kind::drop ? EINVAL : 0;
     };
     table->open();
@@ -334,7 +334,7 @@ TEST_F(AMendingTable, TellsUntilTheNextConnectionWhatACommandWasSentWithout) {
     EXPECT_THAT(table->push().lost, IsEmpty());
     EXPECT_THAT(table->mend().problem, HasSubstr("Invalid argument"));
     EXPECT_THAT(table->mend().problem, HasSubstr("Invalid argument"));
-    store->refuse = nullptr;
+    backend->refuse = nullptr;
     table->open();
     EXPECT_EQ("", table->mend().problem);
 }
@@ -342,24 +342,24 @@ TEST_F(AMendingTable, TellsUntilTheNextConnectionWhatACommandWasSentWithout) {
 TEST_F(AMendingTable, IsNotOutrunByOthersWhoChangeTheTablesAllTheTime) {
     flush("VPK-D");
     std::uint32_t address = 0;
-    store->beforeCommit = [&] { EXPECT_TRUE(store->append("INPUT", from(++address))); };
+    backend->beforeCommit = [&] { EXPECT_TRUE(backend->append("INPUT", from(++address))); };
     EXPECT_EQ("", table->mend().problem);
-    store->beforeCommit = nullptr;
+    backend->beforeCommit = nullptr;
     EXPECT_THAT(picture(), testing::Contains("VPK-D -s 10.0.0.3/32 -j DROP"));
 }
 
 TEST_F(AMendingTable, FillsAChainThatOthersEmptyBeforeEachTransaction) {
     flush("VPK-D");
-    store->beforeCommit = [&] { flush("VPK-D"); };
+    backend->beforeCommit = [&] { flush("VPK-D"); };
     EXPECT_EQ("", table->mend().problem) << "an unbound transaction fills the chain whatever stands in it";
     EXPECT_EQ(before, picture());
 }
 
 TEST_F(AMendingTable, KeepsInMindWhatItCouldNotRead) {
     flush("VPK-D");
-    store->failuresToCome = 2;
+    backend->failuresToCome = 2;
     EXPECT_THROW(static_cast<void>(table->mend()), std::system_error);
-    store->failuresToCome = 0;
+    backend->failuresToCome = 0;
     EXPECT_EQ(3U, table->mend().differences);
     EXPECT_EQ(before, picture());
 }
@@ -367,10 +367,10 @@ TEST_F(AMendingTable, KeepsInMindWhatItCouldNotRead) {
 TEST_F(AMendingTable, TakesBackAChainThatSomebodyHasMadeABaseChain) {
     flushAll();
     const std::string chain = "VPK-D";
-    EXPECT_TRUE(store->edit({Kind::addBaseChain, &chain, nullptr, 0}));
+    EXPECT_TRUE(backend->edit({Kind::addBaseChain, &chain, nullptr, 0}));
     EXPECT_EQ("", table->mend().problem);
     EXPECT_EQ(before, picture());
-    EXPECT_FALSE(store->truth().chains.at("VPK-D").isBase);
+    EXPECT_FALSE(backend->truth().chains.at("VPK-D").isBase);
 }
 
 // A description is what stands, not what should.
@@ -386,8 +386,8 @@ TEST_F(AMendingTable, StillKnowsWhatShouldStandAfterADescription) {
 
 TEST_F(AMendingTable, TakesOutForeignRulesThatStoodBeforeItKnew) {
     table->forget();
-    EXPECT_TRUE(store->append("VPK-D", from(0x0a000009)));
-    store->opaque.insert(handleOf("VPK-D", "-s 10.0.0.9/32 -j ACCEPT"));
+    EXPECT_TRUE(backend->append("VPK-D", from(0x0a000009)));
+    backend->opaque.insert(handleOf("VPK-D", "-s 10.0.0.9/32 -j ACCEPT"));
     table->open();
     table->remember();
     EXPECT_EQ(1U, table->mend().differences);

@@ -1,4 +1,4 @@
-#include "rlv/table/modelled-table.h"
+#include "rlv/table/transactional-table.h"
 
 #include <algorithm>
 #include <array>
@@ -33,8 +33,6 @@ constexpr int kMaxRefusals = 100;
 // The list of lost commands has a limit, their number has none.
 constexpr std::size_t kMaxListedLost = 10'000;
 
-constexpr std::array kHookChains{"INPUT", "OUTPUT"};
-
 using Kind = Change::Kind;
 
 // What iptables calls a change when the kernel refuses it.
@@ -68,9 +66,6 @@ Answer notFoundAmong(std::size_t changes, int error) {
                    std::generic_category().message(error) + "), and to find out which takes too long"};
 }
 
-// Every transaction counts the generation up by one and leaves 0 out.
-std::uint32_t generationAfter(std::uint32_t generation) { return generation + 1 == 0 ? 1 : generation + 1; }
-
 void limitList(PushReport &report) {
     if (report.lost.size() <= kMaxListedLost)
         return;
@@ -79,7 +74,7 @@ void limitList(PushReport &report) {
 }
 
 // From the jump that goes too far on, the kernel refuses all rules for it: it looks at the table as a whole.
-void dropConsequences(std::vector<ChangeFailure> &failures) {
+void removeConsequences(std::vector<ChangeFailure> &failures) {
     const auto isTooFar = [](const ChangeFailure &failure) { return failure.error == EMLINK; };
     const auto first = std::find_if(failures.begin(), failures.end(), isTooFar);
     if (first != failures.end())
@@ -101,81 +96,82 @@ bool isConflict(const std::vector<ChangeFailure> &failures) {
 
 } // namespace
 
-ModelledTable::ModelledTable(std::unique_ptr<RulesetStore> store, std::string chainPrefix, std::size_t maxRules,
-                             std::size_t maxSearchCost)
-    : store_(std::move(store)), chainPrefix_(std::move(chainPrefix)), maxSearchCost_(maxSearchCost), model_(maxRules) {}
+TransactionalTable::TransactionalTable(std::unique_ptr<RulesetBackend> backend, std::string chainPrefix,
+                                       std::size_t maxRules, std::size_t maxSearchCost)
+    : backend_(std::move(backend)), chainPrefix_(std::move(chainPrefix)), maxSearchCost_(maxSearchCost),
+      pending_(maxRules) {}
 
-ModelledTable::Reading ModelledTable::readRuleset() {
+TransactionalTable::Reading TransactionalTable::readRuleset() {
     using Clock = std::chrono::steady_clock;
     const auto deadline = Clock::now() + kMaxReadingTime;
     for (int i = 0; i < kMaxReadings && (i == 0 || Clock::now() < deadline); ++i) {
-        if (auto ruleset = store_->read())
+        if (auto ruleset = backend_->read())
             return {std::move(*ruleset), true};
     }
-    if (auto ruleset = store_->readInParts())
+    if (auto ruleset = backend_->readInParts())
         return {std::move(*ruleset), false};
     throw std::system_error(EAGAIN, std::generic_category(), "the tables change faster than they can be read");
 }
 
-// True when the model holds what the kernel does. Others may change what is not in it as often as they like: a
+// True when what is known to stand is what stands. Others may change what is not in it as often as they like: a
 // container's manager rewrites its own table, the generation is another one, and no notice in between was about the
 // table filter.
-bool ModelledTable::isCurrent() {
+bool TransactionalTable::isCurrent() {
     if (!isWhole_ || !generation_)
         return false;
-    const std::uint32_t now = store_->generation();
-    if (now != *generation_ && !store_->isUntouched(*generation_, now))
+    const std::uint32_t now = backend_->generation();
+    if (now != *generation_ && !backend_->isUntouched(*generation_, now))
         return false;
     generation_ = now;
     return true;
 }
 
-void ModelledTable::open() {
+void TransactionalTable::open() {
     unreported_.clear();
-    givenUp_.clear();
-    if (standing_ || !isCurrent())
+    unmended_.clear();
+    if (desired_ || !isCurrent())
         load();
 }
 
-void ModelledTable::load() { load(readMended()); }
+void TransactionalTable::load() { load(readMended()); }
 
-void ModelledTable::load(Reading reading) {
+void TransactionalTable::load(Reading reading) {
     generation_.reset();
     try {
-        model_.load(std::move(reading.ruleset));
+        pending_.load(std::move(reading.ruleset));
     } catch (const std::bad_alloc &) {
         loseTrack();
         throw;
     }
-    generation_ = model_.held().generation;
+    generation_ = pending_.standing().generation;
     isWhole_ = reading.isWhole;
     isRead_ = true;
 }
 
-Answer ModelledTable::apply(const std::vector<Command> &commands, const std::string &options) {
-    if (!generation_ && !model_.isChanged())
+Answer TransactionalTable::apply(const std::vector<Command> &commands, const std::string &options) {
+    if (!generation_ && !pending_.isChanged())
         load();
-    return model_.apply(commands, options);
+    return pending_.apply(commands, options);
 }
 
-void ModelledTable::reread(PushReport &report) {
+void TransactionalTable::reread(PushReport &report) {
     Reading reading = readMended();
     try {
-        model_.rebase(std::move(reading.ruleset), report.lost);
+        pending_.rebase(std::move(reading.ruleset), report.lost);
     } catch (const std::bad_alloc &) {
         loseTrack();
         throw;
     }
-    generation_ = model_.held().generation;
+    generation_ = pending_.standing().generation;
     isWhole_ = reading.isWhole;
     isRead_ = true;
 }
 
-PushReport ModelledTable::push() {
+PushReport TransactionalTable::push() {
     PushReport report;
     report.lost = std::exchange(unreported_, {});
     try {
-        pushAll(report);
+        pushUntilTaken(report);
     } catch (...) {
         unreported_ = std::move(report.lost);
         throw;
@@ -184,19 +180,19 @@ PushReport ModelledTable::push() {
     return report;
 }
 
-void ModelledTable::pushAll(PushReport &report) {
+void TransactionalTable::pushUntilTaken(PushReport &report) {
     int conflicts = 0;
     int outruns = 0;
     int refusals = 0;
     searchCost_ = 0;
-    while (model_.isChanged()) {
+    while (pending_.isChanged()) {
         if (conflicts == kMaxConflicts) {
             report.mayPass = true;
-            return model_.revert({4, "iptables: the tables change faster than they can be written"}, report.lost);
+            return pending_.discard({4, "iptables: the tables change faster than they can be written"}, report.lost);
         }
         if (refusals == kMaxRefusals)
-            return model_.revert({4, "iptables: the kernel refuses too many of the rules"}, report.lost);
-        switch (tryPush({conflicts < kBoundAttempts, outruns < kMaxOutruns}, report)) {
+            return pending_.discard({4, "iptables: the kernel refuses too many of the rules"}, report.lost);
+        switch (attempt({conflicts < kBoundAttempts, outruns < kMaxOutruns}, report)) {
         case Outcome::sent:
             return;
         case Outcome::outrun:
@@ -216,39 +212,40 @@ void ModelledTable::pushAll(PushReport &report) {
 // handle, B flushes the chain before we have sent, and the kernel knows no such rule. What is missing for good, a match
 // that the kernel does not have, gives the same errors: unless `mayBeOutrun`, these are the kernel's own where they
 // have a command to blame.
-bool ModelledTable::wasFaster(const Batch &batch, const std::vector<ChangeFailure> &failures, bool mayBeOutrun) {
+bool TransactionalTable::wasFaster(const Transaction &transaction, const std::vector<ChangeFailure> &failures,
+                                   bool mayBeOutrun) {
     const bool mayBe = std::any_of(failures.begin(), failures.end(), [&](const ChangeFailure &failure) {
         const bool isOfOthers = failure.error == ENOENT || failure.error == EEXIST || failure.error == EBUSY;
-        return failure.index && isOfOthers && (mayBeOutrun || !isBlamable(batch.changes[*failure.index].kind));
+        return failure.index && isOfOthers && (mayBeOutrun || !isBlamable(transaction.changes[*failure.index].kind));
     });
-    return mayBe && store_->generation() != generation_;
+    return mayBe && backend_->generation() != generation_;
 }
 
 // What failed without an answer may have been committed: then nothing is known of the table until it is read again.
-std::vector<ChangeFailure> ModelledTable::commit(const Changes &changes, bool bound) {
+std::vector<ChangeFailure> TransactionalTable::commitKeepingTrack(const Changes &changes, bool bound) {
     const auto generation = std::exchange(generation_, std::nullopt);
-    auto failures = store_->commit(changes, bound ? generation : std::nullopt);
+    auto failures = backend_->commit(changes, bound ? generation : std::nullopt);
     generation_ = generation;
     return failures;
 }
 
-ModelledTable::Outcome ModelledTable::tryPush(Limits limits, PushReport &report) {
-    if (!generation_ || standing_)
+TransactionalTable::Outcome TransactionalTable::attempt(Limits limits, PushReport &report) {
+    if (!generation_ || desired_)
         reread(report);
     const bool bound = limits.mayBind && isWhole_;
-    const Model::Changes plan = model_.plan(bound);
+    const RulesetPlan plan = pending_.plan(bound);
     if (!fetchHandles(plan)) {
         reread(report);
         return Outcome::otherGeneration;
     }
-    const Batch batch = makeBatch(plan);
+    const Transaction transaction = makeTransaction(plan);
     std::vector<ChangeFailure> failures;
-    if (!batch.changes.empty())
-        failures = commit(batch.changes, bound);
+    if (!transaction.changes.empty())
+        failures = commitKeepingTrack(transaction.changes, bound);
     // Nothing to send says that all stands already. B may have flushed since we read, so that is looked at, too.
-    else if (bound && store_->generation() != generation_)
+    else if (bound && backend_->generation() != generation_)
         failures.push_back({std::nullopt, ERESTART});
-    const bool isOutrun = !bound && wasFaster(batch, failures, limits.mayBeOutrun);
+    const bool isOutrun = !bound && wasFaster(transaction, failures, limits.mayBeOutrun);
     if (isOutrun || isConflict(failures)) {
         // B has changed another table: the same goes once more, bound to the generation that isCurrent() has noted.
         if (isOutrun || !isCurrent())
@@ -256,29 +253,29 @@ ModelledTable::Outcome ModelledTable::tryPush(Limits limits, PushReport &report)
         return isOutrun ? Outcome::outrun : Outcome::otherGeneration;
     }
     if (!failures.empty()) {
-        blame(batch, failures, report);
+        blame(transaction, failures, report);
         return Outcome::refused;
     }
-    report.changes = batch.changes.size();
-    isRead_ = isRead_ && batch.changes.empty();
-    adopt(plan, bound || batch.changes.empty(), report);
+    report.changes = transaction.changes.size();
+    isRead_ = isRead_ && transaction.changes.empty();
+    adopt(plan, bound || transaction.changes.empty(), report);
     // It was made out of what others have left.
-    if (std::exchange(standing_, std::nullopt) && isMending_)
-        givenUp_ = mended_.problem;
+    if (std::exchange(desired_, std::nullopt) && isMending_)
+        unmended_ = mended_.problem;
     return Outcome::sent;
 }
 
 // The kernel has it. The generation is known only of a transaction that was bound: after another one B may have
 // committed between our reading and our sending, and the number would stand for his changes as well. Where there is no
-// memory to follow, the model is left empty and the table is read before it is used again: half of it would be taken
-// for the kernel's.
-void ModelledTable::adopt(const Model::Changes &plan, bool isExact, PushReport &report) {
+// memory to follow, the pending ruleset is left empty and the table is read before it is used again: half of it would
+// be taken for the kernel's.
+void TransactionalTable::adopt(const RulesetPlan &plan, bool isExact, PushReport &report) {
     auto generation = std::exchange(generation_, std::nullopt);
     if (report.changes > 0)
         generation = isExact ? std::optional(generationAfter(*generation)) : std::nullopt;
     try {
         count(plan, report);
-        model_.adopt(plan, generation.value_or(0));
+        pending_.adopt(plan, generation.value_or(0));
         generation_ = generation;
     } catch (const std::bad_alloc &) {
         loseTrack();
@@ -286,83 +283,82 @@ void ModelledTable::adopt(const Model::Changes &plan, bool isExact, PushReport &
 }
 
 // Half of what stands would be taken for all that should.
-void ModelledTable::loseTrack() noexcept {
-    model_.forget();
+void TransactionalTable::loseTrack() noexcept {
+    pending_.clear();
     generation_.reset();
     isKnown_ = false;
-    standing_.reset();
+    desired_.reset();
 }
 
-// Rules that were sent from here have no handles before somebody needs them. False where they are not what the model
-// has: B has changed the chain since it was sent, and its handles in our order would name other rules.
-bool ModelledTable::fetchHandles(const Model::Changes &plan) {
+// Rules that were sent from here have no handles before somebody needs them. False where they are not as many as
+// stand here: B has changed the chain since it was sent, and its handles in our order would name other rules.
+bool TransactionalTable::fetchHandles(const RulesetPlan &plan) {
     for (const auto &[name, change] : plan) {
-        const auto held = model_.held().chains.find(name);
+        const auto standing = pending_.standing().chains.find(name);
         const bool areNeeded = !change.plan.deletions.empty() || !change.plan.insertions.empty();
-        if (held == model_.held().chains.end() || held->second.handlesKnown || !areNeeded)
+        if (standing == pending_.standing().chains.end() || standing->second.handlesKnown || !areNeeded)
             continue;
         const bool onlyAppends = change.plan.deletions.empty() &&
                                  std::all_of(change.plan.insertions.begin(), change.plan.insertions.end(),
                                              [](const auto &one) { return one.before == ChainPlan::kAtTheEnd; });
         if (onlyAppends)
             continue;
-        const auto handles = store_->readHandles(name, generation_.value_or(0));
-        if (!handles || handles->size() != held->second.rules.size())
+        const auto handles = backend_->readHandles(name, generation_.value_or(0));
+        if (!handles || handles->size() != standing->second.rules.size())
             return false;
-        model_.setHandles(name, *handles);
+        pending_.setHandles(name, *handles);
     }
     return true;
 }
 
 // New chains first, so that rules may jump to them; then all that goes, then all that comes, and last the chains that
 // nothing refers to any more.
-ModelledTable::Batch ModelledTable::makeBatch(const Model::Changes &plan) const {
-    Batch batch;
+TransactionalTable::Transaction TransactionalTable::makeTransaction(const RulesetPlan &plan) const {
+    Transaction transaction;
     const auto add = [&](const Change &change, const std::string &chain, std::size_t appended = 0) {
-        batch.changes.push_back(change);
-        batch.sources.push_back({&chain, appended});
+        transaction.changes.push_back(change);
+        transaction.sources.push_back({&chain, appended});
     };
     const auto isMade = [](const auto &entry) { return entry.second.make; };
     if (const auto made = std::find_if(plan.begin(), plan.end(), isMade); made != plan.end())
         add({Kind::addTable, nullptr, nullptr, 0}, made->first);
     for (const auto &[name, change] : plan) {
-        const bool isHookChain = std::find(kHookChains.begin(), kHookChains.end(), name) != kHookChains.end();
         if (change.make)
-            add({isHookChain ? Kind::addBaseChain : Kind::addChain, &name, nullptr, 0}, name);
+            add({isBuiltInChain(name) ? Kind::addBaseChain : Kind::addChain, &name, nullptr, 0}, name);
     }
     for (const auto &[name, change] : plan) {
         if (change.plan.refill)
             add({Kind::flushChain, &name, nullptr, 0}, name);
         for (const std::size_t place : change.plan.deletions)
-            add({Kind::deleteRule, &name, nullptr, model_.held().chains.at(name).rules[place].handle}, name);
+            add({Kind::deleteRule, &name, nullptr, pending_.standing().chains.at(name).rules[place].handle}, name);
     }
     for (const auto &[name, change] : plan) {
         for (const auto &insertion : change.plan.insertions) {
-            const Rule *const rule = &model_.appendedRule(name, insertion.appended);
+            const Rule *const rule = &pending_.appendedRule(name, insertion.appended);
             if (insertion.before == ChainPlan::kAtTheEnd)
                 add({Kind::appendRule, &name, rule, 0}, name, insertion.appended);
             else
-                add({Kind::insertRule, &name, rule, model_.held().chains.at(name).rules[insertion.before].handle}, name,
-                    insertion.appended);
+                add({Kind::insertRule, &name, rule, pending_.standing().chains.at(name).rules[insertion.before].handle},
+                    name, insertion.appended);
         }
     }
     for (const auto &[name, change] : plan) {
         if (change.remove)
             add({Kind::deleteChain, &name, nullptr, 0}, name);
     }
-    return batch;
+    return transaction;
 }
 
-void ModelledTable::count(const Model::Changes &plan, PushReport &report) const {
-    for (const auto &[name, held] : model_.held().chains) {
+void TransactionalTable::count(const RulesetPlan &plan, PushReport &report) const {
+    for (const auto &[name, standing] : pending_.standing().chains) {
         const auto change = plan.find(name);
-        const std::size_t all = isOwnChain(name, chainPrefix_) ? held.rules.size() : 0;
+        const std::size_t all = isOwnChain(name, chainPrefix_) ? standing.rules.size() : 0;
         if (change == plan.end())
             report.kept += all;
     }
     for (const auto &[name, change] : plan) {
-        const auto held = model_.held().chains.find(name);
-        const std::size_t all = held == model_.held().chains.end() ? 0 : held->second.rules.size();
+        const auto standing = pending_.standing().chains.find(name);
+        const std::size_t all = standing == pending_.standing().chains.end() ? 0 : standing->second.rules.size();
         const std::size_t removed = change.plan.refill ? all : change.plan.deletions.size();
         report.removed += removed;
         report.added += change.plan.insertions.size();
@@ -372,16 +368,17 @@ void ModelledTable::count(const Model::Changes &plan, PushReport &report) const 
     }
 }
 
-// Takes the commands of refused changes out of the model.
-void ModelledTable::blame(const Batch &batch, const std::vector<ChangeFailure> &failures, PushReport &report) {
-    const auto revertFor = [&](const ChangeFailure &failure) {
-        const Change &refused = batch.changes[failure.index.value_or(batch.changes.size() - 1)];
-        model_.revert(answerTo(refused, failure.error), report.lost);
+// Takes the commands of refused changes out of what is pending.
+void TransactionalTable::blame(const Transaction &transaction, const std::vector<ChangeFailure> &failures,
+                               PushReport &report) {
+    const auto discardFor = [&](const ChangeFailure &failure) {
+        const Change &refused = transaction.changes[failure.index.value_or(transaction.changes.size() - 1)];
+        pending_.discard(answerTo(refused, failure.error), report.lost);
     };
     const auto shortage = std::find_if(failures.begin(), failures.end(), isShortage);
     if (shortage != failures.end()) {
         report.mayPass = true;
-        return revertFor(*shortage);
+        return discardFor(*shortage);
     }
     std::vector<ChangeFailure> located;
     for (const ChangeFailure &failure : failures) {
@@ -389,19 +386,19 @@ void ModelledTable::blame(const Batch &batch, const std::vector<ChangeFailure> &
             located.push_back(failure);
     }
     if (located.empty()) {
-        auto searched = locate(batch);
+        auto searched = locate(transaction);
         if (!searched)
-            return model_.revert(notFoundAmong(batch.changes.size(), failures.front().error), report.lost);
+            return pending_.discard(notFoundAmong(transaction.changes.size(), failures.front().error), report.lost);
         located = std::move(*searched);
     }
-    dropConsequences(located);
-    std::map<std::string, std::vector<Model::RefusedRule>> rules;
+    removeConsequences(located);
+    std::map<std::string, std::vector<PendingRuleset::RefusedRule>> rules;
     std::map<std::string, Answer> chains;
     bool isClear = !located.empty();
     for (const ChangeFailure &failure : located) {
-        const Change &change = batch.changes[*failure.index];
+        const Change &change = transaction.changes[*failure.index];
         const Answer answer = answerTo(change, failure.error);
-        const Source &source = batch.sources[*failure.index];
+        const Source &source = transaction.sources[*failure.index];
         switch (change.kind) {
         case Kind::appendRule:
         case Kind::insertRule:
@@ -412,7 +409,7 @@ void ModelledTable::blame(const Batch &batch, const std::vector<ChangeFailure> &
             chains.emplace(*source.chain, answer);
             break;
         case Kind::deleteChain:
-            model_.loseRemoval(*source.chain, answer, report.lost);
+            pending_.loseRemoval(*source.chain, answer, report.lost);
             break;
         default:
             isClear = false;
@@ -420,32 +417,32 @@ void ModelledTable::blame(const Batch &batch, const std::vector<ChangeFailure> &
         }
     }
     if (!isClear)
-        return revertFor(failures.front());
+        return discardFor(failures.front());
     for (const auto &[name, answer] : chains) {
-        model_.loseChain(name, answer, report.lost);
+        pending_.loseChain(name, answer, report.lost);
         rules.erase(name);
     }
     for (const auto &[name, refused] : rules)
-        model_.loseAppended(name, refused, report.lost);
+        pending_.loseAppended(name, refused, report.lost);
 }
 
 // Where the kernel does not say which change it refused: halves in dry runs. What is good so far stands before each
 // half, since later changes may need it. A refusal that only the end of a transaction meets is found nowhere. None
 // where the search takes too long.
-std::optional<std::vector<ChangeFailure>> ModelledTable::locate(const Batch &batch) {
+std::optional<std::vector<ChangeFailure>> TransactionalTable::locate(const Transaction &transaction) {
     std::vector<ChangeFailure> found;
     Changes good;
-    std::vector<std::pair<std::size_t, std::size_t>> left{{0, batch.changes.size()}};
+    std::vector<std::pair<std::size_t, std::size_t>> left{{0, transaction.changes.size()}};
     while (!left.empty()) {
         const auto [begin, end] = left.back();
         left.pop_back();
         Changes tried = good;
-        tried.insert(tried.end(), batch.changes.begin() + static_cast<std::ptrdiff_t>(begin),
-                     batch.changes.begin() + static_cast<std::ptrdiff_t>(end));
+        tried.insert(tried.end(), transaction.changes.begin() + static_cast<std::ptrdiff_t>(begin),
+                     transaction.changes.begin() + static_cast<std::ptrdiff_t>(end));
         searchCost_ += kDryRunCost + tried.size();
         if (searchCost_ > maxSearchCost_)
             return std::nullopt;
-        const auto refused = store_->dryRun(tried);
+        const auto refused = backend_->dryRun(tried);
         if (refused.empty()) {
             good = std::move(tried);
         } else if (end - begin == 1) {
@@ -459,32 +456,25 @@ std::optional<std::vector<ChangeFailure>> ModelledTable::locate(const Batch &bat
     return found;
 }
 
-PushReport ModelledTable::drop() {
+PushReport TransactionalTable::discard() {
     PushReport report;
     report.lost = std::exchange(unreported_, {});
-    model_.revert({4, "iptables: not sent: the connection ended before"}, report.lost);
+    pending_.discard({4, "iptables: not sent: the connection ended before"}, report.lost);
     limitList(report);
     return report;
 }
 
-bool ModelledTable::isHook(const HeldRule &held) const {
-    if (!held.rule || held.rule->target.kind != Target::Kind::jump)
-        return false;
-    Rule bare;
-    bare.target = held.rule->target;
-    return *held.rule == bare && isOwnChain(bare.target.text, chainPrefix_);
-}
-
-void ModelledTable::describe(const Ruleset &ruleset, ServiceState &state) const {
+void TransactionalTable::describe(const Ruleset &ruleset, ServiceState &state) const {
     state.hooks.clear();
     state.chains.clear();
-    for (const char *const name : kHookChains) {
-        const auto chain = ruleset.chains.find(name);
+    for (const std::string_view name : kBuiltInChains) {
+        const auto chain = ruleset.chains.find(std::string(name));
         if (chain == ruleset.chains.end())
             continue;
-        for (const HeldRule &held : chain->second.rules) {
-            if (isHook(held))
-                state.hooks.push_back({name, held.rule->target.text});
+        for (const StandingRule &standing : chain->second.rules) {
+            const std::string *const target = bareJumpTarget(standing);
+            if (target != nullptr && isOwnChain(*target, chainPrefix_))
+                state.hooks.push_back({std::string(name), *target});
         }
     }
     for (const auto &[name, chain] : ruleset.chains) {
@@ -493,51 +483,51 @@ void ModelledTable::describe(const Ruleset &ruleset, ServiceState &state) const 
     }
 }
 
-void ModelledTable::describe(ServiceState &state) {
+void TransactionalTable::describe(ServiceState &state) {
     if (isCurrent())
-        return describe(model_.held(), state);
-    const std::uint32_t generation = store_->generation();
+        return describe(pending_.standing(), state);
+    const std::uint32_t generation = backend_->generation();
     if (describedGeneration_ != generation) {
         Reading reading = readRuleset();
         describedGeneration_.reset();
         describe(reading.ruleset, described_);
         describedGeneration_ = reading.ruleset.generation;
-        // Where it is known what should stand, the model is what tells it.
-        if (!model_.isChanged() && !isKnown_)
+        // Where it is known what should stand, `pending_` is what tells it.
+        if (!pending_.isChanged() && !isKnown_)
             load(std::move(reading));
     }
     state.hooks = described_.hooks;
     state.chains = described_.chains;
 }
 
-void ModelledTable::look(bool reading, const std::function<void(const Ruleset &)> &visit) {
+void TransactionalTable::look(bool reading, const std::function<void(const Ruleset &)> &visit) {
     if (isCurrent() && (isRead_ || !reading))
-        return visit(model_.held());
+        return visit(pending_.standing());
     Reading now = readRuleset();
-    // A connection goes on from what it has, and where it is known what should stand, the model is what tells it.
-    if (model_.isChanged() || isKnown_)
+    // A connection goes on from what it has, and where it is known what should stand, `pending_` is what tells it.
+    if (pending_.isChanged() || isKnown_)
         return visit(now.ruleset);
     load(std::move(now));
-    visit(model_.held());
+    visit(pending_.standing());
 }
 
-void ModelledTable::remember() {
+void TransactionalTable::remember() {
     // What others have put in between our rules and hooks before we knew of it goes now.
-    if (!std::exchange(isKnown_, true) && isDisturbed(model_.held(), chainPrefix_))
-        standing_ = firstStandingIn(model_.held(), chainPrefix_);
+    if (!std::exchange(isKnown_, true) && isDisturbed(pending_.standing(), chainPrefix_))
+        desired_ = firstDesiredStateOf(pending_.standing(), chainPrefix_);
 }
 
-void ModelledTable::forget() {
+void TransactionalTable::forget() {
     isKnown_ = false;
-    standing_.reset();
-    givenUp_.clear();
+    desired_.reset();
+    unmended_.clear();
     mended_ = {};
 }
 
-MendReport ModelledTable::mend() {
-    if (isKnown_ && (standing_ || !isCurrent())) {
+MendReport TransactionalTable::mend() {
+    if (isKnown_ && (desired_ || !isCurrent())) {
         PushReport report;
-        if (model_.isChanged())
+        if (pending_.isChanged())
             reread(report);
         else
             load();
@@ -545,28 +535,28 @@ MendReport ModelledTable::mend() {
     }
     MendReport report = std::exchange(mended_, {});
     if (report.problem.empty())
-        report.problem = givenUp_;
+        report.problem = unmended_;
     return report;
 }
 
-ModelledTable::Reading ModelledTable::readMended() {
+TransactionalTable::Reading TransactionalTable::readMended() {
     Reading reading = readRuleset();
     if (!isKnown_)
         return reading;
-    // The model holds what should stand until what was read takes its place. B flushes, and putting back fails: then
-    // the model comes to hold what B has left, and only `standing_`, kept from before, still knows what should be there
+    // `pending_` has what should stand until what was read takes its place. B flushes, and putting back fails: then
+    // it comes to have what B has left, and only `desired_`, kept from before, still knows what should be there
     // when the next one reads.
-    if (!standing_)
-        standing_ = standingIn(model_.held(), chainPrefix_);
+    if (!desired_)
+        desired_ = desiredStateOf(pending_.standing(), chainPrefix_);
     return restoreFrom(std::move(reading));
 }
 
 // Only what is read afterwards proves that all is as it was.
-ModelledTable::Reading ModelledTable::restoreFrom(Reading reading) {
+TransactionalTable::Reading TransactionalTable::restoreFrom(Reading reading) {
     for (int i = 0; i < kMaxMendings; ++i) {
-        const Restoration restoration = restore(*standing_, reading.ruleset, reading.isWhole);
+        const Restoration restoration = restore(*desired_, reading.ruleset, reading.isWhole);
         if (restoration.differences == 0) {
-            standing_.reset();
+            desired_.reset();
             mended_.problem.clear();
             return reading;
         }
@@ -583,23 +573,23 @@ ModelledTable::Reading ModelledTable::restoreFrom(Reading reading) {
 }
 
 // Empty, or why it was refused. Somebody else may have been faster: then nothing has come of it, and what he did shows.
-std::string ModelledTable::send(const Restoration &restoration, const Reading &reading, bool mayBind) {
+std::string TransactionalTable::send(const Restoration &restoration, const Reading &reading, bool mayBind) {
     const bool bound = mayBind && reading.isWhole;
     generation_.reset(); // until it is read again
     const auto failures =
-        store_->commit(restoration.changes, bound ? std::optional(reading.ruleset.generation) : std::nullopt);
+        backend_->commit(restoration.changes, bound ? std::optional(reading.ruleset.generation) : std::nullopt);
     if (failures.empty()) {
         note(restoration, "");
         mended_.changes += restoration.changes.size();
         return {};
     }
-    if (isConflict(failures) || store_->generation() != reading.ruleset.generation)
+    if (isConflict(failures) || backend_->generation() != reading.ruleset.generation)
         return {};
     const ChangeFailure &first = failures.front();
     return answerTo(restoration.changes[first.index.value_or(0)], first.error).message;
 }
 
-void ModelledTable::note(const Restoration &restoration, std::string problem) {
+void TransactionalTable::note(const Restoration &restoration, std::string problem) {
     mended_.differences += restoration.differences;
     const std::size_t room = kMaxTexts - std::min(kMaxTexts, mended_.texts.size());
     mended_.texts.insert(mended_.texts.end(), restoration.texts.begin(),
@@ -608,7 +598,7 @@ void ModelledTable::note(const Restoration &restoration, std::string problem) {
     mended_.problem = std::move(problem);
 }
 
-Answer ModelledTable::removeAll() {
+Answer TransactionalTable::removeAll() {
     open();
     const auto command = [](Command::Action action, const std::string &chain) {
         Command made;
@@ -617,17 +607,17 @@ Answer ModelledTable::removeAll() {
         return made;
     };
     ServiceState state;
-    describe(model_.held(), state);
+    describe(pending_.standing(), state);
     for (const HookState &hook : state.hooks) {
         Command unhook = command(Command::Action::deleteRule, hook.chain);
         unhook.rule.target = {Target::Kind::jump, hook.target};
-        model_.apply({unhook}, "-D " + hook.chain + " -j " + hook.target);
+        pending_.apply({unhook}, "-D " + hook.chain + " -j " + hook.target);
     }
     for (const ChainState &chain : state.chains)
-        model_.apply({command(Command::Action::flushChain, chain.name)}, "-F " + chain.name);
+        pending_.apply({command(Command::Action::flushChain, chain.name)}, "-F " + chain.name);
     std::string kept;
     for (const ChainState &chain : state.chains) {
-        if (model_.apply({command(Command::Action::removeChain, chain.name)}, "-X " + chain.name).code != 0)
+        if (pending_.apply({command(Command::Action::removeChain, chain.name)}, "-X " + chain.name).code != 0)
             kept += (kept.empty() ? "" : ", ") + chain.name;
     }
     const PushReport report = push();
@@ -639,11 +629,11 @@ Answer ModelledTable::removeAll() {
 }
 
 std::unique_ptr<Table> openKernelTable(const std::string &chainPrefix) {
-    return std::make_unique<ModelledTable>(openKernelStore(chainPrefix), chainPrefix);
+    return std::make_unique<TransactionalTable>(openKernelBackend(chainPrefix), chainPrefix);
 }
 
 std::unique_ptr<Table> makeSimulatedTable(const std::string &chainPrefix) {
-    return std::make_unique<ModelledTable>(makeSimulatedStore(), chainPrefix);
+    return std::make_unique<TransactionalTable>(makeSimulatedBackend(), chainPrefix);
 }
 
 } // namespace rlv
