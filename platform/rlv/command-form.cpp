@@ -2,7 +2,8 @@
 
 #include <algorithm>
 
-#include "rlv/table/number-words.h"
+#include "rlv/number-words.h"
+#include "rlv/rule.h"
 
 namespace rlv {
 
@@ -37,6 +38,34 @@ private:
     std::string &form_;
 };
 
+// Takes the value of an option: into the form where the answer depends on it, else only if the service takes it.
+
+bool take(Words &words, std::optional<std::uint8_t> Rule::*) {
+    words.pass();
+    return true;
+}
+
+bool take(Words &words, std::optional<Network> Rule::*) { return parseNetwork(words.takeValue()).has_value(); }
+
+bool take(Words &words, std::optional<PortRange> Rule::*) { return parsePorts(words.takeValue()).has_value(); }
+
+enum class Taking { done, refused, otherOption };
+
+template <typename Value> Taking takeIf(Words &words, const RuleField<Value> &field) {
+    if (words.peek() != field.option)
+        return Taking::otherOption;
+    words.pass();
+    return take(words, field.member) ? Taking::done : Taking::refused;
+}
+
+// The next word's field, whichever it is.
+Taking takeField(Words &words) {
+    Taking taking = Taking::otherOption;
+    std::apply([&](const auto &...field) { ((taking = takeIf(words, field), taking != Taking::otherOption) || ...); },
+               kMatchFields);
+    return taking;
+}
+
 } // namespace
 
 bool isRemoving(std::string_view options) {
@@ -53,20 +82,11 @@ bool formOf(std::string_view options, std::string &form) {
     Words words(options, form);
     words.pass(); // -A
     words.pass(); // the chain
-    if (words.peek() == "-p") {
-        words.pass();
-        words.pass();
-    }
-    if (words.peek() == "-s" || words.peek() == "-d") {
-        words.pass();
-        if (!parseNetwork(words.takeValue()))
-            return false;
-    }
-    if (words.peek() == "--sport" || words.peek() == "--dport") {
-        words.pass();
-        if (!parsePorts(words.takeValue()))
-            return false;
-    }
+    Taking taking = takeField(words);
+    while (taking == Taking::done)
+        taking = takeField(words);
+    if (taking == Taking::refused)
+        return false;
     words.passRest();
     return true;
 }

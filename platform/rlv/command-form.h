@@ -17,12 +17,12 @@ bool isRemoving(std::string_view options);
 // True when the first word is -A.
 bool isAppending(std::string_view options);
 
-// The form of "-A chain [-p protocol] [-s address] [--sport ports] …" (or with -d and --dport) is its text without the
-// address and the ports. Stores it and returns true; false for every other text, and when the address or the ports are
-// not such as the service takes (a host name is no address).
+// The form of "-A chain …" is its text without the addresses and the ports that stand in the fields of a rule, where
+// these come first. Stores it and returns true; false for every other text, and when an address or ports are not such
+// as the service takes (a host name is no address).
 //
 // The service's answer to a command with a form depends on the form and on the table's chains, jumps and number of
-// rules alone: which address and ports they are makes no difference to it.
+// rules alone: which addresses and ports they are makes no difference to it.
 [[nodiscard]] bool formOf(std::string_view options, std::string &form);
 
 } // namespace rlv

@@ -25,6 +25,7 @@
 
 #include "fuzz/input.h"
 #include "fuzz/require.h"
+#include "rlv/table/command.h"
 #include "rlv/table/rule-expressions.h"
 #include "rlv/table/ruleset-backend.h"
 

@@ -13,7 +13,7 @@
 #include "fuzz/require.h"
 #include "iptables/RlvHandler.h"
 #include "iptables/RlvIptables.h"
-#include "rlv/table/number-words.h"
+#include "rlv/number-words.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <system_error>
 #include <unistd.h>
 
-#include "rlv/table/number-words.h"
+#include "rlv/number-words.h"
 #include "rlv/table/rule-words.h"
 #include "support/unique-fd.h"
 

@@ -22,24 +22,6 @@ constexpr std::size_t kPairsPerRule = 32;
 // fewer of its rules are in the processor's caches.
 double stepMicroseconds(std::size_t rules) { return 0.001 + 0.0000006 * static_cast<double>(rules); }
 
-struct Hash {
-    static void mix(std::uint64_t &hash, std::uint64_t value) { hash = (hash ^ value) * 0x9e3779b97f4a7c15U >> 3; }
-    std::size_t operator()(const Rule *rule) const {
-        std::uint64_t hash = std::hash<std::string>()(rule->target.text);
-        hash += static_cast<std::uint64_t>(rule->target.kind);
-        mix(hash, rule->protocol.value_or(0));
-        for (const auto &network : {rule->source, rule->destination})
-            mix(hash, network ? network->address + network->prefixLength : 1);
-        for (const auto &ports : {rule->sourcePorts, rule->destinationPorts})
-            mix(hash, ports ? ports->first * 65'536U + ports->last : 1);
-        return static_cast<std::size_t>(hash ^ hash >> 32);
-    }
-};
-
-struct Equal {
-    bool operator()(const Rule *left, const Rule *right) const { return *left == *right; }
-};
-
 class Planner {
 public:
     Planner(const std::vector<StandingRule> &standing, const std::vector<bool> &doomed,
@@ -90,7 +72,7 @@ private:
         return standing_[standing].rule && *standing_[standing].rule == *appended_[appended];
     }
 
-    using Places = std::unordered_map<const Rule *, std::vector<std::size_t>, Hash, Equal>;
+    using Places = std::unordered_map<const Rule *, std::vector<std::size_t>, RuleHash, SameRule>;
     struct Range {
         std::size_t begin;
         std::size_t end;

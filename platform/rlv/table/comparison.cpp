@@ -7,6 +7,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "rlv/table/rule-text.h"
 #include "rlv/table/rule-words.h"
 
 namespace rlv {
@@ -18,49 +19,10 @@ constexpr std::uint64_t kMaxListed = 1'000;
 using Kind = Difference::Kind;
 using Effect = OtherRule::Effect;
 
-std::uint64_t mixed(std::uint64_t hash, std::uint64_t value) {
-    constexpr std::uint64_t kMultiplier = 0x9e3779b97f4a7c15;
-    hash = (hash ^ value) * kMultiplier;
-    return hash ^ (hash >> 29);
-}
-
-std::uint64_t numberOf(const std::optional<Network> &network) {
-    return network ? (std::uint64_t{1} << 63) | std::uint64_t{network->address} << 8 | network->prefixLength : 0;
-}
-
-std::uint64_t numberOf(const std::optional<PortRange> &ports) {
-    return ports ? (std::uint64_t{1} << 63) | std::uint64_t{ports->first} << 16 | ports->last : 0;
-}
-
-// Of all but the target: rules with the same match are few.
-struct MatchHash {
-    std::size_t operator()(const Rule *rule) const {
-        std::uint64_t hash = rule->protocol ? 256U + *rule->protocol : 0U;
-        for (const auto *network : {&rule->source, &rule->destination})
-            hash = mixed(hash, numberOf(*network));
-        for (const auto *ports : {&rule->sourcePorts, &rule->destinationPorts})
-            hash = mixed(hash, numberOf(*ports));
-        return static_cast<std::size_t>(hash);
-    }
-};
-
-struct SameRule {
-    bool operator()(const Rule *left, const Rule *right) const { return *left == *right; }
-};
-
-struct SameMatch {
-    bool operator()(const Rule *left, const Rule *right) const {
-        Rule other = *right;
-        other.target = left->target;
-        return *left == other;
-    }
-};
-
 // Where the rules of a chain do the same to a packet, none of them matters beside another, nor does their order.
 bool isOrdered(const std::vector<Rule> &rules) {
-    return std::any_of(rules.begin(), rules.end(), [&](const Rule &rule) {
-        return rule.target.kind != rules.front().target.kind || rule.target.text != rules.front().target.text;
-    });
+    return std::any_of(rules.begin(), rules.end(),
+                       [&](const Rule &rule) { return rule.target != rules.front().target; });
 }
 
 const OtherRule &otherOf(const StandingChain &chain, const StandingRule &standing) {
@@ -99,7 +61,7 @@ private:
     };
 
     void pairEqualRules(bool ordered) {
-        std::unordered_map<const Rule *, Count, MatchHash, SameRule> counts;
+        std::unordered_map<const Rule *, Count, RuleHash, SameRule> counts;
         counts.reserve(wanted_.size());
         for (const Rule &rule : wanted_)
             ++counts[&rule].left;

@@ -7,6 +7,7 @@
 
 #include "rlv/table/chain-plan.h"
 #include "rlv/table/longest-increasing-subsequence.h"
+#include "rlv/table/rule-text.h"
 
 namespace rlv {
 

@@ -16,6 +16,7 @@
 #include <linux/netfilter/nf_tables_compat.h>
 
 #include "rlv/table/protocols.h"
+#include "rlv/table/rule-text.h"
 #include "rlv/table/xtables-info.h"
 
 namespace rlv {

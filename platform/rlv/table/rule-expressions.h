@@ -9,8 +9,8 @@
 
 #include <linux/netlink.h>
 
+#include "rlv/rule.h"
 #include "rlv/table/attributes.h"
-#include "rlv/table/command.h"
 #include "rlv/table/ruleset.h"
 
 namespace rlv {

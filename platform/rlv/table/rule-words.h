@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "rlv/table/number-words.h"
+#include "rlv/number-words.h"
 
 namespace rlv {
 

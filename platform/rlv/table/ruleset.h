@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "rlv/table/command.h"
+#include "rlv/rule.h"
 
 namespace rlv {
 

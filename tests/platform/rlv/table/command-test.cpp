@@ -7,6 +7,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "rlv/table/rule-text.h"
+
 using rlv::Answer;
 using rlv::Command;
 using rlv::Rule;

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "kernel-host.h"
+#include "rlv/table/rule-text.h"
 #include "support/process.h"
 #include "support/random-seed.h"
 

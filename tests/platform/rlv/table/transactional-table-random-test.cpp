@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "random-connections.h"
+#include "rlv/table/rule-text.h"
 #include "rlv/table/transactional-table.h"
 #include "scripted-backend.h"
 #include "support/random-seed.h"

@@ -10,6 +10,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "rlv/table/rule-text.h"
 #include "scripted-backend.h"
 
 namespace {

@@ -15,6 +15,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "rlv/table/rule-text.h"
 #include "scripted-backend.h"
 #include "support/failing-allocations.h"
 

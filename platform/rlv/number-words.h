@@ -1,12 +1,12 @@
 // The numbers that stand in a rule's text: addresses and ports. Read strictly: a word that could mean two things to two
 // readers means nothing here.
-#ifndef PLATFORM_RLV_TABLE_NUMBER_WORDS_H
-#define PLATFORM_RLV_TABLE_NUMBER_WORDS_H
+#ifndef PLATFORM_RLV_NUMBER_WORDS_H
+#define PLATFORM_RLV_NUMBER_WORDS_H
 
 #include <optional>
 #include <string_view>
 
-#include "rlv/table/command.h"
+#include "rlv/rule.h"
 
 namespace rlv {
 

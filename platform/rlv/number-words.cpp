@@ -1,4 +1,4 @@
-#include "rlv/table/number-words.h"
+#include "rlv/number-words.h"
 
 namespace rlv {
 
