@@ -17,19 +17,20 @@ struct Arguments {
 
 // Why the arguments do not fit; empty when that cannot be told.
 std::string argumentProblem(const Arguments &arguments) {
-    const auto *const method = findIn(kMethods, arguments.method);
-    if (method == nullptr)
+    const auto *const command = commandOfMethod(arguments.method);
+    if (command == nullptr)
         return arguments.argument ? "" : "; it may need an argument, and got none";
-    if (method->takesRules && !arguments.argument)
+    const bool takesRules = command->data == CommandData::rules;
+    if (takesRules && !arguments.argument)
         return " takes rules, and got none: vpkctl call " + arguments.method + " 'tcp:10.0.0.5:80:out'";
-    return !method->takesRules && arguments.argument ? " takes no argument, and removes all rules of its kind" : "";
+    return !takesRules && arguments.argument ? " takes no argument, and removes all rules of its kind" : "";
 }
 
 void explain(const Arguments &arguments, const Session &session) {
-    const auto *const method = findIn(kMethods, arguments.method);
-    if (method == nullptr || !method->takesRules || !arguments.argument)
+    const auto *const command = commandOfMethod(arguments.method);
+    if (command == nullptr || command->data != CommandData::rules || !arguments.argument)
         return;
-    const bool allow = method->name == "Firewall::ApplyAllowRules";
+    const bool allow = command->kinds == host::RuleKinds::allow;
     explainRules(session, {*arguments.argument, "the data", false, allow, !allow,
                            "xargs -d '\\n' vpkctl call " + arguments.method});
 }

@@ -20,20 +20,28 @@ std::vector<std::string> warningsAboutDenied(const std::string &list) {
             "\" denies connections from and to everywhere, and so cuts off whoever is logged in over the network"};
 }
 
-} // namespace
-
-std::string reasonNotToSend(const Command &command, const std::string &data) {
-    if (data.empty() || command.data != Data::none)
-        return {};
-    return std::string(command.name) + " " + std::string(command.ignores) + "; nothing was done (--as-is sends it)";
+// Of a command that looks at no data.
+std::string whatItDoesInstead(const PluginCommand &command) {
+    if (command.effect != host::RuleEffect::removeAll)
+        return " takes no data";
+    return std::string(" takes no rules and removes all of them: every ") +
+           (command.kinds == host::RuleKinds::allow ? "allow" : "deny") + " rule";
 }
 
-std::vector<std::string> warningsAbout(const Command &command, const std::string &data) {
-    if (command.name == "ApplyDenyRules")
+} // namespace
+
+std::string reasonNotToSend(const PluginCommand &command, const std::string &data) {
+    if (data.empty() || command.data != CommandData::none)
+        return {};
+    return std::string(command.name) + whatItDoesInstead(command) + "; nothing was done (--as-is sends it)";
+}
+
+std::vector<std::string> warningsAbout(const PluginCommand &command, const std::string &data) {
+    if (command.data == CommandData::rules && command.kinds == host::RuleKinds::deny)
         return warningsAboutDenied(data);
-    if (command.data == Data::settings)
+    if (command.data == CommandData::settings)
         return settingsWarnings(data);
-    if (command.data != Data::policy)
+    if (command.data != CommandData::policy)
         return {};
     auto warnings = policyWarnings(data);
     for (const auto &warning : warningsAboutDenied(rulesOfPolicy(data)))

@@ -10,11 +10,11 @@
 namespace cli {
 
 // Why data is not sent with a command that would pass over it; empty when it is sent.
-std::string reasonNotToSend(const Command &command, const std::string &data);
+std::string reasonNotToSend(const PluginCommand &command, const std::string &data);
 
 // Where the command would succeed and do something else than what is written there, a line each. What the plugin or the
 // host refuses is left to them.
-std::vector<std::string> warningsAbout(const Command &command, const std::string &data);
+std::vector<std::string> warningsAbout(const PluginCommand &command, const std::string &data);
 
 } // namespace cli
 

@@ -18,7 +18,6 @@ constexpr const char *kMethod = "Host::executeCommand";
 constexpr const char *kPolicyWarning =
     "ApplyPolicy applies every ALLOW entry as an allow rule and then as a deny rule: all of them end up denied. DENY "
     "entries have no effect.";
-constexpr const char *kFail = "fail"; // the reply to a command that failed
 
 constexpr const char *kHelp =
     R"(Commands and their data:
@@ -63,14 +62,14 @@ bool personAgrees() {
 
 // Throws Exit when the data is not sent: it would have no effect, or the person who is asked does not want it sent.
 void check(const Arguments &arguments, const std::string &data) {
-    const auto *const command = findIn(kCommands, arguments.command);
+    const auto *const command = findNamed(kPluginCommands, arguments.command);
     if (command == nullptr)
         return;
     const std::string reason = reasonNotToSend(*command, data);
     if (!reason.empty())
         throw Exit(kNotCarriedOut, reason);
     auto warnings = warningsAbout(*command, data);
-    if (command->data == Data::policy)
+    if (command->data == CommandData::policy)
         warnings.insert(warnings.begin(), kPolicyWarning);
     for (const auto &warning : warnings)
         say(warning);
@@ -80,24 +79,24 @@ void check(const Arguments &arguments, const std::string &data) {
 
 // The rules that the command applies.
 SentRules rulesOf(const Arguments &arguments, const std::string &data) {
-    const auto *const command = findIn(kCommands, arguments.command);
+    const auto *const command = findNamed(kPluginCommands, arguments.command);
     const bool isFile = arguments.data.size() > 1 && arguments.data.front() == '@';
     SentRules rules{{}, nameOfSource(arguments.data), isFile, false, false, "vpkctl exec " + arguments.command + " -"};
     if (command == nullptr)
         return rules;
-    if (command->data == Data::rules)
+    if (command->data == CommandData::rules)
         rules.list = data;
-    else if (command->data == Data::policy)
+    else if (command->data == CommandData::policy)
         rules.list = rulesOfPolicy(data);
-    rules.asAllow = command->name != "ApplyDenyRules";
-    rules.asDeny = command->name != "ApplyAllowRules";
+    rules.asAllow = command->kinds != host::RuleKinds::deny;
+    rules.asDeny = command->kinds != host::RuleKinds::allow;
     return rules;
 }
 
 // Counted only: the list may be long, and is read if it is refused.
 std::string workOf(const Arguments &arguments, const std::string &data) {
-    const auto *const command = findIn(kCommands, arguments.command);
-    if (command == nullptr || command->data != Data::rules || data.empty())
+    const auto *const command = findNamed(kPluginCommands, arguments.command);
+    if (command == nullptr || command->data != CommandData::rules || data.empty())
         return arguments.command;
     const auto joints = std::count(data.begin(), data.end() - 1, ';');
     return arguments.command + ", rules: " + std::to_string(joints + 1);
@@ -130,7 +129,7 @@ void run(const Arguments &arguments, Session &session) {
     const std::string text = textOf(reply);
     if (!text.empty())
         std::printf("%s\n", text.c_str());
-    const bool failed = text == kFail;
+    const bool failed = text == host::kFail;
     if (failed)
         explainFailure(session, arguments.command, data, rulesOf(arguments, data), reply);
     session.exitStatus = statusOf(reply, !failed);

@@ -116,15 +116,15 @@ bool isDisabled(const Session &session) {
     return status && parseDocument(*status).value("applied", -1) == 0;
 }
 
-void explainSilence(const Session &session, const Command &command, const std::string &data) {
+void explainSilence(const Session &session, const PluginCommand &command, const std::string &data) {
     const std::string name(command.name);
     if (isDisabled(session))
         say("the plugin is disabled and refuses all commands; vpkctl set-status 1 enables it");
-    else if (command.data == Data::rules && data.empty())
+    else if (command.data == CommandData::rules && data.empty())
         say(name +
             " needs data, and got none: rules joined by \";\", such as 'tcp:10.0.0.5:80:out', or @FILE, or - for "
             "standard input");
-    else if (command.data == Data::policy && data.empty())
+    else if (command.data == CommandData::policy && data.empty())
         say(name + R"( needs data, and got none: {"ALLOW":[rules],"DENY":[rules]}, or @FILE, or - for standard input)");
     else
         say("the plugin gave no reason; its log may tell more");
@@ -149,14 +149,14 @@ void explainRules(const Session &session, const SentRules &sent) {
 
 void explainFailure(const Session &session, const std::string &command, const std::string &data, const SentRules &rules,
                     const mavo::rmi::Reply &reply) {
-    const Command other{command, Data::none, ""};
-    const auto *const known = findIn(kCommands, command);
+    const PluginCommand other{command, CommandData::none, host::RuleEffect::none, host::RuleKinds::none, false};
+    const auto *const known = findNamed(kPluginCommands, command);
     const bool isSilent = host::decodeRemarks(reply.remarks).isEmpty();
     if (isSilent && (known != nullptr || isDisabled(session)))
         return explainSilence(session, known != nullptr ? *known : other, data);
     if (known == nullptr)
         return say(noSuchCommand(command));
-    if (known->data == Data::rules || known->data == Data::policy)
+    if (known->data == CommandData::rules || known->data == CommandData::policy)
         explainRules(session, rules);
 }
 

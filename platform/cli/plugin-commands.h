@@ -1,51 +1,21 @@
-// What the plugin takes: its commands, and its remote methods.
+// Words for what the plugin takes: its commands, and its remote methods.
 #ifndef PLATFORM_CLI_PLUGIN_COMMANDS_H
 #define PLATFORM_CLI_PLUGIN_COMMANDS_H
 
-#include <array>
+#include <string>
 #include <string_view>
 
 #include "cli/suggestion.h"
+#include "host/firewall-plugin.h"
+#include "support/find-named.h"
 
 namespace cli {
 
-enum class Data { none, rules, policy, settings };
-
-struct Command {
-    std::string_view name;
-    Data data;
-    std::string_view ignores; // what it does with data that it does not look at, from "takes" on
-};
-
-constexpr std::array<Command, 9> kCommands = {
-    {{"ApplyAllowRules", Data::rules, ""},
-     {"ApplyDenyRules", Data::rules, ""},
-     {"FlushAllowRules", Data::none, "takes no rules and removes all of them: every allow rule"},
-     {"FlushDenyRules", Data::none, "takes no rules and removes all of them: every deny rule"},
-     {"ApplyPolicy", Data::policy, ""},
-     {"EnableStatCollector", Data::none, "takes no data"},
-     {"DisableStatCollector", Data::none, "takes no data"},
-     {"StatCollectorPolicy", Data::settings, ""},
-     {"SendReport", Data::none, "takes no data"}}};
-
-struct Method {
-    std::string_view name;
-    bool takesRules;
-};
-
-constexpr std::array<Method, 4> kMethods = {{{"Firewall::ApplyAllowRules", true},
-                                             {"Firewall::ApplyDenyRules", true},
-                                             {"Firewall::FlushAllowRules", false},
-                                             {"Firewall::FlushDenyRules", false}}};
-
-// The entry of that very name, or null.
-template <typename Table> const typename Table::value_type *findIn(const Table &table, std::string_view name) {
-    for (const auto &entry : table) {
-        if (entry.name == name)
-            return &entry;
-    }
-    return nullptr;
-}
+using host::CommandData;
+using host::kPluginCommands;
+using host::kPluginMethods;
+using host::PluginCommand;
+using support::findNamed;
 
 template <typename Table> Words namesOf(const Table &table) {
     Words names;
@@ -53,6 +23,9 @@ template <typename Table> Words namesOf(const Table &table) {
         names.push_back(entry.name);
     return names;
 }
+
+// The command that does what this remote method of the plugin does; null for any other method.
+const PluginCommand *commandOfMethod(std::string_view method);
 
 // What `name` is not, what may have been meant, and what there is: for a word that stands where a command should.
 std::string noSuchCommand(std::string_view name);

@@ -38,7 +38,7 @@ std::string refusalOf(const std::string &method, const Reply &reply) {
     case Status::busy:
         return "the policy host is busy: " + reply.error + "; try again later";
     case Status::unknownMethod:
-        return "the policy host has no method " + method + didYouMean(method, namesOf(kMethods));
+        return "the policy host has no method " + method + didYouMean(method, namesOf(kPluginMethods));
     default:
         return "the policy host refuses " + method + ": " + reply.error;
     }

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cli/suggestion.h"
+#include "host/firewall-plugin.h"
 
 namespace cli {
 namespace {
@@ -33,13 +34,17 @@ std::string aboutInterval(const Json &value) {
     if (errno == ERANGE)
         return {}; // the host refuses it
     if (end == text.c_str())
-        return " has no number and is taken for 86400, a day; a number of seconds is accepted";
+        return " has no number and is taken for " + std::to_string(host::kDefaultIntervalSeconds) +
+               ", a day; a number of seconds is accepted";
     if (seconds <= 0)
         return " is no time to sleep; a number of seconds from 1 on is accepted";
     if (*end != '\0')
         return " is taken for " + std::to_string(seconds) + (seconds == 1 ? " second" : " seconds") +
                "; a number of seconds alone is accepted, \"3600\" for an hour";
-    return seconds > 4294967295LL ? " is longer than 4294967295 seconds, and its lowest 32 bits alone count" : "";
+    if (seconds <= host::kLongestIntervalSeconds)
+        return {};
+    return " is longer than " + std::to_string(host::kLongestIntervalSeconds) +
+           " seconds, and its lowest 32 bits alone count";
 }
 
 std::string aboutLastReport(const Json &value) {
@@ -56,11 +61,11 @@ struct Setting {
     std::string (*warning)(const Json &value); // from behind name and value on; empty for what does as it says
 };
 
-constexpr std::array<Setting, 5> kSettings = {{{"enabled", aboutEnabled},
-                                               {"send_report_interval", aboutInterval},
-                                               {"last_send_report_ts", aboutLastReport},
-                                               {"config_version", aboutNothing},
-                                               {"db_max_size", aboutNothing}}};
+constexpr std::array<Setting, 5> kSettings = {{{host::kEnabledSetting, aboutEnabled},
+                                               {host::kIntervalSetting, aboutInterval},
+                                               {host::kLastReportSetting, aboutLastReport},
+                                               {host::kSettingsWithoutEffect[0], aboutNothing},
+                                               {host::kSettingsWithoutEffect[1], aboutNothing}}};
 
 std::string warningAbout(const std::string &name, const Json &value) {
     Words known;

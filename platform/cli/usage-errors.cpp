@@ -72,9 +72,9 @@ std::string unknownOption(const CLI::App &app, const std::string &word) {
 
 std::string unknownSubcommand(const CLI::App &app, const std::string &word) {
     const std::string text = "\"" + word + "\" is no subcommand";
-    if (findIn(kCommands, word) != nullptr)
+    if (findNamed(kPluginCommands, word) != nullptr)
         return text + ", but a command of the plugin: vpkctl exec " + word;
-    if (findIn(kMethods, word) != nullptr)
+    if (findNamed(kPluginMethods, word) != nullptr)
         return text + ", but a remote method: vpkctl call " + word;
     for (const Wish &wish : kWishes) {
         if (wish.word == word)
@@ -100,9 +100,9 @@ std::string missing(const CLI::App &app, const CLI::ParseError &error) {
         return std::string(error.what()) + ": " + listOf(subcommandsOf(app)) + seeHelp(nullptr);
     std::string accepted;
     if (subcommand->get_name() == "exec")
-        accepted = ": " + listOf(namesOf(kCommands));
+        accepted = ": " + listOf(namesOf(kPluginCommands));
     else if (subcommand->get_name() == "call")
-        accepted = ", such as " + listOf(namesOf(kMethods));
+        accepted = ", such as " + listOf(namesOf(kPluginMethods));
     return subcommand->get_name() + ": " + error.what() + accepted + seeHelp(subcommand);
 }
 

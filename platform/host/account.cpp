@@ -10,6 +10,7 @@
 #include "host/call-watch.h"
 #include "host/databases.h"
 #include "host/expected-commands.h"
+#include "host/firewall-plugin.h"
 #include "host/stored-rules.h"
 #include "mavo/database.h"
 #include "rlv/rlv-query.h"

@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "host/collector.h"
-#include "host/paths.h"
+#include "host/firewall-plugin.h"
 #include "host/plugin-config.h"
 #include "mavo/database.h"
 #include "mavo/exception.h"
@@ -15,14 +15,14 @@
 namespace host {
 
 std::string lastReportAsPolicy(std::chrono::seconds clockSetBy) {
-    const std::string stored = configValue("last_send_report_ts");
+    const std::string stored = configValue(kLastReportSetting);
     char *end = nullptr;
     std::int64_t time = std::strtoll(stored.c_str(), &end, 10);
     if (stored.empty() || *end != '\0')
         return {};
     if (clockSetBy.count() < 0)
         time = std::min<std::int64_t>(time, std::time(nullptr));
-    return R"({"last_send_report_ts":")" + std::to_string(time) + "\"}";
+    return std::string("{\"") + kLastReportSetting + R"(":")" + std::to_string(time) + "\"}";
 }
 
 void forgetStatisticsOfOldClock(std::chrono::seconds setBy) {
@@ -33,7 +33,9 @@ void forgetStatisticsOfOldClock(std::chrono::seconds setBy) {
     const long long boot = (clockOffset() - setBy).count();
     const long long now = std::int64_t{std::time(nullptr)} - setBy.count();
     mavo::database::Connection connection(kStatisticsDatabase, kReadWrite, false);
-    mavo::database::Statement statement(connection, "DELETE FROM firewall_stat WHERE ts >= ? AND ts <= ?");
+    const std::string column = kStatisticsTimeColumn;
+    mavo::database::Statement statement(connection, std::string("DELETE FROM ") + kStatisticsTable + " WHERE " +
+                                                        column + " >= ? AND " + column + " <= ?");
     statement.bind(1, boot - kSlack);
     statement.bind(2, now + kSlack);
     if (!statement.exec())

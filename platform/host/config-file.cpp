@@ -16,6 +16,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "host/firewall-plugin.h"
 #include "host/log.h"
 #include "host/paths.h"
 #include "host/plugin-config.h"

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "host/firewall-plugin.h"
 #include "host/paths.h"
 #include "mavo/database.h"
 #include "support/directories.h"

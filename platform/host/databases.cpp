@@ -9,6 +9,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "host/firewall-plugin.h"
 #include "host/log.h"
 #include "host/paths.h"
 #include "host/plugin-files.h"
@@ -24,7 +25,7 @@ namespace {
 constexpr int kReadOnly = 1; // SQLite's open flag
 
 // What the plugin and the host expect of the databases.
-constexpr const char *kRuleSchema = "SELECT protocol, domain, port, direction, is_allowed FROM firewall_rules LIMIT 0";
+const std::string kRuleSchema = std::string("SELECT ") + kRuleColumns + " FROM " + kRuleTable + " LIMIT 0";
 constexpr const char *kStatusSchema = "SELECT name, status FROM statuses LIMIT 0";
 
 // What was told since the process began. Bounded: the newest stay.
@@ -127,7 +128,7 @@ bool needsNoBackup() {
     if (::access(kRuleDatabaseBackup, F_OK) == 0)
         return false;
     mavo::database::Connection connection(kRuleDatabase, kReadOnly, false);
-    return !mavo::database::Statement(connection, "SELECT 1 FROM firewall_rules LIMIT 1").step();
+    return !mavo::database::Statement(connection, std::string("SELECT 1 FROM ") + kRuleTable + " LIMIT 1").step();
 }
 
 } // namespace

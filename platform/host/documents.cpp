@@ -17,10 +17,10 @@
 #include "host/collector.h"
 #include "host/config-file.h"
 #include "host/databases.h"
+#include "host/firewall-plugin.h"
 #include "host/json-document.h"
 #include "host/log.h"
 #include "host/names-in-use.h"
-#include "host/paths.h"
 #include "host/plugin-config.h"
 #include "host/status-storage.h"
 #include "host/stored-rules.h"
@@ -118,17 +118,14 @@ Json::Value namesAsJson(const rlv::NamesState &state) {
     return names;
 }
 
-constexpr int kStatisticsType = 10007;
-constexpr int kStatisticsSubtype = 1;
-
 // The configuration is written back by copies older than the report, and reports leave the outbox: the later of the
 // two.
 std::string lastReport() {
-    const std::string configured = configValue("last_send_report_ts");
+    const std::string configured = configValue(kLastReportSetting);
     std::int64_t newest = 0;
     try {
         for (const auto &report : nyr::readOutbox()) {
-            if (report.type == kStatisticsType && report.subtype == kStatisticsSubtype)
+            if (report.type == kReportType && report.subtype == kReportSubtype)
                 newest = std::max(newest, report.time);
         }
     } catch (const std::exception &error) {
@@ -144,8 +141,9 @@ std::vector<std::string> storedNames() try {
     if (::access(kRuleDatabase, F_OK) != 0)
         return names;
     mavo::database::Connection connection(kRuleDatabase, kReadOnly, false);
-    mavo::database::Statement statement(
-        connection, "SELECT DISTINCT domain FROM firewall_rules WHERE domain GLOB '*[A-Za-z]*' LIMIT 4096");
+    const std::string column = kRuleAddressColumn;
+    mavo::database::Statement statement(connection, "SELECT DISTINCT " + column + " FROM " + kRuleTable + " WHERE " +
+                                                        column + " GLOB '*[A-Za-z]*' LIMIT 4096");
     while (statement.step()) {
         std::string name = statement.getColumn(0).getText();
         if (couldBeName(name))
@@ -208,7 +206,7 @@ std::string rulesDocument() {
         rule["protocol"] = stored.protocol;
         rule["domain"] = stored.domain;
         rule["port"] = stored.port;
-        rule["direction"] = stored.direction == 1 || stored.direction == 2 ? stored.direction : 0;
+        rule["direction"] = stored.direction == kInbound || stored.direction == kOutbound ? stored.direction : 0;
         std::ostringstream text;
         writer->write(rule, &text);
         if (document.back() != '[')

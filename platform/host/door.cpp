@@ -2,12 +2,15 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 #include <string_view>
 
 #include "host/config-file.h"
+#include "host/firewall-plugin.h"
 #include "host/json-document.h"
 #include "host/plugin-config.h"
 #include "mavo/rmi.h"
+#include "support/find-named.h"
 
 namespace host {
 namespace {
@@ -85,28 +88,18 @@ std::string settingsProblem(const std::string &text) {
     return problem.empty() ? problem : "the settings are refused, and nothing is changed: " + problem;
 }
 
-std::string ruleListOf(const std::string &data) { return ruleListProblem(data); }
-
-std::string otherDataProblem(const std::string &data) { return sizeProblem("data", data.size(), kRuleListLimitBytes); }
-
-struct Command {
-    std::string_view name;
-    std::string (*problem)(const std::string &data);
-    bool changesSettings;
-};
-
-constexpr std::array<Command, 6> kCommands = {{{"ApplyAllowRules", ruleListOf, false},
-                                               {"ApplyDenyRules", ruleListOf, false},
-                                               {"ApplyPolicy", policyProblem, false},
-                                               {"StatCollectorPolicy", settingsProblem, true},
-                                               {"EnableStatCollector", otherDataProblem, true},
-                                               {"DisableStatCollector", otherDataProblem, true}}};
-constexpr Command kOther{"", otherDataProblem, false};
-
-const Command &find(const std::string &name) {
-    const auto *const found = std::find_if(kCommands.begin(), kCommands.end(),
-                                           [&name](const Command &command) { return command.name == name; });
-    return found != kCommands.end() ? *found : kOther;
+std::string dataProblem(CommandData kind, const std::string &data) {
+    switch (kind) {
+    case CommandData::rules:
+        return ruleListProblem(data);
+    case CommandData::policy:
+        return policyProblem(data);
+    case CommandData::settings:
+        return settingsProblem(data);
+    case CommandData::none:
+        break;
+    }
+    return sizeProblem("data", data.size(), kRuleListLimitBytes);
 }
 
 enum class Arguments { none, rules, number, twoTexts };
@@ -116,19 +109,27 @@ struct Method {
     Arguments takes;
 };
 
-constexpr std::array<Method, 13> kMethods = {{{"Firewall::ApplyAllowRules", Arguments::rules},
-                                              {"Firewall::ApplyDenyRules", Arguments::rules},
-                                              {"Firewall::FlushAllowRules", Arguments::none},
-                                              {"Firewall::FlushDenyRules", Arguments::none},
-                                              {"Host::executeCommand", Arguments::twoTexts},
-                                              {"Host::setStatus", Arguments::number},
-                                              {"Host::applyStatus", Arguments::number},
-                                              {"Host::getStatus", Arguments::none},
-                                              {"Host::reload", Arguments::none},
-                                              {"Host::status", Arguments::none},
-                                              {"Host::verify", Arguments::none},
-                                              {"Host::rules", Arguments::none},
-                                              {"Host::reports", Arguments::none}}};
+// The host's own.
+constexpr std::array<Method, 9> kMethods = {{{"Host::executeCommand", Arguments::twoTexts},
+                                             {"Host::setStatus", Arguments::number},
+                                             {"Host::applyStatus", Arguments::number},
+                                             {"Host::getStatus", Arguments::none},
+                                             {"Host::reload", Arguments::none},
+                                             {"Host::status", Arguments::none},
+                                             {"Host::verify", Arguments::none},
+                                             {"Host::rules", Arguments::none},
+                                             {"Host::reports", Arguments::none}}};
+
+// Nothing for a method that is not known.
+std::optional<Arguments> argumentsOf(const std::string &method) {
+    if (const auto *const own = support::findNamed(kMethods, method))
+        return own->takes;
+    const auto *const ofPlugin = support::findNamed(kPluginMethods, method);
+    if (ofPlugin == nullptr)
+        return std::nullopt;
+    const auto *const command = support::findNamed(kPluginCommands, ofPlugin->command);
+    return command != nullptr && command->data == CommandData::rules ? Arguments::rules : Arguments::none;
+}
 
 const char *describe(Arguments arguments) {
     switch (arguments) {
@@ -168,18 +169,23 @@ bool goesOnBehind(Arguments arguments, const std::string &body) {
 
 } // namespace
 
-std::string commandProblem(const std::string &command, const std::string &data) { return find(command).problem(data); }
+std::string commandProblem(const std::string &command, const std::string &data) {
+    const auto *const known = support::findNamed(kPluginCommands, command);
+    return dataProblem(known != nullptr ? known->data : CommandData::none, data);
+}
 
-bool changesSettings(const std::string &command) { return find(command).changesSettings; }
+bool changesSettings(const std::string &command) {
+    const auto *const known = support::findNamed(kPluginCommands, command);
+    return known != nullptr && known->changesSettings;
+}
 
 std::string methodProblem(const std::string &method, const std::string &body) {
-    const auto *const known =
-        std::find_if(kMethods.begin(), kMethods.end(), [&method](const Method &each) { return each.name == method; });
-    if (known == kMethods.end())
+    const auto takes = argumentsOf(method);
+    if (!takes)
         return {};
-    if (goesOnBehind(known->takes, body))
-        return method + " is refused with more than its arguments: it takes " + describe(known->takes);
-    if (known->takes != Arguments::rules || body.size() < kLengthBytes)
+    if (goesOnBehind(*takes, body))
+        return method + " is refused with more than its arguments: it takes " + describe(*takes);
+    if (*takes != Arguments::rules || body.size() < kLengthBytes)
         return {};
     return ruleListProblem(std::string_view(body).substr(kLengthBytes));
 }

@@ -1,11 +1,10 @@
 #include "host/expected-commands.h"
 
+#include "host/firewall-plugin.h"
+
 namespace host {
 
 namespace {
-
-constexpr int kIn = 1;
-constexpr int kOut = 2;
 
 // The words for one side of a packet's way.
 struct Side {
@@ -31,20 +30,28 @@ std::string commandOf(const StoredRule &rule, const Side &side) {
 } // namespace
 
 void forEachLayoutCommand(const EachCommand &each) {
-    for (const char *options :
-         {"-N VPK-ALLOW", "-N VPK-DENY", "-A INPUT -j VPK-ALLOW", "-A OUTPUT -j VPK-ALLOW", "-A INPUT -j VPK-DENY",
-          "-A OUTPUT -j VPK-DENY", "-N VPK-LOGANDDROP",
-          "-A VPK-LOGANDDROP -j LOG -v --log-prefix=IPTables-Dropped:", "-A VPK-LOGANDDROP -j DROP"})
-        each(options);
+    const auto make = [&each](const std::string &chain) { each("-N " + chain); };
+    const auto append = [&each](const std::string &chain, const std::string &target) {
+        each("-A " + chain + " -j " + target);
+    };
+    make(kAllowChain);
+    make(kDenyChain);
+    for (const char *target : {kAllowChain, kDenyChain}) {
+        for (const char *hooked : kHookedChains)
+            append(hooked, target);
+    }
+    make(kLogAndDropChain);
+    append(kLogAndDropChain, "LOG -v --log-prefix=" + std::string(kLogPrefix));
+    append(kLogAndDropChain, "DROP");
 }
 
 int forEachCommandOf(const StoredRule &rule, const EachCommand &each) {
     int commands = 0;
-    if (rule.direction != kOut) {
+    if (rule.direction != kOutbound) {
         each(commandOf(rule, kSource));
         ++commands;
     }
-    if (rule.direction != kIn) {
+    if (rule.direction != kInbound) {
         each(commandOf(rule, kDestination));
         ++commands;
     }

@@ -11,10 +11,6 @@
 
 namespace host {
 
-constexpr const char *kAllowChain = "VPK-ALLOW";
-constexpr const char *kDenyChain = "VPK-DENY";
-constexpr const char *kLogAndDropChain = "VPK-LOGANDDROP";
-
 // Takes one option text.
 using EachCommand = std::function<void(std::string_view options)>;
 

@@ -20,9 +20,9 @@
 #include "host/documents.h"
 #include "host/door.h"
 #include "host/exception-text.h"
+#include "host/firewall-plugin.h"
 #include "host/log.h"
 #include "host/marker.h"
-#include "host/paths.h"
 #include "host/plugin-config.h"
 #include "host/plugin-files.h"
 #include "host/privileges.h"
@@ -32,6 +32,7 @@
 #include "mavo/database.h"
 #include "mavo/rmi-server.h"
 #include "rlv/rlv-query.h"
+#include "support/find-named.h"
 
 namespace host {
 
@@ -44,12 +45,6 @@ namespace {
 
 // A query tells of connections above a number; none is above this one.
 constexpr std::uint64_t kNoConnections = std::numeric_limits<std::uint64_t>::max();
-constexpr const char *kStartCollector = "EnableStatCollector";
-constexpr const char *kCollectorPolicy = "StatCollectorPolicy";
-// How the plugin's remote methods begin, and the methods and commands that apply and remove rules.
-constexpr std::string_view kOfPlugin = "Firewall::";
-constexpr std::string_view kApply = "Apply";
-constexpr std::string_view kFlush = "Flush";
 
 // How often a change of settings is made again that a collector has overwritten, and how long one may be waited for.
 constexpr int kMostOverwritten = 3;
@@ -79,7 +74,7 @@ bool mayPass() {
 bool isStored(const std::string &command, const std::string &data) {
     if (command == kStartCollector)
         return collectorWanted();
-    if (command == "StatCollectorPolicy")
+    if (command == kChangeSettings)
         return data.empty() || holdsChange(configText(), data);
     return !collectorWanted();
 }
@@ -286,7 +281,7 @@ void Host::startWantedCollector() {
     if (!wantsCollector() || collectorLives())
         return;
     try {
-        if (!executeCommand(kStartCollector, "").empty())
+        if (!executeCommand(std::string(kStartCollector), "").empty())
             logError("the collector could not be started");
     } catch (...) {
         logError("the collector could not be started: " + textOfException());
@@ -301,7 +296,7 @@ void Host::startCollectorAgain(std::optional<std::chrono::seconds> clockSetBy) {
             forgetStatisticsOfOldClock(*clockSetBy);
         const std::string change = lastReportAsPolicy(clockSetBy.value_or(std::chrono::seconds(0)));
         if (!change.empty())
-            executeCommand(kCollectorPolicy, change);
+            executeCommand(std::string(kChangeSettings), change);
     } catch (...) {
         logError("the collector is started with what it has: " + textOfException());
     }
@@ -423,13 +418,16 @@ std::shared_ptr<const mavo::rmi::MethodContext> Host::find(const std::string &na
     return refusing;
 }
 
-// `method` is a command, or a remote method of the plugin without what comes before its name.
-void Host::announceNames(const std::string &method, const std::string &rules) {
-    if (method.compare(0, kApply.size(), kApply) == 0)
+void Host::announceNames(std::string_view command, const std::string &rules) {
+    const auto *const known = support::findNamed(kPluginCommands, command);
+    if (known == nullptr)
+        return;
+    if (known->effect == RuleEffect::apply)
         names_.announceIn(rules);
-    else if (method.compare(0, kFlush.size(), kFlush) == 0)
-        names_.rulesMayBeGone();
-    mayChangeAllRules_ = mayChangeAllRules_ || method.compare(0, kFlush.size(), kFlush) == 0;
+    if (known->effect != RuleEffect::removeAll)
+        return;
+    names_.rulesMayBeGone();
+    mayChangeAllRules_ = true;
 }
 
 mavo::rmi::Reply Host::invoke(const std::string &name, const mavo::rmi::MethodContext &method,
@@ -452,8 +450,9 @@ mavo::rmi::Reply Host::carryOut(const std::string &name, const mavo::rmi::Method
         const std::string problem = methodProblem(name, arguments.body());
         if (!problem.empty())
             throw mavo::rmi::BadArguments(problem);
-        if (name.compare(0, kOfPlugin.size(), kOfPlugin) == 0) // the length before the text ends with a 0
-            announceNames(name.substr(kOfPlugin.size()), arguments.body());
+        if (const auto *const known =
+                support::findNamed(kPluginMethods, name)) // the length before the text ends with a 0
+            announceNames(known->command, arguments.body());
         try {
             return guard_.run([&] { return method.dispatcher(arguments); });
         } catch (const std::bad_alloc &) { // stored rules may be changed, and nothing sent

@@ -8,6 +8,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "host/call-watch.h"
 #include "host/collector-keeper.h"
@@ -107,7 +108,7 @@ private:
     void orderRebuild(const Verdict &verdict, bool broughtUp, Remarks &remarks);
     void addAccount(const Verdict &verdict, Remarks &remarks) const;
     int storedStatus();
-    void announceNames(const std::string &method, const std::string &rules);
+    void announceNames(std::string_view command, const std::string &rules);
     void keepDisabled(AbstractDPluginProvider &plugin);
     void switchTo(int status);
     AbstractDPluginProvider *callFactory(mavo::rmi::Service &service) const;

@@ -15,6 +15,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include "host/firewall-plugin.h"
 #include "support/unique-fd.h"
 
 namespace host {
@@ -121,15 +122,15 @@ bool hasReadableTime(const KernelRecord &record) { return record.microseconds / 
 
 // The line as it may be shown, or nothing: the first of a record may be a dropped packet, no other.
 std::optional<std::string> shownLine(const KernelRecord &record, std::string_view line, bool first) {
-    if (line.find(kDropPrefix) == std::string_view::npos)
+    if (line.find(kLogPrefix) == std::string_view::npos)
         return std::string(line);
     const bool ofKernel = record.priority < 8;
-    if (!ofKernel || !first || !hasReadableTime(record) || !beginsWith(line, kDropPrefix))
+    if (!ofKernel || !first || !hasReadableTime(record) || !beginsWith(line, kLogPrefix))
         return std::nullopt;
-    const std::string packet = withPlainNames(line.substr(kDropPrefix.size()));
+    const std::string packet = withPlainNames(line.substr(kLogPrefix.size()));
     if (!isPacketDescription(packet))
         return std::nullopt;
-    return std::string(kDropPrefix) + packet;
+    return std::string(kLogPrefix) + packet;
 }
 
 std::string stampOf(const KernelRecord &record) {

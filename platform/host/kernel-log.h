@@ -17,9 +17,6 @@
 
 namespace host {
 
-// What the log rule of the firewall puts before the packet.
-constexpr std::string_view kDropPrefix = "IPTables-Dropped:";
-
 // One record of the kernel log.
 struct KernelRecord {
     unsigned priority = 0; // facility * 8 + level, as the kernel prints it between < and >
@@ -31,7 +28,7 @@ struct KernelRecord {
 // with a blank (a dictionary, which is left out). Empty for anything else.
 std::optional<KernelRecord> parseKernelRecord(std::string_view raw);
 
-// True for what netfilter logs of one IPv4 packet behind the drop prefix ("IN=… OUT=… SRC=… DST=… …"), when nothing in
+// True for what netfilter logs of one IPv4 packet behind the log prefix ("IN=… OUT=… SRC=… DST=… …"), when nothing in
 // it can be taken for an address or a port but the packet's own (or, in an ICMP error, the quoted packet's).
 bool isPacketDescription(std::string_view text);
 
@@ -40,7 +37,7 @@ bool isPacketDescription(std::string_view text);
 // address.
 std::string withPlainNames(std::string_view text);
 
-// The record's lines in the device's dialect, each with its stamp and a line break. A line that holds the drop prefix
+// The record's lines in the device's dialect, each with its stamp and a line break. A line that holds the log prefix
 // is left out unless it is the kernel's own: of its facility, with the prefix first in the record and a packet behind
 // it, and then the names in it are made plain; and where its time is beyond INT_MAX seconds.
 std::string inDeviceDialect(const KernelRecord &record);

@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "host/collector.h"
-#include "host/paths.h"
+#include "host/firewall-plugin.h"
 #include "support/safe-open.h"
 
 namespace host {

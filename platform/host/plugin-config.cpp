@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "host/config-file.h"
+#include "host/firewall-plugin.h"
 #include "host/json-document.h"
 
 namespace host {
@@ -19,9 +20,9 @@ struct Member {
 
 // What the plugin, or its collector, reads as text and gives up on where there can be none.
 constexpr std::array<Member, 3> kMembers = {
-    {{"enabled", false, R"(a string, "1" or "0")"},
-     {"send_report_interval", true, "a number of seconds, from 1 to 4294967295"},
-     {"last_send_report_ts", true, "a number of seconds since the epoch, of 64 bits at most"}}};
+    {{kEnabledSetting, false, R"(a string, "1" or "0")"},
+     {kIntervalSetting, true, "a number of seconds, from 1 to 4294967295"},
+     {kLastReportSetting, true, "a number of seconds since the epoch, of 64 bits at most"}}};
 
 constexpr std::size_t kShownBytes = 60;
 

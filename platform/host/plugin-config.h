@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <string>
 
+#include "host/firewall-plugin.h"
+
 namespace host {
 
 // Beyond these a configuration is refused: the plugin holds several copies of it, each of about 130 bytes a value.
@@ -34,7 +36,7 @@ bool holdsChange(const std::string &text, const std::string &document);
 std::string configValue(const std::string &key);
 
 // The collector is switched on by exactly "1".
-inline bool collectorWanted() { return configValue("enabled") == "1"; }
+inline bool collectorWanted() { return configValue(kEnabledSetting) == "1"; }
 
 } // namespace host
 

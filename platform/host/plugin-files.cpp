@@ -1,5 +1,6 @@
 #include "host/plugin-files.h"
 
+#include "host/firewall-plugin.h"
 #include "host/paths.h"
 #include "support/safe-open.h"
 

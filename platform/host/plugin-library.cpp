@@ -9,6 +9,8 @@
 #include <system_error>
 #include <unistd.h>
 
+#include "host/firewall-plugin.h"
+
 namespace host {
 
 PluginFactory loadPlugin(const std::string &path) {
@@ -29,7 +31,7 @@ std::string defaultPluginPath() {
     const auto isThere = [](const std::filesystem::path &path) { return ::access(path.c_str(), F_OK) == 0; };
     const auto directory = std::filesystem::path(program.data()).parent_path();
     const auto installed = (directory / NYR_INSTALLED_PLUGIN).lexically_normal();
-    const auto built = directory.parent_path() / "lib" / "libnyr-firewall-plugin.so";
+    const auto built = directory.parent_path() / "lib" / kPluginLibrary;
     return !isThere(installed) && isThere(built) ? built : installed;
 }
 

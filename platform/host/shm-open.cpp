@@ -4,8 +4,8 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 
+#include "host/firewall-plugin.h"
 #include "host/marker.h"
-#include "host/paths.h"
 
 extern "C" __attribute__((visibility("default"))) int shm_open(const char *name, int flags, mode_t mode) {
     if (std::strcmp(name, host::kMarkerName) == 0 && (flags & O_EXCL) != 0)

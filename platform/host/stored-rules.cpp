@@ -3,7 +3,7 @@
 #include <stdexcept>
 #include <unistd.h>
 
-#include "host/paths.h"
+#include "host/firewall-plugin.h"
 #include "mavo/database.h"
 #include "mavo/exception.h"
 #include "support/safe-open.h"
@@ -23,8 +23,7 @@ void forEachStoredRule(const std::function<void(const StoredRule &)> &each) try 
     if (::access(kRuleDatabase, F_OK) != 0)
         return;
     mavo::database::Connection connection(kRuleDatabase, kReadOnly, false);
-    mavo::database::Statement statement(connection,
-                                        "SELECT protocol, domain, port, direction, is_allowed FROM firewall_rules");
+    mavo::database::Statement statement(connection, std::string("SELECT ") + kRuleColumns + " FROM " + kRuleTable);
     while (statement.step()) {
         each({statement.getColumn(0).getText(), statement.getColumn(1).getText(), statement.getColumn(2).getText(),
               statement.getColumn(3).getInt(), statement.getColumn(4).getInt() != 0});

@@ -11,7 +11,7 @@ struct StoredRule {
     std::string protocol; // empty for any, as the others
     std::string domain;
     std::string port;  // a range has ':' between its bounds
-    int direction = 0; // 1 in, 2 out, anything else both
+    int direction = 0; // kInbound, kOutbound, anything else both
     bool allowed = false;
 };
 

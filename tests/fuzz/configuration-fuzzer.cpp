@@ -21,7 +21,7 @@
 #include "fuzz/input.h"
 #include "fuzz/require.h"
 #include "host/config-file.h"
-#include "host/paths.h"
+#include "host/firewall-plugin.h"
 #include "host/plugin-config.h"
 
 namespace {

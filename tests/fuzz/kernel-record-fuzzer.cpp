@@ -13,6 +13,7 @@
 #include "extract-klogs.h"
 #include "fuzz/input.h"
 #include "fuzz/require.h"
+#include "host/firewall-plugin.h"
 #include "host/kernel-log.h"
 #include "parser-klogs.h"
 
@@ -94,7 +95,7 @@ bool hasPorts(const std::string &line) {
 
 // Whatever was logged, the plugin can read what it is shown: a line of a packet with ports is one record.
 void checkPlugin(const std::string &text) {
-    KLogExtractor extractor{std::string(host::kDropPrefix)};
+    KLogExtractor extractor{std::string(host::kLogPrefix)};
     const auto lines = extractor.updateLogs();
     std::vector<DbLogRecord> parsed;
     try {

@@ -14,6 +14,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "host/firewall-plugin.h"
 #include "host/marker.h"
 #include "host/paths.h"
 #include "support/directories.h"

@@ -15,7 +15,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "host/paths.h"
+#include "host/firewall-plugin.h"
 #include "host/plugin-config.h"
 
 namespace {

@@ -12,6 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "host/firewall-plugin.h"
 #include "host/paths.h"
 #include "host/plugin-config.h"
 #include "host/single-instance.h"

@@ -10,7 +10,7 @@
 
 #include "cli/documents-as-text.h"
 #include "host/data-check.h"
-#include "host/paths.h"
+#include "host/firewall-plugin.h"
 #include "mavo/database.h"
 #include "mavo/exception.h"
 #include "nyr-common-client/outbox.h"

@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "host/collector.h"
+#include "host/firewall-plugin.h"
 #include "host/marker.h"
 #include "host/paths.h"
 #include "host/single-instance.h"
