@@ -7,6 +7,8 @@
 #include <string_view>
 #include <utility>
 
+#include "host/shortage.h"
+#include "mavo/database-failures.h"
 #include "vlog/vlog.h"
 
 namespace host {
@@ -47,12 +49,12 @@ void judge(const rlv::ConnectionOutcome &connection, Verdict &verdict) {
         if (command.refusedAtOnce)
             verdict.refusals.insert(command.message);
         else
-            verdict.lost.push_back(command.options);
+            verdict.acceptedThenLost.push_back(command.options);
     }
     if (connection.lostBeyondList > 0)
         verdict.notInForce.push_back(std::to_string(connection.lostBeyondList) + " more commands");
     if (connection.lostBeyondList > 0 && connection.lost.empty())
-        verdict.lost.push_back(std::to_string(connection.lostBeyondList) + " commands");
+        verdict.acceptedThenLost.push_back(std::to_string(connection.lostBeyondList) + " commands");
     // One that still seems open got no answer to its end: the service will find out that nobody is there.
     if (connection.end != rlv::ConnectionEnd::closed && connection.end != rlv::ConnectionEnd::interrupted)
         verdict.interruption = "a connection to the traffic-control service broke";
@@ -110,7 +112,14 @@ Remarks remarksOn(const Verdict &verdict, std::vector<std::string> errorLines) {
     return remarks;
 }
 
-CallWatch::CallWatch() {
+void CallWatch::prepare() {
+    countShortages();
+    rlv::setFailureCount(mavo::database::failedStatements);
+}
+
+void CallWatch::endInChild() noexcept { vlog::setObserver({}); }
+
+CallWatch::CallWatch() : failedStatementsBefore_(mavo::database::failedStatements()), shortagesBefore_(shortages()) {
     static_cast<void>(rlv::takeOpenings());
     vlog::setObserver([this](const vlog::Line &line) {
         auto text = errorText(line);
@@ -122,6 +131,10 @@ CallWatch::CallWatch() {
 }
 
 CallWatch::~CallWatch() { vlog::setObserver({}); }
+
+bool CallWatch::databaseFailed() const { return mavo::database::failedStatements() != failedStatementsBefore_; }
+
+bool CallWatch::lackedMemory() const { return shortages() != shortagesBefore_; }
 
 std::vector<std::string> CallWatch::errorLines() const {
     auto lines = errorLines_;

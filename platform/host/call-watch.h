@@ -1,4 +1,10 @@
-// What the caller of a plugin call is told beside its result.
+// What became of a call of the plugin beside its result: the one place where the host learns it.
+//
+// That the kernel lacks a rule, that a connection broke and why something failed does not come back through the plugin:
+// the C interface of the traffic-control client gives it a code for each command, of which it makes a line in the log,
+// and it answers its caller with a status alone. So the libraries below the plugin note such things for the process:
+// the client the connections that were opened, the log its lines, the databases their failures, the allocator those of
+// its own. Nothing but CallWatch reads these notes here. It makes a value of them, and all else works with that.
 #ifndef PLATFORM_HOST_CALL_WATCH_H
 #define PLATFORM_HOST_CALL_WATCH_H
 
@@ -30,9 +36,9 @@ struct Verdict {
     // Why a connection did not come to its end, or not all that belongs to it was sent, so that stored rules and the
     // kernel's may differ; empty when all is well.
     std::string interruption;
-    // What was accepted and then lost on a connection that came to its end, as it was sent. Where the service kept too
-    // few texts to tell, the others count like those that it kept, and as lost when it kept none.
-    std::vector<std::string> lost;
+    // On a connection that came to its end, the commands as they were sent. Where the service kept too few texts to
+    // tell, the others count like those that it kept, and as these when it kept none.
+    std::vector<std::string> acceptedThenLost;
     // A connection could not be opened at all.
     bool isUnopened = false;
     // Why none of that can be told; empty when it can.
@@ -48,10 +54,15 @@ Verdict judge(const rlv::ServiceState &after, const std::vector<rlv::Opening> &o
 // command was refused, because the verdict knows whether that matters.
 Remarks remarksOn(const Verdict &verdict, std::vector<std::string> errorLines);
 
-// Watches the log and this process's connections to the traffic-control service from its construction on. One at a
-// time.
+// Watches from its construction on. One at a time.
 class CallWatch {
 public:
+    // To be called once, before a plugin is loaded: from now on failures of databases interrupt connections to the
+    // traffic-control service, and failing allocations are counted.
+    static void prepare();
+    // In a forked process: its own log lines concern nobody here.
+    static void endInChild() noexcept;
+
     CallWatch();
     ~CallWatch();
     CallWatch(const CallWatch &) = delete;
@@ -62,10 +73,15 @@ public:
     // Asks the service, unless it was not needed, or has said already that all is in force. Says so in `unknown` when
     // it does not answer.
     Verdict verdict() const;
+    // A statement of a database has failed since then, or an allocation, whoever was told of it.
+    bool databaseFailed() const;
+    bool lackedMemory() const;
 
 private:
     std::vector<std::string> errorLines_;
     std::size_t errorLinesLeftOut_ = 0;
+    std::uint64_t failedStatementsBefore_;
+    std::uint64_t shortagesBefore_;
 };
 
 } // namespace host

@@ -6,11 +6,11 @@
 #include <unistd.h>
 #include <utility>
 
+#include "host/call-watch.h"
 #include "host/collector.h"
 #include "host/log.h"
 #include "support/signals.h"
 #include "support/unique-fd.h"
-#include "vlog/vlog-sink.h"
 
 namespace host {
 namespace {
@@ -28,9 +28,9 @@ State &state() {
 }
 
 // Nobody calls this, nor inParent() and inChild(). The plugin forks its collector in the middle of a call, somewhere
-// below Host::executeCommand(); the C library runs this first, still in the host, and then the other two, one in each
-// process, before fork() returns there. Who asks afterwards whether a collector lives so finds the lock taken, however
-// late the child begins.
+// below ServedPlugin::executeCommand(); the C library runs this first, still in the host, and then the other two, one
+// in each process, before fork() returns there. Who asks afterwards whether a collector lives so finds the lock taken,
+// however late the child begins.
 void beforeFork() {
     if (!state().active)
         return;
@@ -51,7 +51,7 @@ void inChild() {
     if (!std::exchange(state().active, false))
         return;
     restoreSignals(state().resources.signals);
-    vlog::setObserver({});
+    CallWatch::endInChild();
     static_cast<void>(state().lock.release()); // the child holds it until it ends
     for (const int fd : state().resources.descriptors())
         ::close(fd);

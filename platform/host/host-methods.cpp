@@ -1,41 +1,81 @@
+#include "host/host-methods.h"
+
 #include <algorithm>
 #include <array>
-#include <string_view>
 
-#include "host/host.h"
+#include "host/collector.h"
+#include "host/databases.h"
+#include "host/documents.h"
+#include "host/exception-text.h"
+#include "host/log.h"
 #include "host/privileges.h"
+#include "mavo/database.h"
 
 namespace host {
 namespace {
 
-// Those that change nothing: an observer may call them, and nothing is rebuilt after them.
 constexpr std::array<std::string_view, 5> kLooking = {"Host::getStatus", "Host::status", "Host::verify", "Host::rules",
                                                       "Host::reports"};
 
-int applyStatus(Host &host, int status) {
-    host.applyStatus(status);
+int applyStatus(ServedPlugin &served, int status) {
+    served.applyStatus(status);
     return status == 0 || status == 1 ? 0 : -1; // the plugin passes over any other without a word
+}
+
+// 0, or -1 with the reason in the log.
+int reload(PluginLife &life) try {
+    distrustRuleBackup();
+    life.bringUpAsStored();
+    return 0;
+} catch (...) {
+    logError("reload: " + textOfException());
+    return -1;
+}
+
+std::string collectorProblem(CollectorKeeper &keeper) {
+    const std::string problem = removeDeadMarker();
+    keeper.look();
+    const std::string remark = keeper.remark();
+    return problem + (problem.empty() || remark.empty() ? "" : "; ") + remark;
+}
+
+// `reading` as in documents.h.
+std::string status(HostParts &parts, bool reading) {
+    HostState state;
+    state.applied = parts.served.applied();
+    state.collectorProblem = collectorProblem(parts.keeper);
+    const std::string pending = parts.rebuild.remark();
+    state.rebuild = pending.empty() ? parts.builder.reasons().lostAgain() : pending;
+    state.privilegesProblem = parts.privilegesProblem;
+    state.names = parts.served.names().state();
+    try {
+        state.stored = parts.life.storedStatus();
+    } catch (const mavo::database::Unavailable &unavailable) {
+        state.databaseProblem = unavailable.what();
+    }
+    return statusDocument(state, reading);
 }
 
 } // namespace
 
-void addHostMethods(mavo::rmi::Service &service, Host &host) {
+void addHostMethods(mavo::rmi::Service &service, HostParts &parts) {
     service.setMethodHandler<std::string, std::string, std::string>(
-        kAdministrator, "Host::executeCommand",
-        [&host](const std::string &command, const std::string &data) { return host.executeCommand(command, data); });
+        kAdministrator, "Host::executeCommand", [&parts](const std::string &command, const std::string &data) {
+            return parts.served.executeCommand(command, data);
+        });
     service.setMethodHandler<int, int>(kAdministrator, "Host::setStatus",
-                                       [&host](int status) { return host.setStatus(status); });
+                                       [&parts](int status) { return parts.served.setStatus(status); });
     service.setMethodHandler<int, int>(kAdministrator, "Host::applyStatus",
-                                       [&host](int status) { return applyStatus(host, status); });
-    service.setMethodHandler<int>(kObserver, "Host::getStatus", [&host] { return host.getStatus(); });
-    service.setMethodHandler<int>(kAdministrator, "Host::reload", [&host] { return host.reload(); });
-    service.setMethodHandler<std::string>(kObserver, "Host::status", [&host] { return host.statusDocument(false); });
-    service.setMethodHandler<std::string>(kObserver, "Host::verify", [&host] { return host.statusDocument(true); });
-    service.setMethodHandler<std::string>(kObserver, "Host::rules", [&host] { return host.rulesDocument(); });
-    service.setMethodHandler<std::string>(kObserver, "Host::reports", [&host] { return host.reportsDocument(); });
+                                       [&parts](int status) { return applyStatus(parts.served, status); });
+    service.setMethodHandler<int>(kObserver, "Host::getStatus", [&parts] { return parts.served.getStatus(); });
+    service.setMethodHandler<int>(kAdministrator, "Host::reload", [&parts] { return reload(parts.life); });
+    service.setMethodHandler<std::string>(kObserver, "Host::status", [&parts] { return status(parts, false); });
+    service.setMethodHandler<std::string>(kObserver, "Host::verify", [&parts] { return status(parts, true); });
+    service.setMethodHandler<std::string>(kObserver, "Host::rules", rulesDocument);
+    service.setMethodHandler<std::string>(kObserver, "Host::reports", reportsDocument);
 }
 
-bool onlyLooks(const std::string &method) {
+bool onlyLooks(std::string_view method) {
     return std::find(kLooking.begin(), kLooking.end(), method) != kLooking.end();
 }
 

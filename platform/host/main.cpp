@@ -11,7 +11,6 @@
 #include <thread>
 
 #include <CLI/CLI.hpp>
-#include <boost/algorithm/string/join.hpp>
 
 #include "host/call-watch.h"
 #include "host/data-check.h"
@@ -19,13 +18,15 @@
 #include "host/end-collector.h"
 #include "host/exception-text.h"
 #include "host/fork-handler.h"
-#include "host/host.h"
 #include "host/log.h"
 #include "host/paths.h"
 #include "host/plugin-library.h"
+#include "host/plugin-life.h"
 #include "host/privileges.h"
+#include "host/served-plugin.h"
 #include "host/server-loop.h"
 #include "host/single-instance.h"
+#include "host/table-builder.h"
 #include "mavo/database.h"
 #include "rlv/rlv-query.h"
 #include "support/command-line.h"
@@ -101,14 +102,16 @@ void run(const Options &options) {
 
     host::ServerLoop server(std::move(lock));
     host::handleForks({host::ServerLoop::signals(), [&server] { return server.descriptors(); }});
-    host::Host host(host::loadPlugin(options.plugin));
-    host.setBuiltBy(serviceId);
+    const auto factory = host::loadPlugin(options.plugin);
+    host::CallWatch::prepare();
+    host::ServedPlugin plugin;
+    host::PluginLife life(factory, plugin);
+    host::TableBuilder builder(life, serviceId);
     host::watchOverDatabases();
     if (isDataWell())
         host::refreshRuleBackup();
-    host.setPrivilegesProblem(boost::algorithm::join(privileges.problems(), "; "));
-    const std::string interruption = host.start();
-    server.serve(host, options.socket, privileges, interruption);
+    const std::string interruption = builder.buildAtStart();
+    server.serve({plugin, life, builder}, options.socket, privileges, interruption);
 }
 
 } // namespace

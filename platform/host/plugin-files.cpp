@@ -1,5 +1,7 @@
 #include "host/plugin-files.h"
 
+#include <stdexcept>
+
 #include "host/firewall-plugin.h"
 #include "host/paths.h"
 #include "support/safe-open.h"
@@ -25,6 +27,12 @@ std::string pluginFilesProblem() {
             problem = problemWithDatabase(database);
     }
     return problem;
+}
+
+void requirePluginFiles() {
+    const std::string problem = pluginFilesProblem();
+    if (!problem.empty())
+        throw std::runtime_error(problem);
 }
 
 std::string collectorFilesProblem() { return problemWithDatabase(kStatisticsDatabase); }

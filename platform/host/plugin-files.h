@@ -10,7 +10,10 @@ namespace host {
 // that names it. Empty when there is nothing. Opens nothing.
 std::string pluginFilesProblem();
 
-// The same for the files that only a collector opens.
+// Throws std::runtime_error with that line.
+void requirePluginFiles();
+
+// The same as pluginFilesProblem() for the files that only a collector opens.
 std::string collectorFilesProblem();
 
 } // namespace host

@@ -21,21 +21,21 @@ bool RebuildReasons::remember(const std::vector<std::string> &lost) {
 }
 
 std::string RebuildReasons::afterCall(const Verdict &verdict) {
-    const bool isNew = remember(verdict.lost);
+    const bool isNew = remember(verdict.acceptedThenLost);
     if (!verdict.interruption.empty())
         return verdict.interruption;
-    return isNew ? textOf(verdict.lost) : std::string();
+    return isNew ? textOf(verdict.acceptedThenLost) : std::string();
 }
 
 std::string RebuildReasons::afterBringUp(const Verdict &verdict) {
-    givenUp_.clear();
+    lostAgain_.clear();
     std::string reason = afterCall(verdict);
     if (!reason.empty())
         return reason;
     // What is not among them any more has been mended.
-    rebuiltFor_ = std::set<std::string>(verdict.lost.begin(), verdict.lost.end());
-    if (!verdict.lost.empty())
-        givenUp_ = "given up: " + textOf(verdict.lost);
+    rebuiltFor_ = std::set<std::string>(verdict.acceptedThenLost.begin(), verdict.acceptedThenLost.end());
+    if (!verdict.acceptedThenLost.empty())
+        lostAgain_ = "given up: " + textOf(verdict.acceptedThenLost);
     return {};
 }
 

@@ -24,13 +24,13 @@ public:
     std::string afterBringUp(const Verdict &verdict);
 
     // What the last plugin that came up has lost, and why nothing is done about it; empty when it has lost nothing.
-    const std::string &givenUp() const { return givenUp_; }
+    const std::string &lostAgain() const { return lostAgain_; }
 
 private:
     bool remember(const std::vector<std::string> &lost);
 
     std::set<std::string> rebuiltFor_; // lost commands that had, or are about to have, their one rebuild
-    std::string givenUp_;
+    std::string lostAgain_;
 };
 
 } // namespace host

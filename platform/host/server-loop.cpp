@@ -12,6 +12,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include <boost/algorithm/string/join.hpp>
+
 #include "host/collector.h"
 #include "host/databases.h"
 #include "host/log.h"
@@ -56,55 +58,69 @@ void ServerLoop::handleSignal() {
     }
 }
 
-void ServerLoop::serve(Host &host, const std::string &socket, const mavo::rmi::Privileges &privileges,
+void ServerLoop::serve(const Served &served, const std::string &socket, const mavo::rmi::Privileges &privileges,
                        const std::string &interruption) {
     const auto directory = std::filesystem::path(socket).parent_path();
     if (!directory.empty())
         support::makeDirectory(directory, 0755);
+    auto listener = mavo::rmi::listenAt(socket, 0666);
+    Rebuild rebuild(loop_, [&served] { return served.builder.buildAgain(); });
+    retryRuleBackupIn(&loop_);
+    keepCollector(served.plugin);
+    Dispatch dispatch({served.plugin, served.life, served.builder, rebuild, *keeper_,
+                       boost::algorithm::join(privileges.problems(), "; ")});
+    listen(dispatch, std::move(listener), privileges);
+    keeper_->look(); // may fork, and so comes after all descriptors are known
+    watchService(served.builder, rebuild);
+    served.plugin.names().follow(&loop_, [&rebuild](const std::string &reason) { rebuild.follow(reason); });
+    logInfo("serving at " + socket);
+    becomeReadyAfter(interruption, rebuild);
+    loop_.run();
+    served.plugin.names().follow(nullptr, {});
+    watch_.reset();
+    retryRuleBackupIn(nullptr);
+    server_.reset();
+    keeper_.reset();
+    ::unlink(socket.c_str());
+    logInfo("stopped");
+}
+
+void ServerLoop::listen(Dispatch &dispatch, support::UniqueFd listener, const mavo::rmi::Privileges &privileges) {
     server_ = std::make_unique<mavo::rmi::Server>(
-        loop_, mavo::rmi::listenAt(socket, 0666), privileges, mavo::rmi::ServerLimits(),
-        [&host](const std::string &name) { return host.find(name); },
-        [this, &host](const std::string &name, const mavo::rmi::MethodContext &method, mavo::rmi::Message &request) {
-            auto reply = host.invoke(name, method, request);
+        loop_, std::move(listener), privileges, mavo::rmi::ServerLimits(),
+        [&dispatch](const std::string &name) { return dispatch.find(name); },
+        [this, &dispatch](const std::string &name, const mavo::rmi::MethodContext &method,
+                          mavo::rmi::Message &request) {
+            auto reply = dispatch.invoke(name, method, request);
             if (std::max(request.body().size(), reply.body.size()) > mavo::rmi::kSmallBodyBytes)
                 giveBackMemory();
             return reply;
         });
-    Rebuild rebuild(loop_, [&host] { return host.rebuild(); });
-    host.setRebuild(&rebuild);
-    retryRuleBackupIn(&loop_);
+}
+
+void ServerLoop::keepCollector(ServedPlugin &plugin) {
     keeper_ = std::make_unique<CollectorKeeper>(
-        loop_, CollectorKeeper::Actions{[&host] { return host.wantsCollector(); },
-                                        [&host](auto clockSetBy) { host.startCollectorAgain(clockSetBy); }});
-    host.setCollectorKeeper(keeper_.get());
-    keeper_->look();
+        loop_, CollectorKeeper::Actions{[&plugin] { return plugin.wantsCollector(); },
+                                        [&plugin](auto clockSetBy) { plugin.startCollectorAgain(clockSetBy); }});
+}
+
+void ServerLoop::watchService(const TableBuilder &builder, Rebuild &rebuild) {
     watch_ = std::make_unique<ServiceWatch>(
-        loop_, [&host] { return host.builtBy(); },
+        loop_, [&builder] { return builder.builtBy(); },
         [&rebuild](const std::string &reason) {
             if (rebuild.isWanted())
                 rebuild.hasten(); // its pause may be that of a service which was away for long
             else
                 rebuild.follow(reason);
         });
-    host.names().follow(&loop_, [&rebuild](const std::string &reason) { rebuild.follow(reason); });
-    logInfo("serving at " + socket);
-    if (interruption.empty()) {
-        becomeReady();
-    } else {
-        rebuild.onSettled([this] { becomeReady(); });
-        rebuild.want(interruption);
-        ready_ = loop_.after(kReadyAnyway, [this] { becomeReady(); });
-    }
-    loop_.run();
-    host.names().follow(nullptr, {});
-    watch_.reset();
-    retryRuleBackupIn(nullptr);
-    host.setRebuild(nullptr);
-    host.setCollectorKeeper(nullptr);
-    keeper_.reset();
-    server_.reset();
-    ::unlink(socket.c_str());
-    logInfo("stopped");
+}
+
+void ServerLoop::becomeReadyAfter(const std::string &interruption, Rebuild &rebuild) {
+    if (interruption.empty())
+        return becomeReady();
+    rebuild.onSettled([this] { becomeReady(); });
+    rebuild.want(interruption);
+    ready_ = loop_.after(kReadyAnyway, [this] { becomeReady(); });
 }
 
 // Told once.

@@ -8,8 +8,12 @@
 #include <vector>
 
 #include "host/collector-keeper.h"
-#include "host/host.h"
+#include "host/dispatch.h"
+#include "host/plugin-life.h"
+#include "host/rebuild.h"
+#include "host/served-plugin.h"
 #include "host/service-watch.h"
+#include "host/table-builder.h"
 #include "mavo/privileges.h"
 #include "mavo/rmi-server.h"
 #include "support/event-loop.h"
@@ -17,10 +21,17 @@
 
 namespace host {
 
-// Serves a host on the calling thread until SIGTERM or SIGINT. To be made before the plugin comes up, as it blocks the
-// signals that it handles.
+// Serves a plugin on the calling thread until SIGTERM or SIGINT. To be made before the plugin comes up, as it blocks
+// the signals that it handles.
 class ServerLoop {
 public:
+    // The plugin, and how it is brought up again. They must outlive the call of serve().
+    struct Served {
+        ServedPlugin &plugin;
+        PluginLife &life;
+        TableBuilder &builder;
+    };
+
     // `lock` is the lock of the single instance, kept from forked processes like all else. Throws std::system_error.
     explicit ServerLoop(support::UniqueFd lock);
 
@@ -30,16 +41,20 @@ public:
     // host is ready when that is mended, after 30 s at the latest. So it does when the traffic-control service is
     // another one than that by which the host has built them, or cannot know what should stand. Keeps a collector that
     // is switched on alive. Throws std::system_error when it cannot listen.
-    void serve(Host &host, const std::string &socket, const mavo::rmi::Privileges &privileges,
+    void serve(const Served &served, const std::string &socket, const mavo::rmi::Privileges &privileges,
                const std::string &interruption);
 
     // The signals that are handled or ignored, for handleForks().
     static std::vector<int> signals();
-    // All descriptors held, likewise.
+    // All of its open descriptors, likewise.
     std::vector<int> descriptors() const;
 
 private:
     void handleSignal();
+    void listen(Dispatch &dispatch, support::UniqueFd listener, const mavo::rmi::Privileges &privileges);
+    void keepCollector(ServedPlugin &plugin);
+    void watchService(const TableBuilder &builder, Rebuild &rebuild);
+    void becomeReadyAfter(const std::string &interruption, Rebuild &rebuild);
     void becomeReady();
     void giveBackMemory();
 

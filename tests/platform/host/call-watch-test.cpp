@@ -65,20 +65,20 @@ TEST(ACommand, IsNotInForceWhenItWasAcceptedAndLost) {
 TEST(ACommand, CountsWhereItsTextWasTooMuchToKeep) {
     const auto verdict = host::judge(stateOf({{7, ConnectionEnd::closed, {}, 12}}), opened({7}));
     EXPECT_THAT(verdict.notInForce, ElementsAre("12 more commands"));
-    EXPECT_THAT(verdict.lost, ElementsAre("12 commands"));
+    EXPECT_THAT(verdict.acceptedThenLost, ElementsAre("12 commands"));
 }
 
 TEST(ACommand, CountsAsRefusedWhereItsTextWasTooMuchToKeepAmongRefusals) {
     const LostCommand refused{"-A VPK-DENY -s nowhere -j DROP", 2, "host not found", true};
     const auto verdict = host::judge(stateOf({{7, ConnectionEnd::closed, {refused}, 12}}), opened({7}));
     EXPECT_THAT(verdict.notInForce.size(), 2U);
-    EXPECT_THAT(verdict.lost, IsEmpty());
+    EXPECT_THAT(verdict.acceptedThenLost, IsEmpty());
 }
 
 TEST(ACommand, IsLostOnlyWhenItWasAcceptedFirst) {
     const auto lostOf = [](bool refusedAtOnce) {
         const LostCommand lost{"-A VPK-DENY -j DROP", 4, "lost", refusedAtOnce};
-        return host::judge(stateOf({{7, ConnectionEnd::closed, {lost}, 0}}), opened({7})).lost;
+        return host::judge(stateOf({{7, ConnectionEnd::closed, {lost}, 0}}), opened({7})).acceptedThenLost;
     };
     EXPECT_THAT(lostOf(false), ElementsAre("-A VPK-DENY -j DROP"));
     EXPECT_THAT(lostOf(true), IsEmpty());

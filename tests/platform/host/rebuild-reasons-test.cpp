@@ -28,7 +28,7 @@ TEST_F(AReason, IsNoneInWhatWentWellOrWasRefused) {
         EXPECT_EQ(reasons.afterCall(verdict), "");
         EXPECT_EQ(reasons.afterBringUp(verdict), "");
     }
-    EXPECT_EQ(reasons.givenUp(), "");
+    EXPECT_EQ(reasons.lostAgain(), "");
 }
 
 TEST_F(AReason, IsAnInterruptionForAsLongAsItLasts) {
@@ -43,15 +43,15 @@ TEST_F(AReason, IsAnInterruptionForAsLongAsItLasts) {
 TEST_F(AReason, IsALossOnce) {
     EXPECT_EQ(reasons.afterCall(kLost), kLostText);
     EXPECT_EQ(reasons.afterBringUp(kLost), "");
-    EXPECT_EQ(reasons.givenUp(), std::string("given up: ") + kLostText);
+    EXPECT_EQ(reasons.lostAgain(), std::string("given up: ") + kLostText);
     EXPECT_EQ(reasons.afterCall(kLost), "");
     EXPECT_EQ(reasons.afterBringUp(kLost), "");
-    EXPECT_EQ(reasons.givenUp(), std::string("given up: ") + kLostText);
+    EXPECT_EQ(reasons.lostAgain(), std::string("given up: ") + kLostText);
 }
 
 TEST_F(AReason, IsALossOfABringUpOnce) {
     EXPECT_EQ(reasons.afterBringUp(kLost), kLostText);
-    EXPECT_EQ(reasons.givenUp(), "");
+    EXPECT_EQ(reasons.lostAgain(), "");
     EXPECT_EQ(reasons.afterBringUp(kLost), "");
 }
 
@@ -65,7 +65,7 @@ TEST_F(AReason, IsALossAgainAfterItWasMended) {
     EXPECT_EQ(reasons.afterCall(kLost), kLostText);
     EXPECT_EQ(reasons.afterBringUp(kLost), "");
     EXPECT_EQ(reasons.afterBringUp(kClean), "");
-    EXPECT_EQ(reasons.givenUp(), "");
+    EXPECT_EQ(reasons.lostAgain(), "");
     EXPECT_EQ(reasons.afterCall(kLost), kLostText);
 }
 

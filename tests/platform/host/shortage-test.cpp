@@ -9,7 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "host/host.h"
+#include "host/dispatch.h"
 #include "mavo/database.h"
 #include "support/failing-allocations.h"
 
@@ -24,7 +24,7 @@ constexpr int kEnough = 1'000'000;
 
 class AHostWithoutMemory : public testing::Test {
 protected:
-    void SetUp() override { host.setRebuild(&rebuild); }
+    void SetUp() override { host::CallWatch::prepare(); }
 
     // A call that ends with an exception, since when there is memory for so many allocations alone. False when it has
     // got no reply.
@@ -37,7 +37,7 @@ protected:
         };
         mavo::rmi::Message request;
         try {
-            reply = host.invoke(method, context, request);
+            reply = dispatch.invoke(method, context, request);
             failed = Shortage::failed();
             return true;
         } catch (const std::bad_alloc &) {
@@ -58,7 +58,11 @@ protected:
                               ++made;
                               return std::string();
                           }};
-    host::Host host{[](mavo::rmi::Service &) -> AbstractDPluginProvider * { return nullptr; }};
+    host::ServedPlugin plugin;
+    host::PluginLife life{[](mavo::rmi::Service &) -> AbstractDPluginProvider * { return nullptr; }, plugin};
+    host::TableBuilder builder{life, 0};
+    host::CollectorKeeper keeper{loop, {[] { return false; }, [](auto) {}}};
+    host::Dispatch dispatch{{plugin, life, builder, rebuild, keeper, {}}};
     mavo::rmi::Reply reply;
     int failed = 0;
 };
@@ -92,7 +96,7 @@ TEST_F(AHostWithoutMemory, BuildsTheTablesAnewWhenAStreamHasKeptItToItself) {
         return mavo::rmi::Message();
     };
     mavo::rmi::Message request;
-    reply = host.invoke("Test::store", context, request);
+    reply = dispatch.invoke("Test::store", context, request);
     EXPECT_EQ(reply.status, mavo::rmi::Status::ok);
     EXPECT_THAT(host::decodeRemarks(reply.remarks).notes,
                 Contains("there was no memory for the operation; the tables are built "
@@ -111,10 +115,10 @@ TEST_F(AHostWithoutMemory, BuildsTheTablesAnewAfterACallInWhichADatabaseFailed) 
         return mavo::rmi::Message();
     };
     mavo::rmi::Message request;
-    EXPECT_THAT(host::decodeRemarks(host.invoke("Test::store", context, request).remarks).notes, IsEmpty());
+    EXPECT_THAT(host::decodeRemarks(dispatch.invoke("Test::store", context, request).remarks).notes, IsEmpty());
     EXPECT_EQ(rebuilds(), 0);
     value = "NULL";
-    EXPECT_THAT(host::decodeRemarks(host.invoke("Test::store", context, request).remarks).notes,
+    EXPECT_THAT(host::decodeRemarks(dispatch.invoke("Test::store", context, request).remarks).notes,
                 Contains("a database failed during the operation; the tables are built anew from the "
                          "stored rules"));
     EXPECT_EQ(rebuilds(), 1);
