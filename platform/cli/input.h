@@ -8,7 +8,7 @@
 namespace cli {
 
 // "@FILE" is the content of the file, "-" that of `standardInput`, anything else is itself. The last line break of what
-// was read is dropped unless `raw`. Throws Exit when the file cannot be read or holds more
+// was read is taken off unless `raw`. Throws Exit when the file cannot be read or holds more
 // than a request can.
 std::string dataFrom(const std::string &argument, bool raw, std::istream &standardInput);
 

@@ -45,7 +45,7 @@ public:
     void look();
     // What is about to happen to the collector, for a person; empty when nothing is.
     std::string remark() const;
-    // All descriptors held.
+    // All of its open descriptors.
     std::vector<int> descriptors() const;
 
 private:

@@ -334,7 +334,7 @@ void keepConfig() try {
                              "; the next start takes the last good ones");
 }
 
-ConfigHold::ConfigHold() try {
+ConfigRestorer::ConfigRestorer() try {
     const Found found = lookAgainWhileWrong();
     if (found.there) {
         if (!isGood(found))
@@ -343,12 +343,12 @@ ConfigHold::ConfigHold() try {
         syncFolder();
         copied_ = true;
     }
-    inForce_ = found.there || found.failure.empty();
+    isReady_ = found.there || found.failure.empty();
 } catch (const std::exception &error) {
     logError("a copy of the configuration cannot be made: " + std::string(error.what()));
 }
 
-ConfigHold::~ConfigHold() {
+ConfigRestorer::~ConfigRestorer() {
     try {
         if (copied_) {
             moveTo(kNew, kFile);

@@ -26,23 +26,23 @@ void keepConfig();
 
 // What stands in the file when it is made stands there again when it goes away, whatever was written meanwhile; should
 // the host be killed in between, healConfig() sees to that. A file that is missing may be made meanwhile.
-class ConfigHold {
+class ConfigRestorer {
 public:
-    ConfigHold();
-    ~ConfigHold();
-    ConfigHold(const ConfigHold &) = delete;
-    ConfigHold &operator=(const ConfigHold &) = delete;
+    ConfigRestorer();
+    ~ConfigRestorer();
+    ConfigRestorer(const ConfigRestorer &) = delete;
+    ConfigRestorer &operator=(const ConfigRestorer &) = delete;
 
-    // False when nothing is held: the file is not sound, or its copy cannot be written.
-    bool inForce() const { return inForce_; }
+    // False when it will not: the file is not sound, or its copy cannot be written.
+    bool isReady() const { return isReady_; }
 
 private:
-    bool inForce_ = false;
+    bool isReady_ = false;
     bool copied_ = false;
 };
 
 // What was put aside and is still there, and what is wrong with the file now: one line, empty when there is nothing. It
-// looks at what lies there, so it holds after a restart too.
+// looks at what lies there, so it is true after a restart too.
 std::string configRemark();
 
 } // namespace host

@@ -1,4 +1,4 @@
-// What happens when the plugin forks its daemon out of the host.
+// What happens when the plugin forks its collector out of the host.
 #ifndef PLATFORM_HOST_FORK_HANDLER_H
 #define PLATFORM_HOST_FORK_HANDLER_H
 

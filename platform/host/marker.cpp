@@ -19,8 +19,8 @@ const std::string &markerPath() {
     return path;
 }
 
-// Holds that live now. The marker itself cannot say so where something else stands in its place.
-int holds;
+// Those that live now. The marker itself cannot say so where something else stands in its place.
+int blocks;
 
 support::UniqueFd makeMarker(int flags, mode_t mode) {
     return support::aboveStandardStreams(support::UniqueFd(
@@ -62,10 +62,10 @@ std::string removeMarker(const Marker &marker) {
            "; it is not believed, but root should remove it";
 }
 
-MarkerHold::MarkerHold() : marker_(makeMarker(O_RDWR, 0644)) { ++holds; }
+CollectorBlock::CollectorBlock() : marker_(makeMarker(O_RDWR, 0644)) { ++blocks; }
 
-MarkerHold::~MarkerHold() {
-    --holds;
+CollectorBlock::~CollectorBlock() {
+    --blocks;
     if (marker_ && isNamed(marker_.get(), markerPath()))
         ::unlink(markerPath().c_str());
 }
@@ -73,7 +73,7 @@ MarkerHold::~MarkerHold() {
 int openMarkerForPlugin(int flags, mode_t mode) noexcept try {
     auto opened = makeMarker(flags, mode);
     // Also where everybody's folder is full.
-    if (!opened && holds == 0 && !lookAtMarker().ours && !collectorLives())
+    if (!opened && blocks == 0 && !lookAtMarker().ours && !collectorLives())
         opened = support::aboveStandardStreams(support::UniqueFd(::memfd_create("marker", MFD_CLOEXEC)));
     if (!opened)
         errno = EEXIST;

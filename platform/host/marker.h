@@ -26,12 +26,12 @@ std::string removeMarker(const Marker &marker);
 
 // Keeps the plugin from starting a collector while it lives: makes the marker unless something stands there. Takes it
 // away afterwards if it has made it and it is still that one.
-class MarkerHold {
+class CollectorBlock {
 public:
-    MarkerHold();
-    ~MarkerHold();
-    MarkerHold(const MarkerHold &) = delete;
-    MarkerHold &operator=(const MarkerHold &) = delete;
+    CollectorBlock();
+    ~CollectorBlock();
+    CollectorBlock(const CollectorBlock &) = delete;
+    CollectorBlock &operator=(const CollectorBlock &) = delete;
 
 private:
     support::UniqueFd marker_; // kept open, so that no other marker can get its inode number
@@ -40,7 +40,7 @@ private:
 // shm_open(3) as the plugin sees it when it tests and sets the marker (O_CREAT and O_EXCL): a marker that is not ours
 // and cannot be removed, or a folder in which nothing can be made, does not keep it from starting a collector where
 // none lives: it gets a descriptor of a file without a name. -1 with errno EEXIST where the marker is ours, where a
-// collector lives, and while a MarkerHold does.
+// collector lives, and while a CollectorBlock does.
 int openMarkerForPlugin(int flags, mode_t mode) noexcept;
 
 } // namespace host

@@ -25,8 +25,9 @@ struct ConfigVerdict {
 ConfigVerdict judgeConfig(const std::string &text);
 
 // Why `document` may not be merged into the configuration `current` as the plugin merges it: the plugin or its
-// collector could not live with what comes of that now or when the same is merged again, or the plugin would drop a
-// part of it without a word. Names the setting, what was given and what would be accepted; empty when nothing is wrong.
+// collector could not live with what comes of that now or when the same is merged again, or the plugin would
+// discard a part of it without a word. Names the setting, what was given and what would be accepted; empty when nothing
+// is wrong.
 std::string changeProblem(const std::string &current, const std::string &document);
 
 // Whether every member of `document`, which was merged, stands in the configuration `text`.

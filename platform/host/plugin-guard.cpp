@@ -9,13 +9,13 @@ namespace host {
 
 PluginGuard::PluginGuard() : host_(::getpid()) {}
 
-void PluginGuard::endForeignProcess() const {
+void PluginGuard::endUnlessHost() const {
     if (::getpid() != host_)
         ::_exit(0);
 }
 
 // Its marker stays, so that the host finds the collector dead.
-void PluginGuard::endForeignProcessOfException() const {
+void PluginGuard::endUnlessHostAfterException() const {
     if (::getpid() == host_)
         return;
     logError("the collector ends: " + textOfException());

@@ -7,9 +7,9 @@
 
 namespace host {
 
-// Every call into the plugin goes through run(), with nothing between it and the plugin. The plugin's daemon is forked
-// inside such a call and may come back out of it, by returning or by an exception; it is ended then and there, without
-// destructors of the host's and without touching a descriptor. The log says which exception it was.
+// Every call into the plugin goes through run(), with nothing between it and the plugin. The plugin forks its collector
+// inside such a call, and that may come back out of it, by returning or by an exception; it is ended then and there,
+// without destructors of the host's and without touching a descriptor. The log says which exception it was.
 class PluginGuard {
 public:
     // The process that constructs it is the host.
@@ -22,23 +22,23 @@ public:
             int exceptions = std::uncaught_exceptions();
             ~AtReturn() {
                 if (std::uncaught_exceptions() == exceptions)
-                    guard.endForeignProcess();
+                    guard.endUnlessHost();
             }
         };
         try {
             const AtReturn atReturn{*this};
             return call();
         } catch (...) { // without a handler in reach nothing would be unwound
-            endForeignProcessOfException();
+            endUnlessHostAfterException();
             throw;
         }
     }
 
     // Ends the calling process with exit status 0 unless it is the host.
-    void endForeignProcess() const;
+    void endUnlessHost() const;
 
 private:
-    void endForeignProcessOfException() const;
+    void endUnlessHostAfterException() const;
 
     pid_t host_;
 };

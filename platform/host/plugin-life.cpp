@@ -39,7 +39,7 @@ bool PluginLife::isStoredAsDisabled() {
 // What the plugin throws dies here, in the host.
 AbstractDPluginProvider *PluginLife::callFactory(mavo::rmi::Service &service) const try {
     removeDeadMarker();
-    const MarkerHold hold;
+    const CollectorBlock block;
     auto *const plugin = guard_.run([&] { return factory_(service); });
     if (plugin == nullptr)
         throw std::runtime_error("for reasons that are in the log");
@@ -54,7 +54,7 @@ AbstractDPluginProvider *PluginLife::callFactory(mavo::rmi::Service &service) co
 void PluginLife::keepDisabled(AbstractDPluginProvider &plugin) const {
     int result = -1;
     try {
-        const MarkerHold hold;
+        const CollectorBlock block;
         result = guard_.run([&plugin] { return plugin.setStatus(0); });
     } catch (...) {
         logError("setStatus(0): " + textOfException());

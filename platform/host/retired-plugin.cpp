@@ -5,10 +5,10 @@
 namespace host {
 
 bool deleteRetiredPlugin(AbstractDPluginProvider *plugin, const PluginGuard &guard) {
-    const ConfigHold hold;
-    if (hold.inForce())
+    const ConfigRestorer restorer;
+    if (restorer.isReady())
         guard.run([plugin] { delete plugin; });
-    return hold.inForce();
+    return restorer.isReady();
 }
 
 } // namespace host

@@ -7,8 +7,8 @@
 
 namespace host {
 
-// Deletes a plugin. Its configuration objects write back what they hold, which is older than the file: what stood in
-// the file before stands there again afterwards, also where the host is killed in between. Returns false, with the
+// Deletes a plugin. Its configuration objects write back what they have read, which is older than the file: what stood
+// in the file before stands there again afterwards, also where the host is killed in between. Returns false, with the
 // plugin untouched, when that cannot be arranged.
 [[nodiscard]] bool deleteRetiredPlugin(AbstractDPluginProvider *plugin, const PluginGuard &guard);
 

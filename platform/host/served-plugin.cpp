@@ -122,7 +122,7 @@ int ServedPlugin::setStatus(int status) {
         applied_ = status;
     int result = -1;
     {
-        const MarkerHold hold;
+        const CollectorBlock block;
         const auto change = [&] { result = guard_.run([&] { return plugin.setStatus(status); }); };
         change();
         if (status == 0 && result == 0)
@@ -146,7 +146,7 @@ void ServedPlugin::switchTo(int status) {
     if (isStatus(status))
         applied_ = status;
     {
-        const MarkerHold hold;
+        const CollectorBlock block;
         const auto change = [&] { guard_.run([&] { plugin.applyStatus(status); }); };
         change();
         if (status == 0)

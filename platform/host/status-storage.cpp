@@ -45,7 +45,7 @@ int statusOf(Connection &connection, const std::string &name) {
 } // namespace
 
 int StatusStorage::storeStatus(const std::string &name, int status) try {
-    guard_.endForeignProcess();
+    guard_.endUnlessHost();
     if (rehearsed_) {
         (*rehearsed_)[name] = status;
         return 0;
@@ -66,7 +66,7 @@ int StatusStorage::storeStatus(const std::string &name, int status) try {
 }
 
 int StatusStorage::readStatus(const std::string &name) try {
-    guard_.endForeignProcess();
+    guard_.endUnlessHost();
     if (rehearsed_ && rehearsed_->count(name) != 0)
         return rehearsed_->at(name);
     requirePlainFile();

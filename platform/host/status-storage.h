@@ -41,7 +41,7 @@ public:
 
 private:
     std::optional<std::map<std::string, int>> rehearsed_;
-    PluginGuard guard_; // a second line: the plugin's daemon has no business with statuses
+    PluginGuard guard_; // a second line: a collector has no business with statuses
 };
 
 } // namespace host

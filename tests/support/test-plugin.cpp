@@ -66,8 +66,8 @@ void note(const std::string &call) {
         if (length > 0)
             text << fd << ' ' << std::string(target.data(), static_cast<std::size_t>(length)) << '\n';
     }
-    std::ofstream(kNotes / "daemon.new") << text.str();
-    fs::rename(kNotes / "daemon.new", kNotes / "daemon");
+    std::ofstream(kNotes / "collector.new") << text.str();
+    fs::rename(kNotes / "collector.new", kNotes / "collector");
     for (;;)
         ::sleep(86'400); // as the collector does, until a test ends it
 }
@@ -191,7 +191,7 @@ const std::map<std::string, std::function<std::string(const std::string &)>> kCo
     {"wait", waitForFile},
     {"remove",
      [](const std::string &data) { return std::remove(data.c_str()) == 0 ? std::string() : std::strerror(errno); }},
-    {"daemon",
+    {"collector",
      [](const std::string &) -> std::string {
          if (isChild())
              becomeDaemon();

@@ -178,7 +178,7 @@ TEST_F(TheCollector, CanBeStartedWhateverStandsInPlaceOfItsMarker) {
 TEST_F(TheCollector, IsNotStartedUnderAHoldWhateverStandsInPlaceOfItsMarker) {
     for (const auto &kind : planted::kinds()) {
         const planted::Object object(kind, kMarkerPath);
-        const host::MarkerHold hold;
+        const host::CollectorBlock block;
         EXPECT_LT(host::openMarkerForPlugin(O_RDWR | O_CREAT | O_EXCL, 0644), 0) << kind.name;
     }
 }
@@ -214,7 +214,7 @@ class AMarkerHold : public TheCollector {};
 
 TEST_F(AMarkerHold, IsThereOnlyForItsTime) {
     {
-        const host::MarkerHold hold;
+        const host::CollectorBlock block;
         EXPECT_TRUE(host::markerStands());
     }
     EXPECT_FALSE(host::markerStands());
@@ -223,13 +223,13 @@ TEST_F(AMarkerHold, IsThereOnlyForItsTime) {
 TEST_F(AMarkerHold, LeavesAMarkerThatStoodBefore) {
     makeMarker();
     const ino_t before = markerNumber();
-    { const host::MarkerHold hold; }
+    { const host::CollectorBlock block; }
     EXPECT_EQ(markerNumber(), before);
 }
 
 TEST_F(AMarkerHold, LeavesAMarkerThatHasTakenItsPlace) {
     {
-        const host::MarkerHold hold;
+        const host::CollectorBlock block;
         ::shm_unlink(host::kMarkerName);
         makeMarker();
     }
@@ -238,14 +238,14 @@ TEST_F(AMarkerHold, LeavesAMarkerThatHasTakenItsPlace) {
 
 TEST_F(AMarkerHold, DoesNotMindThatItsMarkerIsGone) {
     {
-        const host::MarkerHold hold;
+        const host::CollectorBlock block;
         ::shm_unlink(host::kMarkerName);
     }
     EXPECT_FALSE(host::markerStands());
 }
 
 TEST_F(AMarkerHold, KeepsOthersFromMakingTheMarker) {
-    const host::MarkerHold hold;
+    const host::CollectorBlock block;
     EXPECT_LT(::shm_open(host::kMarkerName, O_RDWR | O_CREAT | O_EXCL, 0644), 0);
     EXPECT_EQ(errno, EEXIST);
 }

@@ -204,8 +204,8 @@ TEST_F(TheConfigurationFile, IsTheSameAgainAfterAHoldWhateverIsWrittenMeanwhile)
     for (const std::string meanwhile : {"{}", "", "[]", "cut {"}) {
         write(kFile, kSound);
         {
-            const host::ConfigHold hold;
-            ASSERT_TRUE(hold.inForce());
+            const host::ConfigRestorer restorer;
+            ASSERT_TRUE(restorer.isReady());
             write(kFile, meanwhile);
         }
         EXPECT_EQ(contents(kFile), kSound);
@@ -216,11 +216,11 @@ TEST_F(TheConfigurationFile, IsTheSameAgainAfterAHoldWhateverIsWrittenMeanwhile)
 TEST_F(TheConfigurationFile, IsNotHeldWhereNobodyKnowsWhatToHold) {
     for (const std::string text : {"", "[]", "{\"enabled\":"}) {
         write(kFile, text);
-        EXPECT_FALSE(host::ConfigHold().inForce());
+        EXPECT_FALSE(host::ConfigRestorer().isReady());
         EXPECT_EQ(contents(kFile), text);
     }
     fs::remove(kFile);
-    EXPECT_TRUE(host::ConfigHold().inForce()) << "whoever makes it makes the defaults";
+    EXPECT_TRUE(host::ConfigRestorer().isReady()) << "whoever makes it makes the defaults";
 }
 
 TEST_F(TheConfigurationFile, IsNotReplacedByWhatWasLeftBesideItBeforeItWasKept) {

@@ -35,7 +35,7 @@ protected:
 
     static void configureCollector() { vpkdtest::write(kConfig, "{\"enabled\":\"1\"}"); }
     static void makeMarker() { ::close(::shm_open("/nyr_firewall_sd", O_RDWR | O_CREAT | O_EXCL, 0644)); }
-    static bool collectorRuns() { return exists(std::string(vpkdtest::kNotes) + "daemon"); }
+    static bool collectorRuns() { return exists(std::string(vpkdtest::kNotes) + "collector"); }
 };
 
 TEST_F(VpkdWithACollector, EndsAChildThatComesBackFromACommand) {
@@ -90,21 +90,21 @@ TEST_F(VpkdWithACollector, EndsAChildThatComesBackFromAStatusCall) {
 
 TEST_F(VpkdWithACollector, GivesTheChildNoneOfItsDescriptors) {
     start();
-    mavo::rmi::Reply reply = execute("daemon");
-    const pid_t daemon = collector();
+    mavo::rmi::Reply reply = execute("collector");
+    const pid_t id = collector();
     const std::string open = collectorsDescriptors();
     EXPECT_THAT(open, AllOf(HasSubstr("/opt/data/vpk/.collector.lock"), HasSubstr(vpkdtest::kLog)));
     EXPECT_THAT(open, AllOf(Not(HasSubstr("socket:")), Not(HasSubstr("anon_inode:")), Not(HasSubstr(".host.lock"))));
-    ::kill(daemon, SIGKILL);
+    ::kill(id, SIGKILL);
 }
 
 // What the process has for its standard streams. SQLite itself puts /dev/null there before it opens a database.
-std::string standardStreamsOf(pid_t process) {
+std::string standardStreamsOf(pid_t id) {
     std::string found;
     for (const char *number : {"0", "1", "2"}) {
         std::error_code none;
         const auto target =
-            std::filesystem::read_symlink("/proc/" + std::to_string(process) + "/fd/" + number, none).string();
+            std::filesystem::read_symlink("/proc/" + std::to_string(id) + "/fd/" + number, none).string();
         if (target != "/dev/null")
             found += target;
     }
@@ -123,40 +123,40 @@ TEST_F(VpkdWithACollector, HasNothingInPlaceOfItsStandardStreamsWhereTheyWereClo
 
 TEST_F(VpkdWithACollector, LeavesTheChildToDieOfSigtermAlone) {
     start();
-    execute("daemon");
-    const pid_t daemon = collector();
-    ::kill(daemon, SIGTERM);
-    EXPECT_TRUE(process::waitUntil([daemon] { return !runs(daemon); }));
+    execute("collector");
+    const pid_t id = collector();
+    ::kill(id, SIGTERM);
+    EXPECT_TRUE(process::waitUntil([id] { return !runs(id); }));
     expectOneHost();
 }
 
 TEST_F(VpkdWithACollector, LetsTheCollectorOutliveItself) {
     start();
     execute("EnableStatCollector");
-    const pid_t daemon = collector();
+    const pid_t id = collector();
     ASSERT_EQ(stop(), 0);
-    EXPECT_TRUE(runs(daemon));
+    EXPECT_TRUE(runs(id));
     EXPECT_TRUE(exists(kMarker));
     start();
     EXPECT_TRUE(exists(kMarker));
     EXPECT_THAT(text("Host::status"), HasSubstr("\"collector\":\"running\""));
-    ::kill(daemon, SIGKILL);
+    ::kill(id, SIGKILL);
 }
 
 TEST_F(VpkdWithACollector, EndsItByOrderWhenNoHostRuns) {
     start();
     execute("EnableStatCollector");
-    const pid_t daemon = collector();
+    const pid_t id = collector();
     const auto refused = startInVain({"--end-collector"});
     EXPECT_EQ(refused.status, 1);
     EXPECT_THAT(refused.errors, HasSubstr("stop it first"));
-    EXPECT_TRUE(runs(daemon));
+    EXPECT_TRUE(runs(id));
     ASSERT_EQ(stop(), 0);
     const auto ended = startInVain({"--end-collector"});
     EXPECT_EQ(ended.status, 0) << ended.errors;
-    EXPECT_FALSE(runs(daemon));
+    EXPECT_FALSE(runs(id));
     EXPECT_FALSE(exists(kMarker));
-    EXPECT_THAT(contents(vpkdtest::kLog), HasSubstr("ended the collector, process " + std::to_string(daemon)));
+    EXPECT_THAT(contents(vpkdtest::kLog), HasSubstr("ended the collector, process " + std::to_string(id)));
 }
 
 TEST_F(VpkdWithACollector, TakesAwayTheMarkerOfACollectorThatItReaps) {
@@ -383,10 +383,10 @@ TEST_F(VpkdWithACollector, StartsNoCollectorForADisabledPlugin) {
 TEST_F(VpkdWithACollector, LeavesACollectorStoppingThatWasSwitchedOff) {
     start();
     execute("EnableStatCollector");
-    const pid_t daemon = collector();
+    const pid_t id = collector();
     execute("DisableStatCollector");
     EXPECT_THAT(text("Host::status"), HasSubstr("\"collector\":\"stopping\""));
-    ::kill(daemon, SIGKILL);
+    ::kill(id, SIGKILL);
     EXPECT_TRUE(process::waitUntil([this] { return children() == 0; }));
     EXPECT_THAT(text("Host::status"), HasSubstr("\"collector\":\"off\""));
 }

@@ -133,7 +133,7 @@ std::string AHost::noted() { return contents(std::string(kNotes) + "calls"); }
 pid_t AHost::collector(pid_t before) {
     pid_t id = 0;
     const auto noted = [&id] {
-        std::istringstream(contents(std::string(kNotes) + "daemon")) >> id;
+        std::istringstream(contents(std::string(kNotes) + "collector")) >> id;
         return id;
     };
     EXPECT_TRUE(process::waitUntil([&] { return noted() != 0 && id != before; })) << contents(kLog);
@@ -141,7 +141,7 @@ pid_t AHost::collector(pid_t before) {
 }
 
 std::string AHost::collectorsDescriptors() {
-    const std::string all = contents(std::string(kNotes) + "daemon");
+    const std::string all = contents(std::string(kNotes) + "collector");
     return all.substr(all.find('\n') + 1);
 }
 
