@@ -9,13 +9,13 @@
 #include "host/firewall-plugin.h"
 #include "host/json-document.h"
 #include "host/plugin-config.h"
-#include "mavo/rmi.h"
 #include "support/find-named.h"
+#include "support/little-endian.h"
 
 namespace host {
 namespace {
 
-constexpr std::size_t kLengthBytes = 4; // before a string in the body of a request
+constexpr std::size_t kNumberBytes = 4; // in the body of a request; a text has one, its length, before it
 
 bool isControl(char byte) { return static_cast<unsigned char>(byte) < ' ' || byte == '\x7f'; }
 
@@ -145,26 +145,34 @@ const char *describe(Arguments arguments) {
     return "";
 }
 
-// Throws mavo::rmi::BadArguments when the message ends too early.
-void readArguments(Arguments arguments, mavo::rmi::Message &message) {
-    int number = 0;
-    std::string text;
-    if (arguments == Arguments::number)
-        message.read(number);
-    if (arguments == Arguments::rules || arguments == Arguments::twoTexts)
-        message.read(text);
-    if (arguments == Arguments::twoTexts)
-        message.read(text);
+// These take what is meant off the front of a body, and return false where that ends before. They look at the bytes
+// where they lie: a list of rules may be megabytes of them.
+bool takeNumber(std::string_view &body) {
+    const bool isThere = body.size() >= kNumberBytes;
+    body.remove_prefix(isThere ? kNumberBytes : 0);
+    return isThere;
 }
 
-bool goesOnBehind(Arguments arguments, const std::string &body) {
-    mavo::rmi::Message message(body);
-    try {
-        readArguments(arguments, message);
-    } catch (const mavo::rmi::BadArguments &) {
+bool takeText(std::string_view &body) {
+    const auto length = support::fromLittleEndian(body.substr(0, kNumberBytes));
+    if (!takeNumber(body) || length > body.size())
         return false;
+    body.remove_prefix(static_cast<std::size_t>(length));
+    return true;
+}
+
+bool takeArguments(Arguments arguments, std::string_view &body) {
+    switch (arguments) {
+    case Arguments::none:
+        return true;
+    case Arguments::rules:
+        return takeText(body);
+    case Arguments::number:
+        return takeNumber(body);
+    case Arguments::twoTexts:
+        return takeText(body) && takeText(body);
     }
-    return !message.atEnd();
+    return false;
 }
 
 } // namespace
@@ -183,11 +191,12 @@ std::string methodProblem(const std::string &method, const std::string &body) {
     const auto takes = argumentsOf(method);
     if (!takes)
         return {};
-    if (goesOnBehind(*takes, body))
+    std::string_view rest = body;
+    if (takeArguments(*takes, rest) && !rest.empty())
         return method + " is refused with more than its arguments: it takes " + describe(*takes);
-    if (*takes != Arguments::rules || body.size() < kLengthBytes)
+    if (*takes != Arguments::rules || body.size() < kNumberBytes)
         return {};
-    return ruleListProblem(std::string_view(body).substr(kLengthBytes));
+    return ruleListProblem(std::string_view(body).substr(kNumberBytes));
 }
 
 } // namespace host

@@ -91,6 +91,10 @@ TEST(ARequest, ThatEndsBeforeTheArgumentsIsLeftToItsMethod) {
     EXPECT_EQ(host::methodProblem("Firewall::ApplyDenyRules", "\x09"), "");
     EXPECT_EQ(host::methodProblem("Host::setStatus", "\x09"), "");
     EXPECT_EQ(host::methodProblem("Host::executeCommand", bodyOf("a") + "\x09"), "");
+    const std::string endless = "\xff\xff\xff\xff"; // as the length of a text
+    EXPECT_EQ(host::methodProblem("Firewall::ApplyDenyRules", endless + "x"), "");
+    EXPECT_EQ(host::methodProblem("Host::executeCommand", endless + bodyOf("b") + "x"), "");
+    EXPECT_EQ(host::methodProblem("Host::executeCommand", bodyOf("a") + endless + "x"), "");
 }
 
 TEST(ARequest, ForAMethodOfAnotherPluginIsNotJudged) { EXPECT_EQ(host::methodProblem("Test::number", "x"), ""); }
