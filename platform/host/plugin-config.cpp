@@ -21,7 +21,7 @@ struct Member {
 // What the plugin, or its collector, reads as text and gives up on where there can be none.
 constexpr std::array<Member, 3> kMembers = {
     {{kEnabledSetting, false, R"(a string, "1" or "0")"},
-     {kIntervalSetting, true, "a number of seconds, from 1 to 4294967295"},
+     {kIntervalSetting, true, "a number of seconds, of 64 bits at most"},
      {kLastReportSetting, true, "a number of seconds since the epoch, of 64 bits at most"}}};
 
 constexpr std::size_t kShownBytes = 60;

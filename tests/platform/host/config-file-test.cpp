@@ -300,7 +300,7 @@ TEST(AChangeOfSettings, IsRefusedWithTheReason) {
         {"{}", R"({"enabled":[]})", R"(must be a string, "1" or "0", not [])"},
         {"{}", R"({"send_report_interval":{"a":1}})", R"(the value of "send_report_interval" must be a number)"},
         {"{}", R"({"last_send_report_ts":[1]})", R"(the value of "last_send_report_ts" must be a number)"},
-        {"{}", R"({"send_report_interval":12345678901234567890})", "from 1 to 4294967295, not 12345678901234567890"},
+        {"{}", R"({"send_report_interval":12345678901234567890})", "must be a number of seconds, of 64 bits at most, not 12345678901234567890"},
         {"{}", R"({"last_send_report_ts":"99999999999999999999"})", "not \"99999999999999999999\""},
         {"{}", R"({"other":{"enabled":{}}})", R"(the value of "enabled" must be)"},
         {R"({"x":{"y":{}}})", R"({"x":{"y":{"enabled":[]}}})", R"(the value of "enabled" must be)"},
