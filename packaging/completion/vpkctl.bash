@@ -8,6 +8,7 @@ _vpkctl_options() {
     case $1 in
     '') echo '-h --help --socket --version' ;;
     exec) echo '-h --help --socket --raw --yes --as-is' ;;
+    call) echo '-h --help --socket --yes --as-is' ;;
     status | verify) echo '-h --help --socket --json --strict' ;;
     rules | reports) echo '-h --help --socket --json' ;;
     *) echo '-h --help --socket' ;;

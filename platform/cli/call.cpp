@@ -3,6 +3,7 @@
 #include <memory>
 #include <optional>
 
+#include "cli/data-checks.h"
 #include "cli/explanations.h"
 #include "cli/session.h"
 #include "cli/terminal.h"
@@ -13,6 +14,7 @@ namespace {
 struct Arguments {
     std::string method;
     std::optional<std::string> argument;
+    Consent consent;
 };
 
 // Why the arguments do not fit; empty when that cannot be told.
@@ -36,6 +38,9 @@ void explain(const Arguments &arguments, const Session &session) {
 }
 
 void run(const Arguments &arguments, Session &session) {
+    const auto *const command = commandOfMethod(arguments.method);
+    if (command != nullptr && arguments.argument)
+        checkData(arguments.method, *command, *arguments.argument, arguments.consent);
     mavo::rmi::Message request;
     if (arguments.argument)
         request.write(*arguments.argument);
@@ -64,10 +69,13 @@ void addCall(CLI::App &app, Session &session) {
     const auto arguments = std::make_shared<Arguments>(); // shared with the callback
     call->add_option("METHOD", arguments->method, "The method's name")->required();
     call->add_option("ARG", arguments->argument, "Its argument, a text");
+    addConsentOptions(*call, arguments->consent);
     call->footer(R"(Methods, with the privilege /privilege/vpk.firewall:
   Firewall::ApplyAllowRules RULES, Firewall::ApplyDenyRules RULES
   Firewall::FlushAllowRules, Firewall::FlushDenyRules
-They work while the plugin is disabled, too.
+They work while the plugin is disabled, too. An argument for a method that takes
+none is refused, and rules that cut off whoever is logged in over the network
+are warned of, as by exec; --as-is sends anything.
   vpkctl call Firewall::ApplyDenyRules 'tcp:10.0.0.5:80:out'
 
 Exit status: 0 the number is 0 and everything is in force, 1 otherwise, 2 not

@@ -3,18 +3,26 @@
 #define PLATFORM_CLI_DATA_CHECKS_H
 
 #include <string>
-#include <vector>
+
+#include <CLI/CLI.hpp>
 
 #include "cli/plugin-commands.h"
 
 namespace cli {
 
-// Why data is not sent with a command that would pass over it; empty when it is sent.
-std::string reasonNotToSend(const PluginCommand &command, const std::string &data);
+// What somebody has said beforehand.
+struct Consent {
+    bool yes = false;  // do not ask
+    bool asIs = false; // nor look at the data
+};
 
-// Where the command would succeed and do something else than what is written there, a line each. What the plugin or the
-// host refuses is left to them.
-std::vector<std::string> warningsAbout(const PluginCommand &command, const std::string &data);
+void addConsentOptions(CLI::App &subcommand, Consent &consent);
+
+// To be called with data for `command` before it is sent. Refuses data that the command would pass over, and warns on
+// standard error where it would succeed and do something else than is written there; then it asks whether to go on,
+// where somebody sits at a terminal. What the plugin or the host refuses is left to them. Throws Exit when the data is
+// not to be sent. A message calls what takes the data `name`.
+void checkData(const std::string &name, const PluginCommand &command, const std::string &data, const Consent &consent);
 
 } // namespace cli
 

@@ -15,9 +15,6 @@ namespace cli {
 namespace {
 
 constexpr const char *kMethod = "Host::executeCommand";
-constexpr const char *kPolicyWarning =
-    "ApplyPolicy applies every ALLOW entry as an allow rule and then as a deny rule: all of them end up denied. DENY "
-    "entries have no effect.";
 
 constexpr const char *kHelp =
     R"(Commands and their data:
@@ -49,33 +46,8 @@ struct Arguments {
     std::string command;
     std::string data;
     bool raw = false;
-    bool yes = false;
-    bool asIs = false;
+    Consent consent;
 };
-
-bool personAgrees() {
-    std::fputs("Go on? [y/N] ", stderr);
-    std::cin.clear();
-    std::string answer;
-    return std::getline(std::cin, answer) && !answer.empty() && (answer[0] == 'y' || answer[0] == 'Y');
-}
-
-// Throws Exit when the data is not sent: it would have no effect, or the person who is asked does not want it sent.
-void check(const Arguments &arguments, const std::string &data) {
-    const auto *const command = findNamed(kPluginCommands, arguments.command);
-    if (command == nullptr)
-        return;
-    const std::string reason = reasonNotToSend(*command, data);
-    if (!reason.empty())
-        throw Exit(kNotCarriedOut, reason);
-    auto warnings = warningsAbout(*command, data);
-    if (command->data == CommandData::policy)
-        warnings.insert(warnings.begin(), kPolicyWarning);
-    for (const auto &warning : warnings)
-        say(warning);
-    if (!warnings.empty() && !arguments.yes && isTerminal(stdin) && !personAgrees())
-        throw Exit(kNotCarriedOut, "nothing was applied");
-}
 
 // The rules that the command applies.
 SentRules rulesOf(const Arguments &arguments, const std::string &data) {
@@ -112,9 +84,9 @@ void explain(const Exit &exit, const Arguments &arguments, const std::string &da
 }
 
 void run(const Arguments &arguments, Session &session) {
-    const std::string data = dataFrom(arguments.data, arguments.raw || arguments.asIs, std::cin);
-    if (!arguments.asIs)
-        check(arguments, data);
+    const std::string data = dataFrom(arguments.data, arguments.raw || arguments.consent.asIs, std::cin);
+    if (const auto *const command = findNamed(kPluginCommands, arguments.command))
+        checkData(arguments.command, *command, data, arguments.consent);
     mavo::rmi::Message request;
     request.write(arguments.command);
     request.write(data);
@@ -143,8 +115,7 @@ void addExec(CLI::App &app, Session &session) {
     exec->add_option("COMMAND", arguments->command, "The command's name")->required();
     exec->add_option("DATA", arguments->data, "Its data: text, @FILE, or - for standard input");
     exec->add_flag("--raw", arguments->raw, "Keep the last line break of @FILE or -");
-    exec->add_flag("--yes", arguments->yes, "Do not ask whether to go on");
-    exec->add_flag("--as-is", arguments->asIs, "Send any data as it is, unchecked");
+    addConsentOptions(*exec, arguments->consent);
     exec->footer(kHelp);
     exec->callback([arguments, &session] { run(*arguments, session); });
 }

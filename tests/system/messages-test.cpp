@@ -85,7 +85,7 @@ TEST_F(Messages, ExplainWhyARemoteMethodHasRefused) {
     EXPECT_THAT(
         errors(2, {"call", "Firewall::ApplyDenyRules"}),
         HasSubstr("Firewall::ApplyDenyRules takes rules, and got none: vpkctl call Firewall::ApplyDenyRules '"));
-    EXPECT_THAT(errors(2, {"call", "Firewall::FlushDenyRules", "x"}), HasSubstr("takes no argument"));
+    EXPECT_THAT(errors(2, {"call", "--as-is", "Firewall::FlushDenyRules", "x"}), HasSubstr("takes no argument"));
     EXPECT_THAT(errors(2, {"call", "firewall::flushdenyrules"}),
                 HasSubstr("did you mean \"Firewall::FlushDenyRules\"?"));
     EXPECT_THAT(errors(1, {"call", "Firewall::ApplyDenyRules", "192.0.2.1"}), HasSubstr("\"192.0.2.1\" has one field"));
@@ -187,6 +187,18 @@ TEST_F(Messages, WarnWhereSuccessDeceivesAndGoOn) {
         EXPECT_EQ(asIs.status, result.status) << data;
         EXPECT_THAT(asIs.errors, Not(HasSubstr(warning))) << data;
     }
+}
+
+TEST_F(Messages, CheckTheRulesOfARemoteMethodLikeThoseOfItsCommand) {
+    const std::vector<std::string> all = {"call", "Firewall::ApplyDenyRules", "*:*:*"};
+    const auto refused = system.controlOnTerminal(all, "n\n");
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_THAT(refused.output, AllOf(HasSubstr("Go on? [y/N]"), HasSubstr("nothing was applied")));
+    EXPECT_EQ(systemtest::storedRules().size(), 0U);
+    EXPECT_THAT(errors(0, all), HasSubstr("cuts off whoever is logged in over the network"));
+    EXPECT_EQ(systemtest::storedRules().size(), 1U);
+    EXPECT_EQ(errors(0, {"call", "--as-is", "Firewall::ApplyDenyRules", "*:*:*"}), "");
+    EXPECT_EQ(errors(0, {"call", "Firewall::ApplyAllowRules", "*:*:*"}), "");
 }
 
 // A warning is wrapped there, so only its first words are looked for.

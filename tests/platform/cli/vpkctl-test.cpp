@@ -219,6 +219,30 @@ TEST_F(Vpkctl, SaysWhatAPolicyDoesBeforeItIsApplied) {
     }
 }
 
+TEST_F(Vpkctl, DoesNotSendAMethodWhatItWouldNotLookAt) {
+    start();
+    const auto refused = run({"call", "Firewall::FlushDenyRules", "tcp:*:80"});
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_EQ(refused.errors,
+              "vpkctl: Firewall::FlushDenyRules takes no rules and removes all of them: every deny rule; nothing was "
+              "done (--as-is sends it)\n");
+    const auto asIs = run({"call", "--as-is", "Firewall::FlushDenyRules", "tcp:*:80"});
+    EXPECT_EQ(asIs.status, 2);
+    EXPECT_THAT(asIs.errors, Not(HasSubstr("--as-is")));
+}
+
+TEST_F(Vpkctl, AsksAPersonBeforeAMethodCutsHimOff) {
+    start();
+    const std::vector<std::string> words = {"call", "Firewall::ApplyDenyRules", "*:*:*"};
+    const auto refused = runOnTerminal(words, "n\n");
+    EXPECT_EQ(refused.status, 2);
+    EXPECT_THAT(refused.output, AllOf(HasSubstr("cuts off"), HasSubstr("nothing was applied")));
+    EXPECT_THAT(run(words).errors, HasSubstr("cuts off"));
+    for (const char *option : {"--yes", "--as-is"})
+        EXPECT_THAT(runOnTerminal({"call", option, "Firewall::ApplyDenyRules", "*:*:*"}, "").output,
+                    Not(HasSubstr("Go on?")));
+}
+
 TEST_F(Vpkctl, AsksAPersonBeforeItAppliesAPolicy) {
     start();
     const auto refused = runOnTerminal({"exec", "ApplyPolicy", "{}"}, "n\n");
