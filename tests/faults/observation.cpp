@@ -127,7 +127,8 @@ Kernel kernelOf(const Rows &rows) {
     for (const auto &row : rows) {
         for (const bool inbound : {true, false}) {
             const bool covered = row.direction != (inbound ? 2 : 1); // any number but these two is both
-            const auto rule = model::kernelRule(row, inbound, row.isAllowed != 0 ? "ACCEPT" : "VPK-LOGANDDROP");
+            const auto rule =
+                firewall_oracle::kernelRule(row, inbound, row.isAllowed != 0 ? "ACCEPT" : "VPK-LOGANDDROP");
             if (covered && rule)
                 (row.isAllowed != 0 ? kernel.allow : kernel.deny).push_back(*rule);
         }

@@ -5,12 +5,12 @@
 #include <string>
 #include <vector>
 
-#include "support/model.h"
+#include "support/firewall-oracle.h"
 
 namespace faults {
 
-using model::Row;
-using model::Rows;
+using firewall_oracle::Row;
+using firewall_oracle::Rows;
 
 // A rule database as its next reader finds it.
 struct Stored {

@@ -33,7 +33,7 @@ Lines expected(bool allowed) {
         for (const bool inbound : {true, false}) {
             const bool covered = row.direction == 0 || row.direction == (inbound ? 1 : 2);
             if (covered && (row.isAllowed != 0) == allowed)
-                lines.push_back(model::kernelRule(row, inbound, target).value());
+                lines.push_back(firewall_oracle::kernelRule(row, inbound, target).value());
         }
     }
     return lines;

@@ -1,6 +1,6 @@
 // The whole road under random operations: rule lists good, odd and malformed, flushes, policy documents, status
 // changes, restarts, and neighbours who meddle. After each step database, backup, kernel, status and reply are compared
-// with a model.
+// with an oracle.
 //
 // A run prints its seed; NYR_RANDOM_SEED=<seed> repeats it, NYR_RANDOM_STEPS=<count> makes it longer or shorter.
 #include <algorithm>
@@ -19,7 +19,7 @@
 
 namespace {
 
-using model::Chain;
+using firewall_oracle::Chain;
 using systemtest::storedRules;
 
 constexpr unsigned kStepsWithKernel = 150;
@@ -357,7 +357,7 @@ protected:
 
     unsigned seed = numberFrom("NYR_RANDOM_SEED", std::random_device()());
     Source source{seed};
-    model::Road road;
+    firewall_oracle::Road road;
     std::optional<wholesystem::System> system;
     Host host;
     std::ostringstream told; // what the step was about

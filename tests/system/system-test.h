@@ -8,7 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "support/model.h"
+#include "support/firewall-oracle.h"
 #include "support/network.h"
 #include "support/process.h"
 #include "support/whole-system.h"
@@ -16,8 +16,8 @@
 namespace systemtest {
 
 using Lines = std::vector<std::string>;
-using model::Row;
-using model::Rows;
+using firewall_oracle::Row;
+using firewall_oracle::Rows;
 
 // What the log-and-drop chain holds, always.
 inline const Lines kLogAndDrop{"-j LOG --log-prefix \"IPTables-Dropped:\"", "-j DROP"};

@@ -15,7 +15,7 @@
 #include "random-connections.h"
 #include "rlv/table/ruleset-backend.h"
 #include "rlv/table/table.h"
-#include "support/filter-model.h"
+#include "support/filter-oracle.h"
 #include "support/process.h"
 #include "support/random-seed.h"
 

@@ -1,4 +1,4 @@
-// Random connections to a table, held against a model of iptables on plain lists.
+// Random connections to a table, checked against an oracle, iptables on plain lists.
 #ifndef TESTS_PLATFORM_RLV_TABLE_RANDOM_CONNECTIONS_H
 #define TESTS_PLATFORM_RLV_TABLE_RANDOM_CONNECTIONS_H
 
@@ -16,7 +16,7 @@
 #include <gtest/gtest.h>
 
 #include "rlv/table/table.h"
-#include "support/filter-model.h"
+#include "support/filter-oracle.h"
 
 namespace randomly {
 
@@ -83,7 +83,7 @@ inline std::size_t longestCommon(const std::vector<std::string> &left, const std
     return best.back();
 }
 
-// Random commands on a few chains, so that they meet each other, given to a table and to the model. Whoever derives
+// Random commands on a few chains, so that they meet each other, given to a table and to the oracle. Whoever derives
 // from it has the kernel behind the table, and the foreign program.
 class RandomConnections {
 public:

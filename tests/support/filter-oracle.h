@@ -1,6 +1,6 @@
 // What iptables' commands make of a filter table, worked out on plain lists of rule texts.
-#ifndef TESTS_SUPPORT_FILTER_MODEL_H
-#define TESTS_SUPPORT_FILTER_MODEL_H
+#ifndef TESTS_SUPPORT_FILTER_ORACLE_H
+#define TESTS_SUPPORT_FILTER_ORACLE_H
 
 #include <cstdint>
 #include <map>

@@ -1,15 +1,15 @@
-// The model of the random test, held against iptables itself and against SQLite.
+// The oracle of the random test, checked against iptables itself and against SQLite.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include "support/model.h"
+#include "support/firewall-oracle.h"
 #include "support/network.h"
 #include "support/process.h"
 
 namespace {
 
 struct Case {
-    model::Row row;
+    firewall_oracle::Row row;
     bool accepted;
 };
 
@@ -17,10 +17,10 @@ std::ostream &operator<<(std::ostream &stream, const Case &one) {
     return stream << one.row << (one.accepted ? ", accepted" : ", refused");
 }
 
-class ModelOfOneRule : public testing::TestWithParam<Case> {};
+class OracleOfOneRule : public testing::TestWithParam<Case> {};
 
 // What iptables makes of the same words; nothing when it refuses them.
-std::optional<std::string> iptablesShows(const model::Row &row) {
+std::optional<std::string> iptablesShows(const firewall_oracle::Row &row) {
     std::vector<std::string> words{"iptables", "-w", "-A", "MINE"};
     const auto add = [&words](const char *option, const std::string &value) {
         if (!value.empty())
@@ -36,15 +36,15 @@ std::optional<std::string> iptablesShows(const model::Row &row) {
     return network::rulesOf("MINE").back();
 }
 
-TEST_P(ModelOfOneRule, IsWhatIptablesShows) {
+TEST_P(OracleOfOneRule, IsWhatIptablesShows) {
     const auto &[row, accepted] = GetParam();
-    const auto expected = model::kernelRule(row, true, "ACCEPT");
+    const auto expected = firewall_oracle::kernelRule(row, true, "ACCEPT");
     EXPECT_EQ(expected.has_value(), accepted);
     EXPECT_EQ(iptablesShows(row), expected);
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Rules, ModelOfOneRule,
+    Rules, OracleOfOneRule,
     testing::Values(Case{{"", "", "", 1, 0}, true}, Case{{"tcp", "10.0.0.5", "80", 1, 0}, true},
                     Case{{"TCP", "10.1.2.3/8", "80:90", 1, 0}, true}, Case{{"udp", "", ":53", 1, 0}, true},
                     Case{{"17", "", "53:", 1, 0}, true}, Case{{"6", "10.0.0.5/32", "7:7", 1, 0}, true},
@@ -57,7 +57,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Case{{"tcp", "256.0.0.1", "", 1, 0}, false}, Case{{"tcp", "10.0.0.1/33", "", 1, 0}, false},
                     Case{{"nonsense", "", "", 1, 0}, false}));
 
-TEST(ModelOfTheTable, MovesAReplacedRowToTheEndAsSqliteDoes) {
+TEST(OracleOfTheTable, MovesAReplacedRowToTheEndAsSqliteDoes) {
     sqlite3 *database = nullptr;
     ASSERT_EQ(sqlite3_open(":memory:", &database), SQLITE_OK);
     sqlite3_exec(database,
@@ -76,20 +76,20 @@ TEST(ModelOfTheTable, MovesAReplacedRowToTheEndAsSqliteDoes) {
     sqlite3_close(database);
     EXPECT_EQ(order, "30 12 21 ");
 
-    model::Road road;
+    firewall_oracle::Road road;
     road.start();
     road.applyDeny("tcp:10.0.0.1:1:bid;tcp:10.0.0.2:1:bid;tcp:10.0.0.3:1:bid;tcp:10.0.0.1:1:in;tcp:10.0.0.1:1:out;"
                    "tcp:10.0.0.2:1:in");
-    const model::Rows expected{
+    const firewall_oracle::Rows expected{
         {"tcp", "10.0.0.3", "1", 0, 0}, {"tcp", "10.0.0.1", "1", 2, 0}, {"tcp", "10.0.0.2", "1", 1, 0}};
     EXPECT_EQ(road.rows(), expected);
 }
 
-TEST(ModelOfTheRoad, LeavesAppliedWhatStoodBeforeTheFirstFailure) {
-    model::Road road;
+TEST(OracleOfTheRoad, LeavesAppliedWhatStoodBeforeTheFirstFailure) {
+    firewall_oracle::Road road;
     road.start();
     EXPECT_EQ(road.applyDeny("tcp:10.0.0.1:1:in;tcp:10.0.0.2:70000:in;tcp:10.0.0.3:1:in"), 2);
-    EXPECT_EQ(road.deny, model::Chain{"-s 10.0.0.1/32 -p tcp -m tcp --sport 1 -j VPK-LOGANDDROP"});
+    EXPECT_EQ(road.deny, firewall_oracle::Chain{"-s 10.0.0.1/32 -p tcp -m tcp --sport 1 -j VPK-LOGANDDROP"});
     EXPECT_EQ(road.applyDeny("tcp:10.0.0.3:1:in;bad"), -1);
     EXPECT_EQ(road.rows().size(), 1U);
 }

@@ -1,14 +1,14 @@
 // What the rule database and the kernel's chains must hold after a row of operations, worked out from the laid-down
 // behaviour alone and with no code of the plugin or the platform.
-#ifndef TESTS_SUPPORT_MODEL_H
-#define TESTS_SUPPORT_MODEL_H
+#ifndef TESTS_SUPPORT_FIREWALL_ORACLE_H
+#define TESTS_SUPPORT_FIREWALL_ORACLE_H
 
 #include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
 
-namespace model {
+namespace firewall_oracle {
 
 // A row of the rule table.
 struct Row {
@@ -79,6 +79,6 @@ private:
     int stored_ = 1;
 };
 
-} // namespace model
+} // namespace firewall_oracle
 
 #endif

@@ -1,4 +1,4 @@
-#include "support/filter-model.h"
+#include "support/filter-oracle.h"
 
 #include <algorithm>
 #include <utility>

@@ -1,4 +1,4 @@
-#include "support/model.h"
+#include "support/firewall-oracle.h"
 
 #include <algorithm>
 #include <cctype>
@@ -6,7 +6,7 @@
 #include <sstream>
 #include <tuple>
 
-namespace model {
+namespace firewall_oracle {
 namespace {
 
 constexpr int kBadText = 2; // the service's code for what it does not understand
@@ -294,4 +294,4 @@ void Road::foreignAppend(const std::string &builtIn, const std::string &rule) {
     (builtIn == "INPUT" ? input : output).push_back(rule);
 }
 
-} // namespace model
+} // namespace firewall_oracle
