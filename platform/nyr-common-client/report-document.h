@@ -1,5 +1,5 @@
-// The text form of a report: a JSON object with "type", "subtype", "time" and "body". A body that is not UTF-8 stands
-// in base64 (RFC 4648, padded), and "encoding" is then "base64".
+// The text form of a report: a JSON object with "type", "subtype", "time" and "body". The body is UTF-8 where the
+// reporter's is, as JSON's is; the bytes of any other stand as they came, which fromDocument() gives back too.
 #ifndef PLATFORM_NYR_COMMON_CLIENT_REPORT_DOCUMENT_H
 #define PLATFORM_NYR_COMMON_CLIENT_REPORT_DOCUMENT_H
 
