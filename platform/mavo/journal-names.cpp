@@ -6,9 +6,10 @@
 #include <map>
 #include <mutex>
 #include <optional>
-#include <sqlite3.h>
 #include <string>
 #include <sys/stat.h>
+
+#include "mavo/sqlite-calls.h"
 
 namespace mavo {
 namespace database {
@@ -52,23 +53,17 @@ int openDirectoryOfNew(const char *journal, int *descriptor) {
     return isKnown(journal) ? SQLITE_CANTOPEN : ownOpenDirectory(journal, descriptor);
 }
 
-bool replaceOpenDirectory() {
-    constexpr int kHasSystemCalls = 3; // the version from which on they can be replaced
-    constexpr const char *kName = "openDirectory";
-    sqlite3_vfs *const system = sqlite3_vfs_find(nullptr);
-    if (system == nullptr || system->iVersion < kHasSystemCalls)
-        return false;
-    ownOpenDirectory = reinterpret_cast<OpenDirectory>(system->xGetSystemCall(system, kName));
-    if (ownOpenDirectory != nullptr)
-        system->xSetSystemCall(system, kName, reinterpret_cast<sqlite3_syscall_ptr>(openDirectoryOfNew));
-    return ownOpenDirectory != nullptr;
+void replaceOpenDirectory() {
+    sqlite3_vfs *const system = replaceableCalls();
+    if (system != nullptr)
+        replaceCall<OpenDirectory>(system, "openDirectory", ownOpenDirectory, openDirectoryOfNew);
 }
 
 } // namespace
 
 void rememberJournalNames() {
-    static const bool remembered = replaceOpenDirectory();
-    static_cast<void>(remembered);
+    static std::once_flag once;
+    std::call_once(once, replaceOpenDirectory);
 }
 
 } // namespace database

@@ -7,6 +7,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <limits>
+#include <mutex>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -71,21 +72,20 @@ int anyFstat(int descriptor, struct stat *status) {
     return isTooLate(result) ? statLate(descriptor, "", AT_EMPTY_PATH, status) : result;
 }
 
-bool replaceAll() {
+void replaceAll() {
     sqlite3_vfs *const system = replaceableCalls();
     if (system == nullptr)
-        return false;
+        return;
     replaceCall<ByPath>(system, "stat", ownStat, anyStat);
     replaceCall<ByPath>(system, "lstat", ownLstat, anyLstat);
     replaceCall<ByDescriptor>(system, "fstat", ownFstat, anyFstat);
-    return true;
 }
 
 } // namespace
 
 void acceptLateFileTimes() {
-    static const bool replaced = replaceAll();
-    static_cast<void>(replaced);
+    static std::once_flag once;
+    std::call_once(once, replaceAll);
 }
 
 } // namespace database

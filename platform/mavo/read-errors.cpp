@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <sqlite3.h>
 #include <sys/types.h>
 
@@ -39,21 +40,20 @@ ssize_t watchedPread64(int fd, void *buffer, std::size_t count, std::int64_t off
     return noted(ownPread64(fd, buffer, count, offset));
 }
 
-bool watchAll() {
+void watchAll() {
     sqlite3_vfs *const system = replaceableCalls();
     if (system == nullptr)
-        return false;
+        return;
     replaceCall<Read>(system, "read", ownRead, watchedRead);
     replaceCall<ReadAt>(system, "pread", ownPread, watchedPread);
     replaceCall<ReadAt>(system, "pread64", ownPread64, watchedPread64);
-    return true;
 }
 
 } // namespace
 
 void watchReading() {
-    static const bool watched = watchAll();
-    static_cast<void>(watched);
+    static std::once_flag once;
+    std::call_once(once, watchAll);
 }
 
 int readError() { return lastError; }

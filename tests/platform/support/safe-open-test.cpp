@@ -1,10 +1,14 @@
 #include "support/safe-open.h"
 
 #include <cerrno>
+#include <cstddef>
+#include <deque>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <sys/syscall.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,6 +20,9 @@ namespace {
 using testing::HasSubstr;
 
 const std::string kPath = "/run/place/file";
+
+// What becomes of the next calls of read(2): an errno, or 0 for what the system makes of them.
+std::deque<int> reads;
 
 class APlainFile : public testing::Test {
 protected:
@@ -90,6 +97,16 @@ TEST_F(APlainFile, IsReadWhole) {
     EXPECT_EQ(support::contentsOfPlain(kPath), "");
 }
 
+TEST_F(APlainFile, IsReadOnAfterSignalsAndIsEmptyWhereItCannotBeReadToItsEnd) {
+    const std::string text(10'000, 'x');
+    write(kPath, text);
+    reads = {EINTR, 0, EINTR, EINTR, 0};
+    EXPECT_EQ(support::contentsOfPlain(kPath), text);
+    reads = {0, 0, EIO};
+    EXPECT_EQ(support::contentsOfPlain(kPath), "");
+    EXPECT_TRUE(reads.empty());
+}
+
 TEST_F(APlainFile, MayBelongToTheAccountOfItsFolderWhereThatIsSaid) {
     write(kPath, "theirs");
     ASSERT_EQ(::chown(kPath.c_str(), 4711, 4711), 0);
@@ -100,3 +117,14 @@ TEST_F(APlainFile, MayBelongToTheAccountOfItsFolderWhereThatIsSaid) {
 }
 
 } // namespace
+
+// In place of the C library's, for everybody in this program.
+extern "C" __attribute__((visibility("default"))) ssize_t read(int fd, void *buffer, std::size_t count) {
+    if (!reads.empty()) {
+        errno = reads.front();
+        reads.pop_front();
+        if (errno != 0)
+            return -1;
+    }
+    return ::syscall(SYS_read, fd, buffer, count);
+}
