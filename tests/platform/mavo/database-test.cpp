@@ -128,4 +128,32 @@ TEST(AStatement, IsNotSaidToHaveBeenExecutedWithoutMemory) {
     EXPECT_GT(untold, 0);
 }
 
+// Opens as the plugin does, which takes an exception for damage.
+const char *openForMemory() {
+    try {
+        Connection connection(kForMemory, 2, true);
+        Statement table(connection, "CREATE TABLE IF NOT EXISTS t (a)");
+        return table.exec() ? "open" : "not executed";
+    } catch (const mavo::Exception &exception) {
+        return "damaged";
+    } catch (const mavo::database::Unavailable &) {
+        return "unavailable";
+    }
+}
+
+TEST(ADatabase, IsNotTakenForDamagedWithoutMemory) {
+    {
+        Connection connection(kForMemory, 6, true);
+        Statement(connection, "CREATE TABLE t (a)").exec();
+    }
+    int number = 0;
+    for (bool failed = true; failed;) {
+        const AFailingAllocation allocation(++number);
+        const std::string result = openForMemory();
+        failed = AFailingAllocation::hasFailed();
+        ASSERT_THAT(result, testing::AnyOf("open", "unavailable")) << number;
+    }
+    EXPECT_GT(number, 10);
+}
+
 } // namespace

@@ -139,6 +139,17 @@ TEST(AServer, LetsAClientSendTheBodyThatItRefusedForItsSize) {
     EXPECT_EQ(Status::malformed, client.reply().value_or(Reply()).status);
 }
 
+TEST(AServer, ReadsTwoLargestBodiesAfterABadHeadAndNoMore) {
+    const ServerProcess server;
+    const RawClient client;
+    const std::string mebibyte(std::size_t{1024} * 1024, 'z');
+    int taken = 0;
+    while (taken < 20 && client.send(mebibyte))
+        ++taken;
+    EXPECT_GE(taken, 8);
+    EXPECT_LE(taken, 10); // with what the socket holds
+}
+
 TEST(AServer, AnswersARequestThatEndsTooEarly) {
     const ServerProcess server;
     const std::string request = requestBytes("Echo", body("early"));
