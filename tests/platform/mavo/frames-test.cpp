@@ -1,9 +1,7 @@
-// The frames of our sockets: the same bytes on every machine, read from wherever in memory they lie.
-#include "mavo/rmi-protocol.h"
-#include "mavo/rmi.h"
+// The frames of the traffic-control service's socket: the same bytes on every machine, read from wherever in memory
+// they lie.
 #include "rlv/protocol.h"
 
-#include <climits>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -181,94 +179,6 @@ TEST(AStateOfTheTrafficControlService, IsNoneWhenALengthIsLargerThanMemory) {
     ASSERT_NE(std::string::npos, name);
     for (const char *length : {"\xff\xff\xff\xff", "\xff\xff\xff\x7f", "\x05\x00\x00\x80"})
         EXPECT_FALSE(rlv::protocol::decodeState(text.replace(name - 4, 4, length, 4)));
-}
-
-TEST(ARequestToTheHost, HasTheseBytes) {
-    EXPECT_EQ("RMI1\4\0\0\0\3\2\1\0Echo"s, mavo::rmi::encodeRequestHead("Echo", 0x10203));
-    const auto head = mavo::rmi::decodeRequestHead("RMI1\4\0\0\0\3\2\1\0"s);
-    ASSERT_TRUE(head);
-    EXPECT_EQ(4U, head->nameBytes);
-    EXPECT_EQ(0x10203U, head->bodyBytes);
-}
-
-TEST(ARequestToTheHost, IsNoneWithOtherBytesInFrontOrWithTooMany) {
-    for (const std::string &bytes : {"RMI1\4\0\0\0\3\2\1"s, "RMI1\4\0\0\0\3\2\1\0E"s, "RMP1\4\0\0\0\3\2\1\0"s,
-                                     "RMI1\1\1\0\0\3\2\1\0"s, "RMI1\4\0\0\0\xff\xff\xff\xff"s})
-        EXPECT_FALSE(mavo::rmi::decodeRequestHead(bytes)) << bytes;
-    for (const char *const bytes : {"", "R", "RMI", "RMI1", "RMI1\4"})
-        EXPECT_TRUE(mavo::rmi::beginsRequest(bytes)) << bytes;
-    for (const char *const bytes : {"X", "RMX", "RMP1", "RMI2"})
-        EXPECT_FALSE(mavo::rmi::beginsRequest(bytes)) << bytes;
-}
-
-TEST(AReplyOfTheHost, HasTheseBytes) {
-    const std::string body(0x102, 'b');
-    const std::string content = "\3\0\0\0\2\1\0\0"s + body + "\1\0\0\0e\2\0\0\0rm"s;
-    EXPECT_EQ("RMP1\x15\1\0\0"s + content, mavo::rmi::encodeReply({mavo::rmi::Status::denied, body, "e", "rm"}));
-}
-
-TEST(AMessageOfARemoteMethod, HasTheseBytes) {
-    mavo::rmi::Message message;
-    message.write(-2);
-    message.write("ab"s);
-    EXPECT_EQ("\xfe\xff\xff\xff\2\0\0\0ab"s, message.body());
-}
-
-// What ends before a value does is not read, and the values before it can be.
-TEST(AMessageOfARemoteMethod, ReadsNothingOfWhatIsTorn) {
-    for (const std::string &body : {"\2\0\0\0a"s, "\xff\xff\xff\xff"s, "\2\0\0"s}) {
-        mavo::rmi::Message message(body);
-        std::string text = "before";
-        EXPECT_THROW(message.read(text), mavo::rmi::BadArguments);
-        EXPECT_EQ("before", text);
-        int number = 7;
-        if (body.size() >= 4)
-            message.read(number);
-        else
-            EXPECT_THROW(message.read(number), mavo::rmi::BadArguments);
-        EXPECT_EQ(body.size() < 4 ? 7 : body[0] == 2 ? 2 : -1, number);
-    }
-}
-
-TEST(AMessageOfARemoteMethod, KeepsNumbersAtAnyAddress) {
-    for (std::size_t length = 0; length < 9; ++length) {
-        mavo::rmi::Message written;
-        written.write(std::string(length, 'x'));
-        for (const int number : {INT_MIN, -1, INT_MAX})
-            written.write(number);
-        mavo::rmi::Message message(written.body());
-        std::string text;
-        message.read(text);
-        EXPECT_EQ(length, text.size());
-        for (const int expected : {INT_MIN, -1, INT_MAX}) {
-            int number = 0;
-            message.read(number);
-            EXPECT_EQ(expected, number) << length;
-        }
-    }
-}
-
-TEST(AReplyOfTheHost, KeepsItsFieldsAtAnyAddress) {
-    for (std::size_t length = 0; length < 9; ++length) {
-        const mavo::rmi::Reply sent{mavo::rmi::Status::exception, std::string(length, 'b'), "e", "r"};
-        const std::string frame = mavo::rmi::encodeReply(sent);
-        const auto size = mavo::rmi::decodeReplyHead(frame.substr(0, mavo::rmi::kReplyHeadBytes));
-        ASSERT_EQ(frame.size() - mavo::rmi::kReplyHeadBytes, size);
-        const auto reply = mavo::rmi::decodeReply(frame.substr(mavo::rmi::kReplyHeadBytes));
-        ASSERT_TRUE(reply) << length;
-        EXPECT_EQ(sent.status, reply->status);
-        EXPECT_EQ(sent.body, reply->body);
-        EXPECT_EQ(sent.error, reply->error);
-        EXPECT_EQ(sent.remarks, reply->remarks);
-    }
-}
-
-TEST(AReplyOfTheHost, IsNoneWhenItsLengthsAreLargerThanMemory) {
-    const std::string head("RMP1\xff\xff\xff\xff", mavo::rmi::kReplyHeadBytes);
-    EXPECT_FALSE(mavo::rmi::decodeReplyHead(head));
-    std::string content(4, '\0');
-    content += "\xff\xff\xff\xff" + std::string(20, '\0');
-    EXPECT_FALSE(mavo::rmi::decodeReply(content));
 }
 
 } // namespace

@@ -1,11 +1,9 @@
 #include "mavo/rmi-client.h"
 
 #include <csignal>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <system_error>
@@ -71,33 +69,12 @@ int errorOf(const std::function<void()> &action) {
     return 0;
 }
 
-TEST(AReply, IsReadAsItWasWritten) {
-    const Reply written{Status::exception, std::string("b\0dy", 4), "error", std::string("r\0marks", 7)};
-    const std::string frame = encodeReply(written);
-    const auto length = mavo::rmi::decodeReplyHead(frame.substr(0, mavo::rmi::kReplyHeadBytes));
-    ASSERT_EQ(frame.size() - mavo::rmi::kReplyHeadBytes, length.value_or(0));
-    const auto read = mavo::rmi::decodeReply(frame.substr(mavo::rmi::kReplyHeadBytes));
-    ASSERT_TRUE(read);
-    EXPECT_EQ(written.status, read->status);
-    EXPECT_EQ(written.body, read->body);
-    EXPECT_EQ(written.error, read->error);
-    EXPECT_EQ(written.remarks, read->remarks);
-}
-
-TEST(AReply, IsNotReadFromMoreOrLessThanItself) {
-    const std::string content =
-        encodeReply({Status::ok, "body", "error", "remarks"}).substr(mavo::rmi::kReplyHeadBytes);
-    for (std::size_t size = 0; size < content.size(); ++size)
-        EXPECT_FALSE(mavo::rmi::decodeReply(content.substr(0, size))) << size;
-    EXPECT_FALSE(mavo::rmi::decodeReply(content + '\0'));
-    EXPECT_FALSE(mavo::rmi::decodeReply('\6' + content.substr(1))) << "an unknown status";
-}
-
 TEST(AClient, CannotBeMadeWhereNobodyServes) {
     EXPECT_EQ(ENOENT, errorOf([] { const Client client(kPath); }));
     listenAt(kPath, 0600).reset();
     EXPECT_EQ(ECONNREFUSED, errorOf([] { const Client client(kPath); }));
     EXPECT_EQ(ENAMETOOLONG, errorOf([] { const Client client(std::string(200, 'x')); }));
+    EXPECT_EQ(EINVAL, errorOf([] { const Client client(""); }));
 }
 
 TEST(AClient, CannotBeMadeByAnAccountThatMayNotUseTheSocket) {
@@ -163,52 +140,6 @@ TEST(AClient, GoesOnAfterSignals) {
     const std::string text(4'000'000, 's');
     EXPECT_TRUE(rmitest::echoOnce(text) == text);
     ::setitimer(ITIMER_REAL, &never, nullptr);
-}
-
-TEST(AListeningSocket, SaysWhichPathItCannotHave) {
-    const auto textOf = [](const std::string &path) {
-        try {
-            listenAt(path, 0600);
-        } catch (const std::system_error &error) {
-            return std::string(error.what());
-        }
-        return std::string();
-    };
-    const std::string longest = "/run/" + std::string(102, 'x');
-    EXPECT_EQ("", textOf(longest));
-    EXPECT_EQ(longest + "x: File name too long", textOf(longest + "x"));
-    EXPECT_EQ(": Invalid argument", textOf(""));
-    EXPECT_EQ(EINVAL, errorOf([] { listenAt(std::string("/run/a\0b", 8), 0600); }));
-    EXPECT_EQ(EINVAL, errorOf([] { const Client client(""); }));
-}
-
-TEST(AListeningSocket, HasExactlyTheModeWhateverTheUmask) {
-    for (const mode_t mask : {0U, 0077U, 0777U}) {
-        ::umask(mask);
-        for (const mode_t mode : {0666U, 0660U, 0600U}) {
-            const UniqueFd listener = listenAt(kPath, mode);
-            struct stat status {};
-            ASSERT_EQ(0, ::lstat(kPath, &status));
-            EXPECT_EQ(mode, status.st_mode & 07777U);
-        }
-    }
-    ::umask(022);
-}
-
-TEST(AListeningSocket, ReplacesADeadOneAlone) {
-    listenAt(kPath, 0600).reset();
-    const UniqueFd living = listenAt(kPath, 0600);
-    EXPECT_EQ(EADDRINUSE, errorOf([] { listenAt(kPath, 0600); }));
-    const Client client(kPath);
-}
-
-TEST(AListeningSocket, LeavesOtherFilesAlone) {
-    std::ofstream(kPath) << "precious";
-    EXPECT_EQ(EADDRINUSE, errorOf([] { listenAt(kPath, 0600); }));
-    std::string content;
-    std::ifstream(kPath) >> content;
-    EXPECT_EQ("precious", content);
-    EXPECT_EQ(ENOENT, errorOf([] { listenAt("/run/missing/socket", 0600); }));
 }
 
 } // namespace

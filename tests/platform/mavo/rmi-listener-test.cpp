@@ -1,0 +1,75 @@
+#include <cerrno>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <sys/stat.h>
+#include <system_error>
+
+#include <gtest/gtest.h>
+
+#include "mavo/rmi-client.h"
+#include "mavo/rmi-server.h"
+
+namespace {
+
+using mavo::rmi::Client;
+using mavo::rmi::listenAt;
+using support::UniqueFd;
+
+constexpr const char *kPath = "/run/socket";
+
+int errorOf(const std::function<void()> &action) {
+    try {
+        action();
+    } catch (const std::system_error &error) {
+        return error.code().value();
+    }
+    return 0;
+}
+
+TEST(AListeningSocket, SaysWhichPathItCannotHave) {
+    const auto textOf = [](const std::string &path) {
+        try {
+            listenAt(path, 0600);
+        } catch (const std::system_error &error) {
+            return std::string(error.what());
+        }
+        return std::string();
+    };
+    const std::string longest = "/run/" + std::string(102, 'x');
+    EXPECT_EQ("", textOf(longest));
+    EXPECT_EQ(longest + "x: File name too long", textOf(longest + "x"));
+    EXPECT_EQ(": Invalid argument", textOf(""));
+    EXPECT_EQ(EINVAL, errorOf([] { listenAt(std::string("/run/a\0b", 8), 0600); }));
+}
+
+TEST(AListeningSocket, HasExactlyTheModeWhateverTheUmask) {
+    for (const mode_t mask : {0U, 0077U, 0777U}) {
+        ::umask(mask);
+        for (const mode_t mode : {0666U, 0660U, 0600U}) {
+            const UniqueFd listener = listenAt(kPath, mode);
+            struct stat status {};
+            ASSERT_EQ(0, ::lstat(kPath, &status));
+            EXPECT_EQ(mode, status.st_mode & 07777U);
+        }
+    }
+    ::umask(022);
+}
+
+TEST(AListeningSocket, ReplacesADeadOneAlone) {
+    listenAt(kPath, 0600).reset();
+    const UniqueFd living = listenAt(kPath, 0600);
+    EXPECT_EQ(EADDRINUSE, errorOf([] { listenAt(kPath, 0600); }));
+    const Client client(kPath);
+}
+
+TEST(AListeningSocket, LeavesOtherFilesAlone) {
+    std::ofstream(kPath) << "precious";
+    EXPECT_EQ(EADDRINUSE, errorOf([] { listenAt(kPath, 0600); }));
+    std::string content;
+    std::ifstream(kPath) >> content;
+    EXPECT_EQ("precious", content);
+    EXPECT_EQ(ENOENT, errorOf([] { listenAt("/run/missing/socket", 0600); }));
+}
+
+} // namespace
