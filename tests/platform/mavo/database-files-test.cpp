@@ -12,7 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "file-calls.h"
+#include "support/file-calls.h"
 #include "mavo/database.h"
 
 namespace {

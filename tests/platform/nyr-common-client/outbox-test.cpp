@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <ctime>
 #include <fcntl.h>
 #include <filesystem>
@@ -18,6 +19,8 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include "support/file-calls.h"
 
 namespace {
 
@@ -127,7 +130,28 @@ TEST_F(AnOutbox, GivesBackAnyBytes) {
     EXPECT_THAT(bodies(), ElementsAre(all, ""));
 }
 
+TEST_F(AnOutbox, NamesAReportByItsMomentAndProcess) {
+    const auto now = [] {
+        std::timespec time{};
+        ::clock_gettime(CLOCK_REALTIME, &time);
+        return std::uint64_t{1'000'000'000} * static_cast<std::uint64_t>(time.tv_sec) +
+               static_cast<std::uint64_t>(time.tv_nsec);
+    };
+    const auto before = now();
+    nyr::putReport(reportOf("x"));
+    const std::string name = nyr::readOutbox().at(0).file;
+    ASSERT_THAT(name, testing::MatchesRegex("[0-9]{20}-[0-9]{10}\\.json"));
+    EXPECT_GE(std::stoull(name), before);
+    EXPECT_LE(std::stoull(name), now());
+    EXPECT_EQ(::getpid(), std::stoi(name.substr(21)));
+}
+
 // --- bounds ---
+
+TEST_F(AnOutbox, HoldsAThousandReportsAnd16MebibytesUnlessSaidOtherwise) {
+    EXPECT_EQ(1000U, OutboxLimits{}.reports);
+    EXPECT_EQ(16'777'216U, OutboxLimits{}.bytes);
+}
 
 TEST_F(AnOutbox, LosesTheOldestReportsWhenThereAreTooMany) {
     const OutboxLimits limits{3, 1000000};
@@ -158,8 +182,12 @@ TEST_F(AnOutbox, RefusesAReportThatAloneIsTooLargeAndLosesNone) {
         FAIL();
     } catch (const std::system_error &error) {
         EXPECT_EQ(EFBIG, error.code().value());
+        EXPECT_STREQ("outbox /opt/data/vpk/outbox: a report of 1055 bytes: File too large", error.what());
     }
+    EXPECT_THROW(nyr::putReport(reportOf(""), {0, 1000}), std::system_error);
     EXPECT_THAT(bodies(), ElementsAre("1"));
+    nyr::putReport(reportOf(std::string(945, 'x')), {10, 1000}); // just not too large
+    EXPECT_THAT(bodies(), ElementsAre(std::string(945, 'x')));
 }
 
 TEST_F(AnOutbox, KeepsTheNewestLastAlsoWhenTheClockWasSetBack) {
@@ -213,6 +241,68 @@ TEST_F(AnOutbox, PassesOverWhatIsNoReportAndNamesIt) {
     EXPECT_EQ(expected, ignored);
 }
 
+TEST_F(AnOutbox, ReadsNoFileThatIsLongerThanAllReportsMayBe) {
+    nyr::putReport(reportOf("x"));
+    const std::filesystem::path path = kDirectory / nyr::readOutbox().at(0).file;
+    std::ofstream(path, std::ios::app) << std::string(16'777'216 - std::filesystem::file_size(path), ' ');
+    EXPECT_THAT(bodies(), ElementsAre("x"));
+    std::ofstream(path, std::ios::app) << ' ';
+    EXPECT_THAT(bodies(), IsEmpty());
+}
+
+TEST_F(AnOutbox, KnowsItsReportsByTheirNames) {
+    nyr::putReport(reportOf("x"));
+    const std::vector<std::string> others{
+        "0000000000000000000-00000000001.json",  "0000000000000000000x-0000000001.json",
+        "00000000000000000000-000000000x.json",  "00000000000000000000-0000000001.jso1",
+        "00000000000000000000-0000000001.json1", "00000000000000000000-000000001.json",
+        "00000000000000000000_0000000001.json"};
+    for (const std::string &name : others)
+        std::filesystem::copy(kDirectory / nyr::readOutbox().at(0).file, kDirectory / name);
+    std::vector<std::string> ignored;
+    EXPECT_THAT(nyr::readOutbox(&ignored), SizeIs(1));
+    EXPECT_THAT(ignored, testing::UnorderedElementsAreArray(others));
+    nyr::putReport(reportOf("y"), {1, 1'000'000});
+    EXPECT_THAT(namesIn(kDirectory), SizeIs(1 + others.size()));
+}
+
+TEST_F(AnOutbox, BelievesNobodyElsesFiles) {
+    nyr::putReport(reportOf("ours"));
+    const std::string name = "00000000000000000000-0000000001.json";
+    std::filesystem::copy(kDirectory / nyr::readOutbox().at(0).file, kDirectory / name);
+    ASSERT_EQ(0, ::chown((kDirectory / name).c_str(), 4711, 4711));
+    std::vector<std::string> ignored;
+    EXPECT_THAT(nyr::readOutbox(&ignored), SizeIs(1));
+    EXPECT_THAT(ignored, ElementsAre(name));
+}
+
+TEST_F(AnOutbox, IsNoFolderOfSomebodyElseAndNoFile) {
+    nyr::putReport(reportOf("x"));
+    ASSERT_EQ(0, ::chown(kDirectory.c_str(), 4711, 4711));
+    std::string body = "y";
+    EXPECT_EQ(-1, nyr::sendReport(1, 2, body));
+    EXPECT_THAT(logged_,
+                ElementsAre("E NYR_REPORT: report 1/2 is lost: outbox /opt/data/vpk/outbox: belongs to account "
+                            "4711: Operation not permitted"));
+    EXPECT_THROW(nyr::readOutbox(), std::system_error);
+    std::filesystem::remove_all(kDirectory);
+    std::ofstream(kDirectory) << "x";
+    try {
+        nyr::readOutbox();
+        FAIL();
+    } catch (const std::system_error &error) {
+        EXPECT_STREQ("outbox /opt/data/vpk/outbox: cannot be opened: Not a directory", error.what());
+    }
+}
+
+TEST_F(AnOutbox, LeavesFoldersAndLinksThatAreCalledLikeReports) {
+    std::filesystem::create_directories(kDirectory / "00000000000000000000-0000000001.json");
+    std::filesystem::create_symlink("/run", kDirectory / "00000000000000000000-0000000002.json");
+    nyr::putReport(reportOf("x"), {1, 1'000'000});
+    EXPECT_THAT(namesIn(kDirectory), SizeIs(3));
+    EXPECT_THAT(logged_, IsEmpty());
+}
+
 TEST_F(AnOutbox, LosesTheLeftoversOfAWriterThatDiedAndNothingElse) {
     nyr::putReport(reportOf("1"));
     const std::string leftover = ".00000000000000000001-0000000001.json";
@@ -247,6 +337,38 @@ TEST_F(AnOutbox, OnAFullDiskKeepsWhatItHasAndLeavesNoHalfFile) {
     EXPECT_THAT(logged_[0], testing::HasSubstr("No space left on device"));
     EXPECT_THAT(bodies(), ElementsAre("1"));
     EXPECT_THAT(namesIn(kDirectory), SizeIs(1));
+}
+
+TEST_F(AnOutbox, WritesPieceByPieceAndGoesOnAfterSignals) {
+    calls::writeBytes = 7;
+    calls::writes = {EINTR, 0, EINTR, EINTR};
+    nyr::putReport(reportOf("x"));
+    calls::writeBytes = 1'000;
+    EXPECT_THAT(bodies(), ElementsAre("x"));
+}
+
+TEST_F(AnOutbox, IsOnTheDiskWhenAReportIsTaken) {
+    nyr::putReport(reportOf("x"));
+    const std::string name = nyr::readOutbox().at(0).file;
+    EXPECT_THAT(calls::synchronised, ElementsAre((kDirectory / ("." + name)).string(), kDirectory.string()));
+}
+
+TEST_F(AnOutbox, SaysWhatCouldNotBeWritten) {
+    nyr::putReport(reportOf("1"));
+    std::string body = "2";
+    calls::fsyncs = {EIO};
+    EXPECT_EQ(-1, nyr::sendReport(1, 2, body));
+    calls::writes = {ENOSPC};
+    EXPECT_EQ(-1, nyr::sendReport(1, 2, body));
+    EXPECT_THAT(bodies(), ElementsAre("1"));
+    EXPECT_THAT(namesIn(kDirectory), SizeIs(1));
+    calls::fsyncs = {0, EIO};
+    EXPECT_EQ(-1, nyr::sendReport(1, 2, body));
+    const std::string line = "E NYR_REPORT: report 1/2 is lost: outbox /opt/data/vpk/outbox: cannot ";
+    ASSERT_EQ(3U, logged_.size());
+    EXPECT_THAT(logged_[0], testing::MatchesRegex(line + "write \\..*\\.json: Input/output error"));
+    EXPECT_THAT(logged_[1], testing::MatchesRegex(line + "write \\..*\\.json: No space left on device"));
+    EXPECT_EQ(line + "be written: Input/output error", logged_[2]);
 }
 
 TEST_F(AnOutbox, IsFilledByAProcessWithoutStandardStreamsAndWithUmaskZero) {

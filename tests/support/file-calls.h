@@ -1,6 +1,6 @@
 // write(2) and fsync(2) of this program, with faults. To be included once in a program.
-#ifndef TESTS_PLATFORM_MAVO_FILE_CALLS_H
-#define TESTS_PLATFORM_MAVO_FILE_CALLS_H
+#ifndef TESTS_SUPPORT_FILE_CALLS_H
+#define TESTS_SUPPORT_FILE_CALLS_H
 
 #include <algorithm>
 #include <cerrno>
