@@ -30,14 +30,14 @@ bool isDeviceOfRoot(const std::string &path) {
     return ::lstat(path.c_str(), &found) == 0 && S_ISCHR(found.st_mode) && found.st_uid == 0;
 }
 
-// Empty with errno set when it fails, and then with the reason in `problem`.
+// Empty with errno set when it fails, and with what is wrong in `problem` where something that lies there is refused.
 UniqueFd openExisting(const std::string &path, std::string *problem = nullptr) {
     constexpr int kFlags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOCTTY | O_NOFOLLOW | O_NONBLOCK;
     if (isDeviceOfRoot(path))
         return support::aboveStandardStreams(UniqueFd(::open(path.c_str(), kFlags)));
     auto opened = support::openPlain(path, kFlags);
     if (problem != nullptr)
-        *problem = opened.problem;
+        *problem = opened.error == EPERM ? opened.problem : std::string();
     errno = opened.error;
     return std::move(opened.fd);
 }

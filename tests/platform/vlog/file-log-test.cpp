@@ -1,10 +1,12 @@
 #include <cstdint>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <regex>
 #include <set>
 #include <string>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <system_error>
 #include <vector>
 
@@ -17,6 +19,7 @@
 namespace {
 
 using namespace loglines; // NOLINT(google-build-using-namespace): made for these tests
+using support::UniqueFd;
 using testing::ElementsAre;
 
 TEST(ALogFile, HasItsModeWhateverTheUmaskSays) {
@@ -110,10 +113,54 @@ TEST(ALogFile, IsMadeAgainAtOnceAfterSomebodyRenamedASmallOne) {
     EXPECT_THAT(textsOf(kPath), ElementsAre("two"));
 }
 
+std::string refusalOf(const std::string &path) {
+    try {
+        vlog::useFile({path});
+    } catch (const std::system_error &error) {
+        return error.what();
+    }
+    return "taken";
+}
+
 TEST(ALogFile, IsNotFollowedThroughALink) {
     std::filesystem::create_symlink("/run/elsewhere", kPath);
     std::ofstream("/run/elsewhere") << "";
-    EXPECT_THROW(useFile(), std::system_error);
+    EXPECT_EQ("log file /run/log: is a symbolic link of account 0, where a file of account 0 should be: Operation not "
+              "permitted",
+              refusalOf(kPath));
+}
+
+TEST(ALogFile, MayBeADeviceOfRootAlone) {
+    EXPECT_EQ("taken", refusalOf("/dev/null"));
+    ASSERT_EQ(0, ::mknod("/run/device", S_IFCHR | 0600, makedev(1, 3)));
+    EXPECT_EQ("taken", refusalOf("/run/device"));
+    ASSERT_EQ(0, ::chown("/run/device", 4711, 4711));
+    EXPECT_THAT(refusalOf("/run/device"), testing::HasSubstr("is a device of account 4711"));
+}
+
+TEST(ALogFile, CannotBeInAFolderThatIsNotThere) {
+    EXPECT_EQ("log file /run/missing/log: No such file or directory", refusalOf("/run/missing/log"));
+}
+
+TEST(ALogFile, IsEmptiedWhereItCannotBecomeTheOldOne) {
+    std::filesystem::create_directories(kPath + ".1/full");
+    useFile(100);
+    EXPECT_GT(LOG_INFO_LINE("%s", std::string(60, 'x').c_str()), 0);
+    EXPECT_GT(LOG_INFO_LINE("%s", std::string(60, 'y').c_str()), 0);
+    EXPECT_THAT(textsOf(kPath), ElementsAre(std::string(60, 'y')));
+}
+
+TEST(ALogFile, LeavesAloneAFileThatHasGotItsNumber) {
+    useFile();
+    LOG_INFO_LINE("one");
+    const int number = numberOf(kPath);
+    const UniqueFd innocent(::open("/run/innocent", O_CREAT | O_RDWR | O_CLOEXEC, 0600));
+    ASSERT_EQ(number, ::dup2(innocent.get(), number));
+    LOG_INFO_LINE("two");
+    LOG_INFO_LINE("three");
+    EXPECT_THAT(textsOf(kPath), ElementsAre("one", "two", "three"));
+    EXPECT_EQ(0U, std::filesystem::file_size("/run/innocent"));
+    EXPECT_GE(::fcntl(number, F_GETFD), 0) << "nor is it closed";
 }
 
 // Runs `processes` children that log `lines` lines each, all of them opening the file themselves.

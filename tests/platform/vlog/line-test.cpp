@@ -1,3 +1,4 @@
+#include <cerrno>
 #include <cstdint>
 #include <ctime>
 #include <regex>
@@ -12,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "log-lines.h"
+#include "support/file-calls.h"
 
 namespace {
 
@@ -114,6 +116,48 @@ TEST(ALogLine, BeginsAfreshAfterOneThatTheDiskCouldNotTake) {
     const auto texts = textsOf("/run/small/log");
     ASSERT_EQ(2U, texts.size());
     EXPECT_EQ("whole", texts[1]);
+}
+
+TEST(ALogLine, HasTheLetterOfItsPriority) {
+    useFile();
+    std::string letters;
+    for (const int priority : {-1, 0, 1, 2, 3, 4, 5, 6, 7, 8})
+        vlog_print(VLOG_ID_MAIN, priority, "TAG", "x");
+    for (const std::string &line : linesOf(kPath))
+        letters += line.substr(24, 1);
+    EXPECT_EQ("?VVVDIWEF?", letters);
+}
+
+TEST(ALogLine, GoesOnAfterSignalsAndPieceByPiece) {
+    useFile();
+    calls::writeBytes = 5;
+    calls::writes = {EINTR, 0, EINTR};
+    EXPECT_EQ(9, LOG_INFO_LINE("all of it"));
+    EXPECT_THAT(textsOf(kPath), ElementsAre("all of it"));
+}
+
+TEST(ALogLine, FollowsALineOfWhichNothingWentOutWithoutABreak) {
+    useFile();
+    LOG_INFO_LINE("before");
+    calls::writes = {ENOSPC};
+    EXPECT_EQ(-1, LOG_INFO_LINE("lost"));
+    LOG_INFO_LINE("after");
+    EXPECT_THAT(textsOf(kPath), ElementsAre("before", "after"));
+}
+
+TEST(ALogLine, BeginsAfreshHoweverManyAreLostAfterOneThatWasTorn) {
+    useFile();
+    calls::writeBytes = 10;
+    calls::writes = {0, ENOSPC, ENOSPC};
+    EXPECT_EQ(-1, LOG_INFO_LINE("torn"));
+    EXPECT_EQ(-1, LOG_INFO_LINE("lost"));
+    LOG_INFO_LINE("one");
+    LOG_INFO_LINE("two");
+    const auto texts = textsOf(kPath);
+    ASSERT_EQ(3U, texts.size());
+    EXPECT_EQ(10U, texts[0].size());
+    EXPECT_EQ("one", texts[1]);
+    EXPECT_EQ("two", texts[2]);
 }
 
 } // namespace

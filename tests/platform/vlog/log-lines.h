@@ -3,6 +3,7 @@
 #define TESTS_PLATFORM_VLOG_LOG_LINES_H
 
 #include <array>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <regex>
@@ -11,6 +12,7 @@
 #include <sys/time.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <unistd.h>
 #include <vector>
 
@@ -80,6 +82,17 @@ public:
 private:
     support::UniqueFd socket_;
 };
+
+// The descriptor of this process that /proc shows so; -1 for none.
+inline int numberOf(const std::string &shown) {
+    for (const auto &entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code ignored;
+        const std::string target = std::filesystem::read_symlink(entry.path(), ignored).string();
+        if (target.compare(0, shown.size(), shown) == 0)
+            return std::stoi(entry.path().filename());
+    }
+    return -1;
+}
 
 } // namespace loglines
 

@@ -1,6 +1,7 @@
 #include <array>
 #include <csignal>
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <system_error>
 
 #include <gmock/gmock.h>
@@ -44,6 +45,51 @@ TEST(StandardErrorLogging, OutlivesTheReaderOfThePipe) {
                   ::sigpending(&pending);
                   EXPECT_EQ(0, ::sigismember(&pending, SIGPIPE));
               }));
+}
+
+// Logs with standard error at a socket or pipe whose other end is gone.
+void logToNobody(bool toSocket) {
+    std::array<int, 2> ends{};
+    if (toSocket)
+        EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()));
+    else
+        EXPECT_EQ(0, ::pipe2(ends.data(), O_CLOEXEC));
+    ::dup2(ends[1], 2);
+    vlog::useStandardError();
+    ::close(ends[0]);
+    EXPECT_EQ(-1, LOG_INFO_LINE("nobody reads"));
+}
+
+bool isIn(int (*query)(sigset_t *)) {
+    sigset_t set;
+    query(&set);
+    return ::sigismember(&set, SIGPIPE) == 1;
+}
+bool isPending() { return isIn(::sigpending); }
+bool isBlocked() {
+    return isIn([](sigset_t *set) { return ::pthread_sigmask(SIG_SETMASK, nullptr, set); });
+}
+
+TEST(StandardErrorLogging, LeavesTheProgramsSignalsAsTheyWere) {
+    for (const bool toSocket : {false, true}) {
+        EXPECT_EQ(0, inChild([&] {
+                      logToNobody(toSocket);
+                      EXPECT_FALSE(isPending());
+                      EXPECT_FALSE(isBlocked());
+                  }));
+        EXPECT_EQ(0, inChild([&] {
+                      sigset_t pipe;
+                      ::sigemptyset(&pipe);
+                      ::sigaddset(&pipe, SIGPIPE);
+                      ::pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
+                      logToNobody(toSocket);
+                      EXPECT_FALSE(isPending());
+                      EXPECT_TRUE(isBlocked());
+                      ::raise(SIGPIPE);
+                      LOG_INFO_LINE("nobody reads");
+                      EXPECT_TRUE(isPending()) << "which is not the log's";
+                  }));
+    }
 }
 
 } // namespace

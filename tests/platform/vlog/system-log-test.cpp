@@ -1,8 +1,15 @@
+#include <array>
 #include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <fcntl.h>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -93,6 +100,102 @@ TEST(SystemLogging, IsNotHeldUpForEverByAServiceThatDoesNotRead) {
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
     service.next();
     EXPECT_EQ(1, LOG_INFO_LINE("x")) << "after the service read again";
+}
+
+TEST(SystemLogging, SaysWhenWhoAndHowSevere) {
+    const LogService service("/run/devlog");
+    ::setenv("TZ", "XXX-5:30", 1);
+    ::tzset();
+    vlog::useSystemLog("x", "/run/devlog");
+    const std::array<int, 10> severities{29, 31, 31, 31, 31, 30, 28, 27, 26, 29};
+    for (int priority = -1; priority <= 8; ++priority) {
+        const auto timeNow = [] {
+            const std::time_t now = std::time(nullptr);
+            std::array<char, 32> text{};
+            std::strftime(text.data(), text.size(), "%b %e %H:%M:%S", std::localtime(&now));
+            return std::string(text.data());
+        };
+        const std::string before = timeNow();
+        vlog_print(VLOG_ID_MAIN, priority, "TAG", "y");
+        const std::string after = timeNow();
+        const std::string head = "<" + std::to_string(severities[static_cast<std::size_t>(priority + 1)]) + ">";
+        const std::string tail = " x[" + std::to_string(::getpid()) + "]: y";
+        EXPECT_THAT(service.next(), testing::AnyOf(head + before + tail, head + after + tail)) << priority;
+    }
+}
+
+TEST(SystemLogging, CutsTheNameOfTheProgram) {
+    const LogService service("/run/devlog");
+    vlog::useSystemLog(std::string(64, 'n') + "more", "/run/devlog");
+    LOG_INFO_LINE("x");
+    EXPECT_THAT(service.next(), testing::HasSubstr(" " + std::string(64, 'n') + "["));
+}
+
+// What is sent of the text, header and number of each piece taken away.
+std::vector<std::string> piecesOf(const LogService &service, const std::string &text) {
+    EXPECT_EQ(static_cast<int>(text.size()), LOG_INFO_LINE("%s", text.c_str()));
+    std::vector<std::string> pieces;
+    for (std::size_t whole = 0; whole < text.size(); whole += pieces.back().size()) {
+        const std::string datagram = service.next();
+        EXPECT_LE(datagram.size(), 1024U);
+        const std::string rest = datagram.substr(datagram.find("]: ") + 3);
+        const auto blank = rest.find(' ');
+        pieces.push_back(blank == std::string::npos ? rest : rest.substr(blank + 1));
+        if (pieces.back().empty())
+            break;
+    }
+    return pieces;
+}
+
+TEST(SystemLogging, CutsNoLineThatFits) {
+    const LogService service("/run/devlog");
+    vlog::useSystemLog("x", "/run/devlog");
+    LOG_INFO_LINE("y");
+    const std::size_t room = 1024 - service.next().size() + 1;
+    EXPECT_THAT(piecesOf(service, std::string(room, 'y')), testing::SizeIs(1));
+    EXPECT_THAT(piecesOf(service, std::string(room + 1, 'y')), testing::SizeIs(2));
+}
+
+TEST(SystemLogging, CutsNoCharacterAndWhatIsNoneAnywhere) {
+    const LogService service("/run/devlog");
+    vlog::useSystemLog("x", "/run/devlog");
+    for (const std::string character : {"\xf0\x9f\x98\x80", "\xe2\x82\xac", "\xc3\xa9"}) {
+        for (std::size_t before = 0; before < character.size(); ++before) {
+            std::string text(before, '.');
+            while (text.size() < 3'000)
+                text += character;
+            std::string joined;
+            for (const std::string &piece : piecesOf(service, text)) {
+                EXPECT_NE(0x80, piece[0] & 0xc0) << "a character was cut";
+                joined += piece;
+            }
+            EXPECT_EQ(text, joined);
+        }
+    }
+    const std::string none(3'000, '\x80');
+    const auto pieces = piecesOf(service, none);
+    EXPECT_THAT(pieces, testing::SizeIs(4));
+    EXPECT_GT(pieces[0].size(), 900U) << "as much as fits";
+}
+
+TEST(SystemLogging, LeavesAloneAFileThatHasGotItsNumber) {
+    const LogService service("/run/devlog");
+    const int others = numberOf("socket:");
+    vlog::useSystemLog("x", "/run/devlog");
+    LOG_INFO_LINE("1");
+    EXPECT_THAT(service.next(), ContainsRegex(": 1$"));
+    int number = -1;
+    for (int fd = others + 1; number < 0 && fd < 64; ++fd) {
+        struct stat status {};
+        if (::fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode))
+            number = fd;
+    }
+    const support::UniqueFd innocent(::open("/run/innocent", O_CREAT | O_RDWR | O_CLOEXEC, 0600));
+    ASSERT_EQ(number, ::dup2(innocent.get(), number));
+    EXPECT_EQ(1, LOG_INFO_LINE("2"));
+    EXPECT_THAT(service.next(), ContainsRegex(": 2$"));
+    EXPECT_GE(::fcntl(number, F_GETFD), 0) << "nor is it closed";
+    EXPECT_EQ(0U, std::filesystem::file_size("/run/innocent"));
 }
 
 } // namespace

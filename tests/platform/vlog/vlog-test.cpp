@@ -65,9 +65,11 @@ TEST_F(ALogText, ComesToTheObserverWithPriorityAndTag) {
     vlog_print(VLOG_ID_MAIN, VLOG_PRIORITY_ERROR, "VPK", "x");
     EXPECT_EQ(VLOG_PRIORITY_ERROR, seen.priority);
     EXPECT_EQ("VPK", seen.tag);
+    vlog_print(VLOG_ID_MAIN, VLOG_PRIORITY_INFO, nullptr, "without");
+    EXPECT_EQ("", seen.tag);
     vlog::setObserver({});
     LOG_INFO_LINE("y");
-    EXPECT_EQ("x", seen.text);
+    EXPECT_EQ("without", seen.text);
 }
 
 // --- any sink ---
