@@ -12,8 +12,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "support/file-calls.h"
 #include "mavo/database.h"
+#include "support/file-calls.h"
 
 namespace {
 

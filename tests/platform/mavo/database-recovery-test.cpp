@@ -315,11 +315,13 @@ TEST_F(AProtectedDatabase, IsReadAgainAfterErrorsThatPass) {
 }
 
 TEST_F(AProtectedDatabase, IsUnavailableAfterAnErrorOnReadingThatSaysNothingOfTheFile) {
-    for (int at = 0; at < 6; ++at) {
-        reads = {at, 1, ENOMEM};
-        EXPECT_EQ("unavailable", open(kMain)) << at;
-        EXPECT_EQ(0, reads.times);
-        EXPECT_EQ("one,two", rows());
+    for (const int error : {ENOMEM, ENOBUFS, EMFILE, ENFILE, EAGAIN, ENOLCK}) {
+        for (int at = 0; at < 6; ++at) {
+            reads = {at, 1, error};
+            EXPECT_EQ("unavailable", open(kMain)) << at << ", " << error;
+            EXPECT_EQ(0, reads.times);
+            EXPECT_EQ("one,two", rows());
+        }
     }
     EXPECT_THAT(told, IsEmpty());
 }
@@ -373,9 +375,24 @@ TEST_F(AProtectedDatabase, IsUsedAndSpokenOfOnceWhenSomebodyElseChangedIt) {
     ASSERT_EQ(SQLITE_OK, sqlite3_exec(other, "INSERT INTO t VALUES ('their own')", nullptr, nullptr, nullptr));
     sqlite3_close(other);
     EXPECT_EQ("one,their own,two", rows());
-    EXPECT_THAT(told, ElementsAre(HasSubstr("another program has changed it")));
+    EXPECT_THAT(told, ElementsAre(kMain + ": is sound, but not as this system left it: another program has changed it; "
+                                          "it is used as it is"));
     EXPECT_EQ("one,their own,two", rows());
     EXPECT_EQ(1U, told.size());
+}
+
+TEST_F(AProtectedDatabase, MayHaveBeenChangedByThePowerWhereItsDigestIsOfAnEarlierStart) {
+    std::string earlier = digest();
+    earlier.replace(earlier.find_last_not_of(" \n"), 1, "X"); // of the machine's number
+    write(kMain + "-digest", earlier);
+    EXPECT_EQ("one,two", rows());
+    EXPECT_THAT(told, IsEmpty());
+    earlier[5] = earlier[5] == '1' ? '2' : '1'; // of the size
+    write(kMain + "-digest", earlier);
+    EXPECT_EQ("one,two", rows());
+    EXPECT_THAT(told,
+                ElementsAre(kMain + ": is sound, but not as this system left it: another program has changed it or "
+                                    "its digest, or the power went just after a change; it is used as it is"));
 }
 
 TEST_F(AProtectedDatabase, AccusesNobodyAfterItsOwnProcessWasKilled) {

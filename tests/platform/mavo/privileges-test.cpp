@@ -4,6 +4,7 @@
 #include <string>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -67,6 +68,28 @@ TEST_F(APrivilegesFile, NamesGroupsWhoseMembersHoldThePrivilege) {
     EXPECT_FALSE(privileges.holds(600, 500, "/privilege/x")) << "a user with the group's number";
 }
 
+TEST_F(APrivilegesFile, NamesTheLargestNumberThatIsAnAccount) {
+    const Privileges privileges = load("/privilege/x 4294967294 0000000777");
+    EXPECT_TRUE(privileges.holds(4294967294, kNoGroup, "/privilege/x"));
+    EXPECT_TRUE(privileges.holds(777, kNoGroup, "/privilege/x"));
+    EXPECT_FALSE(privileges.holds(500, kNoGroup, "/privilege/x"));
+}
+
+TEST_F(APrivilegesFile, NamesGroupsOfAnySizeAndMembersOfAnyNumberOfThem) {
+    std::string groups = "large:x:700:";
+    for (int i = 0; i < 1'000; ++i)
+        groups += "somebody" + std::to_string(i) + ",";
+    groups += "monitor\n";
+    for (int i = 0; i < 150; ++i)
+        groups += "small" + std::to_string(i) + ":x:" + std::to_string(1'000 + i) + ":monitor\n";
+    write("/run/group", groups);
+    const Privileges privileges = load("/privilege/large @large\n/privilege/last @small149\n");
+    EXPECT_TRUE(privileges.problems().empty());
+    EXPECT_TRUE(privileges.holds(501, 501, "/privilege/large"));
+    EXPECT_TRUE(privileges.holds(501, 501, "/privilege/last"));
+    EXPECT_FALSE(privileges.holds(500, 500, "/privilege/last"));
+}
+
 TEST_F(APrivilegesFile, AddsUpTheLinesOfOnePrivilege) {
     const Privileges privileges = load("/privilege/x operator\n/privilege/x\tmonitor\n");
     EXPECT_TRUE(privileges.holds(500, kNoGroup, "/privilege/x"));
@@ -94,6 +117,7 @@ TEST_F(APrivilegesFile, HasVoidLinesThatAreNamedWithWhatIsWrongThere) {
         {"/a @", ":1: no group \"\""},
         {"/a 4294967295", ":1: no user \"4294967295\"; a group's name follows \"@\""},
         {"/a -1", ":1: no user \"-1\"; a group's name follows \"@\""},
+        {"/a 00000000500", ":1: no user \"00000000500\"; a group's name follows \"@\""},
     };
     for (const auto &wrong : cases) {
         const Privileges privileges = load(wrong.text);
@@ -116,10 +140,16 @@ TEST_F(APrivilegesFile, KeepsTheOtherLinesOfOneThatIsVoid) {
 
 TEST_F(APrivilegesFile, LeavesRootAloneWhenItCannotBeRead) {
     ASSERT_EQ(0, ::mkfifo("/run/pipe", 0600));
-    for (const char *path : {"/run", "/run/pipe", "/run/passwd/below"}) {
+    const std::pair<std::string, const char *> cases[]{
+        {"/run", "it is a directory of account 0, where a file should be"},
+        {"/run/pipe", "it is a fifo of account 0, where a file should be"},
+        {"/run/passwd/below", "Not a directory"},
+        {"/proc/self/mem", "Input/output error"},
+    };
+    for (const auto &[path, why] : cases) {
         const Privileges privileges = Privileges::load(path);
         ASSERT_EQ(privileges.problems().size(), 1U) << path;
-        EXPECT_NE(privileges.problems()[0].find("root alone is served"), std::string::npos);
+        EXPECT_EQ(privileges.problems()[0], path + ": cannot be read: " + why + "; root alone is served");
         EXPECT_TRUE(privileges.holds(0, 0, "/privilege/x"));
         EXPECT_FALSE(privileges.holds(500, 500, "/privilege/x"));
     }
