@@ -1,6 +1,7 @@
 #include "mavo/rmi-client.h"
 
 #include <csignal>
+#include <ctime>
 #include <functional>
 #include <string>
 #include <sys/socket.h>
@@ -8,6 +9,8 @@
 #include <sys/wait.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -38,7 +41,7 @@ public:
         if (child_ != 0)
             return;
         const UniqueFd client = accept(listener);
-        std::string request(12, '\0');
+        std::string request(16, '\0'); // the head, and "Echo"
         ::recv(client.get(), request.data(), request.size(), MSG_WAITALL);
         const bool said = ::send(client.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL) >= 0;
         ::_exit(said ? 0 : 1);
@@ -82,16 +85,34 @@ TEST(AClient, CannotBeMadeByAnAccountThatMayNotUseTheSocket) {
     EXPECT_EQ(EACCES, rmitest::asUser(rmitest::kOther, [] { return errorOf([] { const Client client(kPath); }); }));
 }
 
+std::string failureOf(Client &client, const std::string &method, const Message &request) {
+    try {
+        client.call(method, request);
+    } catch (const mavo::Exception &exception) {
+        return exception.what();
+    }
+    return "none";
+}
+
 TEST(AClient, ThrowsWhenTheAnswerIsNoReply) {
+    const std::string closed = "the server closed the connection without a reply";
+    const std::string none = "what the server says is no reply";
     const std::string sound = encodeReply({});
-    for (const std::string &answer :
-         {std::string(), std::string("RMP"), std::string("HTTP/1.0 400 no\r\n"), sound.substr(0, 8),
-          sound.substr(0, sound.size() - 1), std::string("RMP1\0\0\0\0", 8), std::string("RMP1\4\0\0\0\0\0\0\0", 12),
-          std::string("RMP1\xff\xff\xff\xff", 8)}) {
+    const std::vector<std::pair<std::string, std::string>> cases{
+        {"", closed},
+        {"RMP", closed},
+        {sound.substr(0, 8), closed},
+        {sound.substr(0, sound.size() - 1), closed},
+        {"HTTP/1.0 400 no\r\n", none},
+        {std::string("RMP1\0\0\0\0", 8), none},
+        {std::string("RMP1\xff\xff\xff\xff", 8), none},
+        {std::string("RMP1\4\0\0\0\0\0\0\0", 12), "the server's reply is not understood"},
+    };
+    for (const auto &[answer, failure] : cases) {
         const FakeServer server(answer);
         Client client(kPath);
-        EXPECT_THROW(client.call("Echo", Message()), mavo::Exception) << answer.size() << " bytes";
-        EXPECT_THROW(client.call("Echo", Message()), mavo::Exception) << "on a connection out of step";
+        EXPECT_EQ(failure, failureOf(client, "Echo", Message())) << answer.size() << " bytes";
+        EXPECT_EQ("the connection has ended", failureOf(client, "Echo", Message())) << "out of step as it is";
     }
 }
 
@@ -105,9 +126,23 @@ TEST(AClient, ReadsAReplyThatComesBeforeItsRequestIsTaken) {
 TEST(AClient, RefusesWhatNoServerTakesAndGoesOn) {
     const ServerProcess server;
     Client client(kPath);
-    EXPECT_THROW(client.call(std::string(257, 'x'), Message()), mavo::Exception);
-    EXPECT_THROW(client.call("Echo", Message(std::string(mavo::rmi::kBodyLimitBytes + 1, 'x'))), mavo::Exception);
-    EXPECT_EQ(Status::ok, client.call("Echo", Message(body("x"))).status);
+    EXPECT_EQ("method name of 257 bytes; at most 256", failureOf(client, std::string(257, 'x'), Message()));
+    EXPECT_EQ("request of 4259841 bytes; at most 4259840",
+              failureOf(client, "Echo", Message(std::string(mavo::rmi::kBodyLimitBytes + 1, 'x'))));
+    EXPECT_EQ(Status::unknownMethod, client.call(std::string(256, 'x'), Message()).status);
+    EXPECT_EQ(Status::ok, client.call("Echo", Message(body(std::string(mavo::rmi::kBodyLimitBytes - 4, 'x')))).status);
+}
+
+TEST(AClient, WaitsIdly) {
+    const ServerProcess server;
+    Client client(kPath);
+    const auto processorTime = std::clock();
+    EXPECT_EQ(Status::ok, client.call("Sleep", Message(body(400))).status);
+    EXPECT_EQ(Status::ok, client
+                              .call(
+                                  "Sleep", Message(body(400)), [] {}, milliseconds(100))
+                              .status);
+    EXPECT_LT(std::clock() - processorTime, CLOCKS_PER_SEC / 5);
 }
 
 TEST(AClient, SaysAgainAndAgainThatItWaitsWhileTheReplyTakesLong) {

@@ -56,6 +56,19 @@ std::string head(std::uint32_t magic, std::uint32_t nameBytes, std::uint32_t bod
 
 int connectionsOf(Client &client) { return intReply(client.call("Connections", Message())); }
 
+TEST(AServer, HasTheseLimitsUnlessSaidOtherwise) {
+    const ServerLimits limits;
+    EXPECT_EQ(64, limits.connections);
+    EXPECT_EQ(16, limits.connectionsPerUser);
+    EXPECT_EQ(16, limits.connectionsWithoutPrivilege);
+    EXPECT_EQ(64, limits.reservedDescriptors);
+    EXPECT_EQ(4 * kBodyLimitBytes, limits.bodyBytes);
+    EXPECT_EQ(16'777'216U, limits.replyBytes);
+    EXPECT_EQ(65'536U, mavo::rmi::kSmallBodyBytes);
+    EXPECT_EQ(std::chrono::seconds(10), limits.requestTimeout);
+    EXPECT_EQ(std::chrono::minutes(1), limits.idleTimeout);
+}
+
 TEST(AServer, AnswersAnyNumberOfRequestsOnOneConnection) {
     const ServerProcess server;
     Client client(kPath);
