@@ -29,6 +29,7 @@
 #include "support/log-options.h"
 #include "support/readiness.h"
 #include "support/signals.h"
+#include "support/unix-socket.h"
 
 namespace {
 
@@ -65,9 +66,18 @@ struct Arguments {
     rlv::ServiceOptions service;
 };
 
+// Empty when there is nothing wrong.
+std::string faultOfSocketPath(const std::string &path) {
+    return support::UnixAddress::ofPath(path)
+               ? ""
+               : "must be a path of 1 to " + std::to_string(support::UnixAddress::kMaxBytes) + " bytes";
+}
+
 void addServingOptions(CLI::App &app, Arguments &arguments) {
     auto &service = arguments.service;
-    app.add_option("--socket", arguments.socket, "Where clients connect (mode 0660)")->capture_default_str();
+    app.add_option("--socket", arguments.socket, "Where clients connect (mode 0660)")
+        ->check(&faultOfSocketPath)
+        ->capture_default_str();
     app.add_option("--client-user", arguments.clientUsers, "An account to serve beside root; may be given repeatedly")
         ->type_name("NAME")
         ->allow_extra_args(false);

@@ -36,8 +36,7 @@ support::UniqueFd newSocket() {
     return fd;
 }
 
-bool somebodyListens(const std::string &path) {
-    const auto address = addressOf(path);
+bool somebodyListens(const support::UnixAddress &address) {
     const auto fd = newSocket();
     // EPROTOTYPE: of another kind, but somebody's. EAGAIN: somebody who is busy.
     return support::connectSocket(fd, address) || errno == EAGAIN || errno == EPROTOTYPE;
@@ -45,7 +44,7 @@ bool somebodyListens(const std::string &path) {
 
 } // namespace
 
-ServiceSocket::ServiceSocket(const std::string &path, gid_t group) : path_(path) {
+ServiceSocket::ServiceSocket(const std::string &path, gid_t group) : path_(path), address_(addressOf(path)) {
     lock();
     removeLeftOver();
     bindAndListen(group);
@@ -72,19 +71,18 @@ void ServiceSocket::removeLeftOver() const {
         return;
     if (!S_ISSOCK(found.st_mode))
         throw std::runtime_error(path_ + ": is " + support::describe(found) + ", where the service's socket should be");
-    if (somebodyListens(path_))
+    if (somebodyListens(address_))
         throw std::runtime_error(path_ + ": another service is running there");
     if (::unlink(path_.c_str()) != 0)
         failWith(path_);
 }
 
 void ServiceSocket::bindAndListen(gid_t group) {
-    const auto address = addressOf(path_);
     listener_ = newSocket();
-    if (!support::bindSocket(listener_, address))
+    if (!support::bindSocket(listener_, address_))
         failWith(path_);
     bound_ = true;
-    if (!support::startListening(listener_, address, {kSocketMode, kBacklog, group})) {
+    if (!support::startListening(listener_, address_, {kSocketMode, kBacklog, group})) {
         const int error = errno;
         ::unlink(path_.c_str());
         errno = error;

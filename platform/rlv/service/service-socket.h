@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include "support/unique-fd.h"
+#include "support/unix-socket.h"
 
 namespace rlv {
 
@@ -13,8 +14,9 @@ namespace rlv {
 // socket that nobody listens on; removes its own when it goes away.
 class ServiceSocket {
 public:
-    // Throws std::runtime_error with a line for the operator: another service has the path (it holds a lock on `path`
-    // with ".lock" added, which stays behind), something that is no socket stands there, or the system refuses.
+    // Throws std::runtime_error with a line for the operator: this is no path for a socket, another service has the
+    // path (it holds a lock on `path` with ".lock" added, which stays behind), something that is no socket stands
+    // there, or the system refuses.
     ServiceSocket(const std::string &path, gid_t group);
     ~ServiceSocket();
     ServiceSocket(const ServiceSocket &) = delete;
@@ -29,6 +31,7 @@ private:
     void bindAndListen(gid_t group);
 
     std::string path_;
+    support::UnixAddress address_;
     support::UniqueFd lock_;
     support::UniqueFd listener_;
     bool bound_ = false;

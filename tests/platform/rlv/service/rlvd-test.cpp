@@ -79,6 +79,14 @@ TEST(TheService, AppliesCommandsAndTellsWhatStands) {
     EXPECT_EQ("VPK-DENY", state.hooks[0].target);
 }
 
+TEST(TheService, RefusesAnEmptySocketPath) {
+    for (const char *const mode : {"--simulate", "--remove-tables"}) {
+        const auto refused = process::capture({process::built("rlvd"), "--simulate", "--socket", "", mode});
+        EXPECT_EQ(2, refused.status);
+        EXPECT_THAT(refused.errors, HasSubstr("--socket: must be a path of 1 to 107 bytes"));
+    }
+}
+
 TEST(TheService, RefusesWithIptablesCodesAndGoesOn) {
     SimulatedService service;
     const Client client;

@@ -64,8 +64,10 @@ TEST(AServiceSocket, IsThereAtTheLongestPathAndAtNoLongerOne) {
     const std::string longest = "/run/" + std::string(102, 'x');
     EXPECT_EQ("", refusalAt(longest));
     EXPECT_EQ("socket path \"" + longest + "x\": must have 1 to 107 bytes", refusalAt(longest + "x"));
-    ASSERT_EQ(0, ::chdir("/run")); // where its lock is made
+    ASSERT_EQ(0, ::chdir("/run")); // where its lock would be made
     EXPECT_EQ("socket path \"\": must have 1 to 107 bytes", refusalAt(""));
+    EXPECT_FALSE(std::filesystem::exists(".lock"));
+    EXPECT_FALSE(std::filesystem::exists(longest + "x.lock"));
 }
 
 TEST(AServiceSocket, TakesThePlaceOfOneThatNobodyListensOn) {
