@@ -33,7 +33,7 @@ constexpr std::uint64_t kMoreFollow = 256;
 // In that of the last request to compare: what was sent, and not read since, is read.
 constexpr std::uint64_t kReading = 1;
 
-// `remove` takes hooks and chains out of the kernel, and what should stand is forgotten: it is what rlvd
+// `remove` takes hooks and chains out of the kernel, and what is out is no more what should stand: it is what rlvd
 // --remove-tables says to a service that runs, for root and the service's own account alone. Its text and number name
 // the tables (see service/served-tables.h); a service of others refuses with ENOENT. The reply is as to a command.
 struct Request {

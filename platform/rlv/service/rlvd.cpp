@@ -177,27 +177,36 @@ std::unique_ptr<rlv::Table> openTable(const rlv::ServiceOptions &options) {
     return options.simulated ? rlv::makeSimulatedTable(options.chainPrefix) : rlv::openKernelTable(options.chainPrefix);
 }
 
-// One that runs would put everything back: it is to forget, and takes out what it has made. One that serves others is
+// One that runs would put everything back: it takes out what it has made, and forgets it. One that serves others is
 // none of ours. An older one does not understand that, and puts nothing back.
-void tellRunningService(const std::string &socket, const rlv::ServedTables &tables) {
+rlv::Answer removeByService(const std::string &socket, const rlv::ServedTables &tables) {
     const auto deadline = rlv::client::Clock::now() + kRemovalTimeout;
     support::UniqueFd fd;
-    int error = rlv::client::connectTo(socket, deadline, fd);
-    if (error == ENOENT || error == ECONNREFUSED)
-        return;
-    if (error == 0) {
+    rlv::client::Outcome outcome;
+    outcome.error = rlv::client::connectTo(socket, deadline, fd);
+    if (outcome.error == ENOENT || outcome.error == ECONNREFUSED)
+        return {};
+    if (outcome.error == 0) {
         const auto kind = rlv::protocol::Reply::Kind::committed;
-        error = rlv::client::ask(fd.get(), rlv::removalOf(tables), kind, deadline).error;
+        outcome = rlv::client::ask(fd.get(), rlv::removalOf(tables), kind, deadline);
     }
-    if (error != 0 && error != EPROTO && error != ENOENT)
-        throw std::system_error(error, std::generic_category(),
-                                "the service that runs at " + socket + " cannot be told to take them out");
+    if (outcome.error == EPROTO || outcome.error == ENOENT)
+        return {};
+    if (outcome.error == 0)
+        return {outcome.reply.code, outcome.reply.text};
+    const std::string why = outcome.reply.text.empty() ? "" : ": " + outcome.reply.text;
+    throw std::system_error(outcome.error, std::generic_category(),
+                            "the service that runs at " + socket + " does not take them out" + why);
+}
+
+// What a service could not take out it puts back: to take it out here as well would begin a fight.
+rlv::Answer removeTables(const std::string &socket, const rlv::ServiceOptions &service) {
+    rlv::Answer answer = removeByService(socket, rlv::ServedTables::here(service.chainPrefix, service.simulated));
+    return answer.code != 0 ? answer : openTable(service)->removeAll();
 }
 
 int removeTables(const Arguments &arguments) {
-    const auto &service = arguments.service;
-    tellRunningService(arguments.socket, rlv::ServedTables::here(service.chainPrefix, service.simulated));
-    const rlv::Answer answer = openTable(arguments.service)->removeAll();
+    const rlv::Answer answer = removeTables(arguments.socket, arguments.service);
     RLVD_INFO("hooks and chains taken out: %s", answer.code == 0 ? "all" : answer.message.c_str());
     if (answer.code == 0)
         return EXIT_SUCCESS;

@@ -49,6 +49,31 @@ std::vector<std::optional<Network>> networksOf(const std::string &name, const st
     return networks;
 }
 
+// Nothing of ours decides about packets any more: chains that rules of others jump to may be left, without rules.
+bool isTakenOut(Table &table) {
+    ServiceState state;
+    table.describe(state);
+    return state.hooks.empty() &&
+           std::all_of(state.chains.begin(), state.chains.end(), [](const auto &chain) { return chain.rules == 0; });
+}
+
+// Takes hooks and chains out of the kernel, and what should stand is forgotten with them: what could not be taken out
+// goes on being defended, or a removal that fails would leave rules that anybody can flush unnoticed.
+Answer removeTables(ServiceContext &context) {
+    try {
+        Answer answer = context.table.removeAll();
+        if (answer.code == 0 || isTakenOut(context.table))
+            context.drift.forget();
+        else
+            context.drift.endConnection(false);
+        return answer;
+    } catch (const std::exception &error) {
+        context.table.discard(); // or it would be sent with the next look
+        context.drift.endConnection(false);
+        return {kFailed, error.what()};
+    }
+}
+
 bool isAllowing(const Command &command) { return command.rule.target.kind == Target::Kind::accept; }
 
 } // namespace
@@ -167,10 +192,8 @@ void Session::open() {
     connection_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::opened, 0, number_, {}})});
 }
 
-// The client is the next one's turn away from taking them out itself, should this fail.
 void Session::remove() {
-    context_.drift.forget();
-    const Answer answer = context_.table.removeAll();
+    const Answer answer = removeTables(context_);
     context_.turns.leave(*this);
     RLVD_INFO("hooks and chains taken out for user %u, process %d: %s", asker_.user, asker_.process,
               answer.code == 0 ? "all" : answer.message.c_str());

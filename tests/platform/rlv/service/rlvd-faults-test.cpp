@@ -179,9 +179,12 @@ protected:
         }
     }
 
+    bool removeWith(Calls &calls, int place, int error);
+
     Plan &plan;
     std::unique_ptr<Service> service;
     int closesFailed = 0;
+    int removalsFailed = 0;
 };
 
 TEST_F(AFaultyNetlink, LosesNothingInSilenceWhenASendingFails) {
@@ -258,6 +261,39 @@ TEST_F(AFaultyNetlink, AnswersAQuestionAfterOneThatFailed) {
     arrange(plan.receptions, 0, ENOBUFS);
     EXPECT_THROW(rlv::query(0), std::system_error);
     EXPECT_EQ(2U, rulesOf("VPK-DENY"));
+}
+
+// The call at `place` of a removal fails. False when it was not reached.
+bool AFaultyNetlink::removeWith(Calls &calls, int place, int error) {
+    SCOPED_TRACE("the call " + std::to_string(place) + " fails: " + std::strerror(error));
+    foreign(kOld);
+    EXPECT_TRUE(connect(refilling(kNew)).isGood());
+    arrange(calls, place, error);
+    const auto removed = ended({"--remove-tables"});
+    const bool wasMet = calls.times == 0;
+    calls.times = 0;
+    if (removed.status == 0) {
+        EXPECT_EQ(1, process::capture({"iptables", "-S", "VPK-DENY"}).status) << "it is gone";
+        return wasMet;
+    }
+    ++removalsFailed;
+    EXPECT_THAT(removed.errors, HasSubstr("rlvd: "));
+    const auto isBack = [] { return rules() == chainOf(kNew); };
+    EXPECT_TRUE(process::waitUntil(isBack)) << service->log();
+    EXPECT_EQ(0, process::capture({"iptables", "-F", "VPK-DENY"}).status);
+    EXPECT_TRUE(process::waitUntil(isBack)) << service->log();
+    return wasMet;
+}
+
+TEST_F(AFaultyNetlink, LeavesWhatCouldNotBeRemovedDefended) {
+    for (const auto &[calls, error] :
+         {std::make_pair(&plan.sendings, ENOBUFS), std::make_pair(&plan.receptions, ENOMEM),
+          std::make_pair(&plan.answers, ENOBUFS)}) {
+        removalsFailed = 0;
+        for (int place = 0; removeWith(*calls, place, error) && place < 100; ++place) {
+        }
+        EXPECT_LE(1, removalsFailed);
+    }
 }
 
 TEST_F(AFaultyNetlink, DoesNotLetTheServiceStartWithoutASocket) {
