@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <exception>
-#include <iterator>
 #include <new>
 #include <system_error>
 #include <unistd.h>
@@ -34,21 +33,6 @@ const char *textOf(ConnectionEnd end) {
 
 long long ll(std::uint64_t number) { return static_cast<long long>(number); }
 
-Answer notFound(const std::string &name, const std::string &why = {}) {
-    return {kBadText, "host/network `" + name + "' not found" + why};
-}
-
-// An absent name stands for the address that the rule has already, which may be none.
-std::vector<std::optional<Network>> networksOf(const std::string &name, const std::optional<Network> &given,
-                                               const Addresses &addresses) {
-    if (name.empty())
-        return {given};
-    std::vector<std::optional<Network>> networks;
-    for (const auto address : addresses)
-        networks.push_back(Network{address, 32});
-    return networks;
-}
-
 // Nothing of ours decides about packets any more: chains that rules of others jump to may be left, without rules.
 bool isTakenOut(Table &table) {
     ServiceState state;
@@ -74,18 +58,17 @@ Answer removeTables(ServiceContext &context) {
     }
 }
 
-bool isAllowing(const Command &command) { return command.rule.target.kind == Target::Kind::accept; }
-
 } // namespace
 
 Session::Session(ServiceContext &context, support::UniqueFd fd, const Asker &asker)
-    : context_(context), asker_(asker), delivery_(context), commands_(1), lookUpTimeLeft_(kLookUpTime),
+    : context_(context), asker_(asker), delivery_(context), commands_(1),
+      names_(context, [this](const auto &name, const auto &result) { lookedUp(name, result); }),
       connection_(context.loop, std::move(fd), *this) {}
 
 Session::~Session() { finish(ConnectionEnd::vanished); }
 
 void Session::finish(ConnectionEnd how) {
-    lookUp_.reset();
+    names_.stop();
     rest_ = {};
     context_.loop.cancel(std::exchange(waitTimer_, 0));
     if (const auto number = std::exchange(number_, 0); number != 0) {
@@ -186,8 +169,7 @@ void Session::open() {
     context_.table.open();
     number_ = context_.history.open(asker_);
     delivery_.open(number_);
-    known_.clear();
-    lookUpTimeLeft_ = kLookUpTime;
+    names_.open();
     RLVD_INFO("connection %lld of user %u, process %d: opened", ll(number_), asker_.user, asker_.process);
     connection_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::opened, 0, number_, {}})});
 }
@@ -322,11 +304,11 @@ void Session::runList(std::size_t textBytes) {
 
 // Goes on until a look-up has to be waited for, or all is done.
 void Session::runRest() {
-    while (!rest_.empty() && !lookUp_) {
+    while (!rest_.empty() && !names_.isLookingUp()) {
         const auto options = protocol::takeCommand(rest_);
         guarded([&] { start(options); });
     }
-    if (!lookUp_)
+    if (!names_.isLookingUp())
         connection_.goOn();
 }
 
@@ -343,100 +325,19 @@ void Session::start(std::string_view options) {
 
 // Runs again after each look-up, until all names of the command are known.
 void Session::resolveAndApply() {
-    for (const auto *name : {&commands_.front().sourceName, &commands_.front().destinationName}) {
-        if (const auto refusal = resolve(*name))
-            return settle(*refusal);
-        if (lookUp_)
-            return;
-    }
-    settle(applyToAddresses());
+    if (const auto refusal = names_.resolve(commands_))
+        return settle(*refusal);
+    if (!names_.isLookingUp())
+        settle(context_.table.apply(commands_, options_));
 }
 
-// A refusal, or nothing: then the name is known, or a look-up under way.
-std::optional<Answer> Session::resolve(const std::string &name) {
-    if (name.empty())
-        return std::nullopt;
-    if (!context_.resolveNames)
-        return notFound(name, ": this service looks up no names (--no-resolve)");
-    if (known_.count(name) != 0)
-        return useOf(name);
-    if (const auto standing = context_.names.standing(name)) {
-        learn(name, *standing);
-        return useOf(name);
-    }
-    if (lookUpTimeLeft_.count() <= 0) {
-        learn(name, LookUpResult());
-        return useOf(name);
-    }
-    lookUp(name);
-    return std::nullopt;
-}
-
-// A refusal, or nothing, of a name that is known.
-std::optional<Answer> Session::useOf(const std::string &name) {
-    const Command &command = commands_.front();
-    const Addresses &addresses = addressesOf(name);
-    if (command.action == Command::Action::appendRule)
-        context_.names.noteUse(name, isAllowing(command), addresses);
-    return addresses.empty() ? std::make_optional(notFound(name, known_.at(name).whyNot)) : std::nullopt;
-}
-
-// For the command under way.
-const Addresses &Session::addressesOf(const std::string &name) const {
-    static const Addresses none;
-    const auto known = known_.find(name);
-    if (known == known_.end())
-        return none;
-    return isAllowing(commands_.front()) ? known->second.answers.allowing : known->second.answers.denying;
-}
-
-void Session::lookUp(const std::string &name) {
-    const auto start = support::EventLoop::Clock::now();
-    const auto done = [this, name, start](const LookUpResult &result) {
-        const auto taken = support::EventLoop::Clock::now() - start;
-        lookUpTimeLeft_ -= std::chrono::ceil<std::chrono::milliseconds>(taken);
-        lookUp_.reset();
-        guarded([&] {
-            learn(name, result);
-            resolveAndApply();
-        });
-        if (request_.kind == protocol::Request::Kind::list)
-            runRest();
-    };
-    lookUp_ = context_.names.lookUp(name, lookUpTimeLeft_, done);
-}
-
-// A name for which the time ran out was not found to be absent: the answer should say which it was.
-void Session::learn(const std::string &name, const LookUpResult &result) {
-    KnownName &known = known_[name];
-    known.answers = context_.names.answersAfter(name, result);
-    if (result.kind == LookUpResult::Kind::tooMany)
-        known.whyNot = ": it has more than " + std::to_string(kMaxAddresses) + " addresses";
-    else if (result.kind == LookUpResult::Kind::failed && lookUpTimeLeft_.count() <= 0)
-        known.whyNot = ": the look-ups of this connection took more than 2 seconds";
-}
-
-Answer Session::applyToAddresses() {
-    if (commands_.front().sourceName.empty() && commands_.front().destinationName.empty())
-        return context_.table.apply(commands_, options_);
-    const auto sources = networksOf(commands_.front().sourceName, commands_.front().rule.source,
-                                    addressesOf(commands_.front().sourceName));
-    const auto destinations = networksOf(commands_.front().destinationName, commands_.front().rule.destination,
-                                         addressesOf(commands_.front().destinationName));
-    const Command given = std::exchange(commands_, {}).front();
-    for (const auto &source : sources) {
-        for (const auto &destination : destinations) {
-            Command &command = commands_.emplace_back(given);
-            command.sourceName.clear();
-            command.destinationName.clear();
-            command.rule.source = source;
-            command.rule.destination = destination;
-        }
-    }
-    if (commands_.size() > kMaxAddresses)
-        return {kFailed, "the names stand for " + std::to_string(commands_.size()) + " pairs of addresses; at most " +
-                             std::to_string(kMaxAddresses) + " are taken"};
-    return context_.table.apply(commands_, options_);
+void Session::lookedUp(const std::string &name, const LookUpResult &result) {
+    guarded([&] {
+        names_.learn(name, result);
+        resolveAndApply();
+    });
+    if (request_.kind == protocol::Request::Kind::list)
+        runRest();
 }
 
 void Session::settle(const Answer &answer) {

@@ -2,9 +2,7 @@
 #ifndef PLATFORM_RLV_SERVICE_SERVICE_SESSION_H
 #define PLATFORM_RLV_SERVICE_SERVICE_SESSION_H
 
-#include <chrono>
 #include <functional>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -12,9 +10,9 @@
 #include <vector>
 
 #include "rlv/protocol.h"
+#include "rlv/service/command-names.h"
 #include "rlv/service/connection.h"
 #include "rlv/service/delivery.h"
-#include "rlv/service/names.h"
 #include "rlv/service/service-context.h"
 #include "rlv/service/wanted-rules.h"
 
@@ -64,12 +62,7 @@ private:
     template <typename Step> void guarded(Step step);
     void start(std::string_view options);
     void resolveAndApply();
-    std::optional<Answer> resolve(const std::string &name);
-    void lookUp(const std::string &name);
-    void learn(const std::string &name, const LookUpResult &result);
-    std::optional<Answer> useOf(const std::string &name);
-    const Addresses &addressesOf(const std::string &name) const;
-    Answer applyToAddresses();
+    void lookedUp(const std::string &name, const LookUpResult &result);
     void settle(const Answer &answer);
     void reply(const Answer &answer);
 
@@ -85,14 +78,7 @@ private:
     // The command under way, once for each address of its names when these are known.
     std::string options_;
     std::vector<Command> commands_;
-    // What this connection has learnt; it stays the same until the end, so that the rules of one name are alike.
-    struct KnownName {
-        NameAnswers answers; // none: the name was not found
-        std::string whyNot;
-    };
-    std::map<std::string, KnownName> known_;
-    std::chrono::milliseconds lookUpTimeLeft_;
-    std::unique_ptr<Names::Wait> lookUp_;
+    CommandNames names_;
     std::vector<std::string> announced_;  // of an announcement under way
     std::unique_ptr<WantedRules> wanted_; // of a comparison under way
     Connection connection_;
