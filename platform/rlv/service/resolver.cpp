@@ -5,11 +5,11 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <optional>
 #include <pthread.h>
+#include <string_view>
 #include <sys/epoll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -18,6 +18,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "support/little-endian.h"
 #include "support/signals.h"
 
 namespace rlv {
@@ -25,11 +26,11 @@ namespace {
 
 using Kind = LookUpResult::Kind;
 
-// What the child sends for each name, in a packet: its place in the list (4 bytes) and its kind (1), then the
-// addresses, all in this machine's byte order.
-constexpr std::size_t kHeadBytes = sizeof(std::uint32_t) + 1;
-constexpr std::size_t kAddressBytes = sizeof(std::uint32_t);
-constexpr std::size_t kMaxAnswerBytes = kHeadBytes + kMaxAddresses * kAddressBytes;
+// What the child sends for each name, in a packet: its place in the list, its kind, and a list of addresses.
+constexpr std::size_t kPlaceBytes = 4;
+constexpr std::size_t kKindBytes = 1;
+constexpr std::size_t kAddressBytes = 4;
+constexpr std::size_t kMaxAnswerBytes = kPlaceBytes + kKindBytes + support::kCountBytes + kMaxAddresses * kAddressBytes;
 // For the modules that the C library loads to look up names; what is not used costs nothing.
 constexpr std::size_t kStackBytes = 512 * std::size_t{1024};
 // So that the clients have their turns in between.
@@ -62,12 +63,12 @@ LookUpResult lookUp(const char *name) {
     return {addresses.empty() ? Kind::absent : Kind::found, std::move(addresses)};
 }
 
-std::string encode(std::uint32_t place, const LookUpResult &result) {
-    std::string packet(kHeadBytes + result.addresses.size() * kAddressBytes, static_cast<char>(result.kind));
-    std::memcpy(packet.data(), &place, sizeof place);
-    if (!result.addresses.empty())
-        std::memcpy(packet.data() + kHeadBytes, result.addresses.data(), result.addresses.size() * kAddressBytes);
-    return packet;
+std::string encode(std::size_t place, const LookUpResult &result) {
+    support::FieldWriter out;
+    out.integer(place, kPlaceBytes);
+    out.integer(static_cast<std::uint64_t>(result.kind), kKindBytes);
+    out.list(result.addresses, [&](std::uint32_t address) { out.integer(address, kAddressBytes); });
+    return out.take();
 }
 
 struct Work {
@@ -79,7 +80,7 @@ struct Work {
 void *answer(void *shared) noexcept try {
     Work &work = *static_cast<Work *>(shared);
     for (std::size_t place = work.next++; place < work.names.size(); place = work.next++) {
-        const std::string packet = encode(static_cast<std::uint32_t>(place), lookUp(work.names[place].c_str()));
+        const std::string packet = encode(place, lookUp(work.names[place].c_str()));
         if (::send(STDIN_FILENO, packet.data(), packet.size(), MSG_NOSIGNAL) < 0)
             return nullptr;
     }
@@ -119,15 +120,13 @@ void answerAll(Work &work) {
 }
 
 // Of a packet from our own child. Empty when it is none.
-std::optional<std::pair<std::size_t, LookUpResult>> decode(const char *packet, std::size_t bytes) {
-    if (bytes < kHeadBytes)
-        return std::nullopt;
-    std::uint32_t place = 0;
-    std::memcpy(&place, packet, sizeof place);
-    LookUpResult result{static_cast<Kind>(packet[kHeadBytes - 1]), Addresses((bytes - kHeadBytes) / kAddressBytes)};
-    if (!result.addresses.empty())
-        std::memcpy(result.addresses.data(), packet + kHeadBytes, result.addresses.size() * kAddressBytes);
-    return std::make_pair(std::size_t{place}, std::move(result));
+std::optional<std::pair<std::size_t, LookUpResult>> decode(std::string_view packet) {
+    support::FieldReader in(packet);
+    const std::size_t place = in.word();
+    LookUpResult result;
+    result.kind = static_cast<Kind>(in.integer(kKindBytes));
+    in.list([&] { result.addresses.push_back(in.word()); });
+    return in.complete() ? std::make_optional(std::make_pair(place, std::move(result))) : std::nullopt;
 }
 
 } // namespace
@@ -185,7 +184,7 @@ bool LookUps::readOne() {
         return false;
     }
     ++answered_;
-    const auto answer = decode(buffer.data(), static_cast<std::size_t>(size));
+    const auto answer = decode({buffer.data(), static_cast<std::size_t>(size)});
     if (answer && answer->first < names_.size())
         each_(names_[answer->first], answer->second);
     return true;
