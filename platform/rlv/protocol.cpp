@@ -37,7 +37,6 @@ LostCommand readLost(FieldReader &in) {
 
 void write(FieldWriter &out, const DriftState &drift) {
     out.flag(drift.isMending);
-    out.flag(drift.isKnown);
     out.integer(drift.repairs, 8);
     out.list(drift.texts, [&](const std::string &text) { out.text(text); });
     out.integer(drift.differences, 8);
@@ -50,7 +49,6 @@ void write(FieldWriter &out, const DriftState &drift) {
 DriftState readDrift(FieldReader &in) {
     DriftState drift;
     drift.isMending = in.flag();
-    drift.isKnown = in.flag();
     drift.repairs = in.integer(8);
     in.list([&] { drift.texts.push_back(in.text()); });
     drift.differences = in.integer(8);
@@ -81,7 +79,6 @@ std::string flatten(const ServiceState &state) {
     FieldWriter out;
     out.flag(state.simulated);
     out.integer(state.serviceId, 8);
-    out.integer(state.lastConnection, 8);
     out.list(state.hooks, [&](const HookState &hook) { out.text(hook.chain), out.text(hook.target); });
     out.list(state.chains, [&](const ChainState &chain) { out.text(chain.name), out.integer(chain.rules, 8); });
     out.list(state.connections, [&](const ConnectionOutcome &outcome) { write(out, outcome); });
@@ -147,7 +144,6 @@ ComparedChain readComparedChain(FieldReader &in) {
 std::string flatten(const Comparison &comparison) {
     FieldWriter out;
     out.flag(comparison.simulated);
-    out.integer(comparison.serviceId, 8);
     out.list(comparison.chains, [&](const ComparedChain &chain) { write(out, chain); });
     out.list(comparison.differences, [&](const Difference &difference) { write(out, difference); });
     for (std::size_t kind = 0; kind < kDifferenceKinds; ++kind)
@@ -258,7 +254,6 @@ std::optional<ServiceState> decodeState(std::string_view text) {
     ServiceState state;
     state.simulated = in.flag();
     state.serviceId = in.integer(8);
-    state.lastConnection = in.integer(8);
     in.list([&] {
         HookState hook;
         hook.chain = in.text();
@@ -293,7 +288,6 @@ std::optional<Comparison> decodeComparison(std::string_view text) {
     FieldReader in(text);
     Comparison comparison;
     comparison.simulated = in.flag();
-    comparison.serviceId = in.integer(8);
     in.list([&] { comparison.chains.push_back(readComparedChain(in)); });
     in.list([&] { comparison.differences.push_back(readDifference(in)); });
     for (auto &count : comparison.counts)

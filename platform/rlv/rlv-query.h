@@ -74,7 +74,6 @@ struct HookState {
 // it.
 struct DriftState {
     bool isMending = true;     // false: others' changes are only told of (--no-repair)
-    bool isKnown = false;      // what should stand: there has been a whole connection since the service was started
     std::uint64_t repairs = 0; // how often others' changes were put back
     std::vector<std::string>
         texts;                     // of what was found last, the first ten: "VPK-DENY: missing: -s 10.0.0.1/32 -j DROP"
@@ -85,12 +84,12 @@ struct DriftState {
     std::int64_t nextAttemptSeconds = -1; // until when it is given up, because somebody fights back; -1: it is not
 };
 
+// The hooks are for those who try things out: what a simulated table has shows nowhere else.
 struct ServiceState {
     bool simulated = false;
-    std::uint64_t serviceId = 0;      // another one after each start of the service
-    std::uint64_t lastConnection = 0; // the newest number given to anybody
-    std::vector<HookState> hooks;     // in the kernel's order
-    std::vector<ChainState> chains;   // the service's own, by name
+    std::uint64_t serviceId = 0;    // another one after each start of the service
+    std::vector<HookState> hooks;   // in the kernel's order
+    std::vector<ChainState> chains; // the service's own, by name
     std::vector<ConnectionOutcome> connections;
     DriftState drift;
 };
@@ -126,7 +125,6 @@ struct ComparedChain {
 
 struct Comparison {
     bool simulated = false;
-    std::uint64_t serviceId = 0;
     std::vector<ComparedChain> chains;   // those that are wanted, by name
     std::vector<Difference> differences; // by chain; of each kind the first 1,000
     std::vector<std::uint64_t> counts = std::vector<std::uint64_t>(kDifferenceKinds); // of each kind, all

@@ -48,7 +48,6 @@ public:
 
     // The asker's connections with numbers above `since`, by number.
     std::vector<ConnectionOutcome> of(const Asker &asker, std::uint64_t since) const;
-    std::uint64_t lastNumber() const { return lastNumber_; }
 
 private:
     struct Entry {

@@ -195,7 +195,6 @@ void Drift::log(const MendReport &report) {
 
 DriftState Drift::state() const {
     DriftState state = state_;
-    state.isKnown = table_.remembers();
     const auto left = std::chrono::ceil<std::chrono::seconds>(due_ - Clock::now());
     if (look_ != 0 && left > std::chrono::seconds(0) && due_ - Clock::now() > kLongestGap)
         state.nextAttemptSeconds = left.count();

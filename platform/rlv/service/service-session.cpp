@@ -216,7 +216,6 @@ void Session::query() {
     context_.table.describe(state);
     state.simulated = context_.simulated;
     state.serviceId = context_.serviceId;
-    state.lastConnection = context_.history.lastNumber();
     state.connections = context_.history.of(asker_, request_.number);
     context_.drift.takeNotices();
     state.drift = context_.drift.state();
@@ -263,7 +262,6 @@ void Session::compare(std::size_t textBytes) {
         return connection_.goOn();
     Comparison comparison = std::exchange(wanted_, nullptr)->compare((request_.number & protocol::kReading) != 0);
     comparison.simulated = context_.simulated;
-    comparison.serviceId = context_.serviceId;
     const auto packets = protocol::encodeState(comparison);
     connection_.reply({packets.begin(), packets.end()});
 }

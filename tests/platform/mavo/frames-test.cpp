@@ -105,7 +105,6 @@ TEST(AStateOfTheTrafficControlService, HasTheseBytes) {
     rlv::ServiceState state;
     state.simulated = true;
     state.serviceId = kLarge;
-    state.lastConnection = 2;
     state.hooks = {{"INPUT", "VPK-IN"}};
     state.chains = {{"VPK-IN", 3}};
     state.connections = {{4, rlv::ConnectionEnd::closed, {{"-F", -2, "no", true}}, 5}};
@@ -115,10 +114,9 @@ TEST(AStateOfTheTrafficControlService, HasTheseBytes) {
     state.drift.processName = "ufw";
     state.drift.process = 0x80000001U;
     state.drift.problem = "p";
-    EXPECT_EQ("\1" + kLargeBytes + "\2" + kEight + "\1\0\0\0\5\0\0\0INPUT\6\0\0\0VPK-IN"s +
-                  "\1\0\0\0\6\0\0\0VPK-IN\3"s + kEight + "\1\0\0\0\4"s + kEight +
-                  "\1\1\0\0\0\2\0\0\0-F\xfe\xff\xff\xff\2\0\0\0no\1\5"s + kEight + "\1\0\6"s + kEight +
-                  "\1\0\0\0\1\0\0\0t\7"s + kEight + "\3\0\0\0ufw\1\0\0\x80\1\0\0\0p"s + std::string(8, '\xff'),
+    EXPECT_EQ("\1" + kLargeBytes + "\1\0\0\0\5\0\0\0INPUT\6\0\0\0VPK-IN"s + "\1\0\0\0\6\0\0\0VPK-IN\3"s + kEight +
+                  "\1\0\0\0\4"s + kEight + "\1\1\0\0\0\2\0\0\0-F\xfe\xff\xff\xff\2\0\0\0no\1\5"s + kEight + "\1\6"s +
+                  kEight + "\1\0\0\0\1\0\0\0t\7"s + kEight + "\3\0\0\0ufw\1\0\0\x80\1\0\0\0p"s + std::string(8, '\xff'),
               bytesOf(state));
 }
 
@@ -137,13 +135,12 @@ TEST(AStateOfNames, HasTheseBytes) {
 
 TEST(AComparison, HasTheseBytes) {
     rlv::Comparison comparison;
-    comparison.serviceId = kLarge;
     comparison.chains = {{"VPK-IN", 1, 2}};
     comparison.differences = {{rlv::Difference::Kind::shadowing, "INPUT", "-j X", "w"}};
     comparison.counts.at(4) = 1;
     const std::string none(8, '\0');
-    EXPECT_EQ("\0"s + kLargeBytes + "\1\0\0\0\6\0\0\0VPK-IN\1"s + kEight + "\2" + kEight +
-                  "\1\0\0\0\4\5\0\0\0INPUT\4\0\0\0-j X\1\0\0\0w"s + none + none + none + none + "\1" + kEight + none,
+    EXPECT_EQ("\0\1\0\0\0\6\0\0\0VPK-IN\1"s + kEight + "\2" + kEight + "\1\0\0\0\4\5\0\0\0INPUT\4\0\0\0-j X\1\0\0\0w"s +
+                  none + none + none + none + "\1" + kEight + none,
               bytesOf(comparison));
 }
 
@@ -152,7 +149,6 @@ TEST(AStateOfTheTrafficControlService, KeepsNumbersOf64BitsAtAnyAddress) {
     for (std::size_t length = 0; length < 9; ++length) {
         rlv::ServiceState state;
         state.serviceId = kLarge;
-        state.lastConnection = kLarge + 1;
         state.chains.push_back({std::string(length, 'x'), std::uint64_t{1} << 32U});
         state.connections.push_back({kLarge, rlv::ConnectionEnd::closed, {{"-F", 4, "no", true}}, kLarge + 2});
         std::string text;
@@ -162,7 +158,6 @@ TEST(AStateOfTheTrafficControlService, KeepsNumbersOf64BitsAtAnyAddress) {
             const auto read = rlv::protocol::decodeState(At(offset, text).frame());
             ASSERT_TRUE(read) << length << " " << offset;
             EXPECT_EQ(kLarge, read->serviceId);
-            EXPECT_EQ(kLarge + 1, read->lastConnection);
             EXPECT_EQ(std::uint64_t{1} << 32U, read->chains.at(0).rules);
             EXPECT_EQ(kLarge, read->connections.at(0).number);
             EXPECT_EQ(kLarge + 2, read->connections.at(0).lostBeyondList);

@@ -269,7 +269,6 @@ rlv::ServiceState bigState() {
     rlv::ServiceState state;
     state.simulated = true;
     state.serviceId = 0xfedcba9876543210;
-    state.lastConnection = 7;
     state.hooks = {{"INPUT", "VPK-ALLOW"}, {"OUTPUT", "VPK-DENY"}};
     for (std::uint64_t i = 0; i < 6000; ++i)
         state.chains.push_back({"VPK-" + std::to_string(i), i});
@@ -294,7 +293,6 @@ TEST(AQuery, ArrivesWholeInSeveralParts) {
     const auto state = rlv::query(5);
     EXPECT_TRUE(state.simulated);
     EXPECT_EQ(0xfedcba9876543210, state.serviceId);
-    EXPECT_EQ(7U, state.lastConnection);
     EXPECT_EQ("VPK-DENY", state.hooks.at(1).target);
     EXPECT_EQ(6000U, state.chains.size());
     EXPECT_EQ(5999U, state.chains.back().rules);

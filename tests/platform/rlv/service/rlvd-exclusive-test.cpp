@@ -48,7 +48,7 @@ TEST(AnOpening, WaitsForTheEndOfTheConnectionBefore) {
     EXPECT_EQ(1U, first.open());
     auto second = std::async(std::launch::async, opened);
     EXPECT_EQ(std::future_status::timeout, second.wait_for(Milliseconds(300)));
-    EXPECT_EQ(1U, rlv::query(0).lastConnection) << "nobody else has one";
+    EXPECT_EQ(1U, rlv::query(0).connections.size()) << "nobody else has one";
     close(first);
     EXPECT_EQ(0, second.get());
 }
@@ -117,7 +117,7 @@ TEST(AnOpening, FailsWhenTheTableCannotBeRead) {
     EXPECT_EQ(ENOBUFS, opened());
     set(Fault::openFails, false);
     EXPECT_EQ(0, opened());
-    EXPECT_EQ(1U, rlv::query(0).lastConnection);
+    EXPECT_EQ(1U, rlv::query(0).connections.size());
 }
 
 TEST(AnOpening, OfManyAtOnceLeavesNobodyOut) {

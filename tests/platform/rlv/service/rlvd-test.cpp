@@ -269,7 +269,7 @@ TEST(TheService, SaysItsVersionAndTeaches) {
 TEST(TheService, RemembersHowAConnectionEndedAndWhatWasRefused) {
     SimulatedService service;
     Client client;
-    const auto number = rlv::query(0).lastConnection;
+    const auto number = rlv::query(0).connections.at(0).number;
     client.commit("-N VPK-DENY");
     client.commit("-N VPK-DENY");
     EXPECT_EQ(rlv::ConnectionEnd::open, outcomeOf(number).end);
@@ -310,7 +310,8 @@ TEST(TheService, TellsAProcessOnlyOfItsOwnConnections) {
     EXPECT_EQ(0, asUser(0, 0, countOfMine)) << "same user, another process";
     EXPECT_EQ(1, asUser(kServed, kServed, [&] { return opened() == 0 ? countOfMine() : 9; }));
     EXPECT_EQ(1, countOfMine());
-    EXPECT_EQ(2U, rlv::query(0).lastConnection);
+    EXPECT_EQ(0, opened());
+    EXPECT_EQ(3U, rlv::query(0).connections.at(1).number) << "theirs are counted";
 }
 
 TEST(TheService, LogsRefusedCommandsWithTheirCaller) {
