@@ -23,7 +23,7 @@ struct OpenFile {
     bool distrusted = false;
 };
 
-struct OpenConnection {
+struct DatabaseConnection {
     sqlite3 *handle;
     OpenFile *file;
     bool beingOpened = true;
@@ -32,7 +32,7 @@ struct OpenConnection {
 std::mutex theMutex;
 // One or two of each. Never destroyed: connections in static objects may outlive this one.
 auto &files = *new std::list<OpenFile>;
-auto &connections = *new std::list<OpenConnection>;
+auto &connections = *new std::list<DatabaseConnection>;
 auto &begunCommits = *new std::map<std::string, std::uint64_t>; // by path
 
 OpenFile *fileAt(const std::string &path) {
@@ -41,9 +41,9 @@ OpenFile *fileAt(const std::string &path) {
     return found != files.end() ? &*found : nullptr;
 }
 
-std::list<OpenConnection>::iterator find(const sqlite3 *handle) {
+std::list<DatabaseConnection>::iterator find(const sqlite3 *handle) {
     return std::find_if(connections.begin(), connections.end(),
-                        [=](const OpenConnection &connection) { return connection.handle == handle; });
+                        [=](const DatabaseConnection &connection) { return connection.handle == handle; });
 }
 
 // SQLite's commit hook: a transaction that may have changed something is about to reach the file. Until then the file
@@ -77,7 +77,7 @@ void leaveDigest(sqlite3 *handle, const std::string &path) noexcept try {
 } // namespace
 
 void noteOpened(sqlite3 *handle, const std::string &path) {
-    std::list<OpenConnection> connection{{handle, nullptr}}; // what needs memory comes first
+    std::list<DatabaseConnection> connection{{handle, nullptr}}; // what needs memory comes first
     const std::lock_guard<std::mutex> lock(theMutex);
     OpenFile *file = fileAt(path);
     if (file == nullptr)

@@ -15,7 +15,7 @@
 #include <sys/socket.h>
 
 #include "mavo/database.h"
-#include "mavo/rmi-connection.h"
+#include "mavo/rmi-request-stream.h"
 #include "support/peer-credentials.h"
 
 namespace mavo {
@@ -89,7 +89,7 @@ public:
 
     std::vector<int> descriptors() const {
         std::vector<int> all{listener_.get()};
-        for (const auto &entry : connections_)
+        for (const auto &entry : streams_)
             all.push_back(entry.first);
         return all;
     }
@@ -117,7 +117,7 @@ public:
 
     std::chrono::milliseconds timeInCalls() const override { return timeInCalls_; }
 
-    void ended(Connection &connection) override { connections_.erase(connection.descriptor()); }
+    void ended(RequestStream &stream) override { streams_.erase(stream.descriptor()); }
 
 private:
     std::optional<Reply> refusal(const Peer &peer, const std::shared_ptr<const MethodContext> &context) const {
@@ -131,13 +131,13 @@ private:
     bool hasRoomFor(const Peer &peer, std::size_t bodyBytes) const {
         if (bodyBytes <= kSmallBodyBytes)
             return true;
-        const UnderWay bodies = underWay(peer, &Connection::bodyUnderWay);
+        const UnderWay bodies = underWay(peer, &RequestStream::bodyUnderWay);
         return isWithinShare(peer, {bodies.all + bodyBytes, bodies.ofUser + bodyBytes}, limits_.bodyBytes);
     }
 
     // How large the reply will be, nobody knows before the call.
     bool hasRoomForReply(const Peer &peer) const {
-        return isWithinShare(peer, underWay(peer, &Connection::replyUnderWay), limits_.replyBytes);
+        return isWithinShare(peer, underWay(peer, &RequestStream::replyUnderWay), limits_.replyBytes);
     }
 
     struct UnderWay {
@@ -145,9 +145,9 @@ private:
         std::size_t ofUser;
     };
 
-    UnderWay underWay(const Peer &peer, std::size_t (Connection::*sizeOf)() const) const {
+    UnderWay underWay(const Peer &peer, std::size_t (RequestStream::*sizeOf)() const) const {
         UnderWay sum{0, 0};
-        for (const auto &entry : connections_) {
+        for (const auto &entry : streams_) {
             const std::size_t bytes = (*entry.second.*sizeOf)();
             if (bytes <= kSmallBodyBytes)
                 continue;
@@ -200,16 +200,16 @@ private:
             return refuseAsBusy(socket, why);
         const int fd = socket.get();
         try {
-            connections_[fd] = std::make_unique<Connection>(loop_, std::move(socket), *peer, limits_, *this);
+            streams_[fd] = std::make_unique<RequestStream>(loop_, std::move(socket), *peer, limits_, *this);
         } catch (const std::exception &) {
-            connections_.erase(fd);
+            streams_.erase(fd);
         }
     }
 
     // Null when the client is welcome. What is kept for root, others do not get.
     const char *reasonToRefuse(const Peer &peer) const {
         const int kept = peer.uid == 0 ? 0 : rootsOwn_;
-        if (static_cast<int>(connections_.size()) >= limits_.connections - kept)
+        if (static_cast<int>(streams_.size()) >= limits_.connections - kept)
             return "too many connections";
         if (peer.uid != 0 &&
             countOf([&peer](const Peer &other) { return other.uid == peer.uid; }) >= limits_.connectionsPerUser)
@@ -224,7 +224,7 @@ private:
     }
 
     template <typename Which> std::ptrdiff_t countOf(Which which) const {
-        return std::count_if(connections_.begin(), connections_.end(),
+        return std::count_if(streams_.begin(), streams_.end(),
                              [&which](const auto &entry) { return which(entry.second->peer()); });
     }
 
@@ -237,7 +237,7 @@ private:
     Invoke invoke_;
     std::chrono::milliseconds timeInCalls_{0};
     support::EventLoop::Timer pause_ = 0;
-    std::map<int, std::unique_ptr<Connection>> connections_; // by descriptor
+    std::map<int, std::unique_ptr<RequestStream>> streams_; // by descriptor
 };
 
 Server::Server(support::EventLoop &loop, UniqueFd listener, Privileges privileges, ServerLimits limits, Find find,

@@ -11,7 +11,7 @@
 #include "fuzz/fake-sockets.h"
 #include "fuzz/input.h"
 #include "fuzz/require.h"
-#include "mavo/rmi-connection.h"
+#include "mavo/rmi-request-stream.h"
 #include "mavo/rmi.h"
 
 namespace {
@@ -69,9 +69,9 @@ public:
     }
 
     std::chrono::milliseconds timeInCalls() const override { return std::chrono::milliseconds(0); }
-    void ended(Connection &) override { connection.reset(); }
+    void ended(RequestStream &) override { connection.reset(); }
 
-    std::unique_ptr<Connection> connection;
+    std::unique_ptr<RequestStream> connection;
 };
 
 // The bytes of a whole conversation in pieces of these sizes, one after another and again; whole where there are none.
@@ -114,7 +114,7 @@ std::string repliesTo(const Conversation &conversation) {
     Handler handler;
     fd = fuzz::makeSocket({});
     handler.connection =
-        std::make_unique<Connection>(loop, support::UniqueFd(fd), Peer{0, 0, true}, ServerLimits(), handler);
+        std::make_unique<RequestStream>(loop, support::UniqueFd(fd), Peer{0, 0, true}, ServerLimits(), handler);
     loop.run();
     handler.connection.reset();
     std::string told;

@@ -63,7 +63,7 @@ Answer removeTables(ServiceContext &context) {
 Session::Session(ServiceContext &context, support::UniqueFd fd, const Asker &asker)
     : context_(context), asker_(asker), delivery_(context), commands_(1),
       names_(context, [this](const auto &name, const auto &result) { lookedUp(name, result); }),
-      connection_(context.loop, std::move(fd), *this) {}
+      stream_(context.loop, std::move(fd), *this) {}
 
 Session::~Session() { finish(ConnectionEnd::vanished); }
 
@@ -82,7 +82,7 @@ void Session::finish(ConnectionEnd how) {
 
 void Session::end(const char *reason) {
     RLVD_INFO("a client of user %u, process %d is cut off: %s", asker_.user, asker_.process, reason);
-    connection_.shutDown();
+    stream_.shutDown();
     gone();
 }
 
@@ -130,8 +130,8 @@ void Session::dispatch(std::size_t textBytes) {
 
 void Session::refuse(int error, const std::string &message) {
     RLVD_ERROR("user %u, process %d is refused: %s", asker_.user, asker_.process, message.c_str());
-    connection_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::refused, error, 0, message})});
-    connection_.shutDown();
+    stream_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::refused, error, 0, message})});
+    stream_.shutDown();
     gone();
 }
 
@@ -171,7 +171,7 @@ void Session::open() {
     delivery_.open(number_);
     names_.open();
     RLVD_INFO("connection %lld of user %u, process %d: opened", ll(number_), asker_.user, asker_.process);
-    connection_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::opened, 0, number_, {}})});
+    stream_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::opened, 0, number_, {}})});
 }
 
 void Session::remove() {
@@ -179,20 +179,19 @@ void Session::remove() {
     context_.turns.leave(*this);
     RLVD_INFO("hooks and chains taken out for user %u, process %d: %s", asker_.user, asker_.process,
               answer.code == 0 ? "all" : answer.message.c_str());
-    connection_.reply(
+    stream_.reply(
         {protocol::encode(protocol::Reply{protocol::Reply::Kind::committed, answer.code, 0, answer.message})});
 }
 
 void Session::watch() {
     isWatching_ = true;
-    connection_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::watched, 0, context_.serviceId, {}})});
+    stream_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::watched, 0, context_.serviceId, {}})});
 }
 
 // One who does not read what he was told before is cut off soon, and asks again.
 void Session::tellUnjudged() {
-    if (isWatching_ && !connection_.stuck())
-        connection_.reply(
-            {protocol::encode(protocol::Reply{protocol::Reply::Kind::watched, 1, context_.serviceId, {}})});
+    if (isWatching_ && !stream_.stuck())
+        stream_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::watched, 1, context_.serviceId, {}})});
 }
 
 void Session::close() {
@@ -208,7 +207,7 @@ void Session::close() {
     }
     const std::uint64_t lost = context_.history.lostOn(number_);
     finish(isInterrupted || delivery_.lossMayPass() ? ConnectionEnd::interrupted : ConnectionEnd::closed);
-    connection_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::closed, code, lost, {}})});
+    stream_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::closed, code, lost, {}})});
 }
 
 void Session::query() {
@@ -220,7 +219,7 @@ void Session::query() {
     context_.drift.takeNotices();
     state.drift = context_.drift.state();
     const auto packets = protocol::encodeState(state);
-    connection_.reply({packets.begin(), packets.end()});
+    stream_.reply({packets.begin(), packets.end()});
 }
 
 // An announcement may come in several requests; what is beyond the limit is looked up when its command comes.
@@ -245,7 +244,7 @@ void Session::names(std::size_t textBytes) {
     }
     state.serviceId = context_.serviceId;
     const auto packets = protocol::encodeState(state);
-    connection_.reply({packets.begin(), packets.end()});
+    stream_.reply({packets.begin(), packets.end()});
 }
 
 // What is wanted comes in any number of requests, of which the last is answered.
@@ -259,11 +258,11 @@ void Session::compare(std::size_t textBytes) {
             return refuse(EMSGSIZE, "more wanted rules than a table takes");
     }
     if ((request_.number & protocol::kMoreFollow) != 0)
-        return connection_.goOn();
+        return stream_.goOn();
     Comparison comparison = std::exchange(wanted_, nullptr)->compare((request_.number & protocol::kReading) != 0);
     comparison.simulated = context_.simulated;
     const auto packets = protocol::encodeState(comparison);
-    connection_.reply({packets.begin(), packets.end()});
+    stream_.reply({packets.begin(), packets.end()});
 }
 
 // A refusal is a command's answer. What the service itself lacks for one (memory, most likely) is none: a client that
@@ -307,7 +306,7 @@ void Session::runRest() {
         guarded([&] { start(options); });
     }
     if (!names_.isLookingUp())
-        connection_.goOn();
+        stream_.goOn();
 }
 
 void Session::start(std::string_view options) {
@@ -358,7 +357,7 @@ void Session::settle(const Answer &answer) {
 
 void Session::reply(const Answer &answer) {
     const std::uint64_t room = isAppending(options_) ? context_.table.room() : 0;
-    connection_.reply(
+    stream_.reply(
         {protocol::encode(protocol::Reply{protocol::Reply::Kind::committed, answer.code, room, answer.message})});
 }
 

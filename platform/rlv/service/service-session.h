@@ -11,8 +11,8 @@
 
 #include "rlv/protocol.h"
 #include "rlv/service/command-names.h"
-#include "rlv/service/connection.h"
 #include "rlv/service/delivery.h"
+#include "rlv/service/packet-stream.h"
 #include "rlv/service/service-context.h"
 #include "rlv/service/wanted-rules.h"
 
@@ -20,7 +20,7 @@ namespace rlv {
 
 // Answers one client's requests in their order. While it is open, the table is its alone; a look-up holds up this
 // client alone.
-class Session : private Connection::Handler, private TableTurns::Member {
+class Session : private PacketStream::Handler, private TableTurns::Member {
 public:
     Session(ServiceContext &context, support::UniqueFd fd, const Asker &asker);
     ~Session() override;
@@ -31,7 +31,7 @@ public:
     const Asker &asker() const { return asker_; }
     // A connection (rather than a client that has only asked, or said nothing yet, or waits for its turn).
     bool isOpen() const { return number_ != 0; }
-    const Connection &connection() const { return connection_; }
+    const PacketStream &stream() const { return stream_; }
     // A client that waits to be told what the service cannot judge.
     bool isWatching() const { return isWatching_; }
     // Others have changed the tables, and it is not known what should stand.
@@ -81,7 +81,7 @@ private:
     CommandNames names_;
     std::vector<std::string> announced_;  // of an announcement under way
     std::unique_ptr<WantedRules> wanted_; // of a comparison under way
-    Connection connection_;
+    PacketStream stream_;
 };
 
 } // namespace rlv

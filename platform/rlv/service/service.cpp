@@ -126,10 +126,10 @@ void Service::tellWatchers() {
 }
 
 const char *Service::faultOf(const Session &session) const {
-    const auto silence = support::EventLoop::Clock::now() - session.connection().lastActivity();
-    if (session.connection().stuck())
+    const auto silence = support::EventLoop::Clock::now() - session.stream().lastActivity();
+    if (session.stream().stuck())
         return silence > options_.patience ? "it does not read its reply" : nullptr;
-    if (session.connection().busy() || session.isWatching())
+    if (session.stream().busy() || session.isWatching())
         return nullptr;
     if (session.isOpen() && context_.turns.isWaitedFor() && silence > options_.maxIdleWhileWaitedFor)
         return "it has been silent for too long while others wait";

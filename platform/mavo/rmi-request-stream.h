@@ -1,6 +1,6 @@
 // One client's connection to a server of remote methods.
-#ifndef PLATFORM_MAVO_RMI_CONNECTION_H
-#define PLATFORM_MAVO_RMI_CONNECTION_H
+#ifndef PLATFORM_MAVO_RMI_REQUEST_STREAM_H
+#define PLATFORM_MAVO_RMI_REQUEST_STREAM_H
 
 #include <chrono>
 #include <cstddef>
@@ -22,9 +22,9 @@ struct Peer {
     bool holdsPrivilege; // any at all, when it connected
 };
 
-class Connection;
+class RequestStream;
 
-// What a connection asks of the server that owns it.
+// What a stream asks of the server that owns it.
 class RequestHandler {
 public:
     virtual ~RequestHandler() = default;
@@ -34,20 +34,20 @@ public:
     virtual Reply carryOut(const Peer &peer, const std::string &method, std::string body) = 0;
     // The time spent so far in carrying out calls. It is not held against clients that waited meanwhile.
     virtual std::chrono::milliseconds timeInCalls() const = 0;
-    // The connection is over and is destroyed in this call.
-    virtual void ended(Connection &connection) = 0;
+    // The stream is over and is destroyed in this call.
+    virtual void ended(RequestStream &stream) = 0;
 };
 
 // Reads one request, answers it, reads the next, each step as far as the socket goes without blocking. Loop and handler
 // must outlive it.
-class Connection {
+class RequestStream {
 public:
     // `socket` is non-blocking. Throws std::system_error when it cannot be watched.
-    Connection(support::EventLoop &loop, support::UniqueFd socket, Peer peer, const ServerLimits &limits,
-               RequestHandler &handler);
-    ~Connection();
-    Connection(const Connection &) = delete;
-    Connection &operator=(const Connection &) = delete;
+    RequestStream(support::EventLoop &loop, support::UniqueFd socket, Peer peer, const ServerLimits &limits,
+                  RequestHandler &handler);
+    ~RequestStream();
+    RequestStream(const RequestStream &) = delete;
+    RequestStream &operator=(const RequestStream &) = delete;
 
     int descriptor() const { return socket_.get(); }
     const Peer &peer() const { return peer_; }

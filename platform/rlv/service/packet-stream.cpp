@@ -1,4 +1,4 @@
-#include "rlv/service/connection.h"
+#include "rlv/service/packet-stream.h"
 
 #include <algorithm>
 #include <array>
@@ -27,15 +27,15 @@ void drain(int fd) {
 
 } // namespace
 
-Connection::Connection(support::EventLoop &loop, support::UniqueFd fd, Handler &handler)
+PacketStream::PacketStream(support::EventLoop &loop, support::UniqueFd fd, Handler &handler)
     : loop_(loop), fd_(std::move(fd)), handler_(handler), interest_(EPOLLIN),
       lastActivity_(support::EventLoop::Clock::now()) {
     loop_.watch(fd_.get(), interest_, [this](std::uint32_t events) { ready(events); });
 }
 
-Connection::~Connection() { shutDown(); }
+PacketStream::~PacketStream() { shutDown(); }
 
-void Connection::shutDown() {
+void PacketStream::shutDown() {
     ended_ = true;
     if (!fd_)
         return;
@@ -44,7 +44,7 @@ void Connection::shutDown() {
     fd_.reset();
 }
 
-void Connection::lose() {
+void PacketStream::lose() {
     if (std::exchange(ended_, true))
         return;
     loop_.unwatch(fd_.get());
@@ -52,7 +52,7 @@ void Connection::lose() {
 }
 
 // Whatever fails here ends this client alone.
-void Connection::ready(std::uint32_t events) {
+void PacketStream::ready(std::uint32_t events) {
     try {
         handle(events);
     } catch (const std::exception &error) {
@@ -61,7 +61,7 @@ void Connection::ready(std::uint32_t events) {
     }
 }
 
-void Connection::handle(std::uint32_t events) {
+void PacketStream::handle(std::uint32_t events) {
     if ((events & EPOLLOUT) != 0 && stuck())
         sendUnsent();
     else if ((events & EPOLLIN) != 0 && !busy_)
@@ -72,7 +72,7 @@ void Connection::handle(std::uint32_t events) {
 }
 
 // One packet for each turn of the loop: the other clients have theirs in between.
-void Connection::receive() {
+void PacketStream::receive() {
     std::array<char, kReceiveBytes> buffer;
     const ssize_t size = ::recv(fd_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
     if (size < 0 && (errno == EAGAIN || errno == EINTR))
@@ -85,7 +85,7 @@ void Connection::receive() {
     handler_.received({buffer.data(), std::min(sizeBytes, buffer.size())}, sizeBytes);
 }
 
-void Connection::reply(std::deque<std::string> packets) {
+void PacketStream::reply(std::deque<std::string> packets) {
     if (ended_)
         return;
     unsent_ = std::move(packets);
@@ -93,12 +93,12 @@ void Connection::reply(std::deque<std::string> packets) {
     updateInterest();
 }
 
-void Connection::goOn() {
+void PacketStream::goOn() {
     busy_ = false;
     updateInterest();
 }
 
-void Connection::sendUnsent() {
+void PacketStream::sendUnsent() {
     while (!unsent_.empty()) {
         const std::string &packet = unsent_.front();
         const ssize_t sent = ::send(fd_.get(), packet.data(), packet.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -114,7 +114,7 @@ void Connection::sendUnsent() {
     lastActivity_ = support::EventLoop::Clock::now();
 }
 
-void Connection::updateInterest() {
+void PacketStream::updateInterest() {
     if (ended_)
         return;
     const std::uint32_t wanted = stuck() ? EPOLLOUT : busy_ ? 0U : EPOLLIN;

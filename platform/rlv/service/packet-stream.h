@@ -1,6 +1,6 @@
 // The service's end of one client's socket.
-#ifndef PLATFORM_RLV_SERVICE_CONNECTION_H
-#define PLATFORM_RLV_SERVICE_CONNECTION_H
+#ifndef PLATFORM_RLV_SERVICE_PACKET_STREAM_H
+#define PLATFORM_RLV_SERVICE_PACKET_STREAM_H
 
 #include <cstdint>
 #include <deque>
@@ -16,9 +16,9 @@ namespace rlv {
 // Takes one packet at a time from a SOCK_SEQPACKET socket: after each one nothing more is read until goOn() was called,
 // or reply() and all of the reply has been taken by the kernel. So a client that sends much or reads nothing fills its
 // own socket buffers and nothing here. Never blocks.
-class Connection {
+class PacketStream {
 public:
-    // Told of what happens, from within the event loop or from within reply() and goOn(). May not delete the connection
+    // Told of what happens, from within the event loop or from within reply() and goOn(). May not delete the stream
     // while it is told.
     class Handler {
     public:
@@ -31,10 +31,10 @@ public:
     };
 
     // Watches `fd` until the end of the object.
-    Connection(support::EventLoop &loop, support::UniqueFd fd, Handler &handler);
-    ~Connection();
-    Connection(const Connection &) = delete;
-    Connection &operator=(const Connection &) = delete;
+    PacketStream(support::EventLoop &loop, support::UniqueFd fd, Handler &handler);
+    ~PacketStream();
+    PacketStream(const PacketStream &) = delete;
+    PacketStream &operator=(const PacketStream &) = delete;
 
     // Sends packets, in order, and then reads on.
     void reply(std::deque<std::string> packets);

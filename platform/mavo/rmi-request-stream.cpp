@@ -1,4 +1,4 @@
-#include "mavo/rmi-connection.h"
+#include "mavo/rmi-request-stream.h"
 
 #include <algorithm>
 #include <array>
@@ -19,8 +19,8 @@ constexpr std::size_t kDrainLimitBytes = 2 * kBodyLimitBytes;
 
 } // namespace
 
-Connection::Connection(support::EventLoop &loop, support::UniqueFd socket, Peer peer, const ServerLimits &limits,
-                       RequestHandler &handler)
+RequestStream::RequestStream(support::EventLoop &loop, support::UniqueFd socket, Peer peer, const ServerLimits &limits,
+                             RequestHandler &handler)
     : loop_(loop), socket_(std::move(socket)), peer_(peer), requestTimeout_(limits.requestTimeout),
       idleTimeout_(limits.idleTimeout), handler_(handler), interest_(EPOLLIN) {
     loop_.watch(socket_.get(), interest_, [this](std::uint32_t) { ready(); });
@@ -28,12 +28,12 @@ Connection::Connection(support::EventLoop &loop, support::UniqueFd socket, Peer 
     expect(Input::head, kRequestHeadBytes);
 }
 
-Connection::~Connection() {
+RequestStream::~RequestStream() {
     loop_.cancel(timer_);
     loop_.unwatch(socket_.get());
 }
 
-void Connection::ready() {
+void RequestStream::ready() {
     try {
         goOn();
     } catch (const std::exception &) {
@@ -44,7 +44,7 @@ void Connection::ready() {
 
 // Which of its events the socket has does not matter: reading and writing find out, and one of the two is always
 // wanted.
-void Connection::goOn() {
+void RequestStream::goOn() {
     if (hasOutput())
         writeSome();
     for (int i = 0; i < kChunksPerTurn && !over_ && input_ != Input::none; ++i) {
@@ -58,7 +58,7 @@ void Connection::goOn() {
 }
 
 // False when there is nothing to read for now.
-bool Connection::readSome() {
+bool RequestStream::readSome() {
     std::array<char, kChunkBytes> chunk; // not cleared: only what came is used
     const ssize_t got = ::recv(socket_.get(), chunk.data(), std::min(chunk.size(), left_), MSG_DONTWAIT);
     if (got < 0) {
@@ -72,7 +72,7 @@ bool Connection::readSome() {
     return got > 0;
 }
 
-void Connection::take(const char *bytes, std::size_t size) {
+void RequestStream::take(const char *bytes, std::size_t size) {
     if (input_ == Input::head && collected_.empty())
         startTimer(requestTimeout_);
     left_ -= size;
@@ -84,7 +84,7 @@ void Connection::take(const char *bytes, std::size_t size) {
         arrived();
 }
 
-void Connection::expect(Input input, std::size_t bytes) {
+void RequestStream::expect(Input input, std::size_t bytes) {
     input_ = input;
     left_ = bytes;
     std::string().swap(collected_); // gives back what a large body took
@@ -92,7 +92,7 @@ void Connection::expect(Input input, std::size_t bytes) {
         arrived();
 }
 
-void Connection::arrived() {
+void RequestStream::arrived() {
     switch (input_) {
     case Input::head:
         return headArrived();
@@ -110,7 +110,7 @@ void Connection::arrived() {
     }
 }
 
-void Connection::headArrived() {
+void RequestStream::headArrived() {
     const auto head = decodeRequestHead(collected_);
     if (!head)
         return endWith("method name longer than " + std::to_string(kMethodNameLimitBytes) +
@@ -119,7 +119,7 @@ void Connection::headArrived() {
     expect(Input::name, head->nameBytes);
 }
 
-void Connection::nameArrived() {
+void RequestStream::nameArrived() {
     method_ = collected_;
     const auto refused = handler_.refusal(peer_, method_, bodyBytes_);
     if (refused)
@@ -127,21 +127,21 @@ void Connection::nameArrived() {
     expect(refused ? Input::discard : Input::body, bodyBytes_);
 }
 
-void Connection::bodyArrived() {
+void RequestStream::bodyArrived() {
     std::string body = std::move(collected_);
     input_ = Input::none;
     answer(handler_.carryOut(peer_, method_, std::move(body)));
     requestRead();
 }
 
-void Connection::requestRead() {
+void RequestStream::requestRead() {
     input_ = Input::none;
     startTimer(idleTimeout_);
     if (!hasOutput())
         replyWritten();
 }
 
-void Connection::inputEnded() {
+void RequestStream::inputEnded() {
     if (insideRequest())
         answer({Status::malformed, {}, "request ends early", {}});
     input_ = Input::none;
@@ -149,24 +149,24 @@ void Connection::inputEnded() {
     over_ = !hasOutput();
 }
 
-bool Connection::insideRequest() const {
+bool RequestStream::insideRequest() const {
     return (input_ == Input::head && !collected_.empty()) || input_ == Input::name || input_ == Input::body;
 }
 
-void Connection::answer(const Reply &reply) {
+void RequestStream::answer(const Reply &reply) {
     output_ = encodeReply(reply);
     if (output_.size() > kReplyHeadBytes + kReplyLimitBytes)
         output_ = encodeReply({Status::exception, {}, "the reply is too large", {}});
     written_ = 0;
 }
 
-void Connection::endWith(const std::string &error) {
+void RequestStream::endWith(const std::string &error) {
     answer({Status::malformed, {}, error, {}});
     ending_ = true;
     expect(Input::drain, kDrainLimitBytes);
 }
 
-void Connection::writeSome() {
+void RequestStream::writeSome() {
     const ssize_t sent =
         ::send(socket_.get(), output_.data() + written_, output_.size() - written_, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (sent < 0) {
@@ -178,7 +178,7 @@ void Connection::writeSome() {
         replyWritten();
 }
 
-void Connection::replyWritten() {
+void RequestStream::replyWritten() {
     std::string().swap(output_);
     written_ = 0;
     if (ending_ && input_ == Input::drain)
@@ -189,7 +189,7 @@ void Connection::replyWritten() {
         expect(Input::head, kRequestHeadBytes);
 }
 
-void Connection::updateInterest() {
+void RequestStream::updateInterest() {
     const std::uint32_t wanted = (input_ != Input::none ? EPOLLIN : 0U) | (hasOutput() ? EPOLLOUT : 0U);
     if (wanted == interest_)
         return;
@@ -197,13 +197,13 @@ void Connection::updateInterest() {
     interest_ = wanted;
 }
 
-void Connection::startTimer(std::chrono::milliseconds delay) {
+void RequestStream::startTimer(std::chrono::milliseconds delay) {
     loop_.cancel(timer_);
     timeInCallsAtStart_ = handler_.timeInCalls();
     timer_ = loop_.after(delay, [this] { timerExpired(); });
 }
 
-void Connection::timerExpired() {
+void RequestStream::timerExpired() {
     timer_ = 0;
     const auto waited = handler_.timeInCalls() - timeInCallsAtStart_;
     if (waited.count() > 0)
@@ -216,7 +216,7 @@ void Connection::timerExpired() {
     leaveIfOver();
 }
 
-void Connection::leaveIfOver() {
+void RequestStream::leaveIfOver() {
     if (over_)
         handler_.ended(*this);
 }
