@@ -19,9 +19,9 @@ constexpr std::size_t kDrainLimitBytes = 2 * kBodyLimitBytes;
 
 } // namespace
 
-RequestStream::RequestStream(support::EventLoop &loop, support::UniqueFd socket, Peer peer, const ServerLimits &limits,
-                             RequestHandler &handler)
-    : loop_(loop), socket_(std::move(socket)), peer_(peer), requestTimeout_(limits.requestTimeout),
+RequestStream::RequestStream(support::EventLoop &loop, support::UniqueFd socket, Caller caller,
+                             const ServerLimits &limits, RequestHandler &handler)
+    : loop_(loop), socket_(std::move(socket)), caller_(caller), requestTimeout_(limits.requestTimeout),
       idleTimeout_(limits.idleTimeout), handler_(handler), interest_(EPOLLIN) {
     loop_.watch(socket_.get(), interest_, [this](std::uint32_t) { ready(); });
     startTimer(idleTimeout_);
@@ -121,7 +121,7 @@ void RequestStream::headArrived() {
 
 void RequestStream::nameArrived() {
     method_ = collected_;
-    const auto refused = handler_.refusal(peer_, method_, bodyBytes_);
+    const auto refused = handler_.refusal(caller_, method_, bodyBytes_);
     if (refused)
         answer(*refused);
     expect(refused ? Input::discard : Input::body, bodyBytes_);
@@ -130,7 +130,7 @@ void RequestStream::nameArrived() {
 void RequestStream::bodyArrived() {
     std::string body = std::move(collected_);
     input_ = Input::none;
-    answer(handler_.carryOut(peer_, method_, std::move(body)));
+    answer(handler_.carryOut(caller_, method_, std::move(body)));
     requestRead();
 }
 

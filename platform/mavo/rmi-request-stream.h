@@ -11,15 +11,14 @@
 #include "mavo/rmi-protocol.h"
 #include "mavo/rmi-server.h"
 #include "support/event-loop.h"
+#include "support/peer-credentials.h"
 #include "support/unique-fd.h"
 
 namespace mavo {
 namespace rmi {
 
-struct Peer {
-    uid_t uid;
-    gid_t gid;
-    bool holdsPrivilege; // any at all, when it connected
+struct Caller : support::Peer {
+    bool holdsPrivilege = false; // any at all, when it connected
 };
 
 class RequestStream;
@@ -30,8 +29,8 @@ public:
     virtual ~RequestHandler() = default;
 
     // The answer to a request that is refused by its head, or none.
-    virtual std::optional<Reply> refusal(const Peer &peer, const std::string &method, std::size_t bodyBytes) = 0;
-    virtual Reply carryOut(const Peer &peer, const std::string &method, std::string body) = 0;
+    virtual std::optional<Reply> refusal(const Caller &caller, const std::string &method, std::size_t bodyBytes) = 0;
+    virtual Reply carryOut(const Caller &caller, const std::string &method, std::string body) = 0;
     // The time spent so far in carrying out calls. It is not held against clients that waited meanwhile.
     virtual std::chrono::milliseconds timeInCalls() const = 0;
     // The stream is over and is destroyed in this call.
@@ -43,14 +42,14 @@ public:
 class RequestStream {
 public:
     // `socket` is non-blocking. Throws std::system_error when it cannot be watched.
-    RequestStream(support::EventLoop &loop, support::UniqueFd socket, Peer peer, const ServerLimits &limits,
+    RequestStream(support::EventLoop &loop, support::UniqueFd socket, Caller caller, const ServerLimits &limits,
                   RequestHandler &handler);
     ~RequestStream();
     RequestStream(const RequestStream &) = delete;
     RequestStream &operator=(const RequestStream &) = delete;
 
     int descriptor() const { return socket_.get(); }
-    const Peer &peer() const { return peer_; }
+    const Caller &caller() const { return caller_; }
     // The announced size of the body that is being read, 0 when none is.
     std::size_t bodyUnderWay() const { return input_ == Input::body ? bodyBytes_ : 0; }
     // The size of the reply that has not gone yet, 0 when there is none.
@@ -92,7 +91,7 @@ private:
 
     support::EventLoop &loop_;
     support::UniqueFd socket_;
-    Peer peer_;
+    Caller caller_;
     std::chrono::milliseconds requestTimeout_;
     std::chrono::milliseconds idleTimeout_;
     RequestHandler &handler_;

@@ -55,11 +55,11 @@ void refuseAsBusy(const UniqueFd &socket, const char *why) {
     [[maybe_unused]] const ssize_t sent = ::send(socket.get(), frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
-std::optional<Peer> peerOf(const UniqueFd &socket, const Privileges &privileges) {
-    const auto credentials = support::credentialsOfPeer(socket);
-    if (!credentials)
+std::optional<Caller> callerOf(const UniqueFd &socket, const Privileges &privileges) {
+    const auto peer = support::peerOf(socket);
+    if (!peer)
         return std::nullopt;
-    return Peer{credentials->uid, credentials->gid, privileges.holdsAny(credentials->uid, credentials->gid)};
+    return Caller{*peer, privileges.holdsAny(peer->user, peer->group)};
 }
 
 std::string oneLine(std::string text) {
@@ -94,19 +94,19 @@ public:
         return all;
     }
 
-    std::optional<Reply> refusal(const Peer &peer, const std::string &method, std::size_t bodyBytes) override {
-        auto refused = refusal(peer, find_(method));
-        if (!refused && !hasRoomFor(peer, bodyBytes))
+    std::optional<Reply> refusal(const Caller &caller, const std::string &method, std::size_t bodyBytes) override {
+        auto refused = refusal(caller, find_(method));
+        if (!refused && !hasRoomFor(caller, bodyBytes))
             refused = Reply{Status::busy, {}, "too many large requests under way", {}};
         return refused;
     }
 
-    Reply carryOut(const Peer &peer, const std::string &method, std::string body) override {
+    Reply carryOut(const Caller &caller, const std::string &method, std::string body) override {
         // Asked anew: the table may have been exchanged since the head of the request.
         const auto context = find_(method);
-        if (const auto refused = refusal(peer, context))
+        if (const auto refused = refusal(caller, context))
             return *refused;
-        if (!hasRoomForReply(peer))
+        if (!hasRoomForReply(caller))
             return Reply{Status::busy, {}, "too many large replies are not read yet", {}};
         Message request(std::move(body));
         const auto start = support::EventLoop::Clock::now();
@@ -120,24 +120,24 @@ public:
     void ended(RequestStream &stream) override { streams_.erase(stream.descriptor()); }
 
 private:
-    std::optional<Reply> refusal(const Peer &peer, const std::shared_ptr<const MethodContext> &context) const {
+    std::optional<Reply> refusal(const Caller &caller, const std::shared_ptr<const MethodContext> &context) const {
         if (!context)
             return Reply{Status::unknownMethod, {}, "no such method", {}};
-        if (!privileges_.holds(peer.uid, peer.gid, context->privilege))
+        if (!privileges_.holds(caller.user, caller.group, context->privilege))
             return Reply{Status::denied, {}, "needs the privilege " + oneLine(privilegePath(context->privilege)), {}};
         return std::nullopt;
     }
 
-    bool hasRoomFor(const Peer &peer, std::size_t bodyBytes) const {
+    bool hasRoomFor(const Caller &caller, std::size_t bodyBytes) const {
         if (bodyBytes <= kSmallBodyBytes)
             return true;
-        const UnderWay bodies = underWay(peer, &RequestStream::bodyUnderWay);
-        return isWithinShare(peer, {bodies.all + bodyBytes, bodies.ofUser + bodyBytes}, limits_.bodyBytes);
+        const UnderWay bodies = underWay(caller, &RequestStream::bodyUnderWay);
+        return isWithinShare(caller, {bodies.all + bodyBytes, bodies.ofUser + bodyBytes}, limits_.bodyBytes);
     }
 
     // How large the reply will be, nobody knows before the call.
-    bool hasRoomForReply(const Peer &peer) const {
-        return isWithinShare(peer, underWay(peer, &RequestStream::replyUnderWay), limits_.replyBytes);
+    bool hasRoomForReply(const Caller &caller) const {
+        return isWithinShare(caller, underWay(caller, &RequestStream::replyUnderWay), limits_.replyBytes);
     }
 
     struct UnderWay {
@@ -145,21 +145,21 @@ private:
         std::size_t ofUser;
     };
 
-    UnderWay underWay(const Peer &peer, std::size_t (RequestStream::*sizeOf)() const) const {
+    UnderWay underWay(const Caller &caller, std::size_t (RequestStream::*sizeOf)() const) const {
         UnderWay sum{0, 0};
         for (const auto &entry : streams_) {
             const std::size_t bytes = (*entry.second.*sizeOf)();
             if (bytes <= kSmallBodyBytes)
                 continue;
             sum.all += bytes;
-            sum.ofUser += entry.second->peer().uid == peer.uid ? bytes : 0;
+            sum.ofUser += entry.second->caller().user == caller.user ? bytes : 0;
         }
         return sum;
     }
 
-    static bool isWithinShare(const Peer &peer, const UnderWay &sum, std::size_t limit) {
+    static bool isWithinShare(const Caller &caller, const UnderWay &sum, std::size_t limit) {
         const std::size_t quarter = limit / 4;
-        return peer.uid == 0 ? sum.all <= limit : sum.all <= 3 * quarter && sum.ofUser <= quarter;
+        return caller.user == 0 ? sum.all <= limit : sum.all <= 3 * quarter && sum.ofUser <= quarter;
     }
 
     void watchListener() {
@@ -193,30 +193,30 @@ private:
     }
 
     void admit(UniqueFd socket) {
-        const auto peer = peerOf(socket, privileges_);
-        if (!peer)
+        const auto caller = callerOf(socket, privileges_);
+        if (!caller)
             return;
-        if (const char *why = reasonToRefuse(*peer))
+        if (const char *why = reasonToRefuse(*caller))
             return refuseAsBusy(socket, why);
         const int fd = socket.get();
         try {
-            streams_[fd] = std::make_unique<RequestStream>(loop_, std::move(socket), *peer, limits_, *this);
+            streams_[fd] = std::make_unique<RequestStream>(loop_, std::move(socket), *caller, limits_, *this);
         } catch (const std::exception &) {
             streams_.erase(fd);
         }
     }
 
     // Null when the client is welcome. What is kept for root, others do not get.
-    const char *reasonToRefuse(const Peer &peer) const {
-        const int kept = peer.uid == 0 ? 0 : rootsOwn_;
+    const char *reasonToRefuse(const Caller &caller) const {
+        const int kept = caller.user == 0 ? 0 : rootsOwn_;
         if (static_cast<int>(streams_.size()) >= limits_.connections - kept)
             return "too many connections";
-        if (peer.uid != 0 &&
-            countOf([&peer](const Peer &other) { return other.uid == peer.uid; }) >= limits_.connectionsPerUser)
+        if (caller.user != 0 &&
+            countOf([&caller](const Caller &other) { return other.user == caller.user; }) >= limits_.connectionsPerUser)
             return "too many connections of this user";
         // Anybody can have many accounts.
-        if (!peer.holdsPrivilege &&
-            countOf([](const Peer &other) { return !other.holdsPrivilege; }) >= limits_.connectionsWithoutPrivilege)
+        if (!caller.holdsPrivilege &&
+            countOf([](const Caller &other) { return !other.holdsPrivilege; }) >= limits_.connectionsWithoutPrivilege)
             return "too many connections of accounts without a privilege";
         if (!descriptorsFree(limits_.reservedDescriptors + kept))
             return "too few descriptors left";
@@ -225,7 +225,7 @@ private:
 
     template <typename Which> std::ptrdiff_t countOf(Which which) const {
         return std::count_if(streams_.begin(), streams_.end(),
-                             [&which](const auto &entry) { return which(entry.second->peer()); });
+                             [&which](const auto &entry) { return which(entry.second->caller()); });
     }
 
     support::EventLoop &loop_;

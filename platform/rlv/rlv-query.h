@@ -94,7 +94,7 @@ struct ServiceState {
     DriftState drift;
 };
 
-// Asks the service for what stands in the kernel and how the asker's connections (same user and process) with numbers
+// Asks the service for what stands in the kernel and how the connections of this user's process with numbers
 // above `sinceConnection` ended. The service remembers a bounded number of ended connections. Throws std::system_error
 // when the service cannot be reached or has not answered within `timeout`.
 ServiceState query(std::uint64_t sinceConnection,

@@ -51,14 +51,14 @@ const Service &methods() {
 
 class Handler : public RequestHandler {
 public:
-    std::optional<Reply> refusal(const Peer &, const std::string &method, std::size_t bodyBytes) override {
+    std::optional<Reply> refusal(const Caller &, const std::string &method, std::size_t bodyBytes) override {
         fuzz::require(method.size() <= kMethodNameLimitBytes && bodyBytes <= kBodyLimitBytes, "limits hold", method);
         if (methods().find(method))
             return std::nullopt;
         return Reply{Status::unknownMethod, {}, "no such method", {}};
     }
 
-    Reply carryOut(const Peer &, const std::string &method, std::string body) override {
+    Reply carryOut(const Caller &, const std::string &method, std::string body) override {
         understood.reset();
         Message request(body);
         Reply reply = invokeMethod(*methods().find(method), request);
@@ -114,7 +114,7 @@ std::string repliesTo(const Conversation &conversation) {
     Handler handler;
     fd = fuzz::makeSocket({});
     handler.connection =
-        std::make_unique<RequestStream>(loop, support::UniqueFd(fd), Peer{0, 0, true}, ServerLimits(), handler);
+        std::make_unique<RequestStream>(loop, support::UniqueFd(fd), Caller{{0, 0, 0}, true}, ServerLimits(), handler);
     loop.run();
     handler.connection.reset();
     std::string told;

@@ -11,9 +11,9 @@ bool endedWell(const ConnectionOutcome &outcome) {
 
 } // namespace
 
-std::uint64_t ConnectionHistory::open(const Asker &asker) {
+std::uint64_t ConnectionHistory::open(const support::Peer &peer) {
     Entry entry;
-    entry.asker = asker;
+    entry.peer = peer;
     entry.outcome.number = ++lastNumber_;
     entries_.emplace(lastNumber_, std::move(entry));
     return lastNumber_;
@@ -59,7 +59,7 @@ void ConnectionHistory::end(std::uint64_t number, ConnectionEnd how) {
     if (found == entries_.end() || found->second.outcome.end != ConnectionEnd::open)
         return;
     found->second.outcome.end = how;
-    const uid_t user = found->second.asker.user;
+    const uid_t user = found->second.peer.user;
     ++endedInAll_;
     if (++endedByUser_[user] > limits_.endedPerUser)
         forgetOneEnded(&user);
@@ -70,7 +70,7 @@ void ConnectionHistory::end(std::uint64_t number, ConnectionEnd how) {
 void ConnectionHistory::forgetOneEnded(const uid_t *user) {
     auto oldest = entries_.end();
     for (auto entry = entries_.begin(); entry != entries_.end(); ++entry) {
-        const bool counts = user == nullptr || entry->second.asker.user == *user;
+        const bool counts = user == nullptr || entry->second.peer.user == *user;
         if (!counts || entry->second.outcome.end == ConnectionEnd::open)
             continue;
         if (endedWell(entry->second.outcome))
@@ -85,14 +85,14 @@ void ConnectionHistory::forgetOneEnded(const uid_t *user) {
 void ConnectionHistory::forget(Entries::iterator entry) {
     dropTexts(entry->second);
     --endedInAll_;
-    --endedByUser_[entry->second.asker.user];
+    --endedByUser_[entry->second.peer.user];
     entries_.erase(entry);
 }
 
-std::vector<ConnectionOutcome> ConnectionHistory::of(const Asker &asker, std::uint64_t since) const {
+std::vector<ConnectionOutcome> ConnectionHistory::of(const support::Peer &peer, std::uint64_t since) const {
     std::vector<ConnectionOutcome> outcomes;
     for (auto entry = entries_.upper_bound(since); entry != entries_.end(); ++entry) {
-        if (entry->second.asker == asker)
+        if (entry->second.peer.user == peer.user && entry->second.peer.process == peer.process)
             outcomes.push_back(entry->second.outcome);
     }
     return outcomes;

@@ -9,18 +9,9 @@
 #include <vector>
 
 #include "rlv/rlv-query.h"
+#include "support/peer-credentials.h"
 
 namespace rlv {
-
-// The client's process, as the kernel names it.
-struct Asker {
-    uid_t user = 0;
-    pid_t process = 0;
-};
-
-inline bool operator==(const Asker &left, const Asker &right) {
-    return left.user == right.user && left.process == right.process;
-}
 
 // Numbers connections and remembers what was lost on them. Bounded: when there are too many ended ones, of one user or
 // in all, the oldest that ended well goes, or, where none did, the oldest. When the texts of lost commands are too many
@@ -38,7 +29,7 @@ public:
     explicit ConnectionHistory(const Limits &limits) : limits_(limits) {}
 
     // The new connection's number.
-    std::uint64_t open(const Asker &asker);
+    std::uint64_t open(const support::Peer &peer);
     void addLost(std::uint64_t number, LostCommand lost);
     // So many more were lost, after the ones that were added.
     void addLostBeyondList(std::uint64_t number, std::uint64_t count);
@@ -46,12 +37,12 @@ public:
     // How many commands of that connection were lost so far, with those that were refused at once.
     std::uint64_t lostOn(std::uint64_t number) const;
 
-    // The asker's connections with numbers above `since`, by number.
-    std::vector<ConnectionOutcome> of(const Asker &asker, std::uint64_t since) const;
+    // The connections of this user's process, with numbers above `since`, by number.
+    std::vector<ConnectionOutcome> of(const support::Peer &peer, std::uint64_t since) const;
 
 private:
     struct Entry {
-        Asker asker;
+        support::Peer peer;
         ConnectionOutcome outcome;
         std::size_t textBytes = 0;
     };

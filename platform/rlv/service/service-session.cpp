@@ -60,8 +60,8 @@ Answer removeTables(ServiceContext &context) {
 
 } // namespace
 
-Session::Session(ServiceContext &context, support::UniqueFd fd, const Asker &asker)
-    : context_(context), asker_(asker), delivery_(context), commands_(1),
+Session::Session(ServiceContext &context, support::UniqueFd fd, const support::Peer &peer)
+    : context_(context), peer_(peer), delivery_(context), commands_(1),
       names_(context, [this](const auto &name, const auto &result) { lookedUp(name, result); }),
       stream_(context.loop, std::move(fd), *this) {}
 
@@ -75,13 +75,13 @@ void Session::finish(ConnectionEnd how) {
         if (how == ConnectionEnd::vanished)
             delivery_.interrupt("the client vanished");
         context_.history.end(number, how);
-        RLVD_INFO("connection %lld of user %u, process %d: %s", ll(number), asker_.user, asker_.process, textOf(how));
+        RLVD_INFO("connection %lld of user %u, process %d: %s", ll(number), peer_.user, peer_.process, textOf(how));
     }
     context_.turns.leave(*this);
 }
 
 void Session::end(const char *reason) {
-    RLVD_INFO("a client of user %u, process %d is cut off: %s", asker_.user, asker_.process, reason);
+    RLVD_INFO("a client of user %u, process %d is cut off: %s", peer_.user, peer_.process, reason);
     stream_.shutDown();
     gone();
 }
@@ -129,7 +129,7 @@ void Session::dispatch(std::size_t textBytes) {
 }
 
 void Session::refuse(int error, const std::string &message) {
-    RLVD_ERROR("user %u, process %d is refused: %s", asker_.user, asker_.process, message.c_str());
+    RLVD_ERROR("user %u, process %d is refused: %s", peer_.user, peer_.process, message.c_str());
     stream_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::refused, error, 0, message})});
     stream_.shutDown();
     gone();
@@ -138,7 +138,7 @@ void Session::refuse(int error, const std::string &message) {
 // Until its turn comes, the client is in the middle of a request, and nothing more is read from it.
 void Session::wait() {
     const bool isRemoval = request_.kind == protocol::Request::Kind::remove;
-    if (isRemoval && asker_.user != 0 && asker_.user != ::geteuid())
+    if (isRemoval && peer_.user != 0 && peer_.user != ::geteuid())
         return refuse(EACCES, "only root may have the tables taken out");
     if (isRemoval && !asksFor(request_, ServedTables::here(context_.chainPrefix, context_.simulated)))
         return refuse(ENOENT, "these tables are not served here");
@@ -167,17 +167,17 @@ void Session::haveTurn() {
 
 void Session::open() {
     context_.table.open();
-    number_ = context_.history.open(asker_);
+    number_ = context_.history.open(peer_);
     delivery_.open(number_);
     names_.open();
-    RLVD_INFO("connection %lld of user %u, process %d: opened", ll(number_), asker_.user, asker_.process);
+    RLVD_INFO("connection %lld of user %u, process %d: opened", ll(number_), peer_.user, peer_.process);
     stream_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::opened, 0, number_, {}})});
 }
 
 void Session::remove() {
     const Answer answer = removeTables(context_);
     context_.turns.leave(*this);
-    RLVD_INFO("hooks and chains taken out for user %u, process %d: %s", asker_.user, asker_.process,
+    RLVD_INFO("hooks and chains taken out for user %u, process %d: %s", peer_.user, peer_.process,
               answer.code == 0 ? "all" : answer.message.c_str());
     stream_.reply(
         {protocol::encode(protocol::Reply{protocol::Reply::Kind::committed, answer.code, 0, answer.message})});
@@ -199,8 +199,8 @@ void Session::close() {
     const bool isInterrupted = interruption != Interruption::none;
     std::int32_t code = ECANCELED;
     if (isInterrupted) {
-        RLVD_ERROR("connection %lld of user %u, process %d is interrupted: %s", ll(number_), asker_.user,
-                   asker_.process, textOf(interruption));
+        RLVD_ERROR("connection %lld of user %u, process %d is interrupted: %s", ll(number_), peer_.user, peer_.process,
+                   textOf(interruption));
         delivery_.interrupt(textOf(interruption));
     } else {
         code = delivery_.close() ? 0 : EIO;
@@ -215,7 +215,7 @@ void Session::query() {
     context_.table.describe(state);
     state.simulated = context_.simulated;
     state.serviceId = context_.serviceId;
-    state.connections = context_.history.of(asker_, request_.number);
+    state.connections = context_.history.of(peer_, request_.number);
     context_.drift.takeNotices();
     state.drift = context_.drift.state();
     const auto packets = protocol::encodeState(state);
@@ -342,11 +342,11 @@ void Session::settle(const Answer &answer) {
     if (answer.code == 0) {
         delivery_.accepted();
         if (context_.logAccepted)
-            RLVD_INFO("connection %lld of user %u, process %d: %s", ll(number_), asker_.user, asker_.process,
+            RLVD_INFO("connection %lld of user %u, process %d: %s", ll(number_), peer_.user, peer_.process,
                       options_.c_str());
     } else if (isAnswered) {
-        RLVD_INFO("connection %lld of user %u, process %d: refused (%d, %s): %s", ll(number_), asker_.user,
-                  asker_.process, answer.code, answer.message.c_str(), options_.c_str());
+        RLVD_INFO("connection %lld of user %u, process %d: refused (%d, %s): %s", ll(number_), peer_.user,
+                  peer_.process, answer.code, answer.message.c_str(), options_.c_str());
         context_.history.addLost(number_, {options_, answer.code, answer.message, true});
     } else {
         delivery_.lose({options_, answer.code, answer.message, false});

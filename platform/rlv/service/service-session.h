@@ -22,13 +22,13 @@ namespace rlv {
 // client alone.
 class Session : private PacketStream::Handler, private TableTurns::Member {
 public:
-    Session(ServiceContext &context, support::UniqueFd fd, const Asker &asker);
+    Session(ServiceContext &context, support::UniqueFd fd, const support::Peer &peer);
     ~Session() override;
 
     // `ended` is called once, when the client is gone; the session may not be deleted before that returns.
     void onEnd(std::function<void()> ended) { ended_ = std::move(ended); }
 
-    const Asker &asker() const { return asker_; }
+    const support::Peer &peer() const { return peer_; }
     // A connection (rather than a client that has only asked, or said nothing yet, or waits for its turn).
     bool isOpen() const { return number_ != 0; }
     const PacketStream &stream() const { return stream_; }
@@ -67,7 +67,7 @@ private:
     void reply(const Answer &answer);
 
     ServiceContext &context_;
-    Asker asker_;
+    support::Peer peer_;
     std::function<void()> ended_;
     std::uint64_t number_ = 0;
     bool isWatching_ = false;

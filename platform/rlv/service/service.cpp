@@ -73,32 +73,31 @@ void Service::pauseAccepting() {
 }
 
 void Service::admit(support::UniqueFd fd) {
-    const auto credentials = support::credentialsOfPeer(fd);
-    if (!credentials)
+    const auto peer = support::peerOf(fd);
+    if (!peer)
         return;
-    const Asker asker{credentials->uid, credentials->pid};
-    const auto [error, why] = refusalFor(asker);
+    const auto [error, why] = refusalFor(*peer);
     if (error == 0)
-        return serve(std::move(fd), asker);
-    RLVD_ERROR("user %u, process %d is refused: %s", asker.user, asker.process, why.c_str());
+        return serve(std::move(fd), *peer);
+    RLVD_ERROR("user %u, process %d is refused: %s", peer->user, peer->process, why.c_str());
     refuse(std::move(fd), protocol::encode(protocol::Reply{protocol::Reply::Kind::refused, error, 0, why}));
 }
 
-std::pair<int, std::string> Service::refusalFor(const Asker &asker) const {
-    if (asker.user != 0 && options_.users.count(asker.user) == 0)
+std::pair<int, std::string> Service::refusalFor(const support::Peer &peer) const {
+    if (peer.user != 0 && options_.users.count(peer.user) == 0)
         return {EACCES, "this account is not served"};
     if (sessions_.size() >= options_.maxClients)
         return {EBUSY, "too many clients"};
     const auto ofUser = std::count_if(sessions_.begin(), sessions_.end(),
-                                      [&](const auto &session) { return session->asker().user == asker.user; });
+                                      [&](const auto &session) { return session->peer().user == peer.user; });
     if (static_cast<std::size_t>(ofUser) >= options_.maxClientsPerUser)
         return {EBUSY, "too many clients of this account"};
     return {0, {}};
 }
 
-void Service::serve(support::UniqueFd fd, const Asker &asker) {
+void Service::serve(support::UniqueFd fd, const support::Peer &peer) {
     sessions_.reserve(sessions_.size() + 1);
-    auto session = std::make_unique<Session>(context_, std::move(fd), asker);
+    auto session = std::make_unique<Session>(context_, std::move(fd), peer);
     const Session *const served = session.get();
     session->onEnd([this, served] { bury(served); });
     sessions_.push_back(std::move(session));

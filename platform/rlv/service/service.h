@@ -49,8 +49,8 @@ private:
     void pauseAccepting();
     void admit(support::UniqueFd fd);
     // Why this client is not served: an errno value and a text; 0 when it is.
-    std::pair<int, std::string> refusalFor(const Asker &asker) const;
-    void serve(support::UniqueFd fd, const Asker &asker);
+    std::pair<int, std::string> refusalFor(const support::Peer &peer) const;
+    void serve(support::UniqueFd fd, const support::Peer &peer);
     void bury(const Session *session);
     void sweep();
     const char *faultOf(const Session &session) const;

@@ -10,8 +10,8 @@
 
 namespace {
 
-using support::credentialsOfPeer;
 using support::newUnixSocket;
+using support::peerOf;
 using support::UniqueFd;
 
 class AServedSocket : public testing::Test {
@@ -45,18 +45,18 @@ TEST_F(AServedSocket, TellsWhoConnectedAlsoWhenThatProcessIsGone) {
     for (const uid_t account : {0U, 1234U}) {
         pid_t client = -1;
         const UniqueFd socket = connectedBy(account, client);
-        const auto credentials = credentialsOfPeer(socket);
-        ASSERT_TRUE(credentials);
-        EXPECT_EQ(account, credentials->uid);
-        EXPECT_EQ(account, credentials->gid);
-        EXPECT_EQ(client, credentials->pid);
+        const auto peer = peerOf(socket);
+        ASSERT_TRUE(peer);
+        EXPECT_EQ(account, peer->user);
+        EXPECT_EQ(account, peer->group);
+        EXPECT_EQ(client, peer->process);
     }
 }
 
 TEST(WhatIsNoSocket, HasNobodyAtItsOtherEnd) {
-    EXPECT_FALSE(credentialsOfPeer(UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXEC))));
+    EXPECT_FALSE(peerOf(UniqueFd(::open("/dev/null", O_RDONLY | O_CLOEXEC))));
     EXPECT_EQ(ENOTSOCK, errno);
-    EXPECT_FALSE(credentialsOfPeer(UniqueFd()));
+    EXPECT_FALSE(peerOf(UniqueFd()));
     EXPECT_EQ(EBADF, errno);
 }
 

@@ -4,18 +4,18 @@
 
 namespace {
 
-using rlv::Asker;
 using rlv::ConnectionEnd;
 using rlv::ConnectionHistory;
+using support::Peer;
 
-constexpr Asker kMe{0, 100};
-constexpr Asker kOther{7, 200};
+constexpr Peer kMe{0, 0, 100};
+constexpr Peer kOther{7, 7, 200};
 
 rlv::LostCommand lost(const std::string &options) { return {options, 1, "no", true}; }
 
-std::vector<std::uint64_t> numbersOf(const ConnectionHistory &history, const Asker &asker) {
+std::vector<std::uint64_t> numbersOf(const ConnectionHistory &history, const Peer &peer) {
     std::vector<std::uint64_t> numbers;
-    for (const auto &outcome : history.of(asker, 0))
+    for (const auto &outcome : history.of(peer, 0))
         numbers.push_back(outcome.number);
     return numbers;
 }
@@ -31,8 +31,8 @@ TEST(AConnectionHistory, NumbersConnectionsUpwardsFromOne) {
 TEST(AConnectionHistory, TellsUsersAndProcessesApart) {
     ConnectionHistory history;
     history.open(kMe);
-    history.open({kMe.user, kOther.process});
-    history.open({kOther.user, kMe.process});
+    history.open({kMe.user, kMe.group, kOther.process});
+    history.open({kOther.user, kMe.group, kMe.process});
     EXPECT_EQ(Numbers{1}, numbersOf(history, kMe));
 }
 
