@@ -38,30 +38,30 @@ constexpr std::string_view kBeforeReason = " : ";
 constexpr int kNothingToDo = 1;
 
 // A refusal because there is nothing to do leaves what was asked for; any other leaves something else.
-bool mayBeThoughtInForce(const rlv::LostCommand &command) {
-    return !command.refusedAtOnce || command.code != kNothingToDo || command.options.compare(0, 3, "-A ") == 0;
+bool mayBeThoughtInForce(const rlv::FailedCommand &command) {
+    return !command.wasRefused || command.code != kNothingToDo || command.options.compare(0, 3, "-A ") == 0;
 }
 
 void judge(const rlv::ConnectionOutcome &connection, Verdict &verdict) {
-    for (const auto &command : connection.lost) {
+    for (const auto &command : connection.failed) {
         if (mayBeThoughtInForce(command))
             verdict.notInForce.push_back(command.options + ": " + command.message);
-        if (command.refusedAtOnce)
+        if (command.wasRefused)
             verdict.refusals.insert(command.message);
         else
             verdict.acceptedThenLost.push_back(command.options);
     }
-    if (connection.lostBeyondList > 0)
-        verdict.notInForce.push_back(std::to_string(connection.lostBeyondList) + " more commands");
-    if (connection.lostBeyondList > 0 && connection.lost.empty())
-        verdict.acceptedThenLost.push_back(std::to_string(connection.lostBeyondList) + " commands");
+    if (connection.failedBeyondList > 0)
+        verdict.notInForce.push_back(std::to_string(connection.failedBeyondList) + " more commands");
+    if (connection.failedBeyondList > 0 && connection.failed.empty())
+        verdict.acceptedThenLost.push_back(std::to_string(connection.failedBeyondList) + " commands");
     // One that still seems open got no answer to its end: the service will find out that nobody is there.
     if (connection.end != rlv::ConnectionEnd::closed && connection.end != rlv::ConnectionEnd::interrupted)
         verdict.interruption = "a connection to the traffic-control service broke";
     // Unless its client knows better, see below.
     if (connection.end == rlv::ConnectionEnd::interrupted)
         verdict.interruption = "commands were lost for a reason that may pass" +
-                               (connection.lost.empty() ? std::string() : ": " + connection.lost.back().message);
+                               (connection.failed.empty() ? std::string() : ": " + connection.failed.back().message);
 }
 
 } // namespace

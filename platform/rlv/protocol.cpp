@@ -19,20 +19,20 @@ constexpr std::size_t kMaxNameBytes = 254; // with the root's dot
 
 int codeOf(FieldReader &in) { return static_cast<std::int32_t>(in.word()); }
 
-void write(FieldWriter &out, const LostCommand &lost) {
-    out.text(lost.options);
-    out.integer(static_cast<std::uint32_t>(lost.code), 4);
-    out.text(lost.message);
-    out.flag(lost.refusedAtOnce);
+void write(FieldWriter &out, const FailedCommand &failed) {
+    out.text(failed.options);
+    out.integer(static_cast<std::uint32_t>(failed.code), 4);
+    out.text(failed.message);
+    out.flag(failed.wasRefused);
 }
 
-LostCommand readLost(FieldReader &in) {
-    LostCommand lost;
-    lost.options = in.text();
-    lost.code = codeOf(in);
-    lost.message = in.text();
-    lost.refusedAtOnce = in.flag();
-    return lost;
+FailedCommand readFailed(FieldReader &in) {
+    FailedCommand failed;
+    failed.options = in.text();
+    failed.code = codeOf(in);
+    failed.message = in.text();
+    failed.wasRefused = in.flag();
+    return failed;
 }
 
 void write(FieldWriter &out, const DriftState &drift) {
@@ -62,16 +62,16 @@ DriftState readDrift(FieldReader &in) {
 void write(FieldWriter &out, const ConnectionOutcome &outcome) {
     out.integer(outcome.number, 8);
     out.integer(static_cast<std::uint64_t>(outcome.end), 1);
-    out.list(outcome.lost, [&](const LostCommand &lost) { write(out, lost); });
-    out.integer(outcome.lostBeyondList, 8);
+    out.list(outcome.failed, [&](const FailedCommand &failed) { write(out, failed); });
+    out.integer(outcome.failedBeyondList, 8);
 }
 
 ConnectionOutcome readOutcome(FieldReader &in) {
     ConnectionOutcome outcome;
     outcome.number = in.integer(8);
     outcome.end = static_cast<ConnectionEnd>(std::min<std::uint64_t>(in.integer(1), 3));
-    in.list([&] { outcome.lost.push_back(readLost(in)); });
-    outcome.lostBeyondList = in.integer(8);
+    in.list([&] { outcome.failed.push_back(readFailed(in)); });
+    outcome.failedBeyondList = in.integer(8);
     return outcome;
 }
 

@@ -72,10 +72,10 @@ struct Reply {
     std::int32_t code = 0;
     // watched: the service's identifier (ServiceState::serviceId). It comes at once in answer to a request to watch,
     // and with the code 1 whenever others have changed the tables and the service does not know what should stand.
-    // opened: the connection's number; closed: how many of its commands were refused or lost; state: how many parts
-    // follow; committed: how many more rules the table takes. So
-    // many commands of the forms (see command-form.h) that were accepted so far are sure to be accepted, until one
-    // comes that is no -A: only such a one takes away what they need.
+    // opened: the connection's number; closed: how many of its commands have failed (see FailedCommand); state: how
+    // many parts follow; committed: how many more rules the table takes. So many commands of the forms (see
+    // command-form.h) that were accepted so far are sure to be accepted, until one comes that is no -A: only such a one
+    // takes away what they need.
     std::uint64_t number = 0;
     std::string text; // committed, refused: the message; state: a part of the encoded state
 };

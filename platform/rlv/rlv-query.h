@@ -20,12 +20,12 @@ constexpr const char *kDefaultSocketPath = "/run/vpk/rlvd/socket";
 // The socket that rlv_initialize and query() use in this process.
 void setSocketPath(const std::string &path);
 
-// A command that is not in force though its caller may think so.
-struct LostCommand {
+// A command that has failed: it was refused, or accepted and lost later, and its caller may think that it is in force.
+struct FailedCommand {
     std::string options; // the option text as it was sent
     int code = 0;        // iptables' exit status: 1, 2 or 4
     std::string message;
-    bool refusedAtOnce = false; // answered with this code; false: accepted first and lost later
+    bool wasRefused = false; // answered with this code; false: lost
 };
 
 // Interrupted: its client said so at its end, or the service lost commands of it for a reason that may pass.
@@ -54,9 +54,9 @@ constexpr const char *textOf(Interruption interruption) {
 struct ConnectionOutcome {
     std::uint64_t number = 0; // counts up over the service's life, never 0
     ConnectionEnd end = ConnectionEnd::open;
-    std::vector<LostCommand> lost; // in the order sent, every kind of command
-    // Commands beyond those in `lost` that were lost too; the list has a limit, the count has none.
-    std::uint64_t lostBeyondList = 0;
+    std::vector<FailedCommand> failed; // in the order sent, every kind of command
+    // Commands beyond those in `failed` that have failed too; the list has a limit, the count has none.
+    std::uint64_t failedBeyondList = 0;
 };
 
 struct ChainState {

@@ -6,7 +6,7 @@ namespace rlv {
 namespace {
 
 bool endedWell(const ConnectionOutcome &outcome) {
-    return outcome.end == ConnectionEnd::closed && outcome.lost.empty() && outcome.lostBeyondList == 0;
+    return outcome.end == ConnectionEnd::closed && outcome.failed.empty() && outcome.failedBeyondList == 0;
 }
 
 } // namespace
@@ -19,39 +19,39 @@ std::uint64_t ConnectionHistory::open(const support::Peer &peer) {
     return lastNumber_;
 }
 
-void ConnectionHistory::addLost(std::uint64_t number, LostCommand lost) {
+void ConnectionHistory::add(std::uint64_t number, FailedCommand failed) {
     const auto found = entries_.find(number);
     if (found == entries_.end())
         return;
     Entry &entry = found->second;
-    const std::size_t bytes = sizeof lost + lost.options.size() + lost.message.size();
-    // Once one is left out all later ones are: the list is the beginning of what was lost.
-    if (entry.outcome.lostBeyondList > 0 || entry.textBytes + bytes > limits_.textBytesPerConnection) {
-        ++entry.outcome.lostBeyondList;
+    const std::size_t bytes = sizeof failed + failed.options.size() + failed.message.size();
+    // Once one is left out all later ones are: the list is the beginning of what has failed.
+    if (entry.outcome.failedBeyondList > 0 || entry.textBytes + bytes > limits_.textBytesPerConnection) {
+        ++entry.outcome.failedBeyondList;
         return;
     }
     entry.textBytes += bytes;
     textBytes_ += bytes;
-    entry.outcome.lost.push_back(std::move(lost));
+    entry.outcome.failed.push_back(std::move(failed));
     for (auto other = entries_.begin(); textBytes_ > limits_.textBytesInAll && other != entries_.end(); ++other)
-        dropTexts(other->second);
+        discardTexts(other->second);
 }
 
-void ConnectionHistory::addLostBeyondList(std::uint64_t number, std::uint64_t count) {
+void ConnectionHistory::addBeyondList(std::uint64_t number, std::uint64_t count) {
     const auto found = entries_.find(number);
     if (found != entries_.end())
-        found->second.outcome.lostBeyondList += count;
+        found->second.outcome.failedBeyondList += count;
 }
 
-std::uint64_t ConnectionHistory::lostOn(std::uint64_t number) const {
+std::uint64_t ConnectionHistory::failedOn(std::uint64_t number) const {
     const auto found = entries_.find(number);
-    return found == entries_.end() ? 0 : found->second.outcome.lost.size() + found->second.outcome.lostBeyondList;
+    return found == entries_.end() ? 0 : found->second.outcome.failed.size() + found->second.outcome.failedBeyondList;
 }
 
-void ConnectionHistory::dropTexts(Entry &entry) {
+void ConnectionHistory::discardTexts(Entry &entry) {
     textBytes_ -= std::exchange(entry.textBytes, 0);
-    entry.outcome.lostBeyondList += entry.outcome.lost.size();
-    entry.outcome.lost = {};
+    entry.outcome.failedBeyondList += entry.outcome.failed.size();
+    entry.outcome.failed = {};
 }
 
 void ConnectionHistory::end(std::uint64_t number, ConnectionEnd how) {
@@ -83,7 +83,7 @@ void ConnectionHistory::forgetOneEnded(const uid_t *user) {
 }
 
 void ConnectionHistory::forget(Entries::iterator entry) {
-    dropTexts(entry->second);
+    discardTexts(entry->second);
     --endedInAll_;
     --endedByUser_[entry->second.peer.user];
     entries_.erase(entry);

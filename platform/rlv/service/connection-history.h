@@ -13,9 +13,9 @@
 
 namespace rlv {
 
-// Numbers connections and remembers what was lost on them. Bounded: when there are too many ended ones, of one user or
-// in all, the oldest that ended well goes, or, where none did, the oldest. When the texts of lost commands are too many
-// the oldest are replaced by their number.
+// Numbers connections and remembers what has failed on them. Bounded: when there are too many ended ones, of one user
+// or in all, the oldest that ended well goes, or, where none did, the oldest. When the texts of failed commands are too
+// many the oldest are replaced by their number.
 class ConnectionHistory {
 public:
     struct Limits {
@@ -30,12 +30,12 @@ public:
 
     // The new connection's number.
     std::uint64_t open(const support::Peer &peer);
-    void addLost(std::uint64_t number, LostCommand lost);
-    // So many more were lost, after the ones that were added.
-    void addLostBeyondList(std::uint64_t number, std::uint64_t count);
+    void add(std::uint64_t number, FailedCommand failed);
+    // So many more have failed, after the ones that were added.
+    void addBeyondList(std::uint64_t number, std::uint64_t count);
     void end(std::uint64_t number, ConnectionEnd how);
-    // How many commands of that connection were lost so far, with those that were refused at once.
-    std::uint64_t lostOn(std::uint64_t number) const;
+    // How many commands of that connection have failed so far.
+    std::uint64_t failedOn(std::uint64_t number) const;
 
     // The connections of this user's process, with numbers above `since`, by number.
     std::vector<ConnectionOutcome> of(const support::Peer &peer, std::uint64_t since) const;
@@ -48,7 +48,7 @@ private:
     };
     using Entries = std::map<std::uint64_t, Entry>;
 
-    void dropTexts(Entry &entry);
+    void discardTexts(Entry &entry);
     void forget(Entries::iterator entry);
     void forgetOneEnded(const uid_t *user);
 

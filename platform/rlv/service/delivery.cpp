@@ -66,7 +66,7 @@ void Delivery::compare(bool isClosed) {
     const bool isWhole = isClosed && !hasLost_ && rulesMoved_ > 0;
     const std::string problem = context_.drift.endConnection(isWhole);
     if (!problem.empty())
-        lose({"what others have changed", 4, "not put right: " + problem, false});
+        lose({"what others have changed", 4, "not put right: " + problem});
 }
 
 // The client has its answer first.
@@ -90,10 +90,10 @@ void Delivery::push() {
     } catch (const std::exception &error) {
         RLVD_ERROR("connection %lld: sending failed: %s", ll(number_), error.what());
         hasLost_ = hasUnsent_ = lossMayPass_ = true;
-        const auto lostBefore = context_.history.lostOn(number_);
+        const auto failedBefore = context_.history.failedOn(number_);
         drop(std::string("iptables: sending failed: ") + error.what());
-        if (context_.history.lostOn(number_) == lostBefore) // their texts went with what failed
-            context_.history.addLostBeyondList(number_, 1);
+        if (context_.history.failedOn(number_) == failedBefore) // their texts went with what failed
+            context_.history.addBeyondList(number_, 1);
     }
 }
 
@@ -116,7 +116,7 @@ void Delivery::lose(const LostCommand &lost) {
     hasLost_ = true;
     RLVD_ERROR("connection %lld: lost (%d, %s): %s", ll(number_), lost.code, lost.message.c_str(),
                lost.options.c_str());
-    context_.history.addLost(number_, lost);
+    context_.history.add(number_, {lost.options, lost.code, lost.message, false});
 }
 
 void Delivery::loseAll(const PushReport &report) {
@@ -126,7 +126,7 @@ void Delivery::loseAll(const PushReport &report) {
         return;
     hasLost_ = true;
     RLVD_ERROR("connection %lld: lost: %lld more", ll(number_), ll(report.lostBeyondList));
-    context_.history.addLostBeyondList(number_, report.lostBeyondList);
+    context_.history.addBeyondList(number_, report.lostBeyondList);
 }
 
 void Delivery::log(const PushReport &report) const {

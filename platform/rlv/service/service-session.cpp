@@ -205,9 +205,9 @@ void Session::close() {
     } else {
         code = delivery_.close() ? 0 : EIO;
     }
-    const std::uint64_t lost = context_.history.lostOn(number_);
+    const std::uint64_t failed = context_.history.failedOn(number_);
     finish(isInterrupted || delivery_.lossMayPass() ? ConnectionEnd::interrupted : ConnectionEnd::closed);
-    stream_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::closed, code, lost, {}})});
+    stream_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::closed, code, failed, {}})});
 }
 
 void Session::query() {
@@ -347,9 +347,9 @@ void Session::settle(const Answer &answer) {
     } else if (isAnswered) {
         RLVD_INFO("connection %lld of user %u, process %d: refused (%d, %s): %s", ll(number_), peer_.user,
                   peer_.process, answer.code, answer.message.c_str(), options_.c_str());
-        context_.history.addLost(number_, {options_, answer.code, answer.message, true});
+        context_.history.add(number_, {options_, answer.code, answer.message, true});
     } else {
-        delivery_.lose({options_, answer.code, answer.message, false});
+        delivery_.lose({options_, answer.code, answer.message});
     }
     if (isAnswered)
         reply(answer);

@@ -15,6 +15,13 @@ struct Answer {
     std::string message;
 };
 
+// A command that was accepted, and is not in force.
+struct LostCommand {
+    std::string options; // the option text as it was sent
+    int code = 0;        // the exit status that says why
+    std::string message;
+};
+
 struct Command {
     enum class Action { flushChain, makeChain, removeChain, appendRule, deleteRule };
     Action action = Action::flushChain;

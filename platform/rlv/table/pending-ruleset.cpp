@@ -433,7 +433,7 @@ Answer PendingRuleset::carryOutAgain(const std::vector<Command> &commands, const
 }
 
 void PendingRuleset::lose(const Origin &origin, const Answer &answer, std::vector<LostCommand> &lost) {
-    lost.push_back({origin.options, answer.code, answer.message, false});
+    lost.push_back({origin.options, answer.code, answer.message});
     // Told once: the next rebase() begins with the same commands, and must not carry it out after all.
     if (!rebased_.empty())
         lostNumbers_.insert(origin.number);

@@ -26,7 +26,7 @@ struct PushReport {
     std::size_t kept = 0;              // rules in the service's own chains that stayed, with their handles and counters
     std::size_t changes = 0;           // messages in the transaction; 0 when nothing had to be sent
     std::vector<std::string> refilled; // chains that were emptied and filled anew: all their counters begin at 0
-    std::vector<LostCommand> lost;     // accepted, but not in force; `refusedAtOnce` is false
+    std::vector<LostCommand> lost;     // accepted, but not in force
     std::uint64_t lostBeyondList = 0;  // and how many more
     bool mayPass = false;              // lost for want of memory, or to changes of others: the same may go well later
 };

@@ -9,7 +9,7 @@ namespace {
 
 using rlv::ConnectionEnd;
 using rlv::ConnectionOutcome;
-using rlv::LostCommand;
+using rlv::FailedCommand;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -26,7 +26,7 @@ std::vector<rlv::Opening> opened(std::initializer_list<std::uint64_t> numbers) {
     return openings;
 }
 
-std::vector<std::string> judged(const LostCommand &lost) {
+std::vector<std::string> judged(const FailedCommand &lost) {
     return host::judge(stateOf({{7, ConnectionEnd::closed, {lost}, 0}}), opened({7})).notInForce;
 }
 
@@ -69,15 +69,15 @@ TEST(ACommand, CountsWhereItsTextWasTooMuchToKeep) {
 }
 
 TEST(ACommand, CountsAsRefusedWhereItsTextWasTooMuchToKeepAmongRefusals) {
-    const LostCommand refused{"-A VPK-DENY -s nowhere -j DROP", 2, "host not found", true};
+    const FailedCommand refused{"-A VPK-DENY -s nowhere -j DROP", 2, "host not found", true};
     const auto verdict = host::judge(stateOf({{7, ConnectionEnd::closed, {refused}, 12}}), opened({7}));
     EXPECT_THAT(verdict.notInForce.size(), 2U);
     EXPECT_THAT(verdict.acceptedThenLost, IsEmpty());
 }
 
 TEST(ACommand, IsLostOnlyWhenItWasAcceptedFirst) {
-    const auto lostOf = [](bool refusedAtOnce) {
-        const LostCommand lost{"-A VPK-DENY -j DROP", 4, "lost", refusedAtOnce};
+    const auto lostOf = [](bool wasRefused) {
+        const FailedCommand lost{"-A VPK-DENY -j DROP", 4, "lost", wasRefused};
         return host::judge(stateOf({{7, ConnectionEnd::closed, {lost}, 0}}), opened({7})).acceptedThenLost;
     };
     EXPECT_THAT(lostOf(false), ElementsAre("-A VPK-DENY -j DROP"));
@@ -85,7 +85,7 @@ TEST(ACommand, IsLostOnlyWhenItWasAcceptedFirst) {
 }
 
 TEST(ARemark, IsMadeOfWhatIsNotInForce) {
-    const LostCommand lost{"-A VPK-DENY -j DROP", 4, "lost", false};
+    const FailedCommand lost{"-A VPK-DENY -j DROP", 4, "lost", false};
     const auto verdict = host::judge(stateOf({{7, ConnectionEnd::closed, {lost}, 0}}), opened({7}));
     EXPECT_THAT(host::remarksOn(verdict, {}).notes, ElementsAre("not in force: -A VPK-DENY -j DROP: lost"));
     host::Verdict unknown;
@@ -95,7 +95,7 @@ TEST(ARemark, IsMadeOfWhatIsNotInForce) {
 }
 
 TEST(ARemark, LeavesRefusalsInTheLogThatTheVerdictKnows) {
-    const LostCommand refused{"-N VPK-DENY", 1, "iptables: Chain already exists.", true};
+    const FailedCommand refused{"-N VPK-DENY", 1, "iptables: Chain already exists.", true};
     const auto verdict = host::judge(stateOf({{7, ConnectionEnd::closed, {refused}, 0}}), opened({7}));
     const std::string known = "VPK: invokeRLVIptablesCommit Iptables ERROR: 1 : iptables: Chain already exists.";
     const std::string other = "VPK: invokeRLVIptablesCommit Iptables ERROR: 4 : no answer";
@@ -157,7 +157,7 @@ TEST(AConnection, IsAnInterruptionWhenTheServiceKnowsNothingOfIt) {
 
 // The service forgets those that ended well before others.
 TEST(AConnection, IsNoneWhenTheServiceHasForgottenAfterSayingThatItEndedWell) {
-    const LostCommand refused{"-N VPK-DENY", 1, "exists", true};
+    const FailedCommand refused{"-N VPK-DENY", 1, "exists", true};
     const auto state = stateOf({{8, ConnectionEnd::closed, {refused}, 0}});
     const std::vector<rlv::Opening> openings{{7, true}, {8, false}};
     EXPECT_EQ(host::judge(state, openings).interruption, "");
@@ -170,7 +170,7 @@ TEST(AConnection, IsNoneWhenItCouldNotBeOpened) {
 }
 
 TEST(AConnection, CountsOnlyWhenTheCallHasOpenedIt) {
-    const LostCommand lost{"-A VPK-DENY -j DROP", 4, "lost", false};
+    const FailedCommand lost{"-A VPK-DENY -j DROP", 4, "lost", false};
     const auto state = stateOf({{7, ConnectionEnd::closed, {lost}, 0}, {8, ConnectionEnd::closed, {lost, lost}, 0}});
     EXPECT_THAT(host::judge(state, opened({8})).notInForce.size(), 2U);
     EXPECT_THAT(host::judge(state, opened({})).notInForce, IsEmpty());

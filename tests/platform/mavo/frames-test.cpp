@@ -160,7 +160,7 @@ TEST(AStateOfTheTrafficControlService, KeepsNumbersOf64BitsAtAnyAddress) {
             EXPECT_EQ(kLarge, read->serviceId);
             EXPECT_EQ(std::uint64_t{1} << 32U, read->chains.at(0).rules);
             EXPECT_EQ(kLarge, read->connections.at(0).number);
-            EXPECT_EQ(kLarge + 2, read->connections.at(0).lostBeyondList);
+            EXPECT_EQ(kLarge + 2, read->connections.at(0).failedBeyondList);
         }
     }
 }

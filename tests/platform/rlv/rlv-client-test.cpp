@@ -60,7 +60,7 @@ TEST(AClient, GivesTheServicesAnswers) {
 TEST(AClient, KnowsThatAllIsInForceFromAGoodCloseAlone) {
     struct Case {
         int code;
-        std::uint64_t lost;
+        std::uint64_t failed;
         bool allInForce;
     };
     static const Case cases[] = {{0, 0, true}, {0, 1, false}, {EIO, 0, false}, {EIO, 3, false}};
@@ -68,12 +68,12 @@ TEST(AClient, KnowsThatAllIsInForceFromAGoodCloseAlone) {
         ScriptedService service([&one](Peer &peer) {
             peer.acceptOpening();
             peer.receive();
-            peer.send(Reply::Kind::closed, one.code, one.lost);
+            peer.send(Reply::Kind::closed, one.code, one.failed);
         });
         rlv_deinitialize(open());
         const auto openings = rlv::takeOpenings();
         ASSERT_EQ(1U, openings.size());
-        EXPECT_EQ(one.allInForce, openings[0].allInForce) << one.code << ", " << one.lost << " lost";
+        EXPECT_EQ(one.allInForce, openings[0].allInForce) << one.code << ", " << one.failed << " failed";
     }
 }
 
@@ -275,9 +275,9 @@ rlv::ServiceState bigState() {
     rlv::ConnectionOutcome outcome;
     outcome.number = 6;
     outcome.end = rlv::ConnectionEnd::vanished;
-    outcome.lost.push_back({"-F X", -1, "", false});
-    outcome.lost.push_back({"-F VPK-1", 1, "No chain", true});
-    outcome.lostBeyondList = 9;
+    outcome.failed.push_back({"-F X", -1, "", false});
+    outcome.failed.push_back({"-F VPK-1", 1, "No chain", true});
+    outcome.failedBeyondList = 9;
     state.connections.push_back(outcome);
     return state;
 }
@@ -298,9 +298,9 @@ TEST(AQuery, ArrivesWholeInSeveralParts) {
     EXPECT_EQ(5999U, state.chains.back().rules);
     ASSERT_EQ(1U, state.connections.size());
     EXPECT_EQ(rlv::ConnectionEnd::vanished, state.connections[0].end);
-    EXPECT_EQ(-1, state.connections[0].lost.at(0).code);
-    EXPECT_TRUE(state.connections[0].lost.at(1).refusedAtOnce);
-    EXPECT_EQ(9U, state.connections[0].lostBeyondList);
+    EXPECT_EQ(-1, state.connections[0].failed.at(0).code);
+    EXPECT_TRUE(state.connections[0].failed.at(1).wasRefused);
+    EXPECT_EQ(9U, state.connections[0].failedBeyondList);
 }
 
 int errorOfQuery(std::function<void(Peer &)> script, int timeoutMs = 20'000) {

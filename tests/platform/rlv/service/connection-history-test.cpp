@@ -11,7 +11,7 @@ using support::Peer;
 constexpr Peer kMe{0, 0, 100};
 constexpr Peer kOther{7, 7, 200};
 
-rlv::LostCommand lost(const std::string &options) { return {options, 1, "no", true}; }
+rlv::FailedCommand failed(const std::string &options) { return {options, 1, "no", true}; }
 
 std::vector<std::uint64_t> numbersOf(const ConnectionHistory &history, const Peer &peer) {
     std::vector<std::uint64_t> numbers;
@@ -49,13 +49,13 @@ TEST(AConnectionHistory, CountsTheLostOnes) {
     limits.textBytesPerConnection = 20;
     ConnectionHistory history(limits);
     const auto number = history.open(kMe);
-    EXPECT_EQ(0U, history.lostOn(number));
-    history.addLost(number, lost("-A VPK-DENY"));
-    history.addLost(number, lost("one whose text is too long to be kept"));
-    EXPECT_EQ(2U, history.lostOn(number)) << "with those beyond the list";
-    history.addLostBeyondList(number, 5);
-    EXPECT_EQ(7U, history.lostOn(number));
-    EXPECT_EQ(0U, history.lostOn(number + 1));
+    EXPECT_EQ(0U, history.failedOn(number));
+    history.add(number, failed("-A VPK-DENY"));
+    history.add(number, failed("one whose text is too long to be kept"));
+    EXPECT_EQ(2U, history.failedOn(number)) << "with those beyond the list";
+    history.addBeyondList(number, 5);
+    EXPECT_EQ(7U, history.failedOn(number));
+    EXPECT_EQ(0U, history.failedOn(number + 1));
 }
 
 TEST(AConnectionHistory, CountsWhatItsListHasNoRoomFor) {
@@ -63,13 +63,13 @@ TEST(AConnectionHistory, CountsWhatItsListHasNoRoomFor) {
     limits.textBytesPerConnection = 1000;
     ConnectionHistory history(limits);
     const auto number = history.open(kMe);
-    history.addLost(number, lost("first"));
-    history.addLost(number, lost(std::string(1000, 'x')));
-    history.addLost(number, lost("later"));
+    history.add(number, failed("first"));
+    history.add(number, failed(std::string(1000, 'x')));
+    history.add(number, failed("later"));
     const auto outcome = history.of(kMe, 0).at(0);
-    ASSERT_EQ(1U, outcome.lost.size());
-    EXPECT_EQ("first", outcome.lost[0].options);
-    EXPECT_EQ(2U, outcome.lostBeyondList);
+    ASSERT_EQ(1U, outcome.failed.size());
+    EXPECT_EQ("first", outcome.failed[0].options);
+    EXPECT_EQ(2U, outcome.failedBeyondList);
 }
 
 TEST(AConnectionHistory, DropsTheOldestTextsButNotTheirNumber) {
@@ -77,13 +77,13 @@ TEST(AConnectionHistory, DropsTheOldestTextsButNotTheirNumber) {
     limits.textBytesInAll = 2000;
     ConnectionHistory history(limits);
     const auto old = history.open(kMe);
-    history.addLost(old, lost(std::string(1000, 'x')));
+    history.add(old, failed(std::string(1000, 'x')));
     const auto young = history.open(kMe);
-    history.addLost(young, lost(std::string(1000, 'y')));
+    history.add(young, failed(std::string(1000, 'y')));
     const auto outcomes = history.of(kMe, 0);
-    EXPECT_TRUE(outcomes.at(0).lost.empty());
-    EXPECT_EQ(1U, outcomes.at(0).lostBeyondList);
-    EXPECT_EQ(1U, outcomes.at(1).lost.size());
+    EXPECT_TRUE(outcomes.at(0).failed.empty());
+    EXPECT_EQ(1U, outcomes.at(0).failedBeyondList);
+    EXPECT_EQ(1U, outcomes.at(1).failed.size());
 }
 
 TEST(AConnectionHistory, ForgetsTheOldestThatEndedWellFirst) {
@@ -92,7 +92,7 @@ TEST(AConnectionHistory, ForgetsTheOldestThatEndedWellFirst) {
     ConnectionHistory history(limits);
     for (int i = 0; i < 4; ++i)
         history.open(kMe);
-    history.addLost(1, lost("x"));
+    history.add(1, failed("x"));
     history.end(1, ConnectionEnd::closed);
     history.end(2, ConnectionEnd::closed);
     history.end(3, ConnectionEnd::vanished);

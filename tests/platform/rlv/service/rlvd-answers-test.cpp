@@ -217,8 +217,8 @@ TEST(TheService, LooksUpNamesInAListInTheirOrder) {
     client.send(list.packet());
     client.send(Request::Kind::close);
     EXPECT_EQ(EIO, client.receive().value_or(Reply{}).code);
-    ASSERT_EQ(1U, outcomeOf(1).lost.size());
-    EXPECT_EQ("-A VPK-DENY -s no.example -j DROP", outcomeOf(1).lost[0].options);
+    ASSERT_EQ(1U, outcomeOf(1).failed.size());
+    EXPECT_EQ("-A VPK-DENY -s no.example -j DROP", outcomeOf(1).failed[0].options);
     EXPECT_EQ(1U, rulesOf("VPK-DENY"));
 }
 

@@ -52,7 +52,7 @@ public:
         note(); // from here on the next fault may be set
         auto report = table_->push();
         if (loses)
-            report.lost.push_back({"-A VPK-LOST -j DROP", 4, "iptables: the kernel will not", false});
+            report.lost.push_back({"-A VPK-LOST -j DROP", 4, "iptables: the kernel will not"});
         if (losesMany)
             report.lostBeyondList = kBeyondList;
         return report;

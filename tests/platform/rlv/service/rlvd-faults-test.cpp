@@ -128,7 +128,7 @@ protected:
     void expectTold(const Outcome &outcome, const Words &commands) const {
         EXPECT_THAT(outcome.refused, testing::IsEmpty());
         EXPECT_EQ(EIO, outcome.closed);
-        const auto lost = outcomeOf(outcome.number).lost;
+        const auto lost = outcomeOf(outcome.number).failed;
         ASSERT_EQ(commands.size(), lost.size());
         for (std::size_t i = 0; i < commands.size(); ++i) {
             EXPECT_EQ(commands[i], lost[i].options);
@@ -231,7 +231,7 @@ TEST_F(AFaultyNetlink, CostsEachCommandThatIsSentWhileItLasts) {
     plan.sendings.times = 0;
     EXPECT_EQ("0: ", client.commit("-A VPK-DENY -s 10.0.0.9 -j DROP"));
     EXPECT_EQ(EIO, client.close());
-    EXPECT_EQ(3U, outcomeOf(1).lost.size()) << service->log();
+    EXPECT_EQ(3U, outcomeOf(1).failed.size()) << service->log();
     EXPECT_EQ(chainOf(kOld) + chainOf({"10.0.0.9"}), rules());
 }
 

@@ -135,7 +135,7 @@ TEST(AnAddedRule, IsInForceThoughItsClientVanishes) {
     EXPECT_TRUE(becomes("VPK-DENY", 1));
     const auto outcome = outcomeOf(1);
     EXPECT_EQ(rlv::ConnectionEnd::vanished, outcome.end);
-    EXPECT_TRUE(outcome.lost.empty());
+    EXPECT_TRUE(outcome.failed.empty());
 }
 
 // ---- removing commands ----
@@ -194,11 +194,11 @@ TEST(AConnection, HoldsOnlyItsOwnCommands) {
 void expectDropped(const std::string &log, std::uint64_t number) {
     EXPECT_EQ(2U, rulesOf("VPK-DENY")) << "what stood before the first removing command";
     const auto outcome = outcomeOf(number);
-    ASSERT_EQ(2U, outcome.lost.size());
-    EXPECT_EQ("-F VPK-DENY", outcome.lost[0].options);
-    EXPECT_EQ("-A VPK-DENY -s 10.0.0.2 -j DROP", outcome.lost[1].options);
-    for (const auto &lost : outcome.lost) {
-        EXPECT_FALSE(lost.refusedAtOnce);
+    ASSERT_EQ(2U, outcome.failed.size());
+    EXPECT_EQ("-F VPK-DENY", outcome.failed[0].options);
+    EXPECT_EQ("-A VPK-DENY -s 10.0.0.2 -j DROP", outcome.failed[1].options);
+    for (const auto &lost : outcome.failed) {
+        EXPECT_FALSE(lost.wasRefused);
         EXPECT_EQ(4, lost.code);
         EXPECT_THAT(log, HasSubstr("lost (4, " + lost.message + "): " + lost.options));
     }

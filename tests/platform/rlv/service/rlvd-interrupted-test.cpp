@@ -85,9 +85,9 @@ TEST_F(AnInterruptedConnection, IsDroppedFromItsFirstRemovalOnWhenAnExceptionClo
     EXPECT_EQ(3U, rulesOf("VPK-DENY"));
     const auto outcome = outcomeOf(2);
     EXPECT_EQ(ConnectionEnd::interrupted, outcome.end);
-    ASSERT_EQ(2U, outcome.lost.size());
-    EXPECT_EQ("-F VPK-DENY", outcome.lost[0].options);
-    EXPECT_EQ("iptables: not sent: the operation was left by an exception", outcome.lost[1].message);
+    ASSERT_EQ(2U, outcome.failed.size());
+    EXPECT_EQ("-F VPK-DENY", outcome.failed[0].options);
+    EXPECT_EQ("iptables: not sent: the operation was left by an exception", outcome.failed[1].message);
     EXPECT_THAT(service.log(), HasSubstr(" is interrupted: the operation was left by an exception\n"));
     const auto opening = lastOpening();
     EXPECT_FALSE(opening.allInForce);
@@ -99,7 +99,7 @@ TEST_F(AnInterruptedConnection, KeepsWhatItOnlyAdded) {
               closedByException([](const Handler &handler) { handler.commit("-A VPK-DENY -s 10.0.0.3 -j DROP"); }));
     EXPECT_EQ(3U, rulesOf("VPK-DENY"));
     EXPECT_EQ(ConnectionEnd::interrupted, outcomeOf(2).end);
-    EXPECT_EQ(0U, outcomeOf(2).lost.size());
+    EXPECT_EQ(0U, outcomeOf(2).failed.size());
 }
 
 TEST_F(AnInterruptedConnection, IsNoneWithoutACommand) {

@@ -31,11 +31,11 @@ TEST(WhatTheKernelRefuses, FailsTheCloseAndIsTold) {
     EXPECT_EQ(EIO, client.close());
     const auto outcome = outcomeOf(1);
     EXPECT_EQ(rlv::ConnectionEnd::closed, outcome.end);
-    ASSERT_EQ(1U, outcome.lost.size());
-    EXPECT_EQ("-A VPK-LOST -j DROP", outcome.lost[0].options);
-    EXPECT_EQ(4, outcome.lost[0].code);
-    EXPECT_EQ("iptables: the kernel will not", outcome.lost[0].message);
-    EXPECT_FALSE(outcome.lost[0].refusedAtOnce);
+    ASSERT_EQ(1U, outcome.failed.size());
+    EXPECT_EQ("-A VPK-LOST -j DROP", outcome.failed[0].options);
+    EXPECT_EQ(4, outcome.failed[0].code);
+    EXPECT_EQ("iptables: the kernel will not", outcome.failed[0].message);
+    EXPECT_FALSE(outcome.failed[0].wasRefused);
     EXPECT_THAT(service.log(),
                 HasSubstr("connection 1: lost (4, iptables: the kernel will not): -A VPK-LOST -j DROP\n"));
 }
@@ -49,7 +49,7 @@ TEST(WhatTheKernelRefuses, FailsTheCloseAlsoWhenItWasSentLongBefore) {
     set(Fault::pushLoses, false);
     client.commit("-A VPK-DENY -j DROP");
     EXPECT_EQ(EIO, client.close());
-    EXPECT_EQ(1U, outcomeOf(1).lost.size());
+    EXPECT_EQ(1U, outcomeOf(1).failed.size());
 }
 
 TEST(WhatTheKernelRefuses, DoesNotFailTheNextConnection) {
@@ -70,7 +70,7 @@ TEST(WhatTheKernelRefuses, IsCountedWhenItIsTooMuchToList) {
     Client client;
     client.commit("-N VPK-DENY");
     EXPECT_EQ(EIO, client.close());
-    EXPECT_EQ(7U, outcomeOf(1).lostBeyondList);
+    EXPECT_EQ(7U, outcomeOf(1).failedBeyondList);
     EXPECT_THAT(service.log(), HasSubstr("connection 1: lost: 7 more\n"));
 }
 
@@ -83,9 +83,9 @@ TEST(ATableThatCannotBeWritten, LosesWhatWasAcceptedAndSaysSo) {
     client.commit("-A VPK-DENY -j DROP");
     set(Fault::pushFails);
     EXPECT_EQ(EIO, client.close());
-    ASSERT_EQ(2U, outcomeOf(1).lost.size());
-    EXPECT_EQ("-A VPK-DENY -j DROP", outcomeOf(1).lost[1].options);
-    EXPECT_THAT(outcomeOf(1).lost[1].message, HasSubstr("No buffer space available"));
+    ASSERT_EQ(2U, outcomeOf(1).failed.size());
+    EXPECT_EQ("-A VPK-DENY -j DROP", outcomeOf(1).failed[1].options);
+    EXPECT_THAT(outcomeOf(1).failed[1].message, HasSubstr("No buffer space available"));
     EXPECT_THAT(service.log(), HasSubstr("connection 1: sending failed: netlink: No buffer space available\n"));
     EXPECT_EQ(0U, rulesOf("VPK-DENY"));
 }
@@ -113,7 +113,7 @@ TEST(ATableThatCannotBeWritten, DoesNotEndTheServiceWhenAClientVanishes) {
         client.receive();
     }
     EXPECT_TRUE(process::waitUntil([] { return outcomeOf(1).end == rlv::ConnectionEnd::vanished; }));
-    EXPECT_EQ(1U, outcomeOf(1).lost.size());
+    EXPECT_EQ(1U, outcomeOf(1).failed.size());
 }
 
 // Commands that the client has answered itself. Ours sends none that could be refused.
@@ -127,12 +127,12 @@ TEST(ARefusalWithoutAReply, IsLostAndFailsTheClose) {
     client.send(list.packet());
     client.send(Request::Kind::close);
     EXPECT_EQ(EIO, client.receive().value_or(Reply{}).code);
-    const auto lost = outcomeOf(1).lost;
+    const auto lost = outcomeOf(1).failed;
     ASSERT_EQ(3U, lost.size());
     EXPECT_EQ("-A VPK-NONE -j DROP", lost[0].options);
     EXPECT_EQ(1, lost[0].code);
     EXPECT_EQ(2, lost[1].code);
-    EXPECT_FALSE(lost[0].refusedAtOnce);
+    EXPECT_FALSE(lost[0].wasRefused);
     EXPECT_THAT(service.log(), HasSubstr("connection 1: lost (1, " + lost[0].message + "): -A VPK-NONE -j DROP\n"));
     EXPECT_EQ(1U, rulesOf("VPK-DENY"));
 }

@@ -118,7 +118,7 @@ TEST(TheService, RefusesATextOfManyTimesTheLimitAndGoesOn) {
     EXPECT_EQ(2, client.receive().value_or(Reply{}).code);
     client.send(Request::Kind::commit, 0, "-N VPK-DENY");
     EXPECT_EQ(0, client.receive().value_or(Reply{}).code);
-    EXPECT_EQ(rlv::protocol::kMaxOptionsBytes, outcomeOf(number).lost.at(0).options.size());
+    EXPECT_EQ(rlv::protocol::kMaxOptionsBytes, outcomeOf(number).failed.at(0).options.size());
 }
 
 // ---- who is served ----
@@ -276,12 +276,12 @@ TEST(TheService, RemembersHowAConnectionEndedAndWhatWasRefused) {
     client.close();
     const auto outcome = outcomeOf(number);
     EXPECT_EQ(rlv::ConnectionEnd::closed, outcome.end);
-    ASSERT_EQ(1U, outcome.lost.size());
-    EXPECT_EQ("-N VPK-DENY", outcome.lost[0].options);
-    EXPECT_EQ(1, outcome.lost[0].code);
-    EXPECT_FALSE(outcome.lost[0].message.empty());
-    EXPECT_TRUE(outcome.lost[0].refusedAtOnce);
-    EXPECT_EQ(0U, outcome.lostBeyondList);
+    ASSERT_EQ(1U, outcome.failed.size());
+    EXPECT_EQ("-N VPK-DENY", outcome.failed[0].options);
+    EXPECT_EQ(1, outcome.failed[0].code);
+    EXPECT_FALSE(outcome.failed[0].message.empty());
+    EXPECT_TRUE(outcome.failed[0].wasRefused);
+    EXPECT_EQ(0U, outcome.failedBeyondList);
 }
 
 TEST(TheService, KnowsAVanishedClientFromAClosedConnection) {
