@@ -156,7 +156,7 @@ Cost roundTrips(const RlvdProcess &service, const std::string &path, const std::
     return cost;
 }
 
-Cost library(const RlvdProcess &service, const std::vector<std::string> &all, bool isHeld) {
+Cost library(const RlvdProcess &service, const std::vector<std::string> &all, bool isDeferred) {
     const auto emptied = [](bool isKept) {
         rlv_handle handle = 0;
         if (rlv_initialize(&handle) != 0)
@@ -170,7 +170,7 @@ Cost library(const RlvdProcess &service, const std::vector<std::string> &all, bo
             fail("rlv_initialize");
         return handle;
     };
-    const rlv_handle handle = emptied(isHeld);
+    const rlv_handle handle = emptied(isDeferred);
     const auto send = [&] {
         for (const auto &options : all)
             commit(handle, options.c_str());

@@ -37,7 +37,7 @@ struct OpenConnection {
     int error = 0;
 
     KnownAnswers known;
-    bool isHeld = false; // the service keeps everything until the end
+    bool isDeferred = false; // the service defers everything until the end
     protocol::CommandList collected;
     Clock::time_point collectedSince;
 };

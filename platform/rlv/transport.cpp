@@ -30,14 +30,14 @@ int sendCollected(OpenConnection &connection) {
     return connection.error;
 }
 
-// A command of which the answer is known. One alone goes at once until the service keeps everything anyway.
+// A command of which the answer is known. One alone goes at once until the service defers everything anyway.
 int sendWithoutAsking(OpenConnection &connection, std::string_view options) {
     const auto now = Clock::now();
     if (connection.collected.count() == 0)
         connection.collectedSince = now;
     if (!connection.collected.add(options))
         return connection.error = EMSGSIZE;
-    const bool isDue = !connection.isHeld || connection.collected.packet().size() > kCollectBytes ||
+    const bool isDue = !connection.isDeferred || connection.collected.packet().size() > kCollectBytes ||
                        connection.collected.count() == protocol::kMaxListedCommands ||
                        now - connection.collectedSince > kCollectTime;
     return isDue ? sendCollected(connection) : 0;
@@ -58,7 +58,7 @@ Outcome askOrSend(OpenConnection &connection, std::string_view options) {
         return {connection.error, {}};
     if (connection.known.take(options))
         return {sendWithoutAsking(connection, options), {}};
-    connection.isHeld = connection.isHeld || isRemoving(options);
+    connection.isDeferred = connection.isDeferred || isRemoving(options);
     Outcome outcome =
         askOn(connection, Request{Request::Kind::commit, 0, std::string(options)}, Reply::Kind::committed);
     connection.known.learn(options, outcome.error == 0 && outcome.reply.code == 0, outcome.reply.number);

@@ -1,5 +1,5 @@
 // How commands and questions go over a client's connection. A command whose answer is known is sent without waiting for
-// it, and after a removing command, when the service keeps everything until the end, together with others.
+// it, and after a removing command, when the service defers everything until the end, together with others.
 #ifndef PLATFORM_RLV_TRANSPORT_H
 #define PLATFORM_RLV_TRANSPORT_H
 

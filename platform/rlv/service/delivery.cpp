@@ -23,21 +23,21 @@ long long ll(std::uint64_t number) { return static_cast<long long>(number); }
 void Delivery::open(std::uint64_t number) {
     stopTimer();
     number_ = number;
-    isHeld_ = hasUnsent_ = hasLost_ = lossMayPass_ = false;
+    isDeferred_ = hasUnsent_ = hasLost_ = lossMayPass_ = false;
     rulesMoved_ = 0;
 }
 
 void Delivery::announce(std::string_view options) {
-    if (isHeld_ || !isRemoving(options))
+    if (isDeferred_ || !isRemoving(options))
         return;
     push();
-    isHeld_ = true;
+    isDeferred_ = true;
 }
 
 void Delivery::accepted() {
     hasUnsent_ = true;
     ++rulesMoved_;
-    if (isHeld_ || timer_ != 0)
+    if (isDeferred_ || timer_ != 0)
         return;
     timer_ = context_.loop.after(kPushDelay, [this] {
         timer_ = 0;
@@ -53,8 +53,8 @@ bool Delivery::close() {
 }
 
 void Delivery::interrupt(const std::string &why) {
-    if (isHeld_)
-        drop("iptables: not sent: " + why);
+    if (isDeferred_)
+        discard("iptables: not sent: " + why);
     else
         push();
     compare(false);
@@ -91,13 +91,13 @@ void Delivery::push() {
         RLVD_ERROR("connection %lld: sending failed: %s", ll(number_), error.what());
         hasLost_ = hasUnsent_ = lossMayPass_ = true;
         const auto failedBefore = context_.history.failedOn(number_);
-        drop(std::string("iptables: sending failed: ") + error.what());
+        discard(std::string("iptables: sending failed: ") + error.what());
         if (context_.history.failedOn(number_) == failedBefore) // their texts went with what failed
             context_.history.addBeyondList(number_, 1);
     }
 }
 
-void Delivery::drop(const std::string &why) {
+void Delivery::discard(const std::string &why) {
     stopTimer();
     if (!std::exchange(hasUnsent_, false))
         return;

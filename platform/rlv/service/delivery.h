@@ -12,9 +12,9 @@
 namespace rlv {
 
 // Sends what the commands of one connection have made of the table. What has only been added goes within 20 ms. The
-// first removing command sends what was added before it; from there on everything is kept until the connection closes,
-// because half of a rebuilt chain is an open firewall. Of a client that vanishes, or says that it was interrupted, what
-// is kept so is forgotten.
+// first removing command sends what was added before it; from there on everything is deferred until the connection
+// closes, because half of a rebuilt chain is an open firewall. Of a client that vanishes, or says that it was
+// interrupted, what is deferred is discarded.
 //
 // Whatever was accepted and is not in force is logged, and written into the history of connections. No failure of the
 // table leaves an operation.
@@ -43,7 +43,7 @@ private:
     void compare(bool isClosed);
     void end();
     void push();
-    void drop(const std::string &why);
+    void discard(const std::string &why);
     void loseAll(const PushReport &report);
     void log(const PushReport &report) const;
     void stopTimer();
@@ -51,7 +51,7 @@ private:
     ServiceContext &context_;
     std::uint64_t number_ = 0;
     support::EventLoop::Timer timer_ = 0;
-    bool isHeld_ = false; // there has been a removing command
+    bool isDeferred_ = false; // all of it, since there has been a removing command
     bool hasUnsent_ = false;
     bool hasLost_ = false;
     bool lossMayPass_ = false;

@@ -57,13 +57,13 @@ UnansweredName::Problem problemOf(LookUpResult::Kind kind) {
 
 Names::Wait::~Wait() {
     names_.loop_.cancel(timer_);
-    names_.giveUp(*this);
+    names_.abandon(*this);
 }
 
 // The callee may end this object.
 void Names::Wait::finish(const LookUpResult &result) {
     names_.loop_.cancel(std::exchange(timer_, 0));
-    names_.giveUp(*this);
+    names_.abandon(*this);
     const Done done = std::move(done_);
     done(result);
 }
@@ -162,7 +162,7 @@ bool Names::makeRoom() {
         return true;
     auto oldest = entries_.end();
     for (auto entry = entries_.begin(); entry != entries_.end(); ++entry) {
-        const bool canGo = !entry->second.inUse && entry->second.batch == 0;
+        const bool canGo = !entry->second.inUse && entry->second.round == 0;
         if (canGo && (oldest == entries_.end() || entry->second.lastUse < oldest->second.lastUse))
             oldest = entry;
     }
@@ -172,7 +172,7 @@ bool Names::makeRoom() {
     return true;
 }
 
-void Names::dropUnused(const std::vector<std::string> &names) {
+void Names::discardUnused(const std::vector<std::string> &names) {
     std::set<std::string> used;
     for (const auto &name : names)
         used.insert(keyOf(name));
@@ -183,7 +183,7 @@ void Names::dropUnused(const std::vector<std::string> &names) {
             one.given = {};
             --inUse_;
         }
-        const bool isEmpty = !one.inUse && one.kept.empty() && one.batch == 0;
+        const bool isEmpty = !one.inUse && one.kept.empty() && one.round == 0;
         entry = isEmpty ? entries_.erase(entry) : std::next(entry);
     }
 }
@@ -199,14 +199,14 @@ void Names::announce(const std::vector<std::string> &names) {
 }
 
 void Names::announceAll(const std::vector<std::string> &names) {
-    dropUnused(names);
+    discardUnused(names);
     for (auto &[name, entry] : entries_)
         entry.given = {}; // what is about to be built anew needs no further rebuild
     announce(names);
 }
 
 void Names::retain(const std::vector<std::string> &names) {
-    dropUnused(names);
+    discardUnused(names);
     std::vector<std::string> added;
     std::copy_if(names.begin(), names.end(), std::back_inserter(added), [this](const std::string &name) {
         const auto found = entries_.find(keyOf(name));
@@ -216,8 +216,8 @@ void Names::retain(const std::vector<std::string> &names) {
 }
 
 void Names::beginAnnounced(const std::vector<std::string> &keys) {
-    const auto running = std::count_if(batches_.begin(), batches_.end(),
-                                       [](const Batch &batch) { return batch.number != 0 && batch.isAnnounced; });
+    const auto running = std::count_if(rounds_.begin(), rounds_.end(),
+                                       [](const Round &round) { return round.number != 0 && round.isAnnounced; });
     if (!keys.empty() && static_cast<std::size_t>(running) < kMaxAnnouncedAtOnce)
         begin(keys, kLookUpTime, false, true);
     schedule();
@@ -228,16 +228,16 @@ bool Names::begin(std::vector<std::string> keys, std::chrono::milliseconds timeo
                   bool isAnnounced) {
     // Those that are likely to stall do not keep others from being asked for.
     std::stable_partition(keys.begin(), keys.end(), [this](const auto &key) { return entries_[key].failures == 0; });
-    Batch &batch = batches_.emplace_back();
-    const std::uint64_t number = batch.number = ++lastBatch_;
-    batch.isBackground = isBackground;
-    batch.isAnnounced = isAnnounced;
-    batch.keys = std::move(keys);
-    for (const auto &key : batch.keys)
-        entries_[key].batch = number;
+    Round &round = rounds_.emplace_back();
+    const std::uint64_t number = round.number = ++lastRound_;
+    round.isBackground = isBackground;
+    round.isAnnounced = isAnnounced;
+    round.keys = std::move(keys);
+    for (const auto &key : round.keys)
+        entries_[key].round = number;
     try {
-        batch.lookUps = std::make_unique<LookUps>(
-            loop_, batch.keys, timeout,
+        round.lookUps = std::make_unique<LookUps>(
+            loop_, round.keys, timeout,
             [this, number](const std::string &key, const LookUpResult &result) { settle(key, number, result, true); },
             [this, number] { over(number); });
         return true;
@@ -250,40 +250,40 @@ bool Names::begin(std::vector<std::string> keys, std::chrono::milliseconds timeo
 
 // What has had no answer has failed.
 void Names::over(std::uint64_t number) {
-    const auto batch =
-        std::find_if(batches_.begin(), batches_.end(), [number](const Batch &one) { return one.number == number; });
-    if (batch == batches_.end())
+    const auto round =
+        std::find_if(rounds_.begin(), rounds_.end(), [number](const Round &one) { return one.number == number; });
+    if (round == rounds_.end())
         return;
-    const std::size_t asked = batch->lookUps ? batch->lookUps->asked() : 0;
-    for (std::size_t place = 0; place < batch->keys.size(); ++place) {
-        const auto entry = entries_.find(batch->keys[place]);
-        if (entry != entries_.end() && entry->second.batch == number)
-            settle(batch->keys[place], number, LookUpResult(), place < asked);
+    const std::size_t asked = round->lookUps ? round->lookUps->asked() : 0;
+    for (std::size_t place = 0; place < round->keys.size(); ++place) {
+        const auto entry = entries_.find(round->keys[place]);
+        if (entry != entries_.end() && entry->second.round == number)
+            settle(round->keys[place], number, LookUpResult(), place < asked);
     }
-    bury(*batch);
+    bury(*round);
     schedule();
 }
 
 // It may be on the call stack, and goes in the next turn of the loop.
-void Names::bury(Batch &batch) {
-    batch.number = 0;
-    if (batch.lookUps)
-        batch.lookUps->end();
+void Names::bury(Round &round) {
+    round.number = 0;
+    if (round.lookUps)
+        round.lookUps->end();
     if (burialTimer_ == 0)
         burialTimer_ = loop_.after(std::chrono::milliseconds(0), [this] {
             burialTimer_ = 0;
-            batches_.remove_if([](const Batch &one) { return one.number == 0; });
+            rounds_.remove_if([](const Round &one) { return one.number == 0; });
         });
 }
 
 // An older look-up that was overtaken counts when it has found something.
-void Names::settle(const std::string &key, std::uint64_t batch, const LookUpResult &result, bool wasAsked) {
+void Names::settle(const std::string &key, std::uint64_t round, const LookUpResult &result, bool wasAsked) {
     const auto found = entries_.find(key);
-    if (found == entries_.end() || (found->second.batch != batch && result.kind != Kind::found))
+    if (found == entries_.end() || (found->second.round != round && result.kind != Kind::found))
         return;
     Entry &entry = found->second;
-    if (entry.batch == batch)
-        entry.batch = 0;
+    if (entry.round == round)
+        entry.round = 0;
     entry.last = result.kind;
     if (result.kind == Kind::found)
         keep(entry, result.addresses);
@@ -297,7 +297,7 @@ void Names::settle(const std::string &key, std::uint64_t batch, const LookUpResu
 
 void Names::forgetUnlessNeeded(const std::string &key) {
     const auto found = entries_.find(key);
-    if (found == entries_.end() || found->second.inUse || found->second.batch != 0)
+    if (found == entries_.end() || found->second.inUse || found->second.round != 0)
         return;
     if (found->second.kept.empty() || entries_.size() > kMaxKeptNames)
         entries_.erase(found);
@@ -314,7 +314,7 @@ void Names::keep(Entry &entry, const Addresses &addresses) {
         saveSoon();
 }
 
-// Each may begin or give up others.
+// Each may begin or abandon others.
 void Names::wake(const std::string &key, const LookUpResult &result) {
     const auto isForKey = [&key](const Wait *wait) { return wait->key_ == key; };
     for (auto wait = std::find_if(waits_.begin(), waits_.end(), isForKey); wait != waits_.end();
@@ -330,7 +330,7 @@ std::unique_ptr<Names::Wait> Names::lookUp(const std::string &name, std::chrono:
     makeRoom();
     const Entry &entry = entries_[key];
     // One in the background may be waiting for what was lost on its way long ago.
-    const bool isUnderWay = entry.batch != 0 && !isInBackground(entry);
+    const bool isUnderWay = entry.round != 0 && !isInBackground(entry);
     const bool hasBegun = isUnderWay || begin({key}, timeout, false, false);
     waits_.push_back(waiting);
     waiting->timer_ = loop_.after(hasBegun ? timeout : std::chrono::milliseconds(0), [waiting] {
@@ -341,12 +341,12 @@ std::unique_ptr<Names::Wait> Names::lookUp(const std::string &name, std::chrono:
 }
 
 bool Names::isInBackground(const Entry &entry) const {
-    return std::any_of(batches_.begin(), batches_.end(),
-                       [&entry](const Batch &batch) { return batch.number == entry.batch && batch.isBackground; });
+    return std::any_of(rounds_.begin(), rounds_.end(),
+                       [&entry](const Round &round) { return round.number == entry.round && round.isBackground; });
 }
 
 // Ends a look-up that nobody waits for any more.
-void Names::giveUp(Wait &wait) {
+void Names::abandon(Wait &wait) {
     const auto found = std::find(waits_.begin(), waits_.end(), &wait);
     if (found == waits_.end())
         return;
@@ -354,13 +354,13 @@ void Names::giveUp(Wait &wait) {
     const auto entry = entries_.find(wait.key_);
     const bool isWaitedFor =
         std::any_of(waits_.begin(), waits_.end(), [&wait](const Wait *other) { return other->key_ == wait.key_; });
-    if (entry == entries_.end() || entry->second.batch == 0 || isWaitedFor)
+    if (entry == entries_.end() || entry->second.round == 0 || isWaitedFor)
         return;
-    for (Batch &batch : batches_) {
-        if (batch.number != entry->second.batch || batch.isAnnounced || batch.isBackground)
+    for (Round &round : rounds_) {
+        if (round.number != entry->second.round || round.isAnnounced || round.isBackground)
             continue;
-        bury(batch);
-        entry->second.batch = 0;
+        bury(round);
+        entry->second.round = 0;
     }
     forgetUnlessNeeded(wait.key_);
 }
@@ -370,7 +370,7 @@ std::optional<LookUpResult> Names::standing(const std::string &name) const {
     if (found == entries_.end() || !found->second.inUse || !found->second.last)
         return std::nullopt;
     const Entry &entry = found->second;
-    if (entry.batch != 0 && !isInBackground(entry))
+    if (entry.round != 0 && !isInBackground(entry))
         return std::nullopt;
     return LookUpResult{*entry.last, *entry.last == Kind::found ? entry.kept : Addresses()};
 }
@@ -436,13 +436,13 @@ std::chrono::seconds Names::pauseAfter(const Entry &entry) const {
 // No timer while no name is in use, and none while the background is at work.
 void Names::schedule() {
     loop_.cancel(std::exchange(dueTimer_, 0));
-    const bool isAtWork = std::any_of(batches_.begin(), batches_.end(),
-                                      [](const Batch &batch) { return batch.number != 0 && batch.isBackground; });
+    const bool isAtWork = std::any_of(rounds_.begin(), rounds_.end(),
+                                      [](const Round &round) { return round.number != 0 && round.isBackground; });
     if (inUse_ == 0 || isAtWork)
         return;
     auto earliest = Clock::time_point::max();
     for (const auto &[name, entry] : entries_) {
-        if (entry.inUse && entry.batch == 0)
+        if (entry.inUse && entry.round == 0)
             earliest = std::min(earliest, entry.due);
     }
     if (earliest == Clock::time_point::max())
@@ -456,10 +456,10 @@ void Names::schedule() {
 
 void Names::lookUpDue() {
     if (Clock::now() - lastAsked_ > kForgetUse)
-        return dropUnused({});
+        return discardUnused({});
     std::vector<std::string> keys;
     for (const auto &[key, entry] : entries_) {
-        if (entry.inUse && entry.batch == 0 && entry.due <= Clock::now() + kTogether)
+        if (entry.inUse && entry.round == 0 && entry.due <= Clock::now() + kTogether)
             keys.push_back(key);
     }
     if (!keys.empty())

@@ -109,12 +109,13 @@ private:
         bool inUse = false;
         Clock::time_point due;                         // when it is looked up again, of one in use
         std::uint64_t lastUse = 0;                     // in an order of all uses
-        std::uint64_t batch = 0;                       // the newest look-up under way
+        std::uint64_t round = 0;                       // the newest look-up under way
         std::array<std::optional<Addresses>, 2> given; // for the last command, in rules that do not allow and that do
     };
     using Entries = std::map<std::string, Entry>;
 
-    struct Batch {
+    // Names that are looked up together.
+    struct Round {
         std::uint64_t number = 0;
         std::vector<std::string> keys;
         bool isBackground = false;
@@ -129,18 +130,18 @@ private:
 
     Entry *use(const std::string &name);
     bool makeRoom();
-    void dropUnused(const std::vector<std::string> &names);
+    void discardUnused(const std::vector<std::string> &names);
 
     bool begin(std::vector<std::string> keys, std::chrono::milliseconds timeout, bool isBackground, bool isAnnounced);
     void beginAnnounced(const std::vector<std::string> &keys);
-    void over(std::uint64_t batch);
-    void settle(const std::string &key, std::uint64_t batch, const LookUpResult &result, bool wasAsked);
+    void over(std::uint64_t round);
+    void settle(const std::string &key, std::uint64_t round, const LookUpResult &result, bool wasAsked);
     void keep(Entry &entry, const Addresses &addresses);
     void forgetUnlessNeeded(const std::string &key);
     bool isInBackground(const Entry &entry) const;
     void wake(const std::string &key, const LookUpResult &result);
-    void giveUp(Wait &wait);
-    void bury(Batch &batch);
+    void abandon(Wait &wait);
+    void bury(Round &round);
 
     std::chrono::seconds pauseAfter(const Entry &entry) const;
     void schedule();
@@ -152,12 +153,12 @@ private:
     support::EventLoop &loop_;
     NameOptions options_;
     Entries entries_;
-    std::list<Batch> batches_;
+    std::list<Round> rounds_;
     std::vector<Wait *> waits_;
     std::size_t inUse_ = 0;
     std::uint64_t generation_ = 1;
     std::uint64_t lastUse_ = 0;
-    std::uint64_t lastBatch_ = 0;
+    std::uint64_t lastRound_ = 0;
     Clock::time_point lastAsked_;
     bool saveFailed_ = false;
     support::EventLoop::Timer saveTimer_ = 0;

@@ -65,9 +65,9 @@ TEST_F(TheServiceWithTheKernel, KeepsTheOrderOfTheCommandsHoweverTheyAreSent) {
         "-A VPK-DENY -s 10.0.0.1/32 -j DROP",   "-A VPK-DENY -s 10.0.0.2/32 -j DROP",
         "-A VPK-DENY -d 10.0.0.3/32 -j ACCEPT", "-A VPK-DENY -s 10.0.0.4/32 -j DROP",
         "-A VPK-DENY -d 10.0.0.5/32 -j ACCEPT", "-A VPK-DENY -s 10.0.0.6/32 -j DROP"};
-    for (const bool isHeld : {false, true}) {
+    for (const bool isDeferred : {false, true}) {
         Client client;
-        if (isHeld)
+        if (isDeferred)
             client.commit("-F VPK-DENY");
         for (const auto &rule : rules)
             EXPECT_EQ("0: ", client.commit(rule));
@@ -75,7 +75,7 @@ TEST_F(TheServiceWithTheKernel, KeepsTheOrderOfTheCommandsHoweverTheyAreSent) {
         std::string inOrder;
         for (const auto &rule : rules)
             inOrder += rule + "\n";
-        EXPECT_THAT(listing(), testing::EndsWith(inOrder)) << "held: " << isHeld;
+        EXPECT_THAT(listing(), testing::EndsWith(inOrder)) << "deferred: " << isDeferred;
     }
 }
 

@@ -143,7 +143,7 @@ TEST(AnAddedRule, IsInForceThoughItsClientVanishes) {
 class ARemovingCommand : public testing::TestWithParam<const char *> {};
 
 // Whatever its answer. What was added before is in force when it is answered.
-TEST_P(ARemovingCommand, SendsWhatWasAddedBeforeAndHoldsTheRest) {
+TEST_P(ARemovingCommand, SendsWhatWasAddedBeforeAndDefersTheRest) {
     EmbeddedService service;
     prepare();
     RawClient client;
@@ -164,7 +164,7 @@ INSTANTIATE_TEST_SUITE_P(Each, ARemovingCommand,
                          testing::Values("-F VPK-DENY", "-F VPK-NONE", "-F", "-D VPK-DENY -j DROP",
                                          "-D INPUT -j VPK-NONE", "-D !", "-X VPK-DENY", "-X VPK-NONE"));
 
-TEST(AnOverlongRemovingCommand, HoldsTheRestToo) {
+TEST(AnOverlongRemovingCommand, DefersTheRestToo) {
     EmbeddedService service;
     RawClient client;
     client.open();
@@ -178,7 +178,7 @@ TEST(AnOverlongRemovingCommand, HoldsTheRestToo) {
     EXPECT_EQ(1U, rlv::query(0).chains.size());
 }
 
-TEST(AConnection, HoldsOnlyItsOwnCommands) {
+TEST(AConnection, DefersOnlyItsOwnCommands) {
     SimulatedService service;
     RawClient client;
     client.open();
@@ -191,7 +191,7 @@ TEST(AConnection, HoldsOnlyItsOwnCommands) {
 
 // ---- clients that vanish ----
 
-void expectDropped(const std::string &log, std::uint64_t number) {
+void expectDiscarded(const std::string &log, std::uint64_t number) {
     EXPECT_EQ(2U, rulesOf("VPK-DENY")) << "what stood before the first removing command";
     const auto outcome = outcomeOf(number);
     ASSERT_EQ(2U, outcome.failed.size());
@@ -220,7 +220,7 @@ TEST(AVanishedClient, LeavesWhatStoodBeforeItsFirstRemovingCommand) {
         beginToRebuild(client);
     }
     ASSERT_TRUE(process::waitUntil([&] { return outcomeOf(number).end == rlv::ConnectionEnd::vanished; }));
-    expectDropped(service.log(), number);
+    expectDiscarded(service.log(), number);
 }
 
 TEST(AClientThatIsCutOff, CountsAsVanished) {
@@ -231,7 +231,7 @@ TEST(AClientThatIsCutOff, CountsAsVanished) {
     beginToRebuild(client);
     EXPECT_FALSE(client.receive()) << "the socket is closed";
     ASSERT_TRUE(process::waitUntil([&] { return outcomeOf(number).end == rlv::ConnectionEnd::vanished; }));
-    expectDropped(service.log(), number);
+    expectDiscarded(service.log(), number);
 }
 
 TEST(AClientThatBreaksTheRules, CountsAsVanished) {
@@ -243,10 +243,10 @@ TEST(AClientThatBreaksTheRules, CountsAsVanished) {
     client.send("?");
     EXPECT_EQ(Reply::Kind::refused, client.receive().value_or(Reply{}).kind);
     EXPECT_EQ(rlv::ConnectionEnd::vanished, outcomeOf(number).end);
-    expectDropped(service.log(), number);
+    expectDiscarded(service.log(), number);
 }
 
-TEST(TheNextConnection, SeesNothingOfWhatWasDropped) {
+TEST(TheNextConnection, SeesNothingOfWhatWasDiscarded) {
     SimulatedService service;
     prepare();
     {
@@ -275,7 +275,7 @@ TEST(ASignal, SendsWhatAnOpenConnectionHasAdded) {
     EXPECT_THAT(service.log(), HasSubstr(": vanished"));
 }
 
-TEST(ASignal, DropsWhatAnOpenConnectionHolds) {
+TEST(ASignal, DiscardsWhatAnOpenConnectionHasDeferred) {
     SimulatedService service;
     RawClient client;
     client.open();
