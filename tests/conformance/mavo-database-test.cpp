@@ -21,8 +21,8 @@
 
 #include <gtest/gtest.h>
 
-#include "hook.h"
 #include "mavo/exception.h"
+#include "probe.h"
 
 namespace {
 

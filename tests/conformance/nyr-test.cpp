@@ -7,8 +7,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "hook.h"
 #include "nyr/report.h"
+#include "probe.h"
 
 namespace {
 

@@ -11,9 +11,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "hook.h"
 #include "mavo/database.h"
 #include "mavo/rmi.h"
+#include "probe.h"
 #include "vpk-pil/vpk-pil.h"
 
 namespace {

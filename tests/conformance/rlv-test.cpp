@@ -17,7 +17,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "hook.h"
+#include "probe.h"
 #include "rlv/rlv.h"
 
 namespace {

@@ -19,7 +19,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "hook.h"
+#include "probe.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // What the conformance suite can only learn from the maker of the platform: a program, named with its words in
-// NYR_CONFORMANCE_HOOK, that is run by the shell with one word more:
+// NYR_CONFORMANCE_PROBE, that is run by the shell with one word more:
 //   start    makes ready whatever the libraries need (the traffic-control service above all), with no chain of ours in
 //            the filter table, no line logged and no report handed over yet; returns when all of it can be used
 //   stop     ends it again
@@ -7,8 +7,8 @@
 //   rules    prints the filter table as iptables -S does
 //   reports  prints the reports handed over since "start", oldest first, each as "type subtype body"
 // It exits 0, or fails the test.
-#ifndef TESTS_CONFORMANCE_HOOK_H
-#define TESTS_CONFORMANCE_HOOK_H
+#ifndef TESTS_CONFORMANCE_PROBE_H
+#define TESTS_CONFORMANCE_PROBE_H
 
 #include <functional>
 #include <string>
@@ -18,7 +18,7 @@
 
 namespace conformance {
 
-// The lines that the hook prints. Fails the test when the hook does.
+// The lines that the probe prints. Fails the test when the probe does.
 std::vector<std::string> ask(const std::string &word);
 
 // Waits until `holds` does; asks it every few milliseconds, for 20 s at most, or the seconds in
@@ -28,13 +28,13 @@ bool waitUntil(const std::function<bool()> &holds);
 // Runs `body` in a child process and gives its exit status, or 128 + n when signal n ended it; 100 when it throws.
 int inChild(const std::function<int()> &body);
 
-// A test that needs the platform's services: they are started afresh for it. Skipped where there is no hook.
+// A test that needs the platform's services: they are started afresh for it. Skipped where there is no probe.
 class WithServices : public testing::Test {
 protected:
     void SetUp() override;
     void TearDown() override;
 
-    // The lines that the hook prints, when they are `count` or more; else those after the time is up.
+    // The lines that the probe prints, when they are `count` or more; else those after the time is up.
     static std::vector<std::string> linesOf(const std::string &word, std::size_t count);
 
 private:

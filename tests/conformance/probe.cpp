@@ -1,4 +1,4 @@
-#include "hook.h"
+#include "probe.h"
 
 #include <chrono>
 #include <cstdio>
@@ -12,7 +12,7 @@
 namespace conformance {
 namespace {
 
-constexpr const char *kVariable = "NYR_CONFORMANCE_HOOK";
+constexpr const char *kVariable = "NYR_CONFORMANCE_PROBE";
 constexpr const char *kDeadlineVariable = "NYR_CONFORMANCE_DEADLINE";
 constexpr int kDeadlineSeconds = 20;
 
@@ -28,8 +28,8 @@ int exitStatus(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 12
 } // namespace
 
 std::vector<std::string> ask(const std::string &word) {
-    const char *hook = std::getenv(kVariable);
-    const std::string command = (hook != nullptr ? std::string(hook) : "false") + " " + word;
+    const char *probe = std::getenv(kVariable);
+    const std::string command = (probe != nullptr ? std::string(probe) : "false") + " " + word;
     std::string text;
     std::FILE *const stream = ::popen(command.c_str(), "re"); // NOLINT(cert-env33-c): the maker's own command
     if (stream != nullptr) {
