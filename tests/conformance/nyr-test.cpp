@@ -49,16 +49,16 @@ TEST_F(AReport, ArrivesAfterThoseBefore) {
     EXPECT_EQ(expected, reports(expected.size()));
 }
 
-// As the statistics daemon does: forked, without standard streams and with an umask of 0.
+// As the collector does: forked, without standard streams and with an umask of 0.
 TEST_F(AReport, ArrivesFromAProcessWithoutStandardStreams) {
     EXPECT_EQ(0, conformance::inChild([] {
                   for (const int fd : {0, 1, 2})
                       ::close(fd);
                   ::umask(0);
-                  std::string body = "from the daemon";
+                  std::string body = "from the collector";
                   return nyr::sendReport(1, 2, body) == 0 ? 0 : 1;
               }));
-    EXPECT_THAT(reports(1), ElementsAre("1 2 from the daemon"));
+    EXPECT_THAT(reports(1), ElementsAre("1 2 from the collector"));
 }
 
 TEST_F(AReport, ArrivesFromEachOfSeveralProcesses) {

@@ -90,7 +90,7 @@ TEST_F(VlogPrint, ReturnsTheLengthOfTheTextAndLeavesErrnoAlone) {
     EXPECT_EQ(EXDEV, errno);
 }
 
-// The statistics daemon does so: the numbers of the standard streams are then those of other files.
+// The collector does so: the numbers of the standard streams are then those of other files.
 TEST_F(VlogPrint, GoesOnInAForkedChildThatClosedItsStandardStreams) {
     const std::string innocent = (std::filesystem::temp_directory_path() / "innocent").string();
     EXPECT_EQ(6, LOG_INFO_LINE("parent"));

@@ -115,14 +115,14 @@ protected:
     }
 
     // The processes of the host's program but for the host itself.
-    std::vector<pid_t> daemons() const {
+    std::vector<pid_t> collectors() const {
         auto ids = processesOf("vpkd");
         ids.erase(std::remove(ids.begin(), ids.end(), system.hostId()), ids.end());
         return ids;
     }
 
-    bool awaitDaemons(std::size_t count) const {
-        return process::waitUntil([&] { return daemons().size() == count; });
+    bool awaitCollectors(std::size_t count) const {
+        return process::waitUntil([&] { return collectors().size() == count; });
     }
 
     // The far host's datagram is dropped on its way in: `count` of them, each in a second of its own.
@@ -180,55 +180,55 @@ TEST_F(Collector, CarriesDroppedPacketsIntoTheDatabaseAndTheReport) {
 
 TEST_F(Collector, EndsWhenSwitchedOff) {
     switchOn(1, std::time(nullptr));
-    ASSERT_TRUE(awaitDaemons(1));
+    ASSERT_TRUE(awaitCollectors(1));
     EXPECT_TRUE(fs::exists(wholesystem::kMarker));
     EXPECT_EQ(system.execute("DisableStatCollector"), 0);
     EXPECT_FALSE(fs::exists(wholesystem::kMarker));
-    EXPECT_TRUE(awaitDaemons(0));
+    EXPECT_TRUE(awaitCollectors(0));
     deny("tcp:192.0.2.1:80"); // the host itself lives on
     EXPECT_EQ(configured("enabled"), "0");
 }
 
 TEST_F(Collector, SwitchedOffStaysOffOverARestart) {
     switchOn(1, std::time(nullptr));
-    ASSERT_TRUE(awaitDaemons(1));
+    ASSERT_TRUE(awaitCollectors(1));
     EXPECT_EQ(system.execute("DisableStatCollector"), 0);
-    ASSERT_TRUE(awaitDaemons(0));
+    ASSERT_TRUE(awaitCollectors(0));
     ASSERT_TRUE(system.restartHost());
     EXPECT_EQ(configured("enabled"), "0");
     EXPECT_FALSE(fs::exists(wholesystem::kMarker));
-    EXPECT_TRUE(daemons().empty());
+    EXPECT_TRUE(collectors().empty());
 }
 
 TEST_F(Collector, SwitchedOnIsThereOnceAfterARestart) {
     switchOn(1, std::time(nullptr));
-    ASSERT_TRUE(awaitDaemons(1));
-    const auto first = daemons();
+    ASSERT_TRUE(awaitCollectors(1));
+    const auto first = collectors();
     ASSERT_TRUE(system.restartHost());
-    EXPECT_EQ(daemons(), first);
+    EXPECT_EQ(collectors(), first);
     EXPECT_EQ(configured("enabled"), "1");
 }
 
 TEST_F(Collector, SwitchedOnIsThereOnceAfterAKillOfBoth) {
     switchOn(1, std::time(nullptr));
-    ASSERT_TRUE(awaitDaemons(1));
-    const auto first = daemons();
+    ASSERT_TRUE(awaitCollectors(1));
+    const auto first = collectors();
     system.killHost();
     ::kill(first.front(), SIGKILL);
     // Only then has it let go of the lock by which a host tells that it lives.
     ASSERT_TRUE(process::waitUntil([&] { return ::kill(first.front(), 0) != 0; }));
     ASSERT_TRUE(system.startHost());
-    ASSERT_TRUE(awaitDaemons(1));
-    EXPECT_NE(daemons(), first);
+    ASSERT_TRUE(awaitCollectors(1));
+    EXPECT_NE(collectors(), first);
 }
 
 TEST_F(Collector, DeadOneIsStartedAgainAndGoesOnAfterTheLastReport) {
     const auto reported = std::time(nullptr) - 7;
     switchOn(60, reported);
-    ASSERT_TRUE(awaitDaemons(1));
-    const pid_t first = daemons().front();
+    ASSERT_TRUE(awaitCollectors(1));
+    const pid_t first = collectors().front();
     ::kill(first, SIGKILL);
-    ASSERT_TRUE(process::waitUntil([&] { return daemons().size() == 1 && daemons().front() != first; }));
+    ASSERT_TRUE(process::waitUntil([&] { return collectors().size() == 1 && collectors().front() != first; }));
     EXPECT_TRUE(fs::exists(wholesystem::kMarker));
     EXPECT_EQ(configured("enabled"), "1");
     EXPECT_EQ(configured("last_send_report_ts"), std::to_string(reported));
@@ -237,12 +237,12 @@ TEST_F(Collector, DeadOneIsStartedAgainAndGoesOnAfterTheLastReport) {
 
 TEST_F(Collector, DeadOneCanBeSwitchedOnAtOnce) {
     switchOn(60, std::time(nullptr));
-    ASSERT_TRUE(awaitDaemons(1));
-    const pid_t first = daemons().front();
+    ASSERT_TRUE(awaitCollectors(1));
+    const pid_t first = collectors().front();
     ::kill(first, SIGKILL);
-    ASSERT_TRUE(awaitDaemons(0));
+    ASSERT_TRUE(awaitCollectors(0));
     EXPECT_EQ(system.execute("EnableStatCollector"), 0);
-    EXPECT_TRUE(awaitDaemons(1));
+    EXPECT_TRUE(awaitCollectors(1));
     EXPECT_THAT(contentOf(wholesystem::kHostLog), testing::HasSubstr("is started again in 1 s"));
 }
 
@@ -280,7 +280,7 @@ TEST_F(Collector, ReportsWhatItSeesAfterTheClockWasSetUnderIt) {
     EXPECT_TRUE(process::waitUntil([&] { return counted() && std::stoll(configured("last_send_report_ts")) >= set; }));
     for (const auto &[second, packet] : rowsAbout(destination()))
         EXPECT_GT(second, 2'000'000);
-    EXPECT_EQ(daemons().size(), 1U);
+    EXPECT_EQ(collectors().size(), 1U);
 }
 
 TEST_F(Collector, MarkerOfACollectorThatDiedWithItsHostIsRemovedAtTheNextStart) {
@@ -292,12 +292,12 @@ TEST_F(Collector, MarkerOfACollectorThatDiedWithItsHostIsRemovedAtTheNextStart) 
 
 TEST_F(Collector, DisablingThePluginSwitchesItOffForGood) {
     switchOn(1, std::time(nullptr));
-    ASSERT_TRUE(awaitDaemons(1));
+    ASSERT_TRUE(awaitCollectors(1));
     EXPECT_EQ(system.control({"set-status", "0"}).status, 0);
-    EXPECT_TRUE(awaitDaemons(0));
+    EXPECT_TRUE(awaitCollectors(0));
     EXPECT_EQ(system.control({"set-status", "1"}).status, 0);
     EXPECT_EQ(configured("enabled"), "0");
-    EXPECT_TRUE(daemons().empty());
+    EXPECT_TRUE(collectors().empty());
 }
 
 // The plugin reads the kernel log through the host: the kernel's own stamp has no hyphen, the device's has one.
@@ -358,7 +358,7 @@ TEST_F(Collector, CountsNoForgedPacketAndSurvivesIt) {
     ASSERT_TRUE(process::waitUntil([&] { return !rowsAbout(destination()).empty(); }));
     for (const auto &[second, packet] : rowsAbout(destination()))
         EXPECT_EQ(std::get<0>(packet), pair.address(Side::far));
-    EXPECT_EQ(daemons().size(), 1U);
+    EXPECT_EQ(collectors().size(), 1U);
 }
 
 } // namespace

@@ -376,12 +376,12 @@ TEST_F(AnOutbox, IsFilledByAProcessWithoutStandardStreamsAndWithUmaskZero) {
                   for (const int fd : {0, 1, 2})
                       ::close(fd);
                   ::umask(0);
-                  std::string body = "from the daemon";
+                  std::string body = "from the collector";
                   EXPECT_EQ(0, nyr::sendReport(1, 2, body));
                   for (const int fd : {0, 1, 2})
                       EXPECT_EQ(-1, ::fcntl(fd, F_GETFD)) << fd;
               }));
-    EXPECT_THAT(bodies(), ElementsAre("from the daemon"));
+    EXPECT_THAT(bodies(), ElementsAre("from the collector"));
 }
 
 // --- several processes ---
