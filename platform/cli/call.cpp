@@ -70,10 +70,8 @@ void addCall(CLI::App &app, Session &session) {
     call->add_option("METHOD", arguments->method, "The method's name")->required();
     call->add_option("ARG", arguments->argument, "Its argument, a text");
     addConsentOptions(*call, arguments->consent);
-    call->footer(R"(Methods, with the privilege /privilege/vpk.firewall:
-  Firewall::ApplyAllowRules RULES, Firewall::ApplyDenyRules RULES
-  Firewall::FlushAllowRules, Firewall::FlushDenyRules
-They work while the plugin is disabled, too. An argument for a method that takes
+    call->footer("Methods, with the privilege /privilege/vpk.firewall:\n" + methodLines() +
+                 R"(They work while the plugin is disabled, too. An argument for a method that takes
 none is refused, and rules that cut off whoever is logged in over the network
 are warned of, as by exec; --as-is sends anything.
   vpkctl call Firewall::ApplyDenyRules 'tcp:10.0.0.5:80:out'

@@ -11,6 +11,7 @@
 #include "cli/printable.h"
 #include "cli/session.h"
 #include "cli/terminal.h"
+#include "host/firewall-plugin.h"
 
 namespace cli {
 namespace {
@@ -127,8 +128,8 @@ std::string ruleLine(const Json &rule) {
     std::string port = text(rule, "port");
     std::replace(port.begin(), port.end(), ':', '-');
     const auto direction = static_cast<std::size_t>(number(rule, "direction"));
-    return (text(rule, "action") == "allow" ? "ApplyAllowRules " : "ApplyDenyRules ") + orAny(text(rule, "protocol")) +
-           ":" + orAny(text(rule, "domain")) + ":" + orAny(port) + ":" +
+    return std::string(text(rule, "action") == "allow" ? host::kApplyAllow : host::kApplyDeny) + " " +
+           orAny(text(rule, "protocol")) + ":" + orAny(text(rule, "domain")) + ":" + orAny(port) + ":" +
            kDirections.at(direction < kDirections.size() ? direction : 0) + "\n";
 }
 

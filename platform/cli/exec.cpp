@@ -17,14 +17,7 @@ namespace {
 constexpr const char *kMethod = "Host::executeCommand";
 
 constexpr const char *kHelp =
-    R"(Commands and their data:
-  ApplyAllowRules, ApplyDenyRules    rules, joined by ";"
-  FlushAllowRules, FlushDenyRules    none
-  ApplyPolicy            {"ALLOW":[rules],"DENY":[rules]}, see below
-  EnableStatCollector, DisableStatCollector    none
-  StatCollectorPolicy    settings, {"send_report_interval":"3600"}
-  SendReport             none
-
+    R"(
 A rule is protocol:address:port or protocol:address:port:direction. "*" or
 nothing stands for any; a range of ports is 8000-8080; the direction is in, out
 or bid. Address and port are the other side's: an "in" rule matches the source.
@@ -116,7 +109,7 @@ void addExec(CLI::App &app, Session &session) {
     exec->add_option("DATA", arguments->data, "Its data: text, @FILE, or - for standard input");
     exec->add_flag("--raw", arguments->raw, "Keep the last line break of @FILE or -");
     addConsentOptions(*exec, arguments->consent);
-    exec->footer(kHelp);
+    exec->footer("Commands and their data:\n" + commandLines() + kHelp);
     exec->callback([arguments, &session] { run(*arguments, session); });
 }
 

@@ -27,6 +27,11 @@ template <typename Table> Words namesOf(const Table &table) {
 // The command that does what this remote method of the plugin does; null for any other method.
 const PluginCommand *commandOfMethod(std::string_view method);
 
+// For a help: the commands with the data that each takes, and the remote methods with their argument; those that are
+// alike on one line.
+std::string commandLines();
+std::string methodLines();
+
 // What `name` is not, what may have been meant, and what there is: for a word that stands where a command should.
 std::string noSuchCommand(std::string_view name);
 // The same for a remote method.

@@ -64,13 +64,15 @@ struct PluginCommand {
     bool changesSettings; // it may write the configuration
 };
 
+constexpr std::string_view kApplyAllow = "ApplyAllowRules";
+constexpr std::string_view kApplyDeny = "ApplyDenyRules";
 constexpr std::string_view kStartCollector = "EnableStatCollector";
 constexpr std::string_view kStopCollector = "DisableStatCollector";
 constexpr std::string_view kChangeSettings = "StatCollectorPolicy";
 
 constexpr std::array<PluginCommand, 9> kPluginCommands = {{
-    {"ApplyAllowRules", CommandData::rules, RuleEffect::apply, RuleKinds::allow, false},
-    {"ApplyDenyRules", CommandData::rules, RuleEffect::apply, RuleKinds::deny, false},
+    {kApplyAllow, CommandData::rules, RuleEffect::apply, RuleKinds::allow, false},
+    {kApplyDeny, CommandData::rules, RuleEffect::apply, RuleKinds::deny, false},
     {"FlushAllowRules", CommandData::none, RuleEffect::removeAll, RuleKinds::allow, false},
     {"FlushDenyRules", CommandData::none, RuleEffect::removeAll, RuleKinds::deny, false},
     {"ApplyPolicy", CommandData::policy, RuleEffect::apply, RuleKinds::both, false},
@@ -89,8 +91,8 @@ struct PluginMethod {
     std::string_view command;
 };
 
-constexpr std::array<PluginMethod, 4> kPluginMethods = {{{"Firewall::ApplyAllowRules", "ApplyAllowRules"},
-                                                         {"Firewall::ApplyDenyRules", "ApplyDenyRules"},
+constexpr std::array<PluginMethod, 4> kPluginMethods = {{{"Firewall::ApplyAllowRules", kApplyAllow},
+                                                         {"Firewall::ApplyDenyRules", kApplyDeny},
                                                          {"Firewall::FlushAllowRules", "FlushAllowRules"},
                                                          {"Firewall::FlushDenyRules", "FlushDenyRules"}}};
 
