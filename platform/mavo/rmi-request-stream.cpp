@@ -180,7 +180,6 @@ void RequestStream::writeSome() {
 
 void RequestStream::replyWritten() {
     std::string().swap(output_);
-    written_ = 0;
     if (ending_ && input_ == Input::drain)
         ::shutdown(socket_.get(), SHUT_WR);
     else if (ending_)
