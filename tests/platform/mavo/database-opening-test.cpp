@@ -24,6 +24,10 @@ std::string unavailable(int flags = kReadWrite) {
     return "opened";
 }
 
+std::string refusal(const std::string &beside, const char *why) {
+    return std::string(kPath).append(": ").append(beside).append(" ").append(why);
+}
+
 class AnOpening : public testing::Test {
 protected:
     void SetUp() override {
@@ -72,24 +76,24 @@ TEST_F(AnOpening, LeavesADigestOfAFileThatCostsMoreToCheckAgain) {
 }
 
 TEST_F(AnOpening, IsRefusedBesideWhatIsNoFile) {
-    for (const std::string suffix : {"-journal", "-wal"}) {
-        fs::remove(kPath + suffix);
-        ASSERT_EQ(::mkfifo((kPath + suffix).c_str(), 0600), 0);
-        EXPECT_EQ(unavailable(), kPath + ": " + kPath + suffix + " is no file");
-        fs::remove(kPath + suffix);
+    for (const std::string &beside : {kPath + "-journal", kPath + "-wal"}) {
+        fs::remove(beside);
+        ASSERT_EQ(::mkfifo(beside.c_str(), 0600), 0);
+        EXPECT_EQ(unavailable(), refusal(beside, "is no file"));
+        fs::remove(beside);
     }
     EXPECT_EQ(unavailable(), "opened");
 }
 
 TEST_F(AnOpening, IsRefusedBesideAFileOfSomebodyElse) {
-    for (const std::string suffix : {"-journal", "-wal"}) {
-        write(kPath + suffix, "");
-        ASSERT_EQ(::chown((kPath + suffix).c_str(), 4711, 4711), 0);
-        EXPECT_EQ(unavailable(), kPath + ": " + kPath + suffix + " belongs to somebody else");
+    for (const std::string &beside : {kPath + "-journal", kPath + "-wal"}) {
+        write(beside, "");
+        ASSERT_EQ(::chown(beside.c_str(), 4711, 4711), 0);
+        EXPECT_EQ(unavailable(), refusal(beside, "belongs to somebody else"));
         ASSERT_EQ(::chown(kPath.c_str(), 4711, 4711), 0);
         EXPECT_EQ(unavailable(), "opened") << "it is of whom the database is";
         ASSERT_EQ(::chown(kPath.c_str(), 0, 0), 0);
-        fs::remove(kPath + suffix);
+        fs::remove(beside);
     }
 }
 

@@ -1,6 +1,7 @@
 // What becomes of damaged databases whose program has said which file is for what, and of faults in the middle of that.
 #include "mavo/database-recovery.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -25,6 +26,7 @@
 #include <sqlite3.h>
 
 #include "protected-database.h"
+#include "support/file-calls.h"
 
 namespace {
 
@@ -178,6 +180,8 @@ TEST_F(AProtectedDatabase, PutsAnOrphanJournalAsideBeforeItIsReplaced) {
     EXPECT_EQ("one,two", rows());
     EXPECT_EQ(contentOf(kBackup), contentOf(kMain));
     EXPECT_THAT(mavo::database::filesAside(kMain), ElementsAre(kMain + "-journal.aside-1"));
+    EXPECT_THAT(told, ElementsAre(kMain + "-journal: a journal without its database was put aside",
+                                  kMain + ": was not there; its backup has taken its place"));
 }
 
 TEST_F(AProtectedDatabase, KeepsCopiesOfBothWhenBothAreDamaged) {
@@ -215,7 +219,66 @@ TEST_F(AProtectedDatabase, IsNotReplacedUnderAnOpenConnection) {
     EXPECT_THAT(told, IsEmpty());
 }
 
+TEST_F(AProtectedDatabase, IsReplacedWholeAndByNothingElse) {
+    {
+        Connection connection(kMain, kReadWrite, true);
+        run(connection, "INSERT INTO t VALUES (hex(zeroblob(100000)))");
+    }
+    const std::string large = contentOf(kMain);
+    write(kBackup, large);
+    ASSERT_EQ(0, ::chmod(kBackup.c_str(), 0640));
+    write(kMain, std::string(5'000, 'x'));
+    { const Connection connection(kMain, kReadWrite, true); }
+    EXPECT_TRUE(contentOf(kMain) == large);
+    EXPECT_EQ(fs::status(kMain).permissions(), fs::status(kBackup).permissions());
+    for (const char *left : {"rules-new", "rules-new-journal", "rules-new-digest"})
+        EXPECT_EQ(0U, names().count(left)) << left;
+    EXPECT_EQ(1U, told.size());
+}
+
+// How often the folder was made durable in the opening.
+std::ptrdiff_t foldersSynchronised(const std::string &path, int flags) {
+    calls::synchronised.clear();
+    try {
+        const Connection connection(path, flags, true);
+    } catch (const mavo::Exception &) {
+    }
+    return std::count(calls::synchronised.begin(), calls::synchronised.end(), kFolder);
+}
+
+TEST_F(AProtectedDatabase, HasEveryNewNameMadeDurable) {
+    EXPECT_EQ(0, foldersSynchronised(kMain, kReadWrite));
+    EXPECT_EQ(1, foldersSynchronised(kFolder + "/new", kCreate));
+    damageIndexOf(kMain);
+    EXPECT_EQ(1, foldersSynchronised(kMain, kReadWrite)) << "its backup has taken its place";
+    damageIndexOf(kMain);
+    damageIndexOf(kBackup);
+    EXPECT_EQ(1, foldersSynchronised(kMain, kReadWrite)) << "both were put aside";
+    write(kStatistics, std::string(5'000, 'x'));
+    EXPECT_EQ(2, foldersSynchronised(kStatistics, kCreate)) << "put aside, and made";
+    store("one", kStatistics);
+    makeHotJournal(kStatistics);
+    fs::remove(kStatistics);
+    EXPECT_EQ(2, foldersSynchronised(kStatistics, kCreate)) << "its journal put aside, and made";
+}
+
 // ---- faults in the middle ----
+
+TEST_F(AProtectedDatabase, IsBackInItsPlaceWhenItsBackupCannotTakeIt) {
+    const std::string damaged(5'000, 'x');
+    write(kMain, damaged);
+    calls::renames = {0, ENOSPC}; // put aside, but not replaced
+    EXPECT_EQ("unavailable", open(kMain));
+    EXPECT_EQ(damaged, contentOf(kMain));
+    EXPECT_THAT(mavo::database::filesAside(kMain), IsEmpty());
+    EXPECT_EQ("one,two", rows());
+    fs::remove(kMain);
+    fs::remove(kMain + ".aside-1");
+    calls::renames = {ENOSPC};
+    EXPECT_EQ("unavailable", open(kMain));
+    EXPECT_FALSE(fs::exists(kMain));
+    EXPECT_EQ("one,two", rows());
+}
 
 int unavailableWith(int descriptors) {
     { const Unavailable first("a sanitizer opens files when it meets the first object of a type"); }
