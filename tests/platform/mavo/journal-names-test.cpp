@@ -15,7 +15,6 @@
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 using OpenDirectory = int (*)(const char *, int *);
 
 constexpr int kDescriptor = 4711;
