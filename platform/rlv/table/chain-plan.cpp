@@ -56,7 +56,7 @@ public:
         const bool isCheaper = !standing_.empty() && refillCost() < stepsCost();
         if (limits.mayRefill && everyRuleGoes && (isCheaper || !limits.mayMatch)) {
             plan_.refill = true;
-            plan_.matchesLost = plan_.matches.size();
+            plan_.matchesSacrificed = plan_.matches.size();
             plan_.matches.clear();
             plan_.deletions.clear();
             plan_.insertions.clear();

@@ -26,7 +26,7 @@ struct ChainPlan {
     };
 
     bool refill = false;                // empty the chain first
-    std::size_t matchesLost = 0;        // rules that could have stayed, had the chain not been emptied
+    std::size_t matchesSacrificed = 0;  // rules that could have stayed, had the chain not been emptied
     std::vector<Match> matches;         // doomed, and appended again: they are spared. Both places rise
     std::vector<std::size_t> deletions; // rising
     std::vector<Insertion> insertions;  // in the order of the appended rules

@@ -13,12 +13,16 @@
 #include "rlv/rlv-query.h"
 #include "rlv/table/chain-plan.h"
 #include "rlv/table/command.h"
+#include "rlv/table/pending-chain.h"
 #include "rlv/table/ruleset.h"
 
 namespace rlv {
 
 // Answers commands as iptables would and keeps what they come to as a difference from the ruleset: its size goes with
 // the rules of the outcome, never with the number of commands.
+//
+// All of it is about chains as commands name them and rules as they give them. How these lie in the kernel is none of
+// its business: a plan leaves here, and handles and generations come back.
 class PendingRuleset {
 public:
     // At most so many rules and chains, those of others in the chains that hold rules of ours included.
@@ -40,7 +44,9 @@ public:
 
     // Of the chains that were touched. Unless `isCurrent`, it holds for whatever others have made of the ruleset since.
     RulesetPlan plan(bool isCurrent) const;
-    const Rule &appendedRule(const std::string &chain, std::size_t place) const;
+    // What the plan's places stand for. A chain that is not there has no rules.
+    const std::vector<StandingRule> &standingRules(const std::string &chain) const;
+    std::vector<const Rule *> appendedRules(const std::string &chain) const;
     void setHandles(const std::string &chain, const std::vector<std::uint64_t> &handles);
 
     // Take back what was refused: its commands are added to `lost`.
@@ -58,39 +64,9 @@ public:
     void adopt(const RulesetPlan &plan, std::uint32_t generation);
     // No command has come: what is discarded is in `lost`, in the order in which it was sent.
     void discard(const Answer &answer, std::vector<LostCommand> &lost);
-    // Brings the difference to another ruleset. Commands of which the aim cannot be reached there are added to `lost`.
-    // What one ruleset makes needless is not forgotten: the next may need it.
-    void rebase(Ruleset ruleset, std::vector<LostCommand> &lost);
 
 private:
-    // A command that is not sent yet; 0 is none.
-    struct Origin {
-        std::uint64_t number = 0;
-        std::string options;
-    };
-    struct Appended {
-        Rule rule;
-        Origin origin;
-    };
-    struct Deleted {
-        std::size_t place = 0; // in the standing rules
-        Origin origin;
-    };
-    struct Chain {
-        bool exists = true;
-        std::map<std::string, std::size_t> jumps;
-        std::vector<bool> doomed; // of the standing rules; empty when none is
-        std::size_t doomedCount = 0;
-        std::vector<Appended> appended;
-        std::vector<Deleted> deleted;
-        Origin made;
-        Origin flushed; // once flushed, no standing rule is left
-        Origin removed;
-    };
-    struct PendingCommand {
-        Command command;
-        Origin origin;
-    };
+    friend class Rebase; // carries the commands out again, on another ruleset
 
     Answer carryOut(const std::vector<Command> &commands, const Origin &origin);
     Answer flushChain(const std::string &name, const Origin &origin);
@@ -98,33 +74,26 @@ private:
     Answer removeChain(const std::string &name, const Origin &origin);
     Answer appendRules(const std::vector<Command> &commands, const Origin &origin);
     Answer deleteRules(const std::vector<Command> &commands, const Origin &origin);
-    Answer carryOutAgain(const std::vector<Command> &commands, const Origin &origin);
-    void carryOutAgain(std::vector<LostCommand> &lost);
-    std::vector<std::pair<std::string, Origin>> madeBuiltInChains() const;
-    void makeAgain(const std::vector<std::pair<std::string, Origin>> &builtInChains);
+    // The commands that it comes to, in the order in which they were sent.
+    std::vector<PendingCommand> difference() const;
     void lose(const Origin &origin, const Answer &answer, std::vector<LostCommand> &lost);
 
-    Chain *find(const std::string &name);
+    PendingChain *find(const std::string &name);
     const StandingChain *standingChain(const std::string &name) const;
     bool isForeign(const std::string &name) const;
-    std::size_t standingCount(const std::string &name) const;
-    void reset();
-    void doom(const std::string &name, Chain &chain, std::size_t place);
-    static void uncountJump(Chain &chain, const Rule &rule);
     bool isReferenced(const std::string &name) const;
     bool jumpsTooFar() const;
-    bool jumpsTooFarFrom(const std::string &name, int jumps, std::map<std::string, int> &seen) const;
-    std::vector<PendingCommand> commands() const;
+    void reset();
 
     std::size_t maxRules_;
     Ruleset standing_;
-    std::map<std::string, Chain> chains_;
+    std::map<std::string, PendingChain> chains_;
     std::size_t count_ = 0;
     std::uint64_t lastOrigin_ = 0;
     bool changed_ = false;
     bool isBounded_ = true;               // by maxRules_
-    std::vector<PendingCommand> rebased_; // what the last rebase() carried out; empty when commands came since
-    std::set<std::uint64_t> lostNumbers_; // of rebased_
+    std::vector<PendingCommand> kept_;    // of which the difference was made anew; empty when commands came since
+    std::set<std::uint64_t> lostNumbers_; // of kept_
 };
 
 } // namespace rlv

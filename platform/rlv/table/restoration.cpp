@@ -6,6 +6,7 @@
 #include <unordered_map>
 
 #include "rlv/table/chain-plan.h"
+#include "rlv/table/layout.h"
 #include "rlv/table/longest-increasing-subsequence.h"
 #include "rlv/table/rule-text.h"
 
@@ -68,6 +69,8 @@ private:
         result_.changes.push_back({kind, chain, rule, handle});
     }
 
+    void add(const Changes &changes) { result_.changes.insert(result_.changes.end(), changes.begin(), changes.end()); }
+
     void addTable() {
         if (result_.changes.empty())
             add(Kind::addTable, nullptr);
@@ -120,21 +123,8 @@ private:
             plan.refill = true;
             plan.deletions.clear();
         }
-        addRules(name, standing, appended, plan);
-    }
-
-    void addRules(const std::string &name, const std::vector<StandingRule> &standing,
-                  const std::vector<const Rule *> &rules, const ChainPlan &plan) {
-        if (plan.refill)
-            add(Kind::flushChain, &name);
-        for (const std::size_t place : plan.deletions)
-            add(Kind::deleteRule, &name, nullptr, standing[place].handle);
-        for (const auto &insertion : plan.insertions) {
-            if (insertion.before == ChainPlan::kAtTheEnd)
-                add(Kind::appendRule, &name, rules[insertion.appended]);
-            else
-                add(Kind::insertRule, &name, rules[insertion.appended], standing[insertion.before].handle);
-        }
+        add(removalsOf(plan, name, standing));
+        add(insertionsOf(plan, name, standing, appended));
     }
 
     void tellOfRules(const std::string &name, const std::vector<Rule> &rules,

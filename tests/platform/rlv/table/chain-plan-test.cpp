@@ -174,9 +174,9 @@ void expectSound(const Case &given, const rlv::PlanLimits &limits = {}) {
     const bool everyRuleGoes = std::find(gone.begin(), gone.end(), false) == gone.end();
     EXPECT_TRUE(!plan.refill || (limits.mayRefill && everyRuleGoes));
     if (!limits.mayMatch) {
-        EXPECT_EQ(0U, plan.matches.size() + plan.matchesLost);
+        EXPECT_EQ(0U, plan.matches.size() + plan.matchesSacrificed);
     } else if (given.standing.size() < 100) {
-        EXPECT_EQ(mostThatCanStay(given), plan.refill ? plan.matchesLost : plan.matches.size());
+        EXPECT_EQ(mostThatCanStay(given), plan.refill ? plan.matchesSacrificed : plan.matches.size());
     }
 }
 
@@ -229,7 +229,7 @@ TEST(AChainPlan, PutsARuleInTheMiddleWithoutTouchingTheOthers) {
 TEST(AChainPlan, EmptiesAChainInOneStep) {
     const ChainPlan plan = Case{"ABCDEFGH", ""}.plan();
     EXPECT_TRUE(plan.refill);
-    EXPECT_EQ(0U, plan.matchesLost);
+    EXPECT_EQ(0U, plan.matchesSacrificed);
     EXPECT_TRUE(plan.deletions.empty());
 }
 
@@ -280,7 +280,7 @@ TEST(AChainPlan, RefillsALongChainWhereMuchOfItChanges) {
     EXPECT_FALSE(planWith(10).refill);
     EXPECT_EQ(9'990U, planWith(10).matches.size());
     EXPECT_TRUE(planWith(5'000).refill);
-    EXPECT_EQ(5'000U, planWith(5'000).matchesLost);
+    EXPECT_EQ(5'000U, planWith(5'000).matchesSacrificed);
 }
 
 Case randomCase(std::mt19937 &random) {
