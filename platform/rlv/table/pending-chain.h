@@ -29,8 +29,7 @@ struct PendingCommand {
 
 // A difference from the rules that stand in the chain, which its owner has and passes as `standing`. Rules are named by
 // their places: those that stand, and behind them the appended ones.
-class PendingChain {
-public:
+struct PendingChain {
     struct Appended {
         Rule rule;
         Origin origin;

@@ -185,27 +185,27 @@ void run(const Settings &settings, std::size_t connections) {
               << std::endl;
 }
 
-TEST(RandomConnectionsToAModelledTable, ComeToWhatIptablesWouldComeTo) {
+TEST(RandomConnectionsToATransactionalTable, ComeToWhatIptablesWouldComeTo) {
     Settings settings;
     settings.hasForeigners = settings.hasRefusals = settings.hasConflicts = false;
     run(settings, 120);
 }
 
-TEST(RandomConnectionsToAModelledTable, LeaveRoomForForeignPrograms) {
+TEST(RandomConnectionsToATransactionalTable, LeaveRoomForForeignPrograms) {
     Settings settings;
     settings.hasRefusals = settings.hasConflicts = false;
     run(settings, 120);
 }
 
-TEST(RandomConnectionsToAModelledTable, LoseOnlyWhatIsRefused) {
+TEST(RandomConnectionsToATransactionalTable, LoseOnlyWhatIsRefused) {
     Settings settings;
     settings.hasForeigners = settings.hasConflicts = false;
     run(settings, 120);
 }
 
-TEST(RandomConnectionsToAModelledTable, ComeToTheSameWhenOthersAreFaster) { run(Settings(), 200); }
+TEST(RandomConnectionsToATransactionalTable, ComeToTheSameWhenOthersAreFaster) { run(Settings(), 200); }
 
-TEST(RandomConnectionsToAModelledTable, NeverExceedTheirBound) {
+TEST(RandomConnectionsToATransactionalTable, NeverExceedTheirBound) {
     Settings settings;
     settings.limit = 25;
     settings.hasConflicts = settings.hasRefusals = false;
