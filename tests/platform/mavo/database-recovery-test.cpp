@@ -249,6 +249,8 @@ std::ptrdiff_t foldersSynchronised(const std::string &path, int flags) {
 TEST_F(AProtectedDatabase, HasEveryNewNameMadeDurable) {
     EXPECT_EQ(0, foldersSynchronised(kMain, kReadWrite));
     EXPECT_EQ(1, foldersSynchronised(kFolder + "/new", kCreate));
+    write(kFolder + "/empty", "");
+    EXPECT_EQ(0, foldersSynchronised(kFolder + "/empty", kCreate));
     damageIndexOf(kMain);
     EXPECT_EQ(1, foldersSynchronised(kMain, kReadWrite)) << "its backup has taken its place";
     damageIndexOf(kMain);
@@ -418,6 +420,29 @@ TEST(AnUnprotectedDatabase, IsRefusedAfterThreeErrorsOnReading) {
     EXPECT_EQ("one", rows(path));
 }
 
+// Which would be taken for a damaged one next time.
+TEST(ANewDatabase, LeavesNoEmptyFileWhereItsOpeningFails) {
+    fs::create_directories(kFolder);
+    const std::string path = kFolder + "/new";
+    int failed = 0;
+    for (reads = {0, 1, ENOMEM}; reads.times == 1; reads = {failed, 1, ENOMEM}) {
+        fs::remove(path);
+        try {
+            const Connection connection(path, kCreate, true);
+            break;
+        } catch (const Unavailable &) {
+            EXPECT_FALSE(fs::exists(path)) << failed;
+        }
+        ++failed;
+    }
+    EXPECT_GT(failed, 0);
+    write(path, "");
+    reads = {0, 1, ENOMEM};
+    EXPECT_THROW(Connection(path, kCreate, true), Unavailable);
+    EXPECT_TRUE(fs::exists(path)) << "which was there before";
+    reads = {};
+}
+
 // ---- digests ----
 
 std::string digest() { return contentOf(kMain + "-digest"); }
@@ -517,6 +542,15 @@ TEST_F(AProtectedDatabase, IsMadeAnewWhereASoundOneOfSomethingElseLies) {
         EXPECT_THAT(told, ElementsAre(HasSubstr("a new one is made"))) << schema;
         told.clear();
     }
+}
+
+TEST_F(AProtectedDatabase, IsMadeAnewWithoutTheJournalOfWhatWasThere) {
+    store("one", kStatistics);
+    makeHotJournal(kStatistics);
+    write(kStatistics, "");
+    EXPECT_EQ("open", open(kStatistics, kCreate));
+    EXPECT_EQ("", rows(kStatistics));
+    EXPECT_THAT(mavo::database::filesAside(kStatistics), ElementsAre(kStatistics + "-journal.aside-1"));
 }
 
 TEST_F(AProtectedDatabase, IsUsedWhereItIsToBeMadeAnewAndHasNoTableYet) {
