@@ -120,7 +120,9 @@ TEST(SystemLogging, SaysWhenWhoAndHowSevere) {
         const std::string after = timeNow();
         const std::string head = "<" + std::to_string(severities[static_cast<std::size_t>(priority + 1)]) + ">";
         const std::string tail = " x[" + std::to_string(::getpid()) + "]: y";
-        EXPECT_THAT(service.next(), testing::AnyOf(head + before + tail, head + after + tail)) << priority;
+        EXPECT_THAT(service.next(), testing::AnyOf(std::string(head).append(before).append(tail),
+                                                   std::string(head).append(after).append(tail)))
+            << priority;
     }
 }
 
