@@ -30,7 +30,7 @@
 #include "mavo/database.h"
 #include "rlv/rlv-query.h"
 #include "support/command-line.h"
-#include "support/log-options.h"
+#include "vlog/log-options.h"
 
 namespace {
 
@@ -39,7 +39,7 @@ struct Options {
     std::string rlvSocket = rlv::kDefaultSocketPath;
     std::string plugin = host::defaultPluginPath();
     std::string privileges = "/etc/vpk/privileges.conf";
-    support::LogOptions log;
+    vlog::LogOptions log;
     bool endCollector = false;
     int serviceTimeout = 0; // seconds
 };
@@ -54,7 +54,7 @@ void addOptions(CLI::App &app, Options &options) {
                    "How many seconds to wait for a traffic-control service that does not serve yet")
         ->check(CLI::Range(0, 3600))
         ->capture_default_str();
-    support::addLogOptions(app, options.log);
+    vlog::addLogOptions(app, options.log);
     app.add_flag("--end-collector", options.endCollector,
                  "End the collector, also one of an earlier host, take its marker away, and exit; no host may run");
     app.footer("Runs until SIGTERM. Rules and collector stay as they are when it ends. Its data is in /opt/data/vpk.");
@@ -88,7 +88,7 @@ bool isDataWell() try { return host::dataProblem().empty(); } catch (const mavo:
 
 void run(const Options &options) {
     ::umask(077);
-    support::chooseLog(options.log, "vpkd");
+    vlog::chooseLog(options.log, "vpkd");
     if (options.endCollector)
         return host::endCollector();
     const auto privileges = host::loadPrivileges(options.privileges);

@@ -26,10 +26,10 @@
 #include "rlv/service/service.h"
 #include "support/command-line.h"
 #include "support/directories.h"
-#include "support/log-options.h"
 #include "support/readiness.h"
 #include "support/signals.h"
 #include "support/unix-socket.h"
+#include "vlog/log-options.h"
 
 namespace {
 
@@ -57,7 +57,7 @@ struct Arguments {
     std::string socket = rlv::kDefaultSocketPath;
     std::vector<std::string> clientUsers;
     std::string socketGroup;
-    support::LogOptions log;
+    vlog::LogOptions log;
     bool noResolve = false;
     bool removeTables = false;
     bool noRepair = false;
@@ -134,7 +134,7 @@ void addTableOptions(CLI::App &app, Arguments &arguments) {
 }
 
 void addLoggingOptions(CLI::App &app, Arguments &arguments) {
-    support::addLogOptions(app, arguments.log);
+    vlog::addLogOptions(app, arguments.log);
     app.add_flag("--verbose", arguments.service.logAccepted, "Log accepted commands too, not only refused ones");
 }
 
@@ -254,7 +254,7 @@ int run(Arguments &arguments) {
         arguments.service.maxIdle = std::chrono::seconds(arguments.idleSeconds);
         arguments.service.names.refresh = std::chrono::seconds(arguments.refreshSeconds);
         arguments.service.patience = std::min(arguments.service.patience, arguments.service.maxIdle);
-        support::chooseLog(arguments.log, "rlvd");
+        vlog::chooseLog(arguments.log, "rlvd");
         return arguments.removeTables ? removeTables(arguments) : serve(arguments);
     } catch (const std::exception &error) {
         std::fprintf(stderr, "rlvd: %s\n", error.what());

@@ -10,6 +10,7 @@
 
 #include "mavo/database-recovery.h"
 #include "protected-database.h"
+#include "unavailable.h"
 
 namespace {
 
@@ -26,15 +27,6 @@ protected:
         run(connection, "INSERT INTO t VALUES (hex(zeroblob(100000)))");
     }
 };
-
-template <typename Action> std::string unavailable(Action action) {
-    try {
-        action();
-    } catch (const Unavailable &exception) {
-        return exception.what();
-    }
-    return "nothing thrown";
-}
 
 TEST_F(ABackup, IsMadeEqualToItsDatabase) {
     for (const std::string &state : {std::string(), std::string(9, 'x'), contentOf(kMain) + "x"}) {

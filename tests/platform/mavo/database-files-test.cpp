@@ -3,8 +3,6 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -14,6 +12,8 @@
 
 #include "mavo/database.h"
 #include "support/file-calls.h"
+#include "support/text-file.h"
+#include "unavailable.h"
 
 namespace {
 
@@ -25,25 +25,9 @@ using testing::IsEmpty;
 const std::string kFile = "/run/rules";
 const std::string kMagic = "\xd9\xd5\x05\xf9\x20\xa1\x63\xd7";
 
-void write(const std::string &path, const std::string &content) { std::ofstream(path) << content; }
-
-std::string contentOf(const std::string &path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-template <typename Action> std::string unavailable(Action action) {
-    try {
-        action();
-    } catch (const Unavailable &exception) {
-        return exception.what();
-    }
-    return "nothing thrown";
-}
-
 TEST(TheSizeOfAFile, IsInBytesAndMinusOneWithoutOne) {
     EXPECT_EQ(sizeOf(kFile), -1);
-    write(kFile, "");
+    textfile::write(kFile, "");
     EXPECT_EQ(sizeOf(kFile), 0);
     fs::resize_file(kFile, 0x100000001ULL);
     EXPECT_EQ(sizeOf(kFile), 0x100000001LL);
@@ -68,7 +52,7 @@ TEST(AnOpenedFile, IsNoStandardStreamNotInheritedAndHasItsMode) {
 TEST(AnOpenedFile, IsNoLinkAndNotWaitedFor) {
     EXPECT_FALSE(openFile(kFile, O_RDONLY));
     EXPECT_EQ(errno, ENOENT);
-    write("/run/target", "x");
+    textfile::write("/run/target", "x");
     fs::create_symlink("/run/target", kFile);
     EXPECT_FALSE(openFile(kFile, O_RDONLY));
     EXPECT_EQ(errno, ELOOP);
@@ -81,7 +65,7 @@ TEST(BytesOfAFile, AreAllWrittenPieceByPieceAndAfterSignals) {
     calls::writeBytes = 4;
     calls::writes = {EINTR, 0, EINTR, EINTR};
     EXPECT_TRUE(writeAll(file.get(), "0123456789", 10));
-    EXPECT_EQ(contentOf(kFile), "0123456789");
+    EXPECT_EQ(textfile::read(kFile), "0123456789");
     EXPECT_TRUE(writeAll(file.get(), "", 0));
 }
 
@@ -96,11 +80,11 @@ TEST(BytesOfAFile, AreNotWrittenWhereThatFails) {
 TEST(AJournal, IsHotWithItsMagicNumberAlone) {
     EXPECT_FALSE(isHot(kFile));
     for (const std::string &cold : {std::string(), kMagic.substr(0, 7), std::string(8, '\0'), "x" + kMagic}) {
-        write(kFile, cold);
+        textfile::write(kFile, cold);
         EXPECT_FALSE(isHot(kFile)) << cold.size();
     }
     for (const std::string &hot : {kMagic, kMagic + "and more"}) {
-        write(kFile, hot);
+        textfile::write(kFile, hot);
         EXPECT_TRUE(isHot(kFile)) << hot.size();
     }
 }
@@ -114,7 +98,7 @@ TEST(AJournal, IsUnavailableWhereItCannotBeRead) {
 
 TEST(AFileThatIsPutAside, StaysWhereItIsNoneOrEmpty) {
     putAside(kFile);
-    write(kFile, "");
+    textfile::write(kFile, "");
     putAside(kFile);
     EXPECT_TRUE(fs::exists(kFile));
     EXPECT_THAT(putAsideBefore(kFile), IsEmpty());
@@ -122,34 +106,34 @@ TEST(AFileThatIsPutAside, StaysWhereItIsNoneOrEmpty) {
 
 TEST(AFileThatIsPutAside, LeavesThreeNewestFirst) {
     for (const char *content : {"1", "2", "3", "4"}) {
-        write(kFile, content);
+        textfile::write(kFile, content);
         putAside(kFile);
         EXPECT_FALSE(fs::exists(kFile));
-        EXPECT_EQ(contentOf(kFile + ".aside-1"), content);
+        EXPECT_EQ(textfile::read(kFile + ".aside-1"), content);
     }
     EXPECT_THAT(putAsideBefore(kFile), ElementsAre(kFile + ".aside-1", kFile + ".aside-2", kFile + ".aside-3"));
-    EXPECT_EQ(contentOf(kFile + ".aside-2"), "3");
-    EXPECT_EQ(contentOf(kFile + ".aside-3"), "2");
+    EXPECT_EQ(textfile::read(kFile + ".aside-2"), "3");
+    EXPECT_EQ(textfile::read(kFile + ".aside-3"), "2");
     EXPECT_FALSE(fs::exists(kFile + ".aside-4"));
 }
 
 TEST(AFileThatIsPutAside, MovesNoneThatIsNotInItsWay) {
-    write(kFile + ".aside-2", "old");
-    write(kFile + ".aside-3", "older");
-    write(kFile, "new");
+    textfile::write(kFile + ".aside-2", "old");
+    textfile::write(kFile + ".aside-3", "older");
+    textfile::write(kFile, "new");
     putAside(kFile);
-    EXPECT_EQ(contentOf(kFile + ".aside-1"), "new");
-    EXPECT_EQ(contentOf(kFile + ".aside-2"), "old");
-    EXPECT_EQ(contentOf(kFile + ".aside-3"), "older");
+    EXPECT_EQ(textfile::read(kFile + ".aside-1"), "new");
+    EXPECT_EQ(textfile::read(kFile + ".aside-2"), "old");
+    EXPECT_EQ(textfile::read(kFile + ".aside-3"), "older");
 }
 
 TEST(AFileThatIsPutAside, StaysWhereItCannotBeRenamed) {
     fs::create_directories(kFile + ".aside-3/full");
     for (const char *number : {"1", "2"})
-        write(kFile + ".aside-" + number, number);
-    write(kFile, "x");
+        textfile::write(kFile + ".aside-" + number, number);
+    textfile::write(kFile, "x");
     EXPECT_EQ(unavailable([] { putAside(kFile); }), kFile + ".aside-2: Is a directory");
-    EXPECT_EQ(contentOf(kFile), "x");
+    EXPECT_EQ(textfile::read(kFile), "x");
 }
 
 TEST(TheFolderOfAFile, IsSynchronised) {
@@ -167,7 +151,7 @@ TEST(TheFolderOfAFile, IsSynchronisedAgainAfterSignalsAndNoMoreAfterErrors) {
     calls::fsyncs = {EIO};
     EXPECT_EQ(unavailable([] { syncFolderOf(kFile); }), "/run/: Input/output error");
     EXPECT_EQ(unavailable([] { syncFolderOf("/run/missing/rules"); }), "/run/missing/: No such file or directory");
-    write(kFile, "");
+    textfile::write(kFile, "");
     EXPECT_EQ(unavailable([] { syncFolderOf(kFile + "/rules"); }), kFile + "/: Not a directory");
 }
 

@@ -2,8 +2,6 @@
 
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <sys/stat.h>
 
@@ -12,6 +10,8 @@
 
 #include "mavo/database.h"
 #include "support/file-calls.h"
+#include "support/text-file.h"
+#include "unavailable.h"
 
 namespace {
 
@@ -22,33 +22,17 @@ using testing::ElementsAre;
 const std::string kTarget = "/run/rules";
 const std::string kNew = "/run/rules-new";
 
-void write(const std::string &path, const std::string &content) { std::ofstream(path) << content; }
-
-std::string contentOf(const std::string &path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
-
-template <typename Action> std::string unavailable(Action action) {
-    try {
-        action();
-    } catch (const mavo::database::Unavailable &exception) {
-        return exception.what();
-    }
-    return "nothing thrown";
-}
-
 TEST(AReplacement, TakesThePlaceOfItsTargetWhole) {
-    write(kTarget, "old");
+    textfile::write(kTarget, "old");
     Replacement copy(kTarget, 0640);
     EXPECT_EQ(copy.path(), kNew);
     copy.write("new", 3);
     copy.write("er", 2);
     copy.synchronise();
-    EXPECT_EQ(contentOf(kTarget), "old");
-    EXPECT_EQ(contentOf(kNew), "newer");
+    EXPECT_EQ(textfile::read(kTarget), "old");
+    EXPECT_EQ(textfile::read(kNew), "newer");
     copy.takePlace();
-    EXPECT_EQ(contentOf(kTarget), "newer");
+    EXPECT_EQ(textfile::read(kTarget), "newer");
     EXPECT_FALSE(fs::exists(kNew));
     EXPECT_THAT(calls::synchronised, ElementsAre(kNew, "/run"));
     struct stat status {};
@@ -68,10 +52,10 @@ TEST(AReplacement, IsGoneWithItsObjectUnlessItTookThePlace) {
 }
 
 TEST(AReplacement, IsMadeAnewWhereAProcessThatWasKilledHasLeftOne) {
-    write(kNew, "half of an old one");
+    textfile::write(kNew, "half of an old one");
     Replacement copy(kTarget, 0600);
     copy.write("x", 1);
-    EXPECT_EQ(contentOf(kNew), "x");
+    EXPECT_EQ(textfile::read(kNew), "x");
 }
 
 TEST(AReplacement, IsUnavailableWhereItCannotBeMadeWrittenOrPutInPlace) {

@@ -1,7 +1,7 @@
-// Where a program's log lines go, as its command line says. In a header: the log library is made of this folder, too,
-// so that the library of this folder cannot be made of that.
-#ifndef PLATFORM_SUPPORT_LOG_OPTIONS_H
-#define PLATFORM_SUPPORT_LOG_OPTIONS_H
+// Where a program's log lines go, as its command line says. A header, for the programs alone: the log library, which
+// the plugin is given, has no command line.
+#ifndef PLATFORM_VLOG_LOG_OPTIONS_H
+#define PLATFORM_VLOG_LOG_OPTIONS_H
 
 #include <string>
 
@@ -9,7 +9,7 @@
 
 #include "vlog/vlog-sink.h"
 
-namespace support {
+namespace vlog {
 
 struct LogOptions {
     std::string file; // empty: none
@@ -30,13 +30,13 @@ inline void addLogOptions(CLI::App &app, LogOptions &options) {
 // Logs there from now on; to the system log under the name `ident`. Throws std::system_error when it cannot be opened.
 inline void chooseLog(const LogOptions &options, const std::string &ident) {
     if (!options.file.empty())
-        vlog::useFile({options.file});
+        useFile({options.file});
     else if (options.toStandardError)
-        vlog::useStandardError();
+        useStandardError();
     else
-        vlog::useSystemLog(ident);
+        useSystemLog(ident);
 }
 
-} // namespace support
+} // namespace vlog
 
 #endif

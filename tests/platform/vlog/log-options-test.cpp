@@ -1,4 +1,4 @@
-#include "support/log-options.h"
+#include "vlog/log-options.h"
 
 #include <array>
 #include <fstream>
@@ -16,10 +16,10 @@
 
 namespace {
 
-using support::LogOptions;
 using support::UniqueFd;
 using testing::HasSubstr;
 using testing::MatchesRegex;
+using vlog::LogOptions;
 
 void logLine() { vlog_print(VLOG_ID_MAIN, VLOG_PRIORITY_INFO, "TEST", "%s", "told"); }
 
@@ -27,13 +27,13 @@ void logLine() { vlog_print(VLOG_ID_MAIN, VLOG_PRIORITY_INFO, "TEST", "%s", "tol
 std::string parse(std::vector<std::string> words) {
     CLI::App app;
     LogOptions options;
-    support::addLogOptions(app, options);
+    vlog::addLogOptions(app, options);
     try {
         app.parse(words);
     } catch (const CLI::ParseError &error) {
         return error.what();
     }
-    support::chooseLog(options, "ident");
+    vlog::chooseLog(options, "ident");
     return {};
 }
 
