@@ -54,18 +54,21 @@ protected:
 
     void startService() {
         service_.reset();
+        watchesBefore_ = relay_ ? relay_->watches() : 0;
         service_.emplace(std::vector<std::string>{process::built("rlvd"), "--socket", kServiceBehind, "--no-resolve",
                                                   "--log-file", wholesystem::kServiceLog});
         ASSERT_TRUE(service_->waitReady([] { return ServiceRelay::serves(kServiceBehind); })) << service_->errors();
     }
 
-    // To look changes nothing.
+    // The host has seen that the service is another one, and what that orders is done. To look changes nothing.
     bool becomesWhole() {
-        return process::waitUntil([this] { return system.control({"status"}).status == 0; });
+        return process::waitUntil([this] { return relay_->watches() > watchesBefore_; }) &&
+               process::waitUntil([this] { return system.control({"status"}).status == 0; });
     }
 
     std::optional<process::Child> service_;
     std::optional<ServiceRelay> relay_;
+    unsigned watchesBefore_ = 0; // the service was started
 };
 
 void expectKernelAndDatabaseToAgree() {
@@ -127,8 +130,7 @@ TEST_F(WithARelay, AnInterruptedStartIsMadeGood) {
     const unsigned before = relay_->packets();
     ASSERT_TRUE(system.restartHost());
     ASSERT_EQ(system.stopHost(), 0);
-    // Where the host asks what became of it all; the last one is that with which it begins to watch the service.
-    relay_->killInPlaceOf(relay_->packets() - before - 1, service_->id());
+    relay_->killInPlaceOf(relay_->packets() - before, service_->id()); // where the host asks what became of it all
     network::iptables({"-F", "VPK-DENY"});
     ASSERT_TRUE(system.startHost());
     EXPECT_FALSE(relay_->armed());

@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+#include "rlv/protocol.h"
+
 namespace systemtest {
 namespace {
 
@@ -32,6 +34,14 @@ UniqueFd connectTo(const std::string &path) {
     if (::connect(fd.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         fd.reset();
     return fd;
+}
+
+// Every packet begins with its kind.
+bool isToWatch(const std::vector<char> &packet) {
+    return packet.front() == static_cast<char>(rlv::protocol::Request::Kind::watch);
+}
+bool isWatched(const std::vector<char> &packet) {
+    return packet.front() == static_cast<char>(rlv::protocol::Reply::Kind::watched);
 }
 
 } // namespace
@@ -70,7 +80,9 @@ bool ServiceRelay::forward(int from, int to, bool toService) {
     const auto size = ::recv(from, packet.data(), packet.size(), 0);
     if (size <= 0)
         return false;
-    if (toService && ++packets_ == fatalPacket_ && victim_ != 0) {
+    if (!toService && isWatched(packet))
+        ++watches_;
+    if (toService && !isToWatch(packet) && ++packets_ == fatalPacket_ && victim_ != 0) {
         ::kill(victim_, SIGKILL);
         victim_ = 0;
         return false;

@@ -12,8 +12,9 @@
 
 namespace systemtest {
 
-// Carries packets between clients of one socket and the service behind another one, without understanding them. To the
-// service all clients are this process. A client whose service is away is hung up on.
+// Carries packets between clients of one socket and the service behind another one. To the service all clients are this
+// process. A client whose service is away is hung up on. Of the packets it knows one kind: the host watches the service
+// at times of its own, which belongs to no operation.
 class ServiceRelay {
 public:
     ServiceRelay(const std::string &listenAt, std::string forwardTo);
@@ -21,8 +22,10 @@ public:
     ServiceRelay(const ServiceRelay &) = delete;
     ServiceRelay &operator=(const ServiceRelay &) = delete;
 
-    // How many packets clients have sent so far.
+    // How many packets clients have sent so far, but for watching.
     unsigned packets() const { return packets_; }
+    // How often a client that began to watch has been told which service it watches.
+    unsigned watches() const { return watches_; }
     // Ends the process `service` with SIGKILL in place of forwarding the n-th packet from now on, n from 1.
     void killInPlaceOf(unsigned n, pid_t service);
     // True until that has happened.
@@ -41,6 +44,7 @@ private:
     support::UniqueFd stop_;
     std::map<int, std::pair<support::UniqueFd, support::UniqueFd>> pairs_; // client and service, by the client's number
     std::atomic<unsigned> packets_{0};
+    std::atomic<unsigned> watches_{0};
     std::atomic<unsigned> fatalPacket_{0};
     std::atomic<pid_t> victim_{0};
     std::thread thread_;
