@@ -57,7 +57,7 @@ Remarks remarksOn(const Verdict &verdict, std::vector<std::string> errorLines);
 // Watches from its construction on. One at a time.
 class CallWatch {
 public:
-    // To be called once, before a plugin is loaded: from now on failures of databases interrupt connections to the
+    // To be called once, before a plugin's factory is: from now on failures of databases interrupt connections to the
     // traffic-control service, and failing allocations are counted.
     static void prepare();
     // In a forked process: its own log lines concern nobody here.

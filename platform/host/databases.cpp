@@ -1,9 +1,11 @@
 #include "host/databases.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <exception>
+#include <new>
 #include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -79,48 +81,50 @@ std::string backupProblem;
 
 // The next attempt.
 using Clock = support::EventLoop::Clock;
+using std::chrono::milliseconds;
 support::EventLoop *retryLoop = nullptr;
 support::EventLoop::Timer retry = 0;
 std::optional<Clock::time_point> failsSince;
 bool isRetrying = false;
+
+// A database that somebody else holds keeps an attempt waiting, and with it everybody who calls the host.
+constexpr int kPartOfTime = 10;
 
 void cancelRetry() {
     if (retryLoop != nullptr)
         retryLoop->cancel(std::exchange(retry, 0));
 }
 
-void arrangeRetry() {
+// For want of memory the one that was arranged before stays.
+void arrangeRetry(milliseconds pause) noexcept try {
     if (retryLoop == nullptr)
         return;
-    const auto now = Clock::now();
-    failsSince = failsSince.value_or(now);
-    cancelRetry();
-    const auto failing = std::chrono::duration_cast<std::chrono::milliseconds>(now - *failsSince);
-    retry = retryLoop->after(Rebuild::pauseAfter(failing), [] {
+    const auto next = retryLoop->after(pause, [] {
         retry = 0;
         isRetrying = true;
         refreshRuleBackup();
         isRetrying = false;
     });
+    retryLoop->cancel(std::exchange(retry, next));
+} catch (const std::bad_alloc &) {
+}
+
+void arrangeNextAfter(Clock::time_point begin) noexcept {
+    const auto now = Clock::now();
+    failsSince = failsSince.value_or(begin);
+    const auto failing = std::chrono::duration_cast<milliseconds>(now - *failsSince);
+    const auto taken = std::chrono::duration_cast<milliseconds>(now - begin);
+    arrangeRetry(std::max(Rebuild::pauseAfter(failing), taken * kPartOfTime));
 }
 
 // Whoever calls is told each time, the log of a retry only what is new.
 void tellOfBackup(const char *problem) noexcept try {
-    arrangeRetry();
     std::string line = std::string(kRuleDatabaseBackup) + ": was not made equal to the rules: " + problem;
     if (isRetrying && line == backupProblem)
         return;
     backupProblem = std::move(line);
     logError(backupProblem);
-} catch (...) { // no memory: the next call tries again
-}
-
-void backupIsWell() {
-    wellAt = BackupState();
-    if (!std::exchange(backupProblem, {}).empty())
-        logInfo(std::string(kRuleDatabaseBackup) + ": is equal to the rules again");
-    failsSince.reset();
-    cancelRetry();
+} catch (...) { // no memory: the next attempt tells
 }
 
 // The plugin makes none before the first change of its rules.
@@ -129,6 +133,21 @@ bool needsNoBackup() {
         return false;
     mavo::database::Connection connection(kRuleDatabase, kReadOnly, false);
     return !mavo::database::Statement(connection, std::string("SELECT 1 FROM ") + kRuleTable + " LIMIT 1").step();
+}
+
+void makeBackupEqual() {
+    bool isEqual = true;
+    try {
+        if (!needsNoBackup())
+            mavo::database::refreshBackup(kRuleDatabase);
+    } catch (const mavo::Exception &) { // there are no rules yet, or none that is left: the plugin begins with none
+        isEqual = false;
+    }
+    if (!std::exchange(backupProblem, {}).empty() && isEqual)
+        logInfo(std::string(kRuleDatabaseBackup) + ": is equal to the rules again");
+    failsSince.reset();
+    cancelRetry();
+    wellAt = BackupState();
 }
 
 } // namespace
@@ -140,30 +159,32 @@ void watchOverDatabases() {
     mavo::database::tellRecoveriesTo(tell);
 }
 
-void refreshRuleBackup() noexcept try {
-    if (wellAt == BackupState())
-        return;
-    wellAt.reset();
-    const std::string misplaced = pluginFilesProblem();
-    if (!misplaced.empty())
-        return tellOfBackup(misplaced.c_str());
+// An attempt is arranged before the first: for want of memory that may end anywhere.
+void refreshRuleBackup() noexcept {
+    const auto begin = Clock::now();
     try {
-        if (!needsNoBackup())
-            mavo::database::refreshBackup(kRuleDatabase);
-    } catch (const mavo::Exception &) { // there are no rules yet, or none that is left: the plugin begins with none
+        if (wellAt == BackupState())
+            return;
+        wellAt.reset();
+        if (retry == 0)
+            arrangeRetry(Rebuild::pauseAfter(milliseconds(0)));
+        const std::string misplaced = pluginFilesProblem();
+        if (misplaced.empty())
+            return makeBackupEqual();
+        tellOfBackup(misplaced.c_str());
+    } catch (const mavo::database::Unavailable &problem) {
+        tellOfBackup(problem.what());
+    } catch (const std::exception &problem) {
+        tellOfBackup(problem.what());
     }
-    backupIsWell();
-} catch (const mavo::database::Unavailable &problem) {
-    tellOfBackup(problem.what());
-} catch (const std::exception &problem) {
-    tellOfBackup(problem.what());
+    arrangeNextAfter(begin);
 }
 
 void retryRuleBackupIn(support::EventLoop *loop) {
     cancelRetry();
     retryLoop = loop;
-    if (!backupProblem.empty())
-        arrangeRetry();
+    if (!wellAt)
+        arrangeRetry(Rebuild::pauseAfter(milliseconds(0)));
 }
 
 void distrustRuleBackup() noexcept { wellAt.reset(); }

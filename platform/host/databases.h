@@ -18,7 +18,7 @@ void watchOverDatabases();
 // copies the file after each change, looks at no error of that. Brings the backup back where the rules are damaged.
 // Does nothing when nothing was changed since the two were equal, and makes none before there are rules. What keeps it
 // from that is told as an error in the log and, until it has been done, in the status; where a loop was given, it is
-// tried again and again, with the pauses of Rebuild.
+// tried again and again, with pauses as between rebuilds, and longer ones where an attempt itself takes long.
 void refreshRuleBackup() noexcept;
 
 // What could not be done for the backup is tried again in this loop from now on; null ends it. It must outlive all

@@ -210,9 +210,9 @@ TEST_F(TheCollector, NotesTheClockThatItWasStartedWith) {
     }
 }
 
-class AMarkerHold : public TheCollector {};
+class ACollectorBlock : public TheCollector {};
 
-TEST_F(AMarkerHold, IsThereOnlyForItsTime) {
+TEST_F(ACollectorBlock, IsThereOnlyForItsTime) {
     {
         const host::CollectorBlock block;
         EXPECT_TRUE(host::markerStands());
@@ -220,14 +220,14 @@ TEST_F(AMarkerHold, IsThereOnlyForItsTime) {
     EXPECT_FALSE(host::markerStands());
 }
 
-TEST_F(AMarkerHold, LeavesAMarkerThatStoodBefore) {
+TEST_F(ACollectorBlock, LeavesAMarkerThatStoodBefore) {
     makeMarker();
     const ino_t before = markerNumber();
     { const host::CollectorBlock block; }
     EXPECT_EQ(markerNumber(), before);
 }
 
-TEST_F(AMarkerHold, LeavesAMarkerThatHasTakenItsPlace) {
+TEST_F(ACollectorBlock, LeavesAMarkerThatHasTakenItsPlace) {
     {
         const host::CollectorBlock block;
         ::shm_unlink(host::kMarkerName);
@@ -236,7 +236,7 @@ TEST_F(AMarkerHold, LeavesAMarkerThatHasTakenItsPlace) {
     EXPECT_TRUE(host::markerStands());
 }
 
-TEST_F(AMarkerHold, DoesNotMindThatItsMarkerIsGone) {
+TEST_F(ACollectorBlock, DoesNotMindThatItsMarkerIsGone) {
     {
         const host::CollectorBlock block;
         ::shm_unlink(host::kMarkerName);
@@ -244,7 +244,7 @@ TEST_F(AMarkerHold, DoesNotMindThatItsMarkerIsGone) {
     EXPECT_FALSE(host::markerStands());
 }
 
-TEST_F(AMarkerHold, KeepsOthersFromMakingTheMarker) {
+TEST_F(ACollectorBlock, KeepsOthersFromMakingTheMarker) {
     const host::CollectorBlock block;
     EXPECT_LT(::shm_open(host::kMarkerName, O_RDWR | O_CREAT | O_EXCL, 0644), 0);
     EXPECT_EQ(errno, EEXIST);
