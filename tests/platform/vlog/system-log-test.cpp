@@ -107,8 +107,9 @@ TEST(SystemLogging, SaysWhenWhoAndHowSevere) {
     ::setenv("TZ", "XXX-5:30", 1);
     ::tzset();
     vlog::useSystemLog("x", "/run/devlog");
-    const std::array<int, 10> severities{29, 31, 31, 31, 31, 30, 28, 27, 26, 29};
-    for (int priority = -1; priority <= 8; ++priority) {
+    int priority = -2;
+    for (const int severity : {29, 31, 31, 31, 31, 30, 28, 27, 26, 29}) {
+        ++priority;
         const auto timeNow = [] {
             const std::time_t now = std::time(nullptr);
             std::array<char, 32> text{};
@@ -118,7 +119,7 @@ TEST(SystemLogging, SaysWhenWhoAndHowSevere) {
         const std::string before = timeNow();
         vlog_print(VLOG_ID_MAIN, priority, "TAG", "y");
         const std::string after = timeNow();
-        const std::string head = "<" + std::to_string(severities[static_cast<std::size_t>(priority + 1)]) + ">";
+        const std::string head = "<" + std::to_string(severity) + ">";
         const std::string tail = " x[" + std::to_string(::getpid()) + "]: y";
         EXPECT_THAT(service.next(), testing::AnyOf(std::string(head).append(before).append(tail),
                                                    std::string(head).append(after).append(tail)))
