@@ -26,6 +26,8 @@ public:
 
     // The context must outlive the object.
     CommandNames(ServiceContext &context, LookedUp lookedUp) : context_(context), lookedUp_(std::move(lookedUp)) {}
+    CommandNames(const CommandNames &) = delete;
+    CommandNames &operator=(const CommandNames &) = delete;
 
     // Begins a connection.
     void open();

@@ -45,8 +45,8 @@ struct PlanLimits {
     bool mayRefill = true; // false: the chain may come to have rules that have to stay
 };
 
-// `doomed` has a true for each rule of `standing` that is to go; it may be empty when none is. A rule that is not given
-// up stays where it is.
+// `doomed` has a true for each rule of `standing` that is to go; it may be empty when none is. A rule that is not
+// doomed stays where it is.
 //
 // Emptying and refilling is chosen where no rule has to stay and where it costs the kernel less: it finds a rule by its
 // handle by going through the chain, so that from some share of changed rules on (about half of 1,000, 7 % of 10,000, 1

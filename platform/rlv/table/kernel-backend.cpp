@@ -178,8 +178,8 @@ private:
 
     std::string chainPrefix_;
     Netlink netlink_;
-    std::optional<RulesetWatch> watch_;      // from listen() on
-    std::vector<std::string> oddBaseChains_; // met in the reading under way
+    std::optional<RulesetWatch> watch_;         // from listen() on
+    std::vector<std::string> oddBuiltInChains_; // not as iptables makes them, met in the reading under way
 };
 
 std::vector<ChangeFailure> failuresOf(const std::vector<BatchFailure> &failures) {
@@ -244,7 +244,7 @@ std::vector<ChangeFailure> KernelBackend::dryRun(const Changes &changes) {
 std::optional<Ruleset> KernelBackend::read() {
     Ruleset ruleset;
     ruleset.generation = netlink_.generation();
-    oddBaseChains_.clear();
+    oddBuiltInChains_.clear();
     if (!readTables(ruleset) || !readChains(ruleset) || !readRules(ruleset))
         return std::nullopt;
     finish(ruleset);
@@ -261,7 +261,7 @@ void KernelBackend::finish(Ruleset &ruleset) {
                 found->second.usesElsewhere -= std::min(found->second.usesElsewhere, count);
         }
     }
-    for (const std::string &name : oddBaseChains_) {
+    for (const std::string &name : oddBuiltInChains_) {
         const auto refused = dryRun({{Change::Kind::addBaseChain, &name, nullptr, 0}});
         ruleset.chains[name].baseChainError = refused.empty() ? 0 : refused.front().error;
     }
@@ -272,7 +272,7 @@ std::optional<Ruleset> KernelBackend::readInParts() {
     bool whole = false;
     for (int i = 0; i < kMaxPartReadings && !whole; ++i) {
         ruleset = {netlink_.generation(), {}, false};
-        oddBaseChains_.clear();
+        oddBuiltInChains_.clear();
         whole = readTables(ruleset) && readChains(ruleset);
     }
     for (const auto &[name, chain] : ruleset.chains)
@@ -332,7 +332,7 @@ void KernelBackend::takeChain(const nlmsghdr *message, Ruleset &ruleset) {
     const bool isPlain = chain.text(NFTA_CHAIN_TYPE) == "filter" && hook.u32(NFTA_HOOK_PRIORITY).value_or(0) == 0 &&
                          hook.u32(NFTA_HOOK_HOOKNUM) == known->hook;
     if (!isPlain)
-        oddBaseChains_.push_back(name);
+        oddBuiltInChains_.push_back(name);
 }
 
 bool KernelBackend::dumpRules(const std::string &chain, const std::function<void(const nlmsghdr *)> &seen) {

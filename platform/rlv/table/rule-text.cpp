@@ -72,7 +72,8 @@ std::string describeMatch(const Rule &rule) { return describeFields(kMatchFields
 
 std::string describe(const Rule &rule) {
     std::string text = describeFields(kRuleFields, rule);
-    text.pop_back(); // the blank
+    if (!text.empty())
+        text.pop_back(); // the blank
     return text;
 }
 
