@@ -1,6 +1,7 @@
 #include "rlv/table/pending-chain.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace rlv {
@@ -12,14 +13,14 @@ bool isJump(const Rule &rule) { return rule.target.kind == Target::Kind::jump; }
 } // namespace
 
 void PendingChain::flush(const StandingRules &standing, const Origin &origin) {
+    // The first one counts: what came between found the chain empty, and may not be possible while it is filled.
+    Origin first = flushed.number == 0 ? origin : flushed; // what needs memory comes first
     doomed.assign(standing.size(), true);
     doomedCount = standing.size();
     appended.clear();
     deleted.clear();
     jumps.clear();
-    // The first one counts: what came between found the chain empty, and may not be possible while it is filled.
-    if (flushed.number == 0)
-        flushed = origin;
+    flushed = std::move(first);
 }
 
 void PendingChain::append(const Rule &rule, const Origin &origin) {
@@ -69,6 +70,14 @@ void PendingChain::remove(std::size_t place, const StandingRules &standing, cons
 void PendingChain::uncountJump(const Rule &rule) {
     if (isJump(rule) && --jumps[rule.target.text] == 0)
         jumps.erase(rule.target.text);
+}
+
+void PendingChain::takeBackFrom(std::size_t place) {
+    const auto first = appended.begin() + static_cast<std::ptrdiff_t>(place);
+    std::for_each(first, appended.end(), [this](const Appended &one) { uncountJump(one.rule); });
+    appended.erase(first, appended.end());
+    for (auto jump = jumps.begin(); jump != jumps.end();)
+        jump = jump->second == 0 ? jumps.erase(jump) : std::next(jump);
 }
 
 std::size_t PendingChain::takeBack(const std::set<std::uint64_t> &commands) {

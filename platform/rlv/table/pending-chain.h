@@ -52,6 +52,8 @@ struct PendingChain {
     std::optional<std::vector<std::size_t>> placesOf(const std::vector<Command> &commands,
                                                      const StandingRules &standing) const;
     void remove(std::size_t place, const StandingRules &standing, const Origin &origin);
+    // Takes back the appended rules from this place among them on, and jumps that no rule makes. Needs no memory.
+    void takeBackFrom(std::size_t place);
     // Takes the appended rules of these commands back, and says how many they were.
     std::size_t takeBack(const std::set<std::uint64_t> &commands);
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 
 #include "rlv/table/answers.h"
 #include "rlv/table/jump-depth.h"
@@ -95,8 +96,9 @@ Answer PendingRuleset::flushChain(const std::string &name, const Origin &origin)
     if (chain == nullptr)
         return noSuchChain();
     const auto &standing = standingRules(name);
-    count_ -= chain->size(standing);
+    const std::size_t flushed = chain->size(standing);
     chain->flush(standing, origin);
+    count_ -= flushed;
     changed_ = true;
     return {};
 }
@@ -108,9 +110,10 @@ Answer PendingRuleset::makeChain(const std::string &name, const Origin &origin) 
         return chainExists();
     if (isBounded_ && room() == 0)
         return tooManyRules(maxRules_);
+    Origin made = origin; // what needs memory comes first
     PendingChain &chain = chains_[name];
     chain.exists = true;
-    chain.made = origin;
+    chain.made = std::move(made);
     ++count_;
     changed_ = true;
     return {};
@@ -122,10 +125,11 @@ Answer PendingRuleset::removeChain(const std::string &name, const Origin &origin
         return noSuchChain();
     if (chain->size(standingRules(name)) > 0 || isReferenced(name))
         return kernelRefused("CHAIN_DEL", EBUSY, "chain", name);
+    Origin removed = origin; // what needs memory comes first
+    chain->removed = std::move(removed);
+    chain->exists = false;
     --count_;
     changed_ = true;
-    chain->exists = false;
-    chain->removed = origin;
     if (standingChain(name) == nullptr)
         chains_.erase(name);
     return {};
@@ -147,20 +151,37 @@ Answer PendingRuleset::appendRules(const std::vector<Command> &commands, const O
     const bool isNew = chain == nullptr;
     if (isNew)
         chain = &chains_[name];
-    // A jump that another rule makes already leads nowhere new.
-    if (isJump(first) && chain->jumps.emplace(first.target.text, 0).second && jumpsTooFar()) {
-        chain->jumps.erase(first.target.text);
+    const std::size_t appendedBefore = chain->appended.size();
+    const auto takeBack = [&] {
+        chain->takeBackFrom(appendedBefore);
         if (isNew)
             chains_.erase(name);
-        return kernelRefused("RULE_APPEND", EMLINK, "rule in chain", name);
+    };
+    try {
+        if (!append(commands, origin, *chain)) {
+            takeBack();
+            return kernelRefused("RULE_APPEND", EMLINK, "rule in chain", name);
+        }
+        if (isNew)
+            chain->made = origin;
+    } catch (const std::bad_alloc &) {
+        takeBack();
+        throw;
     }
-    for (const Command &command : commands)
-        chain->append(command.rule, origin);
-    if (isNew)
-        chain->made = origin;
     count_ += commands.size() + (isNew ? 1 : 0);
     changed_ = true;
     return {};
+}
+
+// False where it would lead too far; then, as where it throws, a part may have been appended.
+bool PendingRuleset::append(const std::vector<Command> &commands, const Origin &origin, PendingChain &chain) const {
+    const Rule &first = commands.front().rule;
+    // A jump that another rule makes already leads nowhere new.
+    if (isJump(first) && chain.jumps.emplace(first.target.text, 0).second && jumpsTooFar())
+        return false;
+    for (const Command &command : commands)
+        chain.append(command.rule, origin);
+    return true;
 }
 
 Answer PendingRuleset::deleteRules(const std::vector<Command> &commands, const Origin &origin) {

@@ -73,6 +73,7 @@ private:
     Answer makeChain(const std::string &name, const Origin &origin);
     Answer removeChain(const std::string &name, const Origin &origin);
     Answer appendRules(const std::vector<Command> &commands, const Origin &origin);
+    bool append(const std::vector<Command> &commands, const Origin &origin, PendingChain &chain) const;
     Answer deleteRules(const std::vector<Command> &commands, const Origin &origin);
     // The commands that it comes to, in the order in which they were sent.
     std::vector<PendingCommand> difference() const;

@@ -643,4 +643,30 @@ TEST_F(ATransactionalTable, TakesNothingForTheKernelsForWantOfMemory) {
     EXPECT_LT(0, sentAllTheSame);
 }
 
+TEST_F(ATransactionalTable, CountsNoJumpOfARuleForWhichThereWasNoMemory) {
+    done({"-N VPK-A", "-N VPK-B", "-A INPUT -j VPK-A"});
+    int thrown = 0;
+    for (int spared = 0, failed = 1; failed > 0; ++spared) {
+        SCOPED_TRACE(spared);
+        const auto jump = parsed("-A VPK-A -j VPK-B");
+        const std::string options = "-A VPK-A -j VPK-B, of which the text needs memory of its own";
+        bool isTaken = true;
+        table->open();
+        {
+            const Shortage shortage(spared);
+            try {
+                static_cast<void>(table->apply({jump}, options));
+            } catch (const std::bad_alloc &) {
+                isTaken = false;
+                ++thrown;
+            }
+            failed = Shortage::failed();
+        }
+        if (!isTaken)
+            accepted({"-X VPK-B"});
+        table->discard();
+    }
+    EXPECT_LT(5, thrown);
+}
+
 } // namespace
