@@ -16,6 +16,8 @@ constexpr std::size_t kMaxTexts = 10;
 } // namespace
 
 void Mending::remember() {
+    if (!tracked_.isKnown())
+        return;
     // What others have put in between our rules and hooks before we knew of it goes now.
     if (!std::exchange(isKnown_, true) && isDisturbed(tracked_.standing(), chainPrefix_))
         desired_ = firstDesiredStateOf(tracked_.standing(), chainPrefix_);
@@ -49,16 +51,16 @@ void Mending::rebase(std::vector<LostCommand> &lost) {
 }
 
 void Mending::accept(bool isTracked) {
-    if (!isTracked)
-        loseTrack();
+    if (!isTracked) {
+        isKnown_ = false;
+        desired_.reset();
+    }
     if (std::exchange(desired_, std::nullopt) && isMending_)
         unmended_ = report_.problem;
 }
 
-void Mending::loseTrack() noexcept {
-    isKnown_ = false;
-    desired_.reset();
-}
+// The tracked ruleset has lost what should stand, unless that is kept here.
+void Mending::loseTrack() noexcept { isKnown_ = desired_.has_value(); }
 
 MendReport Mending::takeReport() {
     MendReport report = std::exchange(report_, {});

@@ -23,14 +23,17 @@ public:
     // Backend and tracked ruleset must outlive the object.
     Mending(RulesetBackend &backend, TrackedRuleset &tracked, std::string chainPrefix)
         : backend_(backend), tracked_(tracked), chainPrefix_(std::move(chainPrefix)) {}
+    Mending(const Mending &) = delete;
+    Mending &operator=(const Mending &) = delete;
 
+    // Does nothing where it is not known what stands: that is not what should.
     void remember();
     void forget();
     // What should stand is known: it is what the tracked ruleset knows to stand, unless isBroken().
     bool isKnown() const { return isKnown_; }
     void setMending(bool isMending) { isMending_ = isMending; }
 
-    // What the tracked ruleset knows to stand is what others have left and could not be put right.
+    // What the tracked ruleset knows to stand is what others have left, and is still to be put right.
     bool isBroken() const { return desired_.has_value(); }
 
     // Read what stands, put it right and give it to the tracked ruleset, as TrackedRuleset has them.

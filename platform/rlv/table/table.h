@@ -63,7 +63,8 @@ public:
     virtual PushReport push() = 0;
 
     // Discards what was not sent: afterwards the pending ruleset is what stands in the kernel. The report has what was
-    // lost.
+    // lost. Where a look in the middle of the connection had no memory for what was pending, apply() and push() throw
+    // std::bad_alloc until this or open() is called.
     virtual PushReport discard() = 0;
 
     // Fills in `hooks` and `chains` of what stands now in the kernel, whatever is pending.
@@ -73,8 +74,9 @@ public:
     // it was read; with `reading` also where it comes from what was sent since.
     virtual void look(bool reading, const std::function<void(const Ruleset &)> &visit) = 0;
 
-    // What stands now in the service's own chains and hooks is as it should be: from now on, before anything else is
-    // made of what others have left of it, it is put back, in a transaction of its own. What push() sends joins it.
+    // What stands now in the service's own chains and hooks, where that is known, is as it should be: from now on,
+    // before anything else is made of what others have left of it, it is put back, in a transaction of its own. What
+    // push() sends joins it.
     virtual void remember() {}
     // Nothing is known of what should stand, until remember() is called again.
     virtual void forget() {}

@@ -34,6 +34,7 @@ void TrackedRuleset::rebase(Reading reading, std::vector<LostCommand> &lost) {
     try {
         Rebase(pending_).onto(std::move(reading.ruleset), lost);
     } catch (const std::bad_alloc &) {
+        hasLostPending_ = true;
         loseTrack();
         throw;
     }
@@ -42,6 +43,7 @@ void TrackedRuleset::rebase(Reading reading, std::vector<LostCommand> &lost) {
 
 void TrackedRuleset::know(const Reading &reading) {
     generation_ = pending_.standing().generation;
+    isKnown_ = true;
     isWhole_ = reading.isWhole;
     isRead_ = true;
 }
@@ -71,6 +73,7 @@ bool TrackedRuleset::adopt(const RulesetPlan &plan, bool wasSent, bool wasBound)
 void TrackedRuleset::loseTrack() noexcept {
     pending_.clear();
     generation_.reset();
+    isKnown_ = false;
 }
 
 } // namespace rlv

@@ -18,6 +18,8 @@ class TrackedRuleset {
 public:
     // The backend must outlive the object.
     TrackedRuleset(RulesetBackend &backend, std::size_t maxRules) : backend_(backend), pending_(maxRules) {}
+    TrackedRuleset(const TrackedRuleset &) = delete;
+    TrackedRuleset &operator=(const TrackedRuleset &) = delete;
 
     PendingRuleset &pending() { return pending_; }
     const PendingRuleset &pending() const { return pending_; }
@@ -25,6 +27,8 @@ public:
 
     // True when what is known to stand is what stands. Others may change what is not in it as often as they like.
     bool isCurrent();
+    // False: what standing() has is what nobody was told of, since there was no memory to keep it or no reading yet.
+    bool isKnown() const { return isKnown_; }
     // The generation of what is known to stand; none: it may be out of date, as after a commit without an answer.
     std::optional<std::uint32_t> generation() const { return generation_; }
     // False: what is known may be mixed of several generations.
@@ -37,6 +41,9 @@ public:
     // is known or pending any more.
     void load(Reading reading);
     void rebase(Reading reading, std::vector<LostCommand> &lost);
+    // A rebase() had no memory for what was pending, and nobody has said since that its loss is told.
+    bool hasLostPending() const { return hasLostPending_; }
+    void forgetLoss() { hasLostPending_ = false; }
     // Somebody is about to change the kernel, and what is known is out of date.
     void expire() { generation_.reset(); }
 
@@ -56,6 +63,8 @@ private:
     RulesetBackend &backend_;
     PendingRuleset pending_;
     std::optional<std::uint32_t> generation_;
+    bool isKnown_ = false;
+    bool hasLostPending_ = false;
     bool isRead_ = true;
     bool isWhole_ = true;
 };

@@ -1,5 +1,6 @@
 #include "rlv/table/transactional-table.h"
 
+#include <new>
 #include <utility>
 
 namespace rlv {
@@ -25,18 +26,29 @@ TransactionalTable::TransactionalTable(std::unique_ptr<RulesetBackend> backend, 
 
 void TransactionalTable::open() {
     unreported_.clear();
+    tracked_.forgetLoss();
     mending_.begin();
-    if (mending_.isBroken() || !tracked_.isCurrent())
+    // Something is pending where a connection could not discard it.
+    if (mending_.isBroken() || tracked_.pending().isChanged() || !tracked_.isCurrent())
         mending_.load();
 }
 
+// Somebody has looked in the middle of the connection, and there was no memory to keep what was pending. To go on
+// without it would make a chain that was to be refilled one with half of its rules.
+void TransactionalTable::throwIfPendingIsLost() const {
+    if (tracked_.hasLostPending())
+        throw std::bad_alloc();
+}
+
 Answer TransactionalTable::apply(const std::vector<Command> &commands, const std::string &options) {
+    throwIfPendingIsLost();
     if (!tracked_.generation() && !tracked_.pending().isChanged())
         mending_.load();
     return tracked_.pending().apply(commands, options);
 }
 
 PushReport TransactionalTable::push() {
+    throwIfPendingIsLost();
     PushReport report;
     report.lost = std::exchange(unreported_, {});
     try {
@@ -54,6 +66,9 @@ PushReport TransactionalTable::discard() {
     report.lost = std::exchange(unreported_, {});
     tracked_.pending().discard({4, "iptables: not sent: the connection ended before"}, report.lost);
     limitList(report);
+    if (tracked_.hasLostPending())
+        ++report.lostBeyondList; // at least: how many they were went with them
+    tracked_.forgetLoss();
     return report;
 }
 
@@ -91,12 +106,10 @@ void TransactionalTable::look(bool reading, const std::function<void(const Rules
 
 MendReport TransactionalTable::mend() {
     if (mending_.isKnown() && (mending_.isBroken() || !tracked_.isCurrent())) {
-        std::vector<LostCommand> lost;
         if (tracked_.pending().isChanged())
-            mending_.rebase(lost);
+            mending_.rebase(unreported_);
         else
             mending_.load();
-        unreported_.insert(unreported_.end(), lost.begin(), lost.end());
     }
     return mending_.takeReport();
 }

@@ -26,6 +26,8 @@ class TransactionalTable : public Table {
 public:
     TransactionalTable(std::unique_ptr<RulesetBackend> backend, std::string chainPrefix,
                        std::size_t maxRules = kMaxRules, std::size_t maxSearchCost = kMaxSearchCost);
+    TransactionalTable(const TransactionalTable &) = delete;
+    TransactionalTable &operator=(const TransactionalTable &) = delete;
 
     void open() override;
     Answer apply(const std::vector<Command> &commands, const std::string &options) override;
@@ -46,6 +48,7 @@ public:
 private:
     const OwnChains &readOwnChains();
     bool mayTake() const;
+    void throwIfPendingIsLost() const;
 
     std::unique_ptr<RulesetBackend> backend_;
     std::string chainPrefix_;

@@ -94,6 +94,21 @@ protected:
         EXPECT_TRUE(backend->edit({Kind::deleteChain, &chain, nullptr, 0}));
     }
 
+    void foreignRemoveRules(const std::string &chain) {
+        EXPECT_TRUE(backend->edit({Kind::flushChain, &chain, nullptr, 0}));
+    }
+    // All of it, as far as it stands.
+    void foreignForget() {
+        for (const std::string chain : {"INPUT", "VPK-A"}) {
+            if (stands(chain))
+                foreignRemoveRules(chain);
+        }
+        for (const std::string chain : {"INPUT", "VPK-A"}) {
+            if (stands(chain))
+                foreignRemoveAll(chain);
+        }
+    }
+
     static Texts namesOf(const rlv::PushReport &report) {
         Texts names;
         for (const rlv::LostCommand &lost : report.lost)
@@ -643,6 +658,77 @@ TEST_F(ATransactionalTable, TakesNothingForTheKernelsForWantOfMemory) {
     EXPECT_LT(0, sentAllTheSame);
 }
 
+// Others change the chain in the middle of a connection, and there is no memory to bring its commands to what they
+// left: who looks swallows that, and the connection must not end as if nothing were missing.
+TEST_F(ATransactionalTable, TellsTheConnectionOfWhatALookInTheMiddleLostForWantOfMemory) {
+    const std::string one("-A VPK-A -s 10.0.0.1 -j DROP");
+    int lost = 0;
+    for (int spared = 0, failed = 1; failed > 0; ++spared) {
+        SCOPED_TRACE(spared);
+        table->forget();
+        foreignForget();
+        done({"-N VPK-A", "-A INPUT -j VPK-A", one});
+        table->remember();
+        table->open();
+        accepted({"-F VPK-A"});
+        foreignAppend("VPK-A", "-s 10.0.0.9 -j DROP");
+        {
+            const Shortage shortage(spared);
+            try {
+                static_cast<void>(table->mend());
+            } catch (const std::bad_alloc &) {
+            }
+            failed = Shortage::failed();
+        }
+        const std::string other("-A VPK-A -s 10.0.0.2 -j DROP");
+        try {
+            accepted({other});
+            EXPECT_THAT(table->push().lost, IsEmpty());
+            EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-s 10.0.0.2/32 -j DROP"));
+        } catch (const std::bad_alloc &) {
+            ++lost;
+            EXPECT_THROW(static_cast<void>(table->push()), std::bad_alloc);
+            EXPECT_LT(0U, table->discard().lostBeyondList);
+            EXPECT_EQ("", table->mend().problem);
+            EXPECT_THAT(plainRules("VPK-A"), testing::Contains("-s 10.0.0.1/32 -j DROP"));
+            ASSERT_NO_FATAL_FAILURE(done({"-F VPK-A", other}));
+        }
+    }
+    EXPECT_LT(0, lost);
+}
+
+TEST_F(ATransactionalTable, DoesNotTakeWhatItHasLostForWhatShouldStand) {
+    done({"-N VPK-A", "-A INPUT -j VPK-A"});
+    int lost = 0;
+    for (int spared = 0, failed = 1; failed > 0; ++spared) {
+        SCOPED_TRACE(spared);
+        table->forget();
+        table->open();
+        accepted({"-F VPK-A", "-A VPK-A -s 10.0.0.1 -j DROP"});
+        bool isSent = true;
+        {
+            const Shortage shortage(spared);
+            try {
+                table->push();
+            } catch (const std::bad_alloc &) {
+                isSent = false;
+            }
+            failed = Shortage::failed();
+        }
+        table->discard();
+        if (!isSent)
+            continue;
+        table->remember();
+        lost += table->remembers() ? 0 : 1;
+        foreignRemoveRules("VPK-A");
+        static_cast<void>(table->mend());
+        if (table->remembers()) {
+            EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-s 10.0.0.1/32 -j DROP"));
+        }
+    }
+    EXPECT_LT(0, lost);
+}
+
 TEST_F(ATransactionalTable, CountsNoJumpOfARuleForWhichThereWasNoMemory) {
     done({"-N VPK-A", "-N VPK-B", "-A INPUT -j VPK-A"});
     int thrown = 0;
@@ -667,6 +753,14 @@ TEST_F(ATransactionalTable, CountsNoJumpOfARuleForWhichThereWasNoMemory) {
         table->discard();
     }
     EXPECT_LT(5, thrown);
+}
+
+TEST_F(ATransactionalTable, BeginsAConnectionWithNothingOfTheOneBefore) {
+    done({"-N VPK-A"});
+    table->open();
+    accepted({"-A VPK-A -s 10.0.0.1 -j DROP"});
+    done({"-N VPK-B"});
+    EXPECT_THAT(plainRules("VPK-A"), IsEmpty());
 }
 
 } // namespace
