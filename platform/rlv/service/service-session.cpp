@@ -33,29 +33,54 @@ const char *textOf(ConnectionEnd end) {
 
 long long ll(std::uint64_t number) { return static_cast<long long>(number); }
 
-// Nothing of ours decides about packets any more: chains that rules of others jump to may be left, without rules.
-bool isTakenOut(Table &table) {
-    ServiceState state;
-    table.describe(state);
-    return state.hooks.empty() &&
-           std::all_of(state.chains.begin(), state.chains.end(), [](const auto &chain) { return chain.rules == 0; });
+// What of ours may still decide about packets, or why that is not known; empty when nothing does. Chains that rules of
+// others jump to may be left, without rules.
+std::string leftIn(Table &table) {
+    std::string left;
+    const auto add = [&](const std::string &text) { left += (left.empty() ? "" : ", ") + text; };
+    try {
+        ServiceState state;
+        table.describe(state);
+        for (const HookState &hook : state.hooks)
+            add("-A " + hook.chain + " -j " + hook.target);
+        for (const ChainState &chain : state.chains) {
+            if (chain.rules > 0)
+                add("rules in " + chain.name);
+        }
+        return left;
+    } catch (const std::exception &error) {
+        return std::string("the tables cannot be read: ") + error.what();
+    }
 }
 
-// Takes hooks and chains out of the kernel, and what should stand is forgotten with them: what could not be taken out
-// goes on being defended, or a removal that fails would leave rules that anybody can flush unnoticed.
-Answer removeTables(ServiceContext &context) {
+// Or they would be sent with the next look.
+void discardCommands(Table &table) {
     try {
-        Answer answer = context.table.removeAll();
-        if (answer.code == 0 || isTakenOut(context.table))
-            context.drift.forget();
-        else
-            context.drift.endConnection(false);
-        return answer;
+        table.discard();
     } catch (const std::exception &error) {
-        context.table.discard(); // or it would be sent with the next look
-        context.drift.endConnection(false);
-        return {kFailed, error.what()};
+        RLVD_ERROR("what was to be taken out cannot be discarded: %s", error.what());
     }
+}
+
+// Takes hooks and chains out of the kernel, and what should stand is forgotten with them. Where anything is left all of
+// it is put back and goes on being defended, or a removal that fails would leave rules that anybody can flush
+// unnoticed: the same where others put something back as soon as the kernel had taken it out.
+Answer removeTables(ServiceContext &context) {
+    Answer answer;
+    std::string left;
+    try {
+        answer = context.table.removeAll();
+        left = leftIn(context.table);
+    } catch (const std::exception &error) {
+        answer = {kFailed, error.what()};
+        left = "all";
+        discardCommands(context.table);
+    }
+    if (left.empty())
+        context.drift.forget();
+    else
+        context.drift.endConnection(false);
+    return answer.code == 0 && !left.empty() ? Answer{kFailed, "not all is out: " + left} : answer;
 }
 
 } // namespace

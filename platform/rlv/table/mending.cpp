@@ -15,6 +15,12 @@ constexpr std::size_t kMaxTexts = 10;
 
 } // namespace
 
+void Mending::suspend() {
+    if (isKnown_ && !desired_)
+        desired_ = desiredStateOf(tracked_.standing(), chainPrefix_);
+    isSuspended_ = true;
+}
+
 void Mending::remember() {
     if (!tracked_.isKnown())
         return;
@@ -51,6 +57,8 @@ void Mending::rebase(std::vector<LostCommand> &lost) {
 }
 
 void Mending::accept(bool isTracked) {
+    if (isSuspended_)
+        return;
     if (!isTracked) {
         isKnown_ = false;
         desired_.reset();
@@ -71,7 +79,7 @@ MendReport Mending::takeReport() {
 
 Reading Mending::read() {
     Reading reading = readRuleset(backend_);
-    if (!isKnown_)
+    if (!isKnown_ || isSuspended_)
         return reading;
     // The tracked ruleset has what should stand until what was read takes its place. B flushes, and putting back fails:
     // then it comes to have what B has left, and only `desired_`, kept from before, still knows what should be there

@@ -26,6 +26,19 @@ public:
     Mending(const Mending &) = delete;
     Mending &operator=(const Mending &) = delete;
 
+    // For as long as it lives nothing is put back, and what others do is not looked for; what should stand stays what
+    // it is, whatever is sent, and is put back afterwards unless it is forgotten.
+    class Suspension {
+    public:
+        explicit Suspension(Mending &mending) : mending_(mending) { mending_.suspend(); }
+        ~Suspension() { mending_.isSuspended_ = false; }
+        Suspension(const Suspension &) = delete;
+        Suspension &operator=(const Suspension &) = delete;
+
+    private:
+        Mending &mending_;
+    };
+
     // Does nothing where it is not known what stands: that is not what should.
     void remember();
     void forget();
@@ -33,8 +46,9 @@ public:
     bool isKnown() const { return isKnown_; }
     void setMending(bool isMending) { isMending_ = isMending; }
 
-    // What the tracked ruleset knows to stand is what others have left, and is still to be put right.
-    bool isBroken() const { return desired_.has_value(); }
+    // What the tracked ruleset knows to stand is what others have left, and is to be put right. Never during a
+    // suspension.
+    bool isBroken() const { return desired_.has_value() && !isSuspended_; }
 
     // Read what stands, put it right and give it to the tracked ruleset, as TrackedRuleset has them.
     void load();
@@ -54,6 +68,7 @@ private:
     Reading restoreFrom(Reading reading);
     std::string send(const Restoration &restoration, const Reading &reading, bool mayBind);
     void note(const Restoration &restoration, std::string problem);
+    void suspend();
     void loseTrack() noexcept;
 
     RulesetBackend &backend_;
@@ -61,7 +76,8 @@ private:
     std::string chainPrefix_;
     bool isKnown_ = false;
     bool isMending_ = true;
-    std::optional<DesiredState> desired_; // from before others' changes, until it is put back
+    bool isSuspended_ = false;
+    std::optional<DesiredState> desired_; // from before others' changes or a suspension, until it is put back
     MendReport report_;
     std::string unmended_; // why what was sent last had to do without some of what should stand; told until begin()
 };

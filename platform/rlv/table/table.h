@@ -95,7 +95,8 @@ public:
     virtual Disturbance takeDisturbance() { return {}; }
 
     // Takes the hooks to the service's chains out of INPUT and OUTPUT, then the chains themselves. Chains that foreign
-    // rules jump to are emptied and stay; the answer names them.
+    // rules jump to are emptied and stay; the answer names them. Nothing is put back meanwhile, and what should stand
+    // stays known: where that is not forgotten now, the next mend() puts all of it back.
     virtual Answer removeAll() = 0;
 };
 

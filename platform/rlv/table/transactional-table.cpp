@@ -114,7 +114,10 @@ MendReport TransactionalTable::mend() {
     return mending_.takeReport();
 }
 
+// What others have taken out would else be put back in force only to be removed, and while they fight, for as long as
+// they do; and in the middle of the removal a chain would come back for which it has no command.
 Answer TransactionalTable::removeAll() {
+    const Mending::Suspension suspension(mending_);
     open();
     const auto kept = removeOwnChains(tracked_.pending(), chainPrefix_);
     const PushReport report = push();

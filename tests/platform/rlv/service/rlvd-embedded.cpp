@@ -57,12 +57,25 @@ public:
             report.lostBeyondList = kBeyondList;
         return report;
     }
-    rlv::PushReport discard() override { return table_->discard(); }
-    void describe(rlv::ServiceState &state) override { table_->describe(state); }
+    rlv::PushReport discard() override {
+        failOn(Fault::discardFails);
+        return table_->discard();
+    }
+    void describe(rlv::ServiceState &state) override {
+        failOn(Fault::describeFails);
+        table_->describe(state);
+    }
     void look(bool reading, const std::function<void(const rlv::Ruleset &)> &visit) override {
         table_->look(reading, visit);
     }
-    rlv::Answer removeAll() override { return table_->removeAll(); }
+    void remember() override { table_->remember(); }
+    void forget() override { table_->forget(); }
+    bool remembers() const override { return table_->remembers(); }
+    rlv::MendReport mend() override { return table_->mend(); }
+    rlv::Answer removeAll() override {
+        failOn(Fault::removalFails);
+        return table_->removeAll();
+    }
 
 private:
     using Clock = std::chrono::steady_clock;

@@ -24,7 +24,16 @@ private:
 };
 
 // What the table of an embedded service does from now on, or no longer.
-enum class Fault { openFails, applyLacksMemory, pushFails, pushLoses, pushLosesMany };
+enum class Fault {
+    openFails,
+    applyLacksMemory,
+    pushFails,
+    pushLoses,
+    pushLosesMany,
+    describeFails,
+    discardFails,
+    removalFails
+};
 void set(Fault fault, bool isSet = true);
 // How often it has pushed, and how long the last command waited for it.
 int pushes();

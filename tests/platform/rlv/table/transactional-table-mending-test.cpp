@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -382,6 +383,50 @@ TEST_F(AMendingTable, StillKnowsWhatShouldStandAfterADescription) {
     ASSERT_EQ(2U, state.chains.size());
     EXPECT_EQ(0U, state.chains[1].rules);
     EXPECT_EQ(3U, table->mend().differences);
+    EXPECT_EQ(before, picture());
+}
+
+// Somebody fights, so that the next look is put off; meanwhile everything is taken out.
+TEST_F(AMendingTable, PutsNothingBackOnlyToRemoveIt) {
+    flush("VPK-D");
+    remove("INPUT", "-j VPK-A");
+    const std::size_t commits = backend->commits;
+    EXPECT_EQ("", table->removeAll().message);
+    EXPECT_EQ(commits + 1, backend->commits);
+    EXPECT_THAT(picture(), ElementsAre("chain INPUT"));
+    table->forget();
+    const auto report = table->mend();
+    EXPECT_EQ(0U, report.differences + report.changes);
+    EXPECT_EQ("", report.problem);
+    EXPECT_THAT(picture(), ElementsAre("chain INPUT"));
+}
+
+TEST_F(AMendingTable, PutsNothingBackThatOthersTakeOutDuringTheRemoval) {
+    bool isFirst = true;
+    backend->beforeCommit = [&] {
+        if (std::exchange(isFirst, false))
+            flushAll();
+    };
+    const std::size_t commits = backend->commits;
+    EXPECT_EQ("", table->removeAll().message);
+    EXPECT_GE(commits + 1, backend->commits);
+    EXPECT_THAT(picture(), testing::Each(testing::Not(HasSubstr("VPK-"))));
+}
+
+TEST_F(AMendingTable, DefendsAllThatStoodBeforeARemovalThatFailed) {
+    flush("VPK-D");
+    backend->failuresToCome = 1;
+    EXPECT_THROW(static_cast<void>(table->removeAll()), std::system_error);
+    static_cast<void>(table->discard());
+    EXPECT_EQ("", table->mend().problem);
+    EXPECT_EQ(before, picture());
+}
+
+TEST_F(AMendingTable, PutsAllBackWhereTheKernelRefusedAPartOfTheRemoval) {
+    backend->pinned.insert("VPK-D");
+    EXPECT_EQ(4, table->removeAll().code);
+    EXPECT_THAT(picture(), ElementsAre("chain INPUT", "chain VPK-D"));
+    EXPECT_EQ("", table->mend().problem);
     EXPECT_EQ(before, picture());
 }
 
