@@ -4,8 +4,8 @@
 
 namespace rlv {
 
-// Gives it back to the system; docs/decisions/freed-memory.md has what that is worth. Does nothing where the C library has
-// no way to.
+// Gives it back to the system; docs/decisions/freed-memory.md has what that is worth. Does nothing where the C library
+// has no way to.
 void returnFreedMemory();
 
 } // namespace rlv
