@@ -149,7 +149,7 @@ private:
             tell(name, "the rules are in another order");
     }
 
-    // Where hooks of ours stand. What leads to chains that did not stand is none.
+    // Where hooks of ours stand, rising. What leads to chains that did not stand is none.
     std::vector<std::size_t> ourHooks(const StandingChain &chain) const {
         std::vector<std::size_t> hooks;
         for (std::size_t position = 0; position < chain.rules.size(); ++position) {
@@ -161,11 +161,14 @@ private:
     }
 
     // The places of others of which the rules are still there. Where their owner has put them into another order, those
-    // that have kept the old one among themselves, as many as there are.
-    static Kept keepOthers(const Places &places, const StandingChain &chain) {
+    // that have kept the old one among themselves, as many as there are. A removes the table, we make it again, and its
+    // handles begin anew: then one of our hooks may have the handle that a rule of others had.
+    static Kept keepOthers(const Places &places, const std::vector<std::size_t> &hooks, const StandingChain &chain) {
         std::unordered_map<std::uint64_t, std::size_t> positions;
-        for (std::size_t position = 0; position < chain.rules.size(); ++position)
-            positions.emplace(chain.rules[position].handle, position);
+        for (std::size_t position = 0; position < chain.rules.size(); ++position) {
+            if (!std::binary_search(hooks.begin(), hooks.end(), position))
+                positions.emplace(chain.rules[position].handle, position);
+        }
         std::vector<std::size_t> left;  // the places of which the rules are there
         std::vector<std::size_t> where; // they are
         for (std::size_t i = 0; i < places.size(); ++i) {
@@ -192,7 +195,7 @@ private:
     // The oldest hooks first: when somebody has added one that stands there already, or has moved one by adding it
     // again, the one that was there before is the one that is where it should be.
     static Kept keep(const Places &places, std::vector<std::size_t> hooks, const StandingChain &chain) {
-        Kept kept = keepOthers(places, chain);
+        Kept kept = keepOthers(places, hooks, chain);
         std::sort(hooks.begin(), hooks.end(), [&](std::size_t left, std::size_t right) {
             return chain.rules[left].handle < chain.rules[right].handle;
         });
