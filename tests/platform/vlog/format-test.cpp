@@ -157,7 +157,7 @@ TEST_F(AFormat, IsEscapedWholeWhenAnyOtherConversionIsInIt) {
     }
     for (const char *conversion : {"%f", "%.2f", "%e", "%8.3g", "%a"})
         EXPECT_EQ(printed(conversion, 3.14159), textOf(conversion, 3.14159));
-    EXPECT_EQ("\\x1b[36mNo space left on device", textOf("\033[36m%m"));
+    EXPECT_EQ("\\x1b[36mNo space left on device", textOf("\033[36m%m%s", ""));
     EXPECT_EQ("a\\n", textOf("%.2s", "a\nb"));
     EXPECT_EQ("   a\\n", textOf("%5s\n", "a\n"));
 }
