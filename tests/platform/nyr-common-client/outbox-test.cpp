@@ -244,7 +244,8 @@ TEST_F(AnOutbox, PassesOverWhatIsNoReportAndNamesIt) {
 TEST_F(AnOutbox, ReadsNoFileThatIsLongerThanAllReportsMayBe) {
     nyr::putReport(reportOf("x"));
     const std::filesystem::path path = kDirectory / nyr::readOutbox().at(0).file;
-    std::ofstream(path, std::ios::app) << std::string(16'777'216 - std::filesystem::file_size(path), ' ');
+    std::ofstream(path, std::ios::app) << std::string(
+        16'777'216 - static_cast<std::size_t>(std::filesystem::file_size(path)), ' ');
     EXPECT_THAT(bodies(), ElementsAre("x"));
     std::ofstream(path, std::ios::app) << ' ';
     EXPECT_THAT(bodies(), IsEmpty());
