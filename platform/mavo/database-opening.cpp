@@ -97,15 +97,40 @@ bool succeeded(Attempt &attempt, int result) {
     return false;
 }
 
-// Whether the file's header asks for a write-ahead log. Read through SQLite's own descriptor, see readContent().
-bool usesWriteAheadLog(sqlite3 *handle) {
-    constexpr int kVersionsOffset = 18; // the file format's write and read versions, 2 for a write-ahead log
-    std::array<unsigned char, 2> versions{};
+// The versions of the file format that the header asks of who writes and of who reads; 0 while the file has no header.
+struct FormatVersions {
+    unsigned char write = 0;
+    unsigned char read = 0;
+};
+constexpr unsigned char kWriteAheadLog = 2; // and the highest that there is
+
+// SQLite's result. Read through SQLite's own descriptor, see readContent().
+int readVersions(sqlite3 *handle, FormatVersions &versions) {
+    constexpr int kOffset = 18;
+    static_assert(sizeof versions == 2, "as they lie in the file");
+    versions = {};
     sqlite3_file *const file = fileOf(handle);
     if (file == nullptr)
-        return false;
-    const int result = file->pMethods->xRead(file, versions.data(), static_cast<int>(versions.size()), kVersionsOffset);
-    return result == SQLITE_OK && (versions[0] == 2 || versions[1] == 2);
+        return SQLITE_OK;
+    const int result = file->pMethods->xRead(file, &versions, sizeof versions, kOffset);
+    return result == SQLITE_IOERR_SHORT_READ ? SQLITE_OK : result;
+}
+
+bool usesWriteAheadLog(sqlite3 *handle) {
+    FormatVersions versions;
+    return readVersions(handle, versions) == SQLITE_OK &&
+           (versions.write == kWriteAheadLog || versions.read == kWriteAheadLog);
+}
+
+// A newer format SQLite reads as well as it can, and refuses each change.
+bool isInAFormatThatCanBeWritten(Attempt &attempt) {
+    FormatVersions versions;
+    const int result = readVersions(attempt.handle.get(), versions);
+    if (result != SQLITE_OK)
+        fail(attempt, failureOfIo(attempt.handle.get(), result), sqlite3_errstr(result));
+    else if (versions.write > kWriteAheadLog)
+        fail(attempt, Failure::damaged, "is in a format for writers of version " + std::to_string(versions.write));
+    return attempt.failure == Failure::none;
 }
 
 // The end of a transaction in the mode "persist" is a write to the journal, which is synchronised as all else is. To
@@ -163,7 +188,8 @@ bool prepareForUse(Attempt &attempt, int flags) {
     }
     if (!readOnly && !useRollbackJournal(attempt))
         return false;
-    return succeeded(attempt, run(handle, "PRAGMA synchronous=FULL")) && holdsSomething(attempt, flags);
+    return succeeded(attempt, run(handle, "PRAGMA synchronous=FULL")) && holdsSomething(attempt, flags) &&
+           isInAFormatThatCanBeWritten(attempt);
 }
 
 bool checkEverything(Attempt &attempt) {
@@ -336,8 +362,13 @@ void requireSchema(Attempt &attempt, const std::string &query) {
     sqlite3_stmt *raw = nullptr;
     const int result = sqlite3_prepare_v2(handle, query.c_str(), -1, &raw, nullptr);
     const std::unique_ptr<sqlite3_stmt, Finalize> statement(raw);
-    if (!succeeded(attempt, result)) // an error on reading, which came once, condemns nothing
-        attempt.failure = attempt.failure == Failure::damaged ? Failure::foreign : Failure::passing;
+    if (succeeded(attempt, result))
+        return;
+    if (attempt.failure != Failure::damaged) // an error on reading, which came once, condemns nothing
+        attempt.failure = Failure::passing;
+    else if (attempt.text.rfind("no such table", 0) ==
+             0) // its program adds it; in other columns it could store nothing
+        attempt.failure = Failure::foreign;
 }
 
 bool isWithoutTables(const Attempt &attempt) {

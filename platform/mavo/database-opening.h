@@ -49,8 +49,8 @@ struct Attempt {
 // reading. Makes no digest. Throws std::bad_alloc or Unavailable.
 Attempt attemptOpening(const std::string &path, int flags, Check check);
 
-// Tells of a database in which the query cannot be prepared: foreign, or what keeps that from being seen. Leaves it
-// open.
+// Tells of a database in which the query cannot be prepared: foreign where its table is missing, damaged where the
+// table has other columns, or what keeps that from being seen. Leaves it open.
 void requireSchema(Attempt &attempt, const std::string &query);
 // No table is in it.
 bool isWithoutTables(const Attempt &attempt);

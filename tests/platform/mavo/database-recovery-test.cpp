@@ -141,6 +141,40 @@ TEST_F(AProtectedDatabase, StaysWhenItsBackupIsNoBetter) {
     }
 }
 
+// Nothing could ever be stored in it.
+TEST_F(AProtectedDatabase, IsPutAsideWhereItsTableHasOtherColumnsAndNoBackupIsBetter) {
+    exchangeFor(kMain, "CREATE TABLE t (b TEXT PRIMARY KEY)");
+    write(kBackup, std::string(5'000, 'x'));
+    const std::string found = contentOf(kMain);
+    EXPECT_EQ("damaged", open(kMain));
+    EXPECT_THAT(told, ElementsAre(HasSubstr("neither the database nor its backup is sound")));
+    EXPECT_EQ(found, contentOf(kMain + ".aside-1"));
+    EXPECT_EQ("open", open(kMain, kCreate));
+    EXPECT_EQ("", rows());
+}
+
+void setVersionForWriters(const std::string &path, char version) {
+    constexpr std::size_t kOffset = 18;
+    std::string content = contentOf(path);
+    content[kOffset] = version;
+    write(path, content);
+}
+
+TEST_F(AProtectedDatabase, IsReplacedWhenItsFormatCanOnlyBeRead) {
+    setVersionForWriters(kMain, 3);
+    EXPECT_EQ("open", open(kMain));
+    store("three");
+    EXPECT_EQ("one,three,two", rows());
+    EXPECT_THAT(told, ElementsAre(HasSubstr("was damaged and put aside (is in a format for writers of version 3)")));
+}
+
+TEST_F(AProtectedDatabase, IsNotReplacedByABackupWhoseFormatCanOnlyBeRead) {
+    write(kMain, std::string(5'000, 'x'));
+    setVersionForWriters(kBackup, 3);
+    EXPECT_EQ("damaged", open(kMain));
+    EXPECT_THAT(told, ElementsAre(HasSubstr("neither the database nor its backup is sound")));
+}
+
 TEST_F(AProtectedDatabase, StaysWithoutRowsBesideABackupWithThem) {
     {
         Connection connection(kMain, kReadWrite, true);
@@ -381,7 +415,7 @@ TEST_F(AProtectedDatabase, IsReadAgainAfterErrorsThatPass) {
 
 TEST_F(AProtectedDatabase, IsUnavailableAfterAnErrorOnReadingThatSaysNothingOfTheFile) {
     for (const int error : {ENOMEM, ENOBUFS, EMFILE, ENFILE, EAGAIN, ENOLCK}) {
-        for (int at = 0; at < 6; ++at) {
+        for (int at = 0; at < 7; ++at) {
             reads = {at, 1, error};
             EXPECT_EQ("unavailable", open(kMain)) << at << ", " << error;
             EXPECT_EQ(0, reads.times);
