@@ -137,14 +137,19 @@ bool needsNoBackup() {
 
 void makeBackupEqual() {
     bool isEqual = true;
+    bool wasMade = false;
     try {
-        if (!needsNoBackup())
-            mavo::database::refreshBackup(kRuleDatabase);
+        wasMade = !needsNoBackup() && mavo::database::refreshBackup(kRuleDatabase);
     } catch (const mavo::Exception &) { // there are no rules yet, or none that is left: the plugin begins with none
         isEqual = false;
     }
-    if (!std::exchange(backupProblem, {}).empty() && isEqual)
-        logInfo(std::string(kRuleDatabaseBackup) + ": is equal to the rules again");
+    const std::string backup = kRuleDatabaseBackup;
+    // After a death in the middle of a change no digest tells what the rules were: the backup was all that could have.
+    const std::string before = std::exchange(backupProblem, {});
+    if (before.empty() && wasMade)
+        logInfo(backup + ": differed from " + kRuleDatabase + ", which counts, and is equal to it again");
+    else if (!before.empty() && isEqual)
+        logInfo(backup + ": is equal to the rules again");
     failsSince.reset();
     cancelRetry();
     wellAt = BackupState();

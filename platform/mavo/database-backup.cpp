@@ -103,17 +103,17 @@ bool isBackupEqual(const std::string &path) {
     return false;
 }
 
-void refreshBackup(const std::string &path) {
+bool refreshBackup(const std::string &path) {
     const std::string &backup = requireBackupOf(path);
     if (areEvidentlyEqual(path, backup))
-        return;
+        return false;
     const Handle handle = openForUse(path, SQLITE_OPEN_READWRITE, true);
     const ReadLock lock(handle.get());
     if (lock.result() != SQLITE_OK)
         throw Unavailable(path + ": " + sqlite3_errmsg(handle.get()));
     const Source source(handle.get());
     if (areEqual(source, backup))
-        return;
+        return false;
     Replacement copy(backup, kPrivate);
     source.forEachBlock([&](const char *bytes, std::size_t count) {
         copy.write(bytes, count);
@@ -121,6 +121,7 @@ void refreshBackup(const std::string &path) {
     });
     copy.synchronise();
     copy.takePlace();
+    return true;
 }
 
 } // namespace database

@@ -36,9 +36,9 @@ __attribute__((visibility("default"))) void mayBeStartedAnew(const std::string &
 __attribute__((visibility("default"))) void tellRecoveriesTo(std::function<void(const std::string &)> listener);
 
 // Makes the backup of a protected file equal to it where it is not: written beside, synchronised and renamed. Opens
-// `path`, with all that this brings. Throws mavo::Exception or Unavailable when it cannot be opened or the backup not
-// be written; the old backup is as it was then.
-__attribute__((visibility("default"))) void refreshBackup(const std::string &path);
+// `path`, with all that this brings. False when there was nothing to do. Throws mavo::Exception or Unavailable when it
+// cannot be opened or the backup not be written; the old backup is as it was then.
+__attribute__((visibility("default"))) bool refreshBackup(const std::string &path);
 
 // Whether the backup of a protected file holds the same bytes as it, read now; false for one that is missing. Opens no
 // database, and may not be called while this process has one of the two open. Throws Unavailable where what the files

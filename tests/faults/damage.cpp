@@ -8,6 +8,7 @@
 #include <map>
 #include <random>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -250,11 +251,16 @@ private:
     std::mt19937 random_;
 };
 
-// Of what concerns the rules: their files, or what the plugin says of them.
-bool tellsOfDamage(const std::string &log, const std::string &status) {
-    for (const char *word : {"can't open and prepare db", "can't restore backup db", "/.firewall.db"}) {
-        if (log.find(word) != std::string::npos || status.find(word) != std::string::npos)
-            return true;
+// Of what concerns the rules: their files, or what the plugin says of them. That the backup differed tells something
+// only of a database that was left in the middle of a change, of which no digest knows what it was like.
+bool tellsOfDamage(const std::string &log, const std::string &status, bool inTheMiddle) {
+    std::istringstream lines(log + "\n" + status);
+    for (std::string line; std::getline(lines, line);) {
+        for (const char *word : {"can't open and prepare db", "can't restore backup db", "/.firewall.db"}) {
+            if (line.find(word) != std::string::npos &&
+                (inTheMiddle || line.find(".firewall.db-backup: differed from") == std::string::npos))
+                return true;
+        }
     }
     return false;
 }
@@ -295,7 +301,8 @@ Result attempt(unsigned seed) {
     const auto status = damaged.up ? ask("Host::status") : std::nullopt;
     const std::string text = status ? status->value : std::string();
     const std::string log = wholesystem::contentOf(wholesystem::kHostLog);
-    damaged.said = tellsOfDamage(log, text);
+    const bool inTheMiddle = before.folder.find("journal") != std::string::npos;
+    damaged.said = tellsOfDamage(log, text, inTheMiddle);
     damaged.inTheEnd = observe();
     damaged.unharmed = beside(vandal.touched, text);
     const auto judgement = judgeDamage(damaged);
@@ -304,7 +311,7 @@ Result attempt(unsigned seed) {
         return {Class::violated, judgement.violation,
                 where + judgement.text + " (main then: " + textOf(damaged.mainSeen) +
                     ", backup: " + textOf(damaged.backupSeen) + ") " + wholesystem::contentOf("/run/vpkd.out")};
-    if (what == "nothing" && damaged.said && before.folder.find("journal") == std::string::npos)
+    if (what == "nothing" && damaged.said && !inTheMiddle)
         return {Class::violated, "said without cause", where};
     return {Class::held, damaged.said ? "said, and up" : "up, nothing to say", ""};
 }

@@ -133,6 +133,7 @@ TEST_F(ADatabase, HasItsBackupMadeWholeAtTheStart) {
     ASSERT_TRUE(system.startHost());
     EXPECT_EQ(contentOf(kRuleBackup), contentOf(kRuleDatabase));
     EXPECT_EQ(storedRules(kRuleBackup), kStored);
+    EXPECT_THAT(contentOf(kHostLog), HasSubstr(std::string(kRuleBackup) + ": differed from " + kRuleDatabase));
 }
 
 // While it runs its program file can be renamed, but nobody can write into it, so that the plugin's copy fails.
