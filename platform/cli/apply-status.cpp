@@ -3,6 +3,7 @@
 
 #include "cli/session.h"
 #include "cli/status-argument.h"
+#include "host/method-names.h"
 
 namespace cli {
 namespace {
@@ -11,7 +12,7 @@ void run(const std::string &word, Session &session) {
     const int status = statusFrom(word);
     mavo::rmi::Message request;
     request.write(status);
-    const auto reply = session.call("Host::applyStatus", request);
+    const auto reply = session.call(host::kApplyStatusMethod, request);
     const int result = intOf(reply);
     if (result != 0)
         throw Exit(kFailed, refusedStatus(status));

@@ -10,11 +10,10 @@
 #include "cli/policy.h"
 #include "cli/session.h"
 #include "cli/terminal.h"
+#include "host/method-names.h"
 
 namespace cli {
 namespace {
-
-constexpr const char *kMethod = "Host::executeCommand";
 
 constexpr const char *kHelp =
     R"(
@@ -84,10 +83,10 @@ void run(const Arguments &arguments, Session &session) {
     request.write(arguments.command);
     request.write(data);
     session.work = workOf(arguments, data);
-    const auto reply = session.ask(kMethod, request);
+    const auto reply = session.ask(host::kExecuteCommandMethod, request);
     session.work.clear();
     try {
-        requireDone(kMethod, reply);
+        requireDone(host::kExecuteCommandMethod, reply);
     } catch (const Exit &exit) {
         return explain(exit, arguments, data, session);
     }

@@ -9,6 +9,7 @@
 #include "cli/documents-as-text.h"
 #include "cli/rule-list.h"
 #include "cli/terminal.h"
+#include "host/method-names.h"
 #include "host/remarks.h"
 
 namespace cli {
@@ -91,7 +92,7 @@ std::string storedAs(const std::set<Fields> &stored, const std::vector<ReadRule>
 }
 
 std::string inForceRemark(const Session &session) {
-    const auto status = session.look("Host::status");
+    const auto status = session.look(host::kStatusMethod);
     if (!status)
         return "whether what is stored is in force cannot be seen";
     return exitStatusOf(parseDocument(*status), false) == 0
@@ -100,7 +101,7 @@ std::string inForceRemark(const Session &session) {
 }
 
 void sayWhatIsStored(const Session &session, const SentRules &sent, const std::vector<ReadRule> &rules) {
-    const auto document = session.look("Host::rules");
+    const auto document = session.look(host::kRulesMethod);
     if (!document)
         return say("which rules of the list are stored now cannot be seen: see vpkctl rules");
     const auto stored = storedRules(parseDocument(*document));
@@ -112,7 +113,7 @@ void sayWhatIsStored(const Session &session, const SentRules &sent, const std::v
 }
 
 bool isDisabled(const Session &session) {
-    const auto status = session.look("Host::status");
+    const auto status = session.look(host::kStatusMethod);
     return status && parseDocument(*status).value("applied", -1) == 0;
 }
 

@@ -1,11 +1,12 @@
 // vpkctl reload: the host loads the plugin anew, which lays out all chains and applies all stored rules.
 #include "cli/session.h"
+#include "host/method-names.h"
 
 namespace cli {
 namespace {
 
 void run(Session &session) {
-    const auto reply = session.call(kReload, mavo::rmi::Message());
+    const auto reply = session.call(host::kReloadMethod, mavo::rmi::Message());
     if (intOf(reply) != 0)
         throw Exit(kFailed, "the plugin did not come up; the one before it goes on serving");
     session.exitStatus = statusOf(reply, true);

@@ -3,12 +3,13 @@
 
 #include "cli/documents-as-text.h"
 #include "cli/session.h"
+#include "host/method-names.h"
 
 namespace cli {
 namespace {
 
 void run(bool asJson, Session &session) {
-    const std::string document = textOf(session.call("Host::reports", mavo::rmi::Message()));
+    const std::string document = textOf(session.call(host::kReportsMethod, mavo::rmi::Message()));
     showDocument(document, asJson, reportsAsText, 2);
 }
 

@@ -16,8 +16,6 @@ namespace cli {
 // Exit statuses, as the help explains them.
 enum ExitStatus : int { kDone = 0, kFailed = 1, kNotCarriedOut = 2, kException = 3 };
 
-constexpr const char *kReload = "Host::reload"; // a method
-
 // Ends the program with `status` and one line on standard error.
 class Exit : public std::runtime_error {
 public:

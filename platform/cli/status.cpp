@@ -4,6 +4,7 @@
 
 #include "cli/documents-as-text.h"
 #include "cli/session.h"
+#include "host/method-names.h"
 
 namespace cli {
 namespace {
@@ -33,7 +34,8 @@ CLI::App *addLook(CLI::App &app, const char *name, const char *description, cons
 } // namespace
 
 void addStatus(CLI::App &app, Session &session) {
-    addLook(app, "status", "Show status, what is in force, and the collector", "Host::status", statusAsText, session)
+    addLook(app, "status", "Show status, what is in force, and the collector", host::kStatusMethod, statusAsText,
+            session)
         ->footer(
             "The stored status is what the plugin has after the next start, the applied one what it has now. "
             "\"Expected\" are\nthe kernel rules that the stored ones make: two each where they have no "
@@ -43,8 +45,8 @@ void addStatus(CLI::App &app, Session &session) {
 }
 
 void addVerify(CLI::App &app, Session &session) {
-    addLook(app, "verify", "Compare what is stored with what stands, rule by rule", "Host::verify", verificationAsText,
-            session)
+    addLook(app, "verify", "Compare what is stored with what stands, rule by rule", host::kVerifyMethod,
+            verificationAsText, session)
         ->footer("MISSING     stored or needed, not in the kernel\n"
                  "FOREIGN     in a chain of ours, and not ours; or one of our jumps a second time\n"
                  "CHANGED     stands with another target or at another place\n"

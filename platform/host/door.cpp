@@ -8,6 +8,7 @@
 #include "host/config-file.h"
 #include "host/firewall-plugin.h"
 #include "host/json-document.h"
+#include "host/method-names.h"
 #include "host/plugin-config.h"
 #include "support/find-named.h"
 #include "support/little-endian.h"
@@ -110,15 +111,15 @@ struct Method {
 };
 
 // The host's own.
-constexpr std::array<Method, 9> kMethods = {{{"Host::executeCommand", Arguments::twoTexts},
-                                             {"Host::setStatus", Arguments::number},
-                                             {"Host::applyStatus", Arguments::number},
-                                             {"Host::getStatus", Arguments::none},
-                                             {"Host::reload", Arguments::none},
-                                             {"Host::status", Arguments::none},
-                                             {"Host::verify", Arguments::none},
-                                             {"Host::rules", Arguments::none},
-                                             {"Host::reports", Arguments::none}}};
+constexpr std::array<Method, 9> kMethods = {{{kExecuteCommandMethod, Arguments::twoTexts},
+                                             {kSetStatusMethod, Arguments::number},
+                                             {kApplyStatusMethod, Arguments::number},
+                                             {kGetStatusMethod, Arguments::none},
+                                             {kReloadMethod, Arguments::none},
+                                             {kStatusMethod, Arguments::none},
+                                             {kVerifyMethod, Arguments::none},
+                                             {kRulesMethod, Arguments::none},
+                                             {kReportsMethod, Arguments::none}}};
 
 // Nothing for a method that is not known.
 std::optional<Arguments> argumentsOf(const std::string &method) {

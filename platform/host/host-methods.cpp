@@ -8,14 +8,15 @@
 #include "host/documents.h"
 #include "host/exception-text.h"
 #include "host/log.h"
+#include "host/method-names.h"
 #include "host/privileges.h"
 #include "mavo/database.h"
 
 namespace host {
 namespace {
 
-constexpr std::array<std::string_view, 5> kLooking = {"Host::getStatus", "Host::status", "Host::verify", "Host::rules",
-                                                      "Host::reports"};
+constexpr std::array<std::string_view, 5> kLooking = {kGetStatusMethod, kStatusMethod, kVerifyMethod, kRulesMethod,
+                                                      kReportsMethod};
 
 int applyStatus(ServedPlugin &served, int status) {
     served.applyStatus(status);
@@ -60,19 +61,19 @@ std::string status(HostParts &parts, bool reading) {
 
 void addHostMethods(mavo::rmi::Service &service, HostParts &parts) {
     service.setMethodHandler<std::string, std::string, std::string>(
-        kAdministrator, "Host::executeCommand", [&parts](const std::string &command, const std::string &data) {
+        kAdministrator, kExecuteCommandMethod, [&parts](const std::string &command, const std::string &data) {
             return parts.served.executeCommand(command, data);
         });
-    service.setMethodHandler<int, int>(kAdministrator, "Host::setStatus",
+    service.setMethodHandler<int, int>(kAdministrator, kSetStatusMethod,
                                        [&parts](int status) { return parts.served.setStatus(status); });
-    service.setMethodHandler<int, int>(kAdministrator, "Host::applyStatus",
+    service.setMethodHandler<int, int>(kAdministrator, kApplyStatusMethod,
                                        [&parts](int status) { return applyStatus(parts.served, status); });
-    service.setMethodHandler<int>(kObserver, "Host::getStatus", [&parts] { return parts.served.getStatus(); });
-    service.setMethodHandler<int>(kAdministrator, "Host::reload", [&parts] { return reload(parts.life); });
-    service.setMethodHandler<std::string>(kObserver, "Host::status", [&parts] { return status(parts, false); });
-    service.setMethodHandler<std::string>(kObserver, "Host::verify", [&parts] { return status(parts, true); });
-    service.setMethodHandler<std::string>(kObserver, "Host::rules", rulesDocument);
-    service.setMethodHandler<std::string>(kObserver, "Host::reports", reportsDocument);
+    service.setMethodHandler<int>(kObserver, kGetStatusMethod, [&parts] { return parts.served.getStatus(); });
+    service.setMethodHandler<int>(kAdministrator, kReloadMethod, [&parts] { return reload(parts.life); });
+    service.setMethodHandler<std::string>(kObserver, kStatusMethod, [&parts] { return status(parts, false); });
+    service.setMethodHandler<std::string>(kObserver, kVerifyMethod, [&parts] { return status(parts, true); });
+    service.setMethodHandler<std::string>(kObserver, kRulesMethod, rulesDocument);
+    service.setMethodHandler<std::string>(kObserver, kReportsMethod, reportsDocument);
 }
 
 bool onlyLooks(std::string_view method) {
