@@ -104,25 +104,6 @@ TEST(ARemark, LeavesRefusalsInTheLogThatTheVerdictKnows) {
     EXPECT_THAT(host::remarksOn({}, {known}).errorLines, ElementsAre(known)) << "nobody has told of it";
 }
 
-TEST(Remarks, AreReadAsTheyWereWritten) {
-    for (const host::Remarks &written :
-         {host::Remarks{}, host::Remarks{{"one", "", "a\nb"}, {}}, host::Remarks{{}, {std::string("n\0te", 4)}},
-          host::Remarks{{"line"}, {"note", "note"}}}) {
-        const auto read = host::decodeRemarks(host::encode(written));
-        EXPECT_EQ(read.errorLines, written.errorLines);
-        EXPECT_EQ(read.notes, written.notes);
-    }
-}
-
-TEST(Remarks, OfAnotherFormAreANoteThatSaysSo) {
-    const std::string sound = host::encode({{"line"}, {"note"}});
-    for (std::size_t bytes = 1; bytes < sound.size(); ++bytes)
-        EXPECT_THAT(host::decodeRemarks(sound.substr(0, bytes)).notes,
-                    ElementsAre(testing::StartsWith("what the policy host says beside the result cannot be read: ")))
-            << bytes;
-    EXPECT_EQ(host::decodeRemarks(sound + '\0').notes.size(), 1U);
-}
-
 TEST(AConnection, IsAnInterruptionWhenItDidNotComeToItsEnd) {
     const auto interruption = [](ConnectionEnd end) {
         return host::judge(stateOf({{7, end, {}, 0}}), opened({7})).interruption;

@@ -28,11 +28,6 @@ void makeMarker() { ::close(::shm_open(host::kMarkerName, O_RDWR | O_CREAT | O_E
 
 constexpr const char *kMarkerPath = "/dev/shm/nyr_firewall_sd";
 
-ino_t markerNumber() {
-    struct stat status {};
-    return ::stat("/dev/shm/nyr_firewall_sd", &status) == 0 ? status.st_ino : 0;
-}
-
 class TheCollector : public testing::Test {
 protected:
     void SetUp() override { support::makeDataDirectory(host::kDataDirectory); }
@@ -161,28 +156,6 @@ TEST_F(TheCollector, NamesWhatCannotBeTakenAway) {
               "it is not believed, but root should remove it");
 }
 
-TEST_F(TheCollector, CanBeStartedWhateverStandsInPlaceOfItsMarker) {
-    for (const auto &kind : planted::kinds()) {
-        const planted::Object object(kind, kMarkerPath);
-        const auto started = [] {
-            return support::UniqueFd(host::openMarkerForPlugin(O_RDWR | O_CREAT | O_EXCL, 0644));
-        };
-        EXPECT_EQ(static_cast<bool>(started()), !kind.trusted) << kind.name;
-        const auto lock = host::takeLivenessLock();
-        EXPECT_FALSE(started()) << kind.name;
-        EXPECT_EQ(errno, EEXIST) << kind.name;
-        EXPECT_EQ(object.harm(), "") << kind.name;
-    }
-}
-
-TEST_F(TheCollector, IsNotStartedUnderAHoldWhateverStandsInPlaceOfItsMarker) {
-    for (const auto &kind : planted::kinds()) {
-        const planted::Object object(kind, kMarkerPath);
-        const host::CollectorBlock block;
-        EXPECT_LT(host::openMarkerForPlugin(O_RDWR | O_CREAT | O_EXCL, 0644), 0) << kind.name;
-    }
-}
-
 TEST_F(TheCollector, HasALockWhateverLiesInItsPlaceButAFullFolder) {
     for (const auto &kind : planted::kinds()) {
         const planted::Object object(kind, host::kCollectorLock);
@@ -208,46 +181,6 @@ TEST_F(TheCollector, NotesTheClockThatItWasStartedWith) {
         std::ofstream(host::kCollectorLock) << text;
         EXPECT_FALSE(host::notedClockOffset()) << text;
     }
-}
-
-class ACollectorBlock : public TheCollector {};
-
-TEST_F(ACollectorBlock, IsThereOnlyForItsTime) {
-    {
-        const host::CollectorBlock block;
-        EXPECT_TRUE(host::markerStands());
-    }
-    EXPECT_FALSE(host::markerStands());
-}
-
-TEST_F(ACollectorBlock, LeavesAMarkerThatStoodBefore) {
-    makeMarker();
-    const ino_t before = markerNumber();
-    { const host::CollectorBlock block; }
-    EXPECT_EQ(markerNumber(), before);
-}
-
-TEST_F(ACollectorBlock, LeavesAMarkerThatHasTakenItsPlace) {
-    {
-        const host::CollectorBlock block;
-        ::shm_unlink(host::kMarkerName);
-        makeMarker();
-    }
-    EXPECT_TRUE(host::markerStands());
-}
-
-TEST_F(ACollectorBlock, DoesNotMindThatItsMarkerIsGone) {
-    {
-        const host::CollectorBlock block;
-        ::shm_unlink(host::kMarkerName);
-    }
-    EXPECT_FALSE(host::markerStands());
-}
-
-TEST_F(ACollectorBlock, KeepsOthersFromMakingTheMarker) {
-    const host::CollectorBlock block;
-    EXPECT_LT(::shm_open(host::kMarkerName, O_RDWR | O_CREAT | O_EXCL, 0644), 0);
-    EXPECT_EQ(errno, EEXIST);
 }
 
 } // namespace

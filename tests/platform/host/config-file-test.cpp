@@ -16,7 +16,6 @@
 #include <gtest/gtest.h>
 
 #include "host/firewall-plugin.h"
-#include "host/plugin-config.h"
 
 namespace {
 
@@ -277,76 +276,6 @@ TEST_F(TheConfigurationFile, IsNotSaidToBeSafeWhenItIsNotWhole) {
         }
         EXPECT_EQ(contents(kGood), kSound);
     }
-}
-
-TEST(AVerdict, IsWhatThePluginMakesOfTheText) {
-    const auto cut = host::judgeConfig(R"({"enabled":"1","x":[1,)");
-    EXPECT_FALSE(cut.whole);
-    EXPECT_EQ(cut.problem, "");
-    EXPECT_TRUE(host::judgeConfig("{}").whole);
-    EXPECT_EQ(host::judgeConfig("").understood, "");
-}
-
-// Settings that may not be merged into `current`, and a part of the reason.
-struct Change {
-    std::string current;
-    std::string document;
-    std::string reason;
-};
-
-TEST(AChangeOfSettings, IsRefusedWithTheReason) {
-    const std::vector<Change> changes = {
-        {"{}", R"({"enabled":{}})", R"(the value of "enabled" must be a string, "1" or "0", not {})"},
-        {"{}", R"({"enabled":[]})", R"(must be a string, "1" or "0", not [])"},
-        {"{}", R"({"send_report_interval":{"a":1}})", R"(the value of "send_report_interval" must be a number)"},
-        {"{}", R"({"last_send_report_ts":[1]})", R"(the value of "last_send_report_ts" must be a number)"},
-        {"{}", R"({"send_report_interval":12345678901234567890})",
-         "must be a number of seconds, of 64 bits at most, not 12345678901234567890"},
-        {"{}", R"({"last_send_report_ts":"99999999999999999999"})", "not \"99999999999999999999\""},
-        {"{}", R"({"other":{"enabled":{}}})", R"(the value of "enabled" must be)"},
-        {R"({"x":{"y":{}}})", R"({"x":{"y":{"enabled":[]}}})", R"(the value of "enabled" must be)"},
-        {R"({"x":{}})", R"({"x":1})", R"("x" is an object in the configuration and can be changed by an object only)"},
-        {"{}", R"({"enabled":)", "is no complete JSON document: "},
-        {"{}", R"({"enabled":"1")", "is no complete JSON document: "},
-        {"{}", "", "is no complete JSON document: "},
-        {"{}", "garbage", "is no complete JSON document: "},
-        {"{}", "[]", "must be a JSON object, such as"},
-        {"{}", "null", "must be a JSON object, such as"},
-        {"{}", "\"1\"", "must be a JSON object, such as"},
-        {"{}", R"({"x":")" + std::string(262'144, 'x') + "\"}", "262144 are accepted"},
-        {R"({"y":")" + std::string(200'000, 'x') + "\"}", R"({"x":")" + std::string(100'000, 'x') + "\"}",
-         "bytes; 262144 are accepted"},
-        {"{}",
-         R"({"x":[1)" +
-             [] {
-                 std::string list;
-                 for (int i = 0; i < 9000; ++i)
-                     list += ",1";
-                 return list;
-             }() +
-             "]}",
-         "values; 8192 are accepted"},
-    };
-    for (const auto &change : changes)
-        EXPECT_THAT(host::changeProblem(change.current, change.document), HasSubstr(change.reason))
-            << change.document.substr(0, 80);
-}
-
-TEST(AChangeOfSettings, IsTakenWhenThePluginCanLiveWithIt) {
-    for (const std::string document :
-         {"{}", R"({"enabled":"1"})", R"({"enabled":0})", R"({"send_report_interval":"3600s"})",
-          R"({"send_report_interval":"abc"})", R"({"send_report_interval":0})", R"({"send_report_interval":null})",
-          R"({"other":{"deep":[1,{"er":2}]}})", R"({"enabled":"1", /* a note */ "send_report_interval":"3600"})"}) {
-        for (const std::string current : {"", "{}", R"({"other":{"deep":1}})", "[]", R"({"cut":)"})
-            EXPECT_EQ(host::changeProblem(current, document), "") << document << " into " << current;
-    }
-}
-
-TEST(AChangeOfSettings, IsFoundInTheConfigurationAfterwards) {
-    EXPECT_TRUE(host::holdsChange(R"({"a":1,"enabled":"1"})", R"({"enabled":"1"})"));
-    EXPECT_TRUE(host::holdsChange(R"({"a":1.5,"b":{}})", R"({"a":15e-1,"b":{"c":1}})"));
-    EXPECT_FALSE(host::holdsChange(R"({"enabled":"0"})", R"({"enabled":"1"})"));
-    EXPECT_FALSE(host::holdsChange("", R"({"enabled":"1"})"));
 }
 
 } // namespace

@@ -14,8 +14,6 @@
 
 #include "host/firewall-plugin.h"
 #include "host/paths.h"
-#include "host/plugin-config.h"
-#include "host/single-instance.h"
 
 namespace {
 
@@ -189,28 +187,6 @@ TEST_F(TheData, IsLeftUntouchedByTheCheck) {
         files.push_back(entry.path());
     EXPECT_THAT(files,
                 testing::UnorderedElementsAre(host::kDataDirectory, host::kDatabaseDirectory, host::kRuleDatabase));
-}
-
-TEST(TheConfiguration, IsReadAsThePluginReadsIt) {
-    EXPECT_FALSE(host::collectorWanted());
-    write(host::kConfigFile, R"({"enabled":"1","last_send_report_ts":"17","send_report_interval":86400,"list":[]})");
-    EXPECT_TRUE(host::collectorWanted());
-    EXPECT_EQ(host::configValue("last_send_report_ts"), "17");
-    EXPECT_EQ(host::configValue("send_report_interval"), "86400");
-    EXPECT_EQ(host::configValue("list"), "");
-    write(host::kConfigFile, R"({"enabled":"01"})");
-    EXPECT_FALSE(host::collectorWanted());
-    write(host::kConfigFile, std::string(100'000, '['));
-    EXPECT_EQ(host::configValue("enabled"), "");
-}
-
-TEST_F(TheData, IsLockedByOneHostAtATime) {
-    auto first = host::takeHostLock();
-    ASSERT_TRUE(first);
-    EXPECT_FALSE(host::takeHostLock());
-    first.reset();
-    EXPECT_TRUE(host::takeHostLock());
-    EXPECT_EQ(modeOf(host::kHostLock), 0600U);
 }
 
 } // namespace
