@@ -14,6 +14,7 @@
 #include "host/log.h"
 #include "host/marker.h"
 #include "host/passing-failure.h"
+#include "host/retired-plugin.h"
 
 namespace host {
 
@@ -67,8 +68,13 @@ void PluginLife::keepDisabled(AbstractDPluginProvider &plugin) const {
 std::unique_ptr<PluginInstance> PluginLife::makeInstance(bool isDisabled) {
     auto instance = std::make_unique<PluginInstance>();
     instance->plugin = callFactory(instance->service);
-    if (isDisabled)
-        keepDisabled(*instance->plugin);
+    try {
+        if (isDisabled)
+            keepDisabled(*instance->plugin);
+    } catch (const std::runtime_error &) {
+        static_cast<void>(deleteRetiredPlugin(instance->plugin, guard_)); // it will never serve
+        throw;
+    }
     return instance;
 }
 
