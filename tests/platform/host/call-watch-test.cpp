@@ -1,8 +1,13 @@
 #include "host/call-watch.h"
 
+#include <memory>
+#include <string>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "fake-service.h"
+#include "rlv/rlv.h"
 #include "vlog/vlog.h"
 
 namespace {
@@ -155,6 +160,79 @@ TEST(AConnection, CountsOnlyWhenTheCallHasOpenedIt) {
     const auto state = stateOf({{7, ConnectionEnd::closed, {lost}, 0}, {8, ConnectionEnd::closed, {lost, lost}, 0}});
     EXPECT_THAT(host::judge(state, opened({8})).notInForce.size(), 2U);
     EXPECT_THAT(host::judge(state, opened({})).notInForce, IsEmpty());
+}
+
+TEST(ACommand, CountsWhenItIsARuleWhateverTheReason) {
+    EXPECT_THAT(judged({"-A VPK-DENY -j DROP", 1, "no such chain", true}),
+                ElementsAre("-A VPK-DENY -j DROP: no such chain"));
+}
+
+void openAndSend() {
+    rlv_handle handle = 0;
+    if (rlv_initialize(&handle) != 0)
+        return;
+    rlv_iptables_commit(handle, "-A VPK-DENY -j DROP", nullptr, nullptr);
+    rlv_deinitialize(handle);
+}
+
+void log(int priority, const std::string &text) {
+    vlog_print(VLOG_ID_MAIN, priority, "TEST", "TEST: %s", text.c_str());
+}
+
+TEST(ACallWatch, CollectsErrorLinesFromItsConstructionOn) {
+    log(VLOG_PRIORITY_ERROR, "before");
+    const host::CallWatch watch;
+    EXPECT_THAT(watch.errorLines(), IsEmpty());
+    log(VLOG_PRIORITY_INFO, "fine");
+    log(VLOG_PRIORITY_ERROR, "wrong");
+    EXPECT_THAT(watch.errorLines(), ElementsAre("TEST: wrong"));
+}
+
+TEST(ACallWatch, CountsTheLinesBeyondAThousand) {
+    const host::CallWatch watch;
+    for (int i = 0; i < 1'000; ++i)
+        log(VLOG_PRIORITY_ERROR, std::to_string(i));
+    EXPECT_EQ(watch.errorLines().back(), "TEST: 999");
+    log(VLOG_PRIORITY_ERROR, "more");
+    EXPECT_EQ(watch.errorLines().size(), 1'001U);
+    EXPECT_EQ(watch.errorLines().back(), "1 more lines");
+}
+
+TEST(ACallWatch, AsksOnlyWhatTheServiceHasNotSaidYet) {
+    hosttest::FakeService service;
+    openAndSend(); // before
+    const host::CallWatch watch;
+    service.asked();
+    openAndSend();
+    EXPECT_EQ(watch.verdict().interruption, "");
+    for (const auto &one : service.asked())
+        EXPECT_NE(one.kind, rlv::protocol::Request::Kind::query);
+    service.change([](hosttest::Answers &answers) {
+        answers.failedOnClosing = 1;
+        answers.state.connections = {{3, ConnectionEnd::vanished, {}, 0}, {4, ConnectionEnd::closed, {}, 0}};
+    });
+    openAndSend();
+    openAndSend();
+    EXPECT_EQ(watch.verdict().interruption, "a connection to the traffic-control service broke");
+    EXPECT_EQ(service.asked().back().number, 2U) << "of connections above this one";
+    EXPECT_EQ(watch.verdict().interruption, "") << "nothing was opened since";
+}
+
+TEST(ACallWatch, SaysWhatIsNotKnownWhereTheServiceDoesNotAnswer) {
+    auto service = std::make_unique<hosttest::FakeService>();
+    service->change([](hosttest::Answers &answers) { answers.failedOnClosing = 1; });
+    const host::CallWatch watch;
+    openAndSend();
+    service.reset();
+    auto verdict = watch.verdict();
+    EXPECT_THAT(verdict.unknown, testing::StartsWith("traffic-control service: "));
+    EXPECT_EQ(verdict.interruption, verdict.unknown);
+    EXPECT_FALSE(verdict.isUnopened);
+    openAndSend();
+    verdict = watch.verdict();
+    EXPECT_THAT(verdict.unknown, testing::StartsWith("traffic-control service: "));
+    EXPECT_EQ(verdict.interruption, "") << "none was opened";
+    EXPECT_TRUE(verdict.isUnopened);
 }
 
 } // namespace

@@ -19,6 +19,7 @@
 #include "host/paths.h"
 #include "support/directories.h"
 #include "support/planted-object.h"
+#include "told-lines.h"
 
 namespace {
 
@@ -181,6 +182,30 @@ TEST_F(TheCollector, NotesTheClockThatItWasStartedWith) {
         std::ofstream(host::kCollectorLock) << text;
         EXPECT_FALSE(host::notedClockOffset()) << text;
     }
+}
+
+TEST_F(TheCollector, IsComplainedOfOnceForAsLongAsItsLockCannotBeUsed) {
+    hosttest::ToldLines told;
+    for (int i = 0; i < 2; ++i) {
+        std::filesystem::create_symlink("/dev/null", host::kCollectorLock);
+        EXPECT_NE(host::removeDeadMarker(), "");
+        EXPECT_EQ(told.take().size(), 1U);
+        EXPECT_NE(host::removeDeadMarker(), "");
+        EXPECT_EQ(told.take().size(), 0U);
+        std::filesystem::remove(host::kCollectorLock);
+        EXPECT_EQ(host::removeDeadMarker(), "");
+        EXPECT_EQ(told.take().size(), 0U);
+    }
+}
+
+TEST_F(TheCollector, HasANameForEachState) {
+    const std::pair<CollectorState, std::string> names[] = {{CollectorState::off, "off"},
+                                                            {CollectorState::running, "running"},
+                                                            {CollectorState::stopping, "stopping"},
+                                                            {CollectorState::dead, "dead"},
+                                                            {CollectorState::unknown, "unknown"}};
+    for (const auto &[state, name] : names)
+        EXPECT_EQ(host::nameOf(state), name);
 }
 
 } // namespace

@@ -16,11 +16,14 @@
 #include <gtest/gtest.h>
 
 #include "host/firewall-plugin.h"
+#include "support/file-calls.h"
+#include "told-lines.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using testing::AllOf;
+using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -276,6 +279,50 @@ TEST_F(TheConfigurationFile, IsNotSaidToBeSafeWhenItIsNotWhole) {
         }
         EXPECT_EQ(contents(kGood), kSound);
     }
+}
+
+// On the disk before it is said to be: the file, its name, and the copy.
+TEST_F(TheConfigurationFile, IsSynchronisedWithItsFolderAndItsCopy) {
+    const std::string folder = fs::path(kFile).parent_path();
+    const auto synchronisedBy = [](const std::function<void()> &what) {
+        calls::synchronised.clear();
+        what();
+        return calls::synchronised;
+    };
+    write(kFile, kSound);
+    EXPECT_THAT(synchronisedBy(host::keepConfig), ElementsAre(kFile, folder, kGood + ".new", folder));
+    EXPECT_THAT(synchronisedBy(host::keepConfig), ElementsAre(kFile, folder)) << "the copy is the same";
+    write(kFile, "[]");
+    EXPECT_THAT(synchronisedBy(host::healConfig), ElementsAre(kFile + ".new", folder));
+    write(kFile + ".new", kSound);
+    EXPECT_THAT(synchronisedBy(host::healConfig), ElementsAre(folder));
+    EXPECT_THAT(synchronisedBy([] { host::ConfigRestorer(); }), ElementsAre(kFile + ".new", folder, folder));
+}
+
+TEST_F(TheConfigurationFile, IsNotSaidToBeSafeWhereItCannotBeSynchronised) {
+    for (const std::deque<int> &fails : {std::deque<int>{EIO}, std::deque<int>{0, EIO}}) {
+        write(kFile, kSound);
+        calls::fsyncs = fails;
+        EXPECT_THROW(host::keepConfig(), std::runtime_error);
+        EXPECT_FALSE(fs::exists(kGood));
+    }
+}
+
+TEST_F(TheConfigurationFile, IsSafeThoughItsCopyCannotBeRenewed) {
+    keep("{}");
+    for (const bool isWriting : {true, false}) {
+        write(kFile, kSound);
+        hosttest::ToldLines told;
+        (isWriting ? calls::writes : calls::fsyncs) = isWriting ? std::deque<int>{ENOSPC} : std::deque<int>{0, 0, EIO};
+        host::keepConfig();
+        EXPECT_THAT(told.take(), ElementsAre(HasSubstr("the copy of the last good configuration cannot be renewed")));
+        EXPECT_EQ(contents(kGood), "{}");
+    }
+    calls::writes = {EINTR};
+    calls::writeBytes = 3;
+    host::keepConfig();
+    calls::writeBytes = static_cast<std::size_t>(-1);
+    EXPECT_EQ(contents(kGood), kSound);
 }
 
 } // namespace

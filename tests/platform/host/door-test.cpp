@@ -97,7 +97,10 @@ TEST(ARequest, ThatEndsBeforeTheArgumentsIsLeftToItsMethod) {
     EXPECT_EQ(host::methodProblem("Host::executeCommand", bodyOf("a") + endless + "x"), "");
 }
 
-TEST(ARequest, ForAMethodOfAnotherPluginIsNotJudged) { EXPECT_EQ(host::methodProblem("Test::number", "x"), ""); }
+TEST(ARequest, ForAMethodOfAnotherPluginIsNotJudged) {
+    for (const char *method : {"Test::number", "", "Host::", "Firewall::"})
+        EXPECT_EQ(host::methodProblem(method, "x"), "") << method;
+}
 
 TEST(ADocument, IsBoundedInSizeAndNesting) {
     for (const char *command : {"ApplyPolicy", "StatCollectorPolicy"}) {
@@ -146,6 +149,14 @@ TEST(OtherCommands, AreBoundedInSizeAlone) {
     EXPECT_EQ(host::commandProblem("FlushDenyRules", "\n"), "");
     EXPECT_THAT(host::commandProblem("Anything", std::string(host::kRuleListLimitBytes + 1, 'x')),
                 HasSubstr("refused"));
+}
+
+TEST(OtherCommands, AreTheOnesThatChangeNoSettings) {
+    for (const char *command : {"EnableStatCollector", "DisableStatCollector", "StatCollectorPolicy"})
+        EXPECT_TRUE(host::changesSettings(command)) << command;
+    for (const char *command : {"ApplyAllowRules", "ApplyDenyRules", "FlushAllowRules", "FlushDenyRules", "ApplyPolicy",
+                                "SendReport", "Anything", ""})
+        EXPECT_FALSE(host::changesSettings(command)) << command;
 }
 
 } // namespace
