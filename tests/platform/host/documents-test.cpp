@@ -1,5 +1,6 @@
 #include "host/documents.h"
 
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <sys/stat.h>
@@ -111,6 +112,34 @@ TEST_F(TheDocuments, SayWhenTheServiceCannotBeAsked) {
     EXPECT_THAT(text, HasSubstr("collector    off: a marker stands\n"));
     EXPECT_THAT(text, HasSubstr("last report  none yet\n"));
     EXPECT_THAT(text, HasSubstr("IPv4 only"));
+}
+
+TEST_F(TheDocuments, TellOfNamesWithoutAnAnswer) {
+    using Problem = rlv::UnansweredName::Problem;
+    host::HostState state;
+    state.names.inUse = 4;
+    state.names.list = {{"old.example", Problem::failed, 2, 0, true},
+                        {"older.example", Problem::tooMany, 1, -1, false}};
+    auto document = cli::parseDocument(host::statusDocument(state, false));
+    EXPECT_EQ(document["names"]["inUse"].get<int>(), 4);
+    EXPECT_TRUE(document["names"]["none"].empty());
+    ASSERT_EQ(document["names"]["old"].size(), 2U);
+    EXPECT_NEAR(document["names"]["old"][0]["since"].get<double>(), static_cast<double>(std::time(nullptr)), 60);
+    EXPECT_TRUE(document["names"]["old"][0]["allows"].get<bool>());
+    EXPECT_EQ(document["names"]["old"][0]["problem"].get<std::string>(), "failed");
+    EXPECT_EQ(document["names"]["old"][1]["since"].get<int>(), -1);
+    EXPECT_EQ(document["names"]["old"][1]["problem"].get<std::string>(), "tooMany");
+    state.names.list.push_back({"none.example", Problem::absent, 0, -1, true});
+    document = cli::parseDocument(host::statusDocument(state, false));
+    ASSERT_EQ(document["names"]["none"].size(), 1U);
+    EXPECT_EQ(document["names"]["none"][0].dump(), R"({"name":"none.example","problem":"absent"})");
+}
+
+TEST_F(TheDocuments, AreOfStoredNamesThatCouldBeSome) {
+    EXPECT_TRUE(host::storedNames().empty());
+    storeRules("('', 'b.example', '', 0, 0), ('', '10.0.0.1', '', 0, 0), ('', 'a/8', '', 0, 0), "
+               "('', 'b.example', '', 1, 1)");
+    EXPECT_THAT(host::storedNames(), testing::ElementsAre("b.example"));
 }
 
 TEST(TheRulesAsText, CanBeFedBack) {

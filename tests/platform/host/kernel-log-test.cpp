@@ -129,8 +129,8 @@ TEST(APacketDescription, HoldsNoAddressOrPortThatIsNotThePackets) {
           "IN= OUT=lo SRC=1.1.1.1.1 DST=2.2.2.2", "IN= OUT=lo SRC= DST=2.2.2.2", "IN= OUT=lo SRC=fe80::1 DST=fe80::2",
           "IN= OUT=lo SRC=1.1.1.1 DST=2.2.2.2 SPT= DPT=1", "IN= OUT=lo SRC=1.1.1.1 DST=2.2.2.2 SPT=x DPT=1",
           "IN= OUT=lo SRC=1.1.1.1 DST=2.2.2.2 SPT=1 DPT=65536", "IN= OUT=lo SRC=1.1.1.1 DST=2.2.2.2 SPT=1 DPT=-1",
-          "IN= OUT=lo SRC=1.1.1.1 DST=2.2.2.2 XSPT=1 DPT=1", "IN= SRC=1.1.1.1 DST=2.2.2.2",
-          "OUT=lo SRC=1.1.1.1 DST=2.2.2.2"})
+          "IN= OUT=lo SRC=1.1.1.1 DST=2.2.2.2 XSPT=1 DPT=1", "IN= OUT=lo SRC=1.1.1.1 DST=2.2.2.2 [SRC=x DST=1.1.1.1",
+          "IN= SRC=1.1.1.1 DST=2.2.2.2", "OUT=lo SRC=1.1.1.1 DST=2.2.2.2"})
         EXPECT_FALSE(host::isPacketDescription(text)) << text;
 }
 
