@@ -62,9 +62,4 @@ std::string noSuchCommand(std::string_view name) {
            " (commands: " + listOf(namesOf(kPluginCommands)) + ")";
 }
 
-std::string noSuchMethod(std::string_view name) {
-    return "\"" + std::string(name) + "\" is no remote method" + didYouMean(name, namesOf(kPluginMethods)) +
-           " (the plugin's methods: " + listOf(namesOf(kPluginMethods)) + ")";
-}
-
 } // namespace cli

@@ -34,8 +34,6 @@ std::string methodLines();
 
 // What `name` is not, what may have been meant, and what there is: for a word that stands where a command should.
 std::string noSuchCommand(std::string_view name);
-// The same for a remote method.
-std::string noSuchMethod(std::string_view name);
 
 } // namespace cli
 
