@@ -25,7 +25,19 @@ std::string argumentProblem(const Arguments &arguments) {
     const bool takesRules = command->data == CommandData::rules;
     if (takesRules && !arguments.argument)
         return " takes rules, and got none: vpkctl call " + arguments.method + " 'tcp:10.0.0.5:80:out'";
-    return !takesRules && arguments.argument ? " takes no argument, and removes all rules of its kind" : "";
+    return !takesRules && arguments.argument ? " takes no argument, and removes all rules of its kind; nothing was done"
+                                             : "";
+}
+
+// Throws Exit when the argument is not to be sent.
+void checkArgument(const Arguments &arguments) {
+    const auto *const command = commandOfMethod(arguments.method);
+    if (command == nullptr || !arguments.argument)
+        return;
+    if (command->data == CommandData::rules)
+        checkData(arguments.method, *command, *arguments.argument, arguments.consent);
+    else if (!arguments.consent.asIs)
+        throw Exit(kNotCarriedOut, arguments.method + argumentProblem(arguments)); // as the host would say it
 }
 
 void explain(const Arguments &arguments, const Session &session) {
@@ -38,9 +50,7 @@ void explain(const Arguments &arguments, const Session &session) {
 }
 
 void run(const Arguments &arguments, Session &session) {
-    const auto *const command = commandOfMethod(arguments.method);
-    if (command != nullptr && arguments.argument)
-        checkData(arguments.method, *command, *arguments.argument, arguments.consent);
+    checkArgument(arguments);
     mavo::rmi::Message request;
     if (arguments.argument)
         request.write(*arguments.argument);
@@ -72,8 +82,8 @@ void addCall(CLI::App &app, Session &session) {
     addConsentOptions(*call, arguments->consent);
     call->footer("Methods, with the privilege /privilege/vpk.firewall:\n" + methodLines() +
                  R"(They work while the plugin is disabled, too. An argument for a method that takes
-none is refused, and rules that cut off whoever is logged in over the network
-are warned of, as by exec; --as-is sends anything.
+none is refused. Rules that cut off whoever is logged in over the network are
+warned of, as by exec, unless --as-is is given.
   vpkctl call Firewall::ApplyDenyRules 'tcp:10.0.0.5:80:out'
 
 Exit status: 0 the number is 0 and everything is in force, 1 otherwise, 2 not
