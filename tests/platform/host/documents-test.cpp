@@ -142,83 +142,12 @@ TEST_F(TheDocuments, AreOfStoredNamesThatCouldBeSome) {
     EXPECT_THAT(host::storedNames(), testing::ElementsAre("b.example"));
 }
 
-TEST(TheRulesAsText, CanBeFedBack) {
-    const auto document = cli::parseDocument(
-        R"({"rules":[{"action":"deny","direction":2,"domain":"10.0.0.5","port":"8000:8080","protocol":"tcp"},)"
-        R"({"action":"allow","direction":0,"domain":"","port":"","protocol":""},)"
-        R"({"action":"allow","direction":1,"domain":"a\nb","port":":80","protocol":"UDP"}]})");
-    EXPECT_EQ(cli::rulesAsText(document), "ApplyDenyRules tcp:10.0.0.5:8000-8080:out\n"
-                                          "ApplyAllowRules *:*:*:bid\n"
-                                          "ApplyAllowRules UDP:a\\x0ab:-80:in\n");
-}
-
-// A status document of a firewall that is whole, with this member instead.
-cli::Json wholeBut(const std::string &member, const cli::Json &value) {
-    auto document = cli::parseDocument(
-        R"({"stored":1,"applied":1,"inForce":true,"summary":"in force","exitStatus":0,"strictExitStatus":1,)"
-        R"("simulated":false,"serviceProblem":"","collector":"off",)"
-        R"("collectorProblem":"","lastReport":"","families":"IPv4 only","rebuild":"","rules":{)"
-        R"("stored":{"allow":1,"deny":2},"expected":{"allow":1,"deny":4},"inForce":{"allow":1,"deny":4}}})");
-    document[member] = value;
-    return document;
-}
-
-TEST(TheStatus, IsWhatTheHostSays) {
-    EXPECT_EQ(cli::exitStatusOf(wholeBut("stored", 0), false), 0);
-    EXPECT_EQ(cli::exitStatusOf(wholeBut("stored", 0), true), 1);
-    EXPECT_EQ(cli::exitStatusOf(wholeBut("exitStatus", 1), false), 1);
-    EXPECT_EQ(cli::exitStatusOf(cli::Json::object(), false), 1) << "of a host that says nothing";
-    EXPECT_THAT(cli::statusAsText(wholeBut("stored", 0)), HasSubstr("firewall     in force\nrules  "));
-}
-
-TEST(TheStatusAsText, TellsOfARebuild) {
-    EXPECT_THAT(cli::statusAsText(wholeBut("rebuild", "next attempt in 4 s: gone")),
-                HasSubstr("\nrebuilding   next attempt in 4 s: gone\n"));
-}
-
-TEST(TheStatusAsText, SaysWhatIsNotKnownWhileADatabaseCannotBeRead) {
-    auto document = wholeBut("databaseProblem", "/opt/data/vpk/db/.firewall.db: held by another program");
-    document.erase("stored");
-    document["rules"].erase("stored");
-    document["rules"].erase("expected");
-    const std::string text = cli::statusAsText(document);
-    EXPECT_THAT(text, HasSubstr("plugin       not known (stored), enabled (as last applied)\n"));
-    EXPECT_THAT(text, HasSubstr("\ndatabase     /opt/data/vpk/db/.firewall.db: held by another program\n"));
-    EXPECT_THAT(text, HasSubstr("\nrules        not known what is stored; in force 1 allow, 4 deny\n"));
-}
-
 TEST_F(TheDocuments, SayWhyTheStatusIsNotKnown) {
     const auto document =
         cli::parseDocument(host::statusDocument({std::nullopt, 1, {}, {}, "no descriptor", {}, {}}, false));
     EXPECT_FALSE(document.contains("stored"));
     EXPECT_EQ(document["databaseProblem"].get<std::string>(), "no descriptor");
     EXPECT_TRUE(document["rules"].contains("stored"));
-}
-
-TEST(TheStatusAsText, CountsWhatStands) {
-    auto document = wholeBut("summary", "NOT in force: 1 difference (vpkctl verify shows them)");
-    document["rules"]["inForce"]["deny"] = 3;
-    document["lastReport"] = "17";
-    const std::string text = cli::statusAsText(document);
-    EXPECT_THAT(text, HasSubstr("firewall     NOT in force: 1 difference (vpkctl verify shows them)\n"));
-    EXPECT_THAT(text, HasSubstr("1 allow, 2 deny stored; in force 1 allow, 3 deny (1 allow, 4 deny expected)"));
-    EXPECT_THAT(text, HasSubstr("enabled (stored), enabled (as last applied)"));
-    EXPECT_THAT(text, HasSubstr("last report  19"));
-}
-
-TEST(TheVerificationAsText, HasALineForEachFinding) {
-    auto document = wholeBut("summary", "NOT in force: 1003 differences (vpkctl verify shows them)");
-    document["findings"] =
-        cli::parseDocument(R"({"f":[{"kind":"MISSING","chain":"VPK-DENY","rule":"-j DROP","advice":"stored"},)"
-                           R"({"kind":"UNANSWERED","chain":"INPUT","rule":"","advice":"a\nb"},)"
-                           R"({"kind":"DIFFERS","chain":"","rule":"","advice":"the backup"}]})")["f"];
-    document["differences"] = 1003;
-    EXPECT_EQ(cli::verificationAsText(document), "MISSING     VPK-DENY        -j DROP  (stored)\n"
-                                                 "UNANSWERED  INPUT           (a\\x0ab)\n"
-                                                 "DIFFERS     (the backup)\n"
-                                                 "... and 1000 more\n"
-                                                 "firewall     NOT in force: 1003 differences (vpkctl verify shows "
-                                                 "them)\n");
 }
 
 } // namespace
