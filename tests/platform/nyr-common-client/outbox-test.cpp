@@ -86,22 +86,6 @@ protected:
 
 TEST_F(AnOutbox, IsEmptyBeforeTheFirstReport) { EXPECT_THAT(nyr::readOutbox(), IsEmpty()); }
 
-TEST_F(AnOutbox, HoldsWhatWasSentAndWhen) {
-    std::string body = R"({"a":"b"})";
-    const auto before = std::time(nullptr);
-    EXPECT_EQ(0, nyr::sendReport(10007, 139, body));
-    EXPECT_EQ(R"({"a":"b"})", body);
-    const auto reports = nyr::readOutbox();
-    ASSERT_EQ(1U, reports.size());
-    EXPECT_EQ(10007, reports[0].type);
-    EXPECT_EQ(139, reports[0].subtype);
-    EXPECT_EQ(body, reports[0].body);
-    EXPECT_GE(reports[0].time, before);
-    EXPECT_LE(reports[0].time, std::time(nullptr));
-    EXPECT_THAT(namesIn(kDirectory), ElementsAre(reports[0].file));
-    EXPECT_THAT(logged_, IsEmpty());
-}
-
 TEST_F(AnOutbox, StoresADocumentThatOthersCanRead) {
     nyr::putReport(reportOf("{\"k\":\"\xc3\xa9\"}"));
     std::ifstream file(kDirectory / nyr::readOutbox().at(0).file);
