@@ -28,7 +28,6 @@ std::string readFile(const std::string &name) {
     // A directory opens, but gives nothing.
     if (!file || (file.peek() == std::ifstream::traits_type::eof() && file.bad()))
         throw Exit(kNotCarriedOut, "cannot read " + name + ": " + std::strerror(errno));
-    file.clear();
     return readAll(file, name);
 }
 

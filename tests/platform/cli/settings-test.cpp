@@ -49,6 +49,7 @@ TEST(Settings, AreWarnedOfWhereTheyDoSomethingElse) {
             {R"({"last_send_report_ts":"now"})",
              R"("last_send_report_ts": "now" is no time, and the collector reports as soon as it starts)"},
             {R"({"config_version":"2"})", R"("config_version": "2" has no effect)"},
+            {"{\"db_max_size\":2} // a comment", R"("db_max_size": 2 has no effect)"},
             {R"({"db_max_size":1})", R"("db_max_size": 1 has no effect)"},
             {R"({"send_report_intervall":"60"})",
              R"("send_report_intervall" is no setting: it is kept and has no effect; did you mean "send_report_interval"?)"},

@@ -196,6 +196,20 @@ TEST_F(ARequestStream, WritesALargeReplyAsItIsTakenAndReadsNothingMeanwhile) {
     EXPECT_EQ(stream_->replyUnderWay(), 0U);
 }
 
+TEST_F(ARequestStream, WaitsForRoomForALargeReplyAndThenForTheNextRequest) {
+    begin();
+    tell(request("large", ""));
+    const std::string whole = echo(std::string(replySize_, 'r'));
+    std::string all;
+    for (int i = 0; i < 1'000 && all.size() < whole.size(); ++i) {
+        all += received();
+        turn();
+    }
+    EXPECT_TRUE(all == whole);
+    tell(request("next", "x"));
+    EXPECT_EQ(received(), echo("x"));
+}
+
 TEST_F(ARequestStream, PassesOverABodyWhileTheAnswerIsOnItsWay) {
     refusal_->error = std::string(1'000'000, 'n');
     begin();
