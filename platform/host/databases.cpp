@@ -138,6 +138,7 @@ bool needsNoBackup() {
 void makeBackupEqual() {
     bool isEqual = true;
     bool wasMade = false;
+    const bool wasThere = ::access(kRuleDatabaseBackup, F_OK) == 0;
     try {
         wasMade = !needsNoBackup() && mavo::database::refreshBackup(kRuleDatabase);
     } catch (const mavo::Exception &) { // there are no rules yet, or none that is left: the plugin begins with none
@@ -147,7 +148,8 @@ void makeBackupEqual() {
     // After a death in the middle of a change no digest tells what the rules were: the backup was all that could have.
     const std::string before = std::exchange(backupProblem, {});
     if (before.empty() && wasMade)
-        logInfo(backup + ": differed from " + kRuleDatabase + ", which counts, and is equal to it again");
+        logInfo(backup + (wasThere ? ": differed from " : ": was missing beside ") + kRuleDatabase +
+                ", which counts, and is equal to it again");
     else if (!before.empty() && isEqual)
         logInfo(backup + ": is equal to the rules again");
     failsSince.reset();

@@ -16,7 +16,6 @@ using testing::AllOf;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
-using testing::StartsWith;
 
 constexpr const char *kCutsOff =
     "\" denies connections from and to everywhere, and so cuts off whoever is logged in over the network\n";

@@ -89,7 +89,11 @@ TEST_F(TheDatabases, HaveNoneBeforeThereAreRules) {
     addRule("a");
     refresh();
     EXPECT_TRUE(isBackupEqual());
-    EXPECT_THAT(told.take(), IsEmpty());
+    EXPECT_THAT(told.take(), ElementsAre(HasSubstr(": was missing beside ")));
+    addRule("b");
+    refresh();
+    EXPECT_TRUE(isBackupEqual());
+    EXPECT_THAT(told.take(), ElementsAre(HasSubstr(": differed from ")));
 }
 
 TEST_F(TheDatabases, HaveTheBackupMadeEqualWhateverWasChanged) {
