@@ -353,35 +353,4 @@ TEST_F(AnswersOfNameServers, AreNotAskedForWithoutResolving) {
     EXPECT_EQ(0U, server_.questions("one.example"));
 }
 
-TEST(AFileOfNames, IsReadAsItWasWritten) {
-    const std::vector<rlv::KeptName> names = {{"b.example", 17, {1, kOne, 0xffffffff}}, {"a.example", 0, {kOne}}};
-    const auto read = rlv::decodeNames(rlv::encodeNames(names));
-    ASSERT_EQ(2U, read.size());
-    EXPECT_EQ("b.example", read[0].name);
-    EXPECT_EQ(17, read[0].confirmed);
-    EXPECT_EQ(names[0].addresses, read[0].addresses);
-    EXPECT_EQ("a.example", read[1].name);
-}
-
-TEST(AFileOfNames, IsRefusedWithAnyBitTurnedOrAnyEndCutOff) {
-    const std::string whole = rlv::encodeNames({{"one.example", 17, {kOne}}});
-    for (std::size_t at = 0; at < whole.size(); ++at) {
-        EXPECT_ANY_THROW(rlv::decodeNames(whole.substr(0, at))) << at;
-        for (int bit = 0; bit < 8; ++bit) {
-            std::string damaged = whole;
-            damaged[at] = static_cast<char>(damaged[at] ^ (1 << bit));
-            EXPECT_ANY_THROW(rlv::decodeNames(damaged)) << at << ' ' << bit;
-        }
-    }
-}
-
-TEST(AFileOfNames, LeavesOutWhatFindsNoRoom) {
-    const rlv::Addresses many(rlv::kMaxAddresses, kOne);
-    std::vector<rlv::KeptName> names(rlv::kMaxKeptAddresses / rlv::kMaxAddresses, {"a.example", 1, many});
-    names.push_back({"last.example", 1, {kOne}});
-    const auto read = rlv::decodeNames(rlv::encodeNames(names));
-    EXPECT_EQ(names.size() - 1, read.size());
-    EXPECT_EQ("a.example", read.back().name);
-}
-
 } // namespace
