@@ -143,13 +143,16 @@ private:
 
 // All that a session and its parts share.
 struct Around {
+    explicit Around(rlv::NameOptions options = {}) : names(std::move(options)) {}
+
+    rlv::NameOptions names;
     support::EventLoop loop;
     ToldTable table;
     rlv::ServiceContext context{loop,
                                 table,
                                 rlv::TableTurns(loop),
                                 rlv::ConnectionHistory(),
-                                {loop, rlv::NameOptions()},
+                                {loop, names},
                                 {loop, table, true},
                                 "VPK-",
                                 Milliseconds(10'000),
