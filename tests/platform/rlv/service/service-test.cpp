@@ -2,6 +2,8 @@
 #include "rlv/service/service.h"
 
 #include <cerrno>
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -20,6 +22,7 @@ using parts::Milliseconds;
 using rlv::protocol::Request;
 using support::UniqueFd;
 using testing::Contains;
+using testing::ElementsAre;
 
 constexpr const char *kPath = "/run/service-test";
 
@@ -171,6 +174,29 @@ TEST_F(TheService, CutsOffASilentConnectionSoonerWhereOthersWait) {
     EXPECT_THAT(log.lines, Contains("a client of user 0, process " + std::to_string(::getpid()) +
                                     " is cut off: it has been silent for too long while others wait"));
     EXPECT_EQ("o 0", receive(other));
+}
+
+TEST_F(TheService, AcceptsAgainAfterAShortageOfDescriptors) {
+    start();
+    rlimit limits{};
+    ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &limits));
+    UniqueFd next(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    const rlimit few{static_cast<rlim_t>(next.get()) + 1, limits.rlim_max}; // the client's own is the last one
+    next.reset();
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &few));
+    log.take();
+    const auto waiting = connect();
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limits));
+    EXPECT_THAT(log.take(), ElementsAre("E no client can be accepted for now: Too many open files"))
+        << "once, and not with each turn of the loop";
+    send(waiting, Request::Kind::query);
+    EXPECT_EQ("none", receive(waiting));
+    std::string answer = "none";
+    parts::runUntil(loop, [&] {
+        answer = answer == "none" ? receive(waiting) : answer;
+        return answer != "none";
+    });
+    EXPECT_EQ("q 0", answer);
 }
 
 TEST_F(TheService, EndsItsConnectionsWithItself) {

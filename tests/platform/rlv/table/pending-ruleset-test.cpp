@@ -1,6 +1,7 @@
 // What commands make of a ruleset before anything is sent.
 #include "rlv/table/pending-ruleset.h"
 
+#include <cerrno>
 #include <fstream>
 #include <iostream>
 #include <new>
@@ -143,6 +144,184 @@ TEST_F(ATransactionalTable, CountsNoJumpOfARuleForWhichThereWasNoMemory) {
         table->discard();
     }
     EXPECT_LT(5, thrown);
+}
+
+// ---- without a table around it ----
+
+class APendingRuleset : public testing::Test {
+protected:
+    // INPUT, a chain of others, VPK-A with a rule and VPK-B, to which it jumps.
+    APendingRuleset() {
+        standing.generation = 5;
+        standing.chains["INPUT"].isBase = true;
+        standing.chains["VPK-BASE"].isBase = true;
+        standing.chains["VPK-A"].rules = {{11, parsed("-A VPK-A -j VPK-B").rule}};
+        standing.chains["VPK-A"].jumps = {{"VPK-B", 1}};
+        standing.chains["VPK-B"];
+        load();
+    }
+    void load() { pending.load(standing); }
+    std::string answer(const std::string &options) {
+        const auto given = pending.apply({parsed(options)}, options);
+        return given.code == 0 ? "" : std::to_string(given.code) + " " + given.message;
+    }
+    Texts lost() {
+        std::vector<rlv::LostCommand> all;
+        pending.discard({4, "why"}, all);
+        Texts texts;
+        for (const auto &one : all)
+            texts.push_back(one.options);
+        return texts;
+    }
+    Texts planned(bool isCurrent = true) const {
+        Texts texts;
+        for (const auto &[name, change] : pending.plan(isCurrent))
+            texts.push_back(name + (change.make ? " make" : "") + (change.remove ? " remove" : "") +
+                            (change.plan.refill ? " refill" : "") + " -" +
+                            std::to_string(change.plan.deletions.size()) + " +" +
+                            std::to_string(change.plan.insertions.size()));
+        return texts;
+    }
+
+    rlv::Ruleset standing;
+    rlv::PendingRuleset pending{7};
+};
+
+TEST_F(APendingRuleset, CountsChainsAndRules) {
+    EXPECT_EQ(2U, pending.room());
+    EXPECT_FALSE(pending.isChanged());
+    EXPECT_EQ("", answer("-A VPK-A -j DROP"));
+    EXPECT_EQ(1U, pending.room());
+    EXPECT_TRUE(pending.isChanged());
+    EXPECT_EQ("", answer("-N VPK-C"));
+    EXPECT_EQ(0U, pending.room());
+    EXPECT_EQ("4 iptables: too many rules: the chains may come to 7 together", answer("-N VPK-D"));
+    EXPECT_EQ("4 iptables: too many rules: the chains may come to 7 together", answer("-A VPK-C -j DROP"));
+    EXPECT_EQ("", answer("-F VPK-A"));
+    EXPECT_EQ(2U, pending.room());
+    EXPECT_EQ("", answer("-X VPK-C"));
+    EXPECT_EQ(3U, pending.room());
+    EXPECT_EQ("", answer("-A OUTPUT -j VPK-B"));
+    EXPECT_EQ(1U, pending.room()) << "the chain counts, too";
+    load();
+    EXPECT_EQ(2U, pending.room());
+    EXPECT_FALSE(pending.isChanged());
+}
+
+TEST_F(APendingRuleset, MakesABuiltInChainWithItsFirstRuleWhereThereIsRoomForBoth) {
+    EXPECT_EQ("", answer("-A VPK-A -j DROP"));
+    EXPECT_EQ("4 iptables: too many rules: the chains may come to 7 together", answer("-A OUTPUT -j VPK-B"));
+    EXPECT_EQ("", answer("-D VPK-A -j DROP"));
+    EXPECT_EQ("", answer("-A OUTPUT -j VPK-B"));
+}
+
+TEST_F(APendingRuleset, IsNothingOnceItIsCleared) {
+    EXPECT_EQ("", answer("-N VPK-C"));
+    pending.clear();
+    EXPECT_FALSE(pending.isChanged());
+    EXPECT_EQ(7U, pending.room());
+    EXPECT_THAT(planned(), IsEmpty());
+    EXPECT_THAT(lost(), IsEmpty());
+    EXPECT_THAT(pending.standing().chains, IsEmpty());
+}
+
+TEST_F(APendingRuleset, DoesNotTouchTheChainsByWhichOthersLetPacketsEnter) {
+    const std::string noChain = "1 iptables: No chain/target/match by that name.";
+    EXPECT_EQ("4 iptables: CHAIN_USER_ADD failed (File exists): chain VPK-BASE", answer("-N VPK-BASE"));
+    EXPECT_EQ(noChain, answer("-F VPK-BASE"));
+    EXPECT_EQ(noChain, answer("-X VPK-BASE"));
+    EXPECT_EQ(noChain, answer("-A VPK-BASE -j DROP"));
+    EXPECT_EQ("2 iptables: Chain 'VPK-BASE' does not exist", answer("-A VPK-A -j VPK-BASE"));
+}
+
+TEST_F(APendingRuleset, SaysWhatIsNotThere) {
+    const std::string noRule = "1 iptables: Bad rule (does a matching rule exist in that chain?).";
+    EXPECT_EQ("1 iptables: Chain already exists.", answer("-N VPK-A"));
+    EXPECT_EQ("1 iptables: No chain/target/match by that name.", answer("-A VPK-C -j DROP"));
+    EXPECT_EQ("2 iptables: Chain 'VPK-C' does not exist", answer("-A VPK-A -j VPK-C"));
+    EXPECT_EQ("2 iptables: Chain 'VPK-C' does not exist", answer("-D VPK-A -j VPK-C"));
+    EXPECT_EQ(noRule, answer("-D VPK-A -j DROP"));
+    EXPECT_EQ(noRule, answer("-D VPK-C -j DROP"));
+    EXPECT_FALSE(pending.isChanged());
+    EXPECT_EQ(2U, pending.room());
+}
+
+TEST_F(APendingRuleset, RemovesChainsThatAreEmptyAndUnused) {
+    const std::string busy = "4 iptables: CHAIN_DEL failed (Device or resource busy): chain ";
+    EXPECT_EQ(busy + "VPK-A", answer("-X VPK-A")) << "it has a rule";
+    EXPECT_EQ(busy + "VPK-B", answer("-X VPK-B")) << "and that jumps there";
+    EXPECT_EQ("", answer("-D VPK-A -j VPK-B"));
+    EXPECT_EQ("", answer("-X VPK-B"));
+    EXPECT_EQ("", answer("-X VPK-A"));
+    EXPECT_THAT(planned(), ElementsAre("VPK-A remove refill -0 +0", "VPK-B remove -0 +0"));
+    EXPECT_THAT(lost(), ElementsAre("-D VPK-A -j VPK-B", "-X VPK-B", "-X VPK-A"));
+}
+
+TEST_F(APendingRuleset, ForgetsAChainThatCameAndWent) {
+    EXPECT_EQ("", answer("-N VPK-C"));
+    EXPECT_EQ("", answer("-X VPK-C"));
+    EXPECT_THAT(planned(), IsEmpty());
+    EXPECT_TRUE(pending.isChanged());
+    EXPECT_THAT(lost(), IsEmpty());
+}
+
+TEST_F(APendingRuleset, RefusesRulesInABuiltInChainThatTheKernelWillNotHave) {
+    standing.chains.erase("INPUT");
+    standing.chains["OUTPUT"].isBase = true;
+    standing.chains["OUTPUT"].baseChainError = EOPNOTSUPP;
+    load();
+    EXPECT_EQ("4 iptables: CHAIN_ADD failed (Operation not supported): chain OUTPUT", answer("-A OUTPUT -j VPK-A"));
+    EXPECT_EQ("", answer("-A INPUT -j VPK-A"));
+    EXPECT_THAT(planned(), ElementsAre("INPUT make -0 +1"));
+}
+
+TEST_F(APendingRuleset, RefusesJumpsThatGoTooFarAndKeepsNothingOfThem) {
+    rlv::PendingRuleset deep(100);
+    rlv::Ruleset chains;
+    for (int i = 0; i <= 20; ++i)
+        chains.chains["VPK-" + std::to_string(i)];
+    deep.load(chains);
+    for (int i = 0; i < 20; ++i) {
+        const std::string options = "-A VPK-" + std::to_string(i) + " -j VPK-" + std::to_string(i + 1);
+        deep.apply({parsed(options)}, options);
+    }
+    EXPECT_EQ(0, deep.apply({parsed("-A VPK-19 -j DROP")}, "").code);
+    const std::size_t room = deep.room();
+    const auto answer = deep.apply({parsed("-A INPUT -j VPK-0")}, "");
+    EXPECT_EQ("iptables: RULE_APPEND failed (Too many links): rule in chain INPUT", answer.message);
+    EXPECT_EQ(room, deep.room());
+    EXPECT_EQ(0U, deep.plan(true).count("INPUT"));
+}
+
+TEST_F(APendingRuleset, RefillsAChainWhereNobodyElseCanHavePutARule) {
+    standing.chains["VPK-A"].rules.push_back({12, parsed("-A VPK-A -j DROP").rule});
+    load();
+    EXPECT_EQ("", answer("-D VPK-A -j DROP"));
+    EXPECT_EQ("", answer("-D VPK-A -j VPK-B"));
+    EXPECT_THAT(planned(true), ElementsAre("VPK-A refill -0 +0"));
+    EXPECT_THAT(planned(false), ElementsAre("VPK-A -2 +0")) << "somebody may have";
+    load();
+    EXPECT_EQ("", answer("-F VPK-A"));
+    EXPECT_THAT(planned(false), ElementsAre("VPK-A refill -0 +0")) << "they were to go, whosever they are";
+}
+
+TEST_F(APendingRuleset, BecomesWhatIsSent) {
+    standing.chains.erase("VPK-BASE"); // or there is no room
+    standing.chains.erase("INPUT");
+    load();
+    EXPECT_EQ("", answer("-N VPK-C"));
+    EXPECT_EQ("", answer("-A VPK-C -j DROP"));
+    EXPECT_EQ("", answer("-A OUTPUT -j VPK-C"));
+    pending.adopt(pending.plan(true), 6);
+    EXPECT_FALSE(pending.isChanged());
+    EXPECT_EQ(6U, pending.standing().generation);
+    EXPECT_TRUE(pending.standing().chains.at("OUTPUT").isBase);
+    EXPECT_FALSE(pending.standing().chains.at("VPK-C").isBase);
+    EXPECT_FALSE(pending.standing().chains.at("VPK-C").handlesKnown);
+    pending.setHandles("VPK-C", {77});
+    EXPECT_EQ(77U, pending.standingRules("VPK-C").at(0).handle);
+    EXPECT_TRUE(pending.standing().chains.at("VPK-C").handlesKnown);
+    EXPECT_THAT(pending.standingRules("VPK-D"), IsEmpty());
 }
 
 } // namespace
