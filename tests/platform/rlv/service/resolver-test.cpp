@@ -113,9 +113,9 @@ TEST_F(LookUpsOfNames, EndInTimeWithoutTheAnswersThatAreMissing) {
     NameServer server;
     server.set("stalled.example", nameserver::silence());
     const auto start = Clock::now();
-    begin({"stalled.example", "one.example"}, parts::Milliseconds(200));
+    begin({"stalled.example", "one.example"}, parts::Milliseconds(1'000));
     ASSERT_TRUE(runToTheEnd());
-    EXPECT_GE(Clock::now() - start, parts::Milliseconds(200));
+    EXPECT_GE(Clock::now() - start, parts::Milliseconds(1'000));
     EXPECT_EQ(1U, results.size());
     EXPECT_EQ(Kind::found, results["one.example"].kind);
     EXPECT_EQ(1, done);

@@ -136,7 +136,7 @@ TEST_F(TheService, TellsWatchersWhatNobodyCanJudge) {
 }
 
 TEST_F(TheService, CutsOffAClientThatSaysNothing) {
-    options.patience = Milliseconds(100);
+    options.patience = Milliseconds(400);
     start();
     const auto silent = connect();
     const auto open1 = connect();
