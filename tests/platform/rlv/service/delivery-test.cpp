@@ -34,7 +34,7 @@ protected:
     }
     bool isSentAlone(parts::Milliseconds deadline = parts::Milliseconds(10'000)) {
         return parts::runUntil(
-            around.loop, [this] { return calls() != Texts(); }, deadline);
+            around.loop, [this] { return !calls().empty(); }, deadline);
     }
     // For much longer than the timer would take.
     bool staysUnsent() { return !isSentAlone(parts::Milliseconds(60)); }

@@ -27,7 +27,10 @@ const std::string kPath = "/run/names-file/names";
 
 class AFileOfNames : public testing::Test {
 protected:
-    AFileOfNames() { std::filesystem::create_directories("/run/names-file"); }
+    AFileOfNames() {
+        std::filesystem::remove_all("/run/names-file");
+        std::filesystem::create_directories("/run/names-file");
+    }
 };
 
 // With the sum that belongs to these lines.

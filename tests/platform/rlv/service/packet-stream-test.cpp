@@ -57,7 +57,7 @@ protected:
         return packet;
     }
     // A reply of which the client reads nothing yet.
-    static std::deque<std::string> longReply() { return std::deque<std::string>(400, std::string(30'000, 'x')); }
+    static std::deque<std::string> longReply() { return std::deque<std::string>(60, std::string(30'000, 'x')); }
 
     EventLoop loop;
     UniqueFd client;
