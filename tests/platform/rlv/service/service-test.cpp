@@ -2,10 +2,10 @@
 #include "rlv/service/service.h"
 
 #include <cerrno>
-#include <fcntl.h>
-#include <sys/resource.h>
+#include <cstring>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -16,6 +16,14 @@
 #include "rlv/service/service-socket.h"
 #include "service-parts.h"
 
+// The errno with which the next clients are not accepted; 0: they are.
+static int acceptError = 0;
+
+extern "C" __attribute__((visibility("default"))) int accept4(int fd, sockaddr *address, socklen_t *length, int flags) {
+    errno = acceptError;
+    return acceptError != 0 ? -1 : static_cast<int>(::syscall(SYS_accept4, fd, address, length, flags));
+}
+
 namespace {
 
 using parts::Milliseconds;
@@ -23,6 +31,7 @@ using rlv::protocol::Request;
 using support::UniqueFd;
 using testing::Contains;
 using testing::ElementsAre;
+using testing::IsEmpty;
 
 constexpr const char *kPath = "/run/service-test";
 
@@ -176,27 +185,35 @@ TEST_F(TheService, CutsOffASilentConnectionSoonerWhereOthersWait) {
     EXPECT_EQ("o 0", receive(other));
 }
 
-TEST_F(TheService, AcceptsAgainAfterAShortageOfDescriptors) {
+TEST_F(TheService, AcceptsAgainAfterAShortage) {
     start();
-    rlimit limits{};
-    ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &limits));
-    UniqueFd next(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    const rlimit few{static_cast<rlim_t>(next.get()) + 1, limits.rlim_max}; // the client's own is the last one
-    next.reset();
-    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &few));
     log.take();
-    const auto waiting = connect();
-    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limits));
-    EXPECT_THAT(log.take(), ElementsAre("E no client can be accepted for now: Too many open files"))
-        << "once, and not with each turn of the loop";
-    send(waiting, Request::Kind::query);
-    EXPECT_EQ("none", receive(waiting));
-    std::string answer = "none";
-    parts::runUntil(loop, [&] {
-        answer = answer == "none" ? receive(waiting) : answer;
-        return answer != "none";
-    });
-    EXPECT_EQ("q 0", answer);
+    for (const int error : {EMFILE, ENFILE, ENOMEM, ENOBUFS}) {
+        acceptError = error;
+        const auto waiting = connect();
+        EXPECT_THAT(log.take(),
+                    ElementsAre("E no client can be accepted for now: " + std::string(std::strerror(error))))
+            << "once, and not with each turn of the loop";
+        send(waiting, Request::Kind::query);
+        EXPECT_EQ("none", receive(waiting));
+        acceptError = 0;
+        std::string answer = "none";
+        parts::runUntil(loop, [&] {
+            answer = answer == "none" ? receive(waiting) : answer;
+            return answer != "none";
+        });
+        EXPECT_EQ("q 0", answer) << error;
+    }
+}
+
+TEST_F(TheService, AcceptsAtOnceAgainAfterAnyOtherFailure) {
+    start();
+    log.take();
+    acceptError = ECONNABORTED;
+    const auto client = connect();
+    acceptError = 0;
+    EXPECT_THAT(log.take(), IsEmpty());
+    EXPECT_EQ("q 0", ask(client));
 }
 
 TEST_F(TheService, EndsItsConnectionsWithItself) {
