@@ -238,6 +238,7 @@ TEST_F(TheDatabases, SayWhatLiesAsideOfThem) {
 
 TEST_F(TheDatabases, AreBroughtBackWhereTheyAreDamagedAndThatIsSaid) {
     refresh();
+    told.take();
     const std::string sound = textfile::read(kRules);
     for (int i = 0; i < 2; ++i) {
         textfile::write(kRules, std::string(8'192, 'x'));
