@@ -11,11 +11,9 @@
 namespace {
 
 using cli::SentRules;
-using clitest::refusal;
 using clitest::replyOf;
 using clitest::ScriptedHost;
 using mavo::rmi::Reply;
-using mavo::rmi::Status;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;

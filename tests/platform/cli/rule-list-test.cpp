@@ -102,7 +102,7 @@ TEST(ARule, HoldsNoIpv6Address) {
 TEST(ARule, HasAPortThatIsANumberOrARange) {
     const std::string accepted = " is no port; a number such as 80, a range such as 8000-8080, and * for any are";
     for (const std::string port : {"8 0", "80/", "80a", "8,9", "x*"})
-        EXPECT_EQ(problemOf("tcp:a:" + port), "\"" + port + "\"" + accepted);
+        EXPECT_EQ(problemOf("tcp:a:" + port), ('"' + port).append("\"") + accepted);
 }
 
 TEST(ARule, HasAPortByItsNumberNotByItsName) {

@@ -11,7 +11,6 @@
 
 namespace {
 
-using testing::HasSubstr;
 using testing::StartsWith;
 using Words = std::vector<std::string>;
 
@@ -72,7 +71,7 @@ TEST(AWordOfANewcomer, IsTranslated) {
                                                           {"show", "rules"},
                                                           {"enable", "set-status 1"},
                                                           {"disable", "set-status 0"}})
-        EXPECT_EQ(explained({word}), "\"" + word + "\" is no subcommand; this is: vpkctl " + way);
+        EXPECT_EQ(explained({word}), ('"' + word).append("\" is no subcommand; this is: vpkctl ") + way);
 }
 
 TEST(AWordThatIsNoOption, IsExplained) {

@@ -34,6 +34,9 @@ const std::string kRules = host::kRuleDatabase;
 const std::string kBackup = host::kRuleDatabaseBackup;
 const std::string kNotEqual = kBackup + ": was not made equal to the rules: ";
 
+// As the plugin does, which is when damage is found.
+void openOnce(const std::string &path, int flags) { const mavo::database::Connection connection(path, flags, true); }
+
 // With the watch of the whole process, and one rule.
 class TheDatabases : public testing::Test {
 protected:
@@ -242,7 +245,7 @@ TEST_F(TheDatabases, AreBroughtBackWhereTheyAreDamagedAndThatIsSaid) {
     const std::string sound = textfile::read(kRules);
     for (int i = 0; i < 2; ++i) {
         textfile::write(kRules, std::string(8'192, 'x'));
-        mavo::database::Connection(kRules, 2, true);
+        openOnce(kRules, 2);
         EXPECT_EQ(textfile::read(kRules), sound);
     }
     EXPECT_EQ(told.take().size(), 2U);
@@ -253,15 +256,15 @@ TEST_F(TheDatabases, AreBroughtBackWhereTheyAreDamagedAndThatIsSaid) {
 TEST_F(TheDatabases, ThatMayBeStartedAnewAre) {
     for (const char *database : {host::kStatisticsDatabase, host::kStatusDatabase}) {
         textfile::write(database, std::string(8'192, 'x'));
-        mavo::database::Connection(database, 6, true);
+        openOnce(database, 6);
         EXPECT_TRUE(fs::exists(database + std::string(".aside-1"))) << database;
     }
     sqlitefile::execute(host::kStatusDatabase, "CREATE TABLE other (a)");
-    mavo::database::Connection(host::kStatusDatabase, 6, true);
+    openOnce(host::kStatusDatabase, 6);
     EXPECT_TRUE(fs::exists(host::kStatusDatabase + std::string(".aside-2"))) << "one of something else";
     sqlitefile::execute(kRules, "DROP TABLE firewall_rules; CREATE TABLE other (a)");
     sqlitefile::execute(kBackup, "CREATE TABLE firewall_rules (protocol, domain, port, direction, is_allowed)");
-    mavo::database::Connection(kRules, 2, true);
+    openOnce(kRules, 2);
     EXPECT_TRUE(fs::exists(kRules + ".aside-1")) << "rules that are none, beside a backup that is one";
 }
 

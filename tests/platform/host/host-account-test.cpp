@@ -30,6 +30,7 @@ std::string textOf(const std::optional<host::RuleCounts> &counts) {
 
 std::vector<std::string> textsOf(const std::vector<host::Finding> &findings) {
     std::vector<std::string> texts;
+    texts.reserve(findings.size());
     for (const auto &finding : findings)
         texts.push_back(finding.kind + "|" + finding.chain + "|" + finding.rule + "|" + finding.advice);
     return texts;

@@ -24,7 +24,6 @@ using hosttest::Answers;
 using hosttest::orders;
 using hosttest::takeCalls;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::StartsWith;
 
 class TheHostsMethods : public hosttest::AHostInTest {

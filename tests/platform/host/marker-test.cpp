@@ -21,8 +21,6 @@
 
 namespace {
 
-using testing::StartsWith;
-
 constexpr const char *kMarkerPath = "/dev/shm/nyr_firewall_sd";
 constexpr int kAsThePlugin = O_RDWR | O_CREAT | O_EXCL;
 

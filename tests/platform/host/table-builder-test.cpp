@@ -19,7 +19,6 @@ namespace {
 
 using hosttest::Answers;
 using hosttest::orders;
-using testing::HasSubstr;
 using testing::StartsWith;
 
 constexpr std::uint64_t kFirst = 3;

@@ -13,7 +13,6 @@ namespace {
 using parts::Texts;
 using rlv::LookUpResult;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using Kind = LookUpResult::Kind;
 
 class CommandNames : public testing::Test {
