@@ -121,6 +121,8 @@ TEST_F(ABackup, CannotBeComparedWhileAPartOfItsDatabaseLiesElsewhere) {
     EXPECT_EQ(unavailable([] { isBackupEqual(kMain); }), kMain + ": part of it lies in " + kMain + "-wal");
     write(kMain + "-wal", "");
     EXPECT_TRUE(isBackupEqual(kMain));
+    write(kBackup, contentOf(kBackup) + "x");
+    EXPECT_FALSE(isBackupEqual(kMain));
     makeHotJournal(kMain);
     EXPECT_EQ(unavailable([] { isBackupEqual(kMain); }), kMain + ": part of it lies in " + kMain + "-journal");
 }
