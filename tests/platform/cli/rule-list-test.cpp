@@ -99,10 +99,17 @@ TEST(ARule, HoldsNoIpv6Address) {
     EXPECT_EQ(problemOf("tcp:[]:80:x"), "\"x\" is no direction; in, out and bid (both) are");
 }
 
+std::string quoted(const std::string &word) {
+    std::string text = "\"";
+    text += word;
+    text += '"';
+    return text;
+}
+
 TEST(ARule, HasAPortThatIsANumberOrARange) {
     const std::string accepted = " is no port; a number such as 80, a range such as 8000-8080, and * for any are";
     for (const std::string port : {"8 0", "80/", "80a", "8,9", "x*"})
-        EXPECT_EQ(problemOf("tcp:a:" + port), ('"' + port).append("\"") + accepted);
+        EXPECT_EQ(problemOf("tcp:a:" + port), quoted(port) + accepted);
 }
 
 TEST(ARule, HasAPortByItsNumberNotByItsName) {

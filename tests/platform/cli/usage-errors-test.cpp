@@ -55,6 +55,8 @@ TEST(AWordThatIsNoSubcommand, IsExplained) {
               "Firewall::ApplyDenyRules");
 }
 
+std::string isNone(const std::string &word) { return '"' + word + "\" is no subcommand; this is: vpkctl "; }
+
 TEST(AWordOfANewcomer, IsTranslated) {
     const std::string allow = "exec ApplyAllowRules 'tcp:10.0.0.5:80:out'";
     const std::string deny = "exec ApplyDenyRules 'tcp:10.0.0.5:80:out'";
@@ -71,7 +73,7 @@ TEST(AWordOfANewcomer, IsTranslated) {
                                                           {"show", "rules"},
                                                           {"enable", "set-status 1"},
                                                           {"disable", "set-status 0"}})
-        EXPECT_EQ(explained({word}), ('"' + word).append("\" is no subcommand; this is: vpkctl ") + way);
+        EXPECT_EQ(explained({word}), isNone(word) + way);
 }
 
 TEST(AWordThatIsNoOption, IsExplained) {
