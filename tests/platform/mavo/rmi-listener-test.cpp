@@ -2,13 +2,24 @@
 #include <fstream>
 #include <functional>
 #include <string>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <system_error>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "mavo/rmi-client.h"
 #include "mavo/rmi-server.h"
+
+// What making a socket fails with, or 0.
+static int socketError = 0;
+
+extern "C" __attribute__((visibility("default"))) int socket(int domain, int type, int protocol) {
+    errno = socketError;
+    return socketError == 0 ? static_cast<int>(::syscall(SYS_socket, domain, type, protocol)) : -1;
+}
 
 namespace {
 
@@ -41,6 +52,13 @@ TEST(AListeningSocket, SaysWhichPathItCannotHave) {
     EXPECT_EQ(longest + "x: File name too long", textOf(longest + "x"));
     EXPECT_EQ(": Invalid argument", textOf(""));
     EXPECT_EQ(EINVAL, errorOf([] { listenAt(std::string("/run/a\0b", 8), 0600); }));
+}
+
+TEST(AListeningSocket, CannotBeHadWithoutADescriptor) {
+    socketError = EMFILE;
+    EXPECT_EQ(EMFILE, errorOf([] { listenAt(kPath, 0600); }));
+    socketError = 0;
+    EXPECT_EQ(0, errorOf([] { listenAt(kPath, 0600); }));
 }
 
 TEST(AListeningSocket, HasExactlyTheModeWhateverTheUmask) {

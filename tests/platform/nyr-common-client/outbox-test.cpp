@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstdint>
 #include <ctime>
+#include <dirent.h>
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -21,6 +23,15 @@
 #include <gtest/gtest.h>
 
 #include "support/file-calls.h"
+
+// What reading a directory fails with, or 0.
+static int directoryError = 0;
+
+extern "C" __attribute__((visibility("default"))) DIR *fdopendir(int fd) {
+    static const auto real = reinterpret_cast<DIR *(*)(int)>(::dlsym(RTLD_NEXT, "fdopendir"));
+    errno = directoryError;
+    return directoryError == 0 ? real(fd) : nullptr;
+}
 
 namespace {
 
@@ -249,6 +260,20 @@ TEST_F(AnOutbox, KnowsItsReportsByTheirNames) {
     EXPECT_THAT(ignored, testing::UnorderedElementsAreArray(others));
     nyr::putReport(reportOf("y"), {1, 1'000'000});
     EXPECT_THAT(namesIn(kDirectory), SizeIs(1 + others.size()));
+}
+
+TEST_F(AnOutbox, ThatCannotBeReadIsNotTakenForAnEmptyOne) {
+    nyr::putReport(reportOf("kept"));
+    directoryError = ENOMEM;
+    try {
+        nyr::readOutbox();
+        ADD_FAILURE() << "it was read";
+    } catch (const std::system_error &error) {
+        EXPECT_EQ(ENOMEM, error.code().value());
+        EXPECT_THAT(error.what(), testing::HasSubstr("cannot be read"));
+    }
+    directoryError = 0;
+    EXPECT_THAT(bodies(), ElementsAre("kept"));
 }
 
 TEST_F(AnOutbox, BelievesNobodyElsesFiles) {

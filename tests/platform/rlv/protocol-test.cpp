@@ -78,6 +78,27 @@ TEST(AListOfCommands, IsNoneWhenALengthIsTornOrTooLarge) {
     EXPECT_EQ("", torn);
 }
 
+std::string listOf(std::size_t count, std::size_t bytes) {
+    const std::string length{static_cast<char>(bytes & 0xffU), static_cast<char>(bytes >> 8U)};
+    std::string text;
+    for (std::size_t i = 0; i < count; ++i)
+        text.append(length).append(bytes, 'x');
+    return text;
+}
+
+TEST(AListOfCommands, IsNoneBeyondAnyOfItsBounds) {
+    using rlv::protocol::isCommandList;
+    EXPECT_TRUE(isCommandList(listOf(1, rlv::protocol::kMaxOptionsBytes)));
+    EXPECT_FALSE(isCommandList(listOf(1, rlv::protocol::kMaxOptionsBytes + 1)));
+    EXPECT_TRUE(isCommandList(listOf(rlv::protocol::kMaxListedCommands, 1)));
+    EXPECT_FALSE(isCommandList(listOf(rlv::protocol::kMaxListedCommands + 1, 1)));
+    const std::string largest = listOf(4, rlv::protocol::kMaxListBytes / 4 - 2);
+    ASSERT_EQ(largest.size(), rlv::protocol::kMaxListBytes);
+    EXPECT_TRUE(isCommandList(largest));
+    EXPECT_FALSE(isCommandList(largest.substr(0, 3 * rlv::protocol::kMaxListBytes / 4) +
+                               listOf(1, rlv::protocol::kMaxListBytes / 4 - 1)));
+}
+
 TEST(AListOfCommands, IsReadAtAnyAddress) {
     rlv::protocol::CommandList list;
     for (const char *command : {"-A", "-A V", "-A VPK-DENY -j DROP", "-F"})
