@@ -121,6 +121,8 @@ void Session::received(std::string_view packet, std::size_t sizeBytes) {
     try {
         if (!protocol::decodeRequest(packet, request_))
             return refuse(EPROTO, "not a request");
+        if (asked_)
+            asked_();
         dispatch(request_.text.size() + (sizeBytes - packet.size()));
     } catch (const std::exception &error) {
         refuse(EIO, error.what());

@@ -27,6 +27,8 @@ public:
 
     // `ended` is called once, when the client is gone; the session may not be deleted before that returns.
     void onEnd(std::function<void()> ended) { ended_ = std::move(ended); }
+    // `asked` is called before each request is answered; what it throws refuses the request.
+    void onRequest(std::function<void()> asked) { asked_ = std::move(asked); }
 
     const support::Peer &peer() const { return peer_; }
     // A connection (rather than a client that has only asked, or said nothing yet, or waits for its turn).
@@ -69,6 +71,7 @@ private:
     ServiceContext &context_;
     support::Peer peer_;
     std::function<void()> ended_;
+    std::function<void()> asked_;
     std::uint64_t number_ = 0;
     bool isWatching_ = false;
     support::EventLoop::Timer waitTimer_ = 0;

@@ -100,9 +100,9 @@ void Service::serve(support::UniqueFd fd, const support::Peer &peer) {
     auto session = std::make_unique<Session>(context_, std::move(fd), peer);
     const Session *const served = session.get();
     session->onEnd([this, served] { bury(served); });
+    session->onRequest([this] { sweepLater(); });
     sessions_.push_back(std::move(session));
-    if (sweepTimer_ == 0)
-        sweepTimer_ = loop_.after(kSweepInterval, [this] { sweep(); });
+    sweepLater();
 }
 
 void Service::bury(const Session *session) {
@@ -120,6 +120,7 @@ void Service::bury(const Session *session) {
 }
 
 void Service::tellWatchers() {
+    sweepLater();
     for (const auto &session : sessions_)
         session->tellUnjudged();
 }
@@ -137,8 +138,15 @@ const char *Service::faultOf(const Session &session) const {
     return silence > options_.patience ? "it does not say what it wants" : nullptr;
 }
 
-// One timer for all clients, and none while there are none.
+// One timer for all clients, and none while there are none but those who watch, which is all night: each time that it
+// expires costs a device a wake-up.
+void Service::sweepLater() {
+    if (sweepTimer_ == 0)
+        sweepTimer_ = loop_.after(kSweepInterval, [this] { sweep(); });
+}
+
 void Service::sweep() {
+    sweepTimer_ = 0;
     std::vector<std::pair<Session *, const char *>> faulty;
     for (const auto &session : sessions_) {
         if (const char *fault = faultOf(*session))
@@ -146,7 +154,11 @@ void Service::sweep() {
     }
     for (const auto &[session, fault] : faulty)
         session->end(fault);
-    sweepTimer_ = sessions_.empty() ? 0 : loop_.after(kSweepInterval, [this] { sweep(); });
+    const bool canFail = std::any_of(sessions_.begin(), sessions_.end(), [](const auto &session) {
+        return !session->isWatching() || session->stream().stuck();
+    });
+    if (canFail)
+        sweepLater();
 }
 
 } // namespace rlv

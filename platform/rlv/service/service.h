@@ -53,6 +53,7 @@ private:
     void serve(support::UniqueFd fd, const support::Peer &peer);
     void bury(const Session *session);
     void sweep();
+    void sweepLater();
     const char *faultOf(const Session &session) const;
     void tellWatchers();
 

@@ -1,8 +1,11 @@
 // Who is served, and for how long.
 #include "rlv/service/service.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
+#include <sys/epoll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -22,6 +25,14 @@ static int acceptError = 0;
 extern "C" __attribute__((visibility("default"))) int accept4(int fd, sockaddr *address, socklen_t *length, int flags) {
     errno = acceptError;
     return acceptError != 0 ? -1 : static_cast<int>(::syscall(SYS_accept4, fd, address, length, flags));
+}
+
+// How often the loop has gone to sleep.
+static int waits = 0;
+
+extern "C" __attribute__((visibility("default"))) int epoll_wait(int fd, epoll_event *events, int size, int timeout) {
+    ++waits;
+    return static_cast<int>(::syscall(SYS_epoll_pwait, fd, events, size, timeout, nullptr, _NSIG / 8));
 }
 
 namespace {
@@ -183,6 +194,32 @@ TEST_F(TheService, CutsOffASilentConnectionSoonerWhereOthersWait) {
     EXPECT_THAT(log.lines, Contains("a client of user 0, process " + std::to_string(::getpid()) +
                                     " is cut off: it has been silent for too long while others wait"));
     EXPECT_EQ("o 0", receive(other));
+}
+
+TEST_F(TheService, SleepsWhileItsClientsOnlyWatch) {
+    options.patience = Milliseconds(400);
+    start();
+    const auto watcher = connect();
+    send(watcher, Request::Kind::watch);
+    EXPECT_EQ("w 0", receive(watcher));
+    const auto runFor = [&](Milliseconds time) {
+        loop.after(time, [&] { loop.stop(); });
+        waits = 0;
+        loop.run();
+        return waits;
+    };
+    runFor(Milliseconds(600)); // until it has looked at its clients once more
+    EXPECT_EQ(1, runFor(Milliseconds(1'000)));
+    const auto silent = connect();
+    EXPECT_TRUE(ends(silent)) << "others are looked at as before";
+    runFor(Milliseconds(600));
+    EXPECT_EQ(1, runFor(Milliseconds(1'000)));
+    const std::string question = encode(Request{Request::Kind::query, 0, ""});
+    while (::send(watcher.get(), question.data(), question.size(), MSG_NOSIGNAL | MSG_DONTWAIT) > 0)
+        parts::runDue(loop);
+    const std::string told =
+        "a client of user 0, process " + std::to_string(::getpid()) + " is cut off: it does not read its reply";
+    EXPECT_TRUE(parts::runUntil(loop, [&] { return std::count(log.lines.begin(), log.lines.end(), told) == 1; }));
 }
 
 TEST_F(TheService, AcceptsAgainAfterAShortage) {
