@@ -155,7 +155,7 @@ void Service::sweep() {
     for (const auto &[session, fault] : faulty)
         session->end(fault);
     const bool canFail = std::any_of(sessions_.begin(), sessions_.end(), [](const auto &session) {
-        return !session->isWatching() || session->stream().stuck();
+        return !session->isWatching() || session->stream().busy() || session->stream().stuck();
     });
     if (canFail)
         sweepLater();
