@@ -366,8 +366,7 @@ void requireSchema(Attempt &attempt, const std::string &query) {
         return;
     if (attempt.failure != Failure::damaged) // an error on reading, which came once, condemns nothing
         attempt.failure = Failure::passing;
-    else if (attempt.text.rfind("no such table", 0) ==
-             0) // its program adds it; in other columns it could store nothing
+    else if (attempt.text.rfind("no such table", 0) == 0) // its program adds it, but in other columns it stores nothing
         attempt.failure = Failure::foreign;
 }
 
