@@ -28,8 +28,8 @@ struct Opened {
 
 // Opens a regular file. Whatever else lies there is refused without being opened: a link is not followed, a fifo or a
 // device not waited for, a file of somebody else not believed, nor a second name of a file of ours in a folder where
-// others may put it. `flags` and `mode` are those of
-// open(2), and O_NONBLOCK, O_NOFOLLOW and O_CLOEXEC are added. Links on the way to the file's folder are followed.
+// others may put it. `flags` and `mode` are those of open(2), and O_NONBLOCK, O_NOFOLLOW and O_CLOEXEC are added. Links
+// on the way to the file's folder are followed.
 Opened openPlain(const std::string &path, int flags, mode_t mode = 0, Owner owner = Owner::us);
 
 // Why openPlain() would refuse what lies at `path`; empty for a file that it takes and where nothing is. Opens nothing.

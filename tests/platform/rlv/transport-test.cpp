@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <sys/socket.h>
@@ -55,6 +56,28 @@ protected:
         EXPECT_EQ("C-A VPK-IN -s 10.0.0.1 -j DROP", received());
     }
 
+    // From here on the service keeps everything until the end, and known commands are collected.
+    void letCollect() {
+        answer(Reply::Kind::committed);
+        EXPECT_EQ(0, askOrSend(*connection_, "-F VPK-IN").error);
+        EXPECT_EQ("C-F VPK-IN", received());
+        learnToAllow();
+    }
+
+    // As if others had been collected before.
+    void collect(std::size_t bytes) {
+        auto &collected = connection_->collected;
+        const std::size_t empty = collected.packet().size();
+        ASSERT_TRUE(collected.add("x"));
+        const std::size_t head = collected.packet().size() - empty - 1;
+        while (collected.packet().size() < bytes) {
+            const std::size_t left = bytes - collected.packet().size();
+            ASSERT_TRUE(collected.add(std::string(left > 1'000 ? 500 : left - head, 'x')));
+        }
+        ASSERT_EQ(bytes, collected.packet().size());
+        connection_->collectedSince = rlv::client::Clock::now();
+    }
+
     std::unique_ptr<OpenConnection> connection_;
     UniqueFd service_;
 };
@@ -66,10 +89,7 @@ TEST_F(AConnection, SendsAKnownCommandAtOnceWhileTheServiceKeepsNothing) {
 }
 
 TEST_F(AConnection, CollectsKnownCommandsOnceTheServiceKeepsEverythingAndSendsThemBeforeAQuestion) {
-    answer(Reply::Kind::committed);
-    EXPECT_EQ(0, askOrSend(*connection_, "-F VPK-IN").error);
-    EXPECT_EQ("C-F VPK-IN", received());
-    learnToAllow();
+    letCollect();
     for (const char *command : {"-A VPK-IN -s 10.0.0.2 -j DROP", "-A VPK-IN -s 10.0.0.3 -j DROP"})
         EXPECT_EQ(0, askOrSend(*connection_, command).error);
     EXPECT_EQ("", received());
@@ -77,6 +97,33 @@ TEST_F(AConnection, CollectsKnownCommandsOnceTheServiceKeepsEverythingAndSendsTh
     EXPECT_EQ(0, askOn(*connection_, Request{Request::Kind::close, 0, {}}, Reply::Kind::closed).error);
     EXPECT_EQ("L|-A VPK-IN -s 10.0.0.2 -j DROP|-A VPK-IN -s 10.0.0.3 -j DROP", received());
     EXPECT_EQ("X", received());
+}
+
+TEST_F(AConnection, CollectsUpTo8192Bytes) {
+    letCollect();
+    const std::string command = "-A VPK-IN -s 10.0.0.2 -j DROP";
+    rlv::protocol::CommandList alone;
+    const std::size_t empty = alone.packet().size();
+    ASSERT_TRUE(alone.add(command));
+    collect(8'192 - (alone.packet().size() - empty));
+    EXPECT_EQ(0, askOrSend(*connection_, command).error);
+    EXPECT_EQ(8'192U, connection_->collected.packet().size());
+    EXPECT_EQ("", received());
+    EXPECT_EQ(0, askOrSend(*connection_, command).error);
+    EXPECT_NE("", received());
+    EXPECT_EQ(0U, connection_->collected.count());
+}
+
+TEST_F(AConnection, CollectsForASecond) {
+    letCollect();
+    const std::string command = "-A VPK-IN -s 10.0.0.2 -j DROP";
+    EXPECT_EQ(0, askOrSend(*connection_, command).error);
+    connection_->collectedSince -= std::chrono::milliseconds(500);
+    EXPECT_EQ(0, askOrSend(*connection_, command).error);
+    EXPECT_EQ("", received());
+    connection_->collectedSince -= std::chrono::milliseconds(500);
+    EXPECT_EQ(0, askOrSend(*connection_, command).error);
+    EXPECT_EQ("L|" + command + "|" + command + "|" + command, received());
 }
 
 TEST_F(AConnection, IsBrokenByAnAnswerOfAnotherKindAndAsksNothingAnyMore) {

@@ -72,6 +72,23 @@ TEST(AConnectionHistory, CountsWhatItsListHasNoRoomFor) {
     EXPECT_EQ(2U, outcome.failedBeyondList);
 }
 
+TEST(AConnectionHistory, HasRoomForWhatFillsItsListToTheByte) {
+    const rlv::FailedCommand one = failed("-A VPK-DENY");
+    const std::size_t bytes = sizeof one + one.options.size() + one.message.size();
+    ConnectionHistory::Limits limits;
+    limits.textBytesPerConnection = 2 * bytes;
+    limits.textBytesInAll = 4 * bytes;
+    ConnectionHistory history(limits);
+    for (const auto number : {history.open(kMe), history.open(kMe)}) {
+        for (int i = 0; i < 3; ++i)
+            history.add(number, one);
+    }
+    for (const auto &outcome : history.of(kMe, 0)) {
+        EXPECT_EQ(2U, outcome.failed.size());
+        EXPECT_EQ(1U, outcome.failedBeyondList);
+    }
+}
+
 TEST(AConnectionHistory, DropsTheOldestTextsButNotTheirNumber) {
     ConnectionHistory::Limits limits;
     limits.textBytesInAll = 2000;

@@ -138,6 +138,38 @@ TEST_F(ATransactionalTable, TakesAChainThatAppearsBeforeAnUnboundTransaction) {
     EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-j DROP"));
 }
 
+// A refusal that somebody else may have caused is tried three times more, and then it is the kernel's own.
+TEST_F(ATransactionalTable, BelievesTheFourthRefusalThatOthersMayHaveCaused) {
+    done({"-N VPK-A", "-A INPUT -j VPK-A"});
+    const std::string text = "-s 10.0.0.1/32 -j DROP";
+    int toCome = 3;
+    int attempts = 0;
+    const auto refuseUnbound = [&] {
+        foreignAppend("INPUT", "-s 10.9.9.9 -j DROP");
+        // Ten of them are bound to a generation, which has passed.
+        backend->refuse = [&, mayRefuse = ++attempts > 10](const Change &change) {
+            return mayRefuse && isFor(change, text) && toCome-- > 0 ? ENOENT : 0;
+        };
+    };
+    backend->beforeCommit = refuseUnbound;
+    done({"-A VPK-A -s 10.0.0.1 -j DROP"});
+    EXPECT_EQ(14, attempts);
+    EXPECT_THAT(plainRules("VPK-A"), ElementsAre(text));
+
+    backend->beforeCommit = nullptr;
+    done({"-F VPK-A"});
+    toCome = 4;
+    attempts = 0;
+    backend->beforeCommit = refuseUnbound;
+    table->open();
+    accepted({"-A VPK-A -s 10.0.0.1 -j DROP"});
+    EXPECT_THAT(
+        namesOf(table->push()),
+        ElementsAre("-A VPK-A -s 10.0.0.1 -j DROP (4, iptables: RULE_APPEND failed (No such file or directory): "
+                    "rule in chain VPK-A)"));
+    EXPECT_EQ(14, attempts);
+}
+
 TEST_F(ATransactionalTable, SaysWhatIsLostWhereAChainVanishesBeforeAnUnboundTransaction) {
     done({"-N VPK-A", "-N VPK-B"});
     int commits = 0;
