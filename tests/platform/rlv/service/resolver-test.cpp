@@ -22,7 +22,11 @@ using Kind = LookUpResult::Kind;
 using Clock = support::EventLoop::Clock;
 using Names = std::vector<std::string>;
 
-bool hasChildren() { return ::waitpid(-1, nullptr, WNOHANG) == 0; }
+// Also where they have ended and nobody has asked after them.
+bool hasChildren() {
+    siginfo_t info{};
+    return ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0;
+}
 
 class LookUpsOfNames : public testing::Test {
 protected:
