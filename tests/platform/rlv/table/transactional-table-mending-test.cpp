@@ -7,22 +7,12 @@
 #include <utility>
 #include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include "rlv/table/rule-text.h"
-#include "scripted-backend.h"
+#include "transactional-table-fixture.h"
 
 namespace {
 
-using rlv::Change;
-using testing::ElementsAre;
+using namespace scripted;
 using testing::HasSubstr;
-using testing::IsEmpty;
-using Kind = Change::Kind;
-using Texts = std::vector<std::string>;
-
-rlv::Command parsed(const std::string &options) { return std::get<rlv::Command>(rlv::parseCommand(options, "VPK-")); }
 
 // A rule of somebody else's, also in chains that the service would not touch.
 rlv::Rule jumpTo(const std::string &chain) {
@@ -38,27 +28,14 @@ rlv::Rule from(std::uint32_t address, rlv::Target::Kind target = rlv::Target::Ki
     return rule;
 }
 
-class AMendingTable : public testing::Test {
+class AMendingTable : public ATransactionalTable {
 protected:
     AMendingTable() {
-        auto owned = std::make_unique<scripted::Backend>();
-        backend = owned.get();
-        table = std::make_unique<rlv::TransactionalTable>(std::move(owned), "VPK-");
         done({"-N VPK-A", "-N VPK-D", "-A VPK-A -s 10.0.0.1 -j ACCEPT", "-A VPK-D -s 10.0.0.2 -j DROP",
               "-A VPK-D -s 10.0.0.3 -j DROP", "-A VPK-D -s 10.0.0.4 -j DROP", "-A INPUT -j VPK-A",
               "-A INPUT -j VPK-D"});
         table->remember();
         before = picture();
-    }
-
-    void accepted(const Texts &commands) {
-        for (const std::string &options : commands)
-            EXPECT_EQ("", table->apply({parsed(options)}, options).message) << options;
-    }
-    void done(const Texts &commands) {
-        table->open();
-        accepted(commands);
-        EXPECT_THAT(table->push().lost, IsEmpty());
     }
 
     // All chains with their rules, with handles where they are asked for.
@@ -101,8 +78,6 @@ protected:
         removeChain("INPUT");
     }
 
-    scripted::Backend *backend = nullptr;
-    std::unique_ptr<rlv::TransactionalTable> table;
     Texts before;
 };
 
