@@ -197,4 +197,50 @@ TEST(AStateOfTheTrafficControlService, IsNoneWhenALengthIsLargerThanMemory) {
         EXPECT_FALSE(rlv::protocol::decodeState(text.replace(name - 4, 4, length, 4)));
 }
 
+using About = rlv::protocol::NamesRequest::About;
+
+TEST(ARequestAboutNames, IsReadAsItWasWritten) {
+    for (const About about : {About::look, About::list, About::announce, About::announceAll, About::retain}) {
+        const auto requests = rlv::protocol::encodeNamesRequest(about, {"one.example", "two"});
+        ASSERT_EQ(1U, requests.size());
+        EXPECT_EQ(static_cast<std::uint64_t>(about), requests[0].number);
+        EXPECT_EQ("one.example\ntwo\n", requests[0].text);
+        const auto read = rlv::protocol::decodeNamesRequest(requests[0]);
+        ASSERT_TRUE(read);
+        EXPECT_EQ(about, read->about);
+        EXPECT_FALSE(read->moreFollow);
+        EXPECT_EQ((std::vector<std::string>{"one.example", "two"}), read->names);
+    }
+}
+
+TEST(ARequestAboutNames, GoesOnInAnotherWhereOneIsFullToTheByte) {
+    std::vector<std::string> names(rlv::protocol::kMaxListBytes / 128,
+                                   std::string(127, 'x')); // a line feed behind each
+    EXPECT_EQ(1U, rlv::protocol::encodeNamesRequest(About::retain, names).size());
+    names.emplace_back("y");
+    const auto requests = rlv::protocol::encodeNamesRequest(About::retain, names);
+    ASSERT_EQ(2U, requests.size());
+    EXPECT_EQ(4U + 256, requests[0].number);
+    EXPECT_EQ(4U, requests[1].number);
+    EXPECT_EQ("y\n", requests[1].text);
+    EXPECT_TRUE(rlv::protocol::decodeNamesRequest(requests[0])->moreFollow);
+}
+
+TEST(ARequestAboutNames, LeavesOutWhatIsLongerThanANameCanBe) {
+    const auto requests = rlv::protocol::encodeNamesRequest(
+        About::announce, {std::string(255, 'x'), std::string(254, 'y'), std::string(300, 'z')});
+    ASSERT_EQ(1U, requests.size());
+    EXPECT_EQ(std::string(254, 'y') + "\n", requests[0].text);
+}
+
+TEST(ARequestAboutNames, IsNoneOfAnotherKindOrMeaningOrTorn) {
+    using rlv::protocol::decodeNamesRequest;
+    using rlv::protocol::Request;
+    EXPECT_TRUE(decodeNamesRequest({Request::Kind::names, 4, ""}));
+    EXPECT_FALSE(decodeNamesRequest({Request::Kind::names, 5, ""}));
+    EXPECT_FALSE(decodeNamesRequest({Request::Kind::names, 512, ""}));
+    EXPECT_FALSE(decodeNamesRequest({Request::Kind::query, 0, ""}));
+    EXPECT_FALSE(decodeNamesRequest({Request::Kind::names, 0, "one\ntwo"}));
+}
+
 } // namespace

@@ -46,6 +46,11 @@ TEST_F(APlainFile, IsMadeWhereNothingIs) {
     EXPECT_TRUE(std::filesystem::is_regular_file(kPath));
 }
 
+TEST_F(APlainFile, IsMadeForNobodyWhereNoModeIsSaid) {
+    EXPECT_TRUE(support::openPlain(kPath, O_WRONLY | O_CREAT));
+    EXPECT_EQ(std::filesystem::perms::none, std::filesystem::status(kPath).permissions());
+}
+
 // Each kind in turn: refused at once, named, untouched, and taken away where that can be done.
 TEST_F(APlainFile, IsNothingElseThatLiesThere) {
     for (const auto &kind : planted::kinds()) {

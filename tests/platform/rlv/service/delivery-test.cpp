@@ -2,11 +2,24 @@
 #include "rlv/service/delivery.h"
 
 #include <cerrno>
+#include <cstddef>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "service-parts.h"
+
+namespace {
+
+int trims = 0;
+
+} // namespace
+
+// Instead of the C library's.
+extern "C" int malloc_trim(std::size_t /*pad*/) noexcept {
+    ++trims;
+    return 1;
+}
 
 namespace {
 
@@ -225,6 +238,26 @@ TEST_F(ADelivery, BeginsAnewWithEachConnection) {
     command("-A VPK-A -j DROP");
     EXPECT_TRUE(isSentAlone()) << "and is not deferred";
     EXPECT_TRUE(delivery.close());
+}
+
+// Rules that have come and gone leave freed memory; few are not worth the while.
+TEST_F(ADelivery, GivesMemoryBackAfterManyRules) {
+    rlv::PushReport report;
+    report.added = 12'000;
+    report.removed = 7'999;
+    around.table.pushed = report;
+    command("-A VPK-A -j DROP");
+    EXPECT_TRUE(delivery.close());
+    EXPECT_EQ(0, trims) << "the client does not wait for it";
+    parts::runDue(around.loop);
+    EXPECT_EQ(1, trims);
+    --report.removed;
+    around.table.pushed = report;
+    begin();
+    command("-A VPK-A -j DROP");
+    EXPECT_TRUE(delivery.close());
+    parts::runDue(around.loop);
+    EXPECT_EQ(1, trims);
 }
 
 TEST_F(ADelivery, ForgetsAtItsOpeningWhatWasToBeSent) {

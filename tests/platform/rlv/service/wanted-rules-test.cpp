@@ -2,12 +2,25 @@
 #include "rlv/service/wanted-rules.h"
 
 #include <algorithm>
+#include <cstddef>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "service-parts.h"
 #include "support/name-server.h"
+
+namespace {
+
+int trims = 0;
+
+} // namespace
+
+// Instead of the C library's.
+extern "C" int malloc_trim(std::size_t /*pad*/) noexcept {
+    ++trims;
+    return 1;
+}
 
 namespace {
 
@@ -57,6 +70,19 @@ TEST_F(WantedRules, AreThoseThatStand) {
     EXPECT_EQ(1U, comparison.chains[1].wanted);
     EXPECT_EQ(1U, comparison.chains[1].inForce);
     EXPECT_THAT(around.table.calls, ElementsAre("look"));
+}
+
+TEST_F(WantedRules, LeaveMemoryToBeGivenBackWhereTheyAreMany) {
+    Texts commands{"-N VPK-A"}; // counts, too
+    for (int i = 0; i < 998; ++i)
+        commands.push_back("-A VPK-A -s 10.0." + std::to_string(i / 250) + "." + std::to_string(i % 250) + " -j DROP");
+    differences(commands);
+    parts::runDue(around.loop);
+    EXPECT_EQ(0, trims);
+    commands.emplace_back("-A VPK-A -s 10.1.0.0 -j DROP");
+    differences(commands);
+    parts::runDue(around.loop);
+    EXPECT_EQ(1, trims);
 }
 
 TEST_F(WantedRules, AreReadWhereThatIsAskedFor) {

@@ -47,6 +47,30 @@ TEST_F(ATransactionalTable, DeletesTheStandingOneOfTwoEqualRulesFirst) {
     EXPECT_THAT(rules("VPK-A"), ElementsAre(before[1]));
 }
 
+TEST_F(ATransactionalTable, MakesNoBuiltInChainForARuleThatIsRefused) {
+    done({"-N VPK-A"});
+    refuseRule("-j VPK-A");
+    table->open();
+    accepted({"-A INPUT -j VPK-A", "-A VPK-A -j DROP"});
+    EXPECT_EQ(1U, table->push().lost.size());
+    EXPECT_FALSE(stands("INPUT"));
+    EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-j DROP"));
+}
+
+TEST_F(ATransactionalTable, KeepsABuiltInChainThatStandsWhereItsRuleIsRefused) {
+    done({"-N VPK-A", "-A INPUT -j VPK-A"});
+    foreignAppend("INPUT", "-s 10.9.9.9 -j DROP");
+    done({"-D INPUT -j VPK-A"});
+    refuseRule("-j VPK-A");
+    table->open();
+    accepted({"-A INPUT -j VPK-A", "-A VPK-A -j DROP"});
+    EXPECT_EQ(1U, table->push().lost.size());
+    EXPECT_THAT(plainRules("INPUT"), ElementsAre("-s 10.9.9.9/32 -j DROP"));
+    backend->refuse = nullptr;
+    done({"-A INPUT -j VPK-A"});
+    EXPECT_THAT(plainRules("INPUT"), ElementsAre("-s 10.9.9.9/32 -j DROP", "-j VPK-A"));
+}
+
 TEST_F(ATransactionalTable, KeepsChainsThatAMapRefersTo) {
     done({"-N VPK-A"});
     backend->pinned.insert("VPK-A");
