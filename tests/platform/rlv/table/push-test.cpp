@@ -170,6 +170,25 @@ TEST_F(ATransactionalTable, BelievesTheFourthRefusalThatOthersMayHaveCaused) {
     EXPECT_EQ(14, attempts);
 }
 
+// What is to be deleted is never there any more, and somebody has changed something each time.
+TEST_F(ATransactionalTable, GivesUpAfterAHundredConflictsAndSaysThatTheyMayPass) {
+    done({"-N VPK-A", "-A VPK-A -s 10.0.0.1 -j DROP", "-A INPUT -j VPK-A"});
+    int attempts = 0;
+    backend->beforeCommit = [&] {
+        ++attempts;
+        foreignAppend("INPUT", "-s 10.9.9.9 -j DROP");
+    };
+    refuseKind(Kind::deleteRule, ENOENT);
+    table->open();
+    accepted({"-D VPK-A -s 10.0.0.1 -j DROP", "-A VPK-A -j DROP"});
+    const auto report = table->push();
+    EXPECT_EQ(100, attempts);
+    EXPECT_TRUE(report.mayPass);
+    const std::string why = " (4, iptables: the tables change faster than they can be written)";
+    EXPECT_THAT(namesOf(report), ElementsAre("-D VPK-A -s 10.0.0.1 -j DROP" + why, "-A VPK-A -j DROP" + why));
+    EXPECT_THAT(plainRules("VPK-A"), ElementsAre("-s 10.0.0.1/32 -j DROP"));
+}
+
 TEST_F(ATransactionalTable, SaysWhatIsLostWhereAChainVanishesBeforeAnUnboundTransaction) {
     done({"-N VPK-A", "-N VPK-B"});
     int commits = 0;
