@@ -82,9 +82,7 @@ std::size_t NameServer::questions(const std::string &name) {
     return questions_[name];
 }
 
-Reply NameServer::replyFor(const std::string &name) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    ++questions_[name];
+Reply NameServer::replyFor(const std::string &name) const {
     Reply best;
     std::size_t length = 0;
     for (const auto &[zone, reply] : replies_) {
@@ -96,35 +94,52 @@ Reply NameServer::replyFor(const std::string &name) {
     return best;
 }
 
-// Empty when nothing is to be said.
-std::string NameServer::answer(const std::string &question) {
-    const Reply reply = replyFor(nameIn(question));
+void NameServer::take(const Question &question) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::string name = nameIn(question.text);
+    ++questions_[name];
+    const Reply reply = replyFor(name);
+    if (reply.kind == Reply::Kind::held)
+        held_.push_back(question);
+    else
+        answer(question, reply);
+}
+
+void NameServer::release(std::size_t count, const Reply &reply) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (; count > 0; --count) {
+        answer(held_.at(0), reply);
+        held_.pop_front();
+    }
+}
+
+void NameServer::answer(const Question &question, const Reply &reply) {
     if (reply.kind == Reply::Kind::silence)
-        return {};
+        return;
     const unsigned code = reply.kind == Reply::Kind::failure ? 2 : reply.kind == Reply::Kind::absent ? 3 : 0;
     // Recursion was wanted and is available.
-    std::string text = question.substr(0, 2) + number(0x8180 | code) + number(1) +
+    std::string text = question.text.substr(0, 2) + number(0x8180 | code) + number(1) +
                        number(static_cast<unsigned>(reply.addresses.size())) + number(0) + number(0);
-    const std::size_t name = question.find('\0', kHeadBytes);
-    text += question.substr(kHeadBytes, name + 5 - kHeadBytes);
+    const std::size_t name = question.text.find('\0', kHeadBytes);
+    text += question.text.substr(kHeadBytes, name + 5 - kHeadBytes);
     for (const auto &address : reply.addresses)
         text += record(address);
-    return text;
+    ::sendto(socket_.get(), text.data(), text.size(), 0, reinterpret_cast<const sockaddr *>(&question.asker),
+             sizeof question.asker);
 }
 
 void NameServer::serve() {
     std::array<pollfd, 2> waited{{{socket_.get(), POLLIN, 0}, {stop_.get(), POLLIN, 0}}};
     while (::poll(waited.data(), waited.size(), -1) >= 0 && waited[1].revents == 0) {
         std::array<char, 512> buffer;
-        sockaddr_in asker{};
-        socklen_t length = sizeof asker;
+        Question question;
+        socklen_t length = sizeof question.asker;
         const ssize_t size = ::recvfrom(socket_.get(), buffer.data(), buffer.size(), MSG_DONTWAIT,
-                                        reinterpret_cast<sockaddr *>(&asker), &length);
+                                        reinterpret_cast<sockaddr *>(&question.asker), &length);
         if (size < static_cast<ssize_t>(kHeadBytes))
             continue;
-        const std::string text = answer({buffer.data(), static_cast<std::size_t>(size)});
-        if (!text.empty())
-            ::sendto(socket_.get(), text.data(), text.size(), 0, reinterpret_cast<const sockaddr *>(&asker), length);
+        question.text.assign(buffer.data(), static_cast<std::size_t>(size));
+        take(question);
     }
 }
 

@@ -3,8 +3,10 @@
 #define TESTS_SUPPORT_NAME_SERVER_H
 
 #include <cstddef>
+#include <deque>
 #include <map>
 #include <mutex>
+#include <netinet/in.h>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,7 +17,7 @@ namespace nameserver {
 
 // What is answered for a name; of a name that nothing was said about, that it does not exist.
 struct Reply {
-    enum class Kind { addresses, absent, failure, silence };
+    enum class Kind { addresses, absent, failure, silence, held };
     Kind kind = Kind::absent;
     std::vector<std::string> addresses; // at most 20, which fit into a packet
 };
@@ -24,6 +26,8 @@ inline Reply addresses(std::vector<std::string> these) { return {Reply::Kind::ad
 inline Reply failure() { return {Reply::Kind::failure, {}}; }
 inline Reply silence() { return {Reply::Kind::silence, {}}; }
 inline Reply absent() { return {Reply::Kind::absent, {}}; }
+// None before release().
+inline Reply held() { return {Reply::Kind::held, {}}; }
 
 // Answers at 127.0.0.1, port 53, until the end of the object.
 class NameServer {
@@ -37,17 +41,26 @@ public:
     void set(const std::string &name, const Reply &reply);
     // How often this very name was asked for so far.
     std::size_t questions(const std::string &name);
+    // Answers the first `count` of the questions that are held, in the order in which they came.
+    void release(std::size_t count, const Reply &reply);
 
 private:
+    struct Question {
+        std::string text;
+        sockaddr_in asker{};
+    };
+
     void serve();
-    std::string answer(const std::string &question);
-    Reply replyFor(const std::string &name);
+    void take(const Question &question);
+    void answer(const Question &question, const Reply &reply);
+    Reply replyFor(const std::string &name) const;
 
     support::UniqueFd socket_;
     support::UniqueFd stop_;
     std::mutex mutex_;
     std::map<std::string, Reply> replies_;
     std::map<std::string, std::size_t> questions_;
+    std::deque<Question> held_;
     std::thread thread_;
 };
 
