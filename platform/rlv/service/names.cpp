@@ -327,7 +327,8 @@ std::unique_ptr<Names::Wait> Names::lookUp(const std::string &name, std::chrono:
     const std::string key = keyOf(name);
     std::unique_ptr<Wait> wait(new Wait(*this, key, std::move(done)));
     Wait *const waiting = wait.get();
-    makeRoom();
+    if (entries_.count(key) == 0)
+        makeRoom();
     const Entry &entry = entries_[key];
     // One in the background may be waiting for what was lost on its way long ago.
     const bool isUnderWay = entry.round != 0 && !isInBackground(entry);

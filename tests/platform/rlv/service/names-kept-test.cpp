@@ -316,6 +316,23 @@ TEST_F(KeptNames, DoNotMakeRoomByThoseInUse) {
     EXPECT_THAT(denying(numberedName(1)), IsEmpty()) << "of the others, it was used first";
 }
 
+TEST_F(KeptNames, DoNotMakeRoomByThoseThatAreLookedUp) {
+    startWith(numbered(rlv::kMaxKeptNames));
+    const std::string last = numberedName(rlv::kMaxKeptNames - 1);
+    server.set(last, nameserver::silence());
+    begin(last);
+    lookUp("one.example");
+    EXPECT_THAT(denying(last), ElementsAre(kOne));
+    EXPECT_THAT(denying(numberedName(rlv::kMaxKeptNames - 2)), IsEmpty());
+}
+
+TEST_F(KeptNames, AreKeptWhenAllRoomIsTaken) {
+    startWith(numbered(rlv::kMaxKeptNames));
+    server.set(numberedName(3), names::two());
+    lookUp(numberedName(3));
+    EXPECT_EQ(rlv::kMaxKeptNames, standing(rlv::kMaxKeptNames));
+}
+
 TEST_F(KeptNames, MakeRoomAtAnotherTimeWhenAllAreInUse) {
     names::forksFail = true;
     Texts all;
