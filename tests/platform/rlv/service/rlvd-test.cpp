@@ -8,6 +8,7 @@
 #include <fstream>
 #include <functional>
 #include <grp.h>
+#include <iterator>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -189,6 +190,17 @@ TEST(TheService, DoesNotStartForAnAccountThatDoesNotExist) {
     expectOneLine(result.errors);
 }
 
+// Whoever started it may look at its standard error or not.
+TEST(TheService, AlsoLogsWhyItDidNotStart) {
+    const std::string log = "/run/rlvd-log";
+    const auto result =
+        process::capture({process::built("rlvd"), "--simulate", "--client-user", "nosuchuser", "--log-file", log});
+    EXPECT_EQ(1, result.status);
+    std::ifstream file(log);
+    EXPECT_THAT(std::string(std::istreambuf_iterator<char>(file), {}),
+                HasSubstr("ended: --client-user nosuchuser: no such account"));
+}
+
 TEST(TheService, TakesTheNumberOfAnAccountAndNoneThatIsTooLarge) {
     { const SimulatedService service({"--client-user", "1"}); }
     for (const char *number : {"4294967296", "4294967297", "18446744073709551617", "1x", "+1", "-1", ""})
@@ -196,8 +208,11 @@ TEST(TheService, TakesTheNumberOfAnAccountAndNoneThatIsTooLarge) {
 }
 
 TEST(TheService, DoesNotStartWithAPrefixThatABuiltInChainHas) {
-    for (const char *prefix : {"", "IN", "OUTPUT", "VPK DENY", "-N", "1"})
+    const std::string longest(20, 'X');
+    for (const std::string &prefix : {std::string(), std::string("IN"), std::string("OUTPUT"), std::string("VPK DENY"),
+                                      std::string("-N"), std::string("1"), longest + "X"})
         EXPECT_NE(0, ended({"--simulate", "--chain-prefix", prefix}).status) << prefix;
+    const SimulatedService service({"--chain-prefix", longest});
 }
 
 class TheServiceOnASignal : public testing::TestWithParam<int> {};
@@ -260,7 +275,11 @@ TEST(TheService, TellsAServiceManagerThatItIsReady) {
 TEST(TheService, SaysItsVersionAndTeaches) {
     EXPECT_EQ("rlvd 0.1.0\n", ended({"--version"}).output);
     const auto help = ended({"--help"}).output;
-    for (const char *word : {"--client-user", "--chain-prefix", "--no-resolve", "--simulate", "--remove-tables"})
+    for (const char *word :
+         {"--client-user NAME ...", "--chain-prefix TEXT=VPK- ", "--no-resolve", "--simulate", "--remove-tables",
+          "--socket TEXT=/run/vpk/rlvd/socket\n", "--max-clients UINT:INT in [1 - 512]=128\n",
+          "--max-clients-per-user UINT:INT in [1 - 512]=32\n", "--idle-timeout INT:INT in [1 - 86400]=600\n",
+          "--refresh-names INT:INT in [1 - 86400]=300\n"})
         EXPECT_THAT(help, HasSubstr(word));
 }
 
