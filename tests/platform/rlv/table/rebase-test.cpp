@@ -118,4 +118,17 @@ TEST_F(FewPendingCommands, KeepToTheBound) {
     EXPECT_EQ(0U, pending.room());
 }
 
+TEST_F(FewPendingCommands, LeaveABuiltInChainThatTheyHaveMadeWhereThereIsRoom) {
+    rlv::Ruleset empty;
+    empty.chains["VPK-A"];
+    pending.load(empty);
+    ASSERT_EQ(0, apply("-A OUTPUT -j VPK-A"));
+    ASSERT_EQ(0, apply("-D OUTPUT -j VPK-A"));
+    rebase(rulesetOf({"-s 10.0.0.8 -j DROP"}));
+    EXPECT_EQ(1U, pending.plan(true).count("OUTPUT")) << "it is the fourth";
+    rebase(rulesetOf({"-s 10.0.0.8 -j DROP", "-s 10.0.0.9 -j DROP"}));
+    EXPECT_EQ(0U, pending.plan(true).count("OUTPUT"));
+    EXPECT_THAT(lost, IsEmpty());
+}
+
 } // namespace

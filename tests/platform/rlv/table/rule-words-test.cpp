@@ -43,7 +43,7 @@ TEST(AHostName, HasLabels) {
 
 // A resolver might take these for addresses.
 TEST(AHostName, EndsInNoNumber) {
-    for (const char *word : {"0", "1", "10.0.0.1", "a.1", "a.1.", "0x", "0xff", "0Xff", "a.0x1", "a.0X"})
+    for (const char *word : {"0", "1", "9", "10.0.0.1", "a.1", "a.9", "a.1.", "0x", "0xff", "0Xff", "a.0x1", "a.0X"})
         EXPECT_FALSE(rlv::isHostName(word)) << word;
 }
 
@@ -62,6 +62,7 @@ TEST(AProtocol, IsANameInEitherCaseOrANumber) {
     EXPECT_EQ(6, rlv::parseProtocol("tcp"));
     EXPECT_EQ(6, rlv::parseProtocol("TCP"));
     EXPECT_EQ(17, rlv::parseProtocol("Udp"));
+    EXPECT_EQ(51, rlv::parseProtocol("AH"));
     EXPECT_EQ(0, rlv::parseProtocol("all"));
     EXPECT_EQ(0, rlv::parseProtocol("0"));
     EXPECT_EQ(255, rlv::parseProtocol("255"));
