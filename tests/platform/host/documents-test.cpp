@@ -16,9 +16,11 @@
 #include "mavo/exception.h"
 #include "nyr-common-client/outbox.h"
 #include "nyr/report.h"
+#include "told-lines.h"
 
 namespace {
 
+using testing::Contains;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::StartsWith;
@@ -101,6 +103,16 @@ TEST_F(TheDocuments, TellTheLaterOfTheNewestReportAndTheConfiguredOne) {
     EXPECT_EQ(lastReport(), "3001");
     configureLastReport("nonsense");
     EXPECT_EQ(lastReport(), "3000");
+}
+
+TEST_F(TheDocuments, AreWholeWhereTheReportsCannotBeReadAndThatIsLogged) {
+    std::filesystem::remove_all(nyr::kOutboxDirectory);
+    std::ofstream(nyr::kOutboxDirectory) << "no folder";
+    configureLastReport("3001");
+    hosttest::ToldLines told;
+    EXPECT_EQ(lastReport(), "3001");
+    EXPECT_THAT(told.take(),
+                Contains(HasSubstr("outbox " + std::string(nyr::kOutboxDirectory) + ": cannot be opened")));
 }
 
 TEST_F(TheDocuments, SayWhenTheServiceCannotBeAsked) {

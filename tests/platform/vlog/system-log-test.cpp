@@ -197,7 +197,11 @@ TEST(SystemLogging, LeavesAloneAFileThatHasGotItsNumber) {
     ASSERT_EQ(number, ::dup2(innocent.get(), number));
     EXPECT_EQ(1, LOG_INFO_LINE("2"));
     EXPECT_THAT(service.next(), ContainsRegex(": 2$"));
-    EXPECT_GE(::fcntl(number, F_GETFD), 0) << "nor is it closed";
+    struct stat before {};
+    struct stat now {};
+    EXPECT_EQ(0, ::fstat(innocent.get(), &before));
+    EXPECT_EQ(0, ::fstat(number, &now)) << "nor is it closed";
+    EXPECT_EQ(before.st_ino, now.st_ino) << "nor does the number become another's";
     EXPECT_EQ(0U, std::filesystem::file_size("/run/innocent"));
 }
 
