@@ -195,6 +195,21 @@ TEST_F(TheConfigurationFile, HasAFolderAgainWhereSomethingElseStood) {
     EXPECT_EQ(contents(folder.string() + ".refused"), "a file");
 }
 
+TEST_F(TheConfigurationFile, HasItsFolderOpenedToUsAndNoFurther) {
+    const std::string folder = fs::path(kFile).parent_path();
+    const std::string above = fs::path(folder).parent_path();
+    keep(kSound);
+    for (const mode_t mode : {0400U, 0755U}) {
+        for (const std::string &one : {folder, above})
+            ASSERT_EQ(0, ::chmod(one.c_str(), mode));
+        host::healConfig();
+        struct stat status {};
+        ASSERT_EQ(0, ::stat(above.c_str(), &status));
+        EXPECT_EQ(mode == 0755 ? 0755U : 0700U, status.st_mode & 0777);
+        EXPECT_EQ(contents(kFile), kSound);
+    }
+}
+
 TEST_F(TheConfigurationFile, IsFoundAgainAfterAKillInTheMiddle) {
     write(kFile + ".new", kSound);
     host::healConfig();

@@ -54,6 +54,18 @@ TEST_F(Vpkd, KeepsItsDataPrivateAndItsSocketOpenToAll) {
     EXPECT_EQ(modeOf(vpkdtest::kSocket), 0666U);
 }
 
+// A client or a file that goes away under a writing plugin fails the writing.
+TEST_F(Vpkd, IgnoresTheSignalsThatWouldEndAWriter) {
+    start();
+    std::ifstream status("/proc/" + std::to_string(host_->id()) + "/status");
+    std::string line;
+    while (std::getline(status, line) && line.rfind("SigIgn:", 0) != 0) {
+    }
+    const unsigned long long ignored = std::stoull(line.substr(line.find(':') + 1), nullptr, 16);
+    for (const int signal : {SIGPIPE, SIGXFSZ})
+        EXPECT_NE(0U, ignored & 1ULL << (signal - 1)) << signal;
+}
+
 TEST_F(Vpkd, StopsOnSigtermWithoutDeletingThePlugin) {
     start();
     EXPECT_EQ(stop(), 0) << host_->errors();

@@ -134,6 +134,9 @@ TEST(ALogLine, GoesOnAfterSignalsAndPieceByPiece) {
     calls::writes = {EINTR, 0, EINTR};
     EXPECT_EQ(9, LOG_INFO_LINE("all of it"));
     EXPECT_THAT(textsOf(kPath), ElementsAre("all of it"));
+    calls::writeBytes = 1;
+    EXPECT_EQ(12, LOG_INFO_LINE("byte by byte"));
+    EXPECT_THAT(textsOf(kPath), ElementsAre("all of it", "byte by byte"));
 }
 
 TEST(ALogLine, FollowsALineOfWhichNothingWentOutWithoutABreak) {
