@@ -6,10 +6,10 @@
 #include <vector>
 
 #include "cli/policy.h"
-#include "cli/rule-list.h"
 #include "cli/session.h"
 #include "cli/settings.h"
 #include "cli/terminal.h"
+#include "rules/rule-list.h"
 
 namespace cli {
 namespace {
@@ -20,9 +20,10 @@ constexpr const char *kPolicyWarning =
 
 // A warning for the first rule that cuts off the caller.
 std::vector<std::string> warningsAboutDenied(const std::string &list) {
-    const auto rules = readRules(list);
-    const auto all = std::find_if(rules.begin(), rules.end(),
-                                  [](const ReadRule &read) { return read.problem.empty() && cutsOff(read.rule); });
+    const auto rules = rules::readRules(list);
+    const auto all = std::find_if(rules.begin(), rules.end(), [](const rules::ReadRule &read) {
+        return !read.problem && rules::cutsOff(read.rule);
+    });
     if (all == rules.end())
         return {};
     return {"\"" + std::string(all->text) +

@@ -12,6 +12,7 @@
 #include "cli/session.h"
 #include "cli/terminal.h"
 #include "host/firewall-plugin.h"
+#include "rules/rule.h"
 
 namespace cli {
 namespace {
@@ -121,16 +122,11 @@ std::string lastReportLine(const std::string &seconds) {
     return seconds.empty() ? "none yet" : timeOf(std::strtoll(seconds.c_str(), nullptr, 10));
 }
 
-std::string orAny(const std::string &field) { return field.empty() ? "*" : printable(field); }
-
-std::string ruleLine(const Json &rule) {
-    constexpr std::array<const char *, 3> kDirections = {"bid", "in", "out"};
-    std::string port = text(rule, "port");
-    std::replace(port.begin(), port.end(), ':', '-');
-    const auto direction = static_cast<std::size_t>(number(rule, "direction"));
-    return std::string(text(rule, "action") == "allow" ? host::kApplyAllow : host::kApplyDeny) + " " +
-           orAny(text(rule, "protocol")) + ":" + orAny(text(rule, "domain")) + ":" + orAny(port) + ":" +
-           kDirections.at(direction < kDirections.size() ? direction : 0) + "\n";
+std::string ruleLine(const Json &document) {
+    const rules::Rule rule{text(document, "protocol"), text(document, "domain"), text(document, "port"),
+                           static_cast<int>(number(document, "direction"))};
+    return std::string(text(document, "action") == "allow" ? host::kApplyAllow : host::kApplyDeny) + " " +
+           printable(rules::textOf(rule)) + "\n";
 }
 
 } // namespace

@@ -7,13 +7,15 @@
 #include <vector>
 
 #include "cli/documents-as-text.h"
-#include "cli/rule-list.h"
 #include "cli/terminal.h"
 #include "host/method-names.h"
 #include "host/remarks.h"
+#include "rules/rule-list.h"
 
 namespace cli {
 namespace {
+
+using rules::ReadRule;
 
 bool isControl(char byte) { return static_cast<unsigned char>(byte) < ' ' || byte == '\x7f'; }
 
@@ -25,10 +27,10 @@ std::string ruleNumber(std::size_t index, std::size_t count) {
 // Says what the first refused rule has; false when all can be read.
 bool sayFirstProblem(const std::vector<ReadRule> &rules, const std::string &where) {
     const auto wrong =
-        std::find_if(rules.begin(), rules.end(), [](const ReadRule &rule) { return !rule.problem.empty(); });
+        std::find_if(rules.begin(), rules.end(), [](const ReadRule &rule) { return rule.problem.has_value(); });
     if (wrong == rules.end())
         return false;
-    say(where + ruleNumber(static_cast<std::size_t>(wrong - rules.begin()), rules.size()) + wrong->problem);
+    say(where + ruleNumber(static_cast<std::size_t>(wrong - rules.begin()), rules.size()) + describe(*wrong->problem));
     return true;
 }
 
@@ -41,7 +43,7 @@ void explainLines(const SentRules &sent) {
         if (!line.empty() && line.back() == '\r')
             line.remove_suffix(1);
         const std::string where = sent.source + ", line " + std::to_string(number) + ": ";
-        if (sayFirstProblem(readRules(line), where))
+        if (sayFirstProblem(rules::readRules(line), where))
             break;
         if (std::any_of(line.begin(), line.end(), isControl)) {
             say(where + "a rule holds no control characters");
@@ -83,7 +85,7 @@ std::string storedAs(const std::set<Fields> &stored, const std::vector<ReadRule>
     std::vector<bool> isStored;
     std::vector<bool> isNot;
     for (const auto &[text, rule, problem] : rules) {
-        isStored.push_back(problem.empty() &&
+        isStored.push_back(!problem &&
                            stored.count({allow, rule.protocol, rule.address, rule.port, rule.direction}) != 0);
         isNot.push_back(!isStored.back());
     }
@@ -136,11 +138,11 @@ void explainSilence(const Session &session, const PluginCommand &command, const 
 void explainRules(const Session &session, const SentRules &sent) {
     if (std::any_of(sent.list.begin(), sent.list.end(), isControl))
         return explainLines(sent);
-    const auto rules = readRules(sent.list);
+    const auto rules = rules::readRules(sent.list);
     const bool fromElsewhere = sent.source != "the data";
     if (!sayFirstProblem(rules, fromElsewhere ? sent.source + ", " : "")) {
-        const auto ipv6 =
-            std::find_if(rules.begin(), rules.end(), [](const ReadRule &rule) { return looksLikeIpv6(rule.text); });
+        const auto ipv6 = std::find_if(rules.begin(), rules.end(),
+                                       [](const ReadRule &rule) { return rules::looksLikeIpv6(rule.text); });
         if (ipv6 != rules.end())
             say("\"" + std::string(ipv6->text) + "\" may hold an IPv6 address; rules are about IPv4 only");
     }

@@ -81,19 +81,20 @@ const KindOfFinding &kindOf(Kind kind) {
 std::uint64_t &countOf(RuleCounts &counts, bool allowed) { return allowed ? counts.allow : counts.deny; }
 
 // What is stored, and what it comes to as far as that can be told without the service.
-void tellExpected(Account &account, const EachCommand &each) {
+void tellExpected(Account &account, const rules::EachCommand &each) {
     RuleCounts stored;
     RuleCounts expected;
-    forEachStoredRule([&](const StoredRule &rule) {
-        ++countOf(stored, rule.allowed);
-        countOf(expected, rule.allowed) += static_cast<std::uint64_t>(forEachCommandOf(rule, each));
+    forEachStoredRule([&](const StoredRule &row) {
+        ++countOf(stored, row.allowed);
+        countOf(expected, row.allowed) +=
+            static_cast<std::uint64_t>(rules::forEachCommandOf(row.rule, row.allowed, each));
     });
     account.stored = stored;
     account.expected = expected;
 }
 
 // What the database gives for an exception is its problem; what the service gives passes.
-void tellExpectedUnlessUnreadable(Account &account, const EachCommand &each) {
+void tellExpectedUnlessUnreadable(Account &account, const rules::EachCommand &each) {
     try {
         tellExpected(account, each);
     } catch (const std::system_error &) {
@@ -142,7 +143,7 @@ void compareRules(bool reading, Account &account) {
     // A service that hangs is found out sooner than one that is slow.
     const auto state = rlv::query(kNoConnections, kQueryTimeout);
     const auto comparison = rlv::compare(
-        [&](const EachCommand &each) {
+        [&](const rules::EachCommand &each) {
             forEachLayoutCommand(each);
             tellExpectedUnlessUnreadable(account, each);
         },

@@ -200,11 +200,12 @@ std::string rulesDocument() {
     builder["indentation"] = "";
     const std::unique_ptr<Json::StreamWriter> writer(builder.newStreamWriter());
     std::string document = R"({"rules":[)";
-    forEachStoredRule([&](const StoredRule &stored) {
+    forEachStoredRule([&](const StoredRule &row) {
+        const rules::Rule &stored = row.rule;
         Json::Value rule;
-        rule["action"] = stored.allowed ? "allow" : "deny";
+        rule["action"] = row.allowed ? "allow" : "deny";
         rule["protocol"] = stored.protocol;
-        rule["domain"] = stored.domain;
+        rule["domain"] = stored.address;
         rule["port"] = stored.port;
         rule["direction"] = stored.direction == kInbound || stored.direction == kOutbound ? stored.direction : 0;
         std::ostringstream text;

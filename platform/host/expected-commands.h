@@ -1,24 +1,14 @@
-// The commands with which the firewall would be built in an empty table, told a second time, and independently of the
-// plugin: what stands is measured against these.
+// The commands with which the chains would be laid out in an empty table, told a second time, and independently of the
+// plugin: what stands is measured against these, and those of the stored rules (rules/rule-commands.h).
 #ifndef PLATFORM_HOST_EXPECTED_COMMANDS_H
 #define PLATFORM_HOST_EXPECTED_COMMANDS_H
 
-#include <functional>
-#include <string>
-#include <string_view>
-
-#include "host/stored-rules.h"
+#include "rules/rule-commands.h"
 
 namespace host {
 
-// Takes one option text.
-using EachCommand = std::function<void(std::string_view options)>;
-
 // The chains, the jumps to them in their order, and the rules that log and drop.
-void forEachLayoutCommand(const EachCommand &each);
-
-// One for each direction of the rule; gives back how many.
-int forEachCommandOf(const StoredRule &rule, const EachCommand &each);
+void forEachLayoutCommand(const rules::EachCommand &each);
 
 } // namespace host
 

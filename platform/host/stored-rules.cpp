@@ -25,8 +25,9 @@ void forEachStoredRule(const std::function<void(const StoredRule &)> &each) try 
     mavo::database::Connection connection(kRuleDatabase, kReadOnly, false);
     mavo::database::Statement statement(connection, std::string("SELECT ") + kRuleColumns + " FROM " + kRuleTable);
     while (statement.step()) {
-        each({statement.getColumn(0).getText(), statement.getColumn(1).getText(), statement.getColumn(2).getText(),
-              statement.getColumn(3).getInt(), statement.getColumn(4).getInt() != 0});
+        each({{statement.getColumn(0).getText(), statement.getColumn(1).getText(), statement.getColumn(2).getText(),
+               statement.getColumn(3).getInt()},
+              statement.getColumn(4).getInt() != 0});
     }
 } catch (const mavo::Exception &error) {
     throw mavo::Exception(std::string(kRuleDatabase) + ": " + error.what());

@@ -3,15 +3,13 @@
 #define PLATFORM_HOST_STORED_RULES_H
 
 #include <functional>
-#include <string>
+
+#include "rules/rule.h"
 
 namespace host {
 
 struct StoredRule {
-    std::string protocol; // empty for any, as the others
-    std::string domain;
-    std::string port;  // a range has ':' between its bounds
-    int direction = 0; // kInbound, kOutbound, anything else both
+    rules::Rule rule;
     bool allowed = false;
 };
 

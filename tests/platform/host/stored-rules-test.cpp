@@ -28,9 +28,10 @@ protected:
 
     static std::vector<std::string> read() {
         std::vector<std::string> rules;
-        host::forEachStoredRule([&](const host::StoredRule &rule) {
-            rules.push_back(rule.protocol + "|" + rule.domain + "|" + rule.port + "|" + std::to_string(rule.direction) +
-                            (rule.allowed ? "|allowed" : "|denied"));
+        host::forEachStoredRule([&](const host::StoredRule &row) {
+            const auto &[protocol, address, port, direction] = row.rule;
+            rules.push_back(protocol + "|" + address + "|" + port + "|" + std::to_string(direction) +
+                            (row.allowed ? "|allowed" : "|denied"));
         });
         return rules;
     }

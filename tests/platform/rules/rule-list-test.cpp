@@ -1,4 +1,4 @@
-#include "cli/rule-list.h"
+#include "rules/rule-list.h"
 
 #include <fstream>
 #include <initializer_list>
@@ -9,7 +9,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-namespace cli {
+namespace rules {
 
 bool operator==(const Rule &one, const Rule &other) {
     return std::tie(one.protocol, one.address, one.port, one.direction) ==
@@ -20,15 +20,15 @@ std::ostream &operator<<(std::ostream &stream, const Rule &rule) {
     return stream << rule.protocol << ' ' << rule.address << ' ' << rule.port << ' ' << rule.direction;
 }
 
-} // namespace cli
+} // namespace rules
 
 namespace {
 
-using cli::cutsOff;
-using cli::looksLikeIpv6;
-using cli::ReadRule;
-using cli::readRules;
-using cli::Rule;
+using rules::cutsOff;
+using rules::looksLikeIpv6;
+using rules::ReadRule;
+using rules::readRules;
+using rules::Rule;
 
 // The only rule of a list.
 ReadRule only(std::string_view list) {
@@ -37,7 +37,11 @@ ReadRule only(std::string_view list) {
     return rules.empty() ? ReadRule() : rules.front();
 }
 
-std::string problemOf(std::string_view list) { return only(list).problem; }
+// In one line; empty for a rule that the plugin takes.
+std::string problemOf(std::string_view list) {
+    const auto read = only(list);
+    return read.problem ? describe(*read.problem) : "";
+}
 
 TEST(ARuleList, HasItsRulesInOrder) {
     EXPECT_TRUE(readRules("").empty());
@@ -45,7 +49,7 @@ TEST(ARuleList, HasItsRulesInOrder) {
     ASSERT_EQ(rules.size(), 3U);
     EXPECT_EQ(rules[0].text, "tcp:a:1");
     EXPECT_EQ(rules[1].text, "");
-    EXPECT_EQ(rules[1].problem, "it is empty; one \";\" joins two rules");
+    EXPECT_EQ(describe(rules[1].problem.value()), "it is empty; one \";\" joins two rules");
     EXPECT_EQ(rules[2].text, "udp:b:2");
     EXPECT_EQ(rules[2].rule, (Rule{"udp", "b", "2", 0}));
 }
@@ -119,6 +123,30 @@ TEST(ARule, HasAPortByItsNumberNotByItsName) {
     EXPECT_EQ(problemOf("tcp:a:nyr-test"),
               "\"nyr-test\" is no port; a number such as 80, a range such as 8000-8080, and * for any are (nyr-test is "
               "4242)");
+}
+
+struct Refused {
+    const char *text;
+    std::size_t offset;
+    const char *word;
+};
+
+TEST(AProblem, NamesTheWordAndItsPlace) {
+    for (const auto &[text, offset, word] : std::initializer_list<Refused>{{"tcp:a", 0, "tcp:a"},
+                                                                           {"", 0, ""},
+                                                                           {"tcp:a:8o", 6, "8o"},
+                                                                           {"tcp:a:8o:in", 6, "8o"},
+                                                                           {"tcp:a:80:up", 9, "up"},
+                                                                           {"tcp:a:80:", 9, ""},
+                                                                           {"tcp:a:80:in:x", 9, "in:x"},
+                                                                           {"tcp:fe80::1:80", 0, "tcp:fe80::1:80"}}) {
+        const auto problem = rules::readRule(text).problem.value();
+        EXPECT_EQ(problem.offset, offset) << text;
+        EXPECT_EQ(problem.refused, word) << text;
+    }
+    const auto problem = rules::readRule("tcp:a:80:up").problem.value();
+    EXPECT_EQ(problem.complaint, "\"up\" is no direction");
+    EXPECT_EQ(problem.accepted, "in, out and bid (both) are");
 }
 
 TEST(AProblem, ShowsTheBeginningOfALongWord) {

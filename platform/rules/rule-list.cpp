@@ -1,4 +1,4 @@
-#include "cli/rule-list.h"
+#include "rules/rule-list.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -7,15 +7,19 @@
 #include <netdb.h>
 #include <netinet/in.h>
 
-namespace cli {
+namespace rules {
 namespace {
 
 constexpr std::string_view kForm = "a rule is protocol:address:port or protocol:address:port:direction";
 constexpr std::size_t kShownBytes = 60;
 
+} // namespace
+
 std::string quoted(std::string_view word) {
     return '"' + std::string(word.substr(0, kShownBytes)) + (word.size() > kShownBytes ? "...\"" : "\"");
 }
+
+std::string describe(const Problem &problem) { return problem.complaint + "; " + problem.accepted; }
 
 std::vector<std::string_view> fieldsOf(std::string_view text) {
     std::vector<std::string_view> fields;
@@ -27,6 +31,8 @@ std::vector<std::string_view> fieldsOf(std::string_view text) {
         at = end + 1;
     }
 }
+
+namespace {
 
 // With the length of a prefix behind it, or in brackets, too.
 bool isAddress(int family, std::string_view text) {
@@ -69,25 +75,27 @@ std::string meantBy(const std::vector<std::string_view> &fields) {
     return "; \"*\" stands for any";
 }
 
-std::string formatProblem(std::string_view text, const std::vector<std::string_view> &fields) {
+Problem formatProblem(std::string_view text, const std::vector<std::string_view> &fields) {
     if (text.empty())
-        return "it is empty; one \";\" joins two rules";
-    return quoted(text) + " has " + (fields.size() == 1 ? "one field" : "two fields") + "; " + std::string(kForm) +
-           meantBy(fields);
+        return {0, "", "it is empty", "one \";\" joins two rules"};
+    return {0, std::string(text), quoted(text) + " has " + (fields.size() == 1 ? "one field" : "two fields"),
+            std::string(kForm) + meantBy(fields)};
 }
 
-std::string directionProblem(std::string_view text, std::string_view word) {
+Problem directionProblem(std::string_view text, std::string_view word) {
     if (holdsIpv6(text))
-        return quoted(text) + " holds an IPv6 address; rules are about IPv4 only";
-    return quoted(word) + " is no direction; in, out and bid (both) are";
+        return {0, std::string(text), quoted(text) + " holds an IPv6 address", "rules are about IPv4 only"};
+    return {static_cast<std::size_t>(word.data() - text.data()), std::string(word), quoted(word) + " is no direction",
+            "in, out and bid (both) are"};
 }
 
-std::string portProblem(std::string_view word) {
+Problem portProblem(std::string_view text, std::string_view word) {
     const std::string name(word);
     const auto *const service = ::getservbyname(name.c_str(), nullptr);
     const auto port = service != nullptr ? ntohs(static_cast<std::uint16_t>(service->s_port)) : 0;
-    return quoted(word) + " is no port; a number such as 80, a range such as 8000-8080, and * for any are" +
-           (service != nullptr ? " (" + name + " is " + std::to_string(port) + ")" : "");
+    return {static_cast<std::size_t>(word.data() - text.data()), name, quoted(word) + " is no port",
+            "a number such as 80, a range such as 8000-8080, and * for any are" +
+                (service != nullptr ? " (" + name + " is " + std::to_string(port) + ")" : "")};
 }
 
 std::string anyOr(std::string_view field) {
@@ -118,6 +126,8 @@ bool readPort(std::string_view word, std::string &port) {
     return true;
 }
 
+} // namespace
+
 ReadRule readRule(std::string_view text) {
     ReadRule read{text, {}, {}};
     const auto fields = fieldsOf(text);
@@ -133,12 +143,10 @@ ReadRule readRule(std::string_view text) {
         if (!readDirection(word, read.rule.direction))
             read.problem = directionProblem(text, word);
     }
-    if (read.problem.empty() && !readPort(fields[2], read.rule.port))
-        read.problem = portProblem(fields[2]);
+    if (!read.problem && !readPort(fields[2], read.rule.port))
+        read.problem = portProblem(text, fields[2]);
     return read;
 }
-
-} // namespace
 
 std::vector<ReadRule> readRules(std::string_view list) {
     std::vector<ReadRule> rules;
@@ -165,4 +173,4 @@ bool cutsOff(const Rule &rule) {
     return anyAddress && anyPort && carriesLogins;
 }
 
-} // namespace cli
+} // namespace rules
