@@ -7,6 +7,7 @@ _vpkctl_methods='Firewall::ApplyAllowRules Firewall::ApplyDenyRules Firewall::Fl
 _vpkctl_options() {
     case $1 in
     '') echo '-h --help --socket --version' ;;
+    allow | deny) echo '-h --help --socket --yes' ;;
     exec) echo '-h --help --socket --raw --yes --as-is' ;;
     call) echo '-h --help --socket --yes --as-is' ;;
     status | verify) echo '-h --help --socket --json --strict' ;;
@@ -43,7 +44,8 @@ _vpkctl_data() {
 # What stands at position $2 after the subcommand $1; $3 is the word before it.
 _vpkctl_positional() {
     case $1.$2 in
-    .0) _vpkctl_words 'exec call status verify set-status apply-status reload rules reports' ;;
+    .0) _vpkctl_words 'allow deny exec call status verify set-status apply-status reload rules reports' ;;
+    allow.* | deny.*) [[ $cur == - ]] || _vpkctl_data ApplyAllowRules ;;
     exec.0) _vpkctl_words "$_vpkctl_commands" ;;
     exec.1) _vpkctl_data "$3" ;;
     call.0) _vpkctl_words "$_vpkctl_methods" ;;

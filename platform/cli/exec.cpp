@@ -1,16 +1,12 @@
 // vpkctl exec: a command of the plugin.
-#include <algorithm>
-#include <cstdio>
 #include <iostream>
 #include <memory>
 
 #include "cli/data-checks.h"
-#include "cli/explanations.h"
+#include "cli/execution.h"
 #include "cli/input.h"
 #include "cli/policy.h"
 #include "cli/session.h"
-#include "cli/terminal.h"
-#include "host/method-names.h"
 
 namespace cli {
 namespace {
@@ -57,46 +53,11 @@ SentRules rulesOf(const Arguments &arguments, const std::string &data) {
     return rules;
 }
 
-// Counted only: the list may be long, and is read if it is refused.
-std::string workOf(const Arguments &arguments, const std::string &data) {
-    const auto *const command = findNamed(kPluginCommands, arguments.command);
-    if (command == nullptr || command->data != CommandData::rules || data.empty())
-        return arguments.command;
-    const auto joints = std::count(data.begin(), data.end() - 1, ';');
-    return arguments.command + ", rules: " + std::to_string(joints + 1);
-}
-
-// Says why the call was refused or ended, and what that means for the rules.
-void explain(const Exit &exit, const Arguments &arguments, const std::string &data, Session &session) {
-    say(exit.what());
-    const SentRules rules = rulesOf(arguments, data);
-    if (!rules.list.empty())
-        explainRules(session, rules);
-    session.exitStatus = exit.status();
-}
-
 void run(const Arguments &arguments, Session &session) {
     const std::string data = dataFrom(arguments.data, arguments.raw || arguments.consent.asIs, std::cin);
     if (const auto *const command = findNamed(kPluginCommands, arguments.command))
         checkData(arguments.command, *command, data, arguments.consent);
-    mavo::rmi::Message request;
-    request.write(arguments.command);
-    request.write(data);
-    session.work = workOf(arguments, data);
-    const auto reply = session.ask(host::kExecuteCommandMethod, request);
-    session.work.clear();
-    try {
-        requireDone(host::kExecuteCommandMethod, reply);
-    } catch (const Exit &exit) {
-        return explain(exit, arguments, data, session);
-    }
-    const std::string text = textOf(reply);
-    if (!text.empty())
-        std::printf("%s\n", text.c_str());
-    const bool failed = text == host::kFail;
-    if (failed)
-        explainFailure(session, arguments.command, data, rulesOf(arguments, data), reply);
-    session.exitStatus = statusOf(reply, !failed);
+    execute(session, arguments.command, data, [&] { return rulesOf(arguments, data); });
 }
 
 } // namespace

@@ -17,7 +17,7 @@ namespace {
 
 constexpr const char *kFooter = R"(Begin with:
   vpkctl status
-  vpkctl exec ApplyDenyRules tcp:10.0.0.5:80:out
+  vpkctl deny tcp:10.0.0.5:80:out
   vpkctl rules
 "vpkctl SUBCOMMAND --help" says more. Exit status: 0 done, 1 failed or not in
 force, 2 not carried out (the host does not run or refuses), 3 an exception
@@ -28,15 +28,17 @@ struct Subcommand {
     void (*add)(CLI::App &, cli::Session &);
 };
 
-constexpr std::array<Subcommand, 9> kSubcommands = {{{"exec", cli::addExec},
-                                                     {"call", cli::addCall},
-                                                     {"status", cli::addStatus},
-                                                     {"verify", cli::addVerify},
-                                                     {"set-status", cli::addSetStatus},
-                                                     {"apply-status", cli::addApplyStatus},
-                                                     {"reload", cli::addReload},
-                                                     {"rules", cli::addRules},
-                                                     {"reports", cli::addReports}}};
+constexpr std::array<Subcommand, 11> kSubcommands = {{{"allow", cli::addAllow},
+                                                      {"deny", cli::addDeny},
+                                                      {"exec", cli::addExec},
+                                                      {"call", cli::addCall},
+                                                      {"status", cli::addStatus},
+                                                      {"verify", cli::addVerify},
+                                                      {"set-status", cli::addSetStatus},
+                                                      {"apply-status", cli::addApplyStatus},
+                                                      {"reload", cli::addReload},
+                                                      {"rules", cli::addRules},
+                                                      {"reports", cli::addReports}}};
 
 using Words = std::vector<std::string>;
 

@@ -58,6 +58,8 @@ ExitStatus statusOf(const mavo::rmi::Reply &reply, bool wentWell);
 
 // One for each subcommand, in a source file of its name.
 void addExec(CLI::App &app, Session &session);
+void addAllow(CLI::App &app, Session &session);
+void addDeny(CLI::App &app, Session &session); // in allow.cpp
 void addCall(CLI::App &app, Session &session);
 void addStatus(CLI::App &app, Session &session);
 void addVerify(CLI::App &app, Session &session); // in status.cpp

@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <cstddef>
 
+#include "cli/lower-case.h"
+
 namespace cli {
 namespace {
 
 constexpr std::size_t kLongestWord = 64; // nobody means one of ours by a longer one
-
-char lower(char letter) { return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter; }
 
 // How many letters have to be changed, left out, added or exchanged with the next one (Damerau and Levenshtein).
 std::size_t distance(std::string_view one, std::string_view other) {
@@ -23,10 +23,10 @@ std::size_t distance(std::string_view one, std::string_view other) {
         last = row;
         row[0] = i;
         for (std::size_t j = 1; j <= other.size(); ++j) {
-            const bool equal = lower(one[i - 1]) == lower(other[j - 1]);
+            const bool equal = lowerCase(one[i - 1]) == lowerCase(other[j - 1]);
             row[j] = std::min({last[j] + 1, row[j - 1] + 1, last[j - 1] + (equal ? 0 : 1)});
-            const bool exchanged =
-                i > 1 && j > 1 && lower(one[i - 1]) == lower(other[j - 2]) && lower(one[i - 2]) == lower(other[j - 1]);
+            const bool exchanged = i > 1 && j > 1 && lowerCase(one[i - 1]) == lowerCase(other[j - 2]) &&
+                                   lowerCase(one[i - 2]) == lowerCase(other[j - 1]);
             if (exchanged)
                 row[j] = std::min(row[j], beforeLast[j - 2] + 1);
         }

@@ -17,13 +17,11 @@ struct Wish {
 };
 
 // What newcomers write, and how that is done.
-constexpr std::array<Wish, 12> kWishes = {{{"allow", "exec ApplyAllowRules 'tcp:10.0.0.5:80:out'"},
-                                           {"accept", "exec ApplyAllowRules 'tcp:10.0.0.5:80:out'"},
-                                           {"permit", "exec ApplyAllowRules 'tcp:10.0.0.5:80:out'"},
-                                           {"deny", "exec ApplyDenyRules 'tcp:10.0.0.5:80:out'"},
-                                           {"block", "exec ApplyDenyRules 'tcp:10.0.0.5:80:out'"},
-                                           {"drop", "exec ApplyDenyRules 'tcp:10.0.0.5:80:out'"},
-                                           {"reject", "exec ApplyDenyRules 'tcp:10.0.0.5:80:out'"},
+constexpr std::array<Wish, 10> kWishes = {{{"accept", "allow tcp:10.0.0.5:80:out"},
+                                           {"permit", "allow tcp:10.0.0.5:80:out"},
+                                           {"block", "deny tcp:10.0.0.5:80:out"},
+                                           {"drop", "deny tcp:10.0.0.5:80:out"},
+                                           {"reject", "deny tcp:10.0.0.5:80:out"},
                                            {"flush", "exec FlushDenyRules, exec FlushAllowRules"},
                                            {"list", "rules"},
                                            {"show", "rules"},
@@ -103,6 +101,8 @@ std::string missing(const CLI::App &app, const CLI::ParseError &error) {
         accepted = ": " + listOf(namesOf(kPluginCommands));
     else if (subcommand->get_name() == "call")
         accepted = ", such as " + listOf(namesOf(kPluginMethods));
+    else if (subcommand->get_name() == "allow" || subcommand->get_name() == "deny")
+        accepted = ", such as tcp:10.0.0.5:80:out, or @FILE, or - for standard input";
     return subcommand->get_name() + ": " + error.what() + accepted + seeHelp(subcommand);
 }
 

@@ -14,7 +14,8 @@ namespace {
 using testing::StartsWith;
 using Words = std::vector<std::string>;
 
-constexpr const char *kSubcommands = "exec, call, status, verify, set-status, apply-status, reload, rules, reports";
+constexpr const char *kSubcommands =
+    "allow, deny, exec, call, status, verify, set-status, apply-status, reload, rules, reports";
 constexpr const char *kCommands = "ApplyAllowRules, ApplyDenyRules, FlushAllowRules, FlushDenyRules, ApplyPolicy, "
                                   "EnableStatCollector, DisableStatCollector, StatCollectorPolicy, SendReport";
 
@@ -25,8 +26,8 @@ std::string explained(const Words &words) {
     session.socket = "/nowhere";
     app.add_option("--socket", session.socket);
     app.require_subcommand(0, 1);
-    for (const auto add : {cli::addExec, cli::addCall, cli::addStatus, cli::addVerify, cli::addSetStatus,
-                           cli::addApplyStatus, cli::addReload, cli::addRules, cli::addReports})
+    for (const auto add : {cli::addAllow, cli::addDeny, cli::addExec, cli::addCall, cli::addStatus, cli::addVerify,
+                           cli::addSetStatus, cli::addApplyStatus, cli::addReload, cli::addRules, cli::addReports})
         add(app, session);
     for (auto *subcommand : app.get_subcommands(nullptr))
         subcommand->fallthrough();
@@ -58,13 +59,11 @@ TEST(AWordThatIsNoSubcommand, IsExplained) {
 std::string isNone(const std::string &word) { return '"' + word + "\" is no subcommand; this is: vpkctl "; }
 
 TEST(AWordOfANewcomer, IsTranslated) {
-    const std::string allow = "exec ApplyAllowRules 'tcp:10.0.0.5:80:out'";
-    const std::string deny = "exec ApplyDenyRules 'tcp:10.0.0.5:80:out'";
+    const std::string allow = "allow tcp:10.0.0.5:80:out";
+    const std::string deny = "deny tcp:10.0.0.5:80:out";
     for (const auto &[word, way] :
-         std::vector<std::pair<std::string, std::string>>{{"allow", allow},
-                                                          {"accept", allow},
+         std::vector<std::pair<std::string, std::string>>{{"accept", allow},
                                                           {"permit", allow},
-                                                          {"deny", deny},
                                                           {"block", deny},
                                                           {"drop", deny},
                                                           {"reject", deny},
