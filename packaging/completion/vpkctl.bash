@@ -10,7 +10,7 @@ _vpkctl_options() {
     allow | deny) echo '-h --help --socket --yes' ;;
     exec) echo '-h --help --socket --raw --yes --as-is' ;;
     call) echo '-h --help --socket --yes --as-is' ;;
-    status | verify) echo '-h --help --socket --json --strict' ;;
+    check | status | verify) echo '-h --help --socket --json --strict' ;;
     rules | reports) echo '-h --help --socket --json' ;;
     *) echo '-h --help --socket' ;;
     esac
@@ -44,8 +44,12 @@ _vpkctl_data() {
 # What stands at position $2 after the subcommand $1; $3 is the word before it.
 _vpkctl_positional() {
     case $1.$2 in
-    .0) _vpkctl_words 'allow deny exec call status verify set-status apply-status reload rules reports' ;;
+    .0) _vpkctl_words 'allow deny exec call check status verify set-status apply-status reload rules reports' ;;
     allow.* | deny.*) [[ $cur == - ]] || _vpkctl_data ApplyAllowRules ;;
+    check.0)
+        [[ $cur != - ]] || return
+        _vpkctl_files ''
+        ;;
     exec.0) _vpkctl_words "$_vpkctl_commands" ;;
     exec.1) _vpkctl_data "$3" ;;
     call.0) _vpkctl_words "$_vpkctl_methods" ;;

@@ -69,7 +69,7 @@ std::string listOf(const std::vector<CheckedRule> &rules) {
 }
 
 void run(const Arguments &arguments, bool allows, Session &session) {
-    const auto rules = checkedRules(rulesInArguments(arguments.rules, std::cin));
+    const auto rules = checkedRules(rulesInArguments(arguments.rules, std::cin), PortNames::replaced);
     refuse(problemsOf(rules, allows));
     if (rules.empty())
         throw Exit(kNotCarriedOut, "there is no rule in what was read; nothing was done");

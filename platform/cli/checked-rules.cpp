@@ -5,10 +5,11 @@
 namespace cli {
 namespace {
 
-CheckedRule checkedRule(const WrittenRule &written) {
+CheckedRule checkedRule(const WrittenRule &written, PortNames names) {
     CheckedRule checked{written, written.text, {}, {}, {}};
     auto read = rules::readRule(checked.text);
-    checked.numbered = numbered(read);
+    if (names == PortNames::replaced)
+        checked.numbered = numbered(read);
     if (checked.numbered) {
         checked.text = checked.numbered->text;
         read = rules::readRule(checked.text);
@@ -20,11 +21,11 @@ CheckedRule checkedRule(const WrittenRule &written) {
 
 } // namespace
 
-std::vector<CheckedRule> checkedRules(const std::vector<WrittenRule> &written) {
+std::vector<CheckedRule> checkedRules(const std::vector<WrittenRule> &written, PortNames names) {
     std::vector<CheckedRule> rules;
     rules.reserve(written.size());
     for (const auto &rule : written)
-        rules.push_back(checkedRule(rule));
+        rules.push_back(checkedRule(rule, names));
     return rules;
 }
 

@@ -20,8 +20,11 @@ struct CheckedRule {
     std::optional<Numbered> numbered;      // where the two texts differ
 };
 
+// What becomes of the name of a service where a port should be.
+enum class PortNames { replaced, refused };
+
 // A rule is refused that the plugin refuses, or of which its text tells that the traffic-control service does.
-std::vector<CheckedRule> checkedRules(const std::vector<WrittenRule> &written);
+std::vector<CheckedRule> checkedRules(const std::vector<WrittenRule> &written, PortNames names);
 
 // "rules.txt:3:11: \"8o\" is no port; a number such as 80, … are".
 std::string describeProblem(const CheckedRule &rule);

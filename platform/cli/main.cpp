@@ -28,10 +28,11 @@ struct Subcommand {
     void (*add)(CLI::App &, cli::Session &);
 };
 
-constexpr std::array<Subcommand, 11> kSubcommands = {{{"allow", cli::addAllow},
+constexpr std::array<Subcommand, 12> kSubcommands = {{{"allow", cli::addAllow},
                                                       {"deny", cli::addDeny},
                                                       {"exec", cli::addExec},
                                                       {"call", cli::addCall},
+                                                      {"check", cli::addCheck},
                                                       {"status", cli::addStatus},
                                                       {"verify", cli::addVerify},
                                                       {"set-status", cli::addSetStatus},

@@ -44,14 +44,19 @@ void addWarningsAboutList(const Json &list, std::vector<std::string> &warnings) 
 
 } // namespace
 
+std::string ruleTextOf(const Json &entry) {
+    std::string text = entry.dump(-1, ' ', true);
+    text.erase(std::remove(text.begin(), text.end(), '"'), text.end());
+    return text;
+}
+
 std::string rulesOfPolicy(const std::string &policy) {
     const Json document = parsed(policy, true);
     std::string rules;
     if (!document.is_object() || !document.contains(kAllow) || !document[kAllow].is_array())
         return rules;
     for (const auto &entry : document[kAllow])
-        rules += (entry.is_string() ? entry.get<std::string>() : entry.dump()) + ";";
-    rules.erase(std::remove(rules.begin(), rules.end(), '"'), rules.end());
+        rules += ruleTextOf(entry) + ";";
     return rules;
 }
 

@@ -5,7 +5,12 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 namespace cli {
+
+// The text that the plugin makes of one entry: its JSON, without the quotes.
+std::string ruleTextOf(const nlohmann::json &entry);
 
 // The list of rules that the plugin makes of a policy; empty for one that cannot be read.
 std::string rulesOfPolicy(const std::string &policy);

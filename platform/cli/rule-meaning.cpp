@@ -1,6 +1,7 @@
 #include "cli/rule-meaning.h"
 
 #include <algorithm>
+#include <tuple>
 #include <variant>
 
 #include "cli/lower-case.h"
@@ -60,6 +61,13 @@ Problem at(std::size_t offset, Problem problem) {
 }
 
 } // namespace
+
+bool operator==(const Half &one, const Half &other) {
+    const auto fields = [](const Half &half) {
+        return std::tie(half.inbound, half.protocol, half.address, half.name, half.ports);
+    };
+    return fields(one) == fields(other);
+}
 
 std::optional<Problem> refusalOf(const rules::ReadRule &read) {
     const auto control = std::find_if(read.text.begin(), read.text.end(), isControl);

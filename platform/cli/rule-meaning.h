@@ -21,6 +21,8 @@ struct Half {
     rlv::PortRange ports;                 // all of them: any port, or what has none
 };
 
+bool operator==(const Half &one, const Half &other);
+
 // Why the service will refuse a rule that the plugin takes, or the host a list with it: as far as the text alone tells.
 // That a host name has no address, or that the kernel lacks something, does not stand there.
 std::optional<rules::Problem> refusalOf(const rules::ReadRule &read);

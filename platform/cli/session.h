@@ -61,6 +61,7 @@ void addExec(CLI::App &app, Session &session);
 void addAllow(CLI::App &app, Session &session);
 void addDeny(CLI::App &app, Session &session); // in allow.cpp
 void addCall(CLI::App &app, Session &session);
+void addCheck(CLI::App &app, Session &session);
 void addStatus(CLI::App &app, Session &session);
 void addVerify(CLI::App &app, Session &session); // in status.cpp
 void addSetStatus(CLI::App &app, Session &session);

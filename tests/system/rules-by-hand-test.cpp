@@ -65,4 +65,31 @@ TEST_F(RulesByHand, AreRefusedForWhatTheServiceRefuses) {
     EXPECT_EQ(storedRules().size(), 0U);
 }
 
+TEST_F(RulesByHand, AreCheckedBeforehandAndNothingChanges) {
+    std::ofstream("/run/rules") << "# ours\nallow tcp:192.0.2.0/24:https:out\ndeny tcp:192.0.2.1:443:out\n";
+    EXPECT_EQ(ran(0, {"check", "/run/rules"}).output,
+              "/run/rules:3:6: COVERED  it denies nothing: an allow rule decides before it: "
+              "\"tcp:192.0.2.0/24:https:out\" at /run/rules:2:7\n"
+              "/run/rules: 2 rules, 0 mistakes, 1 warning\n");
+    ran(1, {"check", "--strict", "/run/rules"});
+    EXPECT_THAT(ran(1, {"check", "-"}, "deny tcp:192.0.2.1:443:uot\n").output,
+                HasSubstr("standard input:1:24: REFUSED"));
+    EXPECT_THAT(ran(1, {"check", "--json", "-"}, "x").output, HasSubstr("{\"exitStatus\":1,\"findings\":[{"));
+    const auto unread = ran(2, {"check", "--json", "/run/none"});
+    EXPECT_EQ(unread.output, "");
+    EXPECT_EQ(unread.errors, "vpkctl: cannot read /run/none: No such file or directory\n");
+    EXPECT_EQ(storedRules().size(), 0U);
+}
+
+// What is said to end denied does.
+TEST_F(RulesByHand, EndDeniedInAPolicyAsTheCheckSays) {
+    std::ofstream("/run/policy") << R"({"ALLOW":["tcp:192.0.2.1:80:out","udp:*:53"],"DENY":["tcp:192.0.2.2:80"]})";
+    const auto checked = ran(0, {"check", "/run/policy"}).output;
+    EXPECT_THAT(checked, HasSubstr("/run/policy:1:12: DENIED  \"tcp:192.0.2.1:80:out\" would end denied"));
+    EXPECT_THAT(checked, HasSubstr("/run/policy:1:35: DENIED  \"udp:*:53\""));
+    EXPECT_THAT(checked, HasSubstr("/run/policy:1:55: IGNORED  entries of \"DENY\" have no effect"));
+    ran(0, {"exec", "ApplyPolicy", "@/run/policy"});
+    EXPECT_EQ(storedRules(), (Rows{{"tcp", "192.0.2.1", "80", 2, 0}, {"udp", "", "53", 0, 0}}));
+}
+
 } // namespace

@@ -5,7 +5,7 @@
 namespace {
 
 cli::CheckedRule only(const std::string &text) {
-    const auto rules = cli::checkedRules({{{"f", 3, 5}, text, {}}});
+    const auto rules = cli::checkedRules({{{"f", 3, 5}, text, {}}}, cli::PortNames::replaced);
     EXPECT_EQ(rules.size(), 1U);
     return rules.front();
 }
@@ -23,6 +23,12 @@ TEST(ACheckedRule, HasTheNumberOfAService) {
     EXPECT_EQ(rule.text, "tcp:10.0.0.5:443:out");
     EXPECT_EQ(rule.rule.port, "443");
     EXPECT_EQ(rule.numbered.value().name, "https");
+}
+
+TEST(ACheckedRule, IsRefusedForANameWhereNoneIsTaken) {
+    const auto rules = cli::checkedRules({{{"f", 1, 1}, "tcp:a:https", {}}}, cli::PortNames::refused);
+    EXPECT_EQ(rules.at(0).problem.value().refused, "https");
+    EXPECT_FALSE(rules.at(0).numbered);
 }
 
 TEST(ACheckedRule, HasAProblemAtItsPlace) {

@@ -12,7 +12,7 @@ using testing::IsEmpty;
 
 TEST(TheRulesOfAPolicy, AreItsAllowEntriesAsThePluginJoinsThem) {
     EXPECT_EQ(rulesOfPolicy(R"({"ALLOW":["tcp:*:80","udp:*:53"],"DENY":["icmp:*:*"]})"), "tcp:*:80;udp:*:53;");
-    EXPECT_EQ(rulesOfPolicy(R"({"ALLOW":[1,"a\"b",null,["c"]]})"), "1;ab;null;[c];") << "its quotes go";
+    EXPECT_EQ(rulesOfPolicy(R"({"ALLOW":[1,"a\"b",null,["c"]]})"), "1;a\\b;null;[c];") << "its quotes go";
     EXPECT_EQ(rulesOfPolicy("{\"ALLOW\":[\"a\"] // none\n}"), "a;") << "it may have comments";
 }
 

@@ -15,7 +15,7 @@ using testing::StartsWith;
 using Words = std::vector<std::string>;
 
 constexpr const char *kSubcommands =
-    "allow, deny, exec, call, status, verify, set-status, apply-status, reload, rules, reports";
+    "allow, deny, exec, call, check, status, verify, set-status, apply-status, reload, rules, reports";
 constexpr const char *kCommands = "ApplyAllowRules, ApplyDenyRules, FlushAllowRules, FlushDenyRules, ApplyPolicy, "
                                   "EnableStatCollector, DisableStatCollector, StatCollectorPolicy, SendReport";
 
@@ -26,8 +26,9 @@ std::string explained(const Words &words) {
     session.socket = "/nowhere";
     app.add_option("--socket", session.socket);
     app.require_subcommand(0, 1);
-    for (const auto add : {cli::addAllow, cli::addDeny, cli::addExec, cli::addCall, cli::addStatus, cli::addVerify,
-                           cli::addSetStatus, cli::addApplyStatus, cli::addReload, cli::addRules, cli::addReports})
+    for (const auto add :
+         {cli::addAllow, cli::addDeny, cli::addExec, cli::addCall, cli::addCheck, cli::addStatus, cli::addVerify,
+          cli::addSetStatus, cli::addApplyStatus, cli::addReload, cli::addRules, cli::addReports})
         add(app, session);
     for (auto *subcommand : app.get_subcommands(nullptr))
         subcommand->fallthrough();
