@@ -149,9 +149,8 @@ BENCHMARK(remoteMethod)->Unit(benchmark::kMicrosecond)->UseRealTime();
     const mavo::rmi::Server server(
         loop, mavo::rmi::listenAt(kSocket, 0600), mavo::rmi::Privileges::load("/run/privileges"),
         mavo::rmi::ServerLimits(), [&](const std::string &name) { return service.find(name); },
-        [](const std::string &, const mavo::rmi::MethodContext &method, mavo::rmi::Message &request) {
-            return mavo::rmi::invokeMethod(method, request);
-        });
+        [](const mavo::rmi::Caller &, const std::string &, const mavo::rmi::MethodContext &method,
+           mavo::rmi::Message &request) { return mavo::rmi::invokeMethod(method, request); });
     loop.run();
     ::_exit(EXIT_SUCCESS);
 }

@@ -1,5 +1,6 @@
 #include "cli/session.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <system_error>
 
@@ -19,7 +20,7 @@ using mavo::rmi::Reply;
 using mavo::rmi::Status;
 
 Reply askHost(const Session &session, const std::string &method, const mavo::rmi::Message &request) try {
-    mavo::rmi::Client client(session.socket);
+    mavo::rmi::Client client(session.socket, ::program_invocation_short_name);
     Progress progress(session.work.empty() ? method : session.work);
     return client.call(
         method, request, [&progress] { progress.goOn(); }, progress.interval());

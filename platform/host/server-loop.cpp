@@ -89,8 +89,8 @@ void ServerLoop::listen(Dispatch &dispatch, support::UniqueFd listener, const ma
     server_ = std::make_unique<mavo::rmi::Server>(
         loop_, std::move(listener), privileges, mavo::rmi::ServerLimits(),
         [&dispatch](const std::string &name) { return dispatch.find(name); },
-        [this, &dispatch](const std::string &name, const mavo::rmi::MethodContext &method,
-                          mavo::rmi::Message &request) {
+        [this, &dispatch](const mavo::rmi::Caller & /*caller*/, const std::string &name,
+                          const mavo::rmi::MethodContext &method, mavo::rmi::Message &request) {
             auto reply = dispatch.invoke(name, method, request);
             if (std::max(request.body().size(), reply.body.size()) > mavo::rmi::kSmallBodyBytes)
                 giveBackMemory();

@@ -110,7 +110,7 @@ void checkLimit(const char *what, std::size_t size, std::size_t limit) {
 
 } // namespace
 
-Client::Client(const std::string &path) {
+Client::Client(const std::string &path, std::string program) : program_(std::move(program)) {
     const auto address = support::UnixAddress::ofPath(path);
     if (address)
         socket_ = support::newUnixSocket(SOCK_STREAM);
@@ -127,7 +127,7 @@ Reply Client::call(const std::string &method, const Message &request, const std:
     auto deadline = Clock::now() + patience;
     // Held here meanwhile: after an exception the connection is out of step, and ends.
     UniqueFd socket = std::move(socket_);
-    Exchange exchange(socket.get(), encodeRequestHead(method, request.body().size()) + request.body());
+    Exchange exchange(socket.get(), encodeRequestHead(method, request.body().size(), program_) + request.body());
     while (!exchange.over()) {
         exchange.goOn(waiting && !exchange.replied() ? millisecondsUntil(deadline) : -1);
         if (waiting && !exchange.replied() && Clock::now() >= deadline) {

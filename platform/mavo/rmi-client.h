@@ -16,8 +16,9 @@ namespace rmi {
 // One connection to a server. Blocks; not thread-safe.
 class Client {
 public:
-    // Throws std::system_error when nobody serves `path` or it may not be used.
-    explicit Client(const std::string &path);
+    // Throws std::system_error when nobody serves `path` or it may not be used. `program` is what the calling program
+    // calls itself; the server notes it.
+    explicit Client(const std::string &path, std::string program = {});
 
     // Sends the request and waits for the reply, however long the call takes. `waiting`, when given, is called
     // whenever `patience` has passed again without the reply. Throws mavo::Exception when the connection breaks or the
@@ -27,6 +28,7 @@ public:
 
 private:
     support::UniqueFd socket_;
+    std::string program_;
 };
 
 } // namespace rmi

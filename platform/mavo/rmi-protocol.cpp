@@ -16,12 +16,22 @@ constexpr std::size_t kWordBytes = 4;
 
 } // namespace
 
-std::string encodeRequestHead(const std::string &method, std::size_t bodyBytes) {
+RequestName splitRequestName(const std::string &name) {
+    const auto end = name.find('\0');
+    if (end == std::string::npos)
+        return {name, {}};
+    return {name.substr(0, end), name.substr(end + 1)};
+}
+
+std::string encodeRequestHead(const std::string &method, std::size_t bodyBytes, const std::string &program) {
+    std::string name = method;
+    if (!program.empty() && method.size() + 1 + program.size() <= kMethodNameLimitBytes)
+        name += '\0' + program;
     FieldWriter head;
-    head.reserve(kRequestHeadBytes + method.size());
-    for (const std::size_t word : {std::size_t{kRequestMagic}, method.size(), bodyBytes})
+    head.reserve(kRequestHeadBytes + name.size());
+    for (const std::size_t word : {std::size_t{kRequestMagic}, name.size(), bodyBytes})
         head.integer(word, kWordBytes);
-    head.rest(method);
+    head.rest(name);
     return head.take();
 }
 

@@ -1,9 +1,10 @@
 // What remote-method clients and servers say to each other over a Unix stream socket.
 //
 // A request is a head and a body. The head is three 32-bit little endian words, kRequestMagic, the length of the
-// method's name and the length of the body, and then the method's name. A reply is two such words, kReplyMagic and the
-// length of what follows, then the status as a word and the fields of Reply in order: strings as a length word and
-// their bytes. A connection carries any number of requests, each answered before the next is read.
+// method's name and the length of the body, and then the method's name. Within the name, behind a NUL, may stand what
+// the caller's program calls itself: for people to read, and proof of nothing. A reply is two such words, kReplyMagic
+// and the length of what follows, then the status as a word and the fields of Reply in order: strings as a length word
+// and their bytes. A connection carries any number of requests, each answered before the next is read.
 #ifndef PLATFORM_MAVO_RMI_PROTOCOL_H
 #define PLATFORM_MAVO_RMI_PROTOCOL_H
 
@@ -49,8 +50,15 @@ struct RequestHead {
     std::size_t bodyBytes = 0;
 };
 
-// The head and the method's name; the body follows.
-std::string encodeRequestHead(const std::string &method, std::size_t bodyBytes);
+// A method's name as a request carries it.
+struct RequestName {
+    std::string method;
+    std::string program; // empty where the caller does not say
+};
+RequestName splitRequestName(const std::string &name);
+
+// The head and the method's name; the body follows. A program's name for which there is no room is left out.
+std::string encodeRequestHead(const std::string &method, std::size_t bodyBytes, const std::string &program = {});
 // Of kRequestHeadBytes bytes; none when they are not a request's or a length is beyond its limit.
 std::optional<RequestHead> decodeRequestHead(const std::string &bytes);
 // Whether these first bytes, however few, can still become a request.

@@ -21,7 +21,7 @@ constexpr std::size_t kDrainLimitBytes = 2 * kBodyLimitBytes;
 
 RequestStream::RequestStream(support::EventLoop &loop, support::UniqueFd socket, Caller caller,
                              const ServerLimits &limits, RequestHandler &handler)
-    : loop_(loop), socket_(std::move(socket)), caller_(caller), requestTimeout_(limits.requestTimeout),
+    : loop_(loop), socket_(std::move(socket)), caller_(std::move(caller)), requestTimeout_(limits.requestTimeout),
       idleTimeout_(limits.idleTimeout), handler_(handler), interest_(EPOLLIN) {
     loop_.watch(socket_.get(), interest_, [this](std::uint32_t) { ready(); });
     startTimer(idleTimeout_);
@@ -120,7 +120,9 @@ void RequestStream::headArrived() {
 }
 
 void RequestStream::nameArrived() {
-    method_ = collected_;
+    RequestName name = splitRequestName(collected_);
+    method_ = std::move(name.method);
+    caller_.program = std::move(name.program);
     const auto refused = handler_.refusal(caller_, method_, bodyBytes_);
     if (refused)
         answer(*refused);

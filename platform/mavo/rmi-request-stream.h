@@ -17,10 +17,6 @@
 namespace mavo {
 namespace rmi {
 
-struct Caller : support::Peer {
-    bool holdsPrivilege = false; // any at all, when it connected
-};
-
 class RequestStream;
 
 // What a stream asks of the server that owns it.
@@ -28,7 +24,7 @@ class RequestHandler {
 public:
     virtual ~RequestHandler() = default;
 
-    // The answer to a request that is refused by its head, or none.
+    // The answer to a request that is refused by its head, or none. The caller's program is that of the request.
     virtual std::optional<Reply> refusal(const Caller &caller, const std::string &method, std::size_t bodyBytes) = 0;
     virtual Reply carryOut(const Caller &caller, const std::string &method, std::string body) = 0;
     // The time spent so far in carrying out calls. It is not held against clients that waited meanwhile.

@@ -59,7 +59,7 @@ std::optional<Caller> callerOf(const UniqueFd &socket, const Privileges &privile
     const auto peer = support::peerOf(socket);
     if (!peer)
         return std::nullopt;
-    return Caller{*peer, privileges.holdsAny(peer->user, peer->group)};
+    return Caller{*peer, privileges.holdsAny(peer->user, peer->group), {}};
 }
 
 std::string oneLine(std::string text) {
@@ -110,7 +110,7 @@ public:
             return Reply{Status::busy, {}, "too many large replies are not read yet", {}};
         Message request(std::move(body));
         const auto start = support::EventLoop::Clock::now();
-        Reply reply = invoke_(method, *context, request);
+        Reply reply = invoke_(caller, method, *context, request);
         timeInCalls_ += std::chrono::ceil<std::chrono::milliseconds>(support::EventLoop::Clock::now() - start);
         return reply;
     }

@@ -14,6 +14,7 @@
 #include "mavo/rmi-protocol.h"
 #include "mavo/rmi.h"
 #include "support/event-loop.h"
+#include "support/peer-credentials.h"
 #include "support/unique-fd.h"
 
 namespace mavo {
@@ -37,6 +38,12 @@ struct ServerLimits {
     std::chrono::milliseconds idleTimeout{60'000};    // with no request under way, or with a reply not read
 };
 
+// Who sends a request.
+struct Caller : support::Peer {
+    bool holdsPrivilege = false; // any at all, when it connected
+    std::string program;         // what it calls itself, which nobody has checked; empty where it does not
+};
+
 // Accepts clients, reads their requests and answers them, one at a time, on the event loop's thread. A slow or silent
 // client holds up nobody. The caller is who the kernel says opened the socket (SO_PEERCRED); whether he holds the
 // method's privilege is decided from the head of a request, and the body of a refused one is thrown away unread.
@@ -45,7 +52,8 @@ public:
     // The method of a name, or null; asked at each request, so that tables can be exchanged under connected clients.
     using Find = std::function<std::shared_ptr<const MethodContext>(const std::string &name)>;
     // Carries out a permitted call. Throws nothing.
-    using Invoke = std::function<Reply(const std::string &name, const MethodContext &method, Message &request)>;
+    using Invoke = std::function<Reply(const Caller &caller, const std::string &name, const MethodContext &method,
+                                       Message &request)>;
 
     // `listener` is a listening stream socket. The event loop must outlive the server.
     Server(support::EventLoop &loop, support::UniqueFd listener, Privileges privileges, ServerLimits limits, Find find,

@@ -113,8 +113,8 @@ std::string repliesTo(const Conversation &conversation) {
     running = &loop;
     Handler handler;
     fd = fuzz::makeSocket({});
-    handler.connection =
-        std::make_unique<RequestStream>(loop, support::UniqueFd(fd), Caller{{0, 0, 0}, true}, ServerLimits(), handler);
+    handler.connection = std::make_unique<RequestStream>(loop, support::UniqueFd(fd), Caller{{0, 0, 0}, true, {}},
+                                                         ServerLimits(), handler);
     loop.run();
     handler.connection.reset();
     std::string told;

@@ -148,7 +148,8 @@ void ScriptedHost::answerOne(const UniqueFd &client) {
     const auto head = mavo::rmi::decodeRequestHead(receive(client, mavo::rmi::kRequestHeadBytes));
     if (!head)
         return;
-    const Call call{receive(client, head->nameBytes), receive(client, head->bodyBytes)};
+    const std::string name = receive(client, head->nameBytes);
+    const Call call{mavo::rmi::splitRequestName(name).method, receive(client, head->bodyBytes)};
     {
         const std::lock_guard lock(mutex_);
         calls_.push_back(call);

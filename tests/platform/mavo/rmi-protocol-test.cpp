@@ -20,6 +20,23 @@ TEST(ARequestToTheHost, HasTheseBytes) {
     EXPECT_EQ(0x10203U, head->bodyBytes);
 }
 
+TEST(ARequestToTheHost, MayCarryWhatTheProgramCallsItself) {
+    const std::string head = mavo::rmi::encodeRequestHead("Echo", 1, "shell");
+    EXPECT_EQ("RMI1\x0a\0\0\0\1\0\0\0Echo\0shell"s, head);
+    const auto name = mavo::rmi::splitRequestName(head.substr(mavo::rmi::kRequestHeadBytes));
+    EXPECT_EQ("Echo", name.method);
+    EXPECT_EQ("shell", name.program);
+    EXPECT_EQ("Echo", mavo::rmi::splitRequestName("Echo").method);
+    EXPECT_EQ("", mavo::rmi::splitRequestName("Echo").program);
+    EXPECT_EQ("a\0b"s, mavo::rmi::splitRequestName("Echo\0a\0b"s).program);
+}
+
+TEST(ARequestToTheHost, LeavesAProgramsNameOutForWhichThereIsNoRoom) {
+    const std::string method(250, 'm');
+    EXPECT_EQ(mavo::rmi::encodeRequestHead(method, 1), mavo::rmi::encodeRequestHead(method, 1, "123456"));
+    EXPECT_EQ(mavo::rmi::kRequestHeadBytes + 256, mavo::rmi::encodeRequestHead(method, 1, "12345").size());
+}
+
 TEST(ARequestToTheHost, IsNoneWithOtherBytesInFrontOrWithTooMany) {
     for (const std::string &bytes : {"RMI1\4\0\0\0\3\2\1"s, "RMI1\4\0\0\0\3\2\1\0E"s, "RMP1\4\0\0\0\3\2\1\0"s,
                                      "RMI1\1\1\0\0\3\2\1\0"s, "RMI1\4\0\0\0\xff\xff\xff\xff"s})

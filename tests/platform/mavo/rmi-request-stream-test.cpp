@@ -42,7 +42,7 @@ protected:
         ServerLimits limits;
         limits.requestTimeout = requestTimeout;
         limits.idleTimeout = idleTimeout;
-        stream_ = std::make_unique<RequestStream>(loop_, UniqueFd(ends[1]), Caller{{1, 2, 3}, true}, limits, *this);
+        stream_ = std::make_unique<RequestStream>(loop_, UniqueFd(ends[1]), Caller{{1, 2, 3}, true, {}}, limits, *this);
     }
 
     // All that can be done now, in `turns` turns of the loop.
@@ -104,7 +104,7 @@ protected:
         EXPECT_TRUE(caller.process == 3 && caller.holdsPrivilege);
         if (method == "throw")
             throw std::runtime_error("no memory");
-        carriedOut_.push_back(method);
+        carriedOut_.push_back(method + (caller.program.empty() ? "" : " for " + caller.program));
         return {Status::ok, method == "large" ? std::string(replySize_, 'r') : std::move(body), {}, {}};
     }
     milliseconds timeInCalls() const override {
@@ -137,6 +137,13 @@ TEST_F(ARequestStream, AnswersOneRequestAfterTheOther) {
     EXPECT_THAT(asked_, ElementsAre("one 5", "two 0", " 5"));
     EXPECT_THAT(carriedOut_, ElementsAre("one", "two", ""));
     EXPECT_EQ(stream_->caller().process, 3);
+}
+
+TEST_F(ARequestStream, TellsWhatTheProgramOfEachRequestCallsItself) {
+    begin();
+    tell(encodeRequestHead("one", 0, "shell") + encodeRequestHead("two", 0) + encodeRequestHead("three", 0, "cron"));
+    turn(3);
+    EXPECT_THAT(carriedOut_, ElementsAre("one for shell", "two", "three for cron"));
 }
 
 TEST_F(ARequestStream, PutsTornRequestsTogether) {

@@ -74,11 +74,12 @@ void serve(UniqueFd listener, int stop, const ServerLimits &limits,
     Server::Find find = [&service](const std::string &name) { return service.find(name); };
     if (changeFind)
         changeFind(find);
-    server = std::make_unique<Server>(loop, std::move(listener), Privileges::load(kPrivilegesFile), limits, find,
-                                      [&calls](const std::string &, const MethodContext &method, Message &request) {
-                                          ++calls;
-                                          return mavo::rmi::invokeMethod(method, request);
-                                      });
+    server = std::make_unique<Server>(
+        loop, std::move(listener), Privileges::load(kPrivilegesFile), limits, find,
+        [&calls](const mavo::rmi::Caller &, const std::string &, const MethodContext &method, Message &request) {
+            ++calls;
+            return mavo::rmi::invokeMethod(method, request);
+        });
     loop.run();
 }
 
