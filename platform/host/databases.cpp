@@ -29,6 +29,8 @@ constexpr int kReadOnly = 1; // SQLite's open flag
 // What the plugin and the host expect of the databases.
 const std::string kRuleSchema = std::string("SELECT ") + kRuleColumns + " FROM " + kRuleTable + " LIMIT 0";
 constexpr const char *kStatusSchema = "SELECT name, status FROM statuses LIMIT 0";
+constexpr const char *kHistorySchema =
+    "SELECT number, time, boot, uptime, bytes, details, difference, rules FROM changes LIMIT 0";
 
 // What was told since the process began. Bounded: the newest stay.
 constexpr std::size_t kMostTold = 8;
@@ -163,6 +165,7 @@ void watchOverDatabases() {
     mavo::database::protectWithBackup(kRuleDatabase, kRuleDatabaseBackup, kRuleSchema);
     mavo::database::mayBeStartedAnew(kStatisticsDatabase);
     mavo::database::mayBeStartedAnew(kStatusDatabase, kStatusSchema);
+    mavo::database::mayBeStartedAnew(kHistoryDatabase, kHistorySchema);
     mavo::database::tellRecoveriesTo(tell);
 }
 
@@ -214,7 +217,7 @@ std::vector<std::string> databaseRemarks() try {
     std::vector<std::string> remarks = told;
     if (!backupProblem.empty())
         remarks.push_back(backupProblem);
-    for (const char *database : {kRuleDatabase, kRuleDatabaseBackup, kStatisticsDatabase}) {
+    for (const char *database : {kRuleDatabase, kRuleDatabaseBackup, kStatisticsDatabase, kHistoryDatabase}) {
         for (const auto &file : mavo::database::filesAside(database))
             remarks.push_back(file + ": lies aside, out of use");
     }

@@ -9,9 +9,9 @@
 
 namespace host {
 
-// Says which file is the backup of the rules, and that statistics and statuses may be started anew. From then on the
-// log tells, as an error, what was done about a damaged database, by this process or the collector. Once, before any
-// database is opened.
+// Says which file is the backup of the rules, and that statistics, statuses and history may be started anew. From then
+// on the log tells, as an error, what was done about a damaged database, by this process or the collector. Once, before
+// any database is opened.
 void watchOverDatabases();
 
 // Makes the backup equal to the rules: a host that was killed may have left it behind or torn, and the plugin, which

@@ -9,11 +9,11 @@
 #include "host/door.h"
 #include "host/exception-text.h"
 #include "host/firewall-plugin.h"
+#include "host/history.h"
 #include "host/host-methods.h"
 #include "host/log.h"
 #include "host/plugin-files.h"
 #include "host/privileges.h"
-#include "mavo/rmi-server.h"
 #include "rlv/rlv-query.h"
 #include "support/find-named.h"
 
@@ -74,13 +74,16 @@ std::shared_ptr<const mavo::rmi::MethodContext> Dispatch::find(const std::string
     return refusing;
 }
 
-mavo::rmi::Reply Dispatch::invoke(const std::string &name, const mavo::rmi::MethodContext &method,
-                                  mavo::rmi::Message &request) {
+mavo::rmi::Reply Dispatch::invoke(const mavo::rmi::Caller &caller, const std::string &name,
+                                  const mavo::rmi::MethodContext &method, mavo::rmi::Message &request) {
     if (onlyLooks(name))
         return look(name, method, request);
+    parts_.history.begin(caller, name, request.body());
+    const auto changesBefore = changesOfAllRules(parts_);
     parts_.rebuild.prepare();
     auto reply = change(name, method, request);
     parts_.rebuild.callOff();
+    parts_.history.end(reply, changesOfAllRules(parts_) != changesBefore);
     return reply;
 }
 

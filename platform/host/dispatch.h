@@ -10,6 +10,7 @@
 #include "host/plugin-guard.h"
 #include "host/remarks.h"
 #include "mavo/rmi-protocol.h"
+#include "mavo/rmi-server.h"
 #include "mavo/rmi.h"
 
 namespace host {
@@ -24,11 +25,12 @@ public:
     // The method of that name, or null. While no plugin has come up each name may be one of the plugin's: it gets a
     // method for callers with the privilege /privilege/vpk.firewall that says so.
     std::shared_ptr<const mavo::rmi::MethodContext> find(const std::string &name) const;
-    // Carries out a remote call. Throws std::bad_alloc, whatever the plugin throws; a rebuild follows then, as the call
-    // may have got anywhere, unless it only looked. When one follows otherwise, the remarks of the reply (see
-    // remarks.h) say so and why. One that is waited for already comes sooner.
-    mavo::rmi::Reply invoke(const std::string &name, const mavo::rmi::MethodContext &method,
-                            mavo::rmi::Message &request);
+    // Carries out a remote call; one that may change something is noted in the history. Throws std::bad_alloc, whatever
+    // the plugin throws; a rebuild follows then, as the call may have got anywhere, unless it only looked. When one
+    // follows otherwise, the remarks of the reply (see remarks.h) say so and why. One that is waited for already comes
+    // sooner.
+    mavo::rmi::Reply invoke(const mavo::rmi::Caller &caller, const std::string &name,
+                            const mavo::rmi::MethodContext &method, mavo::rmi::Message &request);
 
 private:
     // What a method has given back, and whether it ended for want of memory.

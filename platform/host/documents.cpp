@@ -186,6 +186,8 @@ std::string statusDocument(const HostState &state, bool reading) {
     document["databases"] = Json::Value(Json::arrayValue);
     for (const auto &remark : databaseRemarks())
         document["databases"].append(remark);
+    if (!state.historyProblem.empty())
+        document["databases"].append(state.historyProblem);
     document["privilegesProblem"] = state.privilegesProblem;
     document["lastReport"] = lastReport();
     document["names"] = namesAsJson(state.names);

@@ -19,6 +19,7 @@ struct HostState {
     std::string databaseProblem;
     std::string privilegesProblem;
     rlv::NamesState names;
+    std::string historyProblem = {};
 };
 
 // An object:
@@ -44,7 +45,8 @@ struct HostState {
 //               lost again; empty when nothing of the kind is waited for
 //   "settingsProblem" what is wrong with the configuration, or with the stored status, or which was put aside; one line
 //               or empty
-//   "databases" an array of lines: files of damaged databases that lie aside, and what others have changed
+//   "databases" an array of lines: files of damaged databases that lie aside, what others have changed, and why the
+//               history cannot be written
 //   "databaseProblem" why a database cannot be read now, or empty: then what stands in it is left out
 //   "privilegesProblem" what of the file of privileges is void, and why; one line or empty
 //   "names"     the host names of rules: {"inUse" their number, "old" those that stand on an old answer, "none" those

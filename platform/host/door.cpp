@@ -103,7 +103,7 @@ std::string dataProblem(CommandData kind, const std::string &data) {
     return sizeProblem("data", data.size(), kRuleListLimitBytes);
 }
 
-enum class Arguments { none, rules, number, twoTexts };
+enum class Arguments { none, rules, number, text, twoTexts };
 
 struct Method {
     std::string_view name;
@@ -111,15 +111,17 @@ struct Method {
 };
 
 // The host's own.
-constexpr std::array<Method, 9> kMethods = {{{kExecuteCommandMethod, Arguments::twoTexts},
-                                             {kSetStatusMethod, Arguments::number},
-                                             {kApplyStatusMethod, Arguments::number},
-                                             {kGetStatusMethod, Arguments::none},
-                                             {kReloadMethod, Arguments::none},
-                                             {kStatusMethod, Arguments::none},
-                                             {kVerifyMethod, Arguments::none},
-                                             {kRulesMethod, Arguments::none},
-                                             {kReportsMethod, Arguments::none}}};
+constexpr std::array<Method, 11> kMethods = {{{kExecuteCommandMethod, Arguments::twoTexts},
+                                              {kSetStatusMethod, Arguments::number},
+                                              {kApplyStatusMethod, Arguments::number},
+                                              {kGetStatusMethod, Arguments::none},
+                                              {kReloadMethod, Arguments::none},
+                                              {kStatusMethod, Arguments::none},
+                                              {kVerifyMethod, Arguments::none},
+                                              {kRulesMethod, Arguments::none},
+                                              {kReportsMethod, Arguments::none},
+                                              {kHistoryMethod, Arguments::number},
+                                              {kDiffMethod, Arguments::text}}};
 
 // Nothing for a method that is not known.
 std::optional<Arguments> argumentsOf(const std::string &method) {
@@ -137,6 +139,7 @@ const char *describe(Arguments arguments) {
     case Arguments::none:
         return "no argument";
     case Arguments::rules:
+    case Arguments::text:
         return "one text";
     case Arguments::number:
         return "one number";
@@ -167,6 +170,7 @@ bool takeArguments(Arguments arguments, std::string_view &body) {
     case Arguments::none:
         return true;
     case Arguments::rules:
+    case Arguments::text:
         return takeText(body);
     case Arguments::number:
         return takeNumber(body);

@@ -7,6 +7,7 @@
 #include "host/databases.h"
 #include "host/documents.h"
 #include "host/exception-text.h"
+#include "host/history.h"
 #include "host/log.h"
 #include "host/method-names.h"
 #include "host/privileges.h"
@@ -15,8 +16,8 @@
 namespace host {
 namespace {
 
-constexpr std::array<std::string_view, 5> kLooking = {kGetStatusMethod, kStatusMethod, kVerifyMethod, kRulesMethod,
-                                                      kReportsMethod};
+constexpr std::array<std::string_view, 7> kLooking = {kGetStatusMethod, kStatusMethod,  kVerifyMethod, kRulesMethod,
+                                                      kReportsMethod,   kHistoryMethod, kDiffMethod};
 
 int applyStatus(ServedPlugin &served, int status) {
     served.applyStatus(status);
@@ -48,6 +49,7 @@ std::string status(HostParts &parts, bool reading) {
     const std::string pending = parts.rebuild.remark();
     state.rebuild = pending.empty() ? parts.builder.reasons().lostAgain() : pending;
     state.privilegesProblem = parts.privilegesProblem;
+    state.historyProblem = parts.history.problem();
     state.names = parts.served.names().state();
     try {
         state.stored = parts.life.storedStatus();
@@ -74,6 +76,10 @@ void addHostMethods(mavo::rmi::Service &service, HostParts &parts) {
     service.setMethodHandler<std::string>(kObserver, kVerifyMethod, [&parts] { return status(parts, true); });
     service.setMethodHandler<std::string>(kObserver, kRulesMethod, rulesDocument);
     service.setMethodHandler<std::string>(kObserver, kReportsMethod, reportsDocument);
+    service.setMethodHandler<std::string, int>(kObserver, kHistoryMethod,
+                                               [&parts](int count) { return parts.history.document(count); });
+    service.setMethodHandler<std::string, std::string>(
+        kObserver, kDiffMethod, [&parts](const std::string &since) { return parts.history.differenceDocument(since); });
 }
 
 bool onlyLooks(std::string_view method) {

@@ -12,6 +12,8 @@
 
 namespace host {
 
+class History;
+
 // None of them knows of those who use it. All must outlive them.
 struct HostParts {
     ServedPlugin &served;
@@ -19,6 +21,7 @@ struct HostParts {
     TableBuilder &builder;
     Rebuild &rebuild; // by which the builder is asked again
     CollectorKeeper &keeper;
+    History &history;
     std::string privilegesProblem; // of the file of privileges, for the status: one line, or empty
 };
 

@@ -10,12 +10,14 @@ constexpr const char *kSetStatusMethod = "Host::setStatus";           // a numbe
 constexpr const char *kApplyStatusMethod = "Host::applyStatus";       // a number: a number
 constexpr const char *kReloadMethod = "Host::reload";                 // nothing: a number
 
-// These only look, and take nothing.
+// These only look, and take nothing but where it is said.
 constexpr const char *kGetStatusMethod = "Host::getStatus"; // a number
 constexpr const char *kStatusMethod = "Host::status";       // a text, see documents.h, as the following
 constexpr const char *kVerifyMethod = "Host::verify";
 constexpr const char *kRulesMethod = "Host::rules";
 constexpr const char *kReportsMethod = "Host::reports";
+constexpr const char *kHistoryMethod = "Host::history"; // how many entries: see history-document.h
+constexpr const char *kDiffMethod = "Host::diff";       // since when, a text (see History): likewise
 
 } // namespace host
 

@@ -9,6 +9,7 @@ constexpr const char *kDataDirectory = "/opt/data/vpk";
 constexpr const char *kDatabaseDirectory = "/opt/data/vpk/db";
 
 constexpr const char *kStatusDatabase = "/opt/data/vpk/db/.status.db";
+constexpr const char *kHistoryDatabase = "/opt/data/vpk/db/.history.db";
 constexpr const char *kHostLock = "/opt/data/vpk/.host.lock";
 constexpr const char *kCollectorLock = "/opt/data/vpk/.collector.lock";
 

@@ -16,6 +16,7 @@
 
 #include "host/collector.h"
 #include "host/databases.h"
+#include "host/history.h"
 #include "host/log.h"
 #include "support/directories.h"
 #include "support/readiness.h"
@@ -64,10 +65,16 @@ void ServerLoop::serve(const Served &served, const std::string &socket, const ma
     if (!directory.empty())
         support::makeDirectory(directory, 0755);
     auto listener = mavo::rmi::listenAt(socket, 0666);
-    Rebuild rebuild(loop_, [&served] { return served.builder.buildAgain(); });
+    History history(loop_);
+    Rebuild rebuild(loop_, [&] {
+        history.settle();
+        std::string problem = served.builder.buildAgain();
+        history.lookAfter("the tables were built anew");
+        return problem;
+    });
     retryRuleBackupIn(&loop_);
     keepCollector(served.plugin);
-    Dispatch dispatch({served.plugin, served.life, served.builder, rebuild, *keeper_,
+    Dispatch dispatch({served.plugin, served.life, served.builder, rebuild, *keeper_, history,
                        boost::algorithm::join(privileges.problems(), "; ")});
     listen(dispatch, std::move(listener), privileges);
     keeper_->look(); // may fork, and so comes after all descriptors are known
@@ -89,9 +96,9 @@ void ServerLoop::listen(Dispatch &dispatch, support::UniqueFd listener, const ma
     server_ = std::make_unique<mavo::rmi::Server>(
         loop_, std::move(listener), privileges, mavo::rmi::ServerLimits(),
         [&dispatch](const std::string &name) { return dispatch.find(name); },
-        [this, &dispatch](const mavo::rmi::Caller & /*caller*/, const std::string &name,
+        [this, &dispatch](const mavo::rmi::Caller &caller, const std::string &name,
                           const mavo::rmi::MethodContext &method, mavo::rmi::Message &request) {
-            auto reply = dispatch.invoke(name, method, request);
+            auto reply = dispatch.invoke(caller, name, method, request);
             if (std::max(request.body().size(), reply.body.size()) > mavo::rmi::kSmallBodyBytes)
                 giveBackMemory();
             return reply;

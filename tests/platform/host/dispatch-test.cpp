@@ -137,7 +137,7 @@ TEST_F(ADispatch, AnnouncesTheRulesOfThePluginsOwnMethods) {
     mavo::rmi::MethodContext method;
     method.dispatcher = [](mavo::rmi::Message &) { return mavo::rmi::Message(); };
     const auto call = [&](const std::string &name, mavo::rmi::Message request) {
-        dispatch.invoke(name, method, request);
+        dispatch.invoke(caller, name, method, request);
         return service->askedOfNames();
     };
     service->change([](Answers &answers) { answers.names.inUse = 1; });

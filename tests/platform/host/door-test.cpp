@@ -80,7 +80,8 @@ TEST(ARequest, IsRefusedWithMoreThanTheArgumentsOfItsMethod) {
           Request{"Host::setStatus", number, "one number"}, Request{"Host::applyStatus", number, "one number"},
           Request{"Host::getStatus", "", "no argument"}, Request{"Host::reload", "", "no argument"},
           Request{"Host::status", "", "no argument"}, Request{"Host::verify", "", "no argument"},
-          Request{"Host::rules", "", "no argument"}, Request{"Host::reports", "", "no argument"}}) {
+          Request{"Host::rules", "", "no argument"}, Request{"Host::reports", "", "no argument"},
+          Request{"Host::history", number, "one number"}, Request{"Host::diff", bodyOf("2"), "one text"}}) {
         EXPECT_EQ(host::methodProblem(request.method, request.body), "");
         EXPECT_EQ(host::methodProblem(request.method, request.body + "x"),
                   std::string(request.method) + " is refused with more than its arguments: it takes " + request.takes);

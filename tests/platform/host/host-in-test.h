@@ -14,6 +14,7 @@
 #include "host/call-watch.h"
 #include "host/data-check.h"
 #include "host/dispatch.h"
+#include "host/history.h"
 #include "host/remarks.h"
 
 namespace hosttest {
@@ -33,7 +34,7 @@ protected:
     mavo::rmi::Reply invoke(const std::string &name, mavo::rmi::Message request = mavo::rmi::Message()) {
         const auto method = dispatch.find(name);
         EXPECT_NE(method, nullptr) << name;
-        return dispatch.invoke(name, *method, request);
+        return dispatch.invoke(caller, name, *method, request);
     }
     // Of a method that is no plugin's, which does this.
     mavo::rmi::Reply invoke(const std::function<void()> &what) {
@@ -43,7 +44,7 @@ protected:
             return mavo::rmi::Message();
         };
         mavo::rmi::Message request;
-        return dispatch.invoke("Test::anything", method, request);
+        return dispatch.invoke(caller, "Test::anything", method, request);
     }
     template <typename... Values> static mavo::rmi::Message messageOf(const Values &...values) {
         mavo::rmi::Message message;
@@ -72,7 +73,9 @@ protected:
     host::TableBuilder builder{life, 1};
     bool collectorWanted = false;
     host::CollectorKeeper keeper{loop, {[this] { return collectorWanted; }, [](auto) {}}};
-    host::Dispatch dispatch{{served, life, builder, rebuild, keeper, "the file is void"}};
+    host::History history{loop};
+    mavo::rmi::Caller caller{{0, 0, 4711}, true, "a test"};
+    host::Dispatch dispatch{{served, life, builder, rebuild, keeper, history, "the file is void"}};
 };
 
 } // namespace hosttest

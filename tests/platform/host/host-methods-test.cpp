@@ -34,7 +34,8 @@ protected:
 };
 
 TEST_F(TheHostsMethods, NeedThePrivilegeToLookOrToChange) {
-    for (const char *name : {"Host::getStatus", "Host::status", "Host::verify", "Host::rules", "Host::reports"}) {
+    for (const char *name : {"Host::getStatus", "Host::status", "Host::verify", "Host::rules", "Host::reports",
+                             "Host::history", "Host::diff"}) {
         EXPECT_EQ(dispatch.find(name)->privilege, "/privilege/vpk.observer") << name;
         EXPECT_TRUE(host::onlyLooks(name)) << name;
     }
@@ -44,6 +45,30 @@ TEST_F(TheHostsMethods, NeedThePrivilegeToLookOrToChange) {
     }
     EXPECT_FALSE(host::onlyLooks(""));
     EXPECT_FALSE(host::onlyLooks("Test::number"));
+}
+
+TEST_F(TheHostsMethods, TellTheHistory) {
+    bringUp();
+    invoke("Host::setStatus", messageOf(0));
+    invoke("Host::status");
+    const Json::Value entries =
+        host::readJson(valueOf<std::string>(invoke("Host::history", messageOf(10)))).root["entries"];
+    ASSERT_EQ(entries.size(), 2U);
+    EXPECT_EQ(entries[1]["method"], "Host::setStatus");
+    EXPECT_EQ(entries[1]["process"], 4711);
+    EXPECT_EQ(entries[1]["programAsGiven"], "a test");
+    EXPECT_EQ(host::readJson(valueOf<std::string>(invoke("Host::diff", messageOf(std::string("1"))))).root["since"], 1);
+    const auto refused = invoke("Host::diff", messageOf(std::string("7")));
+    EXPECT_EQ(refused.status, mavo::rmi::Status::malformed);
+    EXPECT_EQ(refused.error, "there is no entry 7: the history has the entries 1 to 2");
+    EXPECT_EQ(invoke("Host::history", messageOf(-1)).status, mavo::rmi::Status::malformed);
+}
+
+TEST_F(TheHostsMethods, SayThatTheHistoryCannotBeWritten) {
+    bringUp();
+    std::filesystem::create_directory(host::kHistoryDatabase);
+    invoke("Host::history", messageOf(1));
+    EXPECT_THAT(status()["databases"][0].asString(), StartsWith("/opt/data/vpk/db/.history.db: the history cannot be"));
 }
 
 TEST_F(TheHostsMethods, CallThePlugin) {

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "host/dispatch.h"
+#include "host/history.h"
 #include "mavo/database.h"
 #include "support/failing-allocations.h"
 
@@ -37,7 +38,7 @@ protected:
         };
         mavo::rmi::Message request;
         try {
-            reply = dispatch.invoke(method, context, request);
+            reply = dispatch.invoke(caller, method, context, request);
             failed = Shortage::failed();
             return true;
         } catch (const std::bad_alloc &) {
@@ -62,7 +63,9 @@ protected:
     host::PluginLife life{[](mavo::rmi::Service &) -> AbstractDPluginProvider * { return nullptr; }, plugin};
     host::TableBuilder builder{life, 0};
     host::CollectorKeeper keeper{loop, {[] { return false; }, [](auto) {}}};
-    host::Dispatch dispatch{{plugin, life, builder, rebuild, keeper, {}}};
+    host::History history{loop};
+    mavo::rmi::Caller caller;
+    host::Dispatch dispatch{{plugin, life, builder, rebuild, keeper, history, {}}};
     mavo::rmi::Reply reply;
     int failed = 0;
 };
@@ -96,7 +99,7 @@ TEST_F(AHostWithoutMemory, BuildsTheTablesAnewWhenAStreamHasKeptItToItself) {
         return mavo::rmi::Message();
     };
     mavo::rmi::Message request;
-    reply = dispatch.invoke("Test::store", context, request);
+    reply = dispatch.invoke(caller, "Test::store", context, request);
     EXPECT_EQ(reply.status, mavo::rmi::Status::ok);
     EXPECT_THAT(host::decodeRemarks(reply.remarks).notes,
                 Contains("there was no memory for the operation; the tables are built "
@@ -115,10 +118,10 @@ TEST_F(AHostWithoutMemory, BuildsTheTablesAnewAfterACallInWhichADatabaseFailed) 
         return mavo::rmi::Message();
     };
     mavo::rmi::Message request;
-    EXPECT_THAT(host::decodeRemarks(dispatch.invoke("Test::store", context, request).remarks).notes, IsEmpty());
+    EXPECT_THAT(host::decodeRemarks(dispatch.invoke(caller, "Test::store", context, request).remarks).notes, IsEmpty());
     EXPECT_EQ(rebuilds(), 0);
     value = "NULL";
-    EXPECT_THAT(host::decodeRemarks(dispatch.invoke("Test::store", context, request).remarks).notes,
+    EXPECT_THAT(host::decodeRemarks(dispatch.invoke(caller, "Test::store", context, request).remarks).notes,
                 Contains("a database failed during the operation; the tables are built anew from the "
                          "stored rules"));
     EXPECT_EQ(rebuilds(), 1);
