@@ -11,7 +11,7 @@ _vpkctl_options() {
     exec) echo '-h --help --socket --raw --yes --as-is' ;;
     call) echo '-h --help --socket --yes --as-is' ;;
     check | status | verify) echo '-h --help --socket --json --strict' ;;
-    rules | reports) echo '-h --help --socket --json' ;;
+    rules | reports | history | diff) echo '-h --help --socket --json' ;;
     *) echo '-h --help --socket' ;;
     esac
 }
@@ -44,7 +44,7 @@ _vpkctl_data() {
 # What stands at position $2 after the subcommand $1; $3 is the word before it.
 _vpkctl_positional() {
     case $1.$2 in
-    .0) _vpkctl_words 'allow deny exec call check status verify set-status apply-status reload rules reports' ;;
+    .0) _vpkctl_words 'allow deny exec call check status verify set-status apply-status reload rules reports history diff' ;;
     allow.* | deny.*) [[ $cur == - ]] || _vpkctl_data ApplyAllowRules ;;
     check.0)
         [[ $cur != - ]] || return
@@ -53,6 +53,7 @@ _vpkctl_positional() {
     exec.0) _vpkctl_words "$_vpkctl_commands" ;;
     exec.1) _vpkctl_data "$3" ;;
     call.0) _vpkctl_words "$_vpkctl_methods" ;;
+    diff.0) _vpkctl_words 'today yesterday' ;;
     set-status.0 | apply-status.0) _vpkctl_words '0 1' ;;
     esac
 }

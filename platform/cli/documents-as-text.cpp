@@ -15,6 +15,17 @@
 #include "rules/rule.h"
 
 namespace cli {
+
+std::string localTime(std::int64_t seconds) {
+    const auto time = static_cast<std::time_t>(seconds);
+    std::tm parts{};
+    std::array<char, 64> text{};
+    if (::localtime_r(&time, &parts) == nullptr ||
+        std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S %z", &parts) == 0)
+        return std::to_string(seconds);
+    return text.data();
+}
+
 namespace {
 
 // A member that another version of the host does not have is empty.
@@ -34,16 +45,6 @@ std::string nameOfStored(const Json &document) {
 }
 
 std::string databaseLine(const std::string &problem) { return problem.empty() ? "" : "database     " + problem + "\n"; }
-
-std::string timeOf(std::int64_t seconds) {
-    const auto time = static_cast<std::time_t>(seconds);
-    std::tm parts{};
-    std::array<char, 64> text{};
-    if (::localtime_r(&time, &parts) == nullptr ||
-        std::strftime(text.data(), text.size(), "%Y-%m-%d %H:%M:%S %z", &parts) == 0)
-        return std::to_string(seconds);
-    return text.data();
-}
 
 std::string rebuildLine(const std::string &rebuild) { return rebuild.empty() ? "" : "rebuilding   " + rebuild + "\n"; }
 
@@ -71,7 +72,7 @@ std::string databaseLines(const Json &remarks) {
 
 std::string ageOf(const Json &name) {
     const std::int64_t since = number(name, "since");
-    return since < 0 ? "of an unknown time" : "of " + timeOf(since);
+    return since < 0 ? "of an unknown time" : "of " + localTime(since);
 }
 
 std::string reasonOf(const Json &name) {
@@ -119,7 +120,7 @@ std::string problemLine(const char *name, const std::string &problem) {
 }
 
 std::string lastReportLine(const std::string &seconds) {
-    return seconds.empty() ? "none yet" : timeOf(std::strtoll(seconds.c_str(), nullptr, 10));
+    return seconds.empty() ? "none yet" : localTime(std::strtoll(seconds.c_str(), nullptr, 10));
 }
 
 std::string ruleLine(const Json &document) {
@@ -209,7 +210,7 @@ std::string rulesAsText(const Json &document) {
 std::string reportsAsText(const Json &document) {
     std::string lines;
     for (const auto &report : part(document, "reports")) {
-        lines += timeOf(number(report, "time")) + "  type " + std::to_string(number(report, "type")) + "/" +
+        lines += localTime(number(report, "time")) + "  type " + std::to_string(number(report, "type")) + "/" +
                  std::to_string(number(report, "subtype")) + "  " + printable(text(report, "body")) + "\n";
     }
     return lines;

@@ -3,6 +3,7 @@
 #define PLATFORM_CLI_DOCUMENTS_AS_TEXT_H
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 
 #include <nlohmann/json.hpp>
@@ -17,6 +18,9 @@ Json parseDocument(const std::string &written);
 
 // Writes a document to standard output: as it is, on one line, or as text, where broken lines go on at `indent`.
 void showDocument(const std::string &document, bool asJson, std::string (*asText)(const Json &), std::size_t indent);
+
+// Seconds since the epoch as a local time.
+std::string localTime(std::int64_t seconds);
 
 constexpr std::size_t kStatusIndent = 13; // where the second column of the status begins
 

@@ -28,7 +28,7 @@ struct Subcommand {
     void (*add)(CLI::App &, cli::Session &);
 };
 
-constexpr std::array<Subcommand, 12> kSubcommands = {{{"allow", cli::addAllow},
+constexpr std::array<Subcommand, 14> kSubcommands = {{{"allow", cli::addAllow},
                                                       {"deny", cli::addDeny},
                                                       {"exec", cli::addExec},
                                                       {"call", cli::addCall},
@@ -39,7 +39,9 @@ constexpr std::array<Subcommand, 12> kSubcommands = {{{"allow", cli::addAllow},
                                                       {"apply-status", cli::addApplyStatus},
                                                       {"reload", cli::addReload},
                                                       {"rules", cli::addRules},
-                                                      {"reports", cli::addReports}}};
+                                                      {"reports", cli::addReports},
+                                                      {"history", cli::addHistory},
+                                                      {"diff", cli::addDiff}}};
 
 using Words = std::vector<std::string>;
 

@@ -69,6 +69,8 @@ void addApplyStatus(CLI::App &app, Session &session);
 void addReload(CLI::App &app, Session &session);
 void addRules(CLI::App &app, Session &session);
 void addReports(CLI::App &app, Session &session);
+void addHistory(CLI::App &app, Session &session);
+void addDiff(CLI::App &app, Session &session);
 
 } // namespace cli
 
