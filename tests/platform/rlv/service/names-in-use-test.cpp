@@ -226,10 +226,8 @@ TEST_F(NamesInUse, AreLookedUpAgainEachInItsTime) {
 TEST_F(NamesInUse, AreLookedUpAgainAtLongerAndLongerPausesWhileTheyFail) {
     start({"", seconds(600)});
     announce({"failed.example"});
-    std::vector<int> pauses;
-    for (int i = 0; i < 8; ++i)
-        pauses.push_back(secondsToTheNext(301));
-    EXPECT_THAT(pauses, ElementsAre(5, 10, 20, 40, 80, 160, 300, 300));
+    for (const int pause : {5, 10, 20, 40, 80, 160, 300, 300})
+        EXPECT_EQ(pause, secondsToTheNext(301));
     server.set("failed.example", names::one());
     EXPECT_EQ(300, secondsToTheNext(301));
     server.set("failed.example", nameserver::absent());

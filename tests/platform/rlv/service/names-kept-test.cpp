@@ -133,7 +133,7 @@ TEST_F(KeptNames, AreSavedAnewAfterMoreThanADay) {
     names::pass(kDay);
     lookUp("one.example");
     EXPECT_EQ(0U, savesAfter(Milliseconds(2'000)));
-    EXPECT_EQ(names::wallSeconds() - 24 * 3600 - 2, rlv::readNames(kFile).at(0).confirmed);
+    EXPECT_EQ(names::wallSeconds() - names::seconds(kDay).count() - 2, rlv::readNames(kFile).at(0).confirmed);
     lookUp("one.example");
     EXPECT_EQ(1U, savesAfter(Milliseconds(2'000)));
     EXPECT_EQ(names::wallSeconds() - 2, rlv::readNames(kFile).at(0).confirmed);

@@ -100,6 +100,7 @@ protected:
     // In order: the message and the errno.
     static std::vector<std::string> textsOf(const std::vector<rlv::BatchFailure> &failures) {
         std::vector<std::string> texts;
+        texts.reserve(failures.size());
         for (const auto &failure : failures)
             texts.push_back((failure.message ? std::to_string(*failure.message) : "all") + " " +
                             std::to_string(failure.error));

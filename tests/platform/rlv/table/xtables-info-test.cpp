@@ -69,11 +69,11 @@ TEST(AMatchOfPorts, HasFlagsForTheSidesThatCount) {
 
 TEST(AMatchOfPorts, OfSctpTakesEveryChunk) {
     const XtablesInfo info = rlv::makePortsInfo("sctp", {kSource, std::nullopt});
-    // linux/netfilter/xt_sctp.h: both sides, a map of chunk types (64 words) and how it is matched, 4 times a type and
-    // its flags (3 bytes), how many of these count, and which fields count. The header is not C++.
-    constexpr std::size_t kTypes = 2 * 4 + 64 * 4 + 4;
-    constexpr std::size_t kFlags = kTypes + 4 * 3 + 4;
-    ASSERT_EQ((kFlags + 2 * 4 + 7) / 8 * 8, info.size());
+    // linux/netfilter/xt_sctp.h: both sides (8 bytes), a map of chunk types (256) and how it is matched (4), 4 times a
+    // type and its flags (3), how many of these count (4), and which fields count (8). The header is not C++.
+    constexpr std::size_t kTypes = 8 + 256 + 4;
+    constexpr std::size_t kFlags = kTypes + 12 + 4;
+    ASSERT_EQ((kFlags + 8 + 7) / 8 * 8, info.size());
     for (std::size_t at = 8; at < kFlags; ++at)
         EXPECT_EQ(at >= kTypes && at < kTypes + 12 && (at - kTypes) % 3 == 0 ? 0xff : 0, info[at]) << at;
     std::uint32_t flags = 0;
