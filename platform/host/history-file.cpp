@@ -4,9 +4,9 @@
 #include <utility>
 
 #include "host/paths.h"
+#include "host/plugin-files.h"
 #include "host/rule-difference.h"
 #include "mavo/exception.h"
-#include "support/safe-open.h"
 
 namespace host {
 namespace {
@@ -38,9 +38,9 @@ template <typename... Values> void run(Connection &connection, const char *sql, 
 
 long long bound(std::int64_t number) { return number; }
 
-// SQLite would write through a link.
-void requirePlainFile() {
-    const std::string problem = support::plainFileProblem(kHistoryDatabase);
+// SQLite would write through a link, and wait for a fifo.
+void requirePlainFiles() {
+    const std::string problem = databaseFilesProblem(kHistoryDatabase);
     if (!problem.empty())
         throw std::runtime_error(problem);
 }
@@ -86,7 +86,7 @@ private:
 
 // After a failure the file is checked anew.
 template <typename Use> auto HistoryFile::use(Use what) {
-    requirePlainFile();
+    requirePlainFiles();
     const auto before = std::exchange(contents_, std::nullopt);
     Connection connection(kHistoryDatabase, kReadWriteCreate, !before);
     run(connection, "CREATE TABLE IF NOT EXISTS changes (number INTEGER PRIMARY KEY, time INTEGER NOT NULL, boot TEXT "

@@ -7,9 +7,8 @@
 #include "support/safe-open.h"
 
 namespace host {
-namespace {
 
-std::string problemWithDatabase(const char *path) {
+std::string databaseFilesProblem(const char *path) {
     std::string problem;
     for (const char *suffix : {"", "-journal", "-wal", "-shm"}) {
         if (problem.empty())
@@ -18,13 +17,11 @@ std::string problemWithDatabase(const char *path) {
     return problem;
 }
 
-} // namespace
-
 std::string pluginFilesProblem() {
     std::string problem = support::plainFileProblem(kConfigFile);
     for (const char *database : {kRuleDatabase, kRuleDatabaseBackup, kStatusDatabase}) {
         if (problem.empty())
-            problem = problemWithDatabase(database);
+            problem = databaseFilesProblem(database);
     }
     return problem;
 }
@@ -35,6 +32,6 @@ void requirePluginFiles() {
         throw std::runtime_error(problem);
 }
 
-std::string collectorFilesProblem() { return problemWithDatabase(kStatisticsDatabase); }
+std::string collectorFilesProblem() { return databaseFilesProblem(kStatisticsDatabase); }
 
 } // namespace host

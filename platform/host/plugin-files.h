@@ -6,6 +6,10 @@
 
 namespace host {
 
+// What lies in the place of a database, or of what SQLite opens beside it, and is no file of ours, in one line that
+// names it. Empty when there is nothing. Opens nothing.
+std::string databaseFilesProblem(const char *path);
+
 // Why the plugin must not be called now: what lies in the place of one of its files and is no file of ours, in one line
 // that names it. Empty when there is nothing. Opens nothing.
 std::string pluginFilesProblem();

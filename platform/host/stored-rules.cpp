@@ -6,9 +6,9 @@
 #include <unistd.h>
 
 #include "host/firewall-plugin.h"
+#include "host/plugin-files.h"
 #include "mavo/database.h"
 #include "mavo/exception.h"
-#include "support/safe-open.h"
 
 namespace host {
 
@@ -18,7 +18,7 @@ constexpr int kReadOnly = 1; // SQLite's open flag
 
 // Null where there is no database.
 std::unique_ptr<mavo::database::Connection> openRules() {
-    const std::string misplaced = support::plainFileProblem(kRuleDatabase);
+    const std::string misplaced = databaseFilesProblem(kRuleDatabase);
     if (!misplaced.empty())
         throw std::runtime_error(misplaced);
     if (::access(kRuleDatabase, F_OK) != 0)

@@ -108,7 +108,7 @@ TEST_F(AFailingRead, LetsTheFirewallComeUpWhereverItIsInAStart) {
         ASSERT_EQ(system->stopHost(), 0);
         failRead(number);
         ASSERT_TRUE(system->startHost()) << number;
-        EXPECT_TRUE(hasMet()) << number;
+        EXPECT_TRUE(process::waitUntil([this] { return hasMet(); })) << number << ": the history begins to read later";
         EXPECT_TRUE(isFull()) << number;
         EXPECT_TRUE(process::waitUntil([this] { return isWell(); })) << number;
         EXPECT_TRUE(isFull()) << number;

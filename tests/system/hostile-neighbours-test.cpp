@@ -177,6 +177,8 @@ protected:
 TEST_P(AThing, HangsNothingAndIsNeitherFollowedNorBelieved) {
     ASSERT_TRUE(system.start());
     for (const auto &kind : planted::kinds()) {
+        // The host looks at the rules behind its answers, too: once it has answered again, it has done so.
+        EXPECT_EQ(call("Host::status").status, mavo::rmi::Status::ok);
         if (fs::path(GetParam().path).parent_path() != "")
             fs::create_directories(fs::path(GetParam().path).parent_path());
         {
@@ -201,6 +203,8 @@ INSTANTIATE_TEST_SUITE_P(
                     Place{"RuleJournal", "/opt/data/vpk/db/.firewall.db-journal"},
                     Place{"RuleBackup", wholesystem::kRuleBackup},
                     Place{"StatusDatabase", "/opt/data/vpk/db/.status.db"},
+                    Place{"History", "/opt/data/vpk/db/.history.db"},
+                    Place{"HistoryJournal", "/opt/data/vpk/db/.history.db-journal"},
                     Place{"Statistics", wholesystem::kStatisticsDatabase},
                     Place{"Configuration", wholesystem::kConfiguration}, Place{"Outbox", wholesystem::kOutbox},
                     Place{"Report", "/opt/data/vpk/outbox/00000000000000000001-0000000001.json"},

@@ -38,15 +38,16 @@ int errorOf(const std::function<void()> &action) {
     return 0;
 }
 
+std::string textOf(const std::string &path) {
+    try {
+        listenAt(path, 0600);
+    } catch (const std::system_error &error) {
+        return error.what();
+    }
+    return {};
+}
+
 TEST(AListeningSocket, SaysWhichPathItCannotHave) {
-    const auto textOf = [](const std::string &path) {
-        try {
-            listenAt(path, 0600);
-        } catch (const std::system_error &error) {
-            return std::string(error.what());
-        }
-        return std::string();
-    };
     const std::string longest = "/run/" + std::string(102, 'x');
     EXPECT_EQ("", textOf(longest));
     EXPECT_EQ(longest + "x: File name too long", textOf(longest + "x"));
@@ -78,6 +79,7 @@ TEST(AListeningSocket, ReplacesADeadOneAlone) {
     listenAt(kPath, 0600).reset();
     const UniqueFd living = listenAt(kPath, 0600);
     EXPECT_EQ(EADDRINUSE, errorOf([] { listenAt(kPath, 0600); }));
+    EXPECT_EQ(std::string(kPath) + ": Address already in use", textOf(kPath));
     const Client client(kPath);
 }
 
@@ -87,6 +89,8 @@ TEST(AListeningSocket, LeavesOtherFilesAlone) {
     std::string content;
     std::ifstream(kPath) >> content;
     EXPECT_EQ("precious", content);
+    EXPECT_EQ(std::string(kPath) + ": is a file of account 0, where the socket should be: Address already in use",
+              textOf(kPath));
     EXPECT_EQ(ENOENT, errorOf([] { listenAt("/run/missing/socket", 0600); }));
 }
 
