@@ -20,6 +20,7 @@ namespace host {
 namespace {
 
 constexpr std::size_t kTextLimitBytes = 1'024;
+constexpr unsigned kMostArguments = 4; // no method takes more than two, and bodies come before that is looked at
 constexpr std::size_t kMostNotes = 8;
 constexpr std::size_t kMostRulesShown = 100;
 constexpr std::size_t kDifferenceLimitBytes = std::size_t{16} * 1024 * 1024;
@@ -52,8 +53,10 @@ void addArguments(std::string_view body, Json::Value &details) {
     std::string_view text;
     if (body.size() == kWordBytes)
         return addArgument(std::to_string(static_cast<std::int32_t>(support::fromLittleEndian(body))), details);
-    while (takeText(body, text))
+    while (details["arguments"].size() < kMostArguments && takeText(body, text))
         addArgument(text, details);
+    if (details["arguments"].size() == kMostArguments && !body.empty())
+        details["argumentsCut"] = true;
 }
 
 // What a method gave back: a text or a number, as it does.

@@ -1,5 +1,7 @@
 #include "host/history.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <ctime>
 #include <exception>
@@ -24,6 +26,9 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds kWritePause{1'000};
 constexpr std::size_t kMostNoted = 256;
+constexpr std::size_t kMostNotedBytes = std::size_t{4} * 1024 * 1024; // of differences
+// A file that somebody holds makes an attempt take seconds, in which nobody is served.
+constexpr int kPartOfTime = 20;
 constexpr std::size_t kShownBytes = 64; // of what was not understood
 
 std::string bootId() {
@@ -88,18 +93,33 @@ void History::note(Json::Value details) {
         arrangeWriting(kWritePause);
 }
 
-void History::drawTogether() {
-    while (noted_.size() > kMostNoted) {
-        Noted &first = noted_[0];
-        Noted &second = noted_[1];
-        const auto countOf = [](const Noted &noted) { return noted.details.get("entries", 1).asInt64(); };
-        Json::Value details;
-        details["kind"] = "several";
-        details["entries"] = Json::Int64(countOf(first) + countOf(second));
-        second.details = std::move(details);
-        second.difference = netOf(first.difference + second.difference);
-        noted_.erase(noted_.begin());
+// How many of the oldest have to become one: what that one holds does not count, and the newest stays as it is.
+std::size_t History::tooMany() const {
+    std::size_t bytes = noted_.empty() ? 0 : noted_.back().difference.size();
+    for (std::size_t at = noted_.size(); at > 2; --at) {
+        bytes += noted_[at - 2].difference.size();
+        if (noted_.size() - at + 3 > kMostNoted || bytes > kMostNotedBytes)
+            return at - 1;
     }
+    return 0;
+}
+
+void History::drawTogether() {
+    const std::size_t drawn = tooMany();
+    if (drawn < 2)
+        return;
+    std::int64_t entries = 0;
+    std::string difference;
+    for (std::size_t at = 0; at < drawn; ++at) {
+        entries += noted_[at].details.get("entries", 1).asInt64();
+        difference += noted_[at].difference;
+    }
+    Noted &last = noted_[drawn - 1];
+    last.details = Json::Value();
+    last.details["kind"] = "several";
+    last.details["entries"] = Json::Int64(entries);
+    last.difference = netOf(difference);
+    noted_.erase(noted_.begin(), noted_.begin() + static_cast<std::ptrdiff_t>(drawn - 1));
 }
 
 // A call whose rules cannot be read now leaves the difference to the next look, which notes it as found.
@@ -154,7 +174,7 @@ void History::lookAfter(const std::string &what) noexcept try {
 void History::begin(const mavo::rmi::Caller &caller, const std::string &method, const std::string &body) noexcept try {
     settle();
     startIfPossible();
-    lookAfter("another program has changed the rules");
+    lookAfter("the rules were changed without a call");
     note(detailsOfCall(caller, method, body));
     isOpen_ = true;
 } catch (...) { // no memory: its difference is found with that of the next
@@ -233,6 +253,7 @@ void History::writeAll() {
 
 void History::write() noexcept {
     loop_.cancel(std::exchange(writing_, 0));
+    const auto begin = Clock::now();
     try {
         return writeAll();
     } catch (...) {
@@ -241,8 +262,10 @@ void History::write() noexcept {
     isConnected_ = false; // a transaction may have reached the file all the same
     try {
         drawTogether();
-        const auto failing = std::chrono::duration_cast<milliseconds>(Clock::now() - failsSince_);
-        arrangeWriting(Rebuild::pauseAfter(failing));
+        const auto now = Clock::now();
+        const auto failing = std::chrono::duration_cast<milliseconds>(now - failsSince_);
+        const auto took = std::chrono::duration_cast<milliseconds>(now - begin);
+        arrangeWriting(std::max(Rebuild::pauseAfter(failing), kPartOfTime * took));
     } catch (const std::bad_alloc &) { // the next call arranges it
     }
 }
@@ -261,10 +284,13 @@ void History::noteFailure() noexcept try {
 }
 
 HistoryFile::Kept History::newest(int count) {
-    write();
+    if (problem_.empty())
+        write();
     HistoryFile::Kept kept;
     try {
-        kept = file_.newest(count);
+        // Where it failed just now, the next attempt is arranged, and those who ask do not make it come sooner.
+        if (problem_.empty())
+            kept = file_.newest(count);
     } catch (...) {
         noteFailure();
         isConnected_ = false;

@@ -20,8 +20,9 @@ namespace host {
 // Notes each call that may change something, and what it has made of the stored rules; and differences of the rules
 // that no call has made, as of a backup that was brought back. It is behind the calls: the rules are looked at when the
 // reply is on its way, and what was noted is written a second later at the most, in one transaction for all of that
-// second, or sooner where 256 entries wait. What cannot be written is tried again, with pauses as between rebuilds;
-// meanwhile more than 256 entries are drawn together, the oldest first, which keeps what they come to.
+// second, or sooner where 256 entries wait or somebody asks. What cannot be written is tried again, with pauses as
+// between rebuilds, and at most for a twentieth of the time; meanwhile more than 256 entries, or 4 MiB of differences,
+// are drawn together, the oldest first, which keeps what they come to.
 //
 // Nothing about it keeps a call from being carried out: what goes wrong is told in the log, and in problem(). Noting
 // throws nothing; for want of memory the entry is lost, and its difference found with that of the next.
@@ -65,6 +66,7 @@ private:
     void note(Json::Value details);
     void look();
     void noteChanges(const std::string &what);
+    std::size_t tooMany() const;
     void drawTogether();
     void connectToFile();
     void write() noexcept;

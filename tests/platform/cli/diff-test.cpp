@@ -12,7 +12,6 @@ namespace {
 using clitest::replyOf;
 using clitest::run;
 using clitest::ScriptedHost;
-using testing::HasSubstr;
 
 constexpr const char *kDocument = R"({"added":["deny tcp:10.0.0.5:80:out"],"problem":"","removed":[],"since":41})";
 

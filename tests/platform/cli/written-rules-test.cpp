@@ -16,6 +16,7 @@ using testing::IsEmpty;
 // "place text", with the word before it where there is one.
 std::vector<std::string> shown(const std::vector<cli::WrittenRule> &rules) {
     std::vector<std::string> lines;
+    lines.reserve(rules.size());
     for (const auto &rule : rules)
         lines.push_back(describe(rule.place) + " " +
                         (!rule.allowed   ? ""

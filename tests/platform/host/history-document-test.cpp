@@ -57,6 +57,13 @@ TEST(AnEntry, KeepsTheStartOfLongArgumentsAndNotes) {
     EXPECT_EQ(details["notes"].size(), 8U);
 }
 
+// It is noted before anybody looks at what the body holds.
+TEST(AnEntry, HasNoMoreArgumentsThanAnyMethodTakes) {
+    const Json::Value details = detailsOfCall({}, "Firewall::ApplyDenyRules", std::string(4'000'000, '\0'));
+    EXPECT_EQ(details["arguments"].size(), 4U);
+    EXPECT_EQ(details["argumentsCut"], true);
+}
+
 TEST(AnEntry, TakesABodyForWhatItIs) {
     Message number;
     number.write(-7);
@@ -97,7 +104,9 @@ TEST(TheDifference, HasTheseMembers) {
     EXPECT_EQ(
         host::differenceDocument(41, "-deny tcp:10.0.0.5:80:in\n+deny tcp:10.0.0.5:80:out\n", ""),
         R"({"added":["deny tcp:10.0.0.5:80:out"],"problem":"","removed":["deny tcp:10.0.0.5:80:in"],"since":41})");
-    EXPECT_THROW(host::differenceDocument(1, std::string(17'000'000, 'x'), ""), std::length_error);
+    std::string tooLong;
+    tooLong.resize(17'000'000, 'x');
+    EXPECT_THROW(host::differenceDocument(1, tooLong, ""), std::length_error);
 }
 
 } // namespace

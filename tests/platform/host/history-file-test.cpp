@@ -26,7 +26,6 @@ namespace {
 using host::HistoryEntry;
 using host::HistoryFile;
 using testing::Contains;
-using testing::ElementsAre;
 using testing::HasSubstr;
 
 // One that adds this rule.
@@ -293,7 +292,7 @@ TEST_F(AHistoryFile, IsWholeWhereverItsWriterIsKilled) {
         ::close(said[1]);
         std::size_t done = 0;
         for (char last = 0; ::read(said[0], &last, 1) == 1;)
-            done = static_cast<std::size_t>(last);
+            done = static_cast<unsigned char>(last);
         ::close(said[0]);
         int status = 0;
         ASSERT_EQ(::waitpid(child, &status, 0), child);

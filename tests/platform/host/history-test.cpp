@@ -174,7 +174,7 @@ TEST_F(AHistory, NotesWhatNoCallHasChanged) {
     deny("80");
     const Json::Value all = document();
     ASSERT_EQ(all["entries"].size(), 3U);
-    EXPECT_EQ(all["entries"][1]["what"], "another program has changed the rules");
+    EXPECT_EQ(all["entries"][1]["what"], "the rules were changed without a call");
     EXPECT_THAT(listOf(all["entries"][1]["removed"]), ElementsAre("deny tcp:10.0.0.5:1:out"));
     EXPECT_THAT(listOf(all["entries"][2]["added"]), ElementsAre("deny tcp:10.0.0.5:80:out"));
     store("DELETE FROM firewall_rules");
@@ -267,6 +267,23 @@ TEST_F(AHistory, KeepsWhatCannotBeWrittenAndDrawsTogetherWhatIsTooMuch) {
     EXPECT_EQ(all["entries"][1]["entries"], 45);
     EXPECT_EQ(all["entries"][1]["addedCount"], 45);
     EXPECT_EQ(difference("1")["added"].size(), 300U);
+}
+
+TEST_F(AHistory, DrawsTogetherLongDifferencesThatCannotBeWritten) {
+    ASSERT_EQ(::mount(host::kHistoryDatabase, host::kHistoryDatabase, nullptr, MS_BIND, nullptr), 0);
+    ASSERT_EQ(::mount("none", host::kHistoryDatabase, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr), 0);
+    for (int i = 0; i < 7; ++i) {
+        call([i] {
+            store("INSERT INTO firewall_rules VALUES ('tcp', '" + std::string(1'000'000, 'x') + "', '" +
+                  std::to_string(i) + "', 1, 0)");
+        });
+        leaping::run(loop, milliseconds(60'000));
+    }
+    const Json::Value held = document();
+    ASSERT_EQ(held["entries"].size(), 5U) << "four of a million bytes, behind all that was before";
+    EXPECT_EQ(held["entries"][0]["kind"], "several");
+    EXPECT_EQ(held["entries"][4]["kind"], "call");
+    EXPECT_EQ(held["entries"][4]["addedCount"], 1);
 }
 
 TEST_F(AHistory, TellsTheRulesThenFromTheRulesNow) {
