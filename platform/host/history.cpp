@@ -251,15 +251,23 @@ void History::writeAll() {
     problem_.clear();
 }
 
-void History::write() noexcept {
-    loop_.cancel(std::exchange(writing_, 0));
-    const auto begin = Clock::now();
+// False where that failed.
+bool History::tryToWrite() noexcept {
     try {
-        return writeAll();
+        writeAll();
+        return true;
     } catch (...) {
         noteFailure();
     }
     isConnected_ = false; // a transaction may have reached the file all the same
+    return false;
+}
+
+void History::write() noexcept {
+    loop_.cancel(std::exchange(writing_, 0));
+    const auto begin = Clock::now();
+    if (tryToWrite())
+        return;
     try {
         drawTogether();
         const auto now = Clock::now();

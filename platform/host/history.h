@@ -70,6 +70,7 @@ private:
     void drawTogether();
     void connectToFile();
     void write() noexcept;
+    bool tryToWrite() noexcept;
     void writeAll();
     void noteFailure() noexcept;
     void arrangeLook();
