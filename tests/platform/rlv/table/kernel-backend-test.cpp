@@ -17,7 +17,6 @@
 namespace {
 
 using rlv::Change;
-using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 using Kind = Change::Kind;
