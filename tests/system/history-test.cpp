@@ -16,7 +16,6 @@ using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::MatchesRegex;
 using Lines = std::vector<std::string>;
 
 constexpr const char *kHistory = "/opt/data/vpk/db/.history.db";
