@@ -111,19 +111,24 @@ TEST_F(LookUpsOfNames, AnswerEachOfManyNames) {
     EXPECT_THAT(results["n299.example"].addresses, ElementsAre(0x0a000131));
 }
 
-// One name that stalls holds up no other, and is over in time.
+// One name that stalls holds up no other, and is over in time. How long the child takes to begin is the machine's: it
+// is given four times as much until that is enough.
 TEST_F(LookUpsOfNames, EndInTimeWithoutTheAnswersThatAreMissing) {
     nameserver::useNameServer("10.0.0.1 one.example\n");
     NameServer server;
     server.set("stalled.example", nameserver::silence());
-    const auto start = Clock::now();
-    begin({"stalled.example", "one.example"}, parts::Milliseconds(1'000));
-    ASSERT_TRUE(runToTheEnd());
-    EXPECT_GE(Clock::now() - start, parts::Milliseconds(1'000));
+    for (parts::Milliseconds timeout(250); results.empty() && timeout < parts::Milliseconds(25'000); timeout *= 4) {
+        done = 0;
+        const auto start = Clock::now();
+        begin({"stalled.example", "one.example"}, timeout);
+        ASSERT_TRUE(parts::runUntil(
+            loop, [this] { return done > 0; }, timeout + parts::Milliseconds(10'000)));
+        EXPECT_GE(Clock::now() - start, timeout);
+        EXPECT_EQ(1, done);
+        EXPECT_FALSE(hasChildren());
+    }
     EXPECT_EQ(1U, results.size());
     EXPECT_EQ(Kind::found, results["one.example"].kind);
-    EXPECT_EQ(1, done);
-    EXPECT_FALSE(hasChildren());
 }
 
 TEST_F(LookUpsOfNames, TellNobodyAnythingAfterTheirEnd) {
