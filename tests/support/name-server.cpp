@@ -64,7 +64,11 @@ NameServer::NameServer() : socket_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (::bind(socket_.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0)
         throw std::system_error(errno, std::generic_category(), "bind");
-    thread_ = std::thread([this] { serve(); });
+    thread_ = std::thread([this] {
+        isServing_.set_value();
+        serve();
+    });
+    isServing_.get_future().wait();
 }
 
 NameServer::~NameServer() {

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <deque>
+#include <future>
 #include <map>
 #include <mutex>
 #include <netinet/in.h>
@@ -61,6 +62,8 @@ private:
     std::map<std::string, Reply> replies_;
     std::map<std::string, std::size_t> questions_;
     std::deque<Question> held_;
+    // A process that was forked while a thread begins, with the sanitizer's locks taken for it, can begin none itself.
+    std::promise<void> isServing_;
     std::thread thread_;
 };
 
