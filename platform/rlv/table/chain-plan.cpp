@@ -49,11 +49,25 @@ public:
             plan_.matches.push_back({standingEnd, appendedEnd});
     }
 
+    // Wherever they stand: the first of several equal rules with the first of those that equal it, and so on.
+    void matchInAnyOrder() {
+        Places places;
+        for (std::size_t i = standing_.size(); i > 0; --i) {
+            if (goes(i - 1) && standing_[i - 1].rule)
+                places[&*standing_[i - 1].rule].push_back(i - 1);
+        }
+        plan_.isOrdered = false;
+        plan_.matches = onePairEach(places, {0, appended_.size()});
+    }
+
     ChainPlan finish(PlanLimits limits) {
-        listDeletions();
         listInsertions();
+        std::sort(plan_.matches.begin(), plan_.matches.end(),
+                  [](const auto &left, const auto &right) { return left.standing < right.standing; });
+        listDeletions();
         const bool everyRuleGoes = tail_ == 0;
-        const bool isCheaper = !standing_.empty() && refillCost() < stepsCost();
+        const bool isCheaper =
+            !standing_.empty() && (plan_.isOrdered ? refillCost() < stepsCost() : plan_.matches.empty());
         if (limits.mayRefill && everyRuleGoes && (isCheaper || !limits.mayMatch)) {
             plan_.refill = true;
             plan_.matchesSacrificed = plan_.matches.size();
@@ -142,7 +156,8 @@ private:
             if (match != plan_.matches.end() && match->appended == i)
                 ++match;
             else
-                plan_.insertions.push_back({i, match == plan_.matches.end() ? ChainPlan::kAtTheEnd : match->standing});
+                plan_.insertions.push_back(
+                    {i, match == plan_.matches.end() || !plan_.isOrdered ? ChainPlan::kAtTheEnd : match->standing});
         }
     }
 
@@ -175,8 +190,10 @@ private:
 ChainPlan planChain(const std::vector<StandingRule> &standing, const std::vector<bool> &doomed,
                     const std::vector<const Rule *> &appended, PlanLimits limits) {
     Planner planner(standing, doomed, appended);
-    if (limits.mayMatch)
+    if (limits.mayMatch && limits.isOrdered)
         planner.match();
+    else if (limits.mayMatch)
+        planner.matchInAnyOrder();
     return planner.finish(limits);
 }
 

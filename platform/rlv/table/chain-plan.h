@@ -25,9 +25,12 @@ struct ChainPlan {
         std::size_t appended = 0;
     };
 
-    bool refill = false;                // empty the chain first
-    std::size_t matchesSacrificed = 0;  // rules that could have stayed, had the chain not been emptied
-    std::vector<Match> matches;         // doomed, and appended again: they are spared. Both places rise
+    bool refill = false;               // empty the chain first
+    std::size_t matchesSacrificed = 0; // rules that could have stayed, had the chain not been emptied
+    // Doomed, and appended again: they are spared. Both places rise, or, where the order says nothing, the standing
+    // ones.
+    std::vector<Match> matches;
+    bool isOrdered = true;              // false: what is spared stays where it stands, and what comes, comes at the end
     std::vector<std::size_t> deletions; // rising
     std::vector<Insertion> insertions;  // in the order of the appended rules
 };
@@ -43,6 +46,8 @@ using RulesetPlan = std::map<std::string, PlannedChain>;
 struct PlanLimits {
     bool mayMatch = true;  // false: what the kernel has may be out of date, so that no doomed rule can be spared
     bool mayRefill = true; // false: the chain may come to have rules that have to stay
+    // False: the order of the rules says nothing, and a rule's place does not tell what it costs to find it.
+    bool isOrdered = true;
 };
 
 // `doomed` has a true for each rule of `standing` that is to go; it may be empty when none is. A rule that is not

@@ -74,8 +74,9 @@ bool isDisturbed(const Ruleset &ruleset, const std::string &chainPrefix) {
                    return leaveLastHooks(places);
                }
                return isOwnChain(name, chainPrefix) &&
-                      std::any_of(chain.rules.begin(), chain.rules.end(),
-                                  [](const StandingRule &standing) { return !standing.rule; });
+                      (!chain.disorder.empty() ||
+                       std::any_of(chain.rules.begin(), chain.rules.end(),
+                                   [](const StandingRule &standing) { return !standing.rule; }));
            });
 }
 

@@ -10,6 +10,18 @@ namespace {
 
 bool isJump(const Rule &rule) { return rule.target.kind == Target::Kind::jump; }
 
+// Rules of another kind may do anything.
+bool haveOneTarget(const std::vector<StandingRule> &standing, const std::vector<const Rule *> &appended) {
+    const Target *first = appended.empty() ? nullptr : &appended.front()->target;
+    const auto isSame = [&](const Rule &rule) {
+        first = first == nullptr ? &rule.target : first;
+        return rule.target == *first;
+    };
+    return std::all_of(standing.begin(), standing.end(),
+                       [&](const StandingRule &one) { return one.rule && isSame(*one.rule); }) &&
+           std::all_of(appended.begin(), appended.end(), [&](const Rule *rule) { return isSame(*rule); });
+}
+
 } // namespace
 
 void PendingChain::flush(const StandingRules &standing, const Origin &origin) {
@@ -101,11 +113,15 @@ std::vector<const Rule *> PendingChain::appendedRules() const {
 }
 
 ChainPlan PendingChain::plan(const StandingRules &standing, PlanLimits limits) const {
-    return planChain(standing, doomed, appendedRules(), limits);
+    const auto rules = appendedRules();
+    limits.isOrdered = limits.isOrdered || !haveOneTarget(standing, rules);
+    return planChain(standing, doomed, rules, limits);
 }
 
 // A rule that was doomed and appended again is the kernel's old one where the plan has spared it, and keeps its handle.
 void PendingChain::carryOut(const ChainPlan &plan, StandingChain &standing) {
+    if (!plan.isOrdered)
+        return carryOutInAnyOrder(plan, standing);
     std::vector<std::uint64_t> handles(appended.size(), 0);
     for (const ChainPlan::Match &match : plan.matches)
         handles[match.appended] = standing.rules[match.standing].handle;
@@ -117,6 +133,20 @@ void PendingChain::carryOut(const ChainPlan &plan, StandingChain &standing) {
         standing.rules.push_back({handles[i], std::move(appended[i].rule)});
     const bool hasNew = plan.matches.size() < appended.size();
     standing.handlesKnown = standing.rules.empty() || (standing.handlesKnown && !hasNew);
+    standing.jumps = jumps;
+}
+
+void PendingChain::carryOutInAnyOrder(const ChainPlan &plan, StandingChain &standing) {
+    std::vector<bool> goes(standing.rules.size(), plan.refill);
+    for (const std::size_t place : plan.deletions)
+        goes[place] = true;
+    std::size_t place = 0;
+    standing.rules.erase(std::remove_if(standing.rules.begin(), standing.rules.end(),
+                                        [&](const StandingRule &) { return goes[place++]; }),
+                         standing.rules.end());
+    for (const ChainPlan::Insertion &insertion : plan.insertions)
+        standing.rules.push_back({0, std::move(appended[insertion.appended].rule)});
+    standing.handlesKnown = standing.rules.empty() || (standing.handlesKnown && plan.insertions.empty());
     standing.jumps = jumps;
 }
 

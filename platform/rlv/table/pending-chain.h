@@ -58,6 +58,7 @@ struct PendingChain {
     std::size_t takeBack(const std::set<std::uint64_t> &commands);
 
     std::vector<const Rule *> appendedRules() const;
+    // Rules that do not all do the same have an order, whatever `limits` say.
     ChainPlan plan(const StandingRules &standing, PlanLimits limits) const;
     // Brings the rules to what they are by this plan.
     void carryOut(const ChainPlan &plan, StandingChain &standing);
@@ -77,6 +78,7 @@ struct PendingChain {
     Origin removed;
 
 private:
+    void carryOutInAnyOrder(const ChainPlan &plan, StandingChain &standing);
     bool isDoomed(std::size_t place) const { return !doomed.empty() && doomed[place]; }
     void uncountJump(const Rule &rule);
 };

@@ -234,6 +234,7 @@ RulesetPlan PendingRuleset::plan(bool isCurrent) const {
         // deleted it by then, and it would stand nowhere: then it is deleted and made.
         limits.mayMatch = isCurrent;
         // Others put their rules into base chains at any time.
+        limits.isOrdered = standing == nullptr || standing->isOrdered;
         limits.mayRefill = (standing == nullptr || !standing->isBase) && (isCurrent || chain.flushed.number != 0);
         change.plan = chain.plan(standingRules(name), limits);
     }
@@ -304,6 +305,7 @@ void PendingRuleset::adopt(const RulesetPlan &plan, std::uint32_t generation) {
         if (change.make)
             standing.isBase = isBuiltInChain(name);
         chains_.at(name).carryOut(change.plan, standing);
+        standing.isTidy = true;
     }
     standing_.generation = generation;
     reset();

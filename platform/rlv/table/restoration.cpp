@@ -32,6 +32,29 @@ std::string textOf(const StandingRule &standing) {
     return standing.rule ? describe(*standing.rule) : "a rule of another kind";
 }
 
+bool haveOneTarget(const std::vector<Rule> &rules) {
+    return std::all_of(rules.begin(), rules.end(),
+                       [&](const Rule &rule) { return rule.target == rules.front().target; });
+}
+
+bool areSame(const std::vector<Rule> &rules, const std::vector<StandingRule> &standing) {
+    const auto isSame = [](const Rule &rule, const StandingRule &other) { return other.rule == rule; };
+    return std::equal(rules.begin(), rules.end(), standing.begin(), standing.end(), isSame);
+}
+
+bool areSameInAnyOrder(const std::vector<Rule> &rules, const std::vector<StandingRule> &standing) {
+    if (rules.size() != standing.size())
+        return false;
+    std::unordered_map<const Rule *, std::size_t, RuleHash, SameRule> left;
+    left.reserve(rules.size());
+    for (const Rule &rule : rules)
+        ++left[&rule];
+    return std::all_of(standing.begin(), standing.end(), [&](const StandingRule &one) {
+        const auto found = one.rule ? left.find(&*one.rule) : left.end();
+        return found != left.end() && found->second-- > 0;
+    });
+}
+
 class Restorer {
 public:
     Restorer(const DesiredState &desired, const Ruleset &ruleset, bool isWhole)
@@ -108,17 +131,23 @@ private:
     }
 
     void fillChain(const std::string &name, const std::vector<Rule> &rules) {
-        const std::vector<StandingRule> none;
-        const auto &standing = made_.count(name) > 0 ? none : chainIn(ruleset_, name).rules;
-        const auto isSame = [](const Rule &rule, const StandingRule &other) { return other.rule == rule; };
-        if (std::equal(rules.begin(), rules.end(), standing.begin(), standing.end(), isSame))
+        const StandingChain none;
+        const StandingChain &chain = made_.count(name) > 0 ? none : chainIn(ruleset_, name);
+        const auto &standing = chain.rules;
+        if (!chain.disorder.empty()) {
+            tell(name, chain.disorder);
+            add(Kind::tidyChain, &name);
+        }
+        const bool isOrdered = chain.isOrdered || !haveOneTarget(rules);
+        if (isOrdered ? areSame(rules, standing) : areSameInAnyOrder(rules, standing))
             return;
         tellOfRules(name, rules, chainIn(ruleset_, name).rules);
         std::vector<const Rule *> appended;
         appended.reserve(rules.size());
         for (const Rule &rule : rules)
             appended.push_back(&rule);
-        ChainPlan plan = planChain(standing, std::vector<bool>(standing.size(), true), appended, {isWhole_, true});
+        ChainPlan plan =
+            planChain(standing, std::vector<bool>(standing.size(), true), appended, {isWhole_, true, isOrdered});
         if (!isWhole_ && !plan.refill) { // handles may be gone already
             plan.refill = true;
             plan.deletions.clear();

@@ -40,7 +40,8 @@ bool isFull(const std::optional<PortRange> &ports) { return ports && ports->firs
 // expression would cost more than the kernel's part in many an expression.
 class Encoder {
 public:
-    Encoder(nlmsghdr *message, const Rule &source) : message_(message), source_(source) {}
+    Encoder(nlmsghdr *message, const Rule &source, const Counters &counters)
+        : message_(message), source_(source), counters_(counters) {}
 
     void encode() {
         nlattr *const expressions = begin(NFTA_RULE_EXPRESSIONS);
@@ -191,8 +192,8 @@ private:
 
     void addCounter() {
         add("counter", [&] {
-            mnl_attr_put_u64(message_, NFTA_COUNTER_BYTES, 0);
-            mnl_attr_put_u64(message_, NFTA_COUNTER_PACKETS, 0);
+            mnl_attr_put_u64(message_, NFTA_COUNTER_BYTES, htobe64(counters_.bytes));
+            mnl_attr_put_u64(message_, NFTA_COUNTER_PACKETS, htobe64(counters_.packets));
         });
     }
 
@@ -230,6 +231,7 @@ private:
 
     nlmsghdr *message_;
     const Rule &source_;
+    const Counters &counters_;
     bool hasCompatMatch_ = false;
 };
 
@@ -440,12 +442,23 @@ template <typename Callback> void forEachExpression(const Attributes &rule, Call
 
 } // namespace
 
-void putRule(nlmsghdr *message, const Rule &rule, const std::string &chain, std::uint64_t before) {
+void putRule(nlmsghdr *message, const Rule &rule, const std::string &chain, std::uint64_t before,
+             const Counters &counters) {
     mnl_attr_put_strz(message, NFTA_RULE_TABLE, "filter");
     mnl_attr_put_strz(message, NFTA_RULE_CHAIN, chain.c_str());
     if (before != 0)
         mnl_attr_put_u64(message, NFTA_RULE_POSITION, htobe64(before));
-    Encoder(message, rule).encode();
+    Encoder(message, rule, counters).encode();
+}
+
+Counters countersOf(const Attributes &rule) {
+    Counters counters;
+    forEachExpression(rule, [&](std::string_view name, const Attributes &expression) {
+        if (name == "counter")
+            counters = {expression.u64(NFTA_COUNTER_PACKETS).value_or(0),
+                        expression.u64(NFTA_COUNTER_BYTES).value_or(0)};
+    });
+    return counters;
 }
 
 std::optional<Rule> decode(const Attributes &rule) {

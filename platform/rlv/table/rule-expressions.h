@@ -17,7 +17,11 @@ namespace rlv {
 
 // Puts a rule of the filter table into a request to make it, where it is to come before the rule with the handle
 // `before`, if that is not 0. It takes less than 1.5 KiB.
-void putRule(nlmsghdr *message, const Rule &rule, const std::string &chain, std::uint64_t before = 0);
+void putRule(nlmsghdr *message, const Rule &rule, const std::string &chain, std::uint64_t before = 0,
+             const Counters &counters = Counters());
+
+// What a rule of the kernel has counted; 0 where it does not count.
+Counters countersOf(const Attributes &rule);
 
 // What iptables would show for a rule of the kernel (NFTA_RULE_...), its counters aside; none for rules that a Rule
 // cannot hold.

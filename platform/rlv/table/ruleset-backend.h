@@ -25,14 +25,21 @@ struct Change {
         flushChain,
         appendRule,
         insertRule,
+        tidyChain, // lays it out as it should lie; for chains alone of which a reading says that they do not
         deleteChain
     };
     Kind kind = Kind::addTable;
     const std::string *chain = nullptr; // none for addTable and wakeTable
     const Rule *rule = nullptr;         // of appendRule and insertRule
     std::uint64_t handle = 0;           // deleteRule: the rule; insertRule: the rule that it comes to stand before
+    const Counters *counters = nullptr; // what an added rule begins with; none: 0
 };
 using Changes = std::vector<Change>;
+
+struct CountedRule {
+    std::uint64_t handle = 0;
+    Counters counters;
+};
 
 struct ChangeFailure {
     std::optional<std::size_t> index; // of the change; none: the transaction as a whole
@@ -57,6 +64,10 @@ public:
     // The handles of a chain's rules, in order, when the generation is this one; else empty.
     virtual std::optional<std::vector<std::uint64_t>> readHandles(const std::string &chain,
                                                                   std::uint32_t generation) = 0;
+
+    // The same with what they have counted.
+    virtual std::optional<std::vector<CountedRule>> readCounters(const std::string &chain,
+                                                                 std::uint32_t generation) = 0;
 
     // Makes the changes, in order, as one transaction: with a generation only if nobody has changed anything since.
     // Gives back what was refused, in order; then nothing has changed. INPUT and OUTPUT, as base chains, and the table

@@ -27,9 +27,23 @@ struct OtherRule {
     std::string target; // the chain that it jumps or goes to; empty for none
 };
 
+// What a rule has counted.
+struct Counters {
+    std::uint64_t packets = 0;
+    std::uint64_t bytes = 0;
+};
+
 struct StandingChain {
     // Of the chains that the service may change; empty for others.
     std::vector<StandingRule> rules;
+    // False: all of our rules do the same to a packet, and stand where the backend has put them. Their order here says
+    // nothing.
+    bool isOrdered = true;
+    // False: the backend would lay the chain out otherwise now, see Change::Kind::tidyChain.
+    bool isTidy = true;
+    // What others have made of how the chain lies in the kernel, beyond what its rules show, for people; empty where
+    // that is nothing. Change::Kind::tidyChain puts an end to it.
+    std::string disorder;
     // False where rules have no handles, because they were sent from here and not read since.
     bool handlesKnown = true;
     std::map<std::string, std::size_t> jumps;  // how many rules jump or go to each chain, those of others included

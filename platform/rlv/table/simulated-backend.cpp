@@ -15,6 +15,7 @@ public:
     std::optional<Ruleset> read() override { return ruleset_; }
     std::optional<Ruleset> readInParts() override { return ruleset_; }
     std::optional<std::vector<std::uint64_t>> readHandles(const std::string &chain, std::uint32_t generation) override;
+    std::optional<std::vector<CountedRule>> readCounters(const std::string &chain, std::uint32_t generation) override;
     std::vector<ChangeFailure> commit(const Changes &changes, std::optional<std::uint32_t> generation) override;
     std::vector<ChangeFailure> dryRun(const Changes &changes) override;
 
@@ -33,6 +34,7 @@ private:
 
     Ruleset ruleset_;
     std::uint64_t lastHandle_ = 0;
+    std::map<std::uint64_t, Counters> counters_; // of rules that did not begin with 0, those that are gone included
 };
 
 bool isJump(const StandingRule &standing) { return standing.rule && standing.rule->target.kind == Target::Kind::jump; }
@@ -56,6 +58,19 @@ std::optional<std::vector<std::uint64_t>> SimulatedBackend::readHandles(const st
     for (const StandingRule &standing : found->second.rules)
         handles.push_back(standing.handle);
     return handles;
+}
+
+std::optional<std::vector<CountedRule>> SimulatedBackend::readCounters(const std::string &chain,
+                                                                       std::uint32_t generation) {
+    const auto handles = readHandles(chain, generation);
+    if (!handles)
+        return std::nullopt;
+    std::vector<CountedRule> rules;
+    for (const std::uint64_t handle : *handles) {
+        const auto counted = counters_.find(handle);
+        rules.push_back({handle, counted == counters_.end() ? Counters() : counted->second});
+    }
+    return rules;
 }
 
 std::optional<StandingChain> *SimulatedBackend::touch(const std::string &name, Draft &draft) const {
@@ -113,6 +128,8 @@ int SimulatedBackend::addRule(const Change &change, StandingChain &chain, Draft 
     chain.rules.insert(place, added);
     if (isJump(added))
         ++chain.jumps[added.rule->target.text];
+    if (change.counters != nullptr)
+        counters_[added.handle] = *change.counters;
     return 0;
 }
 
@@ -121,6 +138,7 @@ int SimulatedBackend::change(const Change &change, Draft &draft) {
     switch (change.kind) {
     case Change::Kind::addTable:
     case Change::Kind::wakeTable: // it never sleeps
+    case Change::Kind::tidyChain: // nor does a chain lie otherwise than it should
         return 0;
     case Change::Kind::addBaseChain:
     case Change::Kind::addChain:

@@ -30,6 +30,7 @@ ChangeWords wordsOf(Kind kind) {
         {Kind::flushChain, {"RULE_FLUSH", "rule in chain"}},
         {Kind::appendRule, {"RULE_APPEND", "rule in chain"}},
         {Kind::insertRule, {"RULE_INSERT", "rule in chain"}},
+        {Kind::tidyChain, {"CHAIN_UPDATE", "chain"}},
         {Kind::deleteChain, {"CHAIN_DEL", "chain"}},
     };
     return words.at(kind);
@@ -79,6 +80,9 @@ private:
         const Changes changes = insertionsOf(plan, name, pending_.standingRules(name), pending_.appendedRules(name));
         for (std::size_t i = 0; i < changes.size(); ++i)
             add(changes[i], name, plan.insertions[i].appended);
+        if (const auto standing = pending_.standing().chains.find(name);
+            standing != pending_.standing().chains.end() && !standing->second.isTidy)
+            add({Kind::tidyChain, &name, nullptr, 0}, name);
     }
 
     const PendingRuleset &pending_;

@@ -189,6 +189,20 @@ TEST(AChainPlan, SendsNothingWhereTheSameRulesComeAgain) {
     }
 }
 
+TEST(AChainPlan, SparesRulesInAnyOrderWhereItSaysNothing) {
+    rlv::PlanLimits limits;
+    limits.isOrdered = false;
+    const ChainPlan plan = Case{"ABCDE", "edxba"}.plan(limits);
+    EXPECT_EQ(plan.matches.size(), 4U);
+    EXPECT_EQ(plan.deletions, std::vector<std::size_t>{2});
+    ASSERT_EQ(plan.insertions.size(), 1U);
+    EXPECT_EQ(plan.insertions.front().appended, 2U);
+    EXPECT_EQ(plan.insertions.front().before, ChainPlan::kAtTheEnd);
+    EXPECT_FALSE(plan.refill);
+    EXPECT_TRUE((Case{"aBc", "b"}.plan(limits).deletions.empty()));
+    EXPECT_TRUE((Case{"ABC", "xyz"}.plan(limits).refill)) << "where none is spared";
+}
+
 TEST(AChainPlan, ReachesWhatIsWanted) {
     for (const Case &given : {Case{"", "abc"}, Case{"abc", "d"}, Case{"ABC", ""}, Case{"aBc", "b"}, Case{"AbC", "ca"},
                               Case{"ABCDEFG", "abdefg"}, Case{"ABCDEFG", "abxcdefg"}, Case{"ABCDEFG", "gabcdef"},

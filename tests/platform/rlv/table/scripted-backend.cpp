@@ -60,6 +60,12 @@ std::optional<std::vector<std::uint64_t>> Backend::readHandles(const std::string
     return generation == shown(now) ? inner_->readHandles(chain, now) : std::nullopt;
 }
 
+std::optional<std::vector<rlv::CountedRule>> Backend::readCounters(const std::string &chain, std::uint32_t generation) {
+    failIfTold();
+    const std::uint32_t now = inner_->generation();
+    return generation == shown(now) ? inner_->readCounters(chain, now) : std::nullopt;
+}
+
 // A kernel goes on with the messages behind a refused one.
 std::vector<ChangeFailure> Backend::refusals(const Changes &changes, bool areOwnMet) {
     std::vector<ChangeFailure> failures;

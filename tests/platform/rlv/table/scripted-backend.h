@@ -23,6 +23,8 @@ public:
     std::optional<rlv::Ruleset> read() override;
     std::optional<rlv::Ruleset> readInParts() override;
     std::optional<std::vector<std::uint64_t>> readHandles(const std::string &chain, std::uint32_t generation) override;
+    std::optional<std::vector<rlv::CountedRule>> readCounters(const std::string &chain,
+                                                              std::uint32_t generation) override;
     std::vector<rlv::ChangeFailure> commit(const rlv::Changes &changes,
                                            std::optional<std::uint32_t> generation) override;
     std::vector<rlv::ChangeFailure> dryRun(const rlv::Changes &changes) override;
