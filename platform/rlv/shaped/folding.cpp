@@ -1,0 +1,220 @@
+#include "rlv/shaped/folding.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "rlv/shape/chain-names.h"
+#include "rlv/table/rule-words.h"
+
+namespace rlv {
+
+namespace {
+
+using shape::Damage;
+using shape::Id;
+using shape::PlacedRule;
+
+std::vector<PlacedRule> placedIn(const StandingChain &chain) {
+    std::vector<PlacedRule> placed;
+    placed.reserve(chain.rules.size());
+    for (const StandingRule &standing : chain.rules)
+        placed.push_back({standing.handle, standing.rule});
+    return placed;
+}
+
+std::string counted(std::size_t number, const char *what) {
+    return number == 0 ? "" : std::string(what) + " (" + std::to_string(number) + ")";
+}
+
+// One logical chain.
+class Folder {
+public:
+    Folder(const std::string &name, Ruleset &ruleset, const shape::Limits &limits)
+        : name_(name), ruleset_(ruleset), limits_(limits) {}
+
+    LaidChain fold() {
+        shape::Chains placed = takePlaced();
+        LaidChain laid(shape::Shape::read(name_, placed, limits_));
+        findPinned(laid);
+        StandingChain &chain = ruleset_.chains.at(name_);
+        if (subChains_.empty()) {
+            for (const StandingRule &standing : chain.rules)
+                laid.order.push_back(standing.handle);
+        } else {
+            takeRules(laid, placed, chain);
+            takeJumps(chain);
+            chain.isOrdered = !laid.shape.isTree();
+            chain.disorder = disorderOf(laid, placed);
+            if (!chain.disorder.empty())
+                laid.asRead = std::move(placed);
+            for (const std::string &sub : subChains_)
+                ruleset_.chains.erase(sub);
+        }
+        chain.isTidy = laid.isDamaged() || isTidy(laid.shape);
+        return laid;
+    }
+
+private:
+    shape::Chains takePlaced() {
+        shape::Chains placed;
+        placed[name_] = placedIn(ruleset_.chains.at(name_));
+        const std::string first = name_ + ".";
+        for (auto at = ruleset_.chains.lower_bound(first);
+             at != ruleset_.chains.end() && at->first.compare(0, first.size(), first) == 0; ++at) {
+            const bool isSubChain = shape::treeOf(at->first) == name_ && !at->second.isBase;
+            placed[at->first] = isSubChain ? placedIn(at->second) : std::vector<PlacedRule>();
+            if (isSubChain)
+                subChains_.insert(at->first);
+        }
+        return placed;
+    }
+
+    void findPinned(LaidChain &laid) const {
+        for (const auto &[other, chain] : ruleset_.chains) {
+            if (subChains_.count(other) > 0 && chain.usesElsewhere > 0)
+                laid.pinned.insert(other);
+            if (other == name_ || subChains_.count(other) > 0)
+                continue;
+            for (const auto &[target, count] : chain.jumps) {
+                if (subChains_.count(target) > 0)
+                    laid.pinned.insert(target);
+            }
+        }
+    }
+
+    // The chain's own first, then those of each sub-chain.
+    void takeRules(LaidChain &laid, const shape::Chains &placed, StandingChain &chain) {
+        const Damage &damage = laid.shape.damage();
+        for (const Damage::At &at : damage.unreached)
+            unreached_.insert(at.id);
+        for (const std::vector<Damage::At> *places : {&damage.foreign, &damage.strayBranches}) {
+            for (const Damage::At &at : *places)
+                strange_.insert(at.id);
+        }
+        std::vector<std::string> reached = laid.shape.subChains();
+        reached_.insert(reached.begin(), reached.end());
+        chain.rules.clear();
+        takeRulesOf(placed.at(name_), laid, chain);
+        for (const std::string &sub : reached) {
+            takeRulesOf(placed.at(sub), laid, chain);
+            chain.others.merge(ruleset_.chains.at(sub).others);
+        }
+    }
+
+    void takeRulesOf(const std::vector<PlacedRule> &placed, LaidChain &laid, StandingChain &chain) {
+        for (const PlacedRule &rule : placed) {
+            const bool isStrange = strange_.count(rule.id) > 0;
+            if (unreached_.count(rule.id) > 0 || (!isStrange && isBranch(rule)))
+                continue;
+            chain.rules.push_back({rule.id, rule.rule});
+            laid.order.push_back(rule.id);
+            if (isStrange)
+                laid.strangers.insert(rule.id);
+        }
+    }
+
+    bool isBranch(const PlacedRule &rule) const {
+        return rule.rule && rule.rule->target.kind == Target::Kind::jump && reached_.count(rule.rule->target.text) > 0;
+    }
+
+    // Also those of rules that are not reached: the kernel counts them.
+    void takeJumps(StandingChain &chain) const {
+        for (const std::string &sub : subChains_) {
+            for (const auto &[target, count] : ruleset_.chains.at(sub).jumps)
+                chain.jumps[target] += count;
+        }
+        for (const std::string &sub : subChains_)
+            chain.jumps.erase(sub);
+    }
+
+    // An empty one that something of others refers to cannot go.
+    static bool isLeftOver(const LaidChain &laid, const shape::Chains &placed, const std::string &orphan) {
+        return laid.pinned.count(orphan) > 0 && placed.at(orphan).empty();
+    }
+
+    static std::string disorderOf(const LaidChain &laid, const shape::Chains &placed) {
+        const Damage &damage = laid.shape.damage();
+        const auto orphans = std::count_if(damage.orphans.begin(), damage.orphans.end(),
+                                           [&](const std::string &name) { return !isLeftOver(laid, placed, name); });
+        std::string text;
+        for (const std::string &part :
+             {counted(damage.unreached.size(), "rules that not all of their packets get to"),
+              counted(damage.foreign.size(), "foreign rules in sub-chains"),
+              counted(damage.strayBranches.size(), "stray branches"),
+              counted(static_cast<std::size_t>(orphans), "sub-chains that nothing leads to")}) {
+            if (!part.empty())
+                text += (text.empty() ? "changed: " : ", ") + part;
+        }
+        return text;
+    }
+
+    static bool isTidy(const shape::Shape &shape) {
+        if (shape.isOfItsSize())
+            return true;
+        shape::Shape tried = shape;
+        Id next = kFirstSentId;
+        return tried.update({}, {}, next).operations.empty();
+    }
+
+    const std::string &name_;
+    Ruleset &ruleset_;
+    const shape::Limits &limits_;
+    std::set<std::string> subChains_;
+    std::set<std::string> reached_;
+    std::set<Id> unreached_;
+    std::set<Id> strange_;
+};
+
+} // namespace
+
+bool isNameOfTree(const std::string &name, const std::string &chainPrefix) {
+    return isOwnChain(name, chainPrefix) && name.find('.') == std::string::npos &&
+           name.size() <= shape::kMaxTreeNameLength;
+}
+
+Folding fold(Ruleset ruleset, const std::string &chainPrefix, const shape::Limits &limits) {
+    Folding folding;
+    std::vector<std::string> names;
+    std::set<std::string> trees;
+    for (const auto &[name, chain] : ruleset.chains) {
+        if (isNameOfTree(name, chainPrefix) && !chain.isBase)
+            names.push_back(name);
+        else if (const std::string tree(shape::treeOf(name)); !tree.empty() && !chain.isBase)
+            trees.insert(tree);
+    }
+    for (const std::string &name : names) {
+        if (limits.treeFrom > 0 || trees.count(name) > 0)
+            folding.laid.emplace(name, Folder(name, ruleset, limits).fold());
+    }
+    for (const auto &[name, chain] : ruleset.chains) {
+        if (!shape::treeOf(name).empty())
+            folding.stray.insert(name);
+    }
+    folding.ruleset = std::move(ruleset);
+    return folding;
+}
+
+bool takeOver(const LaidChain &known, LaidChain &fresh, StandingChain &chain) {
+    const shape::Chains before = known.placed();
+    const shape::Chains now = fresh.placed();
+    const auto isSameChain = [](const auto &left, const auto &right) {
+        return left.first == right.first && left.second.size() == right.second.size();
+    };
+    if (!std::equal(before.begin(), before.end(), now.begin(), now.end(), isSameChain))
+        return false;
+    LaidChain taken = known;
+    std::unordered_map<Id, const std::optional<Rule> *> rules;
+    for (auto left = before.begin(), right = now.begin(); left != before.end(); ++left, ++right) {
+        for (std::size_t i = 0; i < left->second.size(); ++i) {
+            taken.setHandle(left->second[i].id, right->second[i].id);
+            rules[left->second[i].id] = &right->second[i].rule;
+        }
+    }
+    chain.rules.clear();
+    for (const Id id : known.order)
+        chain.rules.push_back({id, *rules.at(id)});
+    fresh = std::move(taken);
+    return true;
+}
+
+} // namespace rlv

@@ -1,0 +1,33 @@
+// A reading of the kernel's chains as the chains that commands name.
+#ifndef PLATFORM_RLV_SHAPED_FOLDING_H
+#define PLATFORM_RLV_SHAPED_FOLDING_H
+
+#include <set>
+#include <string>
+
+#include "rlv/shape/shape.h"
+#include "rlv/shaped/laid-chain.h"
+#include "rlv/table/ruleset.h"
+
+namespace rlv {
+
+// True for names that chains of commands have, and that leave room for those of sub-chains.
+bool isNameOfTree(const std::string &name, const std::string &chainPrefix);
+
+struct Folding {
+    Ruleset ruleset;             // without sub-chains
+    LaidChains laid;             // of the chains that are trees, or may become some
+    std::set<std::string> stray; // named like sub-chains, of chains that there are not: they stand for themselves
+};
+
+// Sub-chains go into the chain that they belong to: their rules, other than branches, are rules of that chain. Rules
+// that are not reached are none.
+Folding fold(Ruleset ruleset, const std::string &chainPrefix, const shape::Limits &limits);
+
+// `fresh` is a reading of the same that is known, since nobody else has changed anything: it comes to have the known
+// ids and their order. False, with nothing changed, where it is another after all.
+bool takeOver(const LaidChain &known, LaidChain &fresh, StandingChain &chain);
+
+} // namespace rlv
+
+#endif

@@ -1,0 +1,266 @@
+// Changes of a chain as a tree takes them.
+#include <algorithm>
+
+#include "rlv/shape/chain-names.h"
+#include "rlv/shaped/chain-changes.h"
+
+namespace rlv {
+
+namespace {
+
+using shape::Id;
+using shape::Operation;
+using Kind = Change::Kind;
+
+// A tree before and after.
+class TreeLayout {
+public:
+    TreeLayout(const LaidChain &chain, const Outcome &outcome) : outcome_(outcome), before_(chain), block_(chain) {}
+
+    // None where the outcome is no tree.
+    bool update(Id &nextId) {
+        collect();
+        update_ = block_.next.shape.update(removed_, added_, nextId);
+        // Whoever commits counts on a transaction: a rule that goes and comes again goes and comes.
+        if (update_.operations.empty() && !update_.stays.empty()) {
+            block_.next.shape = shape::Shape(before_.shape);
+            update_ = block_.next.shape.update(removed_, added_, nextId, update_.stays.size() - 1);
+        }
+        return block_.next.shape.isTree();
+    }
+
+    std::optional<Block> lay(const CountReader &reader) {
+        CountReader::Counts counts;
+        if (!reader.read(before_, chainsToRead(), counts))
+            return std::nullopt;
+        finish();
+        block_.operations = std::move(update_.operations);
+        block_.changes.reserve(block_.operations.size());
+        block_.causes.reserve(block_.operations.size());
+        for (const Operation &operation : block_.operations)
+            add(operation, counts);
+        return std::move(block_);
+    }
+
+private:
+    void collect() {
+        for (const Id id : before_.order) {
+            if (outcome_.goes(id) && before_.strangers.count(id) == 0)
+                removed_.push_back(id);
+        }
+        for (const Outcome::Added &added : outcome_.added)
+            added_.push_back(added.rule);
+    }
+
+    // What moves takes its counters along, and what goes is named by its handle.
+    std::set<std::string> chainsToRead() const {
+        std::set<Id> moved;
+        for (const Operation &operation : update_.operations) {
+            if (operation.moved)
+                moved.insert(*operation.moved);
+        }
+        std::set<std::string> chains;
+        for (const Operation &operation : update_.operations) {
+            const bool isUnknown = operation.kind == Operation::Kind::deleteRule && before_.handleOf(operation.id) == 0;
+            const bool leaves = operation.kind == Operation::Kind::deleteRule && moved.count(operation.id) > 0;
+            if (isUnknown || leaves || (operation.kind == Operation::Kind::flushChain && !moved.empty()))
+                chains.insert(operation.chain);
+        }
+        for (const shape::Damage::At &at : before_.shape.damage().unreached) {
+            if (moved.count(at.id) > 0)
+                chains.insert(at.chain);
+        }
+        return chains;
+    }
+
+    void add(const Operation &operation, const CountReader::Counts &counts) {
+        switch (operation.kind) {
+        case Operation::Kind::addChain:
+            return block_.addOperation(Kind::addChain, operation, std::nullopt);
+        case Operation::Kind::appendRule:
+            return append(operation, counts);
+        case Operation::Kind::deleteRule:
+            return block_.addOperation(Kind::deleteRule, operation, outcome_.causeOf(operation.id),
+                                       before_.handleOf(operation.id));
+        case Operation::Kind::flushChain:
+            if (!isLeftOver(operation.chain))
+                block_.addOperation(Kind::flushChain, operation, std::nullopt);
+            return;
+        case Operation::Kind::deleteChain:
+            if (before_.pinned.count(operation.chain) == 0)
+                block_.addOperation(Kind::deleteChain, operation, std::nullopt);
+            return;
+        }
+    }
+
+    void append(const Operation &operation, const CountReader::Counts &counts) {
+        const auto counted = operation.moved ? counts.find(*operation.moved) : counts.end();
+        block_.addOperation(Kind::appendRule, operation, causeOf(operation.id), 0,
+                            counted == counts.end() ? nullptr : &counted->second);
+    }
+
+    // The ids of what is added rise.
+    Cause causeOf(Id id) const {
+        const auto added = std::lower_bound(outcome_.added.begin(), outcome_.added.end(), id,
+                                            [](const Outcome::Added &one, Id wanted) { return one.rule.id < wanted; });
+        return added != outcome_.added.end() && added->rule.id == id ? Cause(added->cause) : std::nullopt;
+    }
+
+    // Empty, but something of others refers to it.
+    bool isLeftOver(const std::string &chain) const {
+        return before_.pinned.count(chain) > 0 && before_.idsIn({chain}).empty();
+    }
+
+    void finish() {
+        LaidChain &next = block_.next;
+        std::unordered_map<Id, Id> stays; // by the id that it was to get
+        for (const auto &one : update_.stays)
+            stays[added_[one.added].id] = one.id;
+        next.order = composed(
+            before_.order, outcome_, [](Id id) { return id; },
+            [&](const Outcome::Added &added) {
+                const auto found = stays.find(added.rule.id);
+                return found == stays.end() ? added.rule.id : found->second;
+            });
+        next.order.erase(std::remove_if(next.order.begin(), next.order.end(),
+                                        [&](Id id) { return before_.strangers.count(id) > 0; }),
+                         next.order.end());
+        next.strangers.clear();
+        next.asRead.reset();
+        finishHandles();
+        for (const std::string &sub : next.pinned)
+            next.shape.reserve(sub);
+    }
+
+    void finishHandles() {
+        LaidChain &next = block_.next;
+        next.handles = before_.handles; // with what was read for this
+        std::set<Id> stays;
+        for (const auto &one : update_.stays)
+            stays.insert(one.id);
+        for (const Id id : removed_) {
+            if (stays.count(id) == 0)
+                next.handles.erase(id);
+        }
+        for (const Operation &operation : update_.operations) {
+            if (operation.kind == Operation::Kind::deleteRule)
+                next.handles.erase(operation.id);
+        }
+        for (const Operation &operation : update_.operations) {
+            if (operation.kind == Operation::Kind::appendRule)
+                next.setHandle(operation.id, 0);
+        }
+    }
+
+    const Outcome &outcome_;
+    LaidChain before_;
+    Block block_;
+    std::vector<Id> removed_;
+    std::vector<shape::LogicalRule> added_;
+    shape::Update update_;
+};
+
+// A tree that becomes a list: all rules are sent again, in their order, with their counters.
+class ListLayout {
+public:
+    ListLayout(const std::string &name, const LaidChain &chain, const Outcome &outcome, const shape::Limits &limits)
+        : name_(name), outcome_(outcome), limits_(limits), before_(chain), block_(chain) {}
+
+    std::optional<Block> lay(const CountReader &reader) {
+        const auto subChains = subChainsOf(before_, name_);
+        std::set<std::string> all(subChains.begin(), subChains.end());
+        all.insert(name_);
+        CountReader::Counts counts;
+        if (!reader.read(before_, all, counts))
+            return std::nullopt;
+        takeOut(subChains);
+        putIn(counts);
+        return std::move(block_);
+    }
+
+private:
+    void takeOut(const std::vector<std::string> &subChains) {
+        for (const shape::LogicalRule &rule : before_.shape.rules())
+            rules_[rule.id] = rule.rule;
+        takeOutOfTheChainItself();
+        for (const std::string &sub : subChains)
+            block_.add(Kind::flushChain, sub, std::nullopt);
+        for (const std::string &sub : subChains) {
+            if (before_.pinned.count(sub) == 0)
+                block_.add(Kind::deleteChain, sub, std::nullopt);
+        }
+    }
+
+    // What others have put between our rules stays where it is, unless it is to go.
+    void takeOutOfTheChainItself() {
+        const std::set<Id> known(before_.order.begin(), before_.order.end());
+        const shape::Chains placed = before_.placed();
+        for (const shape::PlacedRule &rule : placed.at(name_)) {
+            const bool isOfOthers =
+                known.count(rule.id) > 0 && rules_.count(rule.id) == 0 && before_.strangers.count(rule.id) == 0;
+            if (isOfOthers && !outcome_.goes(rule.id))
+                left_.push_back(rule);
+            else
+                block_.add(Kind::deleteRule, name_, outcome_.causeOf(rule.id), before_.handleOf(rule.id));
+        }
+    }
+
+    void putIn(const CountReader::Counts &counts) {
+        LaidChain &next = block_.next;
+        std::unordered_map<Id, const Outcome::Added *> added;
+        for (const Outcome::Added &one : outcome_.added)
+            added[one.rule.id] = &one;
+        next.order = composed(
+            before_.order, outcome_, [](Id id) { return id; }, [](const Outcome::Added &one) { return one.rule.id; });
+        next.order.erase(std::remove_if(next.order.begin(), next.order.end(),
+                                        [&](Id id) { return before_.strangers.count(id) > 0; }),
+                         next.order.end());
+        next.handles.clear();
+        for (const Id id : next.order) {
+            const auto isNew = added.find(id);
+            const auto kept = rules_.find(id);
+            if (isNew != added.end())
+                put(id, isNew->second->rule.rule, isNew->second->cause, nullptr);
+            else if (kept != rules_.end())
+                put(id, kept->second, std::nullopt, counts.count(id) > 0 ? &counts.at(id) : nullptr);
+        }
+        next.shape = shape::Shape::read(name_, {{name_, left_}}, limits_);
+        for (const std::string &sub : next.pinned)
+            next.shape.reserve(sub);
+        next.strangers.clear();
+        next.asRead.reset();
+    }
+
+    void put(Id id, const Rule &rule, Cause cause, const Counters *counted) {
+        block_.addRule(Kind::appendRule, name_, rule, cause, 0, counted);
+        block_.next.setHandle(id, 0);
+        left_.push_back({id, rule});
+    }
+
+    const std::string &name_;
+    const Outcome &outcome_;
+    const shape::Limits &limits_;
+    LaidChain before_;
+    Block block_;
+    std::unordered_map<Id, Rule> rules_;
+    std::vector<shape::PlacedRule> left_; // in the chain itself, as it will be
+};
+
+} // namespace
+
+std::optional<Block> layOut(const std::string &name, const LaidChain &chain, const Outcome &outcome,
+                            const Changes &changes, const std::vector<std::size_t> &places, const shape::Limits &limits,
+                            const CountReader &reader, Id &nextId) {
+    const bool isList = !chain.shape.isTree() && !chain.isDamaged();
+    const bool isShort = chain.shape.size() + outcome.added.size() <= limits.treeFrom;
+    if ((chain.isDamaged() && !outcome.isTidied) || (isList && isShort))
+        return layPlainly(name, chain, outcome, changes, places, limits, reader);
+    TreeLayout tree(chain, outcome);
+    if (tree.update(nextId))
+        return tree.lay(reader);
+    if (isList)
+        return layPlainly(name, chain, outcome, changes, places, limits, reader);
+    return ListLayout(name, chain, outcome, limits).lay(reader);
+}
+
+} // namespace rlv

@@ -1,0 +1,432 @@
+// A table over a kernel in which long chains are trees.
+#include <cerrno>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "shared-kernel.h"
+#include "support/rule-lists.h"
+
+namespace {
+
+using namespace sharedkernel;
+using rlv::Change;
+using rlv::Rule;
+using testing::Contains;
+using testing::Each;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+using Kind = Change::Kind;
+
+constexpr std::size_t kTreeFrom = 16;
+const std::string kChain = "VPK-D";
+
+Texts someRules(std::size_t size, const char *form = "random addresses") {
+    Texts texts;
+    for (const Rule &rule : rulelists::make(rulelists::form(form), size, 5))
+        texts.push_back(rlv::describeMatch(rule) + "-j DROP");
+    return texts;
+}
+
+Texts sorted(Texts texts) {
+    std::sort(texts.begin(), texts.end());
+    return texts;
+}
+
+Texts appends(const Texts &rules) {
+    Texts commands;
+    for (const std::string &rule : rules)
+        commands.push_back("-A VPK-D " + rule);
+    return commands;
+}
+
+class ATableOfTrees : public testing::Test {
+protected:
+    ATableOfTrees() { table = openTable(kernel, kTreeFrom); }
+
+    rlv::PushReport done(const Texts &commands) {
+        table->open();
+        for (const std::string &options : commands)
+            EXPECT_EQ("", table->apply({parsed(options)}, options).message) << options;
+        return table->push();
+    }
+    void expectDone(const Texts &commands) { EXPECT_THAT(done(commands).lost, IsEmpty()); }
+    void make(const Texts &rules) {
+        expectDone({"-N VPK-D", "-A INPUT -j VPK-D"});
+        expectDone(appends(rules));
+    }
+    void rebuild(const Texts &rules) {
+        Texts commands{"-F VPK-D"};
+        for (const std::string &command : appends(rules))
+            commands.push_back(command);
+        expectDone(commands);
+    }
+    void expectRules(const Texts &rules, std::size_t treeFrom = kTreeFrom) {
+        EXPECT_EQ(sorted(rules), rulesIn(kernel, kChain));
+        EXPECT_EQ(sorted(rules), rulesSeen(kernel, kChain, treeFrom));
+        rlv::ServiceState state;
+        table->describe(state);
+        ASSERT_THAT(state.chains, SizeIs(1));
+        EXPECT_EQ(state.chains.front().rules, rules.size());
+    }
+
+    std::map<std::string, std::uint64_t> handles() {
+        std::map<std::string, std::uint64_t> all;
+        const rlv::Ruleset truth = kernel.truth();
+        for (const auto &[name, chain] : truth.chains) {
+            for (const auto &rule : chain.rules)
+                all[rlv::describe(*rule.rule)] = rule.handle;
+        }
+        return all;
+    }
+    bool flush(const std::string &chain) { return kernel.edit({Kind::flushChain, &chain, nullptr, 0}); }
+    std::string aSubChain() { return subChainsIn(kernel, kChain).front(); }
+    // One that has rules and no branches.
+    std::string leaf() {
+        const rlv::Ruleset truth = kernel.truth();
+        for (const auto &[name, chain] : truth.chains) {
+            if (name != kChain && isOf(kChain, name) && std::none_of(chain.rules.begin(), chain.rules.end(), isBranch))
+                return name;
+        }
+        return {};
+    }
+
+    scripted::Backend kernel;
+    std::unique_ptr<rlv::TransactionalTable> table;
+};
+
+TEST_F(ATableOfTrees, HasAListUpToItsBound) {
+    const Texts rules = someRules(kTreeFrom);
+    make(rules);
+    expectRules(rules);
+    EXPECT_THAT(subChainsIn(kernel, kChain), IsEmpty());
+}
+
+TEST_F(ATableOfTrees, HasATreeFromOneRuleMoreOn) {
+    const Texts rules = someRules(100);
+    make({rules.begin(), rules.begin() + kTreeFrom});
+    expectDone(appends({rules.begin() + kTreeFrom, rules.end()}));
+    expectRules(rules);
+    EXPECT_THAT(subChainsIn(kernel, kChain), SizeIs(testing::Gt(3U)));
+}
+
+TEST_F(ATableOfTrees, SendsNothingForARebuildWithTheSameRules) {
+    Texts rules = someRules(100);
+    make(rules);
+    const auto before = handles();
+    for (const bool isReopened : {false, true}) {
+        if (isReopened)
+            table = openTable(kernel, kTreeFrom);
+        std::reverse(rules.begin(), rules.end());
+        const std::size_t commits = kernel.commits;
+        rebuild(rules);
+        // One who knows the order in which he has sent them holds to it.
+        EXPECT_LE(kernel.commits, commits + (isReopened ? 0 : 1));
+    }
+    const auto after = handles();
+    EXPECT_EQ(before.size(), after.size());
+    std::size_t stayed = 0;
+    for (const auto &[rule, handle] : before)
+        stayed += after.at(rule) == handle ? 1 : 0;
+    EXPECT_GE(stayed + 1, before.size());
+}
+
+TEST_F(ATableOfTrees, ChangesALeafForOneRule) {
+    Texts rules = someRules(301);
+    const std::string last = rules.back();
+    rules.pop_back();
+    make(rules);
+    for (const char *const action : {"-A ", "-D "}) {
+        const auto before = handles();
+        expectDone({action + kChain + " " + last});
+        const auto after = handles();
+        std::size_t changed = 0;
+        for (const auto &[rule, handle] : before)
+            changed += after.count(rule) == 0 || after.at(rule) != handle ? 1 : 0;
+        EXPECT_LE(changed, 40U) << action;
+    }
+    expectRules(rules);
+}
+
+TEST_F(ATableOfTrees, DeletesWhatItHasSentAndNotReadSince) {
+    Texts rules = someRules(200);
+    make(rules);
+    while (rules.size() > 20) {
+        expectDone({"-D VPK-D " + rules.back(), "-D VPK-D " + rules.front()});
+        rules.pop_back();
+        rules.erase(rules.begin());
+    }
+    expectRules(rules);
+    rebuild({});
+    expectRules({});
+    EXPECT_THAT(subChainsIn(kernel, kChain), IsEmpty());
+}
+
+TEST_F(ATableOfTrees, HoldsTwoEqualRulesForTwo) {
+    Texts rules = someRules(50);
+    make(rules);
+    expectDone({"-A VPK-D " + rules[7]});
+    rules.push_back(rules[7]);
+    expectRules(rules);
+    expectDone({"-D VPK-D " + rules[7]});
+    rules.pop_back();
+    expectRules(rules);
+}
+
+TEST_F(ATableOfTrees, TakesCountersAlongWhenRulesMove) {
+    constexpr std::size_t kRules = 50;
+    const Texts rules = someRules(kRules + 1);
+    expectDone({"-N VPK-D"});
+    const rlv::Counters counted{7, 700};
+    for (std::size_t i = 0; i < kRules; ++i) {
+        const Rule rule = parsed("-A VPK-D " + rules[i]).rule;
+        Change change{Kind::appendRule, &kChain, &rule, 0};
+        change.counters = &counted;
+        ASSERT_TRUE(kernel.edit(change));
+    }
+    expectDone(appends({rules.back()}));
+    std::size_t withCounters = 0;
+    const rlv::Ruleset truth = kernel.truth();
+    for (const auto &[name, chain] : truth.chains) {
+        const auto counts = *kernel.readCounters(name, kernel.generation());
+        for (const auto &rule : counts)
+            withCounters += rule.counters.packets == 7 && rule.counters.bytes == 700 ? 1 : 0;
+    }
+    EXPECT_EQ(withCounters, kRules);
+    EXPECT_THAT(subChainsIn(kernel, kChain), Not(IsEmpty()));
+}
+
+TEST_F(ATableOfTrees, MakesAListOfAMixtureOfTargetsInItsOrder) {
+    const Texts rules = someRules(60);
+    make(rules);
+    expectDone({"-A VPK-D -s 10.0.0.1/32 -j ACCEPT"});
+    EXPECT_THAT(subChainsIn(kernel, kChain), IsEmpty());
+    const auto standing = kernel.truth().chains.at(kChain).rules;
+    ASSERT_THAT(standing, SizeIs(61));
+    EXPECT_EQ(rlv::describe(*standing.back().rule), "-s 10.0.0.1/32 -j ACCEPT");
+    expectDone({"-A VPK-D -s 10.0.0.2/32 -j DROP"});
+    EXPECT_EQ(rlv::describe(*kernel.truth().chains.at(kChain).rules.back().rule), "-s 10.0.0.2/32 -j DROP");
+    expectDone({"-D VPK-D -s 10.0.0.1/32 -j ACCEPT"});
+    EXPECT_THAT(subChainsIn(kernel, kChain), Not(IsEmpty())) << "and a tree when one target is left";
+}
+
+TEST_F(ATableOfTrees, KeepsTheOrderOfAMixtureThatIsBuiltAnew) {
+    Texts rules = someRules(60);
+    make(rules);
+    rules.insert(rules.begin() + 30, "-s 10.0.0.1/32 -j ACCEPT");
+    rebuild(rules);
+    Texts standing;
+    const rlv::Ruleset truth = kernel.truth();
+    for (const auto &rule : truth.chains.at(kChain).rules)
+        standing.push_back(rlv::describe(*rule.rule));
+    EXPECT_EQ(standing, rules);
+}
+
+TEST_F(ATableOfTrees, TakesAnotherBoundWithTheNextConnection) {
+    const Texts rules = someRules(100);
+    make(rules);
+    for (const std::size_t bound : {std::size_t{0}, kTreeFrom, std::size_t{1'000}, std::size_t{8}}) {
+        table = openTable(kernel, bound);
+        rebuild(rules);
+        const bool isTree = bound == kTreeFrom || bound == 8;
+        EXPECT_EQ(subChainsIn(kernel, kChain).empty(), !isTree) << bound;
+        expectRules(rules, bound);
+        const std::size_t commits = kernel.commits;
+        rebuild(rules);
+        EXPECT_EQ(kernel.commits, commits) << bound;
+    }
+}
+
+TEST_F(ATableOfTrees, LeavesNothingWhenAllIsRemoved) {
+    make(someRules(300));
+    table = openTable(kernel, kTreeFrom);
+    EXPECT_EQ(table->removeAll().message, "");
+    const rlv::Ruleset truth = kernel.truth();
+    EXPECT_EQ(truth.chains.size(), 1U);
+    EXPECT_EQ(truth.chains.count("INPUT"), 1U);
+}
+
+TEST_F(ATableOfTrees, LeavesNothingOfOrphansEither) {
+    make(someRules(300));
+    flush("INPUT");
+    flush(kChain);
+    for (const bool isChainThere : {true, false}) {
+        if (!isChainThere)
+            kernel.edit({Kind::deleteChain, &kChain, nullptr, 0});
+        auto other = openTable(kernel, kTreeFrom);
+        if (!isChainThere) {
+            EXPECT_EQ(other->removeAll().message, "");
+            EXPECT_EQ(kernel.truth().chains.size(), 1U);
+        }
+    }
+}
+
+TEST_F(ATableOfTrees, LosesTheRefusedRuleAlone) {
+    const Texts rules = someRules(100);
+    make({rules.begin(), rules.end() - 10});
+    const Rule poison = parsed("-A VPK-D " + rules[95]).rule;
+    kernel.refuse = [&](const Change &change) { return change.rule != nullptr && *change.rule == poison ? EINVAL : 0; };
+    for (const bool tellsIndexes : {true, false}) {
+        kernel.tellsIndexes = tellsIndexes;
+        const auto report = done(appends({rules.end() - 10, rules.end()}));
+        ASSERT_THAT(report.lost, SizeIs(1)) << tellsIndexes;
+        EXPECT_EQ(report.lost.front().options, "-A VPK-D " + rules[95]);
+        Texts left = rules;
+        left.erase(left.begin() + 95);
+        expectRules(left);
+        expectDone({"-F VPK-D"});
+        kernel.refuse = nullptr;
+        expectDone(appends({rules.begin(), rules.end() - 10}));
+        kernel.refuse = [&](const Change &change) {
+            return change.rule != nullptr && *change.rule == poison ? EINVAL : 0;
+        };
+    }
+}
+
+TEST_F(ATableOfTrees, GivesTheKernelAListWhereItTakesNoTree) {
+    kernel.refuse = [](const Change &change) {
+        return change.kind == Kind::addChain && !rlv::shape::treeOf(*change.chain).empty() ? EMLINK : 0;
+    };
+    const Texts rules = someRules(100);
+    make(rules);
+    expectRules(rules);
+    EXPECT_THAT(subChainsIn(kernel, kChain), IsEmpty());
+}
+
+TEST_F(ATableOfTrees, PutsWhatWasSentUnboundInPlaceWithTheNextConnection) {
+    const Texts rules = someRules(200);
+    make({rules.begin(), rules.begin() + 100});
+    kernel.conflictsToCome = 11;
+    expectDone(appends({rules.begin() + 100, rules.end()}));
+    kernel.conflictsToCome = 0;
+    EXPECT_GT(kernel.unbound, 0U);
+    expectRules(rules);
+    EXPECT_GE(kernel.truth().chains.at(kChain).rules.size(), 100U) << "in the chain itself";
+    expectDone({"-D VPK-D " + rules.back()});
+    expectRules({rules.begin(), rules.end() - 1});
+    EXPECT_LT(kernel.truth().chains.at(kChain).rules.size(), 60U);
+}
+
+TEST_F(ATableOfTrees, KeepsItsRulesWhereNobodyCanReadThemWhole) {
+    const Texts rules = someRules(150);
+    make({rules.begin(), rules.begin() + 100});
+    kernel.isNeverWhole = true;
+    const std::string other = "OTHER";
+    kernel.make(other);
+    expectDone(appends({rules.begin() + 100, rules.end()}));
+    rebuild(rules);
+    kernel.isNeverWhole = false;
+    expectRules(rules);
+}
+
+// ---- foreign hands --------------------------------------------------------------------------------------------------
+
+class AMendingTableOfTrees : public ATableOfTrees {
+protected:
+    AMendingTableOfTrees() {
+        make(rules);
+        table->remember();
+    }
+    void expectMended(const char *text) {
+        const auto report = table->mend();
+        EXPECT_EQ(report.problem, "");
+        EXPECT_GT(report.differences, 0U);
+        EXPECT_THAT(report.texts, Contains(HasSubstr(text)));
+        expectRules(rules);
+        EXPECT_EQ(table->mend().differences, 0U);
+    }
+
+    const Texts rules = someRules(200);
+};
+
+TEST_F(AMendingTableOfTrees, FindsNothingWhereOthersChangeWhatIsTheirs) {
+    kernel.make("OTHER");
+    const std::size_t commits = kernel.commits;
+    EXPECT_EQ(table->mend().differences, 0U);
+    EXPECT_EQ(kernel.commits, commits);
+}
+
+TEST_F(AMendingTableOfTrees, PutsAnEmptiedChainBack) {
+    ASSERT_TRUE(flush(kChain));
+    expectMended("VPK-D: missing: ");
+}
+
+TEST_F(AMendingTableOfTrees, PutsAnEmptiedLeafBack) {
+    ASSERT_TRUE(flush(leaf()));
+    expectMended("VPK-D: missing: ");
+}
+
+TEST_F(AMendingTableOfTrees, PutsForeignRulesOut) {
+    ASSERT_TRUE(kernel.append(leaf(), parsed("-A VPK-D -j ACCEPT").rule));
+    expectMended("VPK-D: foreign: -j ACCEPT");
+    ASSERT_TRUE(kernel.append(kChain, parsed("-A VPK-D -s 10.0.0.9 -j ACCEPT").rule));
+    expectMended("VPK-D: foreign: -s 10.0.0.9/32 -j ACCEPT");
+    ASSERT_TRUE(kernel.append(leaf(), parsed("-A VPK-D -p tcp -j DROP").rule));
+    expectMended("VPK-D: changed: rules that not all of their packets get to (1)");
+    ASSERT_TRUE(kernel.append(kChain, parsed("-A VPK-D -s 10.0.0.9 -j DROP").rule));
+    expectMended("VPK-D: foreign: -s 10.0.0.9/32 -j DROP");
+}
+
+TEST_F(AMendingTableOfTrees, PutsOrphansOut) {
+    ASSERT_TRUE(kernel.make("VPK-D.zz"));
+    ASSERT_TRUE(kernel.append("VPK-D.zz", parsed("-A VPK-D -j ACCEPT").rule));
+    expectMended("VPK-D: changed: sub-chains that nothing leads to (1)");
+    EXPECT_EQ(kernel.truth().chains.count("VPK-D.zz"), 0U);
+}
+
+TEST_F(AMendingTableOfTrees, PutsADeletedBranchBack) {
+    const rlv::Ruleset truth = kernel.truth();
+    const auto &rules_ = truth.chains.at(kChain).rules;
+    const auto branch = std::find_if(rules_.begin(), rules_.end(), isBranch);
+    ASSERT_NE(branch, rules_.end());
+    ASSERT_TRUE(kernel.edit({Kind::deleteRule, &kChain, nullptr, branch->handle}));
+    expectMended("VPK-D: missing: ");
+}
+
+TEST_F(AMendingTableOfTrees, PutsAChainThatIsGoneBackBesideItsSubChains) {
+    flush("INPUT");
+    flush(kChain);
+    ASSERT_TRUE(kernel.edit({Kind::deleteChain, &kChain, nullptr, 0}));
+    expectMended("VPK-D: the chain is missing");
+}
+
+TEST_F(AMendingTableOfTrees, LeavesASubChainThatOthersReferToEmptied) {
+    const std::string leaf_ = leaf();
+    Rule jump;
+    jump.target = {rlv::Target::Kind::jump, leaf_};
+    kernel.make("OTHER");
+    ASSERT_TRUE(kernel.append("OTHER", jump));
+    expectDone({"-F VPK-D"});
+    EXPECT_EQ(subChainsIn(kernel, kChain), Texts{leaf_});
+    EXPECT_THAT(kernel.truth().chains.at(leaf_).rules, IsEmpty());
+    table->remember();
+    EXPECT_EQ(table->mend().differences, 0U);
+    expectDone(appends(rules));
+    expectRules(rules);
+}
+
+TEST_F(AMendingTableOfTrees, ChangesNothingOfOthersWhereItOnlyTells) {
+    table->setMending(false);
+    const std::string leaf_ = leaf();
+    ASSERT_TRUE(kernel.append(leaf_, parsed("-A VPK-D -j ACCEPT").rule));
+    EXPECT_EQ(table->mend().problem, "not put back (--no-repair)");
+    expectDone({"-A VPK-D -s 10.0.0.77/32 -j DROP", "-D VPK-D " + rules[3]});
+    EXPECT_THAT(rulesIn(kernel, kChain), Contains("-j ACCEPT"));
+    EXPECT_THAT(rulesIn(kernel, kChain), Contains("-s 10.0.0.77/32 -j DROP"));
+    EXPECT_THAT(rulesIn(kernel, kChain), Not(Contains(rules[3])));
+}
+
+TEST_F(AMendingTableOfTrees, IsFoundAgainByTheNextService) {
+    const auto before = handles();
+    table = openTable(kernel, kTreeFrom);
+    const std::size_t commits = kernel.commits;
+    rebuild(rules);
+    EXPECT_EQ(kernel.commits, commits);
+    EXPECT_EQ(handles(), before);
+    table->remember();
+    EXPECT_EQ(table->mend().differences, 0U);
+}
+
+} // namespace
