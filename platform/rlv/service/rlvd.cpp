@@ -24,6 +24,8 @@
 #include "rlv/service/service-log.h"
 #include "rlv/service/service-socket.h"
 #include "rlv/service/service.h"
+#include "rlv/shaped/shaped-backend.h"
+#include "rlv/table/transactional-table.h"
 #include "support/command-line.h"
 #include "support/directories.h"
 #include "support/readiness.h"
@@ -125,6 +127,10 @@ void addTableOptions(CLI::App &app, Arguments &arguments) {
         ->check(CLI::Range(1, 86'400))
         ->capture_default_str();
     app.add_flag("--simulate", arguments.service.simulated, "Keep the chains in memory; the kernel is not touched");
+    app.add_option("--tree-from", arguments.service.treeFrom,
+                   "Chains of more rules with one target lie in the kernel as trees of sub-chains; 0: none does")
+        ->check(CLI::Range(std::size_t{0}, rlv::kMaxRules))
+        ->capture_default_str();
     app.add_flag("--no-repair", arguments.noRepair,
                  "Only tell of what others change in the chains and hooks, do not put it back");
     app.add_flag(
@@ -174,7 +180,11 @@ gid_t resolveAccounts(Arguments &arguments) {
 }
 
 std::unique_ptr<rlv::Table> openTable(const rlv::ServiceOptions &options) {
-    return options.simulated ? rlv::makeSimulatedTable(options.chainPrefix) : rlv::openKernelTable(options.chainPrefix);
+    auto backend = options.simulated ? rlv::makeSimulatedBackend() : rlv::openKernelBackend(options.chainPrefix);
+    rlv::shape::Limits limits;
+    limits.treeFrom = options.treeFrom;
+    return std::make_unique<rlv::TransactionalTable>(
+        rlv::makeShapedBackend(std::move(backend), options.chainPrefix, limits), options.chainPrefix);
 }
 
 // One that runs would put everything back: it takes out what it has made, and forgets it. One that serves others is

@@ -1,0 +1,90 @@
+// Long chains as trees in the kernel, by the program.
+#include "rlvd-process.h"
+
+#include <algorithm>
+#include <csignal>
+#include <sstream>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using testing::HasSubstr;
+using namespace rlvd;
+
+std::string rule(int number) {
+    return "-s 10." + std::to_string(number % 7) + "." + std::to_string(number / 7) + "." +
+           std::to_string(number * 37 % 251) + "/32 -j DROP";
+}
+
+class AServiceWithTrees : public testing::Test {
+protected:
+    static constexpr int kRules = 200;
+
+    static std::string listing() { return process::capture({"iptables", "-S"}).output; }
+    static std::size_t count(const std::string &text) {
+        const std::string all = listing();
+        std::size_t found = 0;
+        for (std::size_t at = all.find(text); at != std::string::npos; at = all.find(text, at + 1))
+            ++found;
+        return found;
+    }
+    static void rebuild() {
+        Client client;
+        client.commit("-N VPK-DENY");
+        EXPECT_EQ("0: ", client.commit("-F VPK-DENY"));
+        for (int i = 0; i < kRules; ++i)
+            EXPECT_EQ("0: ", client.commit("-A VPK-DENY " + rule(i)));
+        EXPECT_EQ(0, client.close());
+    }
+    static std::string handles() { return process::capture({"nft", "-a", "list", "table", "ip", "filter"}).output; }
+};
+
+TEST_F(AServiceWithTrees, FindsItsTreeAgainWhenItWasKilled) {
+    std::string before;
+    {
+        Service service({});
+        rebuild();
+        EXPECT_GT(count("-N VPK-DENY."), 3U);
+        EXPECT_EQ(count("-j DROP"), std::size_t{kRules});
+        before = handles();
+        service.process().kill();
+    }
+    Service next({});
+    EXPECT_EQ(rulesOf("VPK-DENY"), std::size_t{kRules});
+    rebuild();
+    EXPECT_EQ(handles(), before);
+    EXPECT_EQ(rlv::query(0).chains.size(), 1U) << "sub-chains are nobody's business";
+}
+
+TEST_F(AServiceWithTrees, HasListsWhereItIsToldToAndChangesThemWithTheNextConnection) {
+    for (const char *const from : {"0", "64", "1000", "150"}) {
+        Service service({"--tree-from", from});
+        rebuild();
+        const bool isTree = std::string(from) == "64" || std::string(from) == "150";
+        EXPECT_EQ(count("-N VPK-DENY.") > 0, isTree) << from;
+        EXPECT_EQ(count("-j DROP"), std::size_t{kRules}) << from;
+        EXPECT_EQ(rulesOf("VPK-DENY"), std::size_t{kRules}) << from;
+    }
+}
+
+TEST_F(AServiceWithTrees, RefusesTheNamesOfSubChains) {
+    Service service({});
+    Client client;
+    for (const char *const command :
+         {"-N VPK-DENY.1", "-F VPK-DENY.1", "-X VPK-DENY.1", "-A VPK-DENY.1 -j DROP", "-A INPUT -j VPK-DENY.1"})
+        EXPECT_THAT(client.commit(command), HasSubstr("expected a name without a dot")) << command;
+}
+
+TEST_F(AServiceWithTrees, LeavesNothingWhenItsTablesAreRemoved) {
+    {
+        Service service({});
+        rebuild();
+    }
+    const auto removed = ended({"--remove-tables"});
+    EXPECT_EQ(removed.status, 0) << removed.errors;
+    EXPECT_THAT(listing(), testing::Not(HasSubstr("VPK-")));
+}
+
+} // namespace
