@@ -256,11 +256,14 @@ std::vector<std::string> listRules(const std::string &chain) {
 }
 
 std::vector<std::string> rulesOf(const std::string &chain) {
-    const std::string start = "-A " + chain + " ";
+    const std::string start = "-A " + chain;
+    const std::string branch = "-j " + chain + ".";
     std::vector<std::string> rules;
-    for (const auto &line : listRules(chain)) {
-        if (line.compare(0, start.size(), start) == 0)
-            rules.push_back(line.substr(start.size()));
+    for (const auto &line : listRules()) {
+        const bool isOfChain =
+            line.compare(0, start.size(), start) == 0 && (line[start.size()] == ' ' || line[start.size()] == '.');
+        if (isOfChain && line.find(branch) == std::string::npos)
+            rules.push_back(line.substr(line.find(' ', start.size()) + 1));
     }
     return rules;
 }
