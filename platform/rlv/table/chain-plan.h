@@ -39,6 +39,7 @@ struct ChainPlan {
 struct PlannedChain {
     bool make = false;
     bool remove = false;
+    bool tidy = false; // what is not as the backend would lay it out now is laid out anew
     ChainPlan plan;
 };
 using RulesetPlan = std::map<std::string, PlannedChain>;

@@ -229,6 +229,9 @@ RulesetPlan PendingRuleset::plan(bool isCurrent) const {
         PlannedChain &change = plan[name];
         change.make = standing == nullptr;
         change.remove = !chain.exists;
+        // Who empties a chain counts on nothing of others being left in it.
+        change.tidy = standing != nullptr && chain.exists &&
+                      (!standing->isTidy || (!standing->disorder.empty() && chain.flushed.number != 0));
         PlanLimits limits;
         // A deletes rule r and appends it again, so it could stay. Unless nobody can come in between, B may have
         // deleted it by then, and it would stand nowhere: then it is deleted and made.
@@ -306,6 +309,8 @@ void PendingRuleset::adopt(const RulesetPlan &plan, std::uint32_t generation) {
             standing.isBase = isBuiltInChain(name);
         chains_.at(name).carryOut(change.plan, standing);
         standing.isTidy = true;
+        if (change.tidy)
+            standing.disorder.clear();
     }
     standing_.generation = generation;
     reset();

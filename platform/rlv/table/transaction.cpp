@@ -47,7 +47,7 @@ public:
         for (const auto &[name, change] : plan)
             removeRules(name, change.plan);
         for (const auto &[name, change] : plan)
-            addRules(name, change.plan);
+            addRules(name, change.plan, change.tidy);
         for (const auto &[name, change] : plan) {
             if (change.remove)
                 add({Kind::deleteChain, &name, nullptr, 0}, name);
@@ -76,12 +76,11 @@ private:
             add(change, name);
     }
 
-    void addRules(const std::string &name, const ChainPlan &plan) {
+    void addRules(const std::string &name, const ChainPlan &plan, bool isTidied) {
         const Changes changes = insertionsOf(plan, name, pending_.standingRules(name), pending_.appendedRules(name));
         for (std::size_t i = 0; i < changes.size(); ++i)
             add(changes[i], name, plan.insertions[i].appended);
-        if (const auto standing = pending_.standing().chains.find(name);
-            standing != pending_.standing().chains.end() && !standing->second.isTidy)
+        if (isTidied)
             add({Kind::tidyChain, &name, nullptr, 0}, name);
     }
 

@@ -418,6 +418,16 @@ TEST_F(AMendingTableOfTrees, ChangesNothingOfOthersWhereItOnlyTells) {
     EXPECT_THAT(rulesIn(kernel, kChain), Not(Contains(rules[3])));
 }
 
+TEST_F(AMendingTableOfTrees, TakesWhatOthersDidOutWithARebuildWhereItOnlyTells) {
+    table->setMending(false);
+    ASSERT_TRUE(flush(kChain));
+    ASSERT_TRUE(kernel.append("VPK-D", parsed("-A VPK-D -j ACCEPT").rule));
+    table->mend();
+    rebuild(rules);
+    expectRules(rules);
+    EXPECT_LT(kernel.truth().chains.at(kChain).rules.size(), 60U);
+}
+
 TEST_F(AMendingTableOfTrees, IsFoundAgainByTheNextService) {
     const auto before = handles();
     table = openTable(kernel, kTreeFrom);
