@@ -199,16 +199,42 @@ void Firewall::turnOneRule(std::size_t round) {
     require(system_.execute("ApplyAllowRules", rule) == 0, rule + " cannot be turned");
 }
 
+namespace {
+
+// What "iptables -S" shows, whichever way our chains lie: rules of sub-chains as those of their chain, sorted, since
+// all of them do the same, and no branches.
+std::vector<std::string> rulesWhereverTheyStand() {
+    std::vector<std::string> lines;
+    std::vector<std::string> ours;
+    for (const std::string &line : network::listRules()) {
+        const bool isOurs =
+            line.rfind("-A " + std::string(kAllow), 0) == 0 || line.rfind("-A " + std::string(kDeny), 0) == 0;
+        const bool isSubChain = line.rfind("-N ", 0) == 0 && line.find('.') != std::string::npos;
+        if (!isOurs && !isSubChain)
+            lines.push_back(line);
+    }
+    for (const char *const chain : {kAllow, kDeny}) {
+        for (const std::string &rule : network::rulesOf(chain))
+            ours.push_back(std::string(chain) + " " + rule);
+    }
+    std::sort(ours.begin(), ours.end());
+    lines.insert(lines.end(), ours.begin(), ours.end());
+    return lines;
+}
+
+} // namespace
+
 Round Firewall::reinitialise(std::size_t number) {
     const auto &kind = Disturbances::kinds[number % Disturbances::kinds.size()];
     Round round;
     round.disturbance = kind.name;
     const std::streamoff logged = sizeOfServiceLog();
-    const auto before = network::listRules();
+    const auto listed = network::listRules();
+    const auto before = rulesWhereverTheyStand();
     stream_->mark("round " + std::to_string(number) + ": before " + kind.name);
     kind.disturb(*this, number);
-    const auto disturbed = network::listRules();
-    round.disturbed = disturbed != before;
+    const auto disturbed = rulesWhereverTheyStand();
+    round.disturbed = network::listRules() != listed;
 
     stream_->mark("round " + std::to_string(number) + ": " + kind.name);
     const auto begin = traffic::Clock::now();
@@ -220,7 +246,7 @@ Round Firewall::reinitialise(std::size_t number) {
     process::waitUntil([&] { return (round.changes = changesSent(logged)) > 0; }, kLogged);
     kind.tidyUp();
     round.restored =
-        network::listRules() == (kind.afterwards == Disturbances::Afterwards::asBefore ? before : disturbed);
+        rulesWhereverTheyStand() == (kind.afterwards == Disturbances::Afterwards::asBefore ? before : disturbed);
     return round;
 }
 
