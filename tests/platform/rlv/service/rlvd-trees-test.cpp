@@ -44,14 +44,14 @@ protected:
 TEST_F(AServiceWithTrees, FindsItsTreeAgainWhenItWasKilled) {
     std::string before;
     {
-        Service service({});
+        Service service({"--tree-from", "64"});
         rebuild();
         EXPECT_GT(count("-N VPK-DENY."), 3U);
         EXPECT_EQ(count("-j DROP"), std::size_t{kRules});
         before = handles();
         service.process().kill();
     }
-    Service next({});
+    Service next({"--tree-from", "64"});
     EXPECT_EQ(rulesOf("VPK-DENY"), std::size_t{kRules});
     rebuild();
     EXPECT_EQ(handles(), before);
@@ -70,7 +70,7 @@ TEST_F(AServiceWithTrees, HasListsWhereItIsToldToAndChangesThemWithTheNextConnec
 }
 
 TEST_F(AServiceWithTrees, RefusesTheNamesOfSubChains) {
-    Service service({});
+    Service service({"--tree-from", "64"});
     Client client;
     for (const char *const command :
          {"-N VPK-DENY.1", "-F VPK-DENY.1", "-X VPK-DENY.1", "-A VPK-DENY.1 -j DROP", "-A INPUT -j VPK-DENY.1"})
@@ -79,7 +79,7 @@ TEST_F(AServiceWithTrees, RefusesTheNamesOfSubChains) {
 
 TEST_F(AServiceWithTrees, LeavesNothingWhenItsTablesAreRemoved) {
     {
-        Service service({});
+        Service service({"--tree-from", "64"});
         rebuild();
     }
     const auto removed = ended({"--remove-tables"});
