@@ -111,6 +111,8 @@ bool Balance::splitAlong(NodeIndex index, Field field) {
         put(items[item], second);
     for (const std::uint32_t item : halves.rest)
         put(items[item], parent);
+    touched(index);
+    touched(second);
     return true;
 }
 

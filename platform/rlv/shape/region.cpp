@@ -71,6 +71,11 @@ Region intersection(const Region &left, const Region &right) {
     return both;
 }
 
+bool isEmpty(const Region &region) {
+    return std::any_of(region.fields.begin(), region.fields.end(),
+                       [](const Interval &interval) { return interval.last < interval.first; });
+}
+
 Wording wordingOf(const Rule &rule) {
     return static_cast<Wording>((rule.source ? sourceWord : 0) | (rule.destination ? destinationWord : 0) |
                                 (rule.protocol ? protocolWord : 0) | (rule.sourcePorts ? sourcePortsWord : 0) |

@@ -48,6 +48,8 @@ struct Region {
 Region regionOf(const Rule &rule);
 // What both are about; empty intervals have their bounds the wrong way round.
 Region intersection(const Region &left, const Region &right);
+// True for what no packet is.
+bool isEmpty(const Region &region);
 
 // Which words a rule has: with its region they are the rule again, but for its target. Two rules may be about the same
 // packets in other words (all ports of a protocol, or no ports).

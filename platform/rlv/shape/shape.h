@@ -46,7 +46,7 @@ struct Damage {
     };
     std::vector<At> unreached;        // rules of the logical chain that no packet, or not each of theirs, gets to
     std::vector<At> foreign;          // in sub-chains: rules of other kinds, or with another target
-    std::vector<At> strayBranches;    // second ways to a sub-chain, or to another tree's
+    std::vector<At> strayBranches;    // second ways to a sub-chain, to another tree's, or that no packet can take
     std::vector<std::string> orphans; // sub-chains that nothing leads to
 
     bool isNone() const { return unreached.empty() && foreign.empty() && strayBranches.empty() && orphans.empty(); }

@@ -83,13 +83,15 @@ private:
 
     void readBranch(const Open &at, const std::string &chain, const PlacedRule &placed) {
         const std::string &target = placed.rule->target.text;
-        if (!isSubChain(target) || chains_.count(target) == 0 || !seen_.insert(target).second) {
+        const Region region = intersection(at.region, regionOf(*placed.rule));
+        // Where no packet goes, what is below cannot be told apart by what packets are.
+        if (!isSubChain(target) || chains_.count(target) == 0 || isEmpty(region) || !seen_.insert(target).second) {
             result_.damage.strayBranches.push_back({chain, placed.id});
             result_.tree.holdOther(at.node, placed, false);
             return;
         }
         const NodeIndex node = result_.tree.holdNode(at.node, target, placed.id, *placed.rule);
-        open_.push_back({node, intersection(at.region, result_.tree.node(node).region)});
+        open_.push_back({node, region});
     }
 
     void readRule(const Open &at, const std::string &chain, const PlacedRule &placed) {

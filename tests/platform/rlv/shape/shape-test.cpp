@@ -483,10 +483,36 @@ TEST_F(DamagedShape, PutsSecondBranchesOut) {
         std::find_if(chain_.kernel.chains()[kChain].begin(), chain_.kernel.chains()[kChain].end(),
                      [](const auto &rule) { return !rlv::shape::treeOf(rule.rule->target.text).empty(); });
     chain_.kernel.chains()[kChain].push_back({9'000, *branch->rule});
-    chain_.kernel.chains()[kChain].push_back({9'001, ruleFrom("-j VPK-ALLOW.1")});
+    Rule stray; // that no command can give
+    stray.target = {rlv::Target::Kind::jump, "VPK-ALLOW.1"};
+    chain_.kernel.chains()[kChain].push_back({9'001, stray});
     chain_.readAgain();
     EXPECT_EQ(chain_.shape.damage().strayBranches.size(), 2U);
     expectMended({});
+}
+
+TEST(Shape, PutsBranchesOutThatNoPacketCanTake) {
+    Chain chain;
+    std::vector<Rule> rules;
+    for (std::uint32_t i = 0; i < 200; ++i) {
+        rules.push_back(ruleFrom("-s 99.1.0.1 -j VPK-LOGANDDROP"));
+        rules.back().source->address += i * 0x100;
+    }
+    chain.add(rules);
+    Rule branch; // below one about another network
+    branch.source = rlv::Network{0x0a010000, 16};
+    branch.target = {rlv::Target::Kind::jump, "VPK-DENY.zz"};
+    chain.kernel.chains()["VPK-DENY.zz"];
+    chain.kernel.chains()[chain.leaf()].push_back({9'000, branch});
+    chain.readAgain();
+    EXPECT_EQ(chain.shape.damage().strayBranches.size(), 1U);
+    EXPECT_EQ(chain.shape.damage().orphans, std::vector<std::string>{"VPK-DENY.zz"});
+    for (Rule &rule : rules) {
+        rule.source->address += 1;
+        chain.add({rule});
+    }
+    EXPECT_EQ(chain.kernel.chains().count("VPK-DENY.zz"), 0U);
+    EXPECT_EQ(chain.shape.size(), 400U);
 }
 
 TEST_F(DamagedShape, FindsRulesMissingThatANarrowedBranchNoLongerLeadsTo) {
