@@ -35,7 +35,8 @@ public:
     LaidChain fold() {
         shape::Chains placed = takePlaced();
         LaidChain laid(shape::Shape::read(name_, placed, limits_));
-        findPinned(laid);
+        if (!subChains_.empty())
+            findPinned(laid);
         StandingChain &chain = ruleset_.chains.at(name_);
         if (subChains_.empty()) {
             for (const StandingRule &standing : chain.rules)
@@ -172,7 +173,7 @@ bool isNameOfTree(const std::string &name, const std::string &chainPrefix) {
            name.size() <= shape::kMaxTreeNameLength;
 }
 
-Folding fold(Ruleset ruleset, const std::string &chainPrefix, const shape::Limits &limits) {
+Folding fold(Ruleset ruleset, const std::string &chainPrefix, const shape::Limits &limits, const LaidChains &known) {
     Folding folding;
     std::vector<std::string> names;
     std::set<std::string> trees;
@@ -183,7 +184,7 @@ Folding fold(Ruleset ruleset, const std::string &chainPrefix, const shape::Limit
             trees.insert(tree);
     }
     for (const std::string &name : names) {
-        if (limits.treeFrom > 0 || trees.count(name) > 0)
+        if (limits.treeFrom > 0 || trees.count(name) > 0 || known.count(name) > 0)
             folding.laid.emplace(name, Folder(name, ruleset, limits).fold());
     }
     for (const auto &[name, chain] : ruleset.chains) {

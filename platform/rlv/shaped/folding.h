@@ -21,8 +21,9 @@ struct Folding {
 };
 
 // Sub-chains go into the chain that they belong to: their rules, other than branches, are rules of that chain. Rules
-// that are not reached are none.
-Folding fold(Ruleset ruleset, const std::string &chainPrefix, const shape::Limits &limits);
+// that are not reached are none. What is `known` is laid also where it is no tree any more, and cannot become one: its
+// rules have ids that takeOver() has to bring to the reading.
+Folding fold(Ruleset ruleset, const std::string &chainPrefix, const shape::Limits &limits, const LaidChains &known);
 
 // `fresh` is a reading of the same that is known, since nobody else has changed anything: it comes to have the known
 // ids and their order. False, with nothing changed, where it is another after all.

@@ -74,7 +74,8 @@ std::optional<Ruleset> ShapedBackend::take(std::optional<Ruleset> reading) {
         return std::nullopt;
     const std::uint32_t generation = reading->generation;
     const bool isSame = follows(generation);
-    Folding folding = fold(std::move(*reading), chainPrefix_, limits_);
+    static const LaidChains none;
+    Folding folding = fold(std::move(*reading), chainPrefix_, limits_, isSame ? known_.chains : none);
     bool hasSameIds = isSame;
     for (const auto &[name, known] : known_.chains) {
         const auto fresh = folding.laid.find(name);

@@ -15,7 +15,8 @@ using Kind = Change::Kind;
 // A tree before and after.
 class TreeLayout {
 public:
-    TreeLayout(const LaidChain &chain, const Outcome &outcome) : outcome_(outcome), before_(chain), block_(chain) {}
+    TreeLayout(const std::string &name, const LaidChain &chain, const Outcome &outcome)
+        : name_(name), outcome_(outcome), before_(chain), block_(chain) {}
 
     // None where the outcome is no tree.
     bool update(Id &nextId) {
@@ -30,13 +31,16 @@ public:
     }
 
     std::optional<Block> lay(const CountReader &reader) {
+        planRefill();
         CountReader::Counts counts;
         if (!reader.read(before_, chainsToRead(), counts))
             return std::nullopt;
         finish();
         block_.operations = std::move(update_.operations);
-        block_.changes.reserve(block_.operations.size());
-        block_.causes.reserve(block_.operations.size());
+        block_.changes.reserve(block_.operations.size() + left_.size() + 1);
+        block_.causes.reserve(block_.operations.size() + left_.size() + 1);
+        if (isRefilled_)
+            refill(counts);
         for (const Operation &operation : block_.operations)
             add(operation, counts);
         return std::move(block_);
@@ -70,10 +74,47 @@ private:
             if (moved.count(at.id) > 0)
                 chains.insert(at.chain);
         }
+        if (isRefilled_)
+            chains.insert(name_);
         return chains;
     }
 
+    // Nearly all that stands in the chain itself goes, as when a long list becomes a tree: then the chain is emptied,
+    // and what stays is sent again, since the kernel looks for each handle from the chain's first rule on.
+    void planRefill() {
+        constexpr std::size_t kMany = 64;
+        std::set<Id> goes;
+        for (const Operation &operation : update_.operations) {
+            if (operation.kind == Operation::Kind::deleteRule && operation.chain == name_)
+                goes.insert(operation.id);
+        }
+        if (goes.size() < kMany)
+            return;
+        std::vector<shape::PlacedRule> stays;
+        const shape::Chains standing = before_.placed();
+        for (const shape::PlacedRule &placed : standing.at(name_)) {
+            if (goes.count(placed.id) > 0)
+                continue;
+            if (!placed.rule)
+                return;
+            stays.push_back(placed);
+        }
+        isRefilled_ = stays.size() * 8 <= goes.size();
+        if (isRefilled_)
+            left_ = std::move(stays);
+    }
+
+    void refill(const CountReader::Counts &counts) {
+        block_.add(Kind::flushChain, name_, std::nullopt);
+        for (const shape::PlacedRule &one : left_) {
+            block_.addRule(Kind::appendRule, name_, *one.rule, std::nullopt, 0, &counts.at(one.id));
+            block_.next.setHandle(one.id, 0);
+        }
+    }
+
     void add(const Operation &operation, const CountReader::Counts &counts) {
+        if (isRefilled_ && operation.kind == Operation::Kind::deleteRule && operation.chain == name_)
+            return;
         switch (operation.kind) {
         case Operation::Kind::addChain:
             return block_.addOperation(Kind::addChain, operation, std::nullopt);
@@ -152,9 +193,12 @@ private:
         }
     }
 
+    const std::string &name_;
     const Outcome &outcome_;
     LaidChain before_;
     Block block_;
+    bool isRefilled_ = false;
+    std::vector<shape::PlacedRule> left_; // of the chain itself, where that is refilled
     std::vector<Id> removed_;
     std::vector<shape::LogicalRule> added_;
     shape::Update update_;
@@ -203,6 +247,12 @@ private:
             else
                 block_.add(Kind::deleteRule, name_, outcome_.causeOf(rule.id), before_.handleOf(rule.id));
         }
+        // One message for all where all goes: the kernel looks for each handle from the chain's first rule on.
+        if (left_.empty() && !block_.changes.empty()) {
+            block_.changes.clear();
+            block_.causes.clear();
+            block_.add(Kind::flushChain, name_, std::nullopt);
+        }
     }
 
     void putIn(const CountReader::Counts &counts) {
@@ -246,6 +296,34 @@ private:
     std::vector<shape::PlacedRule> left_; // in the chain itself, as it will be
 };
 
+// What others have put into sub-chains goes when a chain is laid out. Where whoever reads has not taken it out, it is
+// to stay in force, and so it is sent anew. They add more rules with their target to a tree than it has: then they are
+// taken for the tree, and its own rules for others'.
+Outcome withStrangers(const LaidChain &chain, Outcome outcome, std::size_t cause, Id &nextId) {
+    for (const auto &[name, placed] : chain.placed()) {
+        for (const shape::PlacedRule &one : placed) {
+            const bool isRule = one.rule && shape::treeOf(one.rule->target.text).empty();
+            if (isRule && chain.strangers.count(one.id) > 0 && !outcome.goes(one.id))
+                outcome.added.push_back({{nextId++, *one.rule}, 0, cause});
+        }
+    }
+    return outcome;
+}
+
+bool areAllAtTheEnd(const Outcome &outcome) {
+    return std::all_of(outcome.added.begin(), outcome.added.end(),
+                       [](const Outcome::Added &added) { return added.before == 0; });
+}
+
+std::optional<Block> layAnew(const std::string &name, const LaidChain &chain, const Outcome &outcome,
+                             const shape::Limits &limits, const CountReader &reader, Id &nextId) {
+    TreeLayout tree(name, chain, outcome);
+    // A list beside which others have left sub-chains stays where it stands.
+    if (tree.update(nextId) || (!chain.shape.isTree() && areAllAtTheEnd(outcome)))
+        return tree.lay(reader);
+    return ListLayout(name, chain, outcome, limits).lay(reader);
+}
+
 } // namespace
 
 std::optional<Block> layOut(const std::string &name, const LaidChain &chain, const Outcome &outcome,
@@ -255,12 +333,12 @@ std::optional<Block> layOut(const std::string &name, const LaidChain &chain, con
     const bool isShort = chain.shape.size() + outcome.added.size() <= limits.treeFrom;
     if ((chain.isDamaged() && !outcome.isTidied) || (isList && isShort))
         return layPlainly(name, chain, outcome, changes, places, limits, reader);
-    TreeLayout tree(chain, outcome);
-    if (tree.update(nextId))
-        return tree.lay(reader);
-    if (isList)
-        return layPlainly(name, chain, outcome, changes, places, limits, reader);
-    return ListLayout(name, chain, outcome, limits).lay(reader);
+    if (chain.isDamaged() && !chain.strangers.empty())
+        return layAnew(name, chain, withStrangers(chain, outcome, places.back(), nextId), limits, reader, nextId);
+    if (!isList)
+        return layAnew(name, chain, outcome, limits, reader, nextId);
+    TreeLayout tree(name, chain, outcome);
+    return tree.update(nextId) ? tree.lay(reader) : layPlainly(name, chain, outcome, changes, places, limits, reader);
 }
 
 } // namespace rlv

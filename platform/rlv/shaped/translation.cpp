@@ -87,7 +87,7 @@ private:
         const auto subChains = subChainsOf(chain, name);
         for (const Kind kind : {Kind::flushChain, Kind::deleteChain}) {
             for (const std::string &sub : subChains) {
-                if (chain.pinned.count(sub) == 0)
+                if (kind == Kind::flushChain || chain.pinned.count(sub) == 0)
                     block.add(kind, sub, place);
             }
         }

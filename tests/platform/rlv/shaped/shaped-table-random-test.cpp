@@ -82,7 +82,8 @@ private:
 
     // A new service, and a policy host that gives it all rules again.
     void restart() {
-        treeFrom_ = pick(std::vector<std::size_t>{0, 4, 8, 8, 8, 20});
+        if (settings_.hasRestarts)
+            treeFrom_ = pick(std::vector<std::size_t>{0, 4, 8, 8, 8, 20});
         history_ += "restart with " + std::to_string(treeFrom_) + "\n";
         table_ = openTable(kernel_, treeFrom_);
         table_->open();

@@ -239,6 +239,41 @@ TEST_F(ATableOfTrees, TakesAnotherBoundWithTheNextConnection) {
     }
 }
 
+TEST_F(ATableOfTrees, DeletesRulesOfAListThatWasATreeAndWasOnlyLookedAtSince) {
+    Texts rules = someRules(100);
+    make(rules);
+    table = openTable(kernel, 0);
+    rebuild(rules);
+    table->remember();
+    table->look(true, [](const rlv::Ruleset &) {});
+    expectDone({"-D VPK-D " + rules.back()});
+    rules.pop_back();
+    expectRules(rules, 0);
+}
+
+TEST_F(ATableOfTrees, LeavesAListWhereItStandsBesideASubChainOfOthers) {
+    const Texts rules = someRules(100);
+    table = openTable(kernel, 0);
+    make(rules);
+    table->remember();
+    const auto before = handles();
+    ASSERT_TRUE(kernel.make("VPK-D.1"));
+    EXPECT_EQ(table->mend().problem, "");
+    EXPECT_EQ(kernel.truth().chains.count("VPK-D.1"), 0U);
+    EXPECT_EQ(handles(), before);
+}
+
+TEST_F(ATableOfTrees, EmptiesALongListThatBecomesATreeInOneGo) {
+    const Texts rules = someRules(400);
+    table = openTable(kernel, 0);
+    make(rules);
+    table = openTable(kernel, kTreeFrom);
+    rebuild(rules);
+    expectRules(rules);
+    EXPECT_EQ(std::count(kernel.lastKinds.begin(), kernel.lastKinds.end(), Kind::deleteRule), 0);
+    EXPECT_EQ(std::count(kernel.lastKinds.begin(), kernel.lastKinds.end(), Kind::flushChain), 1);
+}
+
 TEST_F(ATableOfTrees, LeavesNothingWhenAllIsRemoved) {
     make(someRules(300));
     table = openTable(kernel, kTreeFrom);
@@ -367,6 +402,25 @@ TEST_F(AMendingTableOfTrees, PutsForeignRulesOut) {
     expectMended("VPK-D: changed: rules that not all of their packets get to (1)");
     ASSERT_TRUE(kernel.append(kChain, parsed("-A VPK-D -s 10.0.0.9 -j DROP").rule));
     expectMended("VPK-D: foreign: -s 10.0.0.9/32 -j DROP");
+}
+
+// Else the chain would stand open between that and the next reading.
+TEST_F(AMendingTableOfTrees, KeepsItsOwnRulesWhereOthersHaveAddedMore) {
+    for (std::uint32_t i = 0; i < 300; ++i) {
+        Rule rule = parsed("-A VPK-D -s 10.50.0.0 -j ACCEPT").rule;
+        rule.source->address += i;
+        ASSERT_TRUE(kernel.append(kChain, rule));
+    }
+    std::size_t fewest = rules.size();
+    kernel.beforeCommit = [&] {
+        std::size_t denying = 0;
+        for (const std::string &rule : rulesIn(kernel, kChain))
+            denying += rule.find("-j DROP") != std::string::npos ? 1 : 0;
+        fewest = std::min(fewest, denying);
+    };
+    expectMended("VPK-D: foreign: ");
+    EXPECT_EQ(fewest, rules.size());
+    EXPECT_THAT(subChainsIn(kernel, kChain), Not(IsEmpty()));
 }
 
 TEST_F(AMendingTableOfTrees, PutsOrphansOut) {
