@@ -296,6 +296,15 @@ std::vector<std::string> Shape::subChains() const {
     return names;
 }
 
+std::vector<Id> Shape::others() const {
+    std::vector<Id> ids;
+    for (const Other &other : state_->reading.tree.node(kRoot).others) {
+        if (other.stays)
+            ids.push_back(other.id);
+    }
+    return ids;
+}
+
 Chains Shape::chains() const {
     const Tree &tree = state_->reading.tree;
     Chains chains;

@@ -110,6 +110,8 @@ public:
     // What stands in these chains, in order, what is foreign included.
     std::map<std::string, std::vector<Id>> idsIn(const std::set<std::string> &chains) const;
     std::vector<std::string> subChains() const; // that are reached
+    // What is foreign in the chain itself, in order, but for what is part of the damage: updates leave it where it is.
+    std::vector<Id> others() const;
 
     // As it stands, for whoever has to write or compare it.
     Chains chains() const;

@@ -21,6 +21,7 @@ public:
              ++at)
             result_.tree.names().reserve(at->first);
         target_ = targetOfTree();
+        hasBranches_ = leadsToSubChains(chain);
         seen_.insert(chain);
         open_.push_back({kRoot, Region()});
         for (; !open_.empty(); open_.pop_front())
@@ -57,6 +58,15 @@ private:
         const auto isFewer = [](const auto &left, const auto &right) { return left.second < right.second; };
         const auto most = std::max_element(counts.begin(), counts.end(), isFewer);
         return isTree && most != counts.end() ? std::optional(most->first) : std::nullopt;
+    }
+
+    bool leadsToSubChains(const std::string &name) const {
+        const auto chain = chains_.find(name);
+        return chain != chains_.end() &&
+               std::any_of(chain->second.begin(), chain->second.end(), [this](const PlacedRule &placed) {
+                   return placed.rule && isBranch(*placed.rule) && isSubChain(placed.rule->target.text) &&
+                          chains_.count(placed.rule->target.text) > 0;
+               });
     }
 
     static void count(std::vector<std::pair<Target, std::size_t>> &counts, const Target &target) {
@@ -96,7 +106,8 @@ private:
 
     void readRule(const Open &at, const std::string &chain, const PlacedRule &placed) {
         if (at.node == kRoot) {
-            if (placed.rule && (!target_ || placed.rule->target == *target_))
+            // A list has the targets that it has, whatever stands beside it.
+            if (placed.rule && (!hasBranches_ || isOfTree(placed)))
                 result_.tree.holdEntry(kRoot, placed.id, *placed.rule);
             else
                 result_.tree.holdOther(kRoot, placed, true);
@@ -133,6 +144,7 @@ private:
     const Chains &chains_;
     Reading result_;
     std::optional<Target> target_;
+    bool hasBranches_ = false; // of the chain itself
     std::set<std::string> seen_;
     std::deque<Open> open_;
 };

@@ -53,6 +53,24 @@ std::optional<Outcome> outcomeOf(const LaidChain &chain, const Changes &changes,
     return doKnow(chain, std::move(named)) ? std::optional(std::move(outcome)) : std::nullopt;
 }
 
+bool isHeldByOthers(const std::string &name, const LaidChain &chain, const Outcome &outcome) {
+    const std::vector<Id> others = chain.shape.others();
+    std::set<Id> stay;
+    for (const Id other : others) {
+        if (!outcome.goes(other))
+            stay.insert(other);
+    }
+    if (stay.empty())
+        return false;
+    const auto comesBeforeOne = [&](const Outcome::Added &added) { return stay.count(added.before) > 0; };
+    if (std::any_of(outcome.added.begin(), outcome.added.end(), comesBeforeOne))
+        return true;
+    const std::vector<Id> standing = chain.idsIn({name}).at(name);
+    const auto isOurs = [&](Id id) { return stay.count(id) == 0 && !outcome.goes(id); };
+    const auto ours = std::find_if(standing.begin(), standing.end(), isOurs);
+    return std::any_of(ours, standing.end(), [&](Id id) { return stay.count(id) > 0; });
+}
+
 void Block::add(Change::Kind kind, const std::string &chain, Cause cause, std::uint64_t handle) {
     if (names.empty() || names.back() != chain)
         names.push_back(chain);

@@ -40,6 +40,10 @@ struct Outcome {
 std::optional<Outcome> outcomeOf(const LaidChain &chain, const Changes &changes, const std::vector<std::size_t> &places,
                                  shape::Id &nextId);
 
+// A rule of others stays behind rules of ours, or one of ours is to come before it: what would be laid out anew would
+// come to stand on its other side, and its packets with it.
+bool isHeldByOthers(const std::string &name, const LaidChain &chain, const Outcome &outcome);
+
 // What is left of `standing`, with what is added in its place. `idOf` and `make` go from elements to ids, and from
 // added rules to elements.
 template <typename Element, typename IdOf, typename Make>

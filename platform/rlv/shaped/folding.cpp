@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "rlv/shape/chain-names.h"
+#include "rlv/shaped/chain-changes.h"
 #include "rlv/table/rule-words.h"
 
 namespace rlv {
@@ -51,7 +52,7 @@ public:
             for (const std::string &sub : subChains_)
                 ruleset_.chains.erase(sub);
         }
-        chain.isTidy = laid.isDamaged() || isTidy(laid.shape);
+        chain.isTidy = laid.isDamaged() || isHeldByOthers(name_, laid, Outcome()) || isTidy(laid.shape);
         return laid;
     }
 
@@ -83,7 +84,7 @@ private:
         }
     }
 
-    // The chain's own first, then those of each sub-chain.
+    // In the order in which a packet meets them: a sub-chain's where the branch to it stands.
     void takeRules(LaidChain &laid, const shape::Chains &placed, StandingChain &chain) {
         const Damage &damage = laid.shape.damage();
         for (const Damage::At &at : damage.unreached)
@@ -95,18 +96,20 @@ private:
         std::vector<std::string> reached = laid.shape.subChains();
         reached_.insert(reached.begin(), reached.end());
         chain.rules.clear();
-        takeRulesOf(placed.at(name_), laid, chain);
-        for (const std::string &sub : reached) {
-            takeRulesOf(placed.at(sub), laid, chain);
+        takeRulesOf(name_, placed, laid, chain);
+        for (const std::string &sub : reached)
             chain.others.merge(ruleset_.chains.at(sub).others);
-        }
     }
 
-    void takeRulesOf(const std::vector<PlacedRule> &placed, LaidChain &laid, StandingChain &chain) {
-        for (const PlacedRule &rule : placed) {
+    void takeRulesOf(const std::string &name, const shape::Chains &placed, LaidChain &laid, StandingChain &chain) {
+        for (const PlacedRule &rule : placed.at(name)) {
             const bool isStrange = strange_.count(rule.id) > 0;
-            if (unreached_.count(rule.id) > 0 || (!isStrange && isBranch(rule)))
+            if (unreached_.count(rule.id) > 0)
                 continue;
+            if (!isStrange && isBranch(rule)) {
+                takeRulesOf(rule.rule->target.text, placed, laid, chain);
+                continue;
+            }
             chain.rules.push_back({rule.id, rule.rule});
             laid.order.push_back(rule.id);
             if (isStrange)

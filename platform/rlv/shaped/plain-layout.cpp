@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include "rlv/shape/chain-names.h"
+
 namespace rlv {
 
 namespace {
@@ -42,6 +44,36 @@ private:
                     named->second = &chain;
             }
         }
+        for (const Outcome::Added &added : outcome_.added) {
+            if (added.before != 0)
+                before_[added.before] = placeInTheChainItself(added.before);
+        }
+    }
+
+    // What comes before a rule of a sub-chain comes before the branch that leads there.
+    Id placeInTheChainItself(Id id) {
+        if (*where_.at(id) == name_)
+            return id;
+        if (branches_.empty())
+            findBranches();
+        const std::string *chain = where_.at(id);
+        for (auto branch = branches_.find(*chain); branch != branches_.end(); branch = branches_.find(*chain)) {
+            id = branch->second.second;
+            chain = branch->second.first;
+        }
+        return *chain == name_ ? id : 0;
+    }
+
+    // The branch to each sub-chain, and the chain that it stands in.
+    void findBranches() {
+        for (const auto &[chain, rules] : placed_) {
+            for (const PlacedRule &rule : rules) {
+                const bool isBranch = rule.rule && rule.rule->target.kind == Target::Kind::jump &&
+                                      block_.next.strangers.count(rule.id) == 0;
+                if (isBranch && shape::treeOf(rule.rule->target.text) == name_)
+                    branches_.emplace(rule.rule->target.text, std::pair(&chain, rule.id));
+            }
+        }
     }
 
     bool readHandles(const CountReader &reader) {
@@ -49,6 +81,10 @@ private:
         for (const auto &[id, chain] : where_) {
             if (block_.next.handleOf(id) == 0)
                 unknown.insert(*chain);
+        }
+        for (const auto &[id, before] : before_) {
+            if (before != 0 && block_.next.handleOf(before) == 0)
+                unknown.insert(name_);
         }
         CountReader::Counts counts;
         return reader.read(block_.next, unknown, counts);
@@ -65,9 +101,9 @@ private:
         default:
             break;
         }
-        const bool isBefore = change.handle != 0 && *where_.at(change.handle) == name_;
-        block_.addRule(isBefore ? Kind::insertRule : Kind::appendRule, name_, *change.rule, place,
-                       isBefore ? block_.next.handleOf(change.handle) : 0, change.counters);
+        const Id before = change.handle == 0 ? 0 : before_.at(change.handle);
+        block_.addRule(before != 0 ? Kind::insertRule : Kind::appendRule, name_, *change.rule, place,
+                       before != 0 ? block_.next.handleOf(before) : 0, change.counters);
     }
 
     void flush(std::size_t place) {
@@ -101,13 +137,10 @@ private:
             next.asRead = std::move(placed_);
     }
 
-    // What is to come before a rule of a sub-chain comes at the end.
     Outcome ofTheChainItself() const {
         Outcome outcome = outcome_;
-        for (Outcome::Added &added : outcome.added) {
-            if (added.before != 0 && *where_.at(added.before) != name_)
-                added.before = 0;
-        }
+        for (Outcome::Added &added : outcome.added)
+            added.before = added.before == 0 ? 0 : before_.at(added.before);
         return outcome;
     }
 
@@ -139,7 +172,9 @@ private:
     const shape::Limits &limits_;
     Block block_;
     shape::Chains placed_;
-    std::unordered_map<Id, const std::string *> where_;
+    std::unordered_map<Id, const std::string *> where_; // what changes name
+    std::unordered_map<Id, Id> before_;                 // of that, what stands for it in the chain itself
+    std::unordered_map<std::string, std::pair<const std::string *, Id>> branches_;
 };
 
 } // namespace

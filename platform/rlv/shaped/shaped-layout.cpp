@@ -204,7 +204,8 @@ private:
     shape::Update update_;
 };
 
-// A tree that becomes a list: all rules are sent again, in their order, with their counters.
+// A tree that becomes a list: all rules are sent again, in their order, with their counters, each on the side of
+// others' rules on which it was.
 class ListLayout {
 public:
     ListLayout(const std::string &name, const LaidChain &chain, const Outcome &outcome, const shape::Limits &limits)
@@ -273,8 +274,10 @@ private:
                 put(id, isNew->second->rule.rule, isNew->second->cause, nullptr);
             else if (kept != rules_.end())
                 put(id, kept->second, std::nullopt, counts.count(id) > 0 ? &counts.at(id) : nullptr);
+            else
+                pass(id);
         }
-        next.shape = shape::Shape::read(name_, {{name_, left_}}, limits_);
+        next.shape = shape::Shape::read(name_, {{name_, placed_}}, limits_);
         for (const std::string &sub : next.pinned)
             next.shape.reserve(sub);
         next.strangers.clear();
@@ -282,9 +285,18 @@ private:
     }
 
     void put(Id id, const Rule &rule, Cause cause, const Counters *counted) {
-        block_.addRule(Kind::appendRule, name_, rule, cause, 0, counted);
+        const bool isAtTheEnd = passed_ == left_.size();
+        block_.addRule(isAtTheEnd ? Kind::appendRule : Kind::insertRule, name_, rule, cause,
+                       isAtTheEnd ? 0 : before_.handleOf(left_[passed_].id), counted);
         block_.next.setHandle(id, 0);
-        left_.push_back({id, rule});
+        placed_.push_back({id, rule});
+    }
+
+    void pass(Id id) {
+        if (passed_ == left_.size() || left_[passed_].id != id)
+            return;
+        block_.next.setHandle(id, before_.handleOf(id));
+        placed_.push_back(left_[passed_++]);
     }
 
     const std::string &name_;
@@ -293,7 +305,9 @@ private:
     LaidChain before_;
     Block block_;
     std::unordered_map<Id, Rule> rules_;
-    std::vector<shape::PlacedRule> left_; // in the chain itself, as it will be
+    std::vector<shape::PlacedRule> left_;   // in the chain itself, of others
+    std::size_t passed_ = 0;                // of them
+    std::vector<shape::PlacedRule> placed_; // in the chain itself, as it will be
 };
 
 // What others have put into sub-chains goes when a chain is laid out. Where whoever reads has not taken it out, it is
@@ -315,8 +329,22 @@ bool areAllAtTheEnd(const Outcome &outcome) {
                        [](const Outcome::Added &added) { return added.before == 0; });
 }
 
+// A rule that does something else than those of a sub-chain has to come between them.
+bool areSubChainsToBeParted(const std::string &name, const LaidChain &chain, const Outcome &outcome) {
+    if (!chain.shape.isTree() || areAllAtTheEnd(outcome) || chain.shape.size() == 0)
+        return false;
+    const Target target = chain.shape.rules().front().rule.target;
+    const auto ids = chain.idsIn({name}).at(name);
+    const std::set<Id> inTheChainItself(ids.begin(), ids.end());
+    return std::any_of(outcome.added.begin(), outcome.added.end(), [&](const Outcome::Added &added) {
+        return added.before != 0 && inTheChainItself.count(added.before) == 0 && !(added.rule.rule.target == target);
+    });
+}
+
 std::optional<Block> layAnew(const std::string &name, const LaidChain &chain, const Outcome &outcome,
                              const shape::Limits &limits, const CountReader &reader, Id &nextId) {
+    if (isHeldByOthers(name, chain, outcome))
+        return ListLayout(name, chain, outcome, limits).lay(reader);
     TreeLayout tree(name, chain, outcome);
     // A list beside which others have left sub-chains stays where it stands.
     if (tree.update(nextId) || (!chain.shape.isTree() && areAllAtTheEnd(outcome)))
@@ -331,7 +359,10 @@ std::optional<Block> layOut(const std::string &name, const LaidChain &chain, con
                             const CountReader &reader, Id &nextId) {
     const bool isList = !chain.shape.isTree() && !chain.isDamaged();
     const bool isShort = chain.shape.size() + outcome.added.size() <= limits.treeFrom;
-    if ((chain.isDamaged() && !outcome.isTidied) || (isList && isShort))
+    const bool isHeld = isHeldByOthers(name, chain, outcome);
+    if ((chain.isDamaged() || isHeld) && !outcome.isTidied && !areSubChainsToBeParted(name, chain, outcome))
+        return layPlainly(name, chain, outcome, changes, places, limits, reader);
+    if (isList && (isShort || isHeld))
         return layPlainly(name, chain, outcome, changes, places, limits, reader);
     if (chain.isDamaged() && !chain.strangers.empty())
         return layAnew(name, chain, withStrangers(chain, outcome, places.back(), nextId), limits, reader, nextId);

@@ -472,6 +472,109 @@ TEST_F(AMendingTableOfTrees, ChangesNothingOfOthersWhereItOnlyTells) {
     EXPECT_THAT(rulesIn(kernel, kChain), Not(Contains(rules[3])));
 }
 
+// A rule of others that this system does not understand stands last in the chain, and accepts.
+class ATableThatOnlyTells : public ATableOfTrees {
+protected:
+    ATableThatOnlyTells() {
+        table->setMending(false);
+        rules = someRules(200);
+    }
+    void open(std::size_t treeFrom) {
+        table = openTable(kernel, treeFrom);
+        table->setMending(false);
+    }
+    void addForeignRule(const char *options = "-A VPK-D -s 10.0.0.0/8 -j ACCEPT") {
+        foreign = parsed(options).rule;
+        ASSERT_TRUE(kernel.append(kChain, foreign));
+        kernel.opaque.insert(kernel.truth().chains.at(kChain).rules.back().handle);
+    }
+    // Those that no packet comes to before the foreign one are as good as gone.
+    void expectRulesBeforeIt(const Texts &expected) {
+        Texts before;
+        for (const Rule &rule : rulesMet(kernel, kChain)) {
+            if (rule == foreign)
+                break;
+            before.push_back(rlv::describe(rule));
+        }
+        EXPECT_EQ(sorted(before), sorted(expected));
+    }
+
+    Texts rules;
+    Rule foreign;
+};
+
+TEST_F(ATableThatOnlyTells, LeavesAListBeforeARuleOfOthersWhenItCouldBeATree) {
+    open(0);
+    make(rules);
+    addForeignRule();
+    open(kTreeFrom);
+    expectDone({"-A VPK-D -s 10.0.0.77/32 -j DROP", "-D VPK-D " + rules[3]});
+    rules.erase(rules.begin() + 3);
+    expectRulesBeforeIt(rules);
+    EXPECT_EQ(rlv::describe(rulesMet(kernel, kChain).back()), "-s 10.0.0.77/32 -j DROP") << "as iptables would have it";
+    const std::size_t commits = kernel.commits;
+    open(kTreeFrom);
+    expectDone({});
+    EXPECT_EQ(kernel.commits, commits);
+}
+
+TEST_F(ATableThatOnlyTells, LeavesATreeBeforeARuleOfOthers) {
+    make(rules);
+    addForeignRule();
+    // More than its bounds allow, and more than leaves it above the bound of a tree.
+    Texts commands;
+    for (std::size_t i = 0; i < 195; ++i)
+        commands.push_back("-D VPK-D " + rules[i]);
+    expectDone(commands);
+    expectDone({"-A VPK-D -s 10.0.0.77/32 -j ACCEPT"});
+    expectRulesBeforeIt({rules.begin() + 195, rules.end()});
+    EXPECT_EQ(rlv::describe(rulesMet(kernel, kChain).back()), "-s 10.0.0.77/32 -j ACCEPT");
+    open(0);
+    expectDone({"-A VPK-D -s 10.0.0.78/32 -j DROP"});
+    expectRulesBeforeIt({rules.begin() + 195, rules.end()});
+}
+
+TEST_F(ATableThatOnlyTells, PutsAMixtureInItsOrderOnTheSidesOfOthersRules) {
+    make(rules);
+    addForeignRule();
+    const std::string moved = rulesIn(kernel, leaf()).front();
+    expectDone({"-D VPK-D " + moved, "-A VPK-D -s 10.0.0.77/32 -j ACCEPT", "-A VPK-D " + moved});
+    EXPECT_EQ(rulesMet(kernel, kChain).size(), rules.size() + 2);
+    Texts met;
+    for (const Rule &rule : rulesMet(kernel, kChain))
+        met.push_back(rlv::describe(rule));
+    const auto accepting = std::find(met.begin(), met.end(), "-s 10.0.0.77/32 -j ACCEPT");
+    EXPECT_NE(std::find(accepting, met.end(), moved), met.end()) << "the one that came after it";
+}
+
+TEST_F(ATableThatOnlyTells, MakesATreeBehindARuleOfOthers) {
+    expectDone({"-N VPK-D", "-A INPUT -j VPK-D"});
+    addForeignRule("-A VPK-D -s 10.0.0.9 -j ACCEPT");
+    expectDone(appends(rules));
+    EXPECT_THAT(subChainsIn(kernel, kChain), Not(IsEmpty()));
+    EXPECT_EQ(rulesMet(kernel, kChain).front(), foreign);
+    EXPECT_EQ(rulesMet(kernel, kChain).size(), rules.size() + 1);
+}
+
+TEST_F(ATableOfTrees, KeepsTheOrderOfAMixtureOfWhichAPartWasSentUnbound) {
+    const Texts rules = someRules(100);
+    make(rules);
+    kernel.conflictsToCome = 11;
+    expectDone({"-A VPK-D -s 10.0.0.0/8 -j ACCEPT"});
+    kernel.conflictsToCome = 0;
+    ASSERT_GT(kernel.unbound, 0U);
+    const std::string denied = "-s 10.0.0.77/32 -j DROP";
+    expectDone({"-A VPK-D " + denied});
+    EXPECT_EQ(rlv::describe(rulesMet(kernel, kChain).back()), denied) << "the packet is accepted before it";
+    Texts other = rules;
+    other.insert(other.begin(), {"-s 10.0.0.0/8 -j ACCEPT", denied});
+    rebuild(other);
+    Texts met;
+    for (const Rule &rule : rulesMet(kernel, kChain))
+        met.push_back(rlv::describe(rule));
+    EXPECT_EQ(met, other);
+}
+
 TEST_F(AMendingTableOfTrees, TakesWhatOthersDidOutWithARebuildWhereItOnlyTells) {
     table->setMending(false);
     ASSERT_TRUE(flush(kChain));

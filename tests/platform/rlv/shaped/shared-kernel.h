@@ -19,6 +19,7 @@
 namespace sharedkernel {
 
 using Texts = std::vector<std::string>;
+using rlv::Rule;
 
 // Passes everything on to a kernel that outlives it.
 class Access : public rlv::RulesetBackend {
@@ -81,6 +82,22 @@ inline Texts rulesIn(scripted::Backend &kernel, const std::string &chain) {
     }
     std::sort(texts.begin(), texts.end());
     return texts;
+}
+
+// In the order in which a packet comes to them.
+inline void addRulesMet(const rlv::Ruleset &truth, const std::string &chain, std::vector<Rule> &met) {
+    for (const rlv::StandingRule &rule : truth.chains.at(chain).rules) {
+        if (isBranch(rule))
+            addRulesMet(truth, rule.rule->target.text, met);
+        else
+            met.push_back(*rule.rule);
+    }
+}
+
+inline std::vector<Rule> rulesMet(scripted::Backend &kernel, const std::string &chain) {
+    std::vector<Rule> met;
+    addRulesMet(kernel.truth(), chain, met);
+    return met;
 }
 
 inline Texts subChainsIn(scripted::Backend &kernel, const std::string &chain) {
