@@ -36,6 +36,7 @@ public:
     LaidChain fold() {
         shape::Chains placed = takePlaced();
         LaidChain laid(shape::Shape::read(name_, placed, limits_));
+        laid.taken = std::move(taken_);
         if (!subChains_.empty())
             findPinned(laid);
         StandingChain &chain = ruleset_.chains.at(name_);
@@ -52,6 +53,8 @@ public:
             for (const std::string &sub : subChains_)
                 ruleset_.chains.erase(sub);
         }
+        laid.reserveNames();
+        chain.leavesBehind = laid.pinned;
         chain.isTidy = laid.isDamaged() || isHeldByOthers(name_, laid, Outcome()) || isTidy(laid.shape);
         return laid;
     }
@@ -60,15 +63,74 @@ private:
     shape::Chains takePlaced() {
         shape::Chains placed;
         placed[name_] = placedIn(ruleset_.chains.at(name_));
+        shape::Chains named;
         const std::string first = name_ + ".";
         for (auto at = ruleset_.chains.lower_bound(first);
              at != ruleset_.chains.end() && at->first.compare(0, first.size(), first) == 0; ++at) {
-            const bool isSubChain = shape::treeOf(at->first) == name_ && !at->second.isBase;
-            placed[at->first] = isSubChain ? placedIn(at->second) : std::vector<PlacedRule>();
-            if (isSubChain)
-                subChains_.insert(at->first);
+            if (shape::treeOf(at->first) == name_ && !at->second.isBase)
+                named.emplace(at->first, placedIn(at->second));
+            else
+                taken_.insert(at->first);
         }
+        takeReached(named, placed);
+        takeDead(named, placed);
+        for (const auto &[other, rules] : named)
+            taken_.insert(other);
         return placed;
+    }
+
+    // What branches lead to.
+    void takeReached(shape::Chains &named, shape::Chains &placed) {
+        std::vector<std::string> open{name_};
+        while (!open.empty()) {
+            const std::vector<PlacedRule> &rules = placed.at(open.back());
+            open.pop_back();
+            for (const PlacedRule &rule : rules) {
+                const auto found = rule.rule && rule.rule->target.kind == Target::Kind::jump
+                                       ? named.find(rule.rule->target.text)
+                                       : named.end();
+                if (found == named.end())
+                    continue;
+                open.push_back(found->first);
+                subChains_.insert(found->first);
+                placed.insert(named.extract(found));
+            }
+        }
+    }
+
+    // And what nothing leads to, or nothing is in: a tree of which the branches were taken away. What others lead to is
+    // theirs, whatever it is called; a chain that commands have made before trees had such names, for one.
+    void takeDead(shape::Chains &named, shape::Chains &placed) {
+        std::vector<std::string> open;
+        for (const auto &[other, chain] : ruleset_.chains) {
+            if (named.count(other) == 0)
+                addTargets(chain, named, open);
+            else if (chain.usesElsewhere > 0)
+                open.push_back(other);
+        }
+        std::set<std::string> theirs;
+        while (!open.empty()) {
+            const std::string at = open.back();
+            open.pop_back();
+            if (theirs.insert(at).second)
+                addTargets(ruleset_.chains.at(at), named, open);
+        }
+        for (auto at = named.begin(); at != named.end();) {
+            const auto dead = at++;
+            if (theirs.count(dead->first) > 0 && !dead->second.empty())
+                continue;
+            subChains_.insert(dead->first);
+            placed.insert(named.extract(dead));
+        }
+    }
+
+    static void addTargets(const StandingChain &chain, const shape::Chains &named, std::vector<std::string> &targets) {
+        if (named.empty())
+            return;
+        for (const auto &[target, count] : chain.jumps) {
+            if (named.count(target) > 0)
+                targets.push_back(target);
+        }
     }
 
     void findPinned(LaidChain &laid) const {
@@ -164,6 +226,7 @@ private:
     Ruleset &ruleset_;
     const shape::Limits &limits_;
     std::set<std::string> subChains_;
+    std::set<std::string> taken_; // names like theirs, of chains that are none
     std::set<std::string> reached_;
     std::set<Id> unreached_;
     std::set<Id> strange_;

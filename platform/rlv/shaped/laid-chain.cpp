@@ -18,6 +18,13 @@ void LaidChain::setHandle(Id id, std::uint64_t handle) {
         handles[id] = handle;
 }
 
+void LaidChain::reserveNames() {
+    for (const std::set<std::string> *names : {&pinned, &taken}) {
+        for (const std::string &name : *names)
+            shape.reserve(name);
+    }
+}
+
 shape::Chains LaidChain::placed() const { return asRead ? *asRead : shape.chains(); }
 
 std::map<std::string, std::vector<Id>> LaidChain::idsIn(const std::set<std::string> &chains) const {

@@ -27,6 +27,8 @@ struct LaidChain {
     void setHandle(shape::Id id, std::uint64_t handle);
     // Others have made of it what an update would not leave.
     bool isDamaged() const { return asRead.has_value(); }
+    // No sub-chain gets a name that is in use beside the shape.
+    void reserveNames();
     // Of the kernel's chains that belong to it, what stands in them.
     shape::Chains placed() const;
     std::map<std::string, std::vector<shape::Id>> idsIn(const std::set<std::string> &chains) const;
@@ -35,6 +37,7 @@ struct LaidChain {
     std::vector<shape::Id> order;        // of the rules that whoever reads knows
     std::set<shape::Id> strangers;       // of them, what others have put into sub-chains
     std::set<std::string> pinned;        // sub-chains that something of others refers to: they stay, empty
+    std::set<std::string> taken;         // names like those of sub-chains, of chains that are none
     std::optional<shape::Chains> asRead; // where it is damaged: all that there is
     std::unordered_map<shape::Id, std::uint64_t> handles; // where they are not the ids; 0: not known
 };

@@ -129,8 +129,7 @@ private:
         if (outcome_.isFlushed)
             next.strangers.clear();
         next.shape = shape::Shape::read(name_, placed_, limits_);
-        for (const std::string &sub : next.pinned)
-            next.shape.reserve(sub);
+        next.reserveNames();
         if (outcome_.isFlushed)
             next.asRead.reset();
         else if (next.asRead)

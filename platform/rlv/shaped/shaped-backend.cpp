@@ -158,8 +158,12 @@ void ShapedBackend::adopt(Translation &translation, std::optional<std::uint32_t>
     if (!generation)
         return forget();
     for (const std::string &name : translation.gone) {
-        known_.chains.erase(name);
         known_.stray.erase(name);
+        const auto chain = known_.chains.find(name);
+        if (chain == known_.chains.end())
+            continue;
+        known_.stray.merge(chain->second.pinned); // which are left behind
+        known_.chains.erase(chain);
     }
     for (auto &[name, chain] : translation.next)
         known_.chains.insert_or_assign(name, std::move(chain));

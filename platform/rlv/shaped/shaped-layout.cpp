@@ -169,8 +169,7 @@ private:
         next.strangers.clear();
         next.asRead.reset();
         finishHandles();
-        for (const std::string &sub : next.pinned)
-            next.shape.reserve(sub);
+        next.reserveNames();
     }
 
     void finishHandles() {
@@ -278,8 +277,7 @@ private:
                 pass(id);
         }
         next.shape = shape::Shape::read(name_, {{name_, placed_}}, limits_);
-        for (const std::string &sub : next.pinned)
-            next.shape.reserve(sub);
+        next.reserveNames();
         next.strangers.clear();
         next.asRead.reset();
     }

@@ -76,8 +76,9 @@ private:
         LaidChain made(shape::Shape(name, means_.limits));
         for (const std::string &stray : known_.stray) {
             if (shape::treeOf(stray) == name)
-                made.shape.reserve(stray);
+                made.taken.insert(stray);
         }
+        made.reserveNames();
         result_.gone.erase(name);
         result_.next.insert_or_assign(name, std::move(made));
     }

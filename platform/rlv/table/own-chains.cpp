@@ -48,6 +48,8 @@ std::vector<std::string> removeOwnChains(PendingRuleset &pending, const std::str
     for (const ChainState &chain : own.chains) {
         if (pending.apply({command(Command::Action::removeChain, chain.name)}, "-X " + chain.name).code != 0)
             kept.push_back(chain.name);
+        const auto &left = pending.standing().chains.at(chain.name).leavesBehind;
+        kept.insert(kept.end(), left.begin(), left.end());
     }
     return kept;
 }

@@ -19,7 +19,7 @@ struct OwnChains {
 OwnChains ownChainsIn(const Ruleset &ruleset, const std::string &chainPrefix);
 
 // Applies the commands that take the hooks out of INPUT and OUTPUT, then the rules, then the chains. Gives back the
-// chains that stay, emptied, because rules of others jump to them.
+// chains that stay, emptied, because rules of others jump to them, those below a chain included.
 std::vector<std::string> removeOwnChains(PendingRuleset &pending, const std::string &chainPrefix);
 
 } // namespace rlv

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -44,6 +45,9 @@ struct StandingChain {
     // What others have made of how the chain lies in the kernel, beyond what its rules show, for people; empty where
     // that is nothing. Change::Kind::tidyChain puts an end to it.
     std::string disorder;
+    // Chains that lie below this one in the kernel, and stay, emptied, when it is deleted: something of others refers
+    // to them.
+    std::set<std::string> leavesBehind;
     // False where rules have no handles, because they were sent from here and not read since.
     bool handlesKnown = true;
     std::map<std::string, std::size_t> jumps;  // how many rules jump or go to each chain, those of others included

@@ -461,6 +461,78 @@ TEST_F(AMendingTableOfTrees, LeavesASubChainThatOthersReferToEmptied) {
     expectRules(rules);
 }
 
+TEST_F(AMendingTableOfTrees, NamesWhatStaysBehindWhenAllIsRemoved) {
+    const std::string leaf_ = leaf();
+    Rule jump;
+    jump.target = {rlv::Target::Kind::jump, leaf_};
+    kernel.make("OTHER");
+    ASSERT_TRUE(kernel.append("OTHER", jump));
+    EXPECT_THAT(table->removeAll().message, HasSubstr("rules of others jump to it: " + leaf_));
+    EXPECT_EQ(subChainsIn(kernel, kChain), Texts{leaf_});
+    EXPECT_THAT(kernel.truth().chains.at(leaf_).rules, IsEmpty());
+    table = openTable(kernel, kTreeFrom);
+    make(rules);
+    EXPECT_EQ(sorted(rules), rulesSeen(kernel, kChain, kTreeFrom));
+}
+
+TEST_F(AMendingTableOfTrees, GivesNoNameTwiceWhenItsChainGoesAndComes) {
+    const std::string pinned = aSubChain();
+    kernel.pinned.insert(pinned);
+    table = openTable(kernel, kTreeFrom);
+    expectDone({"-D INPUT -j VPK-D", "-F VPK-D", "-X VPK-D"});
+    expectDone({"-N VPK-D"});
+    expectDone(appends(rules));
+    EXPECT_EQ(sorted(rules), rulesSeen(kernel, kChain, kTreeFrom));
+    EXPECT_THAT(kernel.truth().chains.at(pinned).rules, IsEmpty());
+    EXPECT_THAT(subChainsIn(kernel, kChain), SizeIs(testing::Gt(3U)));
+}
+
+// From commands of a time when chains could have such names.
+class AChainNamedLikeASubChain : public ATableOfTrees {
+protected:
+    void add(std::size_t treeFrom) {
+        table = openTable(kernel, treeFrom);
+        make(rules);
+        kernel.make("VPK-D.1");
+        for (const char *const rule : {"-s 10.1.0.0/16 -j ACCEPT", "-s 10.0.0.1/32 -j DROP"})
+            ASSERT_TRUE(kernel.append("VPK-D.1", parsed("-A VPK-D " + std::string(rule)).rule));
+        Rule jump;
+        jump.target = {rlv::Target::Kind::jump, "VPK-D.1"};
+        ASSERT_TRUE(kernel.append("INPUT", jump));
+        table = openTable(kernel, treeFrom);
+        table->remember();
+    }
+    void expectItStands() {
+        EXPECT_EQ(table->mend().differences, 0U);
+        EXPECT_THAT(kernel.truth().chains.at("VPK-D.1").rules, SizeIs(2));
+        rlv::ServiceState state;
+        table->describe(state);
+        EXPECT_THAT(state.chains, SizeIs(2));
+    }
+
+    Texts rules = someRules(kTreeFrom);
+};
+
+TEST_F(AChainNamedLikeASubChain, StaysBesideAList) {
+    for (const std::size_t treeFrom : {std::size_t{0}, kTreeFrom}) {
+        kernel = scripted::Backend();
+        add(treeFrom);
+        expectItStands();
+        expectDone({"-D VPK-D " + rules.front()});
+        expectItStands();
+    }
+}
+
+TEST_F(AChainNamedLikeASubChain, StaysBesideATree) {
+    add(kTreeFrom);
+    const Texts more = someRules(200, "nested networks");
+    expectDone(appends(more));
+    EXPECT_THAT(subChainsIn(kernel, kChain), SizeIs(testing::Gt(2U)));
+    expectItStands();
+    rebuild(rules);
+    expectItStands();
+}
+
 TEST_F(AMendingTableOfTrees, ChangesNothingOfOthersWhereItOnlyTells) {
     table->setMending(false);
     const std::string leaf_ = leaf();
