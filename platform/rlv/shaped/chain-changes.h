@@ -116,6 +116,12 @@ std::optional<Block> layPlainly(const std::string &name, const LaidChain &chain,
                                 const Changes &changes, const std::vector<std::size_t> &places,
                                 const shape::Limits &limits, const CountReader &reader);
 
+// All rules in the chain itself, and no sub-chains. What is sent anew that nobody has asked for has the `cause`. None
+// where somebody has changed the ruleset.
+std::optional<Block> layAsList(const std::string &name, const LaidChain &chain, const Outcome &outcome,
+                               std::size_t cause, const shape::Limits &limits, const CountReader &reader,
+                               shape::Id &nextId);
+
 // The chain as it is best, all that others have made of its sub-chains taken out. None where somebody has changed the
 // ruleset.
 std::optional<Block> layOut(const std::string &name, const LaidChain &chain, const Outcome &outcome,

@@ -198,7 +198,7 @@ Failures ShapedBackend::commit(const Changes &changes, std::optional<std::uint32
         return commit(changes, Way::plainly, generation);
     Failures failures = commit(changes, Way::asTrees, generation);
     if (std::any_of(failures.begin(), failures.end(), isOfTheShape))
-        failures = commit(changes, Way::plainly, generation);
+        failures = commit(changes, Way::asLists, generation);
     return failures;
 }
 

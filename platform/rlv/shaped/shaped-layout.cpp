@@ -352,6 +352,11 @@ std::optional<Block> layAnew(const std::string &name, const LaidChain &chain, co
 
 } // namespace
 
+std::optional<Block> layAsList(const std::string &name, const LaidChain &chain, const Outcome &outcome,
+                               std::size_t cause, const shape::Limits &limits, const CountReader &reader, Id &nextId) {
+    return ListLayout(name, chain, withStrangers(chain, outcome, cause, nextId), limits).lay(reader);
+}
+
 std::optional<Block> layOut(const std::string &name, const LaidChain &chain, const Outcome &outcome,
                             const Changes &changes, const std::vector<std::size_t> &places, const shape::Limits &limits,
                             const CountReader &reader, Id &nextId) {

@@ -101,15 +101,23 @@ private:
         const auto outcome = outcomeOf(chain, changes_, places, means_.nextId);
         if (!outcome)
             return false;
-        auto block = way_ == Way::asTrees
-                         ? layOut(name, chain, *outcome, changes_, places, means_.limits, means_.reader, means_.nextId)
-                         : layPlainly(name, chain, *outcome, changes_, places, means_.limits, means_.reader);
+        auto block = laid(name, chain, *outcome, places);
         if (!block)
             return false;
         LaidChain next = std::move(block->next);
         take(std::move(*block));
         result_.next.insert_or_assign(name, std::move(next));
         return true;
+    }
+
+    std::optional<Block> laid(const std::string &name, const LaidChain &chain, const Outcome &outcome,
+                              const std::vector<std::size_t> &places) const {
+        const auto &[prefix, limits, reader, nextId] = means_;
+        if (way_ == Way::asTrees)
+            return layOut(name, chain, outcome, changes_, places, limits, reader, nextId);
+        if (way_ == Way::asLists && outcome.isTidied && chain.isDamaged())
+            return layAsList(name, chain, outcome, places.back(), limits, reader, nextId);
+        return layPlainly(name, chain, outcome, changes_, places, limits, reader);
     }
 
     void take(Block block) {

@@ -26,7 +26,9 @@ struct Translation {
     std::list<Block> blocks; // to which the changes point
 };
 
-enum class Way { asTrees, plainly };
+// Plainly: each change as it is given, whatever lies in the chain. As lists: the same, but what is to be tidied becomes
+// a list.
+enum class Way { asTrees, asLists, plainly };
 
 struct TranslationMeans {
     const std::string &chainPrefix;

@@ -373,6 +373,14 @@ protected:
         EXPECT_EQ(table->mend().differences, 0U);
     }
 
+    void deleteABranch() {
+        const rlv::Ruleset truth = kernel.truth();
+        const auto &standing = truth.chains.at(kChain).rules;
+        const auto branch = std::find_if(standing.begin(), standing.end(), isBranch);
+        ASSERT_NE(branch, standing.end());
+        ASSERT_TRUE(kernel.edit({Kind::deleteRule, &kChain, nullptr, branch->handle}));
+    }
+
     const Texts rules = someRules(200);
 };
 
@@ -431,12 +439,22 @@ TEST_F(AMendingTableOfTrees, PutsOrphansOut) {
 }
 
 TEST_F(AMendingTableOfTrees, PutsADeletedBranchBack) {
-    const rlv::Ruleset truth = kernel.truth();
-    const auto &rules_ = truth.chains.at(kChain).rules;
-    const auto branch = std::find_if(rules_.begin(), rules_.end(), isBranch);
-    ASSERT_NE(branch, rules_.end());
-    ASSERT_TRUE(kernel.edit({Kind::deleteRule, &kChain, nullptr, branch->handle}));
+    deleteABranch();
     expectMended("VPK-D: missing: ");
+}
+
+// The mending would else go on for as often as it may.
+TEST_F(AMendingTableOfTrees, PutsAListBackWhereTheKernelTakesNoTree) {
+    ASSERT_TRUE(flush(kChain));
+    kernel.refuse = [](const Change &change) {
+        const bool isBranch = change.rule != nullptr && !rlv::shape::treeOf(change.rule->target.text).empty();
+        return isBranch ? EMLINK : 0;
+    };
+    const std::size_t commits = kernel.commits;
+    EXPECT_EQ(table->mend().problem, "");
+    EXPECT_EQ(kernel.commits, commits + 1);
+    EXPECT_EQ(sorted(rules), rulesSeen(kernel, kChain, kTreeFrom));
+    EXPECT_THAT(subChainsIn(kernel, kChain), IsEmpty());
 }
 
 TEST_F(AMendingTableOfTrees, PutsAChainThatIsGoneBackBesideItsSubChains) {
