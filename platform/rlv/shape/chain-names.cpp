@@ -8,6 +8,8 @@ namespace {
 
 constexpr std::string_view kDigits = "0123456789abcdefghijklmnopqrstuvwxyz";
 constexpr std::size_t kMaxDigits = 7;
+// So that a copy is small, as the numbers that are given out are.
+constexpr std::uint64_t kSmall = 65'536;
 
 std::string numbered(const std::string &chain, std::uint64_t number) {
     std::string digits;
@@ -36,17 +38,34 @@ std::string_view treeOf(std::string_view subChain) {
     return isNumber ? subChain.substr(0, dot) : std::string_view();
 }
 
+void ChainNames::reserve(const std::string &name) {
+    if (treeOf(name) == chain_)
+        take(numberOf(std::string_view(name).substr(chain_.size() + 1)));
+}
+
+// False where it was taken before.
+bool ChainNames::take(std::uint64_t number) {
+    if (number >= kSmall)
+        return takenLarge_.insert(number).second;
+    if (number >= taken_.size())
+        taken_.resize(number + 1);
+    const bool wasTaken = taken_[number];
+    taken_[number] = true;
+    return !wasTaken;
+}
+
 std::string ChainNames::take() {
-    for (;;) {
-        std::string name = numbered(chain_, next_++);
-        if (taken_.insert(name).second)
-            return name;
+    while (!take(next_++)) {
     }
+    return numbered(chain_, next_ - 1);
 }
 
 void ChainNames::release(const std::string &name) {
-    taken_.erase(name);
-    next_ = std::min(next_, numberOf(std::string_view(name).substr(chain_.size() + 1)));
+    const std::uint64_t number = numberOf(std::string_view(name).substr(chain_.size() + 1));
+    if (number < taken_.size())
+        taken_[number] = false;
+    takenLarge_.erase(number);
+    next_ = std::min(next_, number);
 }
 
 } // namespace rlv::shape

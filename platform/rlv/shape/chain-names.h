@@ -7,6 +7,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace rlv::shape {
 
@@ -22,16 +23,19 @@ class ChainNames {
 public:
     explicit ChainNames(std::string chain) : chain_(std::move(chain)) {}
 
-    // Never to be given out.
-    void reserve(const std::string &name) { taken_.insert(name); }
+    // Never to be given out. One that would not be given out is left aside.
+    void reserve(const std::string &name);
     // A name that was neither reserved nor given out, and stays taken until release().
     std::string take();
     void release(const std::string &name);
 
 private:
+    bool take(std::uint64_t number);
+
     std::string chain_;
-    std::set<std::string, std::less<>> taken_;
-    std::uint64_t next_ = 1; // no smaller number is free
+    std::vector<bool> taken_;            // by number, where that is small
+    std::set<std::uint64_t> takenLarge_; // and the others
+    std::uint64_t next_ = 1;             // no smaller number is free
 };
 
 } // namespace rlv::shape

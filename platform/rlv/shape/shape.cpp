@@ -98,10 +98,11 @@ private:
             if (found != wanted.end() && found->id == tree_.entry(index).id)
                 found->entry = index;
         });
+        const std::set<Id> others = tree_.others();
         for (const Wanted &one : wanted) {
             if (one.isNew && (one.id == 0 || one.entry != kNowhere))
                 throw std::invalid_argument("an added rule has id " + std::to_string(one.id) + ", which is in use");
-            if (!one.isNew && one.entry == kNowhere && !tree_.hasOther(one.id))
+            if (!one.isNew && one.entry == kNowhere && others.count(one.id) == 0)
                 throw std::invalid_argument("no rule to be removed has id " + std::to_string(one.id));
         }
         return take(wanted);
@@ -124,12 +125,15 @@ private:
     // The rules that are to go; what is foreign and to go is out already.
     std::vector<EntryIndex> take(const std::vector<Wanted> &wanted) {
         std::vector<EntryIndex> entries;
+        std::set<Id> others;
         for (const Wanted &one : wanted) {
             if (!one.isNew && one.entry != kNowhere)
                 entries.push_back(one.entry);
             else if (!one.isNew)
-                tree_.removeOther(one.id);
+                others.insert(one.id);
         }
+        if (!others.empty())
+            tree_.removeOthers(others);
         return entries;
     }
 

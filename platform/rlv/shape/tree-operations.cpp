@@ -80,7 +80,7 @@ private:
     }
 
     void append(EntryIndex index) {
-        Entry &entry = tree_.entries_[index];
+        Entry &entry = tree_.entries_.change(index);
         const Tree::EntryOrigin &origin = tree_.changedEntries_[index];
         Operation &operation = add(Operation::Kind::appendRule, entry.node);
         operation.rule = tree_.ruleOf(entry);
@@ -90,7 +90,7 @@ private:
     }
 
     void appendBranch(NodeIndex index) {
-        Node &node = tree_.nodes_[index];
+        Node &node = tree_.nodes_.change(index);
         Operation &operation = add(Operation::Kind::appendRule, node.parent);
         operation.rule = tree_.branchOf(index);
         operation.isBranch = true;
@@ -121,10 +121,8 @@ private:
     void forgetWhatIsGone() {
         for (const std::string &name : damage_.orphans)
             tree_.names_.release(name);
-        for (Node &node : tree_.nodes_) {
-            const auto goes = [](const Other &other) { return !other.stays; };
-            node.others.erase(std::remove_if(node.others.begin(), node.others.end(), goes), node.others.end());
-        }
+        for (NodeIndex index = 0; index < tree_.nodes_.size(); ++index)
+            forgetDamage(index);
         for (const auto &[index, origin] : std::exchange(tree_.changedEntries_, {})) {
             if (tree_.entries_[index].node == kNowhere)
                 tree_.free_.entries.push_back(index);
@@ -133,9 +131,18 @@ private:
             if (!isGone(index))
                 continue;
             tree_.names_.release(tree_.nodes_[index].name);
-            tree_.nodes_[index] = Node();
+            tree_.nodes_.change(index) = Node();
             tree_.free_.nodes.push_back(index);
         }
+    }
+
+    void forgetDamage(NodeIndex index) {
+        const auto goes = [](const Other &other) { return !other.stays; };
+        const std::vector<Other> &others = tree_.nodes_[index].others;
+        if (std::none_of(others.begin(), others.end(), goes))
+            return;
+        std::vector<Other> &changed = tree_.nodes_.change(index).others;
+        changed.erase(std::remove_if(changed.begin(), changed.end(), goes), changed.end());
     }
 
     Tree &tree_;

@@ -5,8 +5,9 @@
 
 namespace rlv::shape {
 
-Tree::Tree(std::string chain, const Limits &limits) : limits_(limits), nodes_(1), names_(chain) {
-    nodes_[kRoot].name = std::move(chain);
+Tree::Tree(std::string chain, const Limits &limits) : limits_(limits), names_(chain) {
+    nodes_.grow();
+    nodes_.change(kRoot).name = std::move(chain);
 }
 
 bool Tree::isMixed() const {
@@ -95,79 +96,79 @@ Region Tree::regionOf(NodeIndex index) const {
 
 EntryIndex Tree::holdEntry(NodeIndex node, Id id, const Rule &rule) {
     const EntryIndex index = newEntry(rule);
-    Entry &entry = entries_[index];
+    Entry &entry = entries_.change(index);
     entry.id = id;
     entry.node = node;
     entry.order = ++lastOrder_;
-    nodes_[node].rules.push_back(index);
+    nodes_.change(node).rules.push_back(index);
     return index;
 }
 
 NodeIndex Tree::holdNode(NodeIndex parent, const std::string &name, Id branch, const Rule &rule) {
     const NodeIndex index = newNode();
-    Node &node = nodes_[index];
+    Node &node = nodes_.change(index);
     node.name = name;
     node.parent = parent;
     node.region = shape::regionOf(rule);
     node.wording = wordingOf(rule);
     node.branch = branch;
     node.order = ++lastOrder_;
-    nodes_[parent].children.push_back(index);
+    nodes_.change(parent).children.push_back(index);
     return index;
 }
 
 void Tree::holdOther(NodeIndex node, const PlacedRule &placed, bool stays) {
-    nodes_[node].others.push_back({placed.id, ++lastOrder_, stays, placed.rule});
+    nodes_.change(node).others.push_back({placed.id, ++lastOrder_, stays, placed.rule});
 }
 
 // ---- changes --------------------------------------------------------------------------------------------------------
 
 EntryIndex Tree::addEntry(Id id, const Rule &rule, std::optional<Id> movedFrom) {
     const EntryIndex index = newEntry(rule);
-    entries_[index].id = id;
-    entries_[index].order = ++lastOrder_;
+    Entry &entry = entries_.change(index);
+    entry.id = id;
+    entry.order = ++lastOrder_;
     changedEntries_[index] = {kNowhere, movedFrom};
     return index;
 }
 
 void Tree::removeEntry(EntryIndex index) {
     note(index);
-    entries_[index].node = kNowhere;
+    entries_.change(index).node = kNowhere;
     --uses_[entries_[index].target];
     --size_;
 }
 
-bool Tree::hasOther(Id id) const {
-    const std::vector<Other> &others = nodes_[kRoot].others;
-    return std::any_of(others.begin(), others.end(), [&](const Other &other) { return other.id == id; });
+std::set<Id> Tree::others() const {
+    std::set<Id> ids;
+    for (const Other &other : nodes_[kRoot].others)
+        ids.insert(other.id);
+    return ids;
 }
 
-bool Tree::removeOther(Id id) {
-    std::vector<Other> &others = nodes_[kRoot].others;
-    const auto found = std::find_if(others.begin(), others.end(), [&](const Other &other) { return other.id == id; });
-    if (found == others.end())
-        return false;
-    others.erase(found);
-    removedOthers_.push_back(id);
-    return true;
+void Tree::removeOthers(const std::set<Id> &ids) {
+    std::vector<Other> &others = nodes_.change(kRoot).others;
+    const auto goes = [&](const Other &other) { return ids.count(other.id) > 0; };
+    others.erase(std::remove_if(others.begin(), others.end(), goes), others.end());
+    removedOthers_.insert(removedOthers_.end(), ids.begin(), ids.end());
 }
 
 void Tree::sweep(NodeIndex node) {
-    std::vector<EntryIndex> &rules = nodes_[node].rules;
+    std::vector<EntryIndex> &rules = nodes_.change(node).rules;
     const auto isGone = [&](EntryIndex rule) { return entries_[rule].node != node; };
     rules.erase(std::remove_if(rules.begin(), rules.end(), isGone), rules.end());
 }
 
 void Tree::place(EntryIndex index, NodeIndex node) {
     note(index);
-    entries_[index].node = node;
-    nodes_[node].rules.push_back(index);
+    entries_.change(index).node = node;
+    nodes_.change(node).rules.push_back(index);
 }
 
 NodeIndex Tree::addNode(NodeIndex parent, Field field, const Interval &interval) {
     const NodeIndex index = newNode();
     changedNodes_[index].isNew = true;
-    nodes_[index].name = names_.take();
+    nodes_.change(index).name = names_.take();
     setBranch(index, field, interval);
     moveNode(index, parent);
     return index;
@@ -175,24 +176,25 @@ NodeIndex Tree::addNode(NodeIndex parent, Field field, const Interval &interval)
 
 void Tree::moveNode(NodeIndex index, NodeIndex parent) {
     noteNode(index);
-    nodes_[index].parent = parent;
-    nodes_[parent].children.push_back(index);
+    nodes_.change(index).parent = parent;
+    nodes_.change(parent).children.push_back(index);
 }
 
 void Tree::setBranch(NodeIndex index, Field field, const Interval &interval) {
     noteNode(index);
     const Rule rule = branchRule(field, interval).value_or(Rule());
-    nodes_[index].region = shape::regionOf(rule);
-    nodes_[index].wording = wordingOf(rule);
+    Node &node = nodes_.change(index);
+    node.region = shape::regionOf(rule);
+    node.wording = wordingOf(rule);
 }
 
 void Tree::removeNode(NodeIndex index) {
     noteNode(index);
     if (isAlive(index)) {
-        std::vector<NodeIndex> &siblings = nodes_[nodes_[index].parent].children;
+        std::vector<NodeIndex> &siblings = nodes_.change(nodes_[index].parent).children;
         siblings.erase(std::remove(siblings.begin(), siblings.end(), index), siblings.end());
     }
-    nodes_[index].parent = kNowhere;
+    nodes_.change(index).parent = kNowhere;
 }
 
 Tree::Contents Tree::takeContents(NodeIndex index) {
@@ -200,7 +202,8 @@ Tree::Contents Tree::takeContents(NodeIndex index) {
         noteNode(child);
     for (const EntryIndex rule : nodes_[index].rules)
         note(rule);
-    return {std::exchange(nodes_[index].rules, {}), std::exchange(nodes_[index].children, {})};
+    Node &node = nodes_.change(index);
+    return {std::exchange(node.rules, {}), std::exchange(node.children, {})};
 }
 
 // ---- the parts ------------------------------------------------------------------------------------------------------
@@ -208,22 +211,23 @@ Tree::Contents Tree::takeContents(NodeIndex index) {
 EntryIndex Tree::newEntry(const Rule &rule) {
     EntryIndex index = static_cast<EntryIndex>(entries_.size());
     if (free_.entries.empty()) {
-        entries_.emplace_back();
+        entries_.grow();
     } else {
         index = free_.entries.back();
         free_.entries.pop_back();
-        entries_[index] = Entry();
+        entries_.change(index) = Entry();
     }
-    entries_[index].region = shape::regionOf(rule);
-    entries_[index].wording = wordingOf(rule);
-    entries_[index].target = targetOf(rule.target);
+    Entry &entry = entries_.change(index);
+    entry.region = shape::regionOf(rule);
+    entry.wording = wordingOf(rule);
+    entry.target = targetOf(rule.target);
     ++size_;
     return index;
 }
 
 NodeIndex Tree::newNode() {
     if (free_.nodes.empty()) {
-        nodes_.emplace_back();
+        nodes_.grow();
         return static_cast<NodeIndex>(nodes_.size() - 1);
     }
     const NodeIndex index = free_.nodes.back();

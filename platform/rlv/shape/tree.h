@@ -5,11 +5,13 @@
 #include <cstdint>
 #include <limits>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "rlv/shape/chain-names.h"
 #include "rlv/shape/shape.h"
+#include "rlv/shape/shared-vector.h"
 
 namespace rlv::shape {
 
@@ -50,7 +52,8 @@ struct Node {
     std::size_t width() const { return rules.size() + children.size(); }
 };
 
-// Changes are noted as they are made; takeOperations() gives what they come to.
+// A copy shares what neither of both has changed since. Changes are noted as they are made; takeOperations() gives what
+// they come to.
 class Tree {
 public:
     Tree(std::string chain, const Limits &limits);
@@ -103,9 +106,9 @@ public:
     };
     Contents takeContents(NodeIndex index);
 
-    // Of what stands in the chain itself. False where there is no such one.
-    bool removeOther(Id id);
-    bool hasOther(Id id) const;
+    // Of what stands in the chain itself.
+    std::set<Id> others() const;
+    void removeOthers(const std::set<Id> &ids);
 
     // What has to be done to make the kernel as the tree is, since the last call or the reading. Branches that were put
     // somewhere have new ids then, from `nextId` on. The damage, which is none of the tree's own, goes too.
@@ -142,8 +145,8 @@ private:
     void noteNode(NodeIndex index);
 
     Limits limits_;
-    std::vector<Entry> entries_;
-    std::vector<Node> nodes_;
+    SharedVector<Entry, 64> entries_;
+    SharedVector<Node, 4> nodes_;
     std::vector<Target> targets_;
     std::vector<std::size_t> uses_; // of each target
     struct Free {

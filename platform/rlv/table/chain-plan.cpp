@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <optional>
 #include <unordered_map>
+#include <utility>
 
 #include "rlv/table/longest-increasing-subsequence.h"
 
@@ -21,6 +23,53 @@ constexpr std::size_t kPairsPerRule = 32;
 // One rule on the kernel's way to the rule with a handle, which begins at the chain's first: the longer the chain, the
 // fewer of its rules are in the processor's caches.
 double stepMicroseconds(std::size_t rules) { return 0.001 + 0.0000006 * static_cast<double>(rules); }
+
+// Places of rules by what they are, each to be taken once: of equal ones the first. Without memory of its own for each
+// rule, which costs more than to find them.
+class RulePlaces {
+public:
+    explicit RulePlaces(const std::vector<StandingRule> &standing)
+        : standing_(standing), next_(standing.size(), kNone) {
+        std::size_t slots = 16;
+        while (slots < standing.size() * 2)
+            slots *= 2;
+        slots_.resize(slots);
+    }
+
+    // Places fall.
+    void add(std::size_t place) {
+        Slot &slot = slotOf(*standing_[place].rule);
+        next_[place] = slot.first;
+        slot = {place, place};
+    }
+
+    // None left: none.
+    std::optional<std::size_t> take(const Rule &rule) {
+        Slot &slot = slotOf(rule);
+        if (slot.first == kNone)
+            return std::nullopt;
+        return std::exchange(slot.first, next_[slot.first]);
+    }
+
+private:
+    static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+    struct Slot {
+        std::size_t example = kNone; // of the rule, also when all are taken
+        std::size_t first = kNone;
+    };
+
+    Slot &slotOf(const Rule &rule) {
+        const std::size_t mask = slots_.size() - 1;
+        std::size_t at = RuleHash()(&rule) & mask;
+        while (slots_[at].example != kNone && !(*standing_[slots_[at].example].rule == rule))
+            at = (at + 1) & mask;
+        return slots_[at];
+    }
+
+    const std::vector<StandingRule> &standing_;
+    std::vector<std::size_t> next_; // equal one
+    std::vector<Slot> slots_;
+};
 
 class Planner {
 public:
@@ -51,13 +100,16 @@ public:
 
     // Wherever they stand: the first of several equal rules with the first of those that equal it, and so on.
     void matchInAnyOrder() {
-        Places places;
+        RulePlaces places(standing_);
         for (std::size_t i = standing_.size(); i > 0; --i) {
             if (goes(i - 1) && standing_[i - 1].rule)
-                places[&*standing_[i - 1].rule].push_back(i - 1);
+                places.add(i - 1);
         }
         plan_.isOrdered = false;
-        plan_.matches = onePairEach(places, {0, appended_.size()});
+        for (std::size_t i = 0; i < appended_.size(); ++i) {
+            if (const auto place = places.take(*appended_[i]))
+                plan_.matches.push_back({*place, i});
+        }
     }
 
     ChainPlan finish(PlanLimits limits) {
