@@ -15,11 +15,12 @@ using shape::Damage;
 using shape::Id;
 using shape::PlacedRule;
 
-std::vector<PlacedRule> placedIn(const StandingChain &chain) {
+// The rules leave the chain: there may be many.
+std::vector<PlacedRule> takenFrom(StandingChain &chain) {
     std::vector<PlacedRule> placed;
     placed.reserve(chain.rules.size());
-    for (const StandingRule &standing : chain.rules)
-        placed.push_back({standing.handle, standing.rule});
+    for (StandingRule &standing : chain.rules)
+        placed.push_back({standing.handle, std::move(standing.rule)});
     return placed;
 }
 
@@ -30,8 +31,9 @@ std::string counted(std::size_t number, const char *what) {
 // One logical chain.
 class Folder {
 public:
-    Folder(const std::string &name, Ruleset &ruleset, const shape::Limits &limits)
-        : name_(name), ruleset_(ruleset), limits_(limits) {}
+    // `known` stands still, or nothing is known.
+    Folder(const std::string &name, Ruleset &ruleset, const shape::Limits &limits, const LaidChain *known)
+        : name_(name), ruleset_(ruleset), limits_(limits), known_(known) {}
 
     LaidChain fold() {
         shape::Chains placed = takePlaced();
@@ -41,34 +43,36 @@ public:
             findPinned(laid);
         StandingChain &chain = ruleset_.chains.at(name_);
         if (subChains_.empty()) {
-            for (const StandingRule &standing : chain.rules)
-                laid.order.push_back(standing.handle);
+            giveBack(placed.at(name_), laid, chain);
         } else {
+            chain.disorder = disorderOf(laid, placed);
+            if (!chain.disorder.empty())
+                laid.asRead = placed;
             takeRules(laid, placed, chain);
             takeJumps(chain);
             chain.isOrdered = !laid.shape.isTree();
-            chain.disorder = disorderOf(laid, placed);
-            if (!chain.disorder.empty())
-                laid.asRead = std::move(placed);
             for (const std::string &sub : subChains_)
                 ruleset_.chains.erase(sub);
         }
         laid.reserveNames();
         chain.leavesBehind = laid.pinned;
-        chain.isTidy = laid.isDamaged() || isHeldByOthers(name_, laid, Outcome()) || isTidy(laid.shape);
+        chain.isTidy = laid.isDamaged() || isHeldByOthers(name_, laid, Outcome()) || isTidy(laid);
         return laid;
     }
 
 private:
+    // Chains that may be sub-chains.
+    using Named = std::map<std::string, StandingChain *>;
+
     shape::Chains takePlaced() {
         shape::Chains placed;
-        placed[name_] = placedIn(ruleset_.chains.at(name_));
-        shape::Chains named;
+        placed[name_] = takenFrom(ruleset_.chains.at(name_));
+        Named named;
         const std::string first = name_ + ".";
         for (auto at = ruleset_.chains.lower_bound(first);
              at != ruleset_.chains.end() && at->first.compare(0, first.size(), first) == 0; ++at) {
             if (shape::treeOf(at->first) == name_ && !at->second.isBase)
-                named.emplace(at->first, placedIn(at->second));
+                named.emplace(at->first, &at->second);
             else
                 taken_.insert(at->first);
         }
@@ -79,28 +83,33 @@ private:
         return placed;
     }
 
+    // Cheaper to tell than which one.
+    static bool isNamedLikeOne(const PlacedRule &rule) {
+        return rule.rule && rule.rule->target.kind == Target::Kind::jump &&
+               !shape::treeOf(rule.rule->target.text).empty();
+    }
+
     // What branches lead to.
-    void takeReached(shape::Chains &named, shape::Chains &placed) {
+    void takeReached(Named &named, shape::Chains &placed) {
         std::vector<std::string> open{name_};
         while (!open.empty()) {
             const std::vector<PlacedRule> &rules = placed.at(open.back());
             open.pop_back();
             for (const PlacedRule &rule : rules) {
-                const auto found = rule.rule && rule.rule->target.kind == Target::Kind::jump
-                                       ? named.find(rule.rule->target.text)
-                                       : named.end();
+                const auto found = isNamedLikeOne(rule) ? named.find(rule.rule->target.text) : named.end();
                 if (found == named.end())
                     continue;
                 open.push_back(found->first);
-                subChains_.insert(found->first);
-                placed.insert(named.extract(found));
+                take(named, found, placed);
             }
         }
     }
 
     // And what nothing leads to, or nothing is in: a tree of which the branches were taken away. What others lead to is
     // theirs, whatever it is called; a chain that commands have made before trees had such names, for one.
-    void takeDead(shape::Chains &named, shape::Chains &placed) {
+    void takeDead(Named &named, shape::Chains &placed) {
+        if (named.empty())
+            return;
         std::vector<std::string> open;
         for (const auto &[other, chain] : ruleset_.chains) {
             if (named.count(other) == 0)
@@ -117,16 +126,18 @@ private:
         }
         for (auto at = named.begin(); at != named.end();) {
             const auto dead = at++;
-            if (theirs.count(dead->first) > 0 && !dead->second.empty())
-                continue;
-            subChains_.insert(dead->first);
-            placed.insert(named.extract(dead));
+            if (theirs.count(dead->first) == 0 || dead->second->rules.empty())
+                take(named, dead, placed);
         }
     }
 
-    static void addTargets(const StandingChain &chain, const shape::Chains &named, std::vector<std::string> &targets) {
-        if (named.empty())
-            return;
+    void take(Named &named, Named::iterator one, shape::Chains &placed) {
+        subChains_.insert(one->first);
+        placed.emplace(one->first, takenFrom(*one->second));
+        named.erase(one);
+    }
+
+    static void addTargets(const StandingChain &chain, const Named &named, std::vector<std::string> &targets) {
         for (const auto &[target, count] : chain.jumps) {
             if (named.count(target) > 0)
                 targets.push_back(target);
@@ -146,8 +157,16 @@ private:
         }
     }
 
+    static void giveBack(std::vector<PlacedRule> &placed, LaidChain &laid, StandingChain &chain) {
+        laid.order.reserve(placed.size());
+        for (std::size_t i = 0; i < placed.size(); ++i) {
+            laid.order.push_back(placed[i].id);
+            chain.rules[i].rule = std::move(placed[i].rule);
+        }
+    }
+
     // In the order in which a packet meets them: a sub-chain's where the branch to it stands.
-    void takeRules(LaidChain &laid, const shape::Chains &placed, StandingChain &chain) {
+    void takeRules(LaidChain &laid, shape::Chains &placed, StandingChain &chain) {
         const Damage &damage = laid.shape.damage();
         for (const Damage::At &at : damage.unreached)
             unreached_.insert(at.id);
@@ -158,13 +177,15 @@ private:
         std::vector<std::string> reached = laid.shape.subChains();
         reached_.insert(reached.begin(), reached.end());
         chain.rules.clear();
+        chain.rules.reserve(laid.shape.size());
+        laid.order.reserve(laid.shape.size());
         takeRulesOf(name_, placed, laid, chain);
         for (const std::string &sub : reached)
             chain.others.merge(ruleset_.chains.at(sub).others);
     }
 
-    void takeRulesOf(const std::string &name, const shape::Chains &placed, LaidChain &laid, StandingChain &chain) {
-        for (const PlacedRule &rule : placed.at(name)) {
+    void takeRulesOf(const std::string &name, shape::Chains &placed, LaidChain &laid, StandingChain &chain) {
+        for (PlacedRule &rule : placed.at(name)) {
             const bool isStrange = strange_.count(rule.id) > 0;
             if (unreached_.count(rule.id) > 0)
                 continue;
@@ -172,7 +193,7 @@ private:
                 takeRulesOf(rule.rule->target.text, placed, laid, chain);
                 continue;
             }
-            chain.rules.push_back({rule.id, rule.rule});
+            chain.rules.push_back({rule.id, std::move(rule.rule)});
             laid.order.push_back(rule.id);
             if (isStrange)
                 laid.strangers.insert(rule.id);
@@ -180,7 +201,7 @@ private:
     }
 
     bool isBranch(const PlacedRule &rule) const {
-        return rule.rule && rule.rule->target.kind == Target::Kind::jump && reached_.count(rule.rule->target.text) > 0;
+        return isNamedLikeOne(rule) && reached_.count(rule.rule->target.text) > 0;
     }
 
     // Also those of rules that are not reached: the kernel counts them.
@@ -214,17 +235,21 @@ private:
         return text;
     }
 
-    static bool isTidy(const shape::Shape &shape) {
-        if (shape.isOfItsSize())
+    bool isTidy(LaidChain &laid) const {
+        if (laid.shape.isOfItsSize() || (known_ != nullptr && known_->tried))
             return true;
-        shape::Shape tried = shape;
+        shape::Shape tried = laid.shape;
         Id next = kFirstSentId;
-        return tried.update({}, {}, next).operations.empty();
+        const bool isTidy = tried.update({}, {}, next).operations.empty();
+        if (isTidy)
+            laid.tried = LaidChain::Tried{laid.shape.size(), 0};
+        return isTidy;
     }
 
     const std::string &name_;
     Ruleset &ruleset_;
     const shape::Limits &limits_;
+    const LaidChain *known_;
     std::set<std::string> subChains_;
     std::set<std::string> taken_; // names like theirs, of chains that are none
     std::set<std::string> reached_;
@@ -250,8 +275,10 @@ Folding fold(Ruleset ruleset, const std::string &chainPrefix, const shape::Limit
             trees.insert(tree);
     }
     for (const std::string &name : names) {
-        if (limits.treeFrom > 0 || trees.count(name) > 0 || known.count(name) > 0)
-            folding.laid.emplace(name, Folder(name, ruleset, limits).fold());
+        const auto standing = known.find(name);
+        const LaidChain *const one = standing == known.end() ? nullptr : &standing->second;
+        if (limits.treeFrom > 0 || trees.count(name) > 0 || one != nullptr)
+            folding.laid.emplace(name, Folder(name, ruleset, limits, one).fold());
     }
     for (const auto &[name, chain] : ruleset.chains) {
         if (!shape::treeOf(name).empty())

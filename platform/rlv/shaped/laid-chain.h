@@ -2,6 +2,7 @@
 #ifndef PLATFORM_RLV_SHAPED_LAID_CHAIN_H
 #define PLATFORM_RLV_SHAPED_LAID_CHAIN_H
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -40,6 +41,13 @@ struct LaidChain {
     std::set<std::string> taken;         // names like those of sub-chains, of chains that are none
     std::optional<shape::Chains> asRead; // where it is damaged: all that there is
     std::unordered_map<shape::Id, std::uint64_t> handles; // where they are not the ids; 0: not known
+    // Of a list that could be a tree by its size: it was tried with so many rules, which cannot be told apart, and so
+    // many have come or gone since.
+    struct Tried {
+        std::size_t rules = 0;
+        std::size_t changes = 0;
+    };
+    std::optional<Tried> tried;
 };
 using LaidChains = std::map<std::string, LaidChain>;
 

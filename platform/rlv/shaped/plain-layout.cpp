@@ -129,6 +129,7 @@ private:
         if (outcome_.isFlushed)
             next.strangers.clear();
         next.shape = shape::Shape::read(name_, placed_, limits_);
+        next.tried.reset();
         next.reserveNames();
         if (outcome_.isFlushed)
             next.asRead.reset();

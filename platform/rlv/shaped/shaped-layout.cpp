@@ -168,6 +168,7 @@ private:
                          next.order.end());
         next.strangers.clear();
         next.asRead.reset();
+        next.tried.reset();
         finishHandles();
         next.reserveNames();
     }
@@ -175,6 +176,10 @@ private:
     void finishHandles() {
         LaidChain &next = block_.next;
         next.handles = before_.handles; // with what was read for this
+        for (const auto &[chain, ids] : before_.idsIn(emptiedChains())) {
+            for (const Id id : ids)
+                next.handles.erase(id);
+        }
         std::set<Id> stays;
         for (const auto &one : update_.stays)
             stays.insert(one.id);
@@ -190,6 +195,15 @@ private:
             if (operation.kind == Operation::Kind::appendRule)
                 next.setHandle(operation.id, 0);
         }
+    }
+
+    std::set<std::string> emptiedChains() const {
+        std::set<std::string> chains;
+        for (const Operation &operation : update_.operations) {
+            if (operation.kind == Operation::Kind::flushChain)
+                chains.insert(operation.chain);
+        }
+        return chains;
     }
 
     const std::string &name_;
@@ -280,6 +294,7 @@ private:
         next.reserveNames();
         next.strangers.clear();
         next.asRead.reset();
+        next.tried.reset();
     }
 
     void put(Id id, const Rule &rule, Cause cause, const Counters *counted) {
@@ -350,6 +365,17 @@ std::optional<Block> layAnew(const std::string &name, const LaidChain &chain, co
     return ListLayout(name, chain, outcome, limits).lay(reader);
 }
 
+// None where it is worth while to try again whether the chain can be a tree: to arrange it costs as much as thousands
+// of rules that come or go.
+std::optional<LaidChain::Tried> changesSinceTried(const LaidChain &chain, const Outcome &outcome) {
+    if (!chain.tried || outcome.isFlushed)
+        return std::nullopt;
+    const std::size_t changes = chain.tried->changes + outcome.added.size() + outcome.gone.size();
+    if (changes * 4 >= chain.tried->rules)
+        return std::nullopt;
+    return LaidChain::Tried{chain.tried->rules, changes};
+}
+
 } // namespace
 
 std::optional<Block> layAsList(const std::string &name, const LaidChain &chain, const Outcome &outcome,
@@ -371,8 +397,16 @@ std::optional<Block> layOut(const std::string &name, const LaidChain &chain, con
         return layAnew(name, chain, withStrangers(chain, outcome, places.back(), nextId), limits, reader, nextId);
     if (!isList)
         return layAnew(name, chain, outcome, limits, reader, nextId);
-    TreeLayout tree(name, chain, outcome);
-    return tree.update(nextId) ? tree.lay(reader) : layPlainly(name, chain, outcome, changes, places, limits, reader);
+    const auto changed = changesSinceTried(chain, outcome);
+    if (!changed) {
+        TreeLayout tree(name, chain, outcome);
+        if (tree.update(nextId))
+            return tree.lay(reader);
+    }
+    auto block = layPlainly(name, chain, outcome, changes, places, limits, reader);
+    if (block && !block->next.shape.isOfItsSize())
+        block->next.tried = changed ? *changed : LaidChain::Tried{block->next.shape.size(), 0};
+    return block;
 }
 
 } // namespace rlv
