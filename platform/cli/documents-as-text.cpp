@@ -110,6 +110,10 @@ std::string rulesLine(const Json &rules) {
     return line;
 }
 
+std::string walksLine(const Json &rules) {
+    return rules.contains("longestWalk") ? "longest walk " + countsOf(rules["longestWalk"]) + "\n" : "";
+}
+
 std::string collectorLine(const Json &document) {
     const std::string problem = text(document, "collectorProblem");
     return text(document, "collector") + (problem.empty() ? "" : ": " + problem);
@@ -159,6 +163,7 @@ std::string statusAsText(const Json &document) {
            databaseLines(part(document, "databases")) +                                 //
            databaseLine(text(document, "databaseProblem")) +                            //
            "rules        " + rulesLine(part(document, "rules")) + "\n" +                //
+           walksLine(part(document, "rules")) +                                         //
            namesLines(part(document, "names")) +                                        //
            "collector    " + collectorLine(document) + "\n" +                           //
            problemLine("settings     ", text(document, "settingsProblem")) +            //

@@ -139,6 +139,15 @@ void countWhatStands(const rlv::ServiceState &state, Account &account) {
     account.inForce = standing;
 }
 
+void tellWalks(const rlv::ServiceState &state, Account &account) {
+    RuleCounts walks;
+    for (const auto &chain : state.chains) {
+        if (holdsStoredRules(chain.name))
+            countOf(walks, chain.name == kAllowChain) = chain.longestWalk;
+    }
+    account.walks = walks;
+}
+
 void compareRules(bool reading, Account &account) {
     // A service that hangs is found out sooner than one that is slow.
     const auto state = rlv::query(kNoConnections, kQueryTimeout);
@@ -149,6 +158,7 @@ void compareRules(bool reading, Account &account) {
         },
         reading, kCompareTimeout);
     account.drift = state.drift;
+    tellWalks(state, account);
     if (account.databaseProblem.empty())
         takeOver(comparison, account);
     else

@@ -35,6 +35,7 @@ struct Account {
     std::optional<RuleCounts> stored;   // rows
     std::optional<RuleCounts> expected; // kernel rules that they make: one for each direction and address
     std::optional<RuleCounts> inForce;  // of those, that stand
+    std::optional<RuleCounts> walks;    // the most rules that a packet looks at in the chain
     std::vector<Finding> findings;      // of each kind the first 1,000
     std::uint64_t differences = 0;      // all MISSING, FOREIGN, CHANGED and DIFFERS
     std::uint64_t shadowed = 0;

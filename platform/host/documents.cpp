@@ -75,8 +75,10 @@ void add(const Account &account, Json::Value &document) {
     document["simulated"] = account.simulated;
     document["others"] = driftAsJson(account.drift);
     document["rules"] = Json::Value(Json::objectValue);
-    for (const auto &[name, counts] :
-         {std::pair{"stored", account.stored}, {"expected", account.expected}, {"inForce", account.inForce}}) {
+    for (const auto &[name, counts] : {std::pair{"stored", account.stored},
+                                       {"expected", account.expected},
+                                       {"inForce", account.inForce},
+                                       {"longestWalk", account.walks}}) {
         if (counts)
             document["rules"][name] = countsAsJson(*counts);
     }

@@ -30,8 +30,10 @@ struct HostState {
 //   "differences" how many; "shadowed" how many rules of others decide before ours; "twice" how many rules stand once
 //               more than stored; "unanswered" how many have a host name without an address
 //   "findings"  an array of all these, the first 1,000 of each kind: {"kind","chain","rule","advice"} (see Finding)
-//   "rules"     {"stored","expected","inForce"}, each {"allow","deny"}: rows, kernel rules that they make, and those of
-//               them that stand; what is not known is left out
+//   "rules"     {"stored","expected","inForce","longestWalk"}, each {"allow","deny"}: rows, kernel rules that they
+//   make,
+//               those of them that stand, and the most that a packet looks at in the chain, branches to sub-chains
+//               included; what is not known is left out
 //   "collector" "off", "running", "stopping" or "dead"; "collectorProblem" one line or empty
 //   "lastReport" seconds since the epoch, as text, empty before the first report: the later of the
 //               configuration's and the newest statistics report's in the outbox

@@ -75,12 +75,26 @@ ConnectionOutcome readOutcome(FieldReader &in) {
     return outcome;
 }
 
+void write(FieldWriter &out, const ChainState &chain) {
+    out.text(chain.name);
+    out.integer(chain.rules, 8);
+    out.integer(chain.longestWalk, 8);
+}
+
+ChainState readChain(FieldReader &in) {
+    ChainState chain;
+    chain.name = in.text();
+    chain.rules = in.integer(8);
+    chain.longestWalk = in.integer(8);
+    return chain;
+}
+
 std::string flatten(const ServiceState &state) {
     FieldWriter out;
     out.flag(state.simulated);
     out.integer(state.serviceId, 8);
     out.list(state.hooks, [&](const HookState &hook) { out.text(hook.chain), out.text(hook.target); });
-    out.list(state.chains, [&](const ChainState &chain) { out.text(chain.name), out.integer(chain.rules, 8); });
+    out.list(state.chains, [&](const ChainState &chain) { write(out, chain); });
     out.list(state.connections, [&](const ConnectionOutcome &outcome) { write(out, outcome); });
     write(out, state.drift);
     return out.take();
@@ -260,12 +274,7 @@ std::optional<ServiceState> decodeState(std::string_view text) {
         hook.target = in.text();
         state.hooks.push_back(std::move(hook));
     });
-    in.list([&] {
-        ChainState chain;
-        chain.name = in.text();
-        chain.rules = in.integer(8);
-        state.chains.push_back(std::move(chain));
-    });
+    in.list([&] { state.chains.push_back(readChain(in)); });
     in.list([&] { state.connections.push_back(readOutcome(in)); });
     state.drift = readDrift(in);
     if (!in.complete())

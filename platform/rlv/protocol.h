@@ -20,7 +20,7 @@
 
 namespace rlv::protocol {
 
-constexpr std::uint64_t kVersion = 5;
+constexpr std::uint64_t kVersion = 6;
 constexpr std::size_t kMaxOptionsBytes = 4096;
 // The longest packet of either side; a longer reply goes in parts.
 constexpr std::size_t kMaxPacketBytes = 32'768;

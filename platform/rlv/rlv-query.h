@@ -62,6 +62,7 @@ struct ConnectionOutcome {
 struct ChainState {
     std::string name;
     std::uint64_t rules = 0;
+    std::uint64_t longestWalk = 0; // no packet looks at more rules of it, branches to its sub-chains included
 };
 
 // A jump from a built-in chain to one of the service's own.

@@ -25,6 +25,7 @@ public:
     std::optional<Ruleset> readInParts() override;
     std::optional<std::vector<std::uint64_t>> readHandles(const std::string &chain, std::uint32_t generation) override;
     std::optional<std::vector<CountedRule>> readCounters(const std::string &chain, std::uint32_t generation) override;
+    std::optional<std::size_t> longestWalk(const std::string &chain) override;
     Failures commit(const Changes &changes, std::optional<std::uint32_t> generation) override;
     Failures dryRun(const Changes &changes) override;
     std::optional<int> listen() override { return inner_->listen(); }
@@ -122,6 +123,11 @@ std::optional<std::vector<CountedRule>> ShapedBackend::readCounters(const std::s
     for (const shape::Id id : known->second.order)
         rules.push_back({id, counts[id]});
     return rules;
+}
+
+std::optional<std::size_t> ShapedBackend::longestWalk(const std::string &chain) {
+    const auto known = known_.chains.find(chain);
+    return known == known_.chains.end() ? std::nullopt : std::optional(known->second.shape.longestWalk());
 }
 
 bool ShapedBackend::isUntouched(std::uint32_t since, std::uint32_t now) {

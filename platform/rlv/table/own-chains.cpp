@@ -30,7 +30,7 @@ OwnChains ownChainsIn(const Ruleset &ruleset, const std::string &chainPrefix) {
     }
     for (const auto &[name, chain] : ruleset.chains) {
         if (isOwnChain(name, chainPrefix))
-            own.chains.push_back({name, chain.rules.size()});
+            own.chains.push_back({name, chain.rules.size(), chain.rules.size()});
     }
     return own;
 }

@@ -69,6 +69,10 @@ public:
     virtual std::optional<std::vector<CountedRule>> readCounters(const std::string &chain,
                                                                  std::uint32_t generation) = 0;
 
+    // No packet looks at more rules of the chain as it lies in the kernel, as far as that is known from what was read
+    // and sent. None for chains of which the rules are all that there is.
+    virtual std::optional<std::size_t> longestWalk(const std::string & /*chain*/) { return std::nullopt; }
+
     // Makes the changes, in order, as one transaction: with a generation only if nobody has changed anything since.
     // Gives back what was refused, in order; then nothing has changed. INPUT and OUTPUT, as base chains, and the table
     // itself are added only where they are missing. A chain that is there already gives EEXIST. When it throws, the

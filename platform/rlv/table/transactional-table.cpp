@@ -80,6 +80,8 @@ void TransactionalTable::describe(ServiceState &state) {
     const OwnChains own = tracked_.isCurrent() ? ownChainsIn(tracked_.standing(), chainPrefix_) : readOwnChains();
     state.hooks = own.hooks;
     state.chains = own.chains;
+    for (ChainState &chain : state.chains)
+        chain.longestWalk = backend_->longestWalk(chain.name).value_or(chain.rules);
 }
 
 const OwnChains &TransactionalTable::readOwnChains() {

@@ -115,6 +115,11 @@ TEST(TheStatusAsText, CountsWhatStands) {
         HasSubstr("rules        0 allow, 0 deny stored; in force 0 allow, 0 deny (0 allow, 0 deny expected)\n"));
 }
 
+TEST(TheStatusAsText, SaysHowManyRulesAPacketLooksAt) {
+    EXPECT_THAT(statusWith("rules", R"({"stored":{"allow":1,"deny":200},"longestWalk":{"allow":1,"deny":47}})"),
+                HasSubstr("\nrules        1 allow, 200 deny stored\nlongest walk 1 allow, 47 deny\n"));
+}
+
 TEST(TheStatusAsText, ShowsWhatElseThereIsToSay) {
     struct Line {
         const char *member;

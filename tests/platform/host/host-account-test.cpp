@@ -88,9 +88,11 @@ TEST_F(AnAccountTaken, CountsTheRulesByWhatTheServiceSays) {
     service->change([](Answers &answers) {
         answers.comparison.simulated = true;
         answers.comparison.chains = {{"VPK-ALLOW", 5, 4}, {"VPK-DENY", 7, 6}, {"VPK-LOGANDDROP", 2, 2}};
+        answers.state.chains = {{"VPK-ALLOW", 4, 4}, {"VPK-DENY", 6, 3}, {"VPK-LOGANDDROP", 2, 2}};
         answers.state.drift.repairs = 3;
     });
     const auto account = host::takeAccount(false);
+    EXPECT_EQ(textOf(account.walks), "4 allow, 3 deny");
     EXPECT_EQ(textOf(account.stored), "0 allow, 0 deny");
     EXPECT_EQ(textOf(account.expected), "5 allow, 7 deny");
     EXPECT_EQ(textOf(account.inForce), "4 allow, 6 deny");
@@ -141,6 +143,7 @@ TEST_F(AnAccountTaken, TellsWhatIsStoredWhileTheServiceIsAway) {
     EXPECT_EQ(textOf(account.stored), "1 allow, 2 deny");
     EXPECT_EQ(textOf(account.expected), "1 allow, 3 deny");
     EXPECT_EQ(textOf(account.inForce), "not known");
+    EXPECT_EQ(textOf(account.walks), "not known");
     EXPECT_FALSE(account.isInForce());
 }
 
@@ -149,7 +152,7 @@ TEST_F(AnAccountTaken, TellsWhatStandsWhileTheRulesCannotBeRead) {
     compare({{Kind::missing, "VPK-DENY", "", ""}});
     service->change([](Answers &answers) {
         answers.state.simulated = true;
-        answers.state.chains = {{"VPK-ALLOW", 5}, {"VPK-DENY", 7}, {"VPK-LOGANDDROP", 2}};
+        answers.state.chains = {{"VPK-ALLOW", 5, 5}, {"VPK-DENY", 7, 7}, {"VPK-LOGANDDROP", 2, 2}};
         answers.state.drift.repairs = 3;
     });
     const auto account = host::takeAccount(false);

@@ -127,7 +127,7 @@ TEST(AStateOfTheTrafficControlService, HasTheseBytes) {
     state.simulated = true;
     state.serviceId = kLarge;
     state.hooks = {{"INPUT", "VPK-IN"}};
-    state.chains = {{"VPK-IN", 3}};
+    state.chains = {{"VPK-IN", 3, 2}};
     state.connections = {{4, rlv::ConnectionEnd::closed, {{"-F", -2, "no", true}}, 5}};
     state.drift.repairs = 6;
     state.drift.texts = {"t"};
@@ -136,8 +136,9 @@ TEST(AStateOfTheTrafficControlService, HasTheseBytes) {
     state.drift.process = 0x80000001U;
     state.drift.problem = "p";
     EXPECT_EQ("\1" + kLargeBytes + "\1\0\0\0\5\0\0\0INPUT\6\0\0\0VPK-IN"s + "\1\0\0\0\6\0\0\0VPK-IN\3"s + kEight +
-                  "\1\0\0\0\4"s + kEight + "\1\1\0\0\0\2\0\0\0-F\xfe\xff\xff\xff\2\0\0\0no\1\5"s + kEight + "\1\6"s +
-                  kEight + "\1\0\0\0\1\0\0\0t\7"s + kEight + "\3\0\0\0ufw\1\0\0\x80\1\0\0\0p"s + std::string(8, '\xff'),
+                  "\2" + kEight + "\1\0\0\0\4"s + kEight + "\1\1\0\0\0\2\0\0\0-F\xfe\xff\xff\xff\2\0\0\0no\1\5"s +
+                  kEight + "\1\6"s + kEight + "\1\0\0\0\1\0\0\0t\7"s + kEight + "\3\0\0\0ufw\1\0\0\x80\1\0\0\0p"s +
+                  std::string(8, '\xff'),
               bytesOf(state));
 }
 
@@ -170,7 +171,7 @@ TEST(AStateOfTheTrafficControlService, KeepsNumbersOf64BitsAtAnyAddress) {
     for (std::size_t length = 0; length < 9; ++length) {
         rlv::ServiceState state;
         state.serviceId = kLarge;
-        state.chains.push_back({std::string(length, 'x'), std::uint64_t{1} << 32U});
+        state.chains.push_back({std::string(length, 'x'), std::uint64_t{1} << 32U, std::uint64_t{1} << 33U});
         state.connections.push_back({kLarge, rlv::ConnectionEnd::closed, {{"-F", 4, "no", true}}, kLarge + 2});
         std::string text;
         for (const std::string &packet : rlv::protocol::encodeState(state))
@@ -180,6 +181,7 @@ TEST(AStateOfTheTrafficControlService, KeepsNumbersOf64BitsAtAnyAddress) {
             ASSERT_TRUE(read) << length << " " << offset;
             EXPECT_EQ(kLarge, read->serviceId);
             EXPECT_EQ(std::uint64_t{1} << 32U, read->chains.at(0).rules);
+            EXPECT_EQ(std::uint64_t{1} << 33U, read->chains.at(0).longestWalk);
             EXPECT_EQ(kLarge, read->connections.at(0).number);
             EXPECT_EQ(kLarge + 2, read->connections.at(0).failedBeyondList);
         }
@@ -189,7 +191,7 @@ TEST(AStateOfTheTrafficControlService, KeepsNumbersOf64BitsAtAnyAddress) {
 // A length that 32 bits hold, but no signed number of them and no memory.
 TEST(AStateOfTheTrafficControlService, IsNoneWhenALengthIsLargerThanMemory) {
     rlv::ServiceState state;
-    state.chains.push_back({"ABCD", 0});
+    state.chains.push_back({"ABCD", 0, 0});
     std::string text = rlv::protocol::decodeReply(rlv::protocol::encodeState(state).at(0))->text;
     const auto name = text.find("ABCD");
     ASSERT_NE(std::string::npos, name);

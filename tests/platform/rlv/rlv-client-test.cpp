@@ -271,7 +271,7 @@ rlv::ServiceState bigState() {
     state.serviceId = 0xfedcba9876543210;
     state.hooks = {{"INPUT", "VPK-ALLOW"}, {"OUTPUT", "VPK-DENY"}};
     for (std::uint64_t i = 0; i < 6000; ++i)
-        state.chains.push_back({"VPK-" + std::to_string(i), i});
+        state.chains.push_back({"VPK-" + std::to_string(i), i, i});
     rlv::ConnectionOutcome outcome;
     outcome.number = 6;
     outcome.end = rlv::ConnectionEnd::vanished;

@@ -274,6 +274,61 @@ TEST_F(ATableOfTrees, EmptiesALongListThatBecomesATreeInOneGo) {
     EXPECT_EQ(std::count(kernel.lastKinds.begin(), kernel.lastKinds.end(), Kind::flushChain), 1);
 }
 
+// Until one accepts or drops it.
+std::size_t walkOf(const rlv::Ruleset &truth, const std::string &chain, const rulelists::Packet &packet, bool &goesOn) {
+    std::size_t walk = 0;
+    for (const rlv::StandingRule &rule : truth.chains.at(chain).rules) {
+        ++walk;
+        if (!rulelists::matches(*rule.rule, packet))
+            continue;
+        if (isBranch(rule))
+            walk += walkOf(truth, rule.rule->target.text, packet, goesOn);
+        else
+            goesOn = false;
+        if (!goesOn)
+            break;
+    }
+    return walk;
+}
+
+TEST_F(ATableOfTrees, HasAListOfWhatCannotBeToldApartUntilItCan) {
+    const Texts same(100, "-s 10.0.0.1/32 -j DROP");
+    make(same);
+    expectRules(same);
+    EXPECT_THAT(subChainsIn(kernel, kChain), IsEmpty());
+    Texts rules = someRules(100);
+    for (std::size_t i = 0; i < rules.size(); ++i)
+        expectDone({"-A VPK-D " + rules[i]});
+    EXPECT_THAT(subChainsIn(kernel, kChain), Not(IsEmpty()));
+    rules.insert(rules.end(), same.begin(), same.end());
+    expectRules(rules);
+}
+
+TEST_F(ATableOfTrees, TellsHowManyRulesAPacketLooksAt) {
+    for (const std::size_t size : {kTreeFrom, std::size_t{400}}) {
+        const auto rules = rulelists::make(rulelists::form("random addresses"), size, 5);
+        Texts texts;
+        for (const Rule &rule : rules)
+            texts.push_back(rlv::describeMatch(rule) + "-j DROP");
+        if (size == kTreeFrom)
+            make(texts);
+        else
+            rebuild(texts);
+        rlv::ServiceState state;
+        table->describe(state);
+        const rlv::Ruleset truth = kernel.truth();
+        rulelists::Random random(1);
+        std::size_t most = 0;
+        for (std::size_t i = 0; i < 20 * size; ++i) {
+            bool goesOn = true;
+            most = std::max(most, walkOf(truth, kChain, rulelists::packetBeside(rules[i % size], random), goesOn));
+        }
+        EXPECT_LE(most, state.chains.front().longestWalk);
+        EXPECT_GE(most * 10, state.chains.front().longestWalk * 7);
+        EXPECT_LE(state.chains.front().longestWalk, size == kTreeFrom ? kTreeFrom : size / 5);
+    }
+}
+
 TEST_F(ATableOfTrees, LeavesNothingWhenAllIsRemoved) {
     make(someRules(300));
     table = openTable(kernel, kTreeFrom);
