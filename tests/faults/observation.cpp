@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <tuple>
@@ -94,6 +95,17 @@ Stored readStored(const std::string &path) try {
     return {error.what(), {}};
 }
 
+// The rule, where the line is one of the chain or of its sub-chains, and no branch to one of these.
+std::optional<std::string> ruleOf(const std::string &chain, const std::string &line) {
+    const std::string start = "-A " + chain;
+    const std::size_t space = line.find(' ', start.size());
+    const bool isOfChain = line.compare(0, start.size(), start) == 0 && space != std::string::npos &&
+                           (space == start.size() || line[start.size()] == '.');
+    if (!isOfChain || line.find("-j " + chain + ".") != std::string::npos)
+        return std::nullopt;
+    return line.substr(space + 1);
+}
+
 Kernel readKernel() {
     const auto listing = process::capture({"iptables", "-w", "-S"});
     Kernel kernel;
@@ -101,16 +113,16 @@ Kernel readKernel() {
         kernel.problem = listing.errors.empty() ? "iptables failed" : listing.errors;
         return kernel;
     }
-    const std::pair<std::string, Lines *> chains[] = {{"-A VPK-ALLOW ", &kernel.allow},
-                                                      {"-A VPK-DENY ", &kernel.deny},
-                                                      {"-A VPK-LOGANDDROP ", &kernel.logAndDrop},
-                                                      {"-A INPUT ", &kernel.input},
-                                                      {"-A OUTPUT ", &kernel.output}};
+    const std::pair<std::string, Lines *> chains[] = {{"VPK-ALLOW", &kernel.allow},
+                                                      {"VPK-DENY", &kernel.deny},
+                                                      {"VPK-LOGANDDROP", &kernel.logAndDrop},
+                                                      {"INPUT", &kernel.input},
+                                                      {"OUTPUT", &kernel.output}};
     std::istringstream lines(listing.output);
     for (std::string line; std::getline(lines, line);) {
-        for (const auto &[start, rules] : chains) {
-            if (line.compare(0, start.size(), start) == 0)
-                rules->push_back(line.substr(start.size()));
+        for (const auto &[chain, rules] : chains) {
+            if (auto rule = ruleOf(chain, line))
+                rules->push_back(std::move(*rule));
         }
     }
     kernel.allow = sortedLines(std::move(kernel.allow));
