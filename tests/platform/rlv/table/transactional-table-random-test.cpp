@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "random-connections.h"
+#include "rlv/shaped/shaped-backend.h"
 #include "rlv/table/rule-text.h"
 #include "rlv/table/transactional-table.h"
 #include "scripted-backend.h"
@@ -27,14 +28,32 @@ struct Settings {
     bool hasForeigners = true;
     bool hasRefusals = true;
     bool hasConflicts = true;
+    std::size_t treeFrom = 0;
 };
+
+// So that chains of a few rules have branches.
+rlv::shape::Limits limitsOf(std::size_t treeFrom) {
+    rlv::shape::Limits limits;
+    limits.treeFrom = treeFrom;
+    limits.tuning.leafRules = limits.tuning.costlyLeafRules = 4;
+    limits.tuning.leastRules = 2;
+    return limits;
+}
 
 class Simulated : public RandomConnections {
 public:
     Simulated(unsigned seed, const Settings &settings) : RandomConnections(seed, settings.limit), settings_(settings) {
         auto backend = std::make_unique<scripted::Backend>();
         backend_ = backend.get();
-        table_ = std::make_unique<rlv::TransactionalTable>(std::move(backend), "VPK-", settings.limit);
+        hasTrees_ = settings.treeFrom > 0;
+        std::unique_ptr<rlv::RulesetBackend> used = std::move(backend);
+        if (hasTrees_)
+            used = rlv::makeShapedBackend(std::move(used), "VPK-", limitsOf(settings.treeFrom));
+        table_ = std::make_unique<rlv::TransactionalTable>(std::move(used), "VPK-", settings.limit);
+        if (hasTrees_) {
+            addresses_ = 60;
+            mostCommands_ = 40;
+        }
         hasForeigners_ = settings.hasForeigners;
         hasPoison_ = settings.hasRefusals;
         if (settings.hasRefusals)
@@ -47,9 +66,11 @@ public:
         };
     }
 
+    std::size_t trees = 0; // that transactions left
+
 private:
     Sent send() override {
-        if (settings_.hasConflicts && oneIn(6))
+        if (settings_.hasConflicts && settings_.hasForeigners && oneIn(6))
             editsDuringPush_ = static_cast<int>(upTo(3));
         if (settings_.hasConflicts && oneIn(15))
             backend_->conflictsToCome = static_cast<int>(upTo(20));
@@ -64,6 +85,7 @@ private:
         sent.commits = backend_->commits - commits;
         sent.wasBound = backend_->unbound == unbound;
         sent.before = backend_->beforeLastCommit ? tableOf(*backend_->beforeLastCommit) : truth();
+        trees += backend_->truth().chains.size() > truth().size() ? 1 : 0;
         return sent;
     }
 
@@ -104,7 +126,7 @@ private:
                 chain.lines.push_back(
                     {rule.handle, (backend_->opaque.count(rule.handle) > 0 ? "-i lo " : "") + describe(*rule.rule)});
         }
-        return table;
+        return folded(table);
     }
     filter::Table truth() override { return tableOf(backend_->truth()); }
 
@@ -181,8 +203,9 @@ private:
 void run(const Settings &settings, std::size_t connections) {
     Simulated random(seeds::seedOfThisRun(), settings);
     random.run(seeds::stepsOfThisRun(connections));
-    std::cout << random.commands << " commands, " << random.pushes << " pushes, " << random.edits << " edits"
-              << std::endl;
+    std::cout << random.commands << " commands, " << random.pushes << " pushes, " << random.edits << " edits, "
+              << random.trees << " trees" << std::endl;
+    EXPECT_EQ(random.trees > 0, settings.treeFrom > 0);
 }
 
 TEST(RandomConnectionsToATransactionalTable, ComeToWhatIptablesWouldComeTo) {
@@ -204,6 +227,28 @@ TEST(RandomConnectionsToATransactionalTable, LoseOnlyWhatIsRefused) {
 }
 
 TEST(RandomConnectionsToATransactionalTable, ComeToTheSameWhenOthersAreFaster) { run(Settings(), 200); }
+
+TEST(RandomConnectionsToATransactionalTable, ComeToTheSameWithTrees) {
+    Settings settings;
+    settings.treeFrom = 8;
+    settings.hasForeigners = settings.hasRefusals = settings.hasConflicts = false;
+    run(settings, 40);
+}
+
+TEST(RandomConnectionsToATransactionalTable, LoseOnlyWhatIsRefusedWithTreesToo) {
+    Settings settings;
+    settings.treeFrom = 8;
+    settings.hasForeigners = false;
+    run(settings, 40);
+}
+
+TEST(RandomConnectionsToATransactionalTable, NeverExceedTheirBoundWithTrees) {
+    Settings settings;
+    settings.treeFrom = 8;
+    settings.limit = 60;
+    settings.hasForeigners = settings.hasConflicts = settings.hasRefusals = false;
+    run(settings, 40);
+}
 
 TEST(RandomConnectionsToATransactionalTable, NeverExceedTheirBound) {
     Settings settings;
