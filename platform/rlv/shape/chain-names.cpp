@@ -14,7 +14,7 @@ constexpr std::uint64_t kSmall = 65'536;
 std::string numbered(const std::string &chain, std::uint64_t number) {
     std::string digits;
     for (; number > 0; number /= kDigits.size())
-        digits.insert(digits.begin(), kDigits[number % kDigits.size()]);
+        digits.insert(digits.begin(), kDigits[static_cast<std::size_t>(number % kDigits.size())]);
     return chain + "." + digits;
 }
 
