@@ -1,8 +1,6 @@
 #include "settings.h"
 
-#include <algorithm>
 #include <chrono>
-#include <initializer_list>
 #include <stdexcept>
 
 #include "lane.h"
@@ -15,17 +13,6 @@ namespace {
 Rules randomAddresses(std::size_t count) { return rulelists::make(rulelists::form("random addresses"), count, 1); }
 
 std::string beside(const Rules &rules) { return std::to_string(rules.size()) + " random addresses"; }
-
-Packets firstOf(const Packets &packets, std::size_t count) {
-    return {packets.begin(), packets.begin() + static_cast<std::ptrdiff_t>(std::min(packets.size(), count))};
-}
-
-void measureInTurns(std::initializer_list<Lane *> lanes, unsigned rounds) {
-    for (unsigned round = 0; round < rounds; ++round) {
-        for (Lane *lane : lanes)
-            lane->measure();
-    }
-}
 
 void head(const Report &report) { report.head({"work", "this system", "against", "that takes", "ratio", "bar", ""}); }
 
@@ -50,6 +37,7 @@ void priceOfAllowed(const Settings &settings, Report &report) {
     Lane beside("beside", fill, outside);
     Lane within("within", fill, packetsWithin(rules));
     measureInTurns({&none, &beside, &within}, settings.rounds);
+    within.measureDearestAgain(settings.rounds);
     none.allMustHavePassed();
     beside.allMustHavePassed();
     within.allMustHavePassed();

@@ -1,6 +1,8 @@
 #include "lane.h"
 
 #include <algorithm>
+#include <iterator>
+#include <numeric>
 #include <stdexcept>
 
 namespace packetpath {
@@ -12,15 +14,40 @@ Lane::Lane(const std::string &name, const Fill &fill, const Packets &packets) : 
     turns_.resize(frames_.size());
 }
 
+void Lane::measureAlone(std::size_t frame) {
+    turns_[frame].push_back(host_.send(frames_, frame, kBurst, true));
+    sent_ += kBurst;
+}
+
 void Lane::measure() {
     for (std::size_t i = 0; i < frames_.size(); ++i)
-        turns_[i].push_back(host_.send(frames_, i, kBurst, true));
+        measureAlone(i);
     double sum = 0;
     std::size_t bursts = 0;
     for (std::size_t i = 0; i < frames_.size(); i += kBurst, ++bursts)
         sum += host_.send(frames_, i, kBurst, false);
     mixedTurns_.push_back(sum / static_cast<double>(bursts));
-    sent_ += (frames_.size() + bursts) * kBurst;
+    sent_ += bursts * kBurst;
+}
+
+void Lane::measureDearestAgain(unsigned turns) {
+    for (int i = 0; i < 3; ++i) {
+        for (const std::size_t frame : dearest(std::min<std::size_t>(frames_.size(), 10))) {
+            for (unsigned turn = 0; turn < turns; ++turn)
+                measureAlone(frame);
+        }
+    }
+}
+
+std::vector<std::size_t> Lane::dearest(std::size_t count) const {
+    std::vector<double> prices(frames_.size());
+    std::transform(turns_.begin(), turns_.end(), prices.begin(), medianOf);
+    std::vector<std::size_t> order(frames_.size());
+    std::iota(order.begin(), order.end(), 0);
+    std::sort(order.begin(), order.end(),
+              [&](std::size_t left, std::size_t right) { return prices[left] > prices[right]; });
+    order.resize(count);
+    return order;
 }
 
 std::vector<double> Lane::prices() const {
@@ -41,6 +68,13 @@ void Lane::allMustHavePassed() const {
     if (passed != sent_)
         throw std::runtime_error(host_.name() + ": " + std::to_string(passed) + " of " + std::to_string(sent_) +
                                  " packets came past the chains");
+}
+
+void measureInTurns(std::initializer_list<Lane *> lanes, unsigned turns) {
+    for (unsigned turn = 0; turn < turns; ++turn) {
+        for (Lane *lane : lanes)
+            lane->measure();
+    }
 }
 
 double medianOf(std::vector<double> values) {

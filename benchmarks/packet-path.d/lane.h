@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,8 @@ public:
 
     // Sends each packet `kBurst` times in a row, then all of them mixed.
     void measure();
+    // Gives the dearest packets further turns: what came between in several of their turns is not their price.
+    void measureDearestAgain(unsigned turns);
     // Of the turns so far, in ns for one packet: the medians of each packet's turns, sorted.
     std::vector<double> prices() const;
     double median() const;
@@ -34,12 +37,18 @@ public:
     const Host &host() const { return host_; }
 
 private:
+    void measureAlone(std::size_t frame);
+    std::vector<std::size_t> dearest(std::size_t count) const;
+
     Host host_;
     std::vector<Frame> frames_;
     std::vector<std::vector<double>> turns_; // of each frame
     std::vector<double> mixedTurns_;
     std::uint64_t sent_ = 0;
 };
+
+// Each lane, turn by turn.
+void measureInTurns(std::initializer_list<Lane *> lanes, unsigned turns);
 
 double medianOf(std::vector<double> values);
 

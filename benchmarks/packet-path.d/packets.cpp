@@ -80,6 +80,10 @@ Packets packetsWithin(const Rules &rules) {
     return packets;
 }
 
+Packets firstOf(const Packets &packets, std::size_t count) {
+    return {packets.begin(), packets.begin() + static_cast<std::ptrdiff_t>(std::min(packets.size(), count))};
+}
+
 Frame frameOf(const Packet &packet, const HardwareAddress &to) {
     constexpr std::size_t kIp = ETH_HLEN;
     constexpr std::size_t kTransport = kIp + 20;

@@ -22,6 +22,8 @@ Packets packetsBeside(const Rules &rules, std::size_t count, Protocols protocols
 // One that each rule is about.
 Packets packetsWithin(const Rules &rules);
 
+Packets firstOf(const Packets &packets, std::size_t count); // or all, where there are fewer
+
 // For that host. Its transport checksum is wrong, so that behind the chains the host does as little about it as it can.
 Frame frameOf(const rulelists::Packet &packet, const HardwareAddress &to);
 

@@ -55,19 +55,15 @@ struct Prices {
 Prices measure(const Settings &settings, const rulelists::Form &form, std::size_t count) {
     const Rules rules = rulelists::make(form, count, 1);
     const Packets packets = packetsBeside(rules, settings.packets);
-    const Packets few(packets.begin(),
-                      packets.begin() + static_cast<std::ptrdiff_t>(std::min(packets.size(), settings.packetsOfLists)));
+    const Packets few = firstOf(packets, settings.packetsOfLists);
     Lane none(
         "none", [&](const Host &host) { fillByIptables(host, {}); }, packets);
     Lane list(
         "list", [&](const Host &host) { fillByIptables(host, rules); }, few);
     Lane ours(
         "ours", [&](const Host &host) { fillOurs(host, rules, settings); }, packets);
-    for (unsigned round = 0; round < settings.rounds; ++round) {
-        none.measure();
-        ours.measure();
-        list.measure();
-    }
+    measureInTurns({&none, &ours, &list}, settings.rounds);
+    ours.measureDearestAgain(settings.rounds);
     for (const Lane *lane : {&none, &list, &ours})
         lane->allMustHavePassed();
     const double base = none.median();
@@ -125,9 +121,12 @@ void pricesOfForms(const Settings &settings, Report &report) {
 void pricesOfAddresses(const Settings &settings, Report &report) {
     constexpr double kMostOfSmallMachine = 1.6;
     head(report);
-    for (const char *form : {"random addresses", "addresses in sequence", "nested networks, both directions"}) {
+    for (const char *name : {"random addresses", "addresses in sequence", "nested networks, both directions"}) {
+        const rulelists::Form &form = rulelists::form(name);
+        if (!isWanted(settings, form))
+            continue;
         for (const std::size_t count : {1'000, 10'000})
-            judge(settings, report, measure(settings, rulelists::form(form), count), kMostOfSmallMachine);
+            judge(settings, report, measure(settings, form, count), kMostOfSmallMachine);
     }
 }
 
