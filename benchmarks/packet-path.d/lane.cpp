@@ -32,8 +32,9 @@ void Lane::measure() {
 
 void Lane::measureDearestAgain(unsigned turns) {
     for (int i = 0; i < 3; ++i) {
-        for (const std::size_t frame : dearest(std::min<std::size_t>(frames_.size(), 10))) {
-            for (unsigned turn = 0; turn < turns; ++turn)
+        const std::vector<std::size_t> frames = dearest(std::min<std::size_t>(frames_.size(), 10));
+        for (unsigned turn = 0; turn < turns; ++turn) {
+            for (const std::size_t frame : frames)
                 measureAlone(frame);
         }
     }

@@ -133,8 +133,11 @@ void pricesOfAddresses(const Settings &settings, Report &report) {
 // Bars that a busy machine keeps, too.
 void gains(const Settings &settings, Report &report) {
     head(report);
-    for (const char *form : {"random addresses", "ports without address", "all four fields"}) {
-        const Prices prices = measure(settings, rulelists::form(form), settings.rules);
+    for (const char *name : {"random addresses", "ports without address", "all four fields"}) {
+        const rulelists::Form &form = rulelists::form(name);
+        if (!isWanted(settings, form))
+            continue;
+        const Prices prices = measure(settings, form, settings.rules);
         tell(settings, report, prices, "≤ 4 ×, a third of the list",
              report.verdict(prices.median <= 4 && prices.median * 3 <= prices.list));
     }

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "firewalls.h"
-#include "report.h"
+#include "price-report.h"
 #include "rlv/shape/shape.h"
 
 namespace packetpath {

@@ -1,4 +1,4 @@
-#include "report.h"
+#include "price-report.h"
 
 #include <array>
 #include <cstdio>

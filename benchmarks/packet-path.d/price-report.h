@@ -1,6 +1,6 @@
 // Tables of what was measured, and which bars it misses.
-#ifndef BENCHMARKS_PACKET_PATH_REPORT_H
-#define BENCHMARKS_PACKET_PATH_REPORT_H
+#ifndef BENCHMARKS_PACKET_PATH_PRICE_REPORT_H
+#define BENCHMARKS_PACKET_PATH_PRICE_REPORT_H
 
 #include <string>
 #include <vector>
