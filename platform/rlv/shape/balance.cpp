@@ -194,7 +194,9 @@ void Balance::applyAnew(NodeIndex node, const Arrangement &arrangement, const st
         tree_.place(rules[own], node);
     for (const Group &group : arrangement.groups) {
         const Region region = regionOf(*branchRule(group.field, group.interval));
-        const auto isSame = [&](const Former &chain) { return tree_.node(chain.index).region == region; };
+        const auto isSame = [&](const Former &chain) {
+            return tree_.node(chain.index).region == region && tree_.isNamedFor(chain.index);
+        };
         const auto found = std::find_if(former.children.begin(), former.children.end(), isSame);
         Former inside;
         if (found != former.children.end()) {

@@ -27,7 +27,8 @@ public:
     // Brings all chains that were touched within bounds.
     void settle();
 
-    // Arranges all rules anew; a chain that comes to have the same branches on its way stays.
+    // Arranges all rules anew; a chain that comes to have the same branches on its way stays, unless
+    // it is named for another target.
     void rebuild();
     // Puts all rules into the chain itself, in their order.
     void flatten();

@@ -1,6 +1,6 @@
 // How a logical chain lies in the kernel: a chain whose rules all have one and the same target as a decision tree of
-// plain rules. The chain itself holds branches ("-d 10.0.0.0/13 -j VPK-DENY.5") and the rules that no branch takes, the
-// sub-chains that they lead to hold the same, down to chains of a few rules. Each rule stands exactly once, so that
+// plain rules. The chain itself holds branches ("-d 10.0.0.0/13 -j VPK-DENY.k3/5") and the rules that no branch takes,
+// the sub-chains that they lead to hold the same, down to chains of a few rules. Each rule stands exactly once, so that
 // counters and deletions stay what they are. A packet that no rule of a sub-chain matches comes back and goes on: so
 // it meets exactly the rules that it can match, and since all of them say the same it does not matter in which order.
 //
@@ -46,8 +46,8 @@ struct Damage {
     };
     std::vector<At> unreached;        // rules of the logical chain that no packet, or not each of theirs, gets to
     std::vector<At> foreign;          // in sub-chains: rules of other kinds, or with another target
-    std::vector<At> strayBranches;    // second ways to a sub-chain, to another tree's, or that no packet can take
-    std::vector<std::string> orphans; // sub-chains that nothing leads to
+    std::vector<At> strayBranches;    // second ways to a sub-chain, to another target's, or that no packet can take
+    std::vector<std::string> orphans; // sub-chains that no branch leads to
 
     bool isNone() const { return unreached.empty() && foreign.empty() && strayBranches.empty() && orphans.empty(); }
 };

@@ -119,8 +119,7 @@ private:
     }
 
     void forgetWhatIsGone() {
-        for (const std::string &name : damage_.orphans)
-            tree_.names_.release(name);
+        forgetOrphans();
         for (NodeIndex index = 0; index < tree_.nodes_.size(); ++index)
             forgetDamage(index);
         for (const auto &[index, origin] : std::exchange(tree_.changedEntries_, {})) {
@@ -134,6 +133,14 @@ private:
             tree_.nodes_.change(index) = Node();
             tree_.free_.nodes.push_back(index);
         }
+    }
+
+    // One of them may have the number of a chain that stays, with other digits for the target.
+    void forgetOrphans() {
+        for (const std::string &name : damage_.orphans)
+            tree_.names_.release(name);
+        for (NodeIndex index = 0; !damage_.orphans.empty() && index < tree_.nodes_.size(); ++index)
+            tree_.names_.reserve(tree_.nodes_[index].name);
     }
 
     void forgetDamage(NodeIndex index) {

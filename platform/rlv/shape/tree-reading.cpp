@@ -4,6 +4,8 @@
 #include <deque>
 #include <optional>
 #include <set>
+#include <string>
+#include <string_view>
 #include <utility>
 
 namespace rlv::shape {
@@ -20,8 +22,7 @@ public:
         for (auto at = chains_.lower_bound(chain + "."); at != chains_.end() && at->first.rfind(chain + ".", 0) == 0;
              ++at)
             result_.tree.names().reserve(at->first);
-        target_ = targetOfTree();
-        hasBranches_ = leadsToSubChains(chain);
+        code_ = codeOfTree();
         seen_.insert(chain);
         open_.push_back({kRoot, Region()});
         for (; !open_.empty(); open_.pop_front())
@@ -38,44 +39,19 @@ private:
 
     bool isSubChain(const std::string &name) const { return treeOf(name) == result_.tree.chain(); }
 
-    static bool isBranch(const Rule &rule) {
-        return rule.target.kind == Target::Kind::jump && !treeOf(rule.target.text).empty();
+    bool isBranch(const Rule &rule) const {
+        return rule.target.kind == Target::Kind::jump && isSubChain(rule.target.text);
     }
 
-    // The one that most rules have, where there are sub-chains: what has another one there is somebody else's.
-    std::optional<Target> targetOfTree() const {
-        std::vector<std::pair<Target, std::size_t>> counts;
-        bool isTree = false;
-        for (const auto &[name, placed] : chains_) {
-            if (name != result_.tree.chain() && !isSubChain(name))
-                continue;
-            isTree = isTree || isSubChain(name);
-            for (const PlacedRule &rule : placed) {
-                if (rule.rule && !isBranch(*rule.rule))
-                    count(counts, rule.rule->target);
-            }
-        }
-        const auto isFewer = [](const auto &left, const auto &right) { return left.second < right.second; };
-        const auto most = std::max_element(counts.begin(), counts.end(), isFewer);
-        return isTree && most != counts.end() ? std::optional(most->first) : std::nullopt;
-    }
-
-    bool leadsToSubChains(const std::string &name) const {
-        const auto chain = chains_.find(name);
-        return chain != chains_.end() &&
-               std::any_of(chain->second.begin(), chain->second.end(), [this](const PlacedRule &placed) {
-                   return placed.rule && isBranch(*placed.rule) && isSubChain(placed.rule->target.text) &&
-                          chains_.count(placed.rule->target.text) > 0;
-               });
-    }
-
-    static void count(std::vector<std::pair<Target, std::size_t>> &counts, const Target &target) {
-        const auto known =
-            std::find_if(counts.begin(), counts.end(), [&](const auto &entry) { return entry.first == target; });
-        if (known == counts.end())
-            counts.emplace_back(target, 1);
-        else
-            ++known->second;
+    // That of the chain to which the first branch leads: it says what the rules have that are ours. None for a list.
+    std::string codeOfTree() const {
+        const auto chain = chains_.find(result_.tree.chain());
+        if (chain == chains_.end())
+            return {};
+        const auto first = std::find_if(chain->second.begin(), chain->second.end(), [this](const PlacedRule &placed) {
+            return placed.rule && isBranch(*placed.rule) && chains_.count(placed.rule->target.text) > 0;
+        });
+        return first == chain->second.end() ? "" : std::string(targetCodeOf(first->rule->target.text));
     }
 
     void readChain(const Open &at) {
@@ -95,7 +71,8 @@ private:
         const std::string &target = placed.rule->target.text;
         const Region region = intersection(at.region, regionOf(*placed.rule));
         // Where no packet goes, what is below cannot be told apart by what packets are.
-        if (!isSubChain(target) || chains_.count(target) == 0 || isEmpty(region) || !seen_.insert(target).second) {
+        if (targetCodeOf(target) != code_ || chains_.count(target) == 0 || isEmpty(region) ||
+            !seen_.insert(target).second) {
             result_.damage.strayBranches.push_back({chain, placed.id});
             result_.tree.holdOther(at.node, placed, false);
             return;
@@ -107,11 +84,11 @@ private:
     void readRule(const Open &at, const std::string &chain, const PlacedRule &placed) {
         if (at.node == kRoot) {
             // A list has the targets that it has, whatever stands beside it.
-            if (placed.rule && (!hasBranches_ || isOfTree(placed)))
+            if (placed.rule && (code_.empty() || hasCode(placed, code_)))
                 result_.tree.holdEntry(kRoot, placed.id, *placed.rule);
             else
                 result_.tree.holdOther(kRoot, placed, true);
-        } else if (!isOfTree(placed)) {
+        } else if (!hasCode(placed, code_)) {
             result_.damage.foreign.push_back({chain, placed.id});
             result_.tree.holdOther(at.node, placed, false);
         } else if (!at.region.covers(regionOf(*placed.rule))) {
@@ -122,7 +99,16 @@ private:
         }
     }
 
-    bool isOfTree(const PlacedRule &placed) const { return placed.rule && target_ && placed.rule->target == *target_; }
+    // One after another nearly always have the same target.
+    bool hasCode(const PlacedRule &placed, std::string_view code) {
+        if (!placed.rule)
+            return false;
+        if (!last_ || !(*last_ == placed.rule->target)) {
+            last_ = placed.rule->target;
+            lastCode_ = targetCodeOf(*last_);
+        }
+        return lastCode_ == code;
+    }
 
     void addUnreached(const std::string &chain, const PlacedRule &placed) {
         result_.damage.unreached.push_back({chain, placed.id});
@@ -135,7 +121,7 @@ private:
                 continue;
             result_.damage.orphans.push_back(name);
             for (const PlacedRule &rule : placed) {
-                if (isOfTree(rule))
+                if (hasCode(rule, targetCodeOf(name)) && !isBranch(*rule.rule))
                     addUnreached(name, rule);
             }
         }
@@ -143,8 +129,9 @@ private:
 
     const Chains &chains_;
     Reading result_;
-    std::optional<Target> target_;
-    bool hasBranches_ = false; // of the chain itself
+    std::string code_;
+    std::optional<Target> last_; // that was asked for, and what stands for it
+    std::string lastCode_;
     std::set<std::string> seen_;
     std::deque<Open> open_;
 };

@@ -14,6 +14,16 @@ bool Tree::isMixed() const {
     return std::count_if(uses_.begin(), uses_.end(), [](std::size_t uses) { return uses > 0; }) > 1;
 }
 
+const Target *Tree::target() const {
+    const auto used = std::find_if(uses_.begin(), uses_.end(), [](std::size_t uses) { return uses > 0; });
+    return used == uses_.end() ? nullptr : &targets_[static_cast<std::size_t>(used - uses_.begin())];
+}
+
+bool Tree::isNamedFor(NodeIndex index) const {
+    const Target *const inUse = target();
+    return inUse == nullptr || targetCodeOf(nodes_[index].name) == targetCodeOf(*inUse);
+}
+
 unsigned Tree::depthOf(NodeIndex index) const {
     unsigned depth = 0;
     for (; index != kRoot; index = nodes_[index].parent)
@@ -81,8 +91,9 @@ std::vector<Id> Tree::idsIn(NodeIndex index) const {
 
 // A tree stays one until half of the rules are gone that made it one, so that it does not come and go with one rule.
 bool Tree::mayBeTree() const {
+    const bool isOne = isTree() && isNamedFor(nodes_[kRoot].children.front());
     return limits_.treeFrom > 0 && chain().size() <= kMaxTreeNameLength && !isMixed() &&
-           size_ > (isTree() ? limits_.treeFrom / 2 : limits_.treeFrom);
+           size_ > (isOne ? limits_.treeFrom / 2 : limits_.treeFrom);
 }
 
 Region Tree::regionOf(NodeIndex index) const {
@@ -168,7 +179,7 @@ void Tree::place(EntryIndex index, NodeIndex node) {
 NodeIndex Tree::addNode(NodeIndex parent, Field field, const Interval &interval) {
     const NodeIndex index = newNode();
     changedNodes_[index].isNew = true;
-    nodes_.change(index).name = names_.take();
+    nodes_.change(index).name = names_.take(*target());
     setBranch(index, field, interval);
     moveNode(index, parent);
     return index;

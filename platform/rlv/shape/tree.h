@@ -67,6 +67,8 @@ public:
     std::size_t chainCount() const { return nodes_.size() - free_.nodes.size(); }
     bool isTree() const { return !nodes_[kRoot].children.empty(); }
     bool isMixed() const; // several targets are in use
+    // The sub-chain's name stands for the target that is in use.
+    bool isNamedFor(NodeIndex index) const;
     bool isAlive(NodeIndex index) const { return index == kRoot || nodes_[index].parent != kNowhere; }
     unsigned depthOf(NodeIndex index) const;
     unsigned heightOf(NodeIndex index) const;
@@ -141,6 +143,7 @@ private:
     EntryIndex newEntry(const Rule &rule);
     NodeIndex newNode();
     std::uint32_t targetOf(const Target &target);
+    const Target *target() const; // one that is in use
     void note(EntryIndex index);
     void noteNode(NodeIndex index);
 

@@ -107,7 +107,7 @@ private:
     std::uint32_t generation_;
 };
 
-// The names of the chain's sub-chains, also of those that nothing leads to.
+// The names of the chain's sub-chains, also of those that no branch leads to.
 std::vector<std::string> subChainsOf(const LaidChain &chain, const std::string &name);
 
 // As they are given, each rule added to the chain itself. Holds whatever else others have made of sub-chains. None

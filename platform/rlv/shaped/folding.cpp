@@ -61,25 +61,22 @@ public:
     }
 
 private:
-    // Chains that may be sub-chains.
-    using Named = std::map<std::string, StandingChain *>;
-
+    // What is named as a sub-chain is one, whatever leads to it; but where packets enter the table no jump can go.
     shape::Chains takePlaced() {
         shape::Chains placed;
         placed[name_] = takenFrom(ruleset_.chains.at(name_));
-        Named named;
         const std::string first = name_ + ".";
         for (auto at = ruleset_.chains.lower_bound(first);
              at != ruleset_.chains.end() && at->first.compare(0, first.size(), first) == 0; ++at) {
-            if (shape::treeOf(at->first) == name_ && !at->second.isBase)
-                named.emplace(at->first, &at->second);
-            else
+            if (shape::treeOf(at->first) != name_)
+                continue;
+            if (at->second.isBase) {
                 taken_.insert(at->first);
+                continue;
+            }
+            subChains_.insert(at->first);
+            placed.emplace(at->first, takenFrom(at->second));
         }
-        takeReached(named, placed);
-        takeDead(named, placed);
-        for (const auto &[other, rules] : named)
-            taken_.insert(other);
         return placed;
     }
 
@@ -87,61 +84,6 @@ private:
     static bool isNamedLikeOne(const PlacedRule &rule) {
         return rule.rule && rule.rule->target.kind == Target::Kind::jump &&
                !shape::treeOf(rule.rule->target.text).empty();
-    }
-
-    // What branches lead to.
-    void takeReached(Named &named, shape::Chains &placed) {
-        std::vector<std::string> open{name_};
-        while (!open.empty()) {
-            const std::vector<PlacedRule> &rules = placed.at(open.back());
-            open.pop_back();
-            for (const PlacedRule &rule : rules) {
-                const auto found = isNamedLikeOne(rule) ? named.find(rule.rule->target.text) : named.end();
-                if (found == named.end())
-                    continue;
-                open.push_back(found->first);
-                take(named, found, placed);
-            }
-        }
-    }
-
-    // And what nothing leads to, or nothing is in: a tree of which the branches were taken away. What others lead to is
-    // theirs, whatever it is called; a chain that commands have made before trees had such names, for one.
-    void takeDead(Named &named, shape::Chains &placed) {
-        if (named.empty())
-            return;
-        std::vector<std::string> open;
-        for (const auto &[other, chain] : ruleset_.chains) {
-            if (named.count(other) == 0)
-                addTargets(chain, named, open);
-            else if (chain.usesElsewhere > 0)
-                open.push_back(other);
-        }
-        std::set<std::string> theirs;
-        while (!open.empty()) {
-            const std::string at = open.back();
-            open.pop_back();
-            if (theirs.insert(at).second)
-                addTargets(ruleset_.chains.at(at), named, open);
-        }
-        for (auto at = named.begin(); at != named.end();) {
-            const auto dead = at++;
-            if (theirs.count(dead->first) == 0 || dead->second->rules.empty())
-                take(named, dead, placed);
-        }
-    }
-
-    void take(Named &named, Named::iterator one, shape::Chains &placed) {
-        subChains_.insert(one->first);
-        placed.emplace(one->first, takenFrom(*one->second));
-        named.erase(one);
-    }
-
-    static void addTargets(const StandingChain &chain, const Named &named, std::vector<std::string> &targets) {
-        for (const auto &[target, count] : chain.jumps) {
-            if (named.count(target) > 0)
-                targets.push_back(target);
-        }
     }
 
     void findPinned(LaidChain &laid) const {
@@ -228,10 +170,13 @@ private:
              {counted(damage.unreached.size(), "rules that not all of their packets get to"),
               counted(damage.foreign.size(), "foreign rules in sub-chains"),
               counted(damage.strayBranches.size(), "stray branches"),
-              counted(static_cast<std::size_t>(orphans), "sub-chains that nothing leads to")}) {
+              counted(static_cast<std::size_t>(orphans), "sub-chains that no branch leads to")}) {
             if (!part.empty())
                 text += (text.empty() ? "changed: " : ", ") + part;
         }
+        // By itself that is nothing that could be put right.
+        if (!text.empty() && !laid.pinned.empty())
+            text += ", " + counted(laid.pinned.size(), "sub-chains that others refer to");
         return text;
     }
 
@@ -251,7 +196,7 @@ private:
     const shape::Limits &limits_;
     const LaidChain *known_;
     std::set<std::string> subChains_;
-    std::set<std::string> taken_; // names like theirs, of chains that are none
+    std::set<std::string> taken_; // names like theirs, of chains by which packets enter the table
     std::set<std::string> reached_;
     std::set<Id> unreached_;
     std::set<Id> strange_;
@@ -260,8 +205,7 @@ private:
 } // namespace
 
 bool isNameOfTree(const std::string &name, const std::string &chainPrefix) {
-    return isOwnChain(name, chainPrefix) && name.find('.') == std::string::npos &&
-           name.size() <= shape::kMaxTreeNameLength;
+    return isOwnChain(name, chainPrefix) && name.size() <= shape::kMaxTreeNameLength;
 }
 
 Folding fold(Ruleset ruleset, const std::string &chainPrefix, const shape::Limits &limits, const LaidChains &known) {
@@ -280,9 +224,12 @@ Folding fold(Ruleset ruleset, const std::string &chainPrefix, const shape::Limit
         if (limits.treeFrom > 0 || trees.count(name) > 0 || one != nullptr)
             folding.laid.emplace(name, Folder(name, ruleset, limits, one).fold());
     }
-    for (const auto &[name, chain] : ruleset.chains) {
-        if (!shape::treeOf(name).empty())
-            folding.stray.insert(name);
+    for (auto &[name, chain] : ruleset.chains) {
+        const std::string tree(shape::treeOf(name));
+        if (tree.empty())
+            continue;
+        folding.stray.insert(name);
+        chain.isLeftBehind = !chain.isBase && isNameOfTree(tree, chainPrefix);
     }
     folding.ruleset = std::move(ruleset);
     return folding;

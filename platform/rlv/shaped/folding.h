@@ -17,13 +17,12 @@ bool isNameOfTree(const std::string &name, const std::string &chainPrefix);
 struct Folding {
     Ruleset ruleset;             // without sub-chains
     LaidChains laid;             // of the chains that are trees, or may become some
-    std::set<std::string> stray; // named like sub-chains, and none: they stand for themselves
+    std::set<std::string> stray; // sub-chains of chains that are not there, and base chains named like one
 };
 
-// Sub-chains go into the chain that they belong to: their rules, other than branches, are rules of that chain. To it
-// belongs what its branches lead to, and what nothing leads to. Rules
-// that are not reached are none. What is `known` is laid also where it is no tree any more, and cannot become one: its
-// rules have ids that takeOver() has to bring to the reading.
+// Sub-chains go into the chain that they are named for, whatever leads to them: their rules, other than branches, are
+// rules of that chain. Rules that no branch of it leads to are none. What is `known` is laid also where it is no tree
+// any more, and cannot become one: its rules have ids that takeOver() has to bring to the reading.
 Folding fold(Ruleset ruleset, const std::string &chainPrefix, const shape::Limits &limits, const LaidChains &known);
 
 // `fresh` is a reading of the same that is known, since nobody else has changed anything: it comes to have the known

@@ -38,7 +38,7 @@ struct LaidChain {
     std::vector<shape::Id> order;        // of the rules that whoever reads knows
     std::set<shape::Id> strangers;       // of them, what others have put into sub-chains
     std::set<std::string> pinned;        // sub-chains that something of others refers to: they stay, empty
-    std::set<std::string> taken;         // names like those of sub-chains, of chains that are none
+    std::set<std::string> taken;         // names like those of sub-chains, of chains that do not belong to it
     std::optional<shape::Chains> asRead; // where it is damaged: all that there is
     std::unordered_map<shape::Id, std::uint64_t> handles; // where they are not the ids; 0: not known
     // Of a list that could be a tree by its size: it was tried with so many rules, which cannot be told apart, and so

@@ -178,7 +178,7 @@ private:
     void takeChain(const nlmsghdr *message, Ruleset &ruleset);
     void takeRule(const nlmsghdr *message, Ruleset &ruleset) const;
     bool holdsOurRules(const std::string &name) const {
-        return isOwnChain(name, chainPrefix_) || baseChain(name) != nullptr;
+        return isOwnOrBelow(name, chainPrefix_) || baseChain(name) != nullptr;
     }
 
     std::string chainPrefix_;

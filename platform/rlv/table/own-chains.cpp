@@ -29,7 +29,7 @@ OwnChains ownChainsIn(const Ruleset &ruleset, const std::string &chainPrefix) {
         }
     }
     for (const auto &[name, chain] : ruleset.chains) {
-        if (isOwnChain(name, chainPrefix))
+        if (isOwnChain(name, chainPrefix) || chain.isLeftBehind)
             own.chains.push_back({name, chain.rules.size(), chain.rules.size()});
     }
     return own;

@@ -37,6 +37,7 @@ private:
 };
 
 constexpr Characters kOfChains("-_.");
+constexpr Characters kOfChainsBelow("-_./");
 constexpr Characters kOfLabels("-_");
 constexpr Characters kOfProtocols("-_.+/");
 constexpr Characters kOfLogPrefixes("-_.,:;/+=#@");
@@ -79,6 +80,11 @@ bool isReservedChain(std::string_view word) {
 bool isOwnChain(std::string_view word, std::string_view chainPrefix) {
     return isChainName(word) && !isReservedChain(word) && !chainPrefix.empty() &&
            word.substr(0, chainPrefix.size()) == chainPrefix;
+}
+
+bool isOwnOrBelow(std::string_view word, std::string_view chainPrefix) {
+    return isOwnChain(word.substr(0, word.find('/')), chainPrefix) && word.size() <= kMaxChainLength &&
+           kOfChainsBelow.makeUp(word);
 }
 
 bool isHostName(std::string_view word) {

@@ -29,6 +29,9 @@ bool isReservedChain(std::string_view word);
 // True for a chain that the service may make, fill and remove.
 bool isOwnChain(std::string_view word, std::string_view chainPrefix);
 
+// True also for the chains that lie below such a one, and that no command can name: there is a slash in their names.
+bool isOwnOrBelow(std::string_view word, std::string_view chainPrefix);
+
 // True for the syntax of a host name that no resolver can take for an address: its last label is neither all digits nor
 // begins with 0x.
 bool isHostName(std::string_view word);

@@ -93,7 +93,8 @@ public:
 };
 
 // Over netlink, in the network namespace of the caller, for good. Rules are read of chains that begin with
-// `chainPrefix`, of INPUT and of OUTPUT. Throws std::system_error when there is no netlink socket to be had.
+// `chainPrefix`, those below others included, of INPUT and of OUTPUT. Throws std::system_error when there is no netlink
+// socket to be had.
 std::unique_ptr<RulesetBackend> openKernelBackend(const std::string &chainPrefix);
 
 // In memory, empty at first. It refuses what the kernel would refuse; only packets do not know of it.

@@ -48,6 +48,8 @@ struct StandingChain {
     // Chains that lie below this one in the kernel, and stay, emptied, when it is deleted: something of others refers
     // to them.
     std::set<std::string> leavesBehind;
+    // It was left behind that way by a chain of ours, and is still ours to be removed, though no command can name it.
+    bool isLeftBehind = false;
     // False where rules have no handles, because they were sent from here and not read since.
     bool handlesKnown = true;
     std::map<std::string, std::size_t> jumps;  // how many rules jump or go to each chain, those of others included

@@ -349,9 +349,10 @@ TEST(Shape, LetsNoMoreRulesStayThanItIsAllowedTo) {
 
 TEST(Shape, GivesItsSubChainsNoReservedName) {
     Chain chain;
-    chain.shape.reserve("VPK-DENY.1");
+    chain.shape.reserve("VPK-DENY.zz/1");
     chain.add(someRules(100));
-    EXPECT_EQ(chain.kernel.chains().count("VPK-DENY.1"), 0U);
+    for (const std::string &name : chain.shape.subChains())
+        EXPECT_NE(name.substr(name.find('/')), "/1");
     EXPECT_EQ(chain.shape.subChains().size(), chain.kernel.chains().size() - 1);
 }
 
@@ -382,12 +383,24 @@ TEST(Shape, RefusesIdsThatCannotBe) {
 
 TEST(Shape, TakesNoNameThatIsInUse) {
     Chain chain;
-    chain.kernel.chains()["VPK-DENY.2"];
+    chain.kernel.chains()["VPK-DENY.zz/2"];
     chain.kernel.chains()["VPK-DENY.x-y"].push_back({77, std::nullopt});
     chain.readAgain();
-    EXPECT_EQ(chain.shape.damage().orphans, std::vector<std::string>{"VPK-DENY.2"});
+    EXPECT_EQ(chain.shape.damage().orphans, std::vector<std::string>{"VPK-DENY.zz/2"});
     EXPECT_NO_THROW(chain.add(someRules(1'000)));
     EXPECT_EQ(chain.kernel.chains().count("VPK-DENY.x-y"), 1U);
+}
+
+TEST(Shape, GivesNoNumberAgainThatAnOrphanHadBesideASubChain) {
+    Chain chain;
+    chain.add(someRules(100));
+    for (const std::string &name : chain.shape.subChains())
+        chain.kernel.chains()["VPK-DENY.zz" + name.substr(name.find('/'))];
+    chain.readAgain();
+    EXPECT_FALSE(chain.shape.damage().orphans.empty());
+    EXPECT_NO_THROW(chain.add(someRules(90, "nested networks")));
+    EXPECT_NO_THROW(chain.add(someRules(1'000, "addresses in sequence")));
+    EXPECT_EQ(textsOf(chain.shape.chains()), textsOf(chain.kernel.chains()));
 }
 
 // ---- foreign hands --------------------------------------------------------------------------------------------------
@@ -484,11 +497,56 @@ TEST_F(DamagedShape, PutsSecondBranchesOut) {
                      [](const auto &rule) { return !rlv::shape::treeOf(rule.rule->target.text).empty(); });
     chain_.kernel.chains()[kChain].push_back({9'000, *branch->rule});
     Rule stray; // that no command can give
-    stray.target = {rlv::Target::Kind::jump, "VPK-ALLOW.1"};
+    stray.target = {rlv::Target::Kind::jump, "VPK-DENY.zz/9"};
     chain_.kernel.chains()[kChain].push_back({9'001, stray});
     chain_.readAgain();
     EXPECT_EQ(chain_.shape.damage().strayBranches.size(), 2U);
     expectMended({});
+}
+
+TEST_F(DamagedShape, LeavesJumpsToOtherTreesToWhoeverMadeThem) {
+    for (const char *const other : {"f2b.ssh", "VPK-ALLOW.zz/1"}) {
+        Rule jump;
+        jump.target = {rlv::Target::Kind::jump, other};
+        chain_.kernel.chains()[kChain].push_back({9'000, jump});
+        chain_.readAgain();
+        EXPECT_TRUE(chain_.shape.damage().isNone()) << other;
+        EXPECT_EQ(chain_.shape.others(), std::vector<Id>{9'000}) << other;
+        chain_.update({9'000}, {});
+        EXPECT_EQ(textsOf(chain_.shape.chains()), textsOf(chain_.kernel.chains())) << other;
+    }
+}
+
+TEST_F(DamagedShape, TellsItsRulesByTheNamesOfItsSubChainsHoweverManyOthersThereAre) {
+    auto &root = chain_.kernel.chains()[kChain];
+    for (Id id = 0; id < 2 * rules_.size(); ++id)
+        root.push_back({9'000 + id, ruleFrom("-s 10.9.8.7 -j ACCEPT")});
+    chain_.readAgain();
+    EXPECT_TRUE(chain_.shape.damage().isNone());
+    EXPECT_EQ(textsOf(chain_.shape), textsOf(rules_));
+    EXPECT_EQ(chain_.shape.others().size(), 2 * rules_.size());
+}
+
+TEST_F(DamagedShape, GetsOtherSubChainsWithAnotherTarget) {
+    const auto before = chain_.shape.subChains();
+    std::vector<Id> gone;
+    for (const auto &rule : chain_.shape.rules())
+        gone.push_back(rule.id);
+    for (const std::size_t size : {std::size_t{500}, std::size_t{40}}) {
+        std::vector<Rule> added(rules_.begin(), rules_.begin() + static_cast<std::ptrdiff_t>(size));
+        for (Rule &rule : added)
+            rule.target = {size == 500 ? rlv::Target::Kind::accept : rlv::Target::Kind::drop, ""};
+        chain_.update(gone, added);
+        EXPECT_EQ(chain_.shape.isTree(), size == 500);
+        for (const std::string &name : chain_.shape.subChains())
+            EXPECT_EQ(std::count(before.begin(), before.end(), name), 0) << name;
+        chain_.readAgain();
+        EXPECT_TRUE(chain_.shape.damage().isNone()) << size;
+        EXPECT_EQ(textsOf(chain_.shape), textsOf(added)) << size;
+        gone.clear();
+        for (const auto &rule : chain_.shape.rules())
+            gone.push_back(rule.id);
+    }
 }
 
 TEST(Shape, PutsBranchesOutThatNoPacketCanTake) {
@@ -501,17 +559,18 @@ TEST(Shape, PutsBranchesOutThatNoPacketCanTake) {
     chain.add(rules);
     Rule branch; // below one about another network
     branch.source = rlv::Network{0x0a010000, 16};
-    branch.target = {rlv::Target::Kind::jump, "VPK-DENY.zz"};
-    chain.kernel.chains()["VPK-DENY.zz"];
+    const std::string below = "VPK-DENY." + std::string(rlv::shape::targetCodeOf(chain.leaf())) + "/zz";
+    branch.target = {rlv::Target::Kind::jump, below};
+    chain.kernel.chains()[below];
     chain.kernel.chains()[chain.leaf()].push_back({9'000, branch});
     chain.readAgain();
     EXPECT_EQ(chain.shape.damage().strayBranches.size(), 1U);
-    EXPECT_EQ(chain.shape.damage().orphans, std::vector<std::string>{"VPK-DENY.zz"});
+    EXPECT_EQ(chain.shape.damage().orphans, std::vector<std::string>{below});
     for (Rule &rule : rules) {
         rule.source->address += 1;
         chain.add({rule});
     }
-    EXPECT_EQ(chain.kernel.chains().count("VPK-DENY.zz"), 0U);
+    EXPECT_EQ(chain.kernel.chains().count(below), 0U);
     EXPECT_EQ(chain.shape.size(), 400U);
 }
 

@@ -178,7 +178,7 @@ TEST_F(AKernelWithTrees, PutsBackWhatOthersDoToSubChains) {
           "for c in $(iptables -S | sed -n 's/-N \\(VPK-DENY[.].*\\)/\\1/p' | head -5); do iptables -F $c; done",
           "for c in $(iptables -S | sed -n 's/-N \\(VPK-DENY[.].*\\)/\\1/p' | tail -3); do iptables -I $c -j ACCEPT; "
           "done",
-          "iptables -N VPK-DENY.zz; iptables -A VPK-DENY.zz -j ACCEPT", "iptables -F; iptables -X"}) {
+          "iptables -N VPK-DENY.zz/z; iptables -A VPK-DENY.zz/z -j ACCEPT", "iptables -F; iptables -X"}) {
         host.must(edit);
         const auto report = table->mend();
         EXPECT_EQ(report.problem, "") << edit;

@@ -193,7 +193,7 @@ private:
             change.handle = pick(rules).handle;
             break;
         case 4:
-            kernel_.make(pick(Texts{"OTHER", "VPK-D.1", "VPK-D.zz", "VPK-D.7"}));
+            kernel_.make(pick(Texts{"OTHER", "VPK-D.1", "VPK-D.zz/zz", "VPK-D.zz/7"}));
             break;
         default:
             break;

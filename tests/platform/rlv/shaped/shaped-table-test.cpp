@@ -257,9 +257,9 @@ TEST_F(ATableOfTrees, LeavesAListWhereItStandsBesideASubChainOfOthers) {
     make(rules);
     table->remember();
     const auto before = handles();
-    ASSERT_TRUE(kernel.make("VPK-D.1"));
+    ASSERT_TRUE(kernel.make("VPK-D.zz/1"));
     EXPECT_EQ(table->mend().problem, "");
-    EXPECT_EQ(kernel.truth().chains.count("VPK-D.1"), 0U);
+    EXPECT_EQ(kernel.truth().chains.count("VPK-D.zz/1"), 0U);
     EXPECT_EQ(handles(), before);
 }
 
@@ -436,6 +436,19 @@ protected:
         ASSERT_TRUE(kernel.edit({Kind::deleteRule, &kChain, nullptr, branch->handle}));
     }
 
+    // And take our way there away.
+    std::string leadOthersToASubChain() {
+        const rlv::Ruleset truth = kernel.truth();
+        const auto &standing = truth.chains.at(kChain).rules;
+        std::string sub = std::find_if(standing.begin(), standing.end(), isBranch)->rule->target.text;
+        Rule jump;
+        jump.target = {rlv::Target::Kind::jump, sub};
+        kernel.make("FORWARD");
+        EXPECT_TRUE(kernel.append("FORWARD", jump));
+        deleteABranch();
+        return sub;
+    }
+
     const Texts rules = someRules(200);
 };
 
@@ -487,10 +500,10 @@ TEST_F(AMendingTableOfTrees, KeepsItsOwnRulesWhereOthersHaveAddedMore) {
 }
 
 TEST_F(AMendingTableOfTrees, PutsOrphansOut) {
-    ASSERT_TRUE(kernel.make("VPK-D.zz"));
-    ASSERT_TRUE(kernel.append("VPK-D.zz", parsed("-A VPK-D -j ACCEPT").rule));
-    expectMended("VPK-D: changed: sub-chains that nothing leads to (1)");
-    EXPECT_EQ(kernel.truth().chains.count("VPK-D.zz"), 0U);
+    ASSERT_TRUE(kernel.make("VPK-D.zz/zz"));
+    ASSERT_TRUE(kernel.append("VPK-D.zz/zz", parsed("-A VPK-D -j ACCEPT").rule));
+    expectMended("VPK-D: changed: sub-chains that no branch leads to (1)");
+    EXPECT_EQ(kernel.truth().chains.count("VPK-D.zz/zz"), 0U);
 }
 
 TEST_F(AMendingTableOfTrees, PutsADeletedBranchBack) {
@@ -534,6 +547,33 @@ TEST_F(AMendingTableOfTrees, LeavesASubChainThatOthersReferToEmptied) {
     expectRules(rules);
 }
 
+TEST_F(AMendingTableOfTrees, WithdrawsRulesAlsoWhereOthersAloneStillLeadToThem) {
+    const std::string sub = leadOthersToASubChain();
+    expectMended("sub-chains that no branch leads to (1), sub-chains that others refer to (1)");
+    EXPECT_THAT(kernel.truth().chains.at(sub).rules, IsEmpty()) << "its rules stand elsewhere now";
+    expectDone({"-F VPK-D"});
+    EXPECT_THAT(rulesIn(kernel, kChain), IsEmpty());
+}
+
+TEST_F(AMendingTableOfTrees, GoesOnPuttingBackWhenOthersNoLongerLeadToASubChain) {
+    const std::string sub = leadOthersToASubChain();
+    expectMended("VPK-D: missing: ");
+    ASSERT_TRUE(flush("FORWARD"));
+    EXPECT_EQ(table->mend().problem, "");
+    EXPECT_EQ(kernel.truth().chains.count(sub), 0U);
+    ASSERT_TRUE(flush(kChain));
+    expectMended("VPK-D: missing: ");
+}
+
+TEST_F(AMendingTableOfTrees, RemovesWhatOthersHeldWhenTheyNoLongerDo) {
+    const std::string sub = leadOthersToASubChain();
+    EXPECT_THAT(table->removeAll().message, HasSubstr("rules of others jump to it: " + sub));
+    ASSERT_TRUE(flush("FORWARD"));
+    table = openTable(kernel, 0);
+    EXPECT_EQ(table->removeAll().message, "");
+    EXPECT_THAT(subChainsIn(kernel, kChain), IsEmpty());
+}
+
 TEST_F(AMendingTableOfTrees, NamesWhatStaysBehindWhenAllIsRemoved) {
     const std::string leaf_ = leaf();
     Rule jump;
@@ -560,18 +600,15 @@ TEST_F(AMendingTableOfTrees, GivesNoNameTwiceWhenItsChainGoesAndComes) {
     EXPECT_THAT(subChainsIn(kernel, kChain), SizeIs(testing::Gt(3U)));
 }
 
-// From commands of a time when chains could have such names.
-class AChainNamedLikeASubChain : public ATableOfTrees {
+// As names of sub-chains have one, too.
+class AnOwnChainWithADot : public ATableOfTrees {
 protected:
     void add(std::size_t treeFrom) {
+        kernel = scripted::Backend();
         table = openTable(kernel, treeFrom);
-        make(rules);
-        kernel.make("VPK-D.1");
-        for (const char *const rule : {"-s 10.1.0.0/16 -j ACCEPT", "-s 10.0.0.1/32 -j DROP"})
-            ASSERT_TRUE(kernel.append("VPK-D.1", parsed("-A VPK-D " + std::string(rule)).rule));
-        Rule jump;
-        jump.target = {rlv::Target::Kind::jump, "VPK-D.1"};
-        ASSERT_TRUE(kernel.append("INPUT", jump));
+        expectDone({"-N VPK-D", "-N VPK-D.1", "-A VPK-D.1 -s 10.1.0.0/16 -j ACCEPT",
+                    "-A VPK-D.1 -s 10.0.0.1/32 -j DROP", "-A INPUT -j VPK-D", "-A INPUT -j VPK-D.1"});
+        expectDone(appends(rules));
         table = openTable(kernel, treeFrom);
         table->remember();
     }
@@ -586,9 +623,8 @@ protected:
     Texts rules = someRules(kTreeFrom);
 };
 
-TEST_F(AChainNamedLikeASubChain, StaysBesideAList) {
+TEST_F(AnOwnChainWithADot, StaysBesideAList) {
     for (const std::size_t treeFrom : {std::size_t{0}, kTreeFrom}) {
-        kernel = scripted::Backend();
         add(treeFrom);
         expectItStands();
         expectDone({"-D VPK-D " + rules.front()});
@@ -596,7 +632,7 @@ TEST_F(AChainNamedLikeASubChain, StaysBesideAList) {
     }
 }
 
-TEST_F(AChainNamedLikeASubChain, StaysBesideATree) {
+TEST_F(AnOwnChainWithADot, StaysBesideATree) {
     add(kTreeFrom);
     const Texts more = someRules(200, "nested networks");
     expectDone(appends(more));
@@ -604,6 +640,42 @@ TEST_F(AChainNamedLikeASubChain, StaysBesideATree) {
     expectItStands();
     rebuild(rules);
     expectItStands();
+}
+
+TEST_F(AnOwnChainWithADot, IsHookedInAgainWhenOthersTakeItsLastJumpAway) {
+    for (const std::size_t treeFrom : {std::size_t{0}, kTreeFrom}) {
+        add(treeFrom);
+        expectDone({"-D VPK-D " + rules.front()});
+        ASSERT_TRUE(flush("INPUT"));
+        EXPECT_EQ(table->mend().problem, "");
+        EXPECT_THAT(kernel.truth().chains.at("INPUT").rules, SizeIs(2));
+        expectItStands();
+    }
+}
+
+TEST_F(AnOwnChainWithADot, KeepsWhatItsTreeDoesNotLetThrough) {
+    for (const std::size_t treeFrom : {std::size_t{0}, kTreeFrom}) {
+        add(treeFrom);
+        Rule jump;
+        jump.destination = rlv::Network{0x7f000000, 8};
+        jump.target = {rlv::Target::Kind::jump, "VPK-D.1"};
+        ASSERT_TRUE(kernel.append(kChain, jump));
+        table = openTable(kernel, treeFrom);
+        expectDone({"-A VPK-D -d 127.6.6.6/32 -j DROP"});
+        EXPECT_THAT(kernel.truth().chains.at("VPK-D.1").rules, SizeIs(2));
+    }
+}
+
+TEST_F(AnOwnChainWithADot, MayBeATreeItself) {
+    add(kTreeFrom);
+    Texts commands;
+    for (const std::string &rule : someRules(100))
+        commands.push_back("-A VPK-D.2 " + rule);
+    expectDone({"-N VPK-D.2"});
+    expectDone(commands);
+    EXPECT_THAT(subChainsIn(kernel, "VPK-D.2"), SizeIs(testing::Gt(3U)));
+    EXPECT_THAT(subChainsIn(kernel, kChain), IsEmpty());
+    EXPECT_EQ(rulesSeen(kernel, "VPK-D.2", kTreeFrom), sorted(someRules(100)));
 }
 
 TEST_F(AMendingTableOfTrees, ChangesNothingOfOthersWhereItOnlyTells) {
@@ -690,6 +762,40 @@ TEST_F(ATableThatOnlyTells, PutsAMixtureInItsOrderOnTheSidesOfOthersRules) {
         met.push_back(rlv::describe(rule));
     const auto accepting = std::find(met.begin(), met.end(), "-s 10.0.0.77/32 -j ACCEPT");
     EXPECT_NE(std::find(accepting, met.end(), moved), met.end()) << "the one that came after it";
+}
+
+TEST_F(ATableThatOnlyTells, GrowsBesideAJumpToAChainOfAnotherTree) {
+    for (const char *const other : {"f2b.ssh", "VPK-E.zz/1", "f2b.zz/1"}) {
+        kernel = scripted::Backend();
+        open(kTreeFrom);
+        make({rules.begin(), rules.begin() + 10});
+        Rule jump;
+        jump.target = {rlv::Target::Kind::jump, other};
+        kernel.make(other);
+        ASSERT_TRUE(kernel.append(kChain, jump));
+        open(kTreeFrom);
+        const Texts more(rules.begin() + 10, rules.end());
+        expectDone(appends(more));
+        EXPECT_THAT(rulesIn(kernel, kChain), SizeIs(testing::Ge(rules.size()))) << other;
+        EXPECT_EQ(kernel.truth().chains.at(kChain).jumps.count(other), 1U) << other;
+        rebuild(rules);
+        EXPECT_THAT(rulesSeen(kernel, kChain, kTreeFrom), SizeIs(rules.size())) << other;
+    }
+}
+
+// Many more of them than the tree has.
+TEST_F(ATableThatOnlyTells, TakesRulesWithAnotherTargetForWhatTheyAre) {
+    make(rules);
+    addForeignRule("-A VPK-D -s 10.0.0.9 -j LOG -v --log-prefix=foreign");
+    Texts commands;
+    for (std::size_t i = 0; i < 300; ++i)
+        commands.push_back("-A VPK-D -d 10.9." + std::to_string(i / 250) + "." + std::to_string(i % 250) +
+                           "/32 -j ACCEPT");
+    expectDone(commands);
+    expectDone({"-D VPK-D " + rules[5]});
+    EXPECT_THAT(rulesIn(kernel, kChain), SizeIs(rules.size() + 300));
+    rebuild(rules);
+    EXPECT_THAT(rulesSeen(kernel, kChain, kTreeFrom), testing::IsSupersetOf(rules));
 }
 
 TEST_F(ATableThatOnlyTells, MakesATreeBehindARuleOfOthers) {

@@ -1,6 +1,8 @@
 // The service's own chains are taken away.
 #include "rlv/table/own-chains.h"
 
+#include <algorithm>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -43,6 +45,18 @@ TEST_F(OwnChains, StayEmptiedWhereRulesOfOthersJumpToThem) {
     pending.load(backend->truth());
     EXPECT_THAT(rlv::removeOwnChains(pending, "VPK-"), ElementsAre("VPK-B"));
     EXPECT_THAT(lost(), testing::Contains("-F VPK-B"));
+}
+
+TEST_F(OwnChains, AreThoseThatCommandsCanNameAndWhatTheyHaveLeftBehind) {
+    ASSERT_TRUE(backend->make("VPK-A/b"));
+    rlv::Ruleset ruleset = backend->truth();
+    for (const bool isLeftBehind : {false, true}) {
+        ruleset.chains.at("VPK-A/b").isLeftBehind = isLeftBehind;
+        pending.load(ruleset);
+        EXPECT_THAT(rlv::removeOwnChains(pending, "VPK-"), IsEmpty());
+        const Texts removed = lost();
+        EXPECT_EQ(std::count(removed.begin(), removed.end(), "-X VPK-A/b"), isLeftBehind ? 1 : 0);
+    }
 }
 
 TEST_F(OwnChains, AreThoseOfOurPrefixAlone) {

@@ -18,6 +18,14 @@ TEST(AChainName, HasLettersDigitsAndAFewOthers) {
     EXPECT_FALSE(rlv::isChainName(string(29, 'a')));
 }
 
+TEST(AChainName, IsOfAChainBelowOneOfOursWithASlash) {
+    for (const char *word : {"VPK-A", "VPK-A.k3/1", "VPK-A.b.k3/1"})
+        EXPECT_TRUE(rlv::isOwnOrBelow(word, "VPK-")) << word;
+    for (const char *word : {"VPK", "XVPK-A.k3/1", "VPK-A.k3/ 1", "INPUT/1", "/", "VPK-A.k3/345678901234567890"})
+        EXPECT_FALSE(rlv::isOwnOrBelow(word, "VPK-")) << word;
+    EXPECT_FALSE(rlv::isOwnChain("VPK-A.k3/1", "VPK-")) << "no command can name it";
+}
+
 TEST(AChainName, IsOursWithOurPrefixUnlessIptablesMeansSomethingByIt) {
     EXPECT_TRUE(rlv::isOwnChain("VPK-A", "VPK-"));
     EXPECT_TRUE(rlv::isOwnChain("VPK-", "VPK-"));
