@@ -104,20 +104,12 @@ const ActionWord &parseAction(std::string_view word) {
 
 std::string ownChains(const std::string &prefix) {
     return "a chain that begins with \"" + prefix + "\", at most " + std::to_string(kMaxChainLength) +
-           " letters, digits, - and _";
-}
-
-// Names with a dot are those of sub-chains, which come and go with the rules of the chain that they belong to.
-void refuseSubChain(std::string_view word, const std::string &prefix) {
-    if (isOwnChain(word, prefix) && word.find('.', prefix.size()) != std::string_view::npos)
-        refuse("bad chain", word,
-               "a name without a dot: those with one are the service's own, for parts of long chains");
+           " letters, digits and -_.";
 }
 
 std::string parseChain(std::string_view word, bool hasRule, const std::string &prefix) {
     if (!isOwnChain(word, prefix) && !(hasRule && isBuiltInChain(word)))
         refuse("bad chain", word, ownChains(prefix) + (hasRule ? ", or INPUT or OUTPUT" : ""));
-    refuseSubChain(word, prefix);
     return std::string(word);
 }
 
@@ -179,7 +171,6 @@ Target parseTarget(Words &words, const std::string &prefix) {
         return parseLogTarget(words);
     if (!isOwnChain(word, prefix))
         refuse("unknown target", word, expected());
-    refuseSubChain(word, prefix);
     return {Target::Kind::jump, std::string(word)};
 }
 

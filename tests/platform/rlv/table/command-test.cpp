@@ -280,12 +280,6 @@ TEST(ACommand, TakesChainNamesOf28CharactersAndNoMore) {
     EXPECT_EQ(2, refused("-N VPK-1234567890123456789012345").code);
 }
 
-TEST(ACommand, NamesNoSubChain) {
-    for (const char *const command : {"-F VPK-DENY.1", "-N VPK-DENY.1", "-X VPK-DENY.1", "-A VPK-DENY.1 -j DROP",
-                                      "-A INPUT -j VPK-DENY.1", "-A VPK-DENY -j VPK-DENY.1"})
-        EXPECT_THAT(refused(command).message, HasSubstr("\"VPK-DENY.1\": expected a name without a dot")) << command;
-}
-
 TEST(ACommand, IsBoundToThePrefixOfTheService) {
     EXPECT_TRUE(std::holds_alternative<Command>(rlv::parseCommand("-F MINE.x", "MINE.")));
     EXPECT_TRUE(std::holds_alternative<Answer>(rlv::parseCommand("-F VPK-x", "MINE.")));
