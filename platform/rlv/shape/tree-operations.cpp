@@ -29,8 +29,10 @@ public:
             for (const Damage::At &at : *places)
                 mend(at);
         }
-        for (const Id id : std::exchange(tree_.removedOthers_, {}))
-            add(Operation::Kind::deleteRule, kRoot).id = id;
+        for (const Id id : std::exchange(tree_.removedOthers_, {})) {
+            if (mended_.count(id) == 0)
+                add(Operation::Kind::deleteRule, kRoot).id = id;
+        }
         for (const Operation::Kind kind : {Operation::Kind::flushChain, Operation::Kind::deleteChain}) {
             for (const std::string &name : goneNames_)
                 add(kind, name);
@@ -114,6 +116,7 @@ private:
     }
 
     void mend(const Damage::At &at) {
+        mended_.insert(at.id);
         if (goneNames_.count(at.chain) == 0)
             add(Operation::Kind::deleteRule, at.chain).id = at.id;
     }
@@ -158,6 +161,7 @@ private:
     Operations operations_;
     std::vector<NodeIndex> newBranches_;
     std::set<std::string> goneNames_;
+    std::set<Id> mended_; // what goes with the damage, whether or not it was to be removed as well
 };
 
 Operations Tree::takeOperations(Id &nextId, const Damage &damage) {

@@ -517,6 +517,16 @@ TEST_F(DamagedShape, LeavesJumpsToOtherTreesToWhoeverMadeThem) {
     }
 }
 
+TEST_F(DamagedShape, DeletesAStrayBranchOnceThatIsAlsoToBeRemoved) {
+    Rule stray;
+    stray.target = {rlv::Target::Kind::jump, "VPK-DENY.zz/9"};
+    chain_.kernel.chains()[kChain].push_back({9'000, stray});
+    chain_.readAgain();
+    const Operations operations = chain_.update({9'000}, {});
+    EXPECT_EQ(std::count_if(operations.begin(), operations.end(), [](const Operation &one) { return one.id == 9'000; }),
+              1);
+}
+
 TEST_F(DamagedShape, TellsItsRulesByTheNamesOfItsSubChainsHoweverManyOthersThereAre) {
     auto &root = chain_.kernel.chains()[kChain];
     for (Id id = 0; id < 2 * rules_.size(); ++id)
