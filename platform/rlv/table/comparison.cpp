@@ -271,6 +271,8 @@ std::size_t compareChain(const std::string &name, const Ruleset &ruleset, const 
         return BuiltInChain(name, ruleset, wanted, comparison).compare();
     if (found->second.isBase)
         add(comparison, {Kind::changed, name, {}, "wanted: a chain that packets enter by our jumps alone"});
+    for (const std::string &below : found->second.leavesBehind)
+        add(comparison, {Kind::changed, below, {}, "wanted: no jump to it but those from " + name});
     return OwnChain(name, found->second, wanted.at(name), comparison).compare();
 }
 

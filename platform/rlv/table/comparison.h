@@ -18,7 +18,8 @@ using WantedChains = std::map<std::string, std::vector<Rule>>;
 void add(Comparison &comparison, Difference difference);
 
 // Adds the chains and what differs in them. In INPUT and OUTPUT only the wanted jumps are wanted, and all else is of
-// others; in every other wanted chain nothing else is.
+// others; in every other wanted chain nothing else is. Of the chains
+// below one, it is told which ones something of others refers to.
 void compareChains(const Ruleset &ruleset, const WantedChains &wanted, Comparison &comparison);
 
 } // namespace rlv

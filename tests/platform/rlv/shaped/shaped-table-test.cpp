@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "rlv/table/comparison.h"
 #include "shared-kernel.h"
 #include "support/rule-lists.h"
 
@@ -549,10 +550,31 @@ TEST_F(AMendingTableOfTrees, LeavesASubChainThatOthersReferToEmptied) {
 
 TEST_F(AMendingTableOfTrees, WithdrawsRulesAlsoWhereOthersAloneStillLeadToThem) {
     const std::string sub = leadOthersToASubChain();
-    expectMended("sub-chains that no branch leads to (1), sub-chains that others refer to (1)");
+    expectMended("sub-chains that others refer to (1)");
     EXPECT_THAT(kernel.truth().chains.at(sub).rules, IsEmpty()) << "its rules stand elsewhere now";
     expectDone({"-F VPK-D"});
     EXPECT_THAT(rulesIn(kernel, kChain), IsEmpty());
+}
+
+TEST_F(AMendingTableOfTrees, TellsWhereOthersLeadToASubChain) {
+    const auto told = [&] {
+        rlv::Comparison comparison;
+        table->look(true, [&](const rlv::Ruleset &ruleset) {
+            std::vector<Rule> wanted;
+            for (const std::string &rule : rules)
+                wanted.push_back(parsed("-A VPK-D " + rule).rule);
+            compareChains(ruleset, {{kChain, wanted}}, comparison);
+        });
+        return comparison.differences;
+    };
+    EXPECT_THAT(told(), IsEmpty());
+    const std::string sub = leadOthersToASubChain();
+    table->mend();
+    const auto differences = told();
+    ASSERT_THAT(differences, SizeIs(1));
+    EXPECT_EQ(differences.front().kind, rlv::Difference::Kind::changed);
+    EXPECT_EQ(differences.front().chain, sub);
+    EXPECT_EQ(differences.front().why, "wanted: no jump to it but those from VPK-D");
 }
 
 TEST_F(AMendingTableOfTrees, GoesOnPuttingBackWhenOthersNoLongerLeadToASubChain) {
