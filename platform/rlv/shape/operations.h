@@ -30,7 +30,7 @@ struct Operation {
     Rule rule;             // of appendRule
     bool isBranch = false; // appendRule and deleteRule: it is no rule of the logical chain
     // appendRule: the rule stands elsewhere, under this id, and goes there; its counters come along. It is the same id
-    // but for a rule that was not reached where it stood.
+    // but for a rule that was not reached where it stood, and for one that goes and comes again.
     std::optional<Id> moved;
 };
 using Operations = std::vector<Operation>;

@@ -137,7 +137,8 @@ private:
         return entries;
     }
 
-    // Leaves in goes_ what really goes; gives back which of the added ones are there already.
+    // Leaves in goes_ what really goes, and in movedFrom_ what takes its place; gives back which of the added ones are
+    // there already.
     std::vector<bool> match(const std::vector<EntryIndex> &goes, const std::vector<LogicalRule> &added,
                             std::size_t mostStay) {
         std::vector<bool> stays(added.size());
@@ -147,15 +148,21 @@ private:
         std::multimap<SortKey, EntryIndex> free;
         for (const EntryIndex entry : goes)
             free.emplace(keyOf(tree_.ruleOf(tree_.entry(entry))), entry);
-        for (std::size_t i = 0; i < added.size() && result_.stays.size() < mostStay; ++i) {
+        goes_.clear();
+        for (std::size_t i = 0; i < added.size(); ++i) {
             const auto found = free.find(keyOf(added[i].rule));
             if (found == free.end())
                 continue;
-            stays[i] = true;
-            result_.stays.push_back({tree_.entry(found->second).id, i});
+            const EntryIndex entry = found->second;
             free.erase(found);
+            stays[i] = result_.stays.size() < mostStay;
+            if (stays[i]) {
+                result_.stays.push_back({tree_.entry(entry).id, i});
+            } else {
+                goes_.push_back(entry);
+                movedFrom_[i] = tree_.entry(entry).id;
+            }
         }
-        goes_.clear();
         for (const auto &[key, entry] : free)
             goes_.push_back(entry);
         return stays;
@@ -176,7 +183,9 @@ private:
             if (stays[i])
                 continue;
             std::optional<Id> movedFrom;
-            const auto found = unreached.empty() ? unreached.end() : unreached.find(keyOf(added[i].rule));
+            if (const auto replaced = movedFrom_.find(i); replaced != movedFrom_.end())
+                movedFrom = replaced->second;
+            const auto found = movedFrom || unreached.empty() ? unreached.end() : unreached.find(keyOf(added[i].rule));
             if (found != unreached.end()) {
                 movedFrom = found->second;
                 unreached.erase(found);
@@ -235,6 +244,7 @@ private:
     Balance balance_;
     Update result_;
     std::vector<EntryIndex> goes_;
+    std::map<std::size_t, Id> movedFrom_; // by the place among the added ones
     std::vector<EntryIndex> added_;
     std::set<NodeIndex> touched_;
     std::size_t changes_ = 0;

@@ -98,7 +98,8 @@ public:
     // and is the new shape at once. All damage ends with it: what is not reached goes (where an added rule equals it,
     // with its counters), what is foreign in sub-chains goes, and what is foreign in the chain itself stays where it
     // is unless it is among the removed. Where the targets come to be different ones, the chain becomes a list again,
-    // with the added rules at its end. Of the rules that equal an added one, at most so many stay.
+    // with the added rules at its end. Of the rules that equal an added one, at most so many stay; the others come
+    // again with their counters.
     //
     // Branches get ids from `nextId` on, which is counted up. Throws std::invalid_argument, with nothing changed, for
     // an id of which nothing stands in rules() or in the chain itself, and for an added one that is in use or 0.

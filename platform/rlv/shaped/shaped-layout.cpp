@@ -22,7 +22,7 @@ public:
     bool update(Id &nextId) {
         collect();
         update_ = block_.next.shape.update(removed_, added_, nextId);
-        // Whoever commits counts on a transaction: a rule that goes and comes again goes and comes.
+        // Whoever commits counts on a transaction: a rule that goes and comes again goes and comes, with its counters.
         if (update_.operations.empty() && !update_.stays.empty()) {
             block_.next.shape = shape::Shape(before_.shape);
             update_ = block_.next.shape.update(removed_, added_, nextId, update_.stays.size() - 1);

@@ -344,7 +344,8 @@ TEST(Shape, LetsNoMoreRulesStayThanItIsAllowedTo) {
         again.push_back({next++, rule});
     const auto update = chain.shape.update(chain.ids(), again, next, 99);
     EXPECT_EQ(update.stays.size(), 99U);
-    EXPECT_EQ(update.operations.size(), 2U) << "one comes and one goes";
+    ASSERT_EQ(update.operations.size(), 2U) << "one comes and one goes";
+    EXPECT_EQ(update.operations.front().moved, update.operations.back().id) << "with its counters";
 }
 
 TEST(Shape, GivesItsSubChainsNoReservedName) {
