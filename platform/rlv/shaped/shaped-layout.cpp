@@ -1,7 +1,6 @@
 // Changes of a chain as a tree takes them.
 #include <algorithm>
 
-#include "rlv/shape/chain-names.h"
 #include "rlv/shaped/chain-changes.h"
 
 namespace rlv {
@@ -324,15 +323,29 @@ private:
 };
 
 // What others have put into sub-chains goes when a chain is laid out. Where whoever reads has not taken it out, it is
-// to stay in force, and so it is sent anew. They add more rules with their target to a tree than it has: then they are
-// taken for the tree, and its own rules for others'.
+// to stay in force: it is sent anew, before the rule of the chain that packets met after it.
 Outcome withStrangers(const LaidChain &chain, Outcome outcome, std::size_t cause, Id &nextId) {
-    for (const auto &[name, placed] : chain.placed()) {
+    std::unordered_map<Id, Rule> strangers;
+    const shape::Chains standing = chain.placed();
+    for (const auto &[name, placed] : standing) {
         for (const shape::PlacedRule &one : placed) {
-            const bool isRule = one.rule && shape::treeOf(one.rule->target.text).empty();
+            const bool isRule = one.rule && !(one.rule->target.kind == Target::Kind::jump &&
+                                              standing.count(one.rule->target.text) > 0); // a second way
             if (isRule && chain.strangers.count(one.id) > 0 && !outcome.goes(one.id))
-                outcome.added.push_back({{nextId++, *one.rule}, 0, cause});
+                strangers.emplace(one.id, *one.rule);
         }
+    }
+    std::unordered_map<Id, Id> next;
+    Id after = 0;
+    for (auto id = chain.order.rbegin(); id != chain.order.rend(); ++id) {
+        if (chain.strangers.count(*id) > 0)
+            next[*id] = after;
+        else if (!outcome.goes(*id))
+            after = *id;
+    }
+    for (const Id id : chain.order) {
+        if (const auto stranger = strangers.find(id); stranger != strangers.end())
+            outcome.added.push_back({{nextId++, stranger->second}, next.at(id), cause});
     }
     return outcome;
 }

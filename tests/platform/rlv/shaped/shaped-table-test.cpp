@@ -820,6 +820,22 @@ TEST_F(ATableThatOnlyTells, TakesRulesWithAnotherTargetForWhatTheyAre) {
     EXPECT_THAT(rulesSeen(kernel, kChain, kTreeFrom), testing::IsSupersetOf(rules));
 }
 
+// Where a rule that does something else has to come between those of a sub-chain, all becomes a list.
+TEST_F(ATableThatOnlyTells, KeepsARuleOfOthersBeforeThoseBeforeWhichItStood) {
+    make(rules);
+    const std::string leaf_ = leaf();
+    const rlv::StandingRule next = kernel.truth().chains.at(leaf_).rules.front();
+    Rule accepting = *next.rule;
+    accepting.target = {rlv::Target::Kind::accept, ""};
+    ASSERT_TRUE(kernel.edit({Kind::insertRule, &leaf_, &accepting, next.handle}));
+    const std::string last = rlv::describe(rulesMet(kernel, kChain).back());
+    expectDone({"-D VPK-D " + last, "-A VPK-D -s 10.0.0.77/32 -j ACCEPT", "-A VPK-D " + last});
+    const std::vector<Rule> met = rulesMet(kernel, kChain);
+    const auto place = [&](const Rule &rule) { return std::find(met.begin(), met.end(), rule) - met.begin(); };
+    EXPECT_LT(place(accepting), place(*next.rule));
+    EXPECT_LT(place(*next.rule), std::ptrdiff_t(met.size()));
+}
+
 TEST_F(ATableThatOnlyTells, MakesATreeBehindARuleOfOthers) {
     expectDone({"-N VPK-D", "-A INPUT -j VPK-D"});
     addForeignRule("-A VPK-D -s 10.0.0.9 -j ACCEPT");
