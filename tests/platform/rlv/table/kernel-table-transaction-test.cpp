@@ -13,8 +13,10 @@
 
 #include "kernel-host.h"
 #include "random-connections.h"
+#include "rlv/shaped/shaped-backend.h"
 #include "rlv/table/ruleset-backend.h"
 #include "rlv/table/table.h"
+#include "rlv/table/transactional-table.h"
 #include "support/filter-oracle.h"
 #include "support/process.h"
 #include "support/random-seed.h"
@@ -72,10 +74,33 @@ filter::Table readTable(const Host &host) {
 
 class InKernel : public randomly::RandomConnections {
 public:
-    explicit InKernel(unsigned seed) : RandomConnections(seed, rlv::kMaxRules) { table_ = host_.openTable(); }
+    explicit InKernel(unsigned seed, bool hasTrees) : RandomConnections(seed, rlv::kMaxRules) {
+        table_ = hasTrees ? host_.visit([] { return openTreeTable(); }) : host_.openTable();
+        hasTrees_ = hasTrees;
+        hasForeigners_ = !hasTrees;
+        if (hasTrees) {
+            addresses_ = 60;
+            mostCommands_ = 40;
+        }
+    }
+    std::size_t trees = 0; // that transactions left
 
 private:
-    filter::Table truth() override { return readTable(host_); }
+    static std::unique_ptr<rlv::Table> openTreeTable() {
+        rlv::shape::Limits limits;
+        limits.treeFrom = 8;
+        limits.tuning.leafRules = limits.tuning.costlyLeafRules = 4;
+        limits.tuning.leastRules = 2;
+        return std::make_unique<rlv::TransactionalTable>(
+            rlv::makeShapedBackend(rlv::openKernelBackend("VPK-"), "VPK-", limits), "VPK-");
+    }
+
+    filter::Table truth() override {
+        const filter::Table table = readTable(host_);
+        filter::Table result = randomly::folded(table);
+        trees += result.size() < table.size() ? 1 : 0;
+        return result;
+    }
 
     void editRandomly() override {
         const auto table = truth();
@@ -114,10 +139,20 @@ private:
 TEST(RandomConnectionsToAKernelTable, ComeToWhatIptablesWouldComeTo) {
     if (!canRun(Host()))
         GTEST_SKIP() << "needs a kernel with nf_tables and the nf_tables variant of iptables";
-    InKernel random(seeds::seedOfThisRun());
+    InKernel random(seeds::seedOfThisRun(), false);
     random.run(seeds::stepsOfThisRun(20));
     std::cout << random.commands << " commands, " << random.pushes << " pushes, " << random.edits << " edits"
               << std::endl;
+}
+
+TEST(RandomConnectionsToAKernelTable, ComeToTheSameWithTrees) {
+    if (!canRun(Host()))
+        GTEST_SKIP() << "needs a kernel with nf_tables and the nf_tables variant of iptables";
+    InKernel random(seeds::seedOfThisRun(), true);
+    random.run(seeds::stepsOfThisRun(20));
+    std::cout << random.commands << " commands, " << random.pushes << " pushes, " << random.trees << " trees"
+              << std::endl;
+    EXPECT_GT(random.trees, 0U);
 }
 
 class AKernelTransaction : public testing::Test {
