@@ -23,7 +23,7 @@ struct ServiceOptions {
     bool logAccepted = false;
     bool simulated = false;
     std::size_t treeFrom = 64; // chains of more rules lie in the kernel as trees of sub-chains; 0: none does
-    bool isMending = true; // what others change in the service's own chains and hooks is put back
+    bool isMending = true;     // what others change in the service's own chains and hooks is put back
     std::size_t maxClients = 128;
     std::size_t maxClientsPerUser = 32;
     // How long a client may take with its first word, and with reading a reply.

@@ -62,15 +62,13 @@ std::string_view targetCodeOf(std::string_view subChain) {
     return tree.empty() ? std::string_view() : subChain.substr(tree.size() + 1, kCodeDigits);
 }
 
-// FNV-1a: the same for every version of this program, since it finds the sub-chains of others again.
 std::string targetCodeOf(const Target &target) {
+    // FNV-1a: the same for every version of this program, since it finds the sub-chains of others again.
     std::uint32_t hash = 2'166'136'261U;
-    const auto add = [&](unsigned char byte) { hash = (hash ^ byte) * 16'777'619U; };
-    add(static_cast<unsigned char>(letterOf(target.kind)));
     for (const char c : target.text)
-        add(static_cast<unsigned char>(c));
+        hash = (hash ^ static_cast<unsigned char>(c)) * 16'777'619U;
     hash ^= hash >> 16;
-    return {kDigits[hash / kDigits.size() % kDigits.size()], kDigits[hash % kDigits.size()]};
+    return {letterOf(target.kind), target.text.empty() ? '0' : kDigits[hash % kDigits.size()]};
 }
 
 void ChainNames::reserve(const std::string &name) {

@@ -13,10 +13,10 @@
 
 namespace rlv::shape {
 
-// A sub-chain is called "VPK-DENY.k3/2f": the chain that it lies below, two digits for the target that its rules have,
-// and a number that says nothing of where it stands, so that it may move and keep its name. All of base 36. No command
-// can name a chain with a slash, so the name alone says whose the chain is, whatever refers to it, and which of the
-// rules in it are its own, however many others there are.
+// A sub-chain is called "VPK-DENY.j3/2f": the chain that it lies below, a letter and a digit for the target that its
+// rules have, and a number that says nothing of where it stands, so that it may move and keep its name. All of base 36.
+// No command can name a chain with a slash, so the name alone says whose the chain is, whatever refers to it, and which
+// of the rules in it are its own, however many others there are.
 
 // So that the rest makes a name that iptables takes. Chains with longer names stay lists.
 constexpr std::size_t kMaxTreeNameLength = 20;
@@ -24,9 +24,10 @@ constexpr std::size_t kMaxTreeNameLength = 20;
 // The chain that one of this name lies below; empty where it is no such name.
 std::string_view treeOf(std::string_view subChain);
 
-// "k3" of a sub-chain's name.
+// "j3" of a sub-chain's name.
 std::string_view targetCodeOf(std::string_view subChain);
-// What stands for a target. Two targets may have the same: then rules of both are the sub-chain's own.
+// What stands for a target: a letter for its kind, a digit for its text. Jumps to two chains may have the same: then
+// rules of both are the sub-chain's own.
 std::string targetCodeOf(const Target &target);
 
 // Gives names to the sub-chains of one chain.

@@ -1,5 +1,5 @@
 // How a logical chain lies in the kernel: a chain whose rules all have one and the same target as a decision tree of
-// plain rules. The chain itself holds branches ("-d 10.0.0.0/13 -j VPK-DENY.k3/5") and the rules that no branch takes,
+// plain rules. The chain itself holds branches ("-d 10.0.0.0/13 -j VPK-DENY.j3/5") and the rules that no branch takes,
 // the sub-chains that they lead to hold the same, down to chains of a few rules. Each rule stands exactly once, so that
 // counters and deletions stay what they are. A packet that no rule of a sub-chain matches comes back and goes on: so
 // it meets exactly the rules that it can match, and since all of them say the same it does not matter in which order.

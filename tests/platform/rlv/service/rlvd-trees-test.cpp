@@ -72,8 +72,8 @@ TEST_F(AServiceWithTrees, HasListsWhereItIsToldToAndChangesThemWithTheNextConnec
 TEST_F(AServiceWithTrees, RefusesTheNamesOfSubChains) {
     Service service({"--tree-from", "64"});
     Client client;
-    for (const char *const command : {"-N VPK-DENY.k3/1", "-F VPK-DENY.k3/1", "-X VPK-DENY.k3/1",
-                                      "-A VPK-DENY.k3/1 -j DROP", "-A INPUT -j VPK-DENY.k3/1"})
+    for (const char *const command : {"-N VPK-DENY.j3/1", "-F VPK-DENY.j3/1", "-X VPK-DENY.j3/1",
+                                      "-A VPK-DENY.j3/1 -j DROP", "-A INPUT -j VPK-DENY.j3/1"})
         EXPECT_THAT(client.commit(command), HasSubstr("letters, digits and -_.")) << command;
 }
 

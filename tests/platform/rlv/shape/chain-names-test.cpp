@@ -44,28 +44,30 @@ TEST(ChainNames, GivesOneAgainThatWasReleased) {
 }
 
 TEST(ChainNames, TellWhoseSubChainItIs) {
-    EXPECT_EQ(treeOf("VPK-DENY.k3/2f"), "VPK-DENY");
-    EXPECT_EQ(treeOf("VPK-DENY.in.k3/2f"), "VPK-DENY.in");
-    EXPECT_EQ(treeOf("VPK-01234567890123456.k3/zzzz"), "") << "a chain of 21 characters has no sub-chains";
-    EXPECT_EQ(treeOf("VPK-0123456789012345.k3/zzzz"), "VPK-0123456789012345");
+    EXPECT_EQ(treeOf("VPK-DENY.j3/2f"), "VPK-DENY");
+    EXPECT_EQ(treeOf("VPK-DENY.in.j3/2f"), "VPK-DENY.in");
+    EXPECT_EQ(treeOf("VPK-01234567890123456.j3/zzzz"), "") << "a chain of 21 characters has no sub-chains";
+    EXPECT_EQ(treeOf("VPK-0123456789012345.j3/zzzz"), "VPK-0123456789012345");
 }
 
 TEST(ChainNames, LeaveOtherNamesAlone) {
-    for (const char *name : {"VPK-DENY", "VPK-DENY.", ".k3/1", "VPK-DENY.1", "VPK-DENY.k3", "VPK-DENY.k3/",
-                             "VPK-DENY.k3/A", "VPK-DENY.K3/1", "VPK-DENY.k/1", "VPK-DENY.k3/1/2", "VPK-DENY.k3/01",
-                             "VPK-DENY.k3/0", "VPK-DENY.k3/12345", "VPK-DENYxk3/1", "VPK-DENY/1"}) {
+    for (const char *name : {"VPK-DENY", "VPK-DENY.", ".j3/1", "VPK-DENY.1", "VPK-DENY.j3", "VPK-DENY.j3/",
+                             "VPK-DENY.j3/A", "VPK-DENY.J3/1", "VPK-DENY.j/1", "VPK-DENY.j3/1/2", "VPK-DENY.j3/01",
+                             "VPK-DENY.j3/0", "VPK-DENY.j3/12345", "VPK-DENYxj3/1", "VPK-DENY/1"}) {
         EXPECT_EQ(treeOf(name), "") << name;
         EXPECT_EQ(targetCodeOf(name), "") << name;
     }
 }
 
 TEST(ChainNames, TellWhichRulesAreTheirOwn) {
-    EXPECT_EQ(targetCodeOf("VPK-DENY.k3/2f"), "k3");
+    EXPECT_EQ(targetCodeOf("VPK-DENY.j3/2f"), "j3");
     std::set<std::string> codes;
     for (const Target &target : {Target{Target::Kind::accept, ""}, kDrop, Target{Target::Kind::log, "a"},
                                  Target{Target::Kind::jump, "a"}, Target{Target::Kind::jump, "VPK-LOGANDDROP"}})
         codes.insert(targetCodeOf(target));
     EXPECT_EQ(codes.size(), 5U);
+    EXPECT_EQ(targetCodeOf(kDrop), "d0");
+    EXPECT_EQ(targetCodeOf(Target{Target::Kind::jump, "a"}).front(), 'j');
     ChainNames names("VPK-DENY");
     EXPECT_EQ(targetCodeOf(names.take(kDrop)), targetCodeOf(kDrop));
 }

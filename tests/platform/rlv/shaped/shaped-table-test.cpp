@@ -632,7 +632,9 @@ protected:
                     "-A VPK-D.1 -s 10.0.0.1/32 -j DROP", "-A INPUT -j VPK-D", "-A INPUT -j VPK-D.1"});
         expectDone(appends(rules));
         table = openTable(kernel, treeFrom);
+        expectDone({});
         table->remember();
+        EXPECT_TRUE(table->remembers());
     }
     void expectItStands() {
         EXPECT_EQ(table->mend().differences, 0U);

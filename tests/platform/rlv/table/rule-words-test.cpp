@@ -19,11 +19,11 @@ TEST(AChainName, HasLettersDigitsAndAFewOthers) {
 }
 
 TEST(AChainName, IsOfAChainBelowOneOfOursWithASlash) {
-    for (const char *word : {"VPK-A", "VPK-A.k3/1", "VPK-A.b.k3/1"})
+    for (const char *word : {"VPK-A", "VPK-A.j3/1", "VPK-A.b.j3/1"})
         EXPECT_TRUE(rlv::isOwnOrBelow(word, "VPK-")) << word;
-    for (const char *word : {"VPK", "XVPK-A.k3/1", "VPK-A.k3/ 1", "INPUT/1", "/", "VPK-A.k3/345678901234567890"})
+    for (const char *word : {"VPK", "XVPK-A.j3/1", "VPK-A.j3/ 1", "INPUT/1", "/", "VPK-A.j3/34567890123456789012"})
         EXPECT_FALSE(rlv::isOwnOrBelow(word, "VPK-")) << word;
-    EXPECT_FALSE(rlv::isOwnChain("VPK-A.k3/1", "VPK-")) << "no command can name it";
+    EXPECT_FALSE(rlv::isOwnChain("VPK-A.j3/1", "VPK-")) << "no command can name it";
 }
 
 TEST(AChainName, IsOursWithOurPrefixUnlessIptablesMeansSomethingByIt) {
