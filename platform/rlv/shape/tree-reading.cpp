@@ -43,15 +43,31 @@ private:
         return rule.target.kind == Target::Kind::jump && isSubChain(rule.target.text);
     }
 
-    // That of the chain to which the first branch leads: it says what the rules have that are ours. None for a list.
-    std::string codeOfTree() const {
+    // That of the chain to which the first branch leads: it says what the rules have that are ours. One that no rule
+    // has is of a chain that others have named so. None for a list.
+    std::string codeOfTree() {
         const auto chain = chains_.find(result_.tree.chain());
         if (chain == chains_.end())
             return {};
-        const auto first = std::find_if(chain->second.begin(), chain->second.end(), [this](const PlacedRule &placed) {
-            return placed.rule && isBranch(*placed.rule) && chains_.count(placed.rule->target.text) > 0;
+        std::set<std::string_view> nobodys;
+        for (const PlacedRule &placed : chain->second) {
+            if (!placed.rule || !isBranch(*placed.rule) || chains_.count(placed.rule->target.text) == 0)
+                continue;
+            const std::string_view code = targetCodeOf(placed.rule->target.text);
+            if (nobodys.count(code) == 0 && isOfAnyRule(code))
+                return std::string(code);
+            nobodys.insert(code);
+        }
+        return {};
+    }
+
+    bool isOfAnyRule(std::string_view code) {
+        return std::any_of(chains_.begin(), chains_.end(), [&](const auto &entry) {
+            const std::vector<PlacedRule> &rules = entry.second;
+            return std::any_of(rules.begin(), rules.end(), [&](const PlacedRule &placed) {
+                return hasCode(placed, code) && !isBranch(*placed.rule);
+            });
         });
-        return first == chain->second.end() ? "" : std::string(targetCodeOf(first->rule->target.text));
     }
 
     void readChain(const Open &at) {

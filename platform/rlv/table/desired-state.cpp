@@ -21,6 +21,13 @@ std::vector<DesiredState::Place> placesIn(const StandingChain &chain, const std:
     return places;
 }
 
+// No command leads out of the own chains: a rule that does is somebody else's, and the chain that it leads to may be
+// gone when ours have to come back.
+bool isOurs(const StandingRule &standing, const std::string &chainPrefix) {
+    return standing.rule &&
+           (standing.rule->target.kind != Target::Kind::jump || isOwnChain(standing.rule->target.text, chainPrefix));
+}
+
 // True when there were others, which are gone.
 bool leaveLastHooks(std::vector<DesiredState::Place> &places) {
     std::set<std::string> seen;
@@ -52,7 +59,7 @@ DesiredState desiredStateOf(const Ruleset &ruleset, const std::string &chainPref
         std::vector<Rule> &rules = desired.chains[name];
         rules.reserve(chain.rules.size());
         for (const StandingRule &standing : chain.rules) {
-            if (standing.rule)
+            if (isOurs(standing, chainPrefix))
                 rules.push_back(*standing.rule);
         }
     }
@@ -75,8 +82,8 @@ bool isDisturbed(const Ruleset &ruleset, const std::string &chainPrefix) {
                }
                return isOwnChain(name, chainPrefix) &&
                       (!chain.disorder.empty() ||
-                       std::any_of(chain.rules.begin(), chain.rules.end(),
-                                   [](const StandingRule &standing) { return !standing.rule; }));
+                       !std::all_of(chain.rules.begin(), chain.rules.end(),
+                                    [&](const StandingRule &standing) { return isOurs(standing, chainPrefix); }));
            });
 }
 

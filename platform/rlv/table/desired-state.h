@@ -32,8 +32,8 @@ DesiredState desiredStateOf(const Ruleset &ruleset, const std::string &chainPref
 // stands once, at the last of its places, since that is where it was appended.
 DesiredState firstDesiredStateOf(const Ruleset &ruleset, const std::string &chainPrefix);
 
-// True where none of our commands can have made of it what it is: own chains with rules of another kind or in disorder,
-// hooks that stand twice, a table that is dormant.
+// True where none of our commands can have made of it what it is: own chains with rules of another kind, with jumps out
+// of the own chains or in disorder, hooks that stand twice, a table that is dormant.
 bool isDisturbed(const Ruleset &ruleset, const std::string &chainPrefix);
 
 } // namespace rlv

@@ -38,6 +38,17 @@ protected:
             EXPECT_EQ("0: ", client.commit("-A VPK-DENY " + rule(i)));
         EXPECT_EQ(0, client.close());
     }
+    static bool iptables(std::vector<std::string> words) {
+        words.insert(words.begin(), "iptables");
+        return process::capture(words).status == 0;
+    }
+    // By a connection of its own.
+    static std::string committed(const std::string &command) {
+        Client client;
+        const std::string answer = client.commit(command);
+        const int code = client.close();
+        return code == 0 ? answer : "closed with " + std::to_string(code);
+    }
     static std::string handles() { return process::capture({"nft", "-a", "list", "table", "ip", "filter"}).output; }
 };
 
@@ -85,6 +96,35 @@ TEST_F(AServiceWithTrees, LeavesNothingWhenItsTablesAreRemoved) {
     const auto removed = ended({"--remove-tables"});
     EXPECT_EQ(removed.status, 0) << removed.errors;
     EXPECT_THAT(listing(), testing::Not(HasSubstr("VPK-")));
+}
+
+// A renamed chain takes its branches along, and is one of ours by its name: emptied, it cannot have them back.
+TEST_F(AServiceWithTrees, ComesBackWhereOthersHaveRenamedAndEmptiedAChain) {
+    const Service service({"--tree-from", "64"});
+    rebuild();
+    ASSERT_EQ("0: ", committed("-A OUTPUT -j VPK-DENY"));
+    ASSERT_TRUE(iptables({"-E", "VPK-DENY", "VPK-OLD"}));
+    ASSERT_EQ("0: ", committed("-A VPK-DENY -s 192.0.2.1 -j DROP"));
+    ASSERT_TRUE(iptables({"-F", "VPK-OLD"}) && iptables({"-F", "OUTPUT"}));
+    ASSERT_EQ("0: ", committed("-A VPK-DENY -s 192.0.2.2 -j DROP"));
+    EXPECT_EQ(count("-A OUTPUT -j VPK-DENY\n"), 1U);
+    EXPECT_EQ(rulesOf("VPK-DENY"), std::size_t{kRules} + 2);
+}
+
+// What others have put into our chain is theirs to bring back.
+TEST_F(AServiceWithTrees, ComesBackWithoutAJumpToAChainOfOthersThatIsGone) {
+    for (const char *const from : {"0", "64"}) {
+        ASSERT_EQ(process::capture({"nft", "flush", "ruleset"}).status, 0);
+        const Service service({"--tree-from", from});
+        rebuild();
+        ASSERT_EQ("0: ", committed("-A OUTPUT -j VPK-DENY"));
+        ASSERT_TRUE(iptables({"-N", "f2b.ssh"}) && iptables({"-A", "VPK-DENY", "-j", "f2b.ssh"}));
+        ASSERT_EQ("0: ", committed("-A VPK-DENY -s 192.0.2.1 -j DROP"));
+        ASSERT_EQ(process::capture({"nft", "flush", "ruleset"}).status, 0);
+        ASSERT_EQ("0: ", committed("-A VPK-DENY -s 192.0.2.2 -j DROP"));
+        EXPECT_EQ(count("-A OUTPUT -j VPK-DENY\n"), 1U) << from;
+        EXPECT_EQ(rulesOf("VPK-DENY"), std::size_t{kRules} + 2) << from;
+    }
 }
 
 } // namespace

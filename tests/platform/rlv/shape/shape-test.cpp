@@ -492,6 +492,21 @@ TEST_F(DamagedShape, StaysATreeWithAForeignTargetInTheChainItself) {
     EXPECT_EQ(textsOf(chain_.shape.chains()), textsOf(chain_.kernel.chains()));
 }
 
+TEST_F(DamagedShape, KeepsItsRulesBehindABranchToAChainThatOthersHaveNamedLikeASubChain) {
+    const std::string foreign = "VPK-DENY.zz/1";
+    Rule branch;
+    branch.target = {rlv::Target::Kind::jump, foreign};
+    chain_.kernel.chains()[foreign];
+    auto &root = chain_.kernel.chains()[kChain];
+    root.insert(root.begin(), {9'002, branch});
+    chain_.readAgain();
+    EXPECT_TRUE(chain_.shape.isTree());
+    EXPECT_EQ(chain_.shape.damage().strayBranches.size(), 1U);
+    EXPECT_EQ(textsOf(chain_.shape), textsOf(rules_));
+    expectMended({});
+    EXPECT_EQ(chain_.kernel.chains().count(foreign), 0U);
+}
+
 TEST_F(DamagedShape, PutsSecondBranchesOut) {
     const auto branch =
         std::find_if(chain_.kernel.chains()[kChain].begin(), chain_.kernel.chains()[kChain].end(),

@@ -73,6 +73,17 @@ TEST_F(ARuleset, HasRulesInOwnChainsAlone) {
     EXPECT_THAT(desired.builtInChains, IsEmpty());
 }
 
+TEST_F(ARuleset, HasNoRulesThatLeadOutOfTheOwnChains) {
+    stands("VPK-A", {"-j DROP", "jump OTHER", "jump VPK-B", "jump VPK-A.j0/1", "jump VPK-"});
+    EXPECT_EQ((std::vector<rlv::Rule>{rule("-j DROP"), jumpTo("VPK-B"), jumpTo("VPK-")}),
+              desiredStateOf(ruleset, "VPK-").chains.at("VPK-A"));
+    EXPECT_TRUE(isDisturbed(ruleset, "VPK-"));
+    ruleset.chains.clear();
+    stands("VPK-A", {"-j DROP", "jump VPK-B"});
+    stands("OTHER", {"jump OTHER"});
+    EXPECT_FALSE(isDisturbed(ruleset, "VPK-"));
+}
+
 TEST_F(ARuleset, HasEachHookAtItsLastPlaceWhereAllWasJustSent) {
     stands("INPUT", {"jump VPK-A", "-j DROP", "jump VPK-B", "jump VPK-A", "-j DROP"});
     stands("OUTPUT", {"jump VPK-A"});
