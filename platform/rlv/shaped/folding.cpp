@@ -202,6 +202,16 @@ private:
     std::set<Id> strange_;
 };
 
+void findHeld(const Ruleset &ruleset, StrayChains &strays) {
+    for (const auto &[name, chain] : ruleset.chains) {
+        for (const auto &[target, count] : chain.jumps) {
+            const auto stray = strays.find(target);
+            if (stray != strays.end() && shape::treeOf(name) != shape::treeOf(target))
+                stray->second.isHeld = true;
+        }
+    }
+}
+
 } // namespace
 
 bool isNameOfTree(const std::string &name, const std::string &chainPrefix) {
@@ -228,9 +238,10 @@ Folding fold(Ruleset ruleset, const std::string &chainPrefix, const shape::Limit
         const std::string tree(shape::treeOf(name));
         if (tree.empty())
             continue;
-        folding.stray.insert(name);
+        folding.stray.emplace(name, StrayChain{chain.isBase, chain.usesElsewhere > 0});
         chain.isLeftBehind = !chain.isBase && isNameOfTree(tree, chainPrefix);
     }
+    findHeld(ruleset, folding.stray);
     folding.ruleset = std::move(ruleset);
     return folding;
 }

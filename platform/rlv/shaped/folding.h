@@ -2,7 +2,7 @@
 #ifndef PLATFORM_RLV_SHAPED_FOLDING_H
 #define PLATFORM_RLV_SHAPED_FOLDING_H
 
-#include <set>
+#include <map>
 #include <string>
 
 #include "rlv/shape/shape.h"
@@ -14,10 +14,17 @@ namespace rlv {
 // True for names that chains of commands have, and that leave room for those of sub-chains.
 bool isNameOfTree(const std::string &name, const std::string &chainPrefix);
 
+// One that is named like a sub-chain: of a chain that is not there, or a base chain.
+struct StrayChain {
+    bool isBase = false;
+    bool isHeld = false; // something refers to it that is no rule in another such chain of the same name
+};
+using StrayChains = std::map<std::string, StrayChain>;
+
 struct Folding {
-    Ruleset ruleset;             // without sub-chains
-    LaidChains laid;             // of the chains that are trees, or may become some
-    std::set<std::string> stray; // sub-chains of chains that are not there, and base chains named like one
+    Ruleset ruleset; // without sub-chains
+    LaidChains laid; // of the chains that are trees, or may become some
+    StrayChains stray;
 };
 
 // Sub-chains go into the chain that they are named for, whatever leads to them: their rules, other than branches, are

@@ -168,7 +168,8 @@ void ShapedBackend::adopt(Translation &translation, std::optional<std::uint32_t>
         const auto chain = known_.chains.find(name);
         if (chain == known_.chains.end())
             continue;
-        known_.stray.merge(chain->second.pinned); // which are left behind
+        for (const std::string &left : chain->second.pinned)
+            known_.stray.insert_or_assign(left, StrayChain{false, true});
         known_.chains.erase(chain);
     }
     for (auto &[name, chain] : translation.next)

@@ -1,5 +1,7 @@
 #include "rlv/shaped/translation.h"
 
+#include <algorithm>
+
 #include "rlv/shape/chain-names.h"
 #include "rlv/shaped/folding.h"
 
@@ -36,7 +38,7 @@ private:
     bool add(std::size_t place) {
         const Change &change = changes_[place];
         if (change.kind == Kind::addChain)
-            makeChain(change);
+            makeChain(place);
         const LaidChain *const chain = change.chain == nullptr ? nullptr : find(*change.chain);
         if (chain == nullptr || !(isAboutRules(change.kind) || change.kind == Kind::deleteChain)) {
             pass(place);
@@ -69,18 +71,42 @@ private:
         result_.causes.emplace_back(place);
     }
 
-    void makeChain(const Change &change) {
-        const std::string &name = *change.chain;
-        if (means_.limits.treeFrom == 0 || !isNameOfTree(name, means_.chainPrefix))
-            return;
-        LaidChain made(shape::Shape(name, means_.limits));
-        for (const std::string &stray : known_.stray) {
+    // Nothing stays in force of what a chain of its name has left behind in sub-chains.
+    void makeChain(std::size_t place) {
+        const std::string &name = *changes_[place].chain;
+        StrayChains left;
+        for (const auto &[stray, kind] : known_.stray) {
             if (shape::treeOf(stray) == name)
-                made.taken.insert(stray);
+                left.emplace(stray, kind);
         }
-        made.reserveNames();
+        if (!isNameOfTree(name, means_.chainPrefix) || (means_.limits.treeFrom == 0 && left.empty()))
+            return;
+        Block block(LaidChain(shape::Shape(name, means_.limits)));
+        for (const auto &[stray, kind] : left) {
+            if (kind.isBase)
+                block.next.taken.insert(stray);
+            else if (kind.isHeld || way_ == Way::plainly)
+                block.next.pinned.insert(stray);
+        }
+        block.next.reserveNames();
         result_.gone.erase(name);
-        result_.next.insert_or_assign(name, std::move(made));
+        result_.next.insert_or_assign(name, LaidChain(block.next));
+        if (way_ != Way::plainly)
+            clear(left, block, place);
+        take(std::move(block));
+    }
+
+    void clear(const StrayChains &left, Block &block, std::size_t place) {
+        for (const auto &[stray, kind] : left) {
+            if (!kind.isBase)
+                block.add(Kind::flushChain, stray, place);
+        }
+        for (const auto &[stray, kind] : left) {
+            if (kind.isBase || kind.isHeld)
+                continue;
+            block.add(Kind::deleteChain, stray, place);
+            result_.gone.insert(stray);
+        }
     }
 
     void removeChain(const std::string &name, const LaidChain &chain, std::size_t place) {

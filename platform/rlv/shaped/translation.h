@@ -9,13 +9,14 @@
 #include <vector>
 
 #include "rlv/shaped/chain-changes.h"
+#include "rlv/shaped/folding.h"
 
 namespace rlv {
 
 // What is known of the kernel's chains.
 struct LaidRuleset {
     LaidChains chains;
-    std::set<std::string> stray; // see Folding
+    StrayChains stray;
 };
 
 struct Translation {

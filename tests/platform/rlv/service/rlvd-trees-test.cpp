@@ -111,6 +111,25 @@ TEST_F(AServiceWithTrees, ComesBackWhereOthersHaveRenamedAndEmptiedAChain) {
     EXPECT_EQ(rulesOf("VPK-DENY"), std::size_t{kRules} + 2);
 }
 
+// Its hook goes with it, and so would all that it denied.
+TEST_F(AServiceWithTrees, TakesOutOfForceWhatWasRenamedIntoASubChainWhileItWasAway) {
+    for (const char *const from : {"0", "64"}) {
+        ASSERT_EQ(process::capture({"nft", "flush", "ruleset"}).status, 0);
+        {
+            const Service service({"--tree-from", "64"});
+            rebuild();
+            ASSERT_EQ("0: ", committed("-A OUTPUT -j VPK-DENY"));
+        }
+        ASSERT_TRUE(iptables({"-E", "VPK-DENY", "VPK-DENY.d0/zz"}));
+        const Service service({"--tree-from", from});
+        ASSERT_EQ("0: ", committed("-N VPK-DENY"));
+        EXPECT_EQ(count("-A VPK-DENY.d0/"), 0U) << from;
+        ASSERT_EQ("0: ", committed("-A VPK-DENY -s 192.0.2.1 -j DROP"));
+        EXPECT_EQ(count("-j DROP"), 1U) << from;
+        EXPECT_EQ(count("-N VPK-DENY.d0/"), 1U) << from << ": the hook of others' leads there";
+    }
+}
+
 // What others have put into our chain is theirs to bring back.
 TEST_F(AServiceWithTrees, ComesBackWithoutAJumpToAChainOfOthersThatIsGone) {
     for (const char *const from : {"0", "64"}) {

@@ -223,6 +223,29 @@ TEST_F(AMendingTableOfTrees, GivesNoNameTwiceWhenItsChainGoesAndComes) {
     EXPECT_THAT(subChainsIn(kernel, kChain), SizeIs(testing::Gt(3U)));
 }
 
+TEST_F(AMendingTableOfTrees, LeavesNothingInForceThatAChainOfItsNameHasLeftBehind) {
+    for (const std::size_t treeFrom : {std::size_t{0}, kTreeFrom}) {
+        kernel = scripted::Backend();
+        table = openTable(kernel, kTreeFrom);
+        make(rules);
+        const std::string left = leaf();
+        Rule jump;
+        jump.target = {rlv::Target::Kind::jump, left};
+        kernel.make("FORWARD");
+        ASSERT_TRUE(kernel.append("FORWARD", jump) && flush("INPUT") && flush(kChain));
+        ASSERT_TRUE(kernel.edit({Kind::deleteChain, &kChain, nullptr, 0}));
+        table = openTable(kernel, treeFrom);
+        expectDone({"-N VPK-D", "-A VPK-D " + rules.front(), "-A INPUT -j VPK-D"});
+        EXPECT_THAT(kernel.truth().chains.at(left).rules, IsEmpty()) << "others lead packets to it";
+        table->open();
+        table->push();
+        table->remember();
+        table->mend();
+        EXPECT_EQ(subChainsIn(kernel, kChain), Texts{left});
+        EXPECT_EQ(rulesIn(kernel, kChain), Texts{rules.front()});
+    }
+}
+
 // As names of sub-chains have one, too.
 class AnOwnChainWithADot : public ATableOfTrees {
 protected:
