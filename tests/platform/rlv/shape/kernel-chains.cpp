@@ -67,10 +67,10 @@ void Kernel::deleteRule(const Operation &operation) {
 
 void Kernel::deleteChain(const std::string &name) {
     require(chain(name).empty(), name + ": not empty");
-    for (const auto &[other, rules] : chains_) {
-        for (const PlacedRule &rule : rules)
-            require(!rule.rule || rule.rule->target.text != name, name + ": in use by " + other);
-    }
+    const auto leadsThere = [&](const PlacedRule &rule) { return rule.rule && rule.rule->target.text == name; };
+    for (const auto &[other, rules] : chains_)
+        require(std::none_of(rules.begin(), rules.end(), leadsThere),
+                std::string(name).append(": in use by ").append(other));
     chains_.erase(name);
 }
 

@@ -18,7 +18,6 @@ namespace {
 using kernelchains::Kernel;
 using rlv::Rule;
 using rlv::shape::Id;
-using rlv::shape::Limits;
 using rlv::shape::LogicalRule;
 using rlv::shape::Operation;
 using rlv::shape::Shape;

@@ -52,6 +52,7 @@ public:
 
     Operations update(const std::vector<Id> &removed, const std::vector<Rule> &added) {
         std::vector<LogicalRule> rules;
+        rules.reserve(added.size());
         for (const Rule &rule : added)
             rules.push_back({next_++, rule});
         result = shape.update(removed, rules, next_);
@@ -108,6 +109,7 @@ inline std::vector<Rule> someRules(std::size_t size, const std::string &form = "
 
 inline std::vector<std::string> textsOf(const std::vector<Rule> &rules) {
     std::vector<std::string> texts;
+    texts.reserve(rules.size());
     for (const Rule &rule : rules)
         texts.push_back(rlv::describe(rule));
     std::sort(texts.begin(), texts.end());

@@ -121,7 +121,7 @@ protected:
         std::array<char, ETH_HLEN + sizeof bytes> frame{};
         std::memcpy(frame.data(), kAddress.data(), kAddress.size());
         frame[ETH_ALEN] = 2;
-        frame[2 * ETH_ALEN] = ETH_P_IP >> 8;
+        frame[std::size_t{2} * ETH_ALEN] = ETH_P_IP >> 8;
         std::memcpy(frame.data() + ETH_HLEN, bytes.data(), bytes.size());
         sockaddr_ll to{};
         to.sll_family = AF_PACKET;

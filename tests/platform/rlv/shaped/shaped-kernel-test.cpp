@@ -176,8 +176,7 @@ TEST_F(AKernelWithTrees, PutsBackWhatOthersDoToSubChains) {
     for (const char *const edit :
          {"iptables -F VPK-DENY", "iptables -I VPK-DENY -j ACCEPT",
           "for c in $(iptables -S | sed -n 's/-N \\(VPK-DENY[.].*\\)/\\1/p' | head -5); do iptables -F $c; done",
-          "for c in $(iptables -S | sed -n 's/-N \\(VPK-DENY[.].*\\)/\\1/p' | tail -3); do iptables -I $c -j ACCEPT; "
-          "done",
+          "iptables -S | sed -n 's/-N \\(VPK-DENY[.].*\\)/\\1/p' | tail -3 | xargs -I@ iptables -I @ -j ACCEPT",
           "iptables -N VPK-DENY.zz/z; iptables -A VPK-DENY.zz/z -j ACCEPT", "iptables -F; iptables -X"}) {
         host.must(edit);
         const auto report = table->mend();

@@ -98,7 +98,7 @@ private:
     }
 
     std::string known(const Rule &rule) {
-        const std::string text = rlv::describe(rule);
+        std::string text = rlv::describe(rule);
         rules_[text] = rule;
         return text;
     }

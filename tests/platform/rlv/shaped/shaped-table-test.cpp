@@ -56,7 +56,7 @@ TEST_F(ATableOfTrees, ChangesALeafForOneRule) {
     make(rules);
     for (const char *const action : {"-A ", "-D "}) {
         const auto before = handles();
-        expectDone({action + kChain + " " + last});
+        expectDone({std::string(action).append(kChain).append(" ").append(last)});
         const auto after = handles();
         std::size_t changed = 0;
         for (const auto &[rule, handle] : before)
