@@ -195,7 +195,7 @@ std::string encode(const Reply &reply) {
 }
 
 bool decodeRequest(std::string_view packet, Request &request) {
-    constexpr std::string_view kKinds = "OCLXQNMWR";
+    constexpr std::string_view kKinds = "OTCLXQNMWR";
     FieldReader in(packet);
     const char kind = static_cast<char>(in.integer(1));
     request.kind = static_cast<Request::Kind>(kind);

@@ -36,9 +36,13 @@ constexpr std::uint64_t kReading = 1;
 // `remove` takes hooks and chains out of the kernel, and what is out is no more what should stand: it is what rlvd
 // --remove-tables says to a service that runs, for root and the service's own account alone. Its text and number name
 // the tables (see service/served-tables.h); a service of others refuses with ENOENT. The reply is as to a command.
+//
+// `rehearse` opens a connection, as `open` does, of which nothing ever reaches the kernel: its commands are answered as
+// if, and discarded at its end. A service that does not know it refuses it.
 struct Request {
     enum class Kind : std::uint8_t {
         open = 'O',
+        rehearse = 'T',
         commit = 'C',
         list = 'L',
         close = 'X',
@@ -49,9 +53,9 @@ struct Request {
         remove = 'R'
     };
     Kind kind = Kind::open;
-    // open: the client's protocol version; query: tell of connections above this number; names: see NamesRequest;
-    // compare: see kMoreFollow and kReading;
-    // close: an Interruption, 0 when all is well. An interrupted connection ends as if the client had vanished.
+    // open, rehearse: the client's protocol version; query: tell of connections above this number; names: see
+    // NamesRequest; compare: see kMoreFollow and kReading; close: an Interruption, 0 when all is well. An interrupted
+    // connection ends as if the client had vanished.
     std::uint64_t number = 0;
     // commit: the option text; list, compare: several (see CommandList); names: see NamesRequest
     std::string text;

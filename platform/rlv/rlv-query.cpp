@@ -66,9 +66,11 @@ State askForState(const std::vector<Request> &requests, Milliseconds timeout,
     return stateOf(error, text, decode);
 }
 
-// What is wanted, in packets: the service reads one while the next is made.
-void tellWanted(int fd, const rlv::WantedCommands &wanted, bool reading, Clock::time_point deadline) {
-    rlv::protocol::CommandList list(Request::Kind::compare);
+// Sends commands in packets of that kind, whose number is that of the last packet, or else `before`: the service reads
+// one while the next is made.
+void tellAll(int fd, Request::Kind kind, const rlv::WantedCommands &commands, std::uint64_t before, std::uint64_t last,
+             Clock::time_point deadline) {
+    rlv::protocol::CommandList list(kind);
     const auto send = [&](std::uint64_t number) {
         list.setNumber(number);
         const int error = rlv::client::sendPacket(fd, list.packet(), deadline);
@@ -76,15 +78,22 @@ void tellWanted(int fd, const rlv::WantedCommands &wanted, bool reading, Clock::
             throw std::system_error(rlv::client::reasonOf(error, fd), std::generic_category(), kService);
         list.clear();
     };
-    wanted([&](std::string_view options) {
+    commands([&](std::string_view options) {
         // One byte more than is allowed tells the service enough about a text that is too long.
         const auto text = options.substr(0, rlv::protocol::kMaxOptionsBytes);
         if (!list.add(text)) {
-            send(rlv::protocol::kMoreFollow);
+            send(before);
             static_cast<void>(list.add(text)); // an empty list has room for the longest
         }
     });
-    send(reading ? rlv::protocol::kReading : 0);
+    send(last);
+}
+
+rlv::client::Outcome askOrThrow(int fd, const Request &request, Reply::Kind expected, Clock::time_point deadline) {
+    Outcome outcome = rlv::client::ask(fd, request, expected, deadline);
+    if (outcome.error != 0)
+        throw std::system_error(outcome.error, std::generic_category(), kService);
+    return outcome;
 }
 
 using AboutNames = rlv::protocol::NamesRequest::About;
@@ -114,13 +123,36 @@ Comparison compare(const WantedCommands &wanted, bool reading, std::chrono::mill
     int error = client::connectTo(handleTable().path(), deadline, fd);
     std::string text;
     if (error == 0) {
-        tellWanted(fd.get(), wanted, reading, deadline);
+        tellAll(fd.get(), Request::Kind::compare, wanted, protocol::kMoreFollow, reading ? protocol::kReading : 0,
+                deadline);
         Outcome first = client::receiveReply(fd.get(), deadline);
         if (first.error == 0 && first.reply.kind != Reply::Kind::state)
             first.error = EPROTO;
         error = receiveParts(fd.get(), std::move(first), deadline, text);
     }
     return stateOf(error, text, protocol::decodeComparison);
+}
+
+Rehearsal rehearse(const WantedCommands &commands, std::chrono::milliseconds timeout) {
+    const auto deadline = Clock::now() + timeout;
+    UniqueFd fd;
+    const int error = client::connectTo(handleTable().path(), deadline, fd);
+    if (error != 0)
+        throw std::system_error(error, std::generic_category(), kService);
+    const Request open{Request::Kind::rehearse, protocol::kVersion, {}};
+    const std::uint64_t number = askOrThrow(fd.get(), open, Reply::Kind::opened, deadline).reply.number;
+    tellAll(fd.get(), Request::Kind::list, commands, 0, 0, deadline);
+    const Request close{Request::Kind::close, 0, {}};
+    Rehearsal rehearsal;
+    if (askOrThrow(fd.get(), close, Reply::Kind::closed, deadline).reply.number == 0)
+        return rehearsal;
+    for (ConnectionOutcome &outcome : query(number - 1, timeout).connections) {
+        if (outcome.number == number)
+            rehearsal = {std::move(outcome.failed), outcome.failedBeyondList};
+    }
+    if (rehearsal.refused.empty() && rehearsal.refusedBeyondList == 0) // the service has forgotten which
+        rehearsal.refusedBeyondList = 1;
+    return rehearsal;
 }
 
 support::UniqueFd openWatch(std::chrono::milliseconds timeout) {

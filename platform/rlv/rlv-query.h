@@ -143,6 +143,20 @@ using WantedCommands = std::function<void(const std::function<void(std::string_v
 // Throws as query() does, and what `wanted` throws.
 Comparison compare(const WantedCommands &wanted, bool reading, std::chrono::milliseconds timeout);
 
+// What the service would refuse.
+struct Rehearsal {
+    std::vector<FailedCommand> refused; // in the order of the commands
+    // How many more than in `refused`; the list has a limit, the count has none.
+    std::uint64_t refusedBeyondList = 0;
+};
+
+// Calls `commands` with what takes commands, as one would send them on a connection of one's own, and asks the service
+// what it would answer to each of them after those before it; nothing of it ever reaches the kernel. Waits for the end
+// of an open connection, and keeps others from opening one meanwhile. What the kernel itself would refuse does not
+// show. Throws as query() does, std::system_error with EPROTO for a service that knows no rehearsals, and what
+// `commands` throws.
+Rehearsal rehearse(const WantedCommands &commands, std::chrono::milliseconds timeout);
+
 // What the service tells one who watches.
 struct WatchNotice {
     bool isEnd = false; // nothing more will come

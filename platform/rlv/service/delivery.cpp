@@ -20,15 +20,16 @@ long long ll(std::uint64_t number) { return static_cast<long long>(number); }
 
 } // namespace
 
-void Delivery::open(std::uint64_t number) {
+void Delivery::open(std::uint64_t number, bool isRehearsal) {
     stopTimer();
     number_ = number;
+    isRehearsal_ = isRehearsal;
     isDeferred_ = hasUnsent_ = hasLost_ = lossMayPass_ = false;
     rulesMoved_ = 0;
 }
 
 void Delivery::announce(std::string_view options) {
-    if (isDeferred_ || !isRemoving(options))
+    if (isDeferred_ || isRehearsal_ || !isRemoving(options))
         return;
     push();
     isDeferred_ = true;
@@ -37,7 +38,7 @@ void Delivery::announce(std::string_view options) {
 void Delivery::accepted() {
     hasUnsent_ = true;
     ++rulesMoved_;
-    if (isDeferred_ || timer_ != 0)
+    if (isDeferred_ || isRehearsal_ || timer_ != 0)
         return;
     timer_ = context_.loop.after(kPushDelay, [this] {
         timer_ = 0;
@@ -46,6 +47,10 @@ void Delivery::accepted() {
 }
 
 bool Delivery::close() {
+    if (isRehearsal_) {
+        endRehearsal();
+        return true;
+    }
     push();
     compare(true);
     end();
@@ -53,11 +58,25 @@ bool Delivery::close() {
 }
 
 void Delivery::interrupt(const std::string &why) {
+    if (isRehearsal_)
+        return endRehearsal();
     if (isDeferred_)
         discard("iptables: not sent: " + why);
     else
         push();
     compare(false);
+    end();
+}
+
+// What others have done meanwhile is put right as after every connection; it is nothing that this one has lost.
+void Delivery::endRehearsal() {
+    hasUnsent_ = false;
+    try {
+        context_.table.discard();
+    } catch (const std::exception &error) { // the next connection reads anew
+        RLVD_ERROR("connection %lld: a rehearsal could not be discarded: %s", ll(number_), error.what());
+    }
+    static_cast<void>(context_.drift.endConnection(false));
     end();
 }
 

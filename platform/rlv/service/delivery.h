@@ -16,6 +16,8 @@ namespace rlv {
 // closes, because half of a rebuilt chain is an open firewall. Of a client that vanishes, or says that it was
 // interrupted, what is deferred is discarded.
 //
+// Of a rehearsal nothing is ever sent, and all is discarded at its end without a word.
+//
 // Whatever was accepted and is not in force is logged, and written into the history of connections. No failure of the
 // table leaves an operation.
 class Delivery {
@@ -26,7 +28,8 @@ public:
     Delivery &operator=(const Delivery &) = delete;
 
     // Begins a connection, whose number in the history this is.
-    void open(std::uint64_t number);
+    void open(std::uint64_t number, bool isRehearsal = false);
+    bool isRehearsal() const { return isRehearsal_; }
     // To be told of each command, before it is carried out.
     void announce(std::string_view options);
     // The table has taken the command.
@@ -43,6 +46,7 @@ private:
     void compare(bool isClosed);
     void end();
     void push();
+    void endRehearsal();
     void discard(const std::string &why);
     void loseAll(const PushReport &report);
     void log(const PushReport &report) const;
@@ -51,6 +55,7 @@ private:
     ServiceContext &context_;
     std::uint64_t number_ = 0;
     support::EventLoop::Timer timer_ = 0;
+    bool isRehearsal_ = false;
     bool isDeferred_ = false; // all of it, since there has been a removing command
     bool hasUnsent_ = false;
     bool hasLost_ = false;

@@ -141,10 +141,12 @@ void Session::dispatch(std::size_t textBytes) {
         return watch();
     if (request_.kind == Kind::remove && !isOpen())
         return wait();
-    if ((request_.kind == Kind::open) == isOpen())
+    const bool opens = request_.kind == Kind::open || request_.kind == Kind::rehearse;
+    if (opens == isOpen())
         return refuse(EPROTO, isOpen() ? "opened twice" : "not opened");
     switch (request_.kind) {
     case Kind::open:
+    case Kind::rehearse:
         return wait();
     case Kind::commit:
         return runCommand(textBytes);
@@ -195,9 +197,10 @@ void Session::haveTurn() {
 void Session::open() {
     context_.table.open();
     number_ = context_.history.open(peer_);
-    delivery_.open(number_);
+    delivery_.open(number_, request_.kind == protocol::Request::Kind::rehearse);
     names_.open();
-    RLVD_INFO("connection %lld of user %u, process %d: opened", ll(number_), peer_.user, peer_.process);
+    RLVD_INFO("connection %lld of user %u, process %d: opened%s", ll(number_), peer_.user, peer_.process,
+              delivery_.isRehearsal() ? ", to rehearse" : "");
     stream_.reply({protocol::encode(protocol::Reply{protocol::Reply::Kind::opened, 0, number_, {}})});
 }
 
@@ -371,7 +374,7 @@ void Session::settle(const Answer &answer) {
         if (context_.logAccepted)
             RLVD_INFO("connection %lld of user %u, process %d: %s", ll(number_), peer_.user, peer_.process,
                       options_.c_str());
-    } else if (isAnswered) {
+    } else if (isAnswered || delivery_.isRehearsal()) {
         RLVD_INFO("connection %lld of user %u, process %d: refused (%d, %s): %s", ll(number_), peer_.user,
                   peer_.process, answer.code, answer.message.c_str(), options_.c_str());
         context_.history.add(number_, {options_, answer.code, answer.message, true});

@@ -121,6 +121,43 @@ TEST(AComparison, TellsOneByteMoreThanIsAllowedOfATextThatIsTooLong) {
     EXPECT_EQ('d', compared.commands.back().back());
 }
 
+TEST(ARehearsal, IsRefusedByAServiceThatKnowsNone) {
+    ScriptedService service([](Peer &peer) {
+        EXPECT_EQ(Request::Kind::rehearse, peer.receive().kind);
+        peer.send(Reply::Kind::refused, EPROTO, 0, "not a request");
+    });
+    EXPECT_EQ(EPROTO, errorOf([] { rlv::rehearse(wanted({"-A VPK-A -j DROP"}), kTimeout); }));
+}
+
+TEST(ARehearsal, OfWhichNothingIsRefusedAsksNoMore) {
+    Texts commands;
+    ScriptedService service([&](Peer &peer) {
+        peer.acceptOpening();
+        for (Request list = peer.receive(); list.kind == Request::Kind::list; list = peer.receive()) {
+            for (std::string_view rest = list.text; !rest.empty();)
+                commands.emplace_back(rlv::protocol::takeCommand(rest));
+        }
+        peer.send(Reply::Kind::closed);
+    });
+    Texts sent;
+    for (int i = 0; i < 1'200; ++i)
+        sent.push_back("-A VPK-A -s 10.0.0." + std::to_string(i));
+    const auto rehearsal = rlv::rehearse(wanted(sent), kTimeout);
+    EXPECT_THAT(rehearsal.refused, IsEmpty());
+    EXPECT_EQ(0U, rehearsal.refusedBeyondList);
+    EXPECT_EQ(sent, commands);
+}
+
+TEST(ARehearsal, FailsWhereTheServiceGoes) {
+    for (const bool afterOpening : {false, true}) {
+        ScriptedService service([afterOpening](Peer &peer) {
+            if (afterOpening)
+                peer.acceptOpening();
+        });
+        EXPECT_NE(0, errorOf([] { rlv::rehearse(wanted({"-A VPK-A -j DROP"}), kTimeout); }));
+    }
+}
+
 int errorOfComparison(const std::function<void(Peer &)> &answer) {
     ScriptedService service([&](Peer &peer) {
         Compared().receive(peer);

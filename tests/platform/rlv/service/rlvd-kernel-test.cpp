@@ -46,6 +46,32 @@ TEST_F(TheServiceWithTheKernel, AppliesCommandsAndTellsWhatStands) {
     EXPECT_EQ("OUTPUT", state.hooks[0].chain);
 }
 
+TEST_F(TheServiceWithTheKernel, RehearsesWithoutTouchingTheKernel) {
+    Service service({});
+    makeChainWithRuleAndHook();
+    const std::string before = listing();
+    const auto rehearsal = rlv::rehearse(
+        [](const auto &each) {
+            each("-F VPK-DENY");
+            for (int i = 0; i < 2'000; ++i)
+                each("-A VPK-DENY -s 10.1." + std::to_string(i / 250) + "." + std::to_string(i % 250) + " -j DROP");
+            each("-A VPK-NONE -j DROP");
+            each("-D VPK-DENY -p tcp -s 10.0.0.5 --sport 80 -j DROP");
+            each("-A VPK-DENY -s nonsense/99 -j DROP");
+        },
+        std::chrono::seconds(10));
+    EXPECT_EQ(before, listing());
+    ASSERT_EQ(3U, rehearsal.refused.size());
+    EXPECT_EQ("-A VPK-NONE -j DROP", rehearsal.refused[0].options);
+    EXPECT_TRUE(rehearsal.refused[0].wasRefused);
+    EXPECT_EQ(1, rehearsal.refused[1].code) << "it went with the others";
+    EXPECT_EQ(2, rehearsal.refused[2].code);
+    EXPECT_EQ(0U, rehearsal.refusedBeyondList);
+    Client next;
+    EXPECT_EQ("0: ", next.commit("-D VPK-DENY -p tcp -s 10.0.0.5 --sport 80 -j DROP"));
+    EXPECT_EQ(0, next.close());
+}
+
 TEST_F(TheServiceWithTheKernel, LeavesTheRulesInForceWhenItEnds) {
     {
         Service service({});

@@ -140,6 +140,53 @@ TEST_F(ASession, ThatIsOpenNeitherWatchesNorRemoves) {
     EXPECT_THAT(removal(other), Not(HasSubstr("c 0")));
 }
 
+TEST_F(ASession, RehearsesAndSendsNothing) {
+    client.open();
+    EXPECT_EQ("c 0 0 ", client.command("-N VPK-A"));
+    client.ask(Request::Kind::close);
+    around.table.takeCalls();
+    EXPECT_EQ("o 0 2 ", client.ask(Request::Kind::rehearse, rlv::protocol::kVersion));
+    EXPECT_EQ("c 0", client.command("-A VPK-A -j DROP").substr(0, 3));
+    EXPECT_EQ("c 0 0 ", client.command("-D VPK-A -j DROP")) << "as if it stood there";
+    client.list({"-F VPK-A", "-A VPK-A -s 10.0.0.1 -j DROP", "-A VPK-B -j DROP", "nonsense"});
+    EXPECT_FALSE(parts::runUntil(
+        around.loop, [] { return false; }, Milliseconds(50)))
+        << "a push would be due by now";
+    EXPECT_EQ("x 0 2 ", client.ask(Request::Kind::close));
+    EXPECT_THAT(failures(2), ElementsAre("-A VPK-B -j DROP refused", "nonsense refused"));
+    EXPECT_THAT(around.table.takeCalls(), testing::AllOf(Contains("discard"), Not(Contains("push"))));
+    client.open();
+    EXPECT_EQ("c 1", client.command("-D VPK-A -s 10.0.0.1 -j DROP").substr(0, 3)) << "nothing is left of it";
+    EXPECT_THAT(log.lines, Not(Contains(testing::StartsWith("E "))));
+    EXPECT_THAT(log.lines, Contains("connection 2 of user 0, process 100: opened, to rehearse"));
+}
+
+TEST_F(ASession, ForgetsTheRehearsalOfAClientThatVanishes) {
+    client.open();
+    EXPECT_EQ("c 0 0 ", client.command("-N VPK-A"));
+    client.ask(Request::Kind::close);
+    for (const bool endsWell : {false, true}) {
+        Client other(*this, kPeer);
+        other.ask(Request::Kind::rehearse, rlv::protocol::kVersion);
+        EXPECT_EQ("c 0", other.command("-A VPK-A -j DROP").substr(0, 3));
+        around.table.takeCalls();
+        if (endsWell)
+            other.ask(Request::Kind::close, 1); // interrupted
+        else
+            other.session->end("for this test");
+        EXPECT_THAT(around.table.takeCalls(), testing::AllOf(Contains("discard"), Not(Contains("push"))));
+    }
+}
+
+TEST_F(ASession, RehearsesOnceAtATime) {
+    client.ask(Request::Kind::rehearse, rlv::protocol::kVersion);
+    EXPECT_EQ("r " + std::to_string(EPROTO) + " 0 opened twice",
+              client.ask(Request::Kind::rehearse, rlv::protocol::kVersion));
+    Client other(*this, kPeer);
+    EXPECT_EQ("r " + std::to_string(EPROTONOSUPPORT) + " 0 another version of the protocol",
+              other.ask(Request::Kind::rehearse, rlv::protocol::kVersion - 1));
+}
+
 TEST_F(ASession, IsRefusedForGarbage) {
     client.sendPacket("garbage");
     EXPECT_EQ("r " + std::to_string(EPROTO) + " 0 not a request", client.reply());
