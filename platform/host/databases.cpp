@@ -16,6 +16,7 @@
 #include "host/paths.h"
 #include "host/plugin-files.h"
 #include "host/rebuild.h"
+#include "mavo/database-exchange.h"
 #include "mavo/database-recovery.h"
 #include "mavo/database.h"
 #include "mavo/exception.h"
@@ -163,6 +164,7 @@ void makeBackupEqual() {
 
 void watchOverDatabases() {
     mavo::database::protectWithBackup(kRuleDatabase, kRuleDatabaseBackup, kRuleSchema);
+    mavo::database::removeRestOfExchange(kRuleDatabase);
     mavo::database::mayBeStartedAnew(kStatisticsDatabase);
     mavo::database::mayBeStartedAnew(kStatusDatabase, kStatusSchema);
     mavo::database::mayBeStartedAnew(kHistoryDatabase, kHistorySchema);

@@ -14,6 +14,7 @@
 #include "host/log.h"
 #include "host/plugin-files.h"
 #include "host/privileges.h"
+#include "host/rule-replacement.h"
 #include "rlv/rlv-query.h"
 #include "support/find-named.h"
 
@@ -107,6 +108,7 @@ mavo::rmi::Reply Dispatch::change(const std::string &name, const mavo::rmi::Meth
     refreshRuleBackup(); // the caller is told of a failure, as of each error in the log
     Verdict verdict = watch.verdict();
     verdict.interruption = interruptionOf(verdict, lackedMemory, databaseFailed);
+    parts_.replacement.conclude(verdict, ended.reply);
     Remarks remarks = remarksOn(verdict, watch.errorLines());
     addAccount(verdict, changesOfAllRules(parts_) != changesBefore, remarks);
     orderRebuild(verdict, parts_.served.number() != numberBefore, remarks);

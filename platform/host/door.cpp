@@ -111,11 +111,15 @@ struct Method {
 };
 
 // The host's own.
-constexpr std::array<Method, 11> kMethods = {{{kExecuteCommandMethod, Arguments::twoTexts},
+constexpr std::array<Method, 15> kMethods = {{{kExecuteCommandMethod, Arguments::twoTexts},
                                               {kSetStatusMethod, Arguments::number},
                                               {kApplyStatusMethod, Arguments::number},
                                               {kGetStatusMethod, Arguments::none},
                                               {kReloadMethod, Arguments::none},
+                                              {kReplaceRulesMethod, Arguments::text},
+                                              {kRemoveRulesMethod, Arguments::text},
+                                              {kRehearseRulesMethod, Arguments::text},
+                                              {kRehearseRemovalMethod, Arguments::text},
                                               {kStatusMethod, Arguments::none},
                                               {kVerifyMethod, Arguments::none},
                                               {kRulesMethod, Arguments::none},

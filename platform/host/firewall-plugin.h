@@ -24,6 +24,14 @@ constexpr const char *kMarkerName = "/nyr_firewall_sd";
 constexpr const char *kRuleTable = "firewall_rules";
 constexpr const char *kRuleColumns = "protocol, domain, port, direction, is_allowed";
 constexpr const char *kRuleAddressColumn = "domain";
+constexpr const char *kMakeRuleTable = "CREATE TABLE IF NOT EXISTS firewall_rules ("
+                                       "                               protocol    TEXT,"
+                                       "                               domain      TEXT,"
+                                       "                               port        TEXT,"
+                                       "                               direction   INTEGER NOT NULL,"
+                                       "                               is_allowed  INTEGER NOT NULL,"
+                                       "                               PRIMARY KEY (protocol, domain, port)"
+                                       " ON CONFLICT REPLACE)";
 constexpr int kInbound = 1;
 constexpr int kOutbound = 2; // any other number is both
 

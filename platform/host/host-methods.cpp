@@ -11,13 +11,15 @@
 #include "host/log.h"
 #include "host/method-names.h"
 #include "host/privileges.h"
+#include "host/rule-replacement.h"
 #include "mavo/database.h"
 
 namespace host {
 namespace {
 
-constexpr std::array<std::string_view, 7> kLooking = {kGetStatusMethod, kStatusMethod,  kVerifyMethod, kRulesMethod,
-                                                      kReportsMethod,   kHistoryMethod, kDiffMethod};
+constexpr std::array<std::string_view, 9> kLooking = {kGetStatusMethod, kStatusMethod,        kVerifyMethod,
+                                                      kRulesMethod,     kReportsMethod,       kHistoryMethod,
+                                                      kDiffMethod,      kRehearseRulesMethod, kRehearseRemovalMethod};
 
 int applyStatus(ServedPlugin &served, int status) {
     served.applyStatus(status);
@@ -59,6 +61,22 @@ std::string status(HostParts &parts, bool reading) {
     return statusDocument(state, reading);
 }
 
+using ListMethod = std::string (RuleReplacement::*)(const std::string &);
+using LookingListMethod = std::string (RuleReplacement::*)(const std::string &) const;
+
+template <typename Method>
+void addListMethod(mavo::rmi::Service &service, HostParts &parts, const char *name, Method method) {
+    service.setMethodHandler<std::string, std::string>(
+        kAdministrator, name, [&parts, method](const std::string &list) { return (parts.replacement.*method)(list); });
+}
+
+void addListMethods(mavo::rmi::Service &service, HostParts &parts) {
+    addListMethod<ListMethod>(service, parts, kReplaceRulesMethod, &RuleReplacement::replace);
+    addListMethod<ListMethod>(service, parts, kRemoveRulesMethod, &RuleReplacement::remove);
+    addListMethod<LookingListMethod>(service, parts, kRehearseRulesMethod, &RuleReplacement::rehearseReplacement);
+    addListMethod<LookingListMethod>(service, parts, kRehearseRemovalMethod, &RuleReplacement::rehearseRemoval);
+}
+
 } // namespace
 
 void addHostMethods(mavo::rmi::Service &service, HostParts &parts) {
@@ -72,6 +90,7 @@ void addHostMethods(mavo::rmi::Service &service, HostParts &parts) {
                                        [&parts](int status) { return applyStatus(parts.served, status); });
     service.setMethodHandler<int>(kObserver, kGetStatusMethod, [&parts] { return parts.served.getStatus(); });
     service.setMethodHandler<int>(kAdministrator, kReloadMethod, [&parts] { return reload(parts.life); });
+    addListMethods(service, parts);
     service.setMethodHandler<std::string>(kObserver, kStatusMethod, [&parts] { return status(parts, false); });
     service.setMethodHandler<std::string>(kObserver, kVerifyMethod, [&parts] { return status(parts, true); });
     service.setMethodHandler<std::string>(kObserver, kRulesMethod, rulesDocument);

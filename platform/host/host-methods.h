@@ -10,8 +10,9 @@
 
 namespace host {
 
-// Adds them: those that only look for callers with the privilege /privilege/vpk.observer, the others for those with
-// /privilege/vpk.admin. While no plugin has come up they throw ServedPlugin::NotUp. `parts` must outlive the service.
+// Adds them: those that only look for callers with the privilege /privilege/vpk.observer, the others, and those that
+// rehearse, for those with /privilege/vpk.admin. While no plugin has come up they throw ServedPlugin::NotUp. `parts`
+// must outlive the service.
 void addHostMethods(mavo::rmi::Service &service, HostParts &parts);
 
 // True for methods of the host that only look: nothing is rebuilt after them.

@@ -13,6 +13,7 @@
 namespace host {
 
 class History;
+class RuleReplacement;
 
 // None of them knows of those who use it. All must outlive them.
 struct HostParts {
@@ -22,6 +23,7 @@ struct HostParts {
     Rebuild &rebuild; // by which the builder is asked again
     CollectorKeeper &keeper;
     History &history;
+    RuleReplacement &replacement;
     std::string privilegesProblem; // of the file of privileges, for the status: one line, or empty
 };
 

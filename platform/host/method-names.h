@@ -9,6 +9,8 @@ constexpr const char *kExecuteCommandMethod = "Host::executeCommand"; // two tex
 constexpr const char *kSetStatusMethod = "Host::setStatus";           // a number: a number
 constexpr const char *kApplyStatusMethod = "Host::applyStatus";       // a number: a number
 constexpr const char *kReloadMethod = "Host::reload";                 // nothing: a number
+constexpr const char *kReplaceRulesMethod = "Host::replaceRules";     // a text, see RuleReplacement: a text
+constexpr const char *kRemoveRulesMethod = "Host::removeRules";       // likewise
 
 // These only look, and take nothing but where it is said.
 constexpr const char *kGetStatusMethod = "Host::getStatus"; // a number
@@ -16,8 +18,10 @@ constexpr const char *kStatusMethod = "Host::status";       // a text, see docum
 constexpr const char *kVerifyMethod = "Host::verify";
 constexpr const char *kRulesMethod = "Host::rules";
 constexpr const char *kReportsMethod = "Host::reports";
-constexpr const char *kHistoryMethod = "Host::history"; // how many entries: see history-document.h
-constexpr const char *kDiffMethod = "Host::diff";       // since when, a text (see History): likewise
+constexpr const char *kRehearseRulesMethod = "Host::rehearseRules"; // what replaceRules would do, for administrators
+constexpr const char *kRehearseRemovalMethod = "Host::rehearseRemoval"; // what removeRules would do, likewise
+constexpr const char *kHistoryMethod = "Host::history";                 // how many entries: see history-document.h
+constexpr const char *kDiffMethod = "Host::diff";                       // since when, a text (see History): likewise
 
 } // namespace host
 

@@ -18,6 +18,7 @@
 #include "host/databases.h"
 #include "host/history.h"
 #include "host/log.h"
+#include "host/rule-replacement.h"
 #include "support/directories.h"
 #include "support/readiness.h"
 #include "support/signals.h"
@@ -74,7 +75,8 @@ void ServerLoop::serve(const Served &served, const std::string &socket, const ma
     });
     retryRuleBackupIn(&loop_);
     keepCollector(served.plugin);
-    Dispatch dispatch({served.plugin, served.life, served.builder, rebuild, *keeper_, history,
+    RuleReplacement replacement(served.plugin, served.life);
+    Dispatch dispatch({served.plugin, served.life, served.builder, rebuild, *keeper_, history, replacement,
                        boost::algorithm::join(privileges.problems(), "; ")});
     listen(dispatch, std::move(listener), privileges);
     keeper_->look(); // may fork, and so comes after all descriptors are known

@@ -108,12 +108,14 @@ std::vector<std::string> FakeService::repliesTo(Client &client, const Request &r
     std::string_view list = request.text;
     switch (request.kind) {
     case Request::Kind::open:
+    case Request::Kind::rehearse:
         return packets(Reply::Kind::opened, ++opened_);
     case Request::Kind::commit:
         asked.commands = {request.text};
         replies = packets(Reply::Kind::committed, 0);
         break;
     case Request::Kind::close:
+        asked.commands.swap(client.commands);
         replies = packets(Reply::Kind::closed, answers_.failedOnClosing);
         break;
     case Request::Kind::query:

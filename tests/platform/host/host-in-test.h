@@ -16,6 +16,7 @@
 #include "host/dispatch.h"
 #include "host/history.h"
 #include "host/remarks.h"
+#include "host/rule-replacement.h"
 
 namespace hosttest {
 
@@ -75,7 +76,8 @@ protected:
     host::CollectorKeeper keeper{loop, {[this] { return collectorWanted; }, [](auto) {}}};
     host::History history{loop};
     mavo::rmi::Caller caller{{0, 0, 4711}, true, "a test"};
-    host::Dispatch dispatch{{served, life, builder, rebuild, keeper, history, "the file is void"}};
+    host::RuleReplacement replacement{served, life};
+    host::Dispatch dispatch{{served, life, builder, rebuild, keeper, history, replacement, "the file is void"}};
 };
 
 } // namespace hosttest

@@ -11,6 +11,7 @@
 
 #include "host/dispatch.h"
 #include "host/history.h"
+#include "host/rule-replacement.h"
 #include "mavo/database.h"
 #include "support/failing-allocations.h"
 
@@ -65,7 +66,8 @@ protected:
     host::CollectorKeeper keeper{loop, {[] { return false; }, [](auto) {}}};
     host::History history{loop};
     mavo::rmi::Caller caller;
-    host::Dispatch dispatch{{plugin, life, builder, rebuild, keeper, history, {}}};
+    host::RuleReplacement replacement{plugin, life};
+    host::Dispatch dispatch{{plugin, life, builder, rebuild, keeper, history, replacement, {}}};
     mavo::rmi::Reply reply;
     int failed = 0;
 };
