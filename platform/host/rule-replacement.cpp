@@ -9,6 +9,8 @@
 #include "host/log.h"
 #include "host/plugin-files.h"
 #include "host/rule-difference.h"
+#include "mavo/database.h"
+#include "mavo/exception.h"
 #include "mavo/rmi.h"
 #include "rlv/rlv-query.h"
 #include "rules/rule-commands.h"
@@ -74,6 +76,15 @@ std::string putBack(mavo::database::Exchange &exchange) {
     }
 }
 
+// What was left in the middle of a change, and damage, is dealt with as by each of the plugin's openings.
+void recover() {
+    constexpr int kReadWrite = 2; // SQLite's open flag
+    try {
+        const mavo::database::Connection connection(kRuleDatabase, kReadWrite, true);
+    } catch (const mavo::Exception &) { // there is none, or nothing is left of it: reading tells
+    }
+}
+
 } // namespace
 
 void RuleReplacement::requireEnabled() const {
@@ -97,11 +108,13 @@ std::string RuleReplacement::rehearseRemoval(const std::string &list) const {
 
 std::string RuleReplacement::replace(const std::string &list) {
     requireEnabled();
+    recover();
     return store(changeTo(list, storedRows()));
 }
 
 std::string RuleReplacement::remove(const std::string &list) {
     requireEnabled();
+    recover();
     return store(removalOf(list, storedRows()));
 }
 
@@ -120,6 +133,7 @@ std::string RuleReplacement::store(const RuleChange &change) {
                                 [this](std::string_view options) { newCommands_.emplace_back(options); });
     std::sort(newCommands_.begin(), newCommands_.end());
     exchange_ = std::make_unique<mavo::database::Exchange>(kRuleDatabase);
+    isUnsettled_ = true; // from here on files and kernel may differ, whatever comes
     try {
         exchange_->change([&change](mavo::database::Connection &database) { carryOut(change, database); });
         exchange_->takePlace();
@@ -164,8 +178,12 @@ std::string RuleReplacement::lostOf(const Verdict &verdict) const {
 
 void RuleReplacement::conclude(Verdict &verdict, mavo::rmi::Reply &reply) {
     const auto exchange = std::move(exchange_);
-    if (exchange == nullptr)
+    const bool isUnsettled = std::exchange(isUnsettled_, false);
+    if (exchange == nullptr) {
+        if (isUnsettled && verdict.interruption.empty())
+            verdict.interruption = "the rules could not be replaced";
         return;
+    }
     const std::string lost = lostOf(verdict);
     if (lost.empty())
         return;

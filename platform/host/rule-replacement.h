@@ -44,7 +44,7 @@ public:
 
     // To be called after each call that may change something, when it is known what has become of it. Where rules were
     // replaced and the kernel lacks some that are new, the old ones are put back, the reply says so, and the verdict,
-    // too, so that the tables are built anew.
+    // too, so that the tables are built anew: as they are after each replacement that has failed in its middle.
     void conclude(Verdict &verdict, mavo::rmi::Reply &reply);
 
 private:
@@ -58,6 +58,7 @@ private:
     // Of a replacement that is not concluded.
     std::unique_ptr<mavo::database::Exchange> exchange_;
     std::vector<std::string> newCommands_;
+    bool isUnsettled_ = false; // what is stored may be another thing than what is in force
 };
 
 } // namespace host
