@@ -8,6 +8,8 @@ _vpkctl_options() {
     case $1 in
     '') echo '-h --help --socket --version' ;;
     allow | deny) echo '-h --help --socket --yes' ;;
+    apply) echo '-h --help --socket --dry-run --json --yes' ;;
+    remove) echo '-h --help --socket --dry-run --json' ;;
     exec) echo '-h --help --socket --raw --yes --as-is' ;;
     call) echo '-h --help --socket --yes --as-is' ;;
     check | status | verify) echo '-h --help --socket --json --strict' ;;
@@ -44,9 +46,9 @@ _vpkctl_data() {
 # What stands at position $2 after the subcommand $1; $3 is the word before it.
 _vpkctl_positional() {
     case $1.$2 in
-    .0) _vpkctl_words 'allow deny exec call check status verify set-status apply-status reload rules reports history diff' ;;
-    allow.* | deny.*) [[ $cur == - ]] || _vpkctl_data ApplyAllowRules ;;
-    check.0)
+    .0) _vpkctl_words 'allow deny remove apply exec call check status verify set-status apply-status reload rules reports history diff' ;;
+    allow.* | deny.* | remove.*) [[ $cur == - ]] || _vpkctl_data ApplyAllowRules ;;
+    apply.0 | check.0)
         [[ $cur != - ]] || return
         _vpkctl_files ''
         ;;

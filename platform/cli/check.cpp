@@ -104,26 +104,11 @@ std::string asText(const Checked &checked) {
            counted(checked.count(true), "mistake") + ", " + counted(checked.count(false), "warning") + "\n";
 }
 
-Json asJson(const Finding &finding) {
-    Json others = Json::array();
-    for (const auto &place : finding.others)
-        others.push_back({{"line", place.line}, {"column", place.column}});
-    return {{"kind", nameOf(finding.kind)},
-            {"isMistake", isMistake(finding.kind)},
-            {"line", finding.place.line},
-            {"column", finding.place.column},
-            {"rule", finding.rule},
-            {"refused", finding.refused},
-            {"accepted", finding.accepted},
-            {"message", finding.message},
-            {"others", others}};
-}
-
 // See vpkctl(1) for it. Bytes that are no UTF-8 are replaced.
 std::string asDocument(const Checked &checked, int exitStatus) {
     Json findings = Json::array();
     for (const auto &finding : checked.findings)
-        findings.push_back(asJson(finding));
+        findings.push_back(findingAsJson(finding));
     const Json document = {{"source", checked.source},
                            {"isPolicy", checked.isPolicy},
                            {"rules", checked.rules},

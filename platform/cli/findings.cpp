@@ -185,6 +185,21 @@ std::string_view nameOf(FindingKind kind) { return entryOf(kind).name; }
 
 bool isMistake(FindingKind kind) { return entryOf(kind).isMistake; }
 
+Json findingAsJson(const Finding &finding) {
+    Json others = Json::array();
+    for (const auto &place : finding.others)
+        others.push_back({{"line", place.line}, {"column", place.column}});
+    return {{"kind", nameOf(finding.kind)},
+            {"isMistake", isMistake(finding.kind)},
+            {"line", finding.place.line},
+            {"column", finding.place.column},
+            {"rule", finding.rule},
+            {"refused", finding.refused},
+            {"accepted", finding.accepted},
+            {"message", finding.message},
+            {"others", others}};
+}
+
 std::vector<Finding> findingsOf(const std::vector<CheckedRule> &rules) { return Search(rules).run(); }
 
 } // namespace cli

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "cli/checked-rules.h"
+#include "cli/documents-as-text.h"
 #include "cli/written-rules.h"
 
 namespace cli {
@@ -28,6 +29,9 @@ struct Finding {
     std::string message;       // all of it in a line, without place and kind
     std::vector<Place> others; // where the rules stand that it is about, too
 };
+
+// See vpkctl(1) for it. Bytes that are no UTF-8 stay as they are.
+Json findingAsJson(const Finding &finding);
 
 // Of rules that are to stand together: what is refused, what is there twice, and what does nothing beside the others.
 // In the order of the rules.

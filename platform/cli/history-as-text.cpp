@@ -32,6 +32,8 @@ std::string callOf(const Json &entry) {
                        : method == host::kSetStatusMethod    ? "set-status"
                        : method == host::kApplyStatusMethod  ? "apply-status"
                        : method == host::kReloadMethod       ? "reload"
+                       : method == host::kReplaceRulesMethod ? "apply"
+                       : method == host::kRemoveRulesMethod  ? "remove"
                                                              : "call " + method;
     for (const auto &argument : list(entry, "arguments")) {
         const std::string word = printable(argument.get<std::string>());

@@ -6,8 +6,8 @@
 
 namespace cli {
 
-// Carries out `action`. Where it throws Exit and `asJson` is true, {"error":"…","exitStatus":2} goes to standard output
-// first, so that a document stands there in any case.
+// Carries out `action`. Where it throws Exit and `asJson` is true, {"error":"…","exitStatus":2}, with "findings" where
+// it has some, goes to standard output first, so that a document stands there in any case.
 void withJsonError(bool asJson, const std::function<void()> &action);
 
 } // namespace cli

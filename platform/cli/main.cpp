@@ -28,8 +28,10 @@ struct Subcommand {
     void (*add)(CLI::App &, cli::Session &);
 };
 
-constexpr std::array<Subcommand, 14> kSubcommands = {{{"allow", cli::addAllow},
+constexpr std::array<Subcommand, 16> kSubcommands = {{{"allow", cli::addAllow},
                                                       {"deny", cli::addDeny},
+                                                      {"remove", cli::addRemove},
+                                                      {"apply", cli::addApply},
                                                       {"exec", cli::addExec},
                                                       {"call", cli::addCall},
                                                       {"check", cli::addCheck},

@@ -16,14 +16,18 @@ namespace cli {
 // Exit statuses, as the help explains them.
 enum ExitStatus : int { kDone = 0, kFailed = 1, kNotCarriedOut = 2, kException = 3 };
 
-// Ends the program with `status` and one line on standard error.
+// Ends the program with `status` and one line on standard error. A program that has asked for JSON gets `findings`,
+// too, a JSON array, where it is not empty.
 class Exit : public std::runtime_error {
 public:
-    Exit(ExitStatus status, const std::string &line) : std::runtime_error(line), status_(status) {}
+    Exit(ExitStatus status, const std::string &line, const std::string &findings = {})
+        : std::runtime_error(line), status_(status), findings_(findings) {}
     ExitStatus status() const { return status_; }
+    const std::string &findings() const { return findings_; }
 
 private:
     ExitStatus status_;
+    std::string findings_;
 };
 
 // One run of the program.
@@ -69,6 +73,8 @@ void addApplyStatus(CLI::App &app, Session &session);
 void addReload(CLI::App &app, Session &session);
 void addRules(CLI::App &app, Session &session);
 void addReports(CLI::App &app, Session &session);
+void addApply(CLI::App &app, Session &session);
+void addRemove(CLI::App &app, Session &session);
 void addHistory(CLI::App &app, Session &session);
 void addDiff(CLI::App &app, Session &session);
 

@@ -1,7 +1,6 @@
 #include "host/rule-difference.h"
 
 #include <algorithm>
-#include <array>
 #include <vector>
 
 namespace host {
@@ -64,27 +63,9 @@ std::size_t commonLines(std::string_view one, std::string_view other) {
     return end == std::string_view::npos ? 0 : end + 1;
 }
 
-std::string safe(const std::string &field) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    std::string text;
-    for (const char c : field) {
-        const auto byte = static_cast<unsigned char>(c);
-        if (byte >= 0x20 && byte != 0x7f && c != '%')
-            text += c;
-        else
-            text.append({'%', kDigits[byte >> 4U], kDigits[byte & 0xfU]});
-    }
-    return text;
-}
-
 } // namespace
 
-std::string ruleLine(const StoredRule &rule) {
-    rules::Rule shown = rule.rule;
-    for (std::string *field : {&shown.protocol, &shown.address, &shown.port})
-        *field = safe(*field);
-    return (rule.allowed ? "allow " : "deny ") + rules::textOf(shown) + "\n";
-}
+std::string ruleLine(const StoredRule &rule) { return rules::lineOf(rule.rule, rule.allowed) + "\n"; }
 
 // Most of what is compared is one list that has grown at its end: only the rest is sorted.
 std::string differenceBetween(std::string_view before, std::string_view after) {

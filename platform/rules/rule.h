@@ -17,6 +17,10 @@ struct Rule {
 // The rule as one writes it, with all four fields: "tcp:10.0.0.5:8000-8080:out", "*:10.0.0.5:*:bid".
 std::string textOf(const Rule &rule);
 
+// The same with what is to become of it, as lists and the history have it: "deny tcp:10.0.0.5:80:out". Control
+// characters and "%" that somebody has put into the database are %XX.
+std::string lineOf(const Rule &rule, bool allowed);
+
 } // namespace rules
 
 #endif
