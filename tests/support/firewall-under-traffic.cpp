@@ -250,6 +250,24 @@ Round Firewall::reinitialise(std::size_t number) {
     return round;
 }
 
+void Firewall::replaceRules(std::size_t round) {
+    const std::string other = "10." + std::to_string(round % 2 == 0 ? 3 : 5) + ".";
+    const std::string measured = "udp:" + destinations_[kAllowed];
+    std::string list;
+    for (const auto &rule : fillers(allowed_.size(), other))
+        list += "allow " + rule + "\n";
+    list +=
+        "allow " + measured + ":4711:out\ndeny udp:" + destinations_[kDenied] + ":*:out\ndeny " + measured + ":*:out\n";
+    for (const auto &rule : fillers(denied_.size(), "10." + std::to_string(round % 2 == 0 ? 4 : 6) + "."))
+        list += "deny " + rule + "\n";
+    stream_->mark("round " + std::to_string(round) + ": the rules are replaced");
+    const auto result = system_.control({"apply", "-"}, list);
+    stream_->mark("round " + std::to_string(round) + ": the rules were replaced");
+    const std::string others = std::to_string(allowed_.size() + denied_.size());
+    require(result.status == 0 && result.output == "+" + others + " −" + others + ", 3 kept\n",
+            "vpkctl apply: " + result.output + result.errors);
+}
+
 void Firewall::reinitialiseOneByOne() {
     std::vector<std::string> commands{"-F VPK-ALLOW", "-F VPK-DENY"};
     for (const char *action : {"-D", "-A"}) {

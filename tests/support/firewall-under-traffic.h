@@ -43,6 +43,9 @@ public:
     Round reinitialise(std::size_t round);
     // The same for comparison: the same commands, each by a run of iptables, and nothing disturbed before.
     void reinitialiseOneByOne();
+    // Has all rules but those about the two addresses replaced by others, with one vpkctl apply; by the number of the
+    // round, they are others than the round before.
+    void replaceRules(std::size_t round);
     traffic::Report endTraffic();
 
     // So many rounds do all that reinitialise() can do.

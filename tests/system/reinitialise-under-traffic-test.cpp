@@ -44,7 +44,19 @@ TEST_F(ReinitialiseUnderTraffic, NeitherLeaksNorLosesAPacket) {
     EXPECT_EQ(report.flows[kAllowed].lost(), 0U) << report.lossesOf(kAllowed);
 }
 
-// What the test above would show of a firewall that is open for a while.
+TEST_F(ReinitialiseUnderTraffic, NeitherLeaksNorLosesAPacketWhileRulesAreReplaced) {
+    constexpr std::size_t kRounds = 10;
+    undertraffic::Firewall firewall(1'000);
+    firewall.beginTraffic(kPerSecond);
+    for (std::size_t round = 0; round < kRounds; ++round)
+        firewall.replaceRules(round);
+    const traffic::Report report = firewall.endTraffic();
+    expectRate(report);
+    EXPECT_EQ(report.flows[kDenied].leaked(), 0U) << report.leaksOf(kDenied);
+    EXPECT_EQ(report.flows[kAllowed].lost(), 0U) << report.lossesOf(kAllowed);
+}
+
+// What the first test would show of a firewall that is open for a while.
 TEST_F(ReinitialiseUnderTraffic, LeaksAndLosesPacketsWhenDoneOneCommandAtATime) {
     undertraffic::Firewall firewall(50);
     firewall.beginTraffic(kPerSecond);
