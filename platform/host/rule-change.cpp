@@ -25,6 +25,8 @@ using mavo::database::Statement;
 using mavo::rmi::BadArguments;
 
 constexpr std::size_t kMostNamed = 10;
+// With more, to say what stays is less work for the service than to look for each that goes.
+constexpr std::size_t kFewRemoved = 32;
 constexpr std::string_view kAllowWord = "allow ";
 constexpr std::string_view kDenyWord = "deny ";
 
@@ -98,7 +100,7 @@ RuleChange changeOf(const std::vector<RuleRow> &stored, const std::vector<bool> 
     RuleChange change;
     for (std::size_t at = 0; at < stored.size(); ++at) {
         if (marked[at] == keepsMarked)
-            ++change.kept;
+            change.staying.push_back(stored[at].rule);
         else
             change.removed.push_back(stored[at]);
     }
@@ -138,23 +140,32 @@ void requireCount(Connection &database, std::int64_t count) {
         throw mavo::Exception("another program has changed the rules meanwhile; nothing was replaced");
 }
 
-void removeRow(Connection &database, std::int64_t row) {
-    Statement statement(database, std::string("DELETE FROM ") + kRuleTable + " WHERE rowid = ?");
-    statement.bind(1, static_cast<long long>(row));
+void execute(Statement &statement) {
     if (!statement.exec())
         throw mavo::Exception(statement.getErrorMessage());
 }
 
-void addRow(Connection &database, const StoredRule &rule) {
+void removeRows(const RuleChange &change, Connection &database) {
+    if (change.staying.empty())
+        return run(database, std::string("DELETE FROM ") + kRuleTable);
+    Statement statement(database, std::string("DELETE FROM ") + kRuleTable + " WHERE rowid = ?");
+    for (const auto &row : change.removed) {
+        statement.bind(1, static_cast<long long>(row.row));
+        execute(statement);
+    }
+}
+
+void addRows(const RuleChange &change, Connection &database) {
     Statement statement(database,
                         std::string("INSERT INTO ") + kRuleTable + "(" + kRuleColumns + ") VALUES(?, ?, ?, ?, ?)");
-    statement.bind(1, rule.rule.protocol);
-    statement.bind(2, rule.rule.address);
-    statement.bind(3, rule.rule.port);
-    statement.bind(4, rule.rule.direction);
-    statement.bind(5, rule.allowed ? 1 : 0);
-    if (!statement.exec())
-        throw mavo::Exception(statement.getErrorMessage());
+    for (const auto &rule : change.added) {
+        statement.bind(1, rule.rule.protocol);
+        statement.bind(2, rule.rule.address);
+        statement.bind(3, rule.rule.port);
+        statement.bind(4, rule.rule.direction);
+        statement.bind(5, rule.allowed ? 1 : 0);
+        execute(statement);
+    }
 }
 
 } // namespace
@@ -201,22 +212,26 @@ RuleChange removalOf(std::string_view list, const std::vector<RuleRow> &stored) 
 }
 
 void forEachCommandOf(const RuleChange &change, const std::function<void(std::string_view options)> &each) {
-    for (const auto &row : change.removed)
-        rules::forEachCommandOf(row.rule.rule, row.rule.allowed,
-                                [&each](std::string_view options) { each("-D" + std::string(options.substr(2))); });
-    for (const auto &rule : change.added)
-        rules::forEachCommandOf(rule.rule, rule.allowed, each);
+    const auto append = [&each](const StoredRule &rule) { rules::forEachCommandOf(rule.rule, rule.allowed, each); };
+    if (change.removed.size() > kFewRemoved) {
+        for (const char *chain : {kAllowChain, kDenyChain})
+            each("-F " + std::string(chain));
+        std::for_each(change.staying.begin(), change.staying.end(), append);
+    } else {
+        for (const auto &row : change.removed)
+            rules::forEachCommandOf(row.rule.rule, row.rule.allowed,
+                                    [&each](std::string_view options) { each("-D" + std::string(options.substr(2))); });
+    }
+    std::for_each(change.added.begin(), change.added.end(), append);
 }
 
 void carryOut(const RuleChange &change, Connection &database) {
     run(database, kMakeRuleTable);
-    requireCount(database, change.kept + static_cast<std::int64_t>(change.removed.size()));
-    for (const auto &row : change.removed)
-        removeRow(database, row.row);
-    requireCount(database, change.kept);
-    for (const auto &rule : change.added)
-        addRow(database, rule);
-    requireCount(database, change.kept + static_cast<std::int64_t>(change.added.size()));
+    requireCount(database, change.kept() + static_cast<std::int64_t>(change.removed.size()));
+    removeRows(change, database);
+    requireCount(database, change.kept());
+    addRows(change, database);
+    requireCount(database, change.kept() + static_cast<std::int64_t>(change.added.size()));
 }
 
 std::string changeDocument(const RuleChange &change) {
@@ -226,7 +241,7 @@ std::string changeDocument(const RuleChange &change) {
         document["added"].append(lineOf(rule));
     for (const auto &row : change.removed)
         document["removed"].append(lineOf(row.rule));
-    document["kept"] = Json::Int64(change.kept);
+    document["kept"] = Json::Int64(change.kept());
     return writeJson(document);
 }
 

@@ -22,8 +22,9 @@ struct RuleRow {
 struct RuleChange {
     std::vector<RuleRow> removed;
     std::vector<StoredRule> added;
-    std::int64_t kept = 0;
+    std::vector<StoredRule> staying; // in their order
 
+    std::int64_t kept() const { return static_cast<std::int64_t>(staying.size()); }
     bool isEmpty() const { return removed.empty() && added.empty(); }
 };
 
@@ -38,7 +39,8 @@ RuleChange changeTo(std::string_view list, const std::vector<RuleRow> &stored);
 // not there.
 RuleChange removalOf(std::string_view list, const std::vector<RuleRow> &stored);
 
-// The commands by which the kernel would get the change, those that remove first.
+// The commands by which the kernel would get the change, those that remove first: of many, by emptying both chains and
+// appending what stays, too.
 void forEachCommandOf(const RuleChange &change, const std::function<void(std::string_view options)> &each);
 
 // Makes the change in a database of the plugin's, an empty one included. Throws mavo::Exception where that fails, and

@@ -22,35 +22,32 @@ namespace {
 constexpr std::chrono::milliseconds kRehearsalTimeout{60'000};
 constexpr std::size_t kMostRefusalsTold = 10;
 
-bool removes(const rlv::FailedCommand &command) { return command.options.compare(0, 3, "-D ") == 0; }
-
-// The rule, as the history shows it, that makes this command; the command where there is none.
+// The new rule, as the history shows it, that makes this command; empty where there is none.
 std::string ruleOf(const RuleChange &change, const std::string &command) {
     for (const auto &rule : change.added) {
         bool makesIt = false;
         rules::forEachCommandOf(rule.rule, rule.allowed,
                                 [&](std::string_view options) { makesIt = makesIt || options == command; });
-        if (makesIt) {
-            std::string line = ruleLine(rule);
-            line.pop_back();
-            return line;
-        }
+        if (makesIt)
+            return rules::lineOf(rule.rule, rule.allowed);
     }
-    return command;
+    return {};
 }
 
-// What is not there need not be removed.
+// What is not there need not be removed, and what stays stays, refused or not.
 std::string refusals(const rlv::Rehearsal &rehearsal, const RuleChange &change) {
     std::string text;
-    std::uint64_t count = rehearsal.refusedBeyondList;
+    std::uint64_t count = 0;
     for (const auto &command : rehearsal.refused) {
-        if (removes(command) || ++count > kMostRefusalsTold)
+        const std::string rule = count < kMostRefusalsTold ? ruleOf(change, command.options) : std::string();
+        if (rule.empty())
             continue;
-        text += (text.empty() ? "" : "; ") + ruleOf(change, command.options) + ": " + command.message;
+        ++count;
+        text += (text.empty() ? "" : "; ") + rule + ": " + command.message;
     }
-    if (count > kMostRefusalsTold || (text.empty() && count > 0))
-        text += "; in all " + std::to_string(count) + " commands";
-    return text;
+    if (rehearsal.refusedBeyondList == 0 && count < kMostRefusalsTold)
+        return text;
+    return text + (text.empty() ? "" : "; ") + "and more";
 }
 
 // Throws where it refuses something, or does not answer.

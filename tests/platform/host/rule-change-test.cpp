@@ -55,7 +55,7 @@ TEST(AChangeOfRules, IsWhatIsNotThereAndWhatIsNotWanted) {
 TEST(AChangeOfRules, TakesEachFormOfARule) {
     const auto change = changeTo("allow tcp:10.0.0.1:80:IN\ndeny udp:10.0.0.2:\ndeny tcp:*:8000-8080:out", kStored);
     EXPECT_TRUE(change.isEmpty());
-    EXPECT_EQ(change.kept, 3);
+    EXPECT_EQ(change.kept(), 3);
 }
 
 TEST(AChangeOfRules, KnowsOneRuleForEachProtocolAddressAndPort) {
@@ -67,6 +67,15 @@ TEST(AChangeOfRules, KnowsOneRuleForEachProtocolAddressAndPort) {
                 HasSubstr("line 2 is refused, and the list with it: \"allow tcp:10.1.1.1:1:bid\" cannot be stored "
                           "beside \"deny tcp:10.1.1.1:1:bid\" of line 1"));
     EXPECT_THAT(refusal("deny tcp:10.1.1.1:1:in\ndeny tcp:10.1.1.1:1:out\n"), HasSubstr("line 2 is refused"));
+}
+
+TEST(AChangeOfRules, EmptiesTheChainsWhereMuchGoes) {
+    std::vector<RuleRow> many = kStored;
+    for (int i = 0; i < 33; ++i)
+        many.push_back({6 + i, {{"tcp", "10.9.0." + std::to_string(i), "", 1}, false}});
+    EXPECT_THAT(commandsOf(changeTo("deny tcp:10.0.0.9:22:in\nallow tcp:10.0.0.1:80:in\n", many)),
+                ElementsAre("-F VPK-ALLOW", "-F VPK-DENY", "-A VPK-ALLOW -p tcp -s 10.0.0.1 --sport 80 -j ACCEPT",
+                            "-A VPK-DENY -p tcp -s 10.0.0.9 --sport 22 -j VPK-LOGANDDROP"));
 }
 
 TEST(AChangeOfRules, RemovesAllWhereTheListIsEmpty) {
@@ -98,7 +107,7 @@ TEST(AChangeOfRules, KeepsWhatIsStoredByItsLineWhateverItIs) {
 TEST(ARemovalOfRules, TakesThemOutAllOrNone) {
     const auto change = removalOf("deny udp:10.0.0.2:*:bid\nallow tcp:10.0.0.1:80:in", kStored);
     EXPECT_EQ(change.removed.size(), 2U);
-    EXPECT_EQ(change.kept, 1);
+    EXPECT_EQ(change.kept(), 1);
     EXPECT_THAT(change.added, IsEmpty());
     EXPECT_EQ(refusal("deny udp:10.0.0.2:*:bid\ndeny udp:10.0.0.3:*:bid\n", removalOf),
               "not stored: \"deny udp:10.0.0.3:*:bid\"; nothing was removed");
