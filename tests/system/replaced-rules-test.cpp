@@ -1,17 +1,14 @@
 // Rules taken out and replaced, as a person does it.
-#include <algorithm>
-#include <fstream>
-#include <set>
+#include <sstream>
+#include <unistd.h>
 
 #include "system/system-test.h"
 
 namespace {
 
-using systemtest::Row;
 using systemtest::Rows;
 using systemtest::storedRules;
 using testing::AllOf;
-using testing::ElementsAre;
 using testing::HasSubstr;
 
 class ReplacedRules : public systemtest::RunningSystemTest {

@@ -11,7 +11,6 @@ namespace {
 
 using namespace protecteddatabase;
 using mavo::database::Exchange;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 void replaceOne(Connection &copy) {
