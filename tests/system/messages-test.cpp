@@ -28,12 +28,13 @@ TEST_F(Messages, NameTheFirstWordThatIsWrongAndWhatWasMeant) {
                 HasSubstr(R"("stauts" is no subcommand; did you mean "status"? (subcommands: allow)"));
     EXPECT_THAT(errors(2, {"block", "10.0.0.5"}),
                 HasSubstr(R"("block" is no subcommand; this is: vpkctl deny tcp:10.0.0.5:80:out)"));
-    EXPECT_THAT(errors(2, {"xyzzy"}), HasSubstr(R"("xyzzy" is no subcommand (subcommands: allow, deny, exec, call, )"));
+    EXPECT_THAT(errors(2, {"xyzzy"}),
+                HasSubstr(R"("xyzzy" is no subcommand (subcommands: allow, deny, remove, apply, exec, call, )"));
     EXPECT_THAT(errors(2, {"ApplyDenyRules"}), HasSubstr("a command of the plugin: vpkctl exec ApplyDenyRules"));
     EXPECT_THAT(errors(2, {"status", "--jsn"}), HasSubstr(R"("--jsn" is no option of status; did you mean "--json"?)"));
     EXPECT_THAT(errors(2, {"exec", "ApplyDenyRules", "tcp:192.0.2.1:80", "udp:*:53"}),
                 HasSubstr(R"("udp:*:53" is one word too many for exec; data is one word: rules are joined by ";")"));
-    EXPECT_THAT(errors(2, {}), HasSubstr("A subcommand is required: allow, deny, exec, call, "));
+    EXPECT_THAT(errors(2, {}), HasSubstr("A subcommand is required: allow, deny, remove, apply, exec, call, "));
     EXPECT_THAT(errors(2, {"exec"}), HasSubstr("exec: COMMAND is required: ApplyAllowRules, ApplyDenyRules, "));
 }
 

@@ -10,9 +10,9 @@ constexpr std::string_view kDigits = "0123456789abcdefghijklmnopqrstuvwxyz";
 constexpr std::size_t kMaxDigits = 4;
 constexpr std::size_t kCodeDigits = 2;
 // So that a copy is small, as the numbers that are given out are.
-constexpr std::uint64_t kSmall = 65'536;
+constexpr std::size_t kSmall = 65'536;
 
-std::string digitsOf(std::uint64_t number) {
+std::string digitsOf(std::size_t number) {
     std::string digits;
     for (; number > 0; number /= kDigits.size())
         digits.insert(digits.begin(), kDigits[static_cast<std::size_t>(number % kDigits.size())]);
@@ -20,8 +20,8 @@ std::string digitsOf(std::uint64_t number) {
 }
 
 // Of a name that is one.
-std::uint64_t numberOf(std::string_view subChain) {
-    std::uint64_t number = 0;
+std::size_t numberOf(std::string_view subChain) {
+    std::size_t number = 0;
     for (const char digit : subChain.substr(subChain.find('/') + 1))
         number = number * kDigits.size() + kDigits.find(digit);
     return number;
@@ -77,7 +77,7 @@ void ChainNames::reserve(const std::string &name) {
 }
 
 // False where it was taken before.
-bool ChainNames::take(std::uint64_t number) {
+bool ChainNames::take(std::size_t number) {
     if (number >= kSmall)
         return takenLarge_.insert(number).second;
     if (number >= taken_.size())
@@ -94,7 +94,7 @@ std::string ChainNames::take(const Target &target) {
 }
 
 void ChainNames::release(const std::string &name) {
-    const std::uint64_t number = numberOf(name);
+    const std::size_t number = numberOf(name);
     if (number < taken_.size())
         taken_[number] = false;
     takenLarge_.erase(number);

@@ -43,12 +43,12 @@ public:
     void release(const std::string &name);
 
 private:
-    bool take(std::uint64_t number);
+    bool take(std::size_t number);
 
     std::string chain_;
-    std::vector<bool> taken_;            // by number, where that is small
-    std::set<std::uint64_t> takenLarge_; // and the others
-    std::uint64_t next_ = 1;             // no smaller number is free
+    std::vector<bool> taken_;          // by number, where that is small
+    std::set<std::size_t> takenLarge_; // and the others
+    std::size_t next_ = 1;             // no smaller number is free
 };
 
 } // namespace rlv::shape
