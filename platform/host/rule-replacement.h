@@ -18,16 +18,15 @@ namespace host {
 // What is to be stored takes the place of what is, wholly or not at all. The order, with the plugin at rest between two
 // calls and so without a connection to the database:
 //   1. the traffic-control service rehearses the difference: what it refuses changes nothing;
-//   2. the new content is written beside the old one, checked, and takes its place, in the backup, too
-//   (mavo::database::
-//      Exchange): kept rules keep their order, new ones come behind them;
+//   2. the new content is written beside the old one, checked, and takes its place, in the backup, too, by a
+//      mavo::database::Exchange: kept rules keep their order, new ones come behind them;
 //   3. a plugin is brought up from it, by which the kernel gets the difference in one transaction;
 //   4. where the kernel does not take it, or no plugin comes up, the old content is put back.
 // Whoever is killed anywhere leaves the old rules or the new ones; the next start puts in force what is stored.
 //
 // A list of rules is as in rule-difference.h. What is refused throws mavo::rmi::BadArguments and has changed nothing,
-// as it is while the plugin is disabled, or not up. All else that fails throws std::exception or mavo::database::
-// Unavailable.
+// as it is while the plugin is disabled, or not up. All else that fails throws std::exception or
+// mavo::database::Unavailable.
 class RuleReplacement {
 public:
     // Both must outlive the object.

@@ -14,9 +14,8 @@ namespace database {
 // Changes a copy of a protected database (database-recovery.h), which then takes its place together with the backup,
 // and can be taken back for as long as the object lives. Whoever is killed anywhere leaves the old content or the new
 // one, whole; the backup holds one of the two as well, and refreshBackup() makes it equal. Beside the database lie
-// meanwhile
-// "<path>-new" and "<path>-before". To be used while this process has neither database nor backup open; from its first
-// thread.
+// "<path>-new" and "<path>-before" meanwhile. To be used while this process has neither database nor backup open; from
+// its first thread.
 //
 // All but the destructor throw Unavailable, mavo::Exception or what the system gives for want of memory; until
 // takePlace() has come to its end the old content is in its place then.

@@ -70,7 +70,7 @@ std::optional<std::string> receiveUdp(const support::UniqueFd &socket, Duration 
 // What "iptables -S" shows of the near side, or of one chain there ("-P" and "-N" lines included); empty for a chain
 // that does not exist.
 std::vector<std::string> listRules(const std::string &chain = std::string());
-// The rules of one chain and, where that is long, of its sub-chains ("VPK-DENY.k3/2f"), without "-A chain " and without
+// The rules of one chain and, where that is long, of its sub-chains ("VPK-DENY.j3/2f"), without "-A chain " and without
 // the branches that lead there.
 std::vector<std::string> rulesOf(const std::string &chain);
 // Runs iptables with these words; throws std::runtime_error with its message when it fails.
